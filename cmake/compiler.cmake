@@ -1,0 +1,71 @@
+# What every target of the project is compiled with: `shmnm_options` holds the warnings, the sanitizers and the hardening,
+# `shmnm_library()` makes one of the shared libraries with a fixed file name.
+add_library(shmnm_options INTERFACE)
+target_compile_features(shmnm_options INTERFACE cxx_std_20)
+target_compile_definitions(shmnm_options INTERFACE $<$<BOOL:${WIN32}>:WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0A00>)
+
+if(MSVC)
+    target_compile_options(shmnm_options INTERFACE /W4 /WX /permissive- /Zc:__cplusplus)
+else()
+    target_compile_options(
+        shmnm_options
+        INTERFACE -Wall
+                  -Wextra
+                  -Wpedantic
+                  -Wconversion
+                  -Wsign-conversion
+                  -Wshadow
+                  -Wundef
+                  -Wformat=2
+                  -Wcast-align
+                  -Wcast-qual
+                  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+                  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+                  $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+                  -Werror
+                  -fstack-protector-strong)
+endif()
+
+if(WIN32 AND NOT MSVC)
+    # The C++ run time is part of each file, so that nothing beside the system's own libraries is needed.
+    target_link_options(shmnm_options INTERFACE -static -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat)
+elseif(UNIX)
+    # A unique symbol would keep a library loaded for ever.
+    target_compile_options(shmnm_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+    target_link_options(shmnm_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+    if(SHMNM_SANITIZE)
+        target_compile_options(shmnm_options INTERFACE -fsanitize=${SHMNM_SANITIZE} -fno-sanitize-recover=all
+                                                       -fno-omit-frame-pointer)
+        target_link_options(shmnm_options INTERFACE -fsanitize=${SHMNM_SANITIZE})
+        if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+            # Shared libraries leave the sanitizer's own symbols to the program.
+            target_link_options(shmnm_options INTERFACE -shared-libsan)
+            execute_process(
+                COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-x86_64.so
+                OUTPUT_VARIABLE sanitizer_runtime
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+            get_filename_component(sanitizer_folder ${sanitizer_runtime} DIRECTORY)
+            list(APPEND CMAKE_BUILD_RPATH ${sanitizer_folder})
+        endif()
+    else()
+        target_compile_definitions(shmnm_options
+                                   INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+        target_link_options(shmnm_options INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
+    endif()
+    if(SHMNM_COVERAGE)
+        target_compile_options(shmnm_options INTERFACE --coverage -fprofile-update=atomic -O0)
+        target_link_options(shmnm_options INTERFACE --coverage)
+    endif()
+endif()
+
+# shmnm_library(NAME SOURCE...): the shared library libNAME.so or NAME.dll; its headers lie in include/ of its own folder.
+function(shmnm_library name)
+    add_library(${name} SHARED ${ARGN})
+    target_link_libraries(${name} PRIVATE shmnm_options)
+    target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+    string(TOUPPER ${name} upper)
+    target_compile_definitions(${name} PRIVATE ${upper}_BUILD)
+    if(WIN32)
+        set_target_properties(${name} PROPERTIES PREFIX "")
+    endif()
+endfunction()

@@ -1,0 +1,118 @@
+/**
+ * @file kzmkernel.h
+ * Named shared memory and named mutexes for Linux with the lifetime and ownership that they have in the Windows kernel.
+ *
+ * What holds for every function unless it says otherwise:
+ *  - Failure  null or 0, and the reason as a Windows error number in the thread's last error.
+ *  - Success  of a create leaves the last error at 0 (the object is new) or 183 (it existed); of the others as it was.
+ *  - Handles  belong to the process. A closed or invented one fails with 6.
+ *  - Names    1 to 200 bytes without '/' and control characters, not beginning with a dot.
+ *  - Threads  any thread may call any function.
+ */
+#ifndef KZMKERNEL_H
+#define KZMKERNEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#define KZMKERNEL_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Windows error numbers that the functions of this library leave in the last error. */
+enum {
+    KZMKERNEL_ERROR_FILE_NOT_FOUND = 2,
+    KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES = 4,
+    KZMKERNEL_ERROR_ACCESS_DENIED = 5,
+    KZMKERNEL_ERROR_INVALID_HANDLE = 6,
+    KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY = 8,
+    KZMKERNEL_ERROR_INVALID_PARAMETER = 87,
+    KZMKERNEL_ERROR_DISK_FULL = 112,
+    KZMKERNEL_ERROR_INVALID_NAME = 123,
+    KZMKERNEL_ERROR_ALREADY_EXISTS = 183,
+    KZMKERNEL_ERROR_NOT_OWNER = 288,
+    KZMKERNEL_ERROR_INVALID_ADDRESS = 487
+};
+
+/** Results of kzmkernel_wait(). */
+enum { KZMKERNEL_WAIT_OWNED = 0, KZMKERNEL_WAIT_ABANDONED = 0x80, KZMKERNEL_WAIT_TIMEOUT = 258 };
+#define KZMKERNEL_WAIT_FAILED 0xFFFFFFFFu
+#define KZMKERNEL_INFINITE 0xFFFFFFFFu
+
+/** What can be known of a mutex without owning it; the fields are read one by one, so they may be of different moments. */
+typedef struct kzmkernel_mutex_info {
+    uint32_t owner_process;   /**< process id of the owner; 0: not owned */
+    uint32_t owner_thread;    /**< its thread id */
+    uint64_t owned_since_ns;  /**< CLOCK_REALTIME of the outermost take, nanoseconds since 1970 */
+    uint64_t takeovers;       /**< how often a waiter got it from an owner that had ended */
+    uint64_t last_takeover_ns; /**< CLOCK_REALTIME of the last of these; 0: never */
+} kzmkernel_mutex_info;
+
+/** Creates the named mutex, or opens it when it exists. The caller does not own it. */
+KZMKERNEL_API void *kzmkernel_create_mutex(const char *name);
+
+/** Opens a mutex that exists; 2 when there is none. */
+KZMKERNEL_API void *kzmkernel_open_mutex(const char *name);
+
+/**
+ * Creates a named piece of shared memory, zero-filled, its memory charged at once, or opens the one that exists, whose
+ * size then stays.
+ *
+ * @param[in] protect  4 (read and write)
+ * @param[in] size     bytes; 0 fails with 87
+ */
+KZMKERNEL_API void *kzmkernel_create_mapping(uint32_t protect, uint64_t size, const char *name);
+
+/**
+ * Opens a named piece of shared memory; 2 when there is none.
+ *
+ * @param[in] access  4: for reading; 2, or 0xF001F: for writing too
+ */
+KZMKERNEL_API void *kzmkernel_open_mapping(uint32_t access, const char *name);
+
+/**
+ * Maps a view. It stays valid after the mapping's handle is closed.
+ *
+ * @param[in] access  4: for reading; 2: for writing too (5 when the handle was opened for reading)
+ * @param[in] offset  first byte, a multiple of 65,536
+ * @param[in] length  bytes; 0: to the end
+ */
+KZMKERNEL_API void *kzmkernel_map_view(void *mapping, uint32_t access, uint64_t offset, size_t length);
+
+/** Unmaps a view by the address that kzmkernel_map_view() gave; 487 for any other. @return nonzero on success */
+KZMKERNEL_API int32_t kzmkernel_unmap_view(const void *view);
+
+/** @return the bytes that may be touched from the start of the view, in whole pages; 0: not a view */
+KZMKERNEL_API size_t kzmkernel_view_size(const void *view);
+
+/**
+ * Waits until this thread owns the mutex, for at most `timeout_ms` of the monotonic clock (KZMKERNEL_INFINITE: without
+ * limit). An owner may take it again and releases it as often. A time-out leaves the last error as it was.
+ *
+ * @return KZMKERNEL_WAIT_OWNED, KZMKERNEL_WAIT_ABANDONED (owned, the owner before had ended), KZMKERNEL_WAIT_TIMEOUT or
+ *         KZMKERNEL_WAIT_FAILED
+ */
+KZMKERNEL_API uint32_t kzmkernel_wait(void *mutex, uint32_t timeout_ms);
+
+/** Releases the mutex once; 288 when this thread does not own it. @return nonzero on success */
+KZMKERNEL_API int32_t kzmkernel_release(void *mutex);
+
+/** Closes a handle. A mutex that this thread owns stays owned until the thread ends. @return nonzero on success */
+KZMKERNEL_API int32_t kzmkernel_close(void *handle);
+
+/** Tells who owns a mutex and how often it was taken over. @return nonzero on success */
+KZMKERNEL_API int32_t kzmkernel_mutex_info_get(void *mutex, kzmkernel_mutex_info *info);
+
+KZMKERNEL_API uint32_t kzmkernel_last_error(void);
+KZMKERNEL_API void kzmkernel_set_last_error(uint32_t error);
+
+/** Suspends this thread for that long, signals notwithstanding. */
+KZMKERNEL_API void kzmkernel_sleep(uint32_t milliseconds);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

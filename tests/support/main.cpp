@@ -1,0 +1,20 @@
+// The main() of every test program. Kernel objects get a namespace of this run's own before anything is loaded, so that
+// tests never meet each other or an installation: a program without one starts itself again with one.
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "support/child.h"
+#include "support/child_main.h"
+#include "support/child_platform.h"
+
+int main(int argc, char** argv) {
+    if (!std::getenv("KZMUTIL_NAMESPACE")) {
+        test::set_environment("KZMUTIL_NAMESPACE", ("test-" + std::to_string(test::process_id()) + "-").c_str());
+        return test::run_again(argc, argv);
+    }
+    if (test::run_as_child(argc, argv)) return 0;
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,29 @@
+// A folder that lives as long as its object, and small files in it.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace test {
+
+class TemporaryFolder {
+  public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::string string() const { return path_.string(); }
+    /// Writes a file, and the folders above it.
+    void write(const std::filesystem::path& name, std::string_view contents) const;
+
+  private:
+    std::filesystem::path path_;
+};
+
+/// A file's contents, byte for byte; empty when there is none.
+std::string contents_of(const std::filesystem::path& file);
+
+}  // namespace test
