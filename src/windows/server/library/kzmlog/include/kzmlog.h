@@ -28,15 +28,16 @@ extern "C" {
  * @param[in]  module   names the file: letters, digits, '-', '_' and '.', at most 31 bytes
  * @param[out] log      receives the handle; null after a failure
  * @param[in]  level    a message is written when its own level is not above this one
- * @param[in]  size     bytes at which the file is rotated; 0: never. Three older generations are kept (.1 is the youngest)
+ * @param[in]  size     bytes at which the file is rotated; 0: never. Three older generations are kept (.1 is the
+ * youngest)
  * @param[in]  flags    reserved: 0
  * @param[in]  channel  names the lock that rotation takes
  */
-KZMLOG_API int32_t kzmlog_open(const char *module, void **log, uint32_t level, uint32_t size, uint32_t flags,
-                               const char *channel);
+KZMLOG_API int32_t kzmlog_open(const char* module, void** log, uint32_t level, uint32_t size, uint32_t flags,
+                               const char* channel);
 
 /** Closes the log. Writes that other threads make at that moment are either written whole or dropped. */
-KZMLOG_API int32_t kzmlog_close(void *log);
+KZMLOG_API int32_t kzmlog_close(void* log);
 
 /**
  * Writes one line: time, process and thread id, level, function, file:line, message. Control characters are escaped.
@@ -53,8 +54,8 @@ KZMLOG_API int32_t kzmlog_close(void *log);
  * @param[in] message   the finished message
  * @return 0 written or dropped by its level; 6 not an open log; other numbers: lost
  */
-KZMLOG_API int32_t kzmlog_write(void *log, uint32_t level, uint32_t flags, const char *file, int32_t line,
-                                const char *function, const char *message);
+KZMLOG_API int32_t kzmlog_write(void* log, uint32_t level, uint32_t flags, const char* file, int32_t line,
+                                const char* function, const char* message);
 
 #ifdef __cplusplus
 }

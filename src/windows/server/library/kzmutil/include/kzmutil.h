@@ -31,9 +31,10 @@ extern "C" {
  *
  * @param[in] flags  reserved: 0
  * @param[in] name   NUL-terminated, at least one byte, without the namespace
- * @return the mutex, or null: 87 a bad argument, 5 a foreign object of that name, other numbers as the kernel gives them
+ * @return the mutex, or null: 87 a bad argument, 5 a foreign object of that name, other numbers as the kernel gives
+ * them
  */
-KZMUTIL_API void *KzmutilCreateNamedMutex(uint32_t flags, const char *name);
+KZMUTIL_API void* KzmutilCreateNamedMutex(uint32_t flags, const char* name);
 
 /**
  * Creates a named piece of shared memory, zero-filled, or opens the one that exists, whatever its size.
@@ -45,8 +46,8 @@ KZMUTIL_API void *KzmutilCreateNamedMutex(uint32_t flags, const char *name);
  * @param[in] name       NUL-terminated, at least one byte, without the namespace
  * @return the mapping, or null
  */
-KZMUTIL_API void *KzmutilCreateNamedFileMapping(void *file, uint32_t protect, uint32_t size_high, uint32_t size_low,
-                                                const char *name);
+KZMUTIL_API void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, uint32_t size_high, uint32_t size_low,
+                                                const char* name);
 
 /**
  * Opens a named piece of shared memory.
@@ -56,17 +57,18 @@ KZMUTIL_API void *KzmutilCreateNamedFileMapping(void *file, uint32_t protect, ui
  * @param[in] name     NUL-terminated, at least one byte, without the namespace
  * @return the mapping, or null: 2 when there is none
  */
-KZMUTIL_API void *KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, const char *name);
+KZMUTIL_API void* KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, const char* name);
 
 /**
  * Gives the folder that the installation lies in: KZM_INSTALL_PATH, an environment variable, or, while that is unset or
- * empty, the parent of the folder that holds this library's own file. It does not end with a separator, except for a root.
+ * empty, the parent of the folder that holds this library's own file. It does not end with a separator, except for a
+ * root.
  *
  * @param[out] path  receives the path with its NUL
  * @param[in]  size  bytes that `path` can hold
  * @return nonzero on success; 0 when `path` is null (87) or too small (122), which leaves it unchanged
  */
-KZMUTIL_API int32_t KzmutilGetInstallPath(char *path, uint32_t size);
+KZMUTIL_API int32_t KzmutilGetInstallPath(char* path, uint32_t size);
 
 #ifdef __cplusplus
 }

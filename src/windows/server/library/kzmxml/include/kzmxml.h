@@ -35,13 +35,13 @@ enum {
 extern "C" {
 #endif
 
-KZMXML_API int32_t xmllib_init(const char *module);
+KZMXML_API int32_t xmllib_init(const char* module);
 KZMXML_API int32_t xmllib_term(void);
 KZMXML_API int32_t xmllib_load_config(int32_t flags);
 KZMXML_API int32_t xmllib_unload_config(void);
-KZMXML_API int32_t xmllib_load_policy(const char *policy);
-KZMXML_API int32_t xmllib_unload_policy(const char *policy);
-KZMXML_API int32_t xmllib_get_value(const char *path, int32_t type, void *value, int32_t *length);
+KZMXML_API int32_t xmllib_load_policy(const char* policy);
+KZMXML_API int32_t xmllib_unload_policy(const char* policy);
+KZMXML_API int32_t xmllib_get_value(const char* path, int32_t type, void* value, int32_t* length);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,92 @@
+// The header's values: the three maximum values, the hb info pair, and four state words. Stored and read, never
+// interpreted.
+#include "frame.h"
+
+namespace shmnm {
+namespace {
+
+uint32_t set_max_values(const Call& call, const Region& region, int32_t servers, int32_t hb, int32_t np) {
+    if (servers < 1 || hb < 1 || np < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    store(region.header().max_servers, servers);
+    store(region.header().max_hb, hb);
+    store(region.header().max_np, np);
+    return SHMNM_OK;
+}
+
+uint32_t get_max_values(const Call& call, const Region& region, uint32_t* servers, uint32_t* hb, uint32_t* np) {
+    if (!servers || !hb || !np) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    *servers = static_cast<uint32_t>(load(region.header().max_servers));
+    *hb = static_cast<uint32_t>(load(region.header().max_hb));
+    *np = static_cast<uint32_t>(load(region.header().max_np));
+    return SHMNM_OK;
+}
+
+uint32_t set_hb_info(const Call& call, const Region& region, int32_t a, int32_t b) {
+    if (a < 1 || b < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    store(region.header().hbinfo_a, a);
+    store(region.header().hbinfo_b, b);
+    return SHMNM_OK;
+}
+
+uint32_t get_hb_info(const Call& call, const Region& region, uint32_t* a, uint32_t* b) {
+    if (!a || !b) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    *a = static_cast<uint32_t>(load(region.header().hbinfo_a));
+    *b = static_cast<uint32_t>(load(region.header().hbinfo_b));
+    return SHMNM_OK;
+}
+
+using Word = uint32_t shmnm_header::*;
+
+uint32_t set_word(const Call&, const Region& region, Word word, uint32_t value) {
+    store(region.header().*word, value);
+    return SHMNM_OK;
+}
+
+uint32_t get_word(const Call& call, const Region& region, Word word, uint32_t* value) {
+    if (!value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    *value = load(region.header().*word);
+    return SHMNM_OK;
+}
+
+}  // namespace
+}  // namespace shmnm
+
+using namespace shmnm;
+
+uint32_t shmnm_setmaxvalue_ex(int32_t servers, int32_t hb, int32_t np) {
+    return framed<set_max_values>("_setmaxvalue_ex", servers, hb, np);
+}
+uint32_t shmnm_getmaxvalue_ex(uint32_t* servers, uint32_t* hb, uint32_t* np) {
+    return framed<get_max_values>("_getmaxvalue_ex", servers, hb, np);
+}
+uint32_t shmnm_sethbinfo_ex(int32_t a, int32_t b) {
+    return framed<set_hb_info>("_sethbinfo_ex", a, b);
+}
+uint32_t shmnm_gethbinfo_ex(uint32_t* a, uint32_t* b) {
+    return framed<get_hb_info>("_gethbinfo_ex", a, b);
+}
+
+uint32_t shmnm_setwaitstat(uint32_t value) {
+    return framed<set_word>("_setwaitstat", &shmnm_header::waitstat, value);
+}
+uint32_t shmnm_getwaitstat(uint32_t* value) {
+    return framed<get_word>("_getwaitstat", &shmnm_header::waitstat, value);
+}
+uint32_t shmnm_setbwflag(uint32_t value) {
+    return framed<set_word>("_setbwflag", &shmnm_header::bwflag, value);
+}
+uint32_t shmnm_getbwflag(uint32_t* value) {
+    return framed<get_word>("_getbwflag", &shmnm_header::bwflag, value);
+}
+uint32_t shmnm_setbwflagdisk(uint32_t value) {
+    return framed<set_word>("_setbwflagdisk", &shmnm_header::bwflagdisk, value);
+}
+uint32_t shmnm_getbwflagdisk(uint32_t* value) {
+    return framed<get_word>("_getbwflagdisk", &shmnm_header::bwflagdisk, value);
+}
+uint32_t shmnm_setclstat(uint32_t value) {
+    return framed<set_word>("shmnm_setclstat", &shmnm_header::clstat, value);
+}
+uint32_t shmnm_getclstat(uint32_t* value) {
+    return framed<get_word>("shmnm_getclstat", &shmnm_header::clstat, value);
+}

@@ -1,0 +1,57 @@
+#include "configuration.h"
+
+#include "frame.h"
+#include "kzmutil.h"
+#include "kzmxml.h"
+
+namespace shmnm {
+namespace {
+
+constexpr int32_t type_integer = 1;
+
+/// Logs what a call of the configuration library returned, unless it is 0. @return whether it was 0
+template <typename... Context>
+bool expect_success(const Call& call, int32_t result, const Message& message, Context... context) {
+    if (result != 0) call.log(Level::error, message, context..., result);
+    return result == 0;
+}
+
+uint32_t read_counts(const Call& call, Counts& counts) {
+    char install_path[1024];
+    if (!KzmutilGetInstallPath(install_path, sizeof install_path)) {
+        return call.fail(SHMNM_ERR_INSTALLPATH, "KzmutilGetInstallPath() failed.");
+    }
+    if (!expect_success(call, xmllib_load_policy("all"), "xmllib_load_policy(all) failed(ret:%d)")) return SHMNM_OK;
+    const struct {
+        const char* path;
+        int32_t& count;
+    } keys[] = {{"/root/all/num/server", counts.servers},
+                {"/root/all/num/hbr", counts.hb},
+                {"/root/all/num/npr", counts.np},
+                {"/root/all/num/fstr", counts.fst}};
+    for (const auto& [path, count] : keys) {
+        expect_success(call, read_count(path, count), "xmllib_get_value(%s) failed(ret:%d)", path);
+    }
+    expect_success(call, xmllib_unload_policy("all"), "xmllib_unload_policy(all) failed(ret:%d)");
+    // Nothing is read under this policy here; loading and unloading it, whatever the load says, is deliberate.
+    expect_success(call, xmllib_load_policy("shmnm"), "xmllib_load_policy(shmnm) failed(ret:%d)");
+    expect_success(call, xmllib_unload_policy("shmnm"), "xmllib_unload_policy(shmnm) failed(ret:%d)");
+    return SHMNM_OK;
+}
+
+}  // namespace
+
+int32_t read_count(const char* path, int32_t& value) {
+    int32_t read = 0, length = sizeof read;
+    const int32_t result = xmllib_get_value(path, type_integer, &read, &length);
+    if (result == 0) value = read;
+    return result;
+}
+
+uint32_t load_counts(Counts& counts) {
+    const Call call{"_loadinfo"};
+    call.enter();
+    return call.leave(read_counts(call, counts));
+}
+
+}  // namespace shmnm

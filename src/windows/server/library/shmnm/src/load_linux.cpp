@@ -1,0 +1,26 @@
+// The library is loaded into a process and unloaded from it: constructor and destructor of the shared object.
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "frame.h"
+#include "kernel.h"
+
+namespace {
+
+constexpr int status_not_loaded = 127;  // as the dynamic loader ends a program that lacks a library
+
+[[gnu::constructor]] void process_attach() {
+    if (shmnm::load_library()) return;
+    char line[128];
+    const int length = std::snprintf(line, sizeof line, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error %u)\n",
+                                     shmnm::kernel::last_error());
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
+    _exit(status_not_loaded);
+}
+
+[[gnu::destructor]] void process_detach() {
+    shmnm::unload_library();
+}
+
+}  // namespace
