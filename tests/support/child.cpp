@@ -52,17 +52,27 @@ void Child::tell(uint64_t number) {
     if (!process_->write(&number, sizeof number)) throw std::runtime_error("the child does not listen");
 }
 
-void Child::kill() { process_->kill(); }
-int Child::wait() { return process_->wait(); }
-uint32_t Child::process_id() const { return process_->id(); }
+void Child::kill() {
+    process_->kill();
+}
+int Child::wait() {
+    return process_->wait();
+}
+uint32_t Child::process_id() const {
+    return process_->id();
+}
 
 Child start(const ChildBody& body, std::string_view argument) {
     return Child(start_process({"--child", body.name, std::string(argument)}));
 }
 
-const std::string& argument() { return own_argument; }
+const std::string& argument() {
+    return own_argument;
+}
 
-void report(uint64_t number) { write_to_parent(&number, sizeof number); }
+void report(uint64_t number) {
+    write_to_parent(&number, sizeof number);
+}
 
 void report_text(std::string_view text) {
     report(text.size());
@@ -97,6 +107,8 @@ ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : name
     set_environment(name, value);
 }
 
-ScopedEnvironment::~ScopedEnvironment() { set_environment(name_.c_str(), was_set_ ? old_value_.c_str() : nullptr); }
+ScopedEnvironment::~ScopedEnvironment() {
+    set_environment(name_.c_str(), was_set_ ? old_value_.c_str() : nullptr);
+}
 
 }  // namespace test

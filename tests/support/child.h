@@ -16,8 +16,8 @@ struct ChildBody {
     void (*run)();
 };
 
-#define CHILD(name)                                  \
-    static void name##_in_child();                   \
+#define CHILD(name)                                              \
+    static void name##_in_child();                               \
     static const ::test::ChildBody name{#name, name##_in_child}; \
     static void name##_in_child()
 

@@ -105,9 +105,15 @@ int run_again(int, char** argv) {
     return 127;
 }
 
-bool read_from_parent(void* data, size_t size) { return read_whole(STDIN_FILENO, data, size); }
-bool write_to_parent(const void* data, size_t size) { return write_whole(STDOUT_FILENO, data, size); }
-void end_process(int status) { _exit(status); }
+bool read_from_parent(void* data, size_t size) {
+    return read_whole(STDIN_FILENO, data, size);
+}
+bool write_to_parent(const void* data, size_t size) {
+    return write_whole(STDOUT_FILENO, data, size);
+}
+void end_process(int status) {
+    _exit(status);
+}
 
 void set_environment(const char* name, const char* value) {
     if (value) {
@@ -117,6 +123,8 @@ void set_environment(const char* name, const char* value) {
     }
 }
 
-uint32_t process_id() { return static_cast<uint32_t>(getpid()); }
+uint32_t process_id() {
+    return static_cast<uint32_t>(getpid());
+}
 
 }  // namespace test

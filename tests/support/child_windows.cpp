@@ -75,7 +75,8 @@ class WindowsProcess final : public Child::Process {
     explicit WindowsProcess(const std::vector<std::string>& arguments) {
         SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
         HANDLE child_input = nullptr, child_output = nullptr;
-        if (!CreatePipe(&child_input, &input_, &inheritable, 0) || !CreatePipe(&output_, &child_output, &inheritable, 0)) {
+        if (!CreatePipe(&child_input, &input_, &inheritable, 0) ||
+            !CreatePipe(&output_, &child_output, &inheritable, 0)) {
             throw std::runtime_error("CreatePipe");
         }
         SetHandleInformation(input_, HANDLE_FLAG_INHERIT, 0);
@@ -127,16 +128,25 @@ int run_again(int argc, char** argv) {
     return static_cast<int>(status);
 }
 
-bool read_from_parent(void* data, size_t size) { return read_whole(GetStdHandle(STD_INPUT_HANDLE), data, size); }
-bool write_to_parent(const void* data, size_t size) { return write_whole(GetStdHandle(STD_OUTPUT_HANDLE), data, size); }
-void end_process(int status) { ExitProcess(static_cast<UINT>(status)); }
+bool read_from_parent(void* data, size_t size) {
+    return read_whole(GetStdHandle(STD_INPUT_HANDLE), data, size);
+}
+bool write_to_parent(const void* data, size_t size) {
+    return write_whole(GetStdHandle(STD_OUTPUT_HANDLE), data, size);
+}
+void end_process(int status) {
+    ExitProcess(static_cast<UINT>(status));
+}
 
-// Both copies of the environment are set: the system's, which the library reads and children inherit, and the C run time's.
+// Both copies of the environment are set: the system's, which the library reads and children inherit, and the C run
+// time's.
 void set_environment(const char* name, const char* value) {
     SetEnvironmentVariableA(name, value);
     _putenv_s(name, value ? value : "");
 }
 
-uint32_t process_id() { return GetCurrentProcessId(); }
+uint32_t process_id() {
+    return GetCurrentProcessId();
+}
 
 }  // namespace test

@@ -1,0 +1,17 @@
+// Named kernel objects as a test makes them: kernel32 on Windows, kzmkernel on Linux. Names are used as they are given.
+#pragma once
+
+#include <cstdint>
+
+namespace test {
+
+/// Creates or opens a mutex; the last error tells which (0 new, 183 existing).
+void* create_mutex(const char* name);
+/// Creates or opens a mapping of that size, to be read and written.
+void* create_mapping(uint64_t size, const char* name);
+/// Opens a mapping: 4 for reading, 0xF001F for everything.
+void* open_mapping(uint32_t access, const char* name);
+void* map_view(void* mapping, uint32_t access);
+void set_last_error(uint32_t error);
+
+}  // namespace test
