@@ -1,1 +1,157 @@
+// The exported functions: they check their arguments and handles, set the last error, and leave the work to their
+// subjects.
+#include "kzmkernel.h"
 
+#include <unistd.h>
+
+#include <ctime>
+
+#include "error.h"
+#include "handle_table.h"
+#include "mutex.h"
+#include "object.h"
+#include "process.h"
+#include "view.h"
+
+namespace {
+
+using namespace kzmkernel;
+
+constexpr uint32_t page_readwrite = 4, file_map_write = 2, file_map_read = 4;
+
+void* fail(uint32_t error) {
+    set_last_error(error);
+    return nullptr;
+}
+
+/// Puts an object that was obtained behind a handle; null when it was not, or when there is no handle left.
+void* handle_for(uint32_t& error, Object* object, bool writable) {
+    if (!object) return nullptr;
+    void* const handle = open_handle(object, writable);
+    if (!handle) {
+        drop_object(object);
+        error = KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES;
+    }
+    return handle;
+}
+
+void* create(Kind kind, const char* name, uint64_t size) {
+    const ProcessLock locked;
+    Object* object = nullptr;
+    uint32_t error = create_object(kind, name, size, object);
+    void* const handle = handle_for(error, object, true);
+    set_last_error(error);
+    return handle;
+}
+
+void* open(Kind kind, const char* name, bool writable) {
+    const ProcessLock locked;
+    Object* object = nullptr;
+    uint32_t error = open_object(kind, name, object);
+    void* const handle = handle_for(error, object, writable);
+    return handle ? handle : fail(error);
+}
+
+/// A handle that came through a fork may be used in another process-id namespace by now.
+uint32_t check(const Use& mutex) {
+    if (!mutex) return KZMKERNEL_ERROR_INVALID_HANDLE;
+    return mutex->mutex->is_usable() ? 0 : KZMKERNEL_ERROR_ACCESS_DENIED;
+}
+
+}  // namespace
+
+void* kzmkernel_create_mutex(const char* name) {
+    return create(Kind::mutex, name, mutex_file_size);
+}
+
+void* kzmkernel_open_mutex(const char* name) {
+    return open(Kind::mutex, name, true);
+}
+
+void* kzmkernel_create_mapping(uint32_t protect, uint64_t size, const char* name) {
+    if (protect != page_readwrite || size == 0) return fail(KZMKERNEL_ERROR_INVALID_PARAMETER);
+    return create(Kind::mapping, name, size);
+}
+
+void* kzmkernel_open_mapping(uint32_t access, const char* name) {
+    if ((access & (file_map_read | file_map_write)) == 0) return fail(KZMKERNEL_ERROR_INVALID_PARAMETER);
+    return open(Kind::mapping, name, (access & file_map_write) != 0);
+}
+
+void* kzmkernel_map_view(void* mapping, uint32_t access, uint64_t offset, size_t length) {
+    if ((access & (file_map_read | file_map_write)) == 0) return fail(KZMKERNEL_ERROR_INVALID_PARAMETER);
+    const Use use(mapping, Kind::mapping);
+    if (!use) return fail(KZMKERNEL_ERROR_INVALID_HANDLE);
+    const bool writable = (access & file_map_write) != 0;
+    if (writable && !use.writable()) return fail(KZMKERNEL_ERROR_ACCESS_DENIED);
+    void* view = nullptr;
+    const uint32_t error = map_view(*use.operator->(), writable, offset, length, view);
+    return error == 0 ? view : fail(error);
+}
+
+int32_t kzmkernel_unmap_view(const void* view) {
+    if (unmap_view(view)) return 1;
+    set_last_error(KZMKERNEL_ERROR_INVALID_ADDRESS);
+    return 0;
+}
+
+size_t kzmkernel_view_size(const void* view) {
+    const size_t size = view_size(view);
+    if (size == 0) set_last_error(KZMKERNEL_ERROR_INVALID_ADDRESS);
+    return size;
+}
+
+uint32_t kzmkernel_wait(void* mutex, uint32_t timeout_ms) {
+    const Use use(mutex, Kind::mutex);
+    uint32_t error = check(use);
+    const uint32_t result = error == 0 ? use->mutex->wait(timeout_ms, error) : KZMKERNEL_WAIT_FAILED;
+    if (result == KZMKERNEL_WAIT_FAILED) set_last_error(error);
+    return result;
+}
+
+int32_t kzmkernel_release(void* mutex) {
+    const Use use(mutex, Kind::mutex);
+    uint32_t error = check(use);
+    if (error == 0) error = use->mutex->release();
+    if (error != 0) set_last_error(error);
+    return error == 0;
+}
+
+int32_t kzmkernel_close(void* handle) {
+    if (close_handle(handle)) return 1;
+    set_last_error(KZMKERNEL_ERROR_INVALID_HANDLE);
+    return 0;
+}
+
+int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info) {
+    const Use use(mutex, Kind::mutex);
+    if (!use || !info) {
+        set_last_error(use ? KZMKERNEL_ERROR_INVALID_PARAMETER : KZMKERNEL_ERROR_INVALID_HANDLE);
+        return 0;
+    }
+    *info = use->mutex->info();
+    return 1;
+}
+
+uint32_t kzmkernel_last_error(void) {
+    return last_error();
+}
+void kzmkernel_set_last_error(uint32_t error) {
+    set_last_error(error);
+}
+
+void kzmkernel_sleep(uint32_t milliseconds) {
+    if (milliseconds == KZMKERNEL_INFINITE) {
+        for (;;) pause();
+    }
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(milliseconds / 1'000);
+    end.tv_nsec += static_cast<long>(milliseconds % 1'000) * 1'000'000;
+    if (end.tv_nsec >= 1'000'000'000) {
+        ++end.tv_sec;
+        end.tv_nsec -= 1'000'000'000;
+    }
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) != 0) {
+    }
+}

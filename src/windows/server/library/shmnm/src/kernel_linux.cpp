@@ -1,1 +1,35 @@
 #include "kernel.h"
+
+#include <kzmkernel.h>
+
+namespace shmnm::kernel {
+
+void* map_view(void* mapping) noexcept {
+    constexpr uint32_t file_map_write = 2;
+    return kzmkernel_map_view(mapping, file_map_write, 0, 0);
+}
+size_t view_size(const void* view) noexcept {
+    return kzmkernel_view_size(view);
+}
+void unmap_view(const void* view) noexcept {
+    kzmkernel_unmap_view(view);
+}
+
+uint32_t wait(void* mutex, uint32_t timeout_ms) noexcept {
+    return kzmkernel_wait(mutex, timeout_ms);
+}
+bool release(void* mutex) noexcept {
+    return kzmkernel_release(mutex) != 0;
+}
+
+bool close(void* handle) noexcept {
+    return kzmkernel_close(handle) != 0;
+}
+uint32_t last_error() noexcept {
+    return kzmkernel_last_error();
+}
+void sleep(uint32_t milliseconds) noexcept {
+    kzmkernel_sleep(milliseconds);
+}
+
+}  // namespace shmnm::kernel

@@ -1,0 +1,142 @@
+#include "handle_table.h"
+
+#include <atomic>
+
+#include "process.h"
+
+namespace kzmkernel {
+
+/// A place in the table. The state's upper half is the count of the place's uses and whether it is open, the lower half
+/// counts the threads that use it, and 1 for being open. Whoever takes the lower half to 0 gives the object up.
+struct Slot {
+    std::atomic<uint64_t> state;
+    Object* object;
+    bool writable;
+    uint32_t next_free;  ///< place + 1; 0: none
+};
+
+namespace {
+
+constexpr uint32_t slot_count = 1u << 17;
+constexpr uint64_t one_user = 1, user_mask = 0xFFFFFFFF, open_bit = uint64_t{1} << 32;
+constexpr int generation_shift = 33;
+constexpr uint64_t generation_mask = 0x7FFFFFFF;
+/// Handles are multiples of 4, as in Windows, and never null.
+constexpr int place_bits = 17, handle_shift = 2;
+static_assert(slot_count == 1u << place_bits);
+
+/// Not touched, not charged.
+constinit Slot slots[slot_count]{};
+constinit uint32_t used_slots = 0, first_free = 0;
+
+uint64_t generation_of(uint64_t state) {
+    return state >> generation_shift & generation_mask;
+}
+
+void* handle_of(uint32_t place, uint64_t state) {
+    return reinterpret_cast<void*>((generation_of(state) << place_bits | place) << handle_shift);
+}
+
+/// The slot that a handle names, and its generation; null when no handle looks like that.
+Slot* slot_of(void* handle, uint64_t& generation) {
+    const uint64_t number = reinterpret_cast<uintptr_t>(handle);
+    const uint64_t place = number >> handle_shift & (slot_count - 1);
+    generation = number >> (handle_shift + place_bits);
+    const bool possible = generation != 0 && generation <= generation_mask && number % (1 << handle_shift) == 0;
+    return possible ? &slots[place] : nullptr;
+}
+
+bool is_open(uint64_t state, uint64_t generation) {
+    return (state & open_bit) != 0 && generation_of(state) == generation;
+}
+
+/// Changes the state of a slot that is open in this generation by a number; false when it is not open.
+bool change_open(Slot& slot, uint64_t generation, uint64_t difference) {
+    uint64_t state = slot.state.load(std::memory_order_relaxed);
+    do {
+        if (!is_open(state, generation)) return false;
+    } while (!slot.state.compare_exchange_weak(state, state + difference, std::memory_order_acquire,
+                                               std::memory_order_relaxed));
+    return true;
+}
+
+/// Needs the process's lock.
+void give_up(Slot& slot) {
+    Object* const object = slot.object;
+    slot.object = nullptr;
+    slot.next_free = first_free;
+    first_free = static_cast<uint32_t>(&slot - slots) + 1;
+    drop_object(object);
+}
+
+void end_use(Slot& slot) {
+    if ((slot.state.fetch_sub(one_user, std::memory_order_acq_rel) & user_mask) != one_user) return;
+    const ProcessLock locked;
+    give_up(slot);
+}
+
+}  // namespace
+
+Use::Use(void* handle, Kind kind) noexcept {
+    uint64_t generation = 0;
+    slot_ = slot_of(handle, generation);
+    if (slot_ && !change_open(*slot_, generation, one_user)) slot_ = nullptr;
+    if (slot_ && slot_->object->kind != kind) {
+        end_use(*slot_);
+        slot_ = nullptr;
+    }
+}
+
+Use::~Use() {
+    if (slot_) end_use(*slot_);
+}
+
+Object* Use::operator->() const {
+    return slot_->object;
+}
+bool Use::writable() const {
+    return slot_->writable;
+}
+
+void* open_handle(Object* object, bool writable) noexcept {
+    uint32_t place = 0;
+    if (first_free != 0) {
+        place = first_free - 1;
+        first_free = slots[place].next_free;
+    } else if (used_slots < slot_count) {
+        place = used_slots++;
+    } else {
+        return nullptr;
+    }
+    Slot& slot = slots[place];
+    slot.object = object;
+    slot.writable = writable;
+    uint64_t generation = (generation_of(slot.state.load(std::memory_order_relaxed)) + 1) & generation_mask;
+    if (generation == 0) generation = 1;
+    const uint64_t state = generation << generation_shift | open_bit | one_user;
+    slot.state.store(state, std::memory_order_release);
+    return handle_of(place, state);
+}
+
+bool close_handle(void* handle) noexcept {
+    uint64_t generation = 0;
+    Slot* const slot = slot_of(handle, generation);
+    if (!slot || !change_open(*slot, generation, -open_bit)) return false;
+    end_use(*slot);
+    return true;
+}
+
+void forget_other_threads() noexcept {
+    for (uint32_t place = 0; place < used_slots; ++place) {
+        Slot& slot = slots[place];
+        const uint64_t state = slot.state.load(std::memory_order_relaxed);
+        if ((state & open_bit) != 0) {
+            slot.state.store((state & ~user_mask) | one_user, std::memory_order_relaxed);
+        } else if (slot.object) {
+            slot.state.store(state & ~user_mask, std::memory_order_relaxed);
+            give_up(slot);
+        }
+    }
+}
+
+}  // namespace kzmkernel

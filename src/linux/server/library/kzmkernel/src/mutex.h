@@ -1,0 +1,56 @@
+// A mutex in shared memory with the ownership rules of Windows, carried by a robust pthread mutex: the kernel itself
+// marks it when its owner ends. It lies alone in a page, so that no damage elsewhere reaches it.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "kzmkernel.h"
+#include "process.h"
+
+namespace kzmkernel {
+
+class Mutex {
+  public:
+    /// Makes a free mutex of zero-filled memory. @return 0 or a Windows error number
+    uint32_t prepare() noexcept;
+
+    /// Whether the memory holds a mutex of this library, and one that this process may use: thread ids of another
+    /// process-id namespace would collide with ours. Costs no system call after the first time.
+    bool is_usable() const noexcept;
+
+    /// As kzmkernel_wait(); on failure `error` is set.
+    uint32_t wait(uint32_t timeout_ms, uint32_t& error) noexcept;
+    /// @return 0 or a Windows error number
+    uint32_t release() noexcept;
+
+    kzmkernel_mutex_info info() const noexcept;
+
+    /// Whether a living thread of this process owns it. Its memory must stay mapped then: it is linked with the
+    /// thread's other robust mutexes.
+    bool is_owned_by_this_process() const noexcept;
+
+  private:
+    int take(uint32_t timeout_ms) noexcept;
+    void wake_one() noexcept;
+    bool is_named_owner(const Thread& thread) const noexcept;
+    void name_owner(const Thread& thread) noexcept;
+
+    uint64_t signature_;
+    uint64_t process_id_namespace_;
+    pthread_mutex_t lock_;
+    std::atomic<uint32_t> waiters_;  ///< threads that block, or were killed when they did
+    uint64_t depth_;                 ///< how often the owner took it; for the owner alone
+    // Written by the owner alone, for itself and for tools. They may still name one that ended: the lock's word
+    // decides.
+    std::atomic<uint32_t> owner_process_, owner_thread_;
+    std::atomic<uint64_t> owner_tag_, owned_since_ns_, takeovers_, last_takeover_ns_;
+};
+
+inline constexpr uint64_t mutex_file_size = 4096;
+static_assert(sizeof(Mutex) <= mutex_file_size);
+static_assert(std::atomic<uint64_t>::is_always_lock_free);
+
+}  // namespace kzmkernel

@@ -1,0 +1,284 @@
+#include "object.h"
+
+#include <sys/mman.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "error.h"
+#include "folder.h"
+#include "kzmkernel.h"
+
+namespace kzmkernel {
+namespace {
+
+constexpr uint64_t page = 4096, allocation_step = 16u << 20;
+constexpr size_t longest_name = 200;
+/// No object's name begins with a dot. One is enough, since the gate is held while it is there.
+constexpr const char* unfinished = ".new";
+constexpr int open_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+
+/// The process's objects, and mutexes that were closed while a thread of this process owned them.
+constinit Object* objects = nullptr;
+constinit Object* closed_mutexes = nullptr;
+
+uint32_t check_name(const char* name) {
+    if (!name) return KZMKERNEL_ERROR_INVALID_PARAMETER;
+    const size_t length = strnlen(name, longest_name + 1);
+    const bool well_formed =
+        length > 0 && length <= longest_name && name[0] != '.' && std::none_of(name, name + length, [](char c) {
+            return c == '/' || static_cast<unsigned char>(c) < ' ' || c == '\x7F';
+        });
+    return well_formed ? 0 : KZMKERNEL_ERROR_INVALID_NAME;
+}
+
+void file_name_of(Kind kind, const char* name, char (&result)[256]) {
+    std::snprintf(result, sizeof result, "%c.%s", static_cast<char>(kind), name);
+}
+
+bool unlink_from(Object*& list, const Object* object) {
+    for (Object** at = &list; *at; at = &(*at)->next) {
+        if (*at != object) continue;
+        *at = object->next;
+        return true;
+    }
+    return false;
+}
+
+Object* find_in(Object* list, Kind kind, const struct stat& file) {
+    while (list && !(list->kind == kind && list->inode == file.st_ino && list->device == file.st_dev))
+        list = list->next;
+    return list;
+}
+
+Mutex* map_mutex(int file) {
+    void* const address = mmap(nullptr, mutex_file_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    return address == MAP_FAILED ? nullptr : static_cast<Mutex*>(address);
+}
+
+void unmap(Mutex* mutex) {
+    if (mutex) munmap(mutex, mutex_file_size);
+}
+
+/// Gives back the memory of closed mutexes that no thread of this process owns any more.
+void forget_closed_mutexes() {
+    for (Object** at = &closed_mutexes; *at;) {
+        Object* const object = *at;
+        if (object->mutex->is_owned_by_this_process()) {
+            at = &object->next;
+            continue;
+        }
+        *at = object->next;
+        unmap(object->mutex);
+        delete object;
+    }
+}
+
+/// Charges all of the memory now. It is done in steps, because a signal makes one start again.
+int allocate(int file, uint64_t size) {
+    struct statvfs disk {};
+    if (fstatvfs(file, &disk) != 0) return errno;
+    if (disk.f_blocks != 0 && size / disk.f_frsize > disk.f_bavail) return ENOSPC;
+    for (uint64_t done = 0; done < size;) {
+        const uint64_t step = std::min(allocation_step, size - done);
+        const int result = posix_fallocate(file, static_cast<off_t>(done), static_cast<off_t>(step));
+        if (result == EINTR) continue;
+        if (result != 0) return result;
+        done += step;
+    }
+    return 0;
+}
+
+/// An object in the making. What it has of the disk and of the memory goes with it, unless finished.
+class Building {
+  public:
+    explicit Building(const Gate& gate) : gate_(gate) {}
+    ~Building() {
+        if (mutex_) unmap(mutex_);
+        if (file_) unlinkat(gate_.folder(), unfinished, 0);
+    }
+    Building(const Building&) = delete;
+    Building& operator=(const Building&) = delete;
+
+    uint32_t build(Kind kind, const char* file_name, uint64_t size) {
+        unlinkat(gate_.folder(), unfinished, 0);
+        file_ = open_at(gate_.folder(), unfinished, open_flags | O_CREAT | O_EXCL, 0600);
+        if (!file_ || fchmod(file_.get(), 0600) != 0) return windows_error(errno);
+        if (const int error = allocate(file_.get(), size)) return windows_error(error);
+        if (kind == Kind::mutex) {
+            mutex_ = map_mutex(file_.get());
+            if (!mutex_) return windows_error(errno);
+            if (const uint32_t error = mutex_->prepare()) return error;
+        }
+        if (fstat(file_.get(), &status_) != 0 || !hold_alive(gate_.folder(), file_name, status_) ||
+            renameat(gate_.folder(), unfinished, gate_.folder(), file_name) != 0) {
+            return windows_error(errno);
+        }
+        return 0;
+    }
+
+    void finish(Object& object) {
+        object.file = std::move(file_);
+        object.mutex = std::exchange(mutex_, nullptr);
+        object.device = status_.st_dev;
+        object.inode = status_.st_ino;
+        object.size = static_cast<uint64_t>(status_.st_size);
+    }
+
+  private:
+    const Gate& gate_;
+    Descriptor file_;
+    Mutex* mutex_ = nullptr;
+    struct stat status_ {};
+};
+
+/// Opens the living file of a name; 2: the name is free, a dead one's file may lie under it.
+uint32_t open_file(const Gate& gate, const char* file_name, Descriptor& file, struct stat& status) {
+    file = open_at(gate.folder(), file_name, open_flags);
+    if (!file) {
+        const int error = errno;
+        if (error != ENOENT) return windows_error(error);
+        return life_of(gate.folder(), file_name, nullptr) == Life::dead ? KZMKERNEL_ERROR_FILE_NOT_FOUND
+                                                                        : KZMKERNEL_ERROR_FILE_INVALID;
+    }
+    if (fstat(file.get(), &status) != 0) return windows_error(errno);
+    if (!is_proper_file(status)) return KZMKERNEL_ERROR_ACCESS_DENIED;
+    switch (life_of(gate.folder(), file_name, &status)) {
+        case Life::dead:
+            return KZMKERNEL_ERROR_FILE_NOT_FOUND;
+        case Life::replaced:
+            return KZMKERNEL_ERROR_FILE_INVALID;
+        case Life::alive:
+            break;
+    }
+    return 0;
+}
+
+bool other_kind_lives(const Gate& gate, Kind kind, const char* name) {
+    char file_name[256];
+    file_name_of(kind == Kind::mutex ? Kind::mapping : Kind::mutex, name, file_name);
+    return life_of(gate.folder(), file_name, nullptr) != Life::dead;
+}
+
+/// Makes this process's Object of a living file that it does not hold yet.
+uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& object) {
+    object.device = status.st_dev;
+    object.inode = status.st_ino;
+    object.size = static_cast<uint64_t>(status.st_size);
+    if (object.kind == Kind::mutex) {
+        if (object.size != mutex_file_size) return KZMKERNEL_ERROR_ACCESS_DENIED;
+        // A thread that still owns it has it linked at this address.
+        Object* const closed = find_in(closed_mutexes, Kind::mutex, status);
+        object.mutex = closed ? closed->mutex : map_mutex(file.get());
+        if (!object.mutex) return windows_error(errno);
+        uint32_t error = 0;
+        if (!object.mutex->is_usable()) {
+            error = KZMKERNEL_ERROR_ACCESS_DENIED;
+        } else if (!hold_alive(gate.folder(), object.file_name, status)) {
+            error = windows_error(errno);
+        }
+        if (error != 0 && !closed) unmap(object.mutex);
+        if (error == 0 && closed) {
+            unlink_from(closed_mutexes, closed);
+            delete closed;
+        }
+        return error;
+    }
+    object.file = std::move(file);
+    return hold_alive(gate.folder(), object.file_name, status) ? 0 : windows_error(errno);
+}
+
+uint32_t keep(Gate& gate, Object* made, Object*& object) {
+    gate.leave_guarded(made->root, made->folder);
+    if (made->kind == Kind::mutex) made->file.reset();
+    made->handles = 1;
+    made->next = objects;
+    objects = object = made;
+    return 0;
+}
+
+uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& object) {
+    if (const uint32_t error = check_name(name)) return error;
+    forget_closed_mutexes();
+    Object* const made = new (std::nothrow) Object{};
+    if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
+    made->kind = kind;
+    file_name_of(kind, name, made->file_name);
+
+    const auto obtained = [&]() -> uint32_t {
+        Gate gate;
+        if (const uint32_t error = gate.enter(make)) return error;
+        Descriptor file;
+        struct stat status {};
+        const uint32_t found = open_file(gate, made->file_name, file, status);
+        if (found == 0) {
+            if (Object* const known = find_in(objects, kind, status)) {
+                ++known->handles;
+                object = known;
+                return KZMKERNEL_ERROR_ALREADY_EXISTS;
+            }
+            if (const uint32_t error = adopt(gate, std::move(file), status, *made)) return error;
+            keep(gate, made, object);
+            return KZMKERNEL_ERROR_ALREADY_EXISTS;
+        }
+        if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
+        if (other_kind_lives(gate, kind, name)) return KZMKERNEL_ERROR_INVALID_HANDLE;
+        if (!make) return found;
+
+        // Who comes first clears up: that is often enough, and costs nothing later.
+        if (!objects) remove_leftovers(gate);
+        Building building(gate);
+        if (const uint32_t error = building.build(kind, made->file_name, size)) return error;
+        building.finish(*made);
+        return keep(gate, made, object);
+    }();
+    if (object != made) delete made;
+    return obtained;
+}
+
+}  // namespace
+
+uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& object) noexcept {
+    if (size > static_cast<uint64_t>(INT64_MAX) - page) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
+    object = nullptr;
+    return obtain(kind, name, (size + page - 1) / page * page, true, object);
+}
+
+uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept {
+    object = nullptr;
+    const uint32_t result = obtain(kind, name, 0, false, object);
+    return result == KZMKERNEL_ERROR_ALREADY_EXISTS ? 0 : result;
+}
+
+void drop_object(Object* object) noexcept {
+    if (--object->handles > 0) return;
+    forget_closed_mutexes();
+    unlink_from(objects, object);
+    object->file.reset();
+    object->root.reset();
+    {
+        // A descriptor of its own: a forked child may share ours, and with it the gate's lock.
+        Gate gate;
+        const bool entered = gate.enter_again(object->folder.get());
+        object->folder.reset();
+        struct stat status {};
+        // Where the gate cannot be had the file stays, as after a kill: the next creator knows that it is dead.
+        if (entered && fstatat(gate.folder(), object->file_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            status.st_ino == object->inode && life_of(gate.folder(), object->file_name, nullptr) == Life::dead) {
+            unlinkat(gate.folder(), object->file_name, 0);
+        }
+    }
+    if (object->mutex && object->mutex->is_owned_by_this_process()) {
+        object->next = closed_mutexes;
+        closed_mutexes = object;
+        return;
+    }
+    unmap(object->mutex);
+    delete object;
+}
+
+}  // namespace kzmkernel

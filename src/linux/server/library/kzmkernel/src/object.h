@@ -1,0 +1,38 @@
+// Named objects: files in the folder, each of one kind. A process has one Object a living file, shared by its handles.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "descriptor.h"
+#include "mutex.h"
+
+namespace kzmkernel {
+
+/// The first letter of the file's name: mutexes and mappings of one name do not meet on the disk.
+enum class Kind : char { mutex = 'm', mapping = 's' };
+
+struct Object {
+    Kind kind;
+    char file_name[256];
+    dev_t device;
+    ino_t inode;
+    uint64_t size;            ///< bytes, whole pages
+    Descriptor root, folder;  ///< carry the guards
+    Descriptor file;          ///< of a mapping
+    Mutex* mutex;             ///< of a mutex, mapped
+    uint32_t handles;
+    Object* next;
+};
+
+/// All of these are called with the process's lock held and give 0 or a Windows error number.
+
+/// Opens the object or makes it; 183: it existed. Each success counts one handle more.
+uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& object) noexcept;
+/// Opens an object that lives; 2: there is none.
+uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept;
+/// Gives up one handle. With the last one of the process the object goes; with the last of all processes its file.
+void drop_object(Object* object) noexcept;
+
+}  // namespace kzmkernel

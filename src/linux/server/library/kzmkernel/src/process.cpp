@@ -1,0 +1,80 @@
+#include "process.h"
+
+#include <pthread.h>
+#include <sys/auxv.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "handle_table.h"
+
+namespace kzmkernel {
+namespace {
+
+constinit std::mutex tables;
+constinit thread_local Thread self{};
+constinit std::atomic<uint64_t> own_namespace{0};
+
+void before_fork() {
+    tables.lock();
+}
+void after_fork_in_parent() {
+    tables.unlock();
+}
+void after_fork_in_child() {
+    self = {};
+    own_namespace.store(0, std::memory_order_relaxed);
+    forget_other_threads();
+    tables.unlock();
+}
+
+// Registered for this library alone, so it is withdrawn when the library is unloaded.
+[[gnu::constructor]] void watch_forks() {
+    pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+}
+
+/// Made of what stays the same when this library is loaded again: the program's random bytes and the thread's
+/// descriptor.
+uint64_t tag_of_thread() {
+    uint64_t random = 0;
+    if (const unsigned long address = getauxval(AT_RANDOM)) {
+        std::memcpy(&random, reinterpret_cast<const void*>(address), sizeof random);
+    }
+    return (random ^ static_cast<uint64_t>(pthread_self())) | 1;
+}
+
+}  // namespace
+
+ProcessLock::ProcessLock() noexcept {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_cancel_state_);
+    tables.lock();
+}
+
+ProcessLock::~ProcessLock() {
+    tables.unlock();
+    pthread_setcancelstate(old_cancel_state_, nullptr);
+}
+
+const Thread& this_thread() noexcept {
+    if (self.tag == 0) {
+        self.process = static_cast<uint32_t>(getpid());
+        self.thread = static_cast<uint32_t>(gettid());
+        self.tag = tag_of_thread();
+    }
+    return self;
+}
+
+uint64_t process_id_namespace() noexcept {
+    uint64_t known = own_namespace.load(std::memory_order_relaxed);
+    if (known == 0) {
+        struct stat found {};
+        if (stat("/proc/self/ns/pid", &found) == 0) known = found.st_ino;
+        own_namespace.store(known, std::memory_order_relaxed);
+    }
+    return known;
+}
+
+}  // namespace kzmkernel
