@@ -28,7 +28,7 @@ endif()
 
 if(WIN32 AND NOT MSVC)
     # The C++ run time is part of each file, so that nothing beside the system's own libraries is needed.
-    target_link_options(shmnm_options INTERFACE -static -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat)
+    target_link_options(shmnm_options INTERFACE -static -fstack-protector-strong -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat)
 elseif(UNIX)
     # A unique symbol would keep a library loaded for ever.
     target_compile_options(shmnm_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
@@ -45,7 +45,7 @@ elseif(UNIX)
                 OUTPUT_VARIABLE sanitizer_runtime
                 OUTPUT_STRIP_TRAILING_WHITESPACE)
             get_filename_component(sanitizer_folder ${sanitizer_runtime} DIRECTORY)
-            list(APPEND CMAKE_BUILD_RPATH ${sanitizer_folder})
+            list(APPEND CMAKE_INSTALL_RPATH ${sanitizer_folder})
         endif()
     else()
         target_compile_definitions(shmnm_options

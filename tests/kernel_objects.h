@@ -12,6 +12,9 @@ void* create_mapping(uint64_t size, const char* name);
 /// Opens a mapping: 4 for reading, 0xF001F for everything.
 void* open_mapping(uint32_t access, const char* name);
 void* map_view(void* mapping, uint32_t access);
+/// Closes a handle; whether it was open.
+bool close_handle(void* handle);
 void set_last_error(uint32_t error);
+uint32_t last_error();
 
 }  // namespace test

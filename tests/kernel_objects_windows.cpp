@@ -29,6 +29,12 @@ void* open_mapping(uint32_t access, const char* name) {
 void* map_view(void* mapping, uint32_t access) {
     return MapViewOfFile(mapping, access, 0, 0, 0);
 }
+bool close_handle(void* handle) {
+    return CloseHandle(handle) != 0;
+}
+uint32_t last_error() {
+    return GetLastError();
+}
 void set_last_error(uint32_t error) {
     SetLastError(error);
 }

@@ -26,6 +26,7 @@ std::string number(uint64_t value) {
 int32_t answer(const std::string& call) {
     Companions& fake = companions();
     fake.calls.push_back(call);
+    if (fake.on_call) fake.on_call(call);
     const auto scripted = fake.results.find(call);
     return scripted == fake.results.end() ? 0 : scripted->second;
 }
@@ -142,6 +143,7 @@ void Companions::reset() {
     results.clear();
     create_errors.clear();
     open_errors.clear();
+    on_call = nullptr;
     hand_out_unmappable = false;
     log_opens = true;
     log_open_result = 0;

@@ -34,7 +34,8 @@ struct Companions {
     std::vector<uint32_t> create_errors;
     std::vector<uint32_t> open_errors;  ///< the same for the open of the mapping
     bool hand_out_unmappable = false;   ///< creates and opens of a mapping give a handle that cannot be mapped
-    bool log_opens = true;              ///< the open of the log gives a handle
+    std::function<void(const std::string&)> on_call;  ///< called within each recorded call, with its text
+    bool log_opens = true;                            ///< the open of the log gives a handle
     int32_t log_open_result = 0;
 
     // ---- records ----

@@ -1,0 +1,136 @@
+#include <windows.h>
+
+#include <aclapi.h>
+#include <gmock/gmock.h>
+#include <sddl.h>
+
+#include "kzmutil.h"
+#include "kzmutil_test_platform.h"
+
+namespace test {
+
+const char* const impossible_name = "no\\such";
+
+std::string own_executable() {
+    std::string path(4096, '\0');
+    path.resize(GetModuleFileNameA(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    return path;
+}
+size_t open_handles() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+bool release_mutex(void* mutex) {
+    return ReleaseMutex(mutex) != 0;
+}
+std::vector<PathCase> path_cases() {
+    return {{"C:\\kzm", "C:\\kzm"},
+            {"C:\\kzm\\", "C:\\kzm"},
+            {"C:\\a b/kzm/\\/", "C:\\a b/kzm"},
+            {"C:\\", "C:\\"},
+            {"C:/", "C:/"},
+            {"C:\\\\\\", "C:\\"},
+            {"\\", "\\"},
+            {"//", "/"},
+            {"C:", "C:"},
+            {"relative\\", "relative"},
+            {"\\\\server\\share\\", "\\\\server\\share"}};
+}
+
+}  // namespace test
+
+namespace {
+
+using testing::ElementsAre;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+std::string text_of(PSID sid) {
+    char* text = nullptr;
+    if (!ConvertSidToStringSidA(sid, &text)) return "no identifier";
+    const std::string copy = text;
+    LocalFree(text);
+    return copy;
+}
+
+std::string own_sid() {
+    HANDLE token = nullptr;
+    EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    alignas(TOKEN_USER) BYTE user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+    DWORD size = 0;
+    EXPECT_TRUE(GetTokenInformation(token, TokenUser, user, sizeof user, &size));
+    CloseHandle(token);
+    return text_of(reinterpret_cast<TOKEN_USER*>(user)->User.Sid);
+}
+
+/// Who may do what with an object, as it stands in the kernel.
+struct Security {
+    explicit Security(HANDLE object) {
+        PSID owner_sid = nullptr;
+        PACL list = nullptr;
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        const DWORD error =
+            GetSecurityInfo(object, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                            &owner_sid, nullptr, &list, nullptr, &descriptor);
+        EXPECT_EQ(error, 0u);
+        if (error != 0) return;
+        owner = text_of(owner_sid);
+        EXPECT_TRUE(list) << "open to everyone";
+        for (DWORD i = 0; list && i < list->AceCount; ++i) {
+            void* entry = nullptr;
+            EXPECT_TRUE(GetAce(list, i, &entry));
+            auto* const allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+            EXPECT_EQ(allowed->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+            entries.emplace_back(text_of(&allowed->SidStart), allowed->Mask);
+        }
+        LocalFree(descriptor);
+    }
+    std::string owner;
+    std::vector<std::pair<std::string, DWORD>> entries;
+};
+
+constexpr const char *administrators = "S-1-5-32-544", *the_system = "S-1-5-18";
+
+TEST(SecurityOnWindows, AdmitsTheOwnerAdministratorsAndTheSystemToAMutexAndNobodyElse) {
+    const HANDLE mutex = KzmutilCreateNamedMutex(0, "secured-mutex");
+    ASSERT_TRUE(mutex);
+    const Security security(mutex);
+    EXPECT_EQ(security.owner, own_sid());
+    EXPECT_THAT(security.entries,
+                UnorderedElementsAre(Pair(own_sid(), MUTEX_ALL_ACCESS), Pair(administrators, MUTEX_ALL_ACCESS),
+                                     Pair(the_system, MUTEX_ALL_ACCESS)));
+    CloseHandle(mutex);
+}
+
+TEST(SecurityOnWindows, AdmitsTheOwnerAdministratorsAndTheSystemToAMappingAndNobodyElse) {
+    const HANDLE mapping = KzmutilCreateNamedFileMapping(INVALID_HANDLE_VALUE, 4, 0, 4096, "secured-mapping");
+    ASSERT_TRUE(mapping);
+    const Security security(mapping);
+    EXPECT_EQ(security.owner, own_sid());
+    EXPECT_THAT(security.entries,
+                UnorderedElementsAre(Pair(own_sid(), SECTION_ALL_ACCESS), Pair(administrators, SECTION_ALL_ACCESS),
+                                     Pair(the_system, SECTION_ALL_ACCESS)));
+    CloseHandle(mapping);
+}
+
+bool is_inheritable(HANDLE object) {
+    DWORD flags = 0;
+    EXPECT_TRUE(GetHandleInformation(object, &flags));
+    return flags & HANDLE_FLAG_INHERIT;
+}
+
+TEST(HandlesOnWindows, AreInheritableOnlyWhenOpenedSo) {
+    const HANDLE mutex = KzmutilCreateNamedMutex(0, "inherited-mutex");
+    const HANDLE created = KzmutilCreateNamedFileMapping(INVALID_HANDLE_VALUE, 4, 0, 4096, "inherited");
+    const HANDLE not_inherited = KzmutilOpenNamedFileMapping(0xF001F, 0, "inherited");
+    const HANDLE inherited = KzmutilOpenNamedFileMapping(0xF001F, 1, "inherited");
+    ASSERT_TRUE(mutex && created && not_inherited && inherited);
+    EXPECT_FALSE(is_inheritable(mutex));
+    EXPECT_FALSE(is_inheritable(created));
+    EXPECT_FALSE(is_inheritable(not_inherited));
+    EXPECT_TRUE(is_inheritable(inherited));
+    for (const HANDLE object : {mutex, created, not_inherited, inherited}) CloseHandle(object);
+}
+
+}  // namespace
