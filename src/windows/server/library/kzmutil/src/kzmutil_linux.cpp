@@ -1,1 +1,59 @@
+#include <dlfcn.h>
 
+#include <climits>
+#include <cstdlib>
+
+#include "kzmkernel.h"
+#include "platform.h"
+
+namespace kzmutil {
+namespace {
+
+char loaded_from[PATH_MAX];  // empty: could not be told
+
+/// The loader may know this library by a relative path, which holds for the working folder of the load alone.
+[[gnu::constructor]] void remember_own_file() {
+    Dl_info info;
+    if (!dladdr(loaded_from, &info) || !realpath(info.dli_fname, loaded_from)) loaded_from[0] = '\0';
+}
+
+}  // namespace
+
+const std::string_view path_separators = "/";
+
+uint32_t last_error() noexcept {
+    return kzmkernel_last_error();
+}
+
+void set_last_error(uint32_t error) noexcept {
+    kzmkernel_set_last_error(error);
+}
+
+std::string environment(const char* name) {
+    const char* const value = std::getenv(name);
+    return value ? value : "";
+}
+
+std::string own_file() {
+    if (!loaded_from[0]) set_last_error(KZMKERNEL_ERROR_FILE_NOT_FOUND);
+    return loaded_from;
+}
+
+size_t root_length(std::string_view path) noexcept {
+    return path.starts_with('/') ? 1 : 0;
+}
+
+void* create_mutex(const char* name) {
+    return kzmkernel_create_mutex(name);
+}
+
+void* create_mapping(uint32_t protect, uint64_t size, const char* name) {
+    return kzmkernel_create_mapping(protect, size, name);
+}
+
+/// There is nothing to inherit: exec closes every handle.
+void* open_mapping(uint32_t access, bool, const char* name) {
+    return kzmkernel_open_mapping(access, name);
+}
+
+}  // namespace kzmutil
