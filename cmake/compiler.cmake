@@ -37,7 +37,8 @@ elseif(UNIX)
         target_compile_options(shmnm_options INTERFACE -fsanitize=${SHMNM_SANITIZE} -fno-sanitize-recover=all
                                                        -fno-omit-frame-pointer)
         target_link_options(shmnm_options INTERFACE -fsanitize=${SHMNM_SANITIZE})
-        if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+        # The thread sanitizer has to start before the C++ run time, so it stays inside the program.
+        if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND NOT SHMNM_SANITIZE STREQUAL "thread")
             # Shared libraries leave the sanitizer's own symbols to the program.
             target_link_options(shmnm_options INTERFACE -shared-libsan)
             execute_process(
