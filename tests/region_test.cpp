@@ -20,7 +20,7 @@ TEST_P(RegionSize, FollowsFromTheConfiguredCounts) {
     int32_t size = 0;
     ASSERT_EQ(shmnm_dump(nullptr, &size), SHMNM_OK);
     EXPECT_EQ(static_cast<uint32_t>(size), GetParam().size);
-    EXPECT_EQ(view_size(), (size_t{GetParam().size} + 4095) / 4096 * 4096);
+    EXPECT_EQ(view_size(), (static_cast<size_t>(GetParam().size) + 4095) / 4096 * 4096);
 }
 
 INSTANTIATE_TEST_SUITE_P(Counts, RegionSize,
@@ -46,7 +46,7 @@ TEST(RegionLayout, PlacesTheAreasOfTheFallbackCounts) {
     EXPECT_EQ(layout.fst, 42'044u + 584 * 16 * 128 * 2);
     EXPECT_EQ(layout.fst_pids, 42'044u + 584 * 16 * 128 * 2 + 584);
     EXPECT_EQ(layout.network, 2'476'164u);
-    EXPECT_EQ(layout.network + 4 * (2 * 16 + 16) * 128, layout.size);
+    EXPECT_EQ(layout.network + uint64_t{4} * (2 * 16 + 16) * 128, layout.size);
 }
 
 TEST(RegionLayout, LeavesNothingBetweenTheNpTableAndTheNetworkWideStatesWithoutAnFstResource) {

@@ -10,8 +10,6 @@
 
 #include "support/child_platform.h"
 
-extern char** environ;
-
 namespace test {
 namespace {
 
