@@ -1,0 +1,82 @@
+#include "document.h"
+
+#include <algorithm>
+#include <boost/property_tree/xml_parser.hpp>
+#include <charconv>
+#include <fstream>
+#include <sstream>
+
+#include "well_formed.h"
+
+namespace kzmxml {
+namespace {
+
+/// The key under which the parser keeps an element's attributes. No element can have such a name.
+constexpr const char* attributes = "<xmlattr>";
+
+/// @return whether the whole file is in `text`
+bool read_file(const std::string& file, std::string& text) {
+    std::ifstream stream(file, std::ios::binary);
+    char part[1 << 14];
+    while (stream) {
+        stream.read(part, sizeof part);
+        text.append(part, static_cast<size_t>(stream.gcount()));
+        if (text.size() > size_limit) return false;
+    }
+    return stream.eof();
+}
+
+const Element* child(const Element& element, std::string_view name) {
+    const auto found =
+        std::find_if(element.begin(), element.end(), [&](const auto& entry) { return entry.first == name; });
+    return found == element.end() || name == attributes ? nullptr : &found->second;
+}
+
+std::string_view without_spaces_around(std::string_view text) {
+    constexpr std::string_view spaces = " \t\r\n";
+    const size_t first = text.find_first_not_of(spaces);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(spaces) + 1 - first);
+}
+
+}  // namespace
+
+int32_t read_document(const std::string& file, Element& document) {
+    std::string text;
+    if (!read_file(file, text)) return XMLLIB_ERR_FILE;
+    if (!is_well_formed(text)) return XMLLIB_ERR_FORMAT;
+    std::istringstream stream(std::move(text));
+    try {
+        read_xml(stream, document, boost::property_tree::xml_parser::no_comments);
+    } catch (const boost::property_tree::xml_parser_error&) {
+        return XMLLIB_ERR_FORMAT;
+    }
+    return XMLLIB_OK;
+}
+
+const Element* find(const Element& document, std::string_view path) {
+    const Element* element = path.empty() ? nullptr : &document;
+    while (element && !path.empty()) {
+        if (path[0] != '/') return nullptr;
+        path.remove_prefix(1);
+        const std::string_view name = path.substr(0, path.find('/'));
+        element = child(*element, name);
+        path.remove_prefix(name.size());
+    }
+    return element;
+}
+
+bool read_integer(const Element& element, int32_t& value) {
+    if (std::any_of(element.begin(), element.end(), [](const auto& entry) { return entry.first != attributes; })) {
+        return false;
+    }
+    std::string_view text = without_spaces_around(element.data());
+    if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+    int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) return false;
+    value = number;
+    return true;
+}
+
+}  // namespace kzmxml
