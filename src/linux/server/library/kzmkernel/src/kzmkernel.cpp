@@ -104,6 +104,8 @@ size_t kzmkernel_view_size(const void* view) {
 uint32_t kzmkernel_wait(void* mutex, uint32_t timeout_ms) {
     const Use use(mutex, Kind::mutex);
     uint32_t error = check(use);
+    // As in Windows, a mapping's handle is refused for the missing right to wait.
+    if (error == KZMKERNEL_ERROR_INVALID_HANDLE && Use(mutex, Kind::mapping)) error = KZMKERNEL_ERROR_ACCESS_DENIED;
     const uint32_t result = error == 0 ? use->mutex->wait(timeout_ms, error) : KZMKERNEL_WAIT_FAILED;
     if (result == KZMKERNEL_WAIT_FAILED) set_last_error(error);
     return result;
