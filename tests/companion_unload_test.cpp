@@ -2,6 +2,8 @@
 // none.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "support/child.h"
 #include "support/dynamic_library.h"
 #include "support/temporary_folder.h"
@@ -37,6 +39,30 @@ TEST(Companion, ConfigurationLeavesTheProcessWhenItIsUnloaded) {
         EXPECT_EQ(library.function<int32_t()>("xmllib_term")(), 0);
     }
     EXPECT_FALSE(test::DynamicLibrary::in_process("kzmxml"));
+}
+
+TEST(Companion, LogLeavesTheProcessWhenItIsUnloaded) {
+    const test::TemporaryFolder folder;
+    const test::ScopedEnvironment install_path("KZM_INSTALL_PATH", folder.string().c_str());
+    ASSERT_FALSE(test::DynamicLibrary::in_process(KZMLOG_LIBRARY));
+    for (int round = 0; round < 3; ++round) {
+        const test::DynamicLibrary library(test::own_folder() + KZMLOG_LIBRARY);
+        ASSERT_TRUE(library.loaded()) << library.error();
+        ASSERT_TRUE(test::DynamicLibrary::in_process(KZMLOG_LIBRARY));
+        auto* const open =
+            library.function<int32_t(const char*, void**, uint32_t, uint32_t, uint32_t, const char*)>("kzmlog_open");
+        auto* const write =
+            library.function<int32_t(void*, uint32_t, uint32_t, const char*, int32_t, const char*, const char*)>(
+                "kzmlog_write");
+        void* log = nullptr;
+        ASSERT_EQ(open("shmnm", &log, 4, 1, 0, "channel"), 0);
+        std::thread([&] { EXPECT_EQ(write(log, 4, 0, "f", 1, "g", "from a thread that ends"), 0); }).join();
+        EXPECT_EQ(write(log, 4, 0, "f", 1, "g", "from this one"), 0);
+        EXPECT_EQ(library.function<int32_t(void*)>("kzmlog_close")(log), 0);
+    }
+    EXPECT_FALSE(test::DynamicLibrary::in_process(KZMLOG_LIBRARY));
+    const std::string text = test::contents_of(folder.path() / "log/shmnm.log");
+    EXPECT_NE(text.find("from this one\n"), std::string::npos) << text;
 }
 
 }  // namespace

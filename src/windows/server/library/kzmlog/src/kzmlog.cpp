@@ -1,1 +1,172 @@
+// The exports, and the table of open logs behind their handles. A handle is no address: it holds a place in the table
+// and the number of that place's use, so that a closed or invented one is recognised with one load and never followed.
+#include "kzmlog.h"
 
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "kzmutil.h"
+#include "line.h"
+#include "log.h"
+#include "system.h"
+
+namespace kzmlog {
+namespace {
+
+/// A place in the table. `state` is the use that is open (0: none) in its upper half and the number of those who hold
+/// the log in its lower half: the open handle, and each write that is under way. The last one deletes the log, so a
+/// close neither waits for a writer (in a forked child that writer may not even exist) nor takes its log away.
+struct Slot {
+    std::atomic<uint64_t> state;
+    std::atomic<uint32_t> level;
+    uint32_t last_use;
+    const Log* log;
+};
+
+constexpr size_t slot_bits = 6;
+constexpr uint64_t one_use = uint64_t{1} << 32;
+
+/// Plain data without a destructor: a thread may still write while the process ends.
+constinit std::array<Slot, size_t{1} << slot_bits> slots{};
+
+uint64_t use_of(uint64_t state) {
+    return state >> 32;
+}
+
+Slot& slot_of(const void* handle) {
+    return slots[reinterpret_cast<uintptr_t>(handle) % slots.size()];
+}
+uint64_t use_named_by(const void* handle) {
+    return reinterpret_cast<uintptr_t>(handle) >> slot_bits;
+}
+
+void* handle_of(size_t index, uint64_t use) {
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(use << slot_bits | index));  // NOLINT: never an address
+}
+
+bool is_open(uint64_t state, const void* handle) {
+    return use_of(state) == use_named_by(handle) && use_of(state) != 0;
+}
+
+/// Takes an unused place: its one holder is the caller, its use is not open yet.
+size_t take_slot() {
+    for (size_t index = 0; index < slots.size(); ++index) {
+        uint64_t unused = 0;
+        if (slots[index].state.compare_exchange_strong(unused, 1, std::memory_order_acquire)) return index;
+    }
+    return slots.size();
+}
+
+/// Gives up a hold on a place; the last holder of a closed log deletes it.
+void leave(Slot& slot) {
+    uint64_t state = slot.state.load(std::memory_order_acquire);
+    while (state != 1) {
+        if (slot.state.compare_exchange_weak(state, state - 1, std::memory_order_acq_rel)) return;
+    }
+    delete slot.log;
+    slot.log = nullptr;
+    slot.state.store(0, std::memory_order_release);
+}
+
+bool enter(Slot& slot, const void* handle) {
+    uint64_t state = slot.state.load(std::memory_order_relaxed);
+    do {
+        if (!is_open(state, handle)) return false;
+    } while (!slot.state.compare_exchange_weak(state, state + 1, std::memory_order_acquire));
+    return true;
+}
+
+/// A name from which no path can be built that leads out of the folder.
+bool is_name(std::string_view text, size_t limit) {
+    const auto allowed = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+               c == '.';
+    };
+    return !text.empty() && text.size() <= limit && text[0] != '.' && std::all_of(text.begin(), text.end(), allowed);
+}
+
+Error open_slot(size_t index, std::string_view module, std::string_view channel, uint32_t level, uint32_t size,
+                void** log) {
+    std::array<char, 4096> folder;
+    if (!KzmutilGetInstallPath(folder.data(), static_cast<uint32_t>(folder.size()))) return path_not_found;
+    Slot& slot = slots[index];
+    slot.log = new Log(folder.data(), std::string(module), std::string(channel), size);
+    if (const Error error = slot.log->prepare()) return error;
+    learn_time_zone();
+    slot.level.store(level, std::memory_order_relaxed);
+    if (++slot.last_use == 0) slot.last_use = 1;
+    slot.state.fetch_add(slot.last_use * one_use, std::memory_order_release);
+    *log = handle_of(index, slot.last_use);
+    return ok;
+}
+
+Error open(std::string_view module, std::string_view channel, uint32_t level, uint32_t size, void** log) {
+    const size_t index = take_slot();
+    if (index == slots.size()) return too_many_open;
+    Error error = out_of_memory;
+    try {
+        error = open_slot(index, module, channel, level, size, log);
+    } catch (...) {  // only memory can be missing
+    }
+    if (error) leave(slots[index]);
+    return error;
+}
+
+Error append(const Log& log, const Entry& entry) {
+    try {
+        Line line;
+        compose(line, entry);
+        return log.append({line.data(), line.size()});
+    } catch (...) {  // only memory can be missing
+        return out_of_memory;
+    }
+}
+
+/// Out of line, so that a message dropped by its level sets up nothing of this.
+[[gnu::noinline]] Error write(Slot& slot, const void* handle, const Entry& entry) {
+    const UndisturbedThread undisturbed;
+    if (!enter(slot, handle)) return invalid_handle;
+    const Error error = append(*slot.log, entry);
+    leave(slot);
+    return error;
+}
+
+}  // namespace
+}  // namespace kzmlog
+
+extern "C" {
+
+int32_t kzmlog_open(const char* module, void** log, uint32_t level, uint32_t size, uint32_t flags,
+                    const char* channel) {
+    if (log) *log = nullptr;
+    if (!log || !module || !channel || flags != 0) return kzmlog::invalid_parameter;
+    if (!kzmlog::is_name(module, 31) || !kzmlog::is_name(channel, 63)) return kzmlog::invalid_parameter;
+    const kzmlog::UndisturbedThread undisturbed;
+    return kzmlog::open(module, channel, level, size, log);
+}
+
+int32_t kzmlog_close(void* log) {
+    const kzmlog::UndisturbedThread undisturbed;
+    kzmlog::Slot& slot = kzmlog::slot_of(log);
+    uint64_t state = slot.state.load(std::memory_order_relaxed);
+    do {
+        if (!kzmlog::is_open(state, log)) return kzmlog::invalid_handle;
+    } while (!slot.state.compare_exchange_weak(state, state % kzmlog::one_use, std::memory_order_acq_rel));
+    kzmlog::leave(slot);
+    return kzmlog::ok;
+}
+
+int32_t kzmlog_write(void* log, uint32_t level, uint32_t flags, const char* file, int32_t line, const char* function,
+                     const char* message) {
+    kzmlog::Slot& slot = kzmlog::slot_of(log);
+    if (!kzmlog::is_open(slot.state.load(std::memory_order_acquire), log)) return kzmlog::invalid_handle;
+    if (level > slot.level.load(std::memory_order_relaxed)) return kzmlog::ok;
+    if (flags != 0) return kzmlog::invalid_parameter;
+    return kzmlog::write(slot, log, {level, file, line, function, message});
+}
+
+}  // extern "C"

@@ -1,0 +1,53 @@
+#include "log.h"
+
+namespace kzmlog {
+
+Log::Log(const std::string& folder, const std::string& module, const std::string& channel, uint32_t size)
+    : folder_(absolute(folder) + "/log"), lock_(folder_ + '/' + channel + ".lock"), size_(size) {
+    generations_[0] = folder_ + '/' + module + ".log";
+    for (size_t age = 1; age < generations_.size(); ++age) {
+        generations_[age] = generations_[0] + '.' + std::to_string(age);
+    }
+}
+
+Error Log::prepare() const noexcept {
+    make_folder(folder_.c_str());
+    return File(generations_[0].c_str()).error();
+}
+
+Error Log::append(std::string_view line) const noexcept {
+    {
+        const File file(generations_[0].c_str());
+        if (!file.error() && fits(file, line.size())) return file.append(line);
+        if (file.error() && file.error() != path_not_found) return file.error();
+        if (file.error()) make_folder(folder_.c_str());
+    }
+    if (size_ > 0) rotate(line.size());
+    const File file(generations_[0].c_str());
+    return file.error() ? file.error() : file.append(line);
+}
+
+/// A file that is empty takes a line of any length.
+bool Log::fits(const File& file, size_t bytes) const {
+    return size_ == 0 || file.size() == 0 || file.size() + bytes - 1 <= size_;
+}
+
+/// Makes room for a line of so many bytes. The lock lets one process rotate and makes the others look again before they
+/// do. When it cannot be had in time the file simply goes on growing.
+void Log::rotate(size_t bytes) const noexcept {
+    const FileLock lock(lock_.c_str());
+    if (!lock.held()) return;
+    {
+        const File current(generations_[0].c_str());
+        if (current.error() || fits(current, bytes)) return;
+    }
+    // A rotation that was killed half-way has left a gap. The generations move up to it and no further, so the oldest
+    // one is given up only when there is no gap.
+    size_t to = 1;
+    while (to + 1 < generations_.size() && exists(generations_[to].c_str())) ++to;
+    for (; to > 0; --to) {
+        if (!rename_over(generations_[to - 1].c_str(), generations_[to].c_str())) return;
+    }
+}
+
+}  // namespace kzmlog

@@ -1,0 +1,215 @@
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+
+#include "system.h"
+
+namespace kzmlog {
+namespace {
+
+constexpr uint32_t rotation_patience_ms = 50;
+
+Error error_of(int number) {
+    switch (number) {
+        case ENOENT:
+        case ENOTDIR:
+        case ENAMETOOLONG:
+            return path_not_found;
+        case EMFILE:
+        case ENFILE:
+            return too_many_open;
+        case ENOMEM:
+            return out_of_memory;
+        case ENOSPC:
+        case EDQUOT:
+        case EFBIG:
+            return disk_full;
+        case EACCES:
+        case EPERM:
+        case EROFS:
+        case ELOOP:
+        case EISDIR:
+        case ENXIO:
+            return access_denied;
+        default:
+            return write_fault;
+    }
+}
+
+/// Opens a regular file, or makes it. No link is followed. O_CREAT is left to a second step, since hardened kernels
+/// refuse it for files of other users that exist.
+int open_regular(const char* path, int flags) {
+    flags |= O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    int descriptor = open(path, flags);
+    if (descriptor < 0 && errno == ENOENT) descriptor = open(path, flags | O_CREAT, 0644);
+    return descriptor;
+}
+
+uint64_t size_of(int descriptor) {
+    struct stat status {};
+    return fstat(descriptor, &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+/// Whether the file ends within a line that nobody is going to complete. A line that is just being written shows in
+/// steps too, page by page. The kernel lets one write or allocation at a time have a file, so once an allocation (which
+/// changes nothing) got its turn, such a line is complete and the file has grown.
+bool ends_within_a_line(int descriptor, uint64_t size) {
+    for (int round = 0; round < 4; ++round) {
+        char last = '\n';
+        if (size == 0 || pread(descriptor, &last, 1, static_cast<off_t>(size - 1)) != 1 || last == '\n') return false;
+        static_cast<void>(fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, 1));
+        const uint64_t size_then = size_of(descriptor);
+        if (size_then == size) return true;
+        size = size_then;
+    }
+    return false;
+}
+
+/// Keeps a write beyond the process's limit of file sizes from raising its signal. Without such a limit, which is the
+/// rule, nothing is done.
+class NoSizeSignal {
+  public:
+    NoSizeSignal() {
+        struct rlimit limit {};
+        if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return;
+        sigset_t pending;
+        sigemptyset(&pending);
+        sigpending(&pending);
+        if (sigismember(&pending, SIGXFSZ) == 1) return;  // it is blocked already, and not ours
+        blocked_ = pthread_sigmask(SIG_BLOCK, &signal(), &old_mask_) == 0;
+    }
+    ~NoSizeSignal() {
+        if (!blocked_) return;
+        const timespec at_once{};
+        while (sigtimedwait(&signal(), nullptr, &at_once) < 0 && errno == EINTR) {
+        }
+        pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
+    }
+    NoSizeSignal(const NoSizeSignal&) = delete;
+    NoSizeSignal& operator=(const NoSizeSignal&) = delete;
+
+  private:
+    const sigset_t& signal() {
+        sigemptyset(&signal_);
+        sigaddset(&signal_, SIGXFSZ);
+        return signal_;
+    }
+
+    bool blocked_ = false;
+    sigset_t signal_, old_mask_;
+};
+
+}  // namespace
+
+File::File(const char* path) noexcept {
+    const int descriptor = open_regular(path, O_RDWR | O_APPEND);
+    handle_ = descriptor;
+    struct stat status {};
+    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+        error_ = error_of(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        error_ = access_denied;
+    } else {
+        size_ = static_cast<uint64_t>(status.st_size);
+    }
+}
+
+File::~File() {
+    if (handle_ >= 0) close(static_cast<int>(handle_));
+}
+
+Error File::append(std::string_view line) const noexcept {
+    const auto descriptor = static_cast<int>(handle_);
+    if (!ends_within_a_line(descriptor, size_)) line.remove_prefix(1);
+    ssize_t written;
+    int error;
+    {
+        const NoSizeSignal no_signal;
+        do {
+            written = write(descriptor, line.data(), line.size());
+            error = errno;
+        } while (written < 0 && error == EINTR);
+    }
+    if (written < 0) return error_of(error);
+    // What stopped a write half-way is no space left: the next line's writer closes the fragment.
+    return static_cast<size_t>(written) == line.size() ? ok : disk_full;
+}
+
+FileLock::FileLock(const char* path) noexcept {
+    const int descriptor = open_regular(path, O_RDWR);
+    handle_ = descriptor;
+    held_ = descriptor >= 0 && succeeds_within(rotation_patience_ms, [descriptor] {
+                if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return Attempt::succeeded;
+                return errno == EWOULDBLOCK || errno == EINTR ? Attempt::busy : Attempt::failed;
+            });
+}
+
+FileLock::~FileLock() {
+    if (handle_ < 0) return;
+    // A child forked at this moment has a copy of the descriptor, which must not keep the lock.
+    if (held_) flock(static_cast<int>(handle_), LOCK_UN);
+    close(static_cast<int>(handle_));
+}
+
+UndisturbedThread::UndisturbedThread() noexcept : last_error_(errno) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+}
+
+UndisturbedThread::~UndisturbedThread() {
+    pthread_setcancelstate(cancel_state_, nullptr);
+    errno = last_error_;
+}
+
+bool exists(const char* path) noexcept {
+    struct stat status {};
+    return lstat(path, &status) == 0;
+}
+
+bool rename_over(const char* from, const char* to) noexcept {
+    return rename(from, to) == 0;
+}
+
+void make_folder(const char* path) noexcept {
+    mkdir(path, 0755);
+}
+
+std::string absolute(const std::string& path) {
+    if (!path.empty() && path[0] == '/') return path;
+    const std::unique_ptr<char, decltype(&std::free)> current(getcwd(nullptr, 0), &std::free);
+    return current ? std::string(current.get()) + '/' + path : path;
+}
+
+uint32_t process_id() noexcept {
+    return static_cast<uint32_t>(getpid());
+}
+uint32_t thread_id() noexcept {
+    return static_cast<uint32_t>(gettid());
+}
+
+int32_t utc_offset_minutes(int64_t seconds) noexcept {
+    const time_t time = seconds;
+    struct tm local {};
+    return localtime_r(&time, &local) ? static_cast<int32_t>(local.tm_gmtoff / 60) : 0;
+}
+
+void pause(uint32_t milliseconds) noexcept {
+    if (milliseconds == 0) {
+        sched_yield();
+    } else {
+        const timespec time{0, static_cast<long>(milliseconds) * 1'000'000};
+        nanosleep(&time, nullptr);
+    }
+}
+
+}  // namespace kzmlog

@@ -1,0 +1,169 @@
+#include <windows.h>
+
+#include "system.h"
+
+namespace kzmlog {
+namespace {
+
+constexpr uint32_t rotation_patience_ms = 50;
+constexpr uint32_t append_patience_ms = 1000;
+
+Error error_of(DWORD number) {
+    switch (number) {
+        case ERROR_FILE_NOT_FOUND:
+        case ERROR_PATH_NOT_FOUND:
+        case ERROR_DIRECTORY:
+        case ERROR_INVALID_NAME:
+        case ERROR_FILENAME_EXCED_RANGE:
+            return path_not_found;
+        case ERROR_TOO_MANY_OPEN_FILES:
+        case ERROR_NO_SYSTEM_RESOURCES:
+            return too_many_open;
+        case ERROR_NOT_ENOUGH_MEMORY:
+        case ERROR_OUTOFMEMORY:
+            return out_of_memory;
+        case ERROR_DISK_FULL:
+        case ERROR_HANDLE_DISK_FULL:
+            return disk_full;
+        case ERROR_ACCESS_DENIED:
+        case ERROR_WRITE_PROTECT:
+        case ERROR_SHARING_VIOLATION:
+        case ERROR_DELETE_PENDING:
+            return access_denied;
+        default:
+            return write_fault;
+    }
+}
+
+HANDLE system_handle(intptr_t handle) {
+    return reinterpret_cast<HANDLE>(handle);  // NOLINT: a handle is kept as a number
+}
+
+/// Opens a file, or makes it, so that others may read, write, rename and delete it meanwhile; it is not inherited.
+intptr_t open_shared(const char* path, DWORD access) {
+    return reinterpret_cast<intptr_t>(CreateFileA(path, access | FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
+/// Locks a byte that lies far beyond the end of any file; closing the handle, by whatever way the process ends, unlocks
+/// it.
+bool lock(HANDLE file, uint32_t patience_ms) {
+    return succeeds_within(patience_ms, [file] {
+        OVERLAPPED place{};
+        place.OffsetHigh = 0x40000000;
+        if (LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &place)) {
+            return Attempt::succeeded;
+        }
+        return GetLastError() == ERROR_LOCK_VIOLATION ? Attempt::busy : Attempt::failed;
+    });
+}
+
+bool ends_within_a_line(HANDLE file) {
+    LARGE_INTEGER size{};
+    if (!GetFileSizeEx(file, &size) || size.QuadPart == 0) return false;
+    OVERLAPPED place{};
+    place.Offset = static_cast<DWORD>((size.QuadPart - 1) & 0xFFFFFFFF);
+    place.OffsetHigh = static_cast<DWORD>((size.QuadPart - 1) >> 32);
+    char last = '\n';
+    DWORD count = 0;
+    return ReadFile(file, &last, 1, &count, &place) && count == 1 && last != '\n';
+}
+
+int64_t ticks(const FILETIME& time) {
+    return static_cast<int64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
+}
+
+}  // namespace
+
+File::File(const char* path) noexcept : handle_(open_shared(path, FILE_APPEND_DATA)) {
+    LARGE_INTEGER size{};
+    if (system_handle(handle_) == INVALID_HANDLE_VALUE) {
+        error_ = error_of(GetLastError());
+    } else if (GetFileType(system_handle(handle_)) != FILE_TYPE_DISK) {
+        error_ = access_denied;
+    } else if (!GetFileSizeEx(system_handle(handle_), &size)) {
+        error_ = error_of(GetLastError());
+    }
+    size_ = static_cast<uint64_t>(size.QuadPart);
+}
+
+File::~File() {
+    if (system_handle(handle_) != INVALID_HANDLE_VALUE) CloseHandle(system_handle(handle_));
+}
+
+// A handle with the right to append alone makes the system itself find the end of the file, in one step with the write.
+// Not every implementation of Windows does: wine looks for the end first and writes then, and lines of processes that
+// do so at once overwrite each other. So the append is made under a lock of the file's own as well. A holder that is
+// stopped within it delays others, but does not stop them: they append without it then.
+Error File::append(std::string_view line) const noexcept {
+    const HANDLE file = system_handle(handle_);
+    lock(file, append_patience_ms);
+    if (!ends_within_a_line(file)) line.remove_prefix(1);
+    DWORD written = 0;
+    if (line.size() > MAXDWORD) return write_fault;
+    if (!WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) {
+        return error_of(GetLastError());
+    }
+    return written == line.size() ? ok : disk_full;
+}
+
+FileLock::FileLock(const char* path) noexcept : handle_(open_shared(path, 0)) {
+    held_ = system_handle(handle_) != INVALID_HANDLE_VALUE && lock(system_handle(handle_), rotation_patience_ms);
+}
+
+FileLock::~FileLock() {
+    if (system_handle(handle_) != INVALID_HANDLE_VALUE) CloseHandle(system_handle(handle_));
+}
+
+UndisturbedThread::UndisturbedThread() noexcept : last_error_(static_cast<int32_t>(GetLastError())) {}
+UndisturbedThread::~UndisturbedThread() {
+    SetLastError(static_cast<DWORD>(last_error_));
+}
+
+bool exists(const char* path) noexcept {
+    return GetFileAttributesA(path) != INVALID_FILE_ATTRIBUTES;
+}
+
+// A file that someone still has open cannot be replaced, but it can be deleted.
+bool rename_over(const char* from, const char* to) noexcept {
+    DeleteFileA(to);
+    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != FALSE;
+}
+
+void make_folder(const char* path) noexcept {
+    CreateDirectoryA(path, nullptr);
+}
+
+std::string absolute(const std::string& path) {
+    std::string result(GetFullPathNameA(path.c_str(), 0, nullptr, nullptr), '\0');
+    const DWORD length = GetFullPathNameA(path.c_str(), static_cast<DWORD>(result.size()), result.data(), nullptr);
+    if (length == 0 || length >= result.size()) return path;
+    result.resize(length);
+    return result;
+}
+
+uint32_t process_id() noexcept {
+    return GetCurrentProcessId();
+}
+uint32_t thread_id() noexcept {
+    return GetCurrentThreadId();
+}
+
+int32_t utc_offset_minutes(int64_t seconds) noexcept {
+    constexpr int64_t ticks_per_second = 10'000'000, unix_epoch = 11'644'473'600;
+    const int64_t utc = (seconds + unix_epoch) * ticks_per_second;
+    FILETIME time{static_cast<DWORD>(utc & 0xFFFFFFFF), static_cast<DWORD>(utc >> 32)};
+    SYSTEMTIME at{}, local{};
+    if (!FileTimeToSystemTime(&time, &at) || !SystemTimeToTzSpecificLocalTime(nullptr, &at, &local) ||
+        !SystemTimeToFileTime(&local, &time)) {
+        return 0;
+    }
+    return static_cast<int32_t>((ticks(time) - utc) / (60 * ticks_per_second));
+}
+
+void pause(uint32_t milliseconds) noexcept {
+    Sleep(milliseconds);
+}
+
+}  // namespace kzmlog

@@ -1,0 +1,749 @@
+#include "kzmlog.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "kzmlog_test_platform.h"
+
+namespace test {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+std::string cut(std::string& from, const char* separator) {
+    const size_t at = from.find(separator);
+    if (at == std::string::npos) {
+        ADD_FAILURE() << "no '" << separator << "' in: " << from.substr(0, 200);
+        return {};
+    }
+    std::string field = from.substr(0, at);
+    from.erase(0, at + 1);
+    return field;
+}
+
+LogLine parsed_line(std::string text) {
+    const std::string whole = text.substr(0, 200);
+    LogLine line;
+    line.time = cut(text, " ");
+    std::tm date{};
+    int milliseconds = 0, zone_hours = 0, zone_minutes = 0, length = 0;
+    char sign = 0;
+    const int fields = std::sscanf(line.time.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3d%c%2d:%2d%n", &date.tm_year,
+                                   &date.tm_mon, &date.tm_mday, &date.tm_hour, &date.tm_min, &date.tm_sec,
+                                   &milliseconds, &sign, &zone_hours, &zone_minutes, &length);
+    EXPECT_EQ(fields, 10) << whole;
+    EXPECT_EQ(length, 29) << whole;
+    EXPECT_EQ(line.time.size(), 29u) << whole;
+    EXPECT_TRUE(sign == '+' || sign == '-') << whole;
+    using namespace std::chrono;
+    const sys_days day{year(date.tm_year) / date.tm_mon / date.tm_mday};
+    line.offset_minutes = (sign == '-' ? -1 : 1) * (zone_hours * 60 + zone_minutes);
+    line.utc_ms = (duration_cast<std::chrono::milliseconds>(day.time_since_epoch()).count() +
+                   ((date.tm_hour * 60 + date.tm_min) * 60 + date.tm_sec) * 1000LL + milliseconds) -
+                  line.offset_minutes * 60'000LL;
+    line.process = static_cast<uint32_t>(std::stoul(cut(text, " ")));
+    line.thread = static_cast<uint32_t>(std::stoul(cut(text, " ")));
+    line.level = cut(text, " ");
+    line.function = cut(text, " ");
+    std::string place = cut(text, " ");
+    const size_t colon = place.rfind(':');
+    EXPECT_NE(colon, std::string::npos) << whole;
+    line.file = place.substr(0, colon);
+    line.line = std::stoi(place.substr(colon + 1));
+    line.message = text;
+    return line;
+}
+
+}  // namespace
+
+std::vector<LogLine> parsed(const std::string& text) {
+    EXPECT_TRUE(text.empty() || text.back() == '\n') << "the last line is cut";
+    std::vector<LogLine> lines;
+    for (size_t from = 0; from < text.size();) {
+        const size_t to = text.find('\n', from);
+        lines.push_back(parsed_line(text.substr(from, to - from)));
+        from = to + 1;
+    }
+    return lines;
+}
+
+std::vector<std::string> messages(const std::string& text) {
+    std::vector<std::string> found;
+    for (LogLine& line : parsed(text)) found.push_back(std::move(line.message));
+    return found;
+}
+
+std::string unescaped(std::string_view text) {
+    std::string plain;
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (text[at] != '\\') {
+            plain += text[at];
+            continue;
+        }
+        switch (const char kind = text.at(++at)) {
+            case 'n':
+                plain += '\n';
+                break;
+            case 'r':
+                plain += '\r';
+                break;
+            case 't':
+                plain += '\t';
+                break;
+            case 'x':
+                plain += static_cast<char>(std::stoi(std::string(text.substr(at + 1, 2)), nullptr, 16));
+                at += 2;
+                break;
+            default:
+                EXPECT_EQ(kind, '\\');
+                plain += kind;
+        }
+    }
+    return plain;
+}
+
+std::vector<std::string> KzmLog::kept_messages() const {
+    std::vector<std::string> kept;
+    for (const char* const name : {"shmnm.log.3", "shmnm.log.2", "shmnm.log.1", "shmnm.log"}) {
+        for (std::string& message : messages(text(name))) kept.push_back(std::move(message));
+    }
+    return kept;
+}
+
+void* open_log(uint32_t size, uint32_t level) {
+    void* log = nullptr;
+    EXPECT_EQ(kzmlog_open("shmnm", &log, level, size, 0, "oru_kzmshmnm_log"), 0);
+    EXPECT_NE(log, nullptr);
+    return log;
+}
+
+int32_t write(void* log, const std::string& message) {
+    return kzmlog_write(log, 4, 0, "src/writer", 7, "_write", message.c_str());
+}
+
+namespace {
+
+int64_t now_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+/// What the C run time holds local time to be ahead of UTC by.
+int local_offset_minutes() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc = *std::gmtime(&now);
+    utc.tm_isdst = 0;
+    std::tm local = *std::localtime(&now);
+    local.tm_isdst = 0;
+    return static_cast<int>((std::mktime(&local) - std::mktime(&utc)) / 60);
+}
+
+TEST_F(KzmLog, WritesOneLineWithAllItsFields) {
+    void* const log = open_log();
+    const int64_t before = now_ms();
+    EXPECT_EQ(kzmlog_write(log, 1, 0, "src/windows/shmnm", 4711, "_addnode", "name:alpha not found"), 0);
+    const int64_t after = now_ms();
+    const std::vector<LogLine> lines = parsed(text());
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_GE(lines[0].utc_ms, before);
+    EXPECT_LE(lines[0].utc_ms, after);
+    EXPECT_EQ(lines[0].offset_minutes, local_offset_minutes());
+    EXPECT_EQ(lines[0].process, process_id());
+    EXPECT_EQ(lines[0].level, "ERROR");
+    EXPECT_EQ(lines[0].function, "_addnode");
+    EXPECT_EQ(lines[0].file, "src/windows/shmnm");
+    EXPECT_EQ(lines[0].line, 4711);
+    EXPECT_EQ(lines[0].message, "name:alpha not found");
+    EXPECT_EQ(text(), lines[0].time + " " + std::to_string(process_id()) + " " + std::to_string(lines[0].thread) +
+                          " ERROR _addnode src/windows/shmnm:4711 name:alpha not found\n");
+    EXPECT_EQ(kzmlog_close(log), 0);
+}
+
+TEST_F(KzmLog, TellsThreadsApart) {
+    void* const log = open_log();
+    EXPECT_EQ(write(log, "first"), 0);
+    EXPECT_EQ(write(log, "second"), 0);
+    std::thread([log] { EXPECT_EQ(write(log, "third"), 0); }).join();
+    const std::vector<LogLine> lines = parsed(text());
+    ASSERT_THAT(lines, SizeIs(3));
+    EXPECT_EQ(lines[0].thread, lines[1].thread);
+    EXPECT_NE(lines[0].thread, lines[2].thread);
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, NamesTheKnownLevelsAndNumbersTheOthers) {
+    void* const log = open_log(0, 0xFFFFFFFF);
+    for (const uint32_t level : {0u, 1u, 2u, 4u, 8u, 16u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(kzmlog_write(log, level, 0, "f", 1, "g", "m"), 0);
+    }
+    std::vector<std::string> levels;
+    for (const LogLine& line : parsed(text())) levels.push_back(line.level);
+    EXPECT_THAT(levels, ElementsAre("0", "ERROR", "WARNING", "INFO", "8", "TRACE", "4294967295"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, DropsWhatIsAboveItsLevel) {
+    void* const log = open_log(0, 4);
+    for (const uint32_t level : {16u, 5u, 4u, 2u, 1u}) {
+        EXPECT_EQ(kzmlog_write(log, level, 0, "f", 1, "g", std::to_string(level).c_str()), 0);
+    }
+    EXPECT_THAT(messages(text()), ElementsAre("4", "2", "1"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, ReadsNullTextsAsEmpty) {
+    void* const log = open_log();
+    EXPECT_EQ(kzmlog_write(log, 4, 0, nullptr, -1, nullptr, nullptr), 0);
+    const std::vector<LogLine> lines = parsed(text());
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(lines[0].function, "");
+    EXPECT_EQ(lines[0].file, "");
+    EXPECT_EQ(lines[0].line, -1);
+    EXPECT_EQ(lines[0].message, "");
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, EscapesWhateverCouldForgeALine) {
+    void* const log = open_log();
+    const std::string forged = "x\n2026-01-01T00:00:00.000+00:00 1 1 ERROR f g:1 forged\r\t\x1b[2J\x7f\\n";
+    EXPECT_EQ(kzmlog_write(log, 4, 0, "a b\n:1", 3, "f\ng h", forged.c_str()), 0);
+    const std::vector<LogLine> lines = parsed(text());
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(lines[0].message, "x\\n2026-01-01T00:00:00.000+00:00 1 1 ERROR f g:1 forged\\r\\t\\x1b[2J\\x7f\\\\n");
+    EXPECT_EQ(unescaped(lines[0].message), forged);
+    EXPECT_EQ(lines[0].function, "f\\ng\\x20h");
+    EXPECT_EQ(lines[0].file, "a\\x20b\\n:1");
+    EXPECT_EQ(lines[0].line, 3);
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, KeepsPrintableUtf8AndEscapesTheRest) {
+    struct {
+        const char *given, *written;
+    } const cases[] = {
+        {"\xc3\xa4 \xe6\xbc\xa2 \xf0\x9f\x98\x80", "\xc3\xa4 \xe6\xbc\xa2 \xf0\x9f\x98\x80"},
+        {"\xc2\xa0", "\xc2\xa0"},                                     // the first one behind the controls
+        {"\xc2\x80\xc2\x9b\xc2\x9f", R"(\xc2\x80\xc2\x9b\xc2\x9f)"},  // C1 controls
+        {"\xe2\x80\xa8\xe2\x80\xa9", R"(\xe2\x80\xa8\xe2\x80\xa9)"},  // separators of lines and paragraphs
+        {"\xe2\x80\xa7\xe2\x80\xaa", "\xe2\x80\xa7\xe2\x80\xaa"},     // their neighbours
+        {"\x8a\xff\xc0\x8a", R"(\x8a\xff\xc0\x8a)"},                  // no beginning, an overlong newline
+        {"\xe0\x80\x8a\xf0\x80\x80\x8a", R"(\xe0\x80\x8a\xf0\x80\x80\x8a)"},
+        {"\xed\xa0\x80\xf4\x90\x80\x80", R"(\xed\xa0\x80\xf4\x90\x80\x80)"},  // a surrogate, beyond the last
+        {"\xed\x9f\xbf\xf4\x8f\xbf\xbf", "\xed\x9f\xbf\xf4\x8f\xbf\xbf"},
+        {"\xc3", R"(\xc3)"},
+        {"\xe6\xbc", R"(\xe6\xbc)"},
+        {"\xf0\x9f\x98", R"(\xf0\x9f\x98)"},
+        {"\xc3\n", R"(\xc3\n)"},
+    };
+    void* const log = open_log();
+    std::vector<std::string> expected;
+    for (const auto& [given, written] : cases) {
+        EXPECT_EQ(write(log, given), 0);
+        expected.emplace_back(written);
+    }
+    EXPECT_EQ(messages(text()), expected);
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, CanBeReadBackByteForByte) {
+    void* const log = open_log();
+    std::minstd_rand random(20260101);
+    std::vector<std::string> given;
+    for (int i = 0; i < 200; ++i) {
+        std::string message(static_cast<size_t>(random() % 60), '\0');
+        for (char& byte : message) byte = static_cast<char>(1 + random() % 255);
+        EXPECT_EQ(write(log, message), 0);
+        given.push_back(std::move(message));
+    }
+    std::vector<std::string> read;
+    for (const std::string& message : messages(text())) read.push_back(unescaped(message));
+    EXPECT_EQ(read, given);
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, WritesAMessageOfAnyLengthWhole) {
+    void* const log = open_log();
+    std::vector<std::string> given;
+    for (const size_t length :
+         std::initializer_list<size_t>{0, 1, 900, 1023, 1024, 1025, 4095, 4096, 100'000, 3'000'000}) {
+        given.emplace_back(length, static_cast<char>('a' + given.size()));
+        EXPECT_EQ(write(log, given.back()), 0);
+    }
+    EXPECT_EQ(messages(text()), given);
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, AppendsToWhatIsThere) {
+    void* log = open_log();
+    EXPECT_EQ(write(log, "first"), 0);
+    EXPECT_EQ(kzmlog_close(log), 0);
+    log = open_log();
+    EXPECT_EQ(write(log, "second"), 0);
+    EXPECT_EQ(kzmlog_close(log), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("first", "second"));
+}
+
+TEST_F(KzmLog, ClosesALineThatWasCutBeforeItWritesTheNextOne) {
+    void* const log = open_log();
+    EXPECT_EQ(write(log, "first"), 0);
+    std::ofstream(file(), std::ios::binary | std::ios::app) << "cut off";
+    EXPECT_EQ(write(log, "second"), 0);
+    EXPECT_EQ(write(log, "third"), 0);
+    std::string whole = text();
+    const size_t fragment = whole.find("cut off\n");
+    ASSERT_NE(fragment, std::string::npos) << whole;
+    EXPECT_THAT(messages(whole.erase(fragment, 8)), ElementsAre("first", "second", "third"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, KeepsTwoLogsApart) {
+    void *first = nullptr, *second = nullptr;
+    ASSERT_EQ(kzmlog_open("shmnm", &first, 4, 0, 0, "channel"), 0);
+    ASSERT_EQ(kzmlog_open("other-1.x", &second, 1, 0, 0, "channel"), 0);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(write(first, "to the first"), 0);
+    EXPECT_EQ(write(second, "dropped by its level"), 0);
+    EXPECT_EQ(kzmlog_write(second, 1, 0, "f", 1, "g", "to the second"), 0);
+    EXPECT_EQ(kzmlog_close(first), 0);
+    EXPECT_EQ(kzmlog_write(second, 1, 0, "f", 1, "g", "still open"), 0);
+    EXPECT_EQ(kzmlog_close(second), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("to the first"));
+    EXPECT_THAT(messages(text("other-1.x.log")), ElementsAre("to the second", "still open"));
+}
+
+TEST_F(KzmLog, RefusesBadArguments) {
+    const std::string longest(31, 'm'), too_long(32, 'm');
+    void* log = this;
+    for (const char* const module :
+         std::initializer_list<const char*>{nullptr, "", "../shmnm", "a/b", "a\\b", "a:b", "..", ".", ".a", "a b",
+                                            "a\n", "\xc3\xa4", too_long.c_str()}) {
+        log = this;
+        EXPECT_EQ(kzmlog_open(module, &log, 4, 0, 0, "channel"), invalid_parameter) << (module ? module : "null");
+        EXPECT_EQ(log, nullptr);
+    }
+    for (const char* const channel : std::initializer_list<const char*>{nullptr, "", "../channel", "a/b", "a\\b"}) {
+        log = this;
+        EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, channel), invalid_parameter) << (channel ? channel : "null");
+        EXPECT_EQ(log, nullptr);
+    }
+    EXPECT_EQ(kzmlog_open("shmnm", nullptr, 4, 0, 0, "channel"), invalid_parameter);
+    EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 1, "channel"), invalid_parameter);
+    EXPECT_FALSE(std::filesystem::exists(folder()));
+    EXPECT_EQ(kzmlog_open(longest.c_str(), &log, 4, 0, 0, "channel"), 0);
+    EXPECT_EQ(kzmlog_write(log, 4, 1, "f", 1, "g", "reserved flags"), invalid_parameter);
+    EXPECT_EQ(kzmlog_close(log), 0);
+    EXPECT_EQ(text((longest + ".log").c_str()), "");
+}
+
+TEST_F(KzmLog, RefusesHandlesThatAreNoOpenLog) {
+    void* const log = open_log();
+    const auto handle = reinterpret_cast<uintptr_t>(log);
+    for (const uintptr_t invented : {uintptr_t{0}, uintptr_t{1}, uintptr_t{5}, uintptr_t{63}, handle + 1, handle + 64,
+                                     handle - 64, handle + (uintptr_t{1} << 32), handle + (uintptr_t{1} << 38),
+                                     reinterpret_cast<uintptr_t>(&log), ~uintptr_t{0}}) {
+        void* const bad = reinterpret_cast<void*>(invented);
+        EXPECT_EQ(write(bad, "lost"), invalid_handle) << bad;
+        EXPECT_EQ(kzmlog_write(bad, 0xFFFFFFFF, 0, "f", 1, "g", "dropped by its level"), invalid_handle) << bad;
+        EXPECT_EQ(kzmlog_close(bad), invalid_handle) << bad;
+    }
+    EXPECT_EQ(kzmlog_close(log), 0);
+    EXPECT_EQ(write(log, "closed"), invalid_handle);
+    EXPECT_EQ(kzmlog_close(log), invalid_handle);
+    EXPECT_EQ(text(), "");
+}
+
+TEST_F(KzmLog, GivesAHandleOutOnlyOnce) {
+    std::set<void*> given;
+    for (int i = 0; i < 200; ++i) {
+        void* const log = open_log();
+        EXPECT_TRUE(given.insert(log).second);
+        EXPECT_EQ(kzmlog_close(log), 0);
+    }
+    for (void* const closed : given) EXPECT_EQ(write(closed, "lost"), invalid_handle);
+}
+
+TEST_F(KzmLog, OpensSixtyFourLogsAtOnce) {
+    std::vector<void*> logs;
+    for (int i = 0; i < 64; ++i) logs.push_back(open_log());
+    void* one_more = this;
+    EXPECT_EQ(kzmlog_open("shmnm", &one_more, 4, 0, 0, "channel"), 4);
+    EXPECT_EQ(one_more, nullptr);
+    for (void* const log : logs) EXPECT_EQ(write(log, "x"), 0);
+    EXPECT_THAT(messages(text()), SizeIs(64));
+    for (void* const log : logs) EXPECT_EQ(kzmlog_close(log), 0);
+    EXPECT_EQ(kzmlog_close(open_log()), 0);
+}
+
+TEST_F(KzmLog, RotatesBeforeItsSizeIsExceededAndKeepsThreeGenerations) {
+    void* log = open_log();
+    EXPECT_EQ(write(log, "00"), 0);
+    kzmlog_close(log);
+    const auto line = static_cast<uint32_t>(text().size());
+    log = open_log(3 * line);
+    for (int i = 1; i < 14; ++i) EXPECT_EQ(write(log, (i < 10 ? "0" : "") + std::to_string(i)), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("12", "13"));
+    EXPECT_THAT(messages(text("shmnm.log.1")), ElementsAre("09", "10", "11"));
+    EXPECT_THAT(messages(text("shmnm.log.2")), ElementsAre("06", "07", "08"));
+    EXPECT_THAT(messages(text("shmnm.log.3")), ElementsAre("03", "04", "05"));
+    EXPECT_FALSE(std::filesystem::exists(file("shmnm.log.4")));
+    EXPECT_EQ(write(log, "14"), 0);
+    EXPECT_EQ(text().size(), 3 * line);
+    EXPECT_EQ(write(log, "15"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("15"));
+    EXPECT_THAT(messages(text("shmnm.log.3")), ElementsAre("06", "07", "08"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, GivesALineLongerThanItsSizeAFileOfItsOwn) {
+    void* const log = open_log(1);
+    const std::string first(5000, 'a'), second(5000, 'b');
+    EXPECT_EQ(write(log, first), 0);
+    EXPECT_EQ(write(log, second), 0);
+    EXPECT_THAT(messages(text()), ElementsAre(second));
+    EXPECT_THAT(messages(text("shmnm.log.1")), ElementsAre(first));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, NeverRotatesWithASizeOfZero) {
+    install().write("log/shmnm.log", std::string(5'000'000, 'x') + "\n");
+    void* const log = open_log(0);
+    EXPECT_EQ(write(log, "behind"), 0);
+    EXPECT_GT(std::filesystem::file_size(file()), 5'000'001u);
+    EXPECT_FALSE(std::filesystem::exists(file("shmnm.log.1")));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, RotatesAtTheLargestSize) {
+    void* const log = open_log(0xFFFFFFFF);
+    EXPECT_EQ(write(log, "fits"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("fits"));
+    kzmlog_close(log);
+}
+
+// What a rotation that was killed between two of its renames leaves; the next one loses none of it.
+TEST_F(KzmLog, FillsTheGapThatAKilledRotationLeftInTheSecondGeneration) {
+    install().write("log/shmnm.log.3", "oldest\n");
+    install().write("log/shmnm.log.1", "youngest\n");
+    install().write("log/shmnm.log", "current\n");
+    void* const log = open_log(10);
+    EXPECT_EQ(write(log, "new"), 0);
+    EXPECT_EQ(text("shmnm.log.3"), "oldest\n");
+    EXPECT_EQ(text("shmnm.log.2"), "youngest\n");
+    EXPECT_EQ(text("shmnm.log.1"), "current\n");
+    EXPECT_THAT(messages(text()), ElementsAre("new"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, FillsTheGapThatAKilledRotationLeftInTheFirstGeneration) {
+    install().write("log/shmnm.log.3", "oldest\n");
+    install().write("log/shmnm.log.2", "older\n");
+    install().write("log/shmnm.log", "current\n");
+    void* const log = open_log(10);
+    EXPECT_EQ(write(log, "new"), 0);
+    EXPECT_EQ(text("shmnm.log.3"), "oldest\n");
+    EXPECT_EQ(text("shmnm.log.2"), "older\n");
+    EXPECT_EQ(text("shmnm.log.1"), "current\n");
+    EXPECT_THAT(messages(text()), ElementsAre("new"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, MakesTheCurrentFileThatAKilledRotationLeftMissing) {
+    void* const log = open_log(1);
+    EXPECT_EQ(write(log, "old"), 0);
+    std::filesystem::rename(file(), file("shmnm.log.1"));
+    EXPECT_EQ(write(log, "new"), 0);
+    EXPECT_THAT(messages(text("shmnm.log.1")), ElementsAre("old"));
+    EXPECT_THAT(messages(text()), ElementsAre("new"));
+    kzmlog_close(log);
+}
+
+CHILD(hold_the_lock) {
+    hold_rotation_lock();
+    report(0);
+    hang();
+}
+
+TEST_F(KzmLog, NeitherWaitsForALongRotationNorLosesALineByIt) {
+    void* const log = open_log(1);
+    EXPECT_EQ(write(log, "first"), 0);
+    Child holder = start(hold_the_lock);
+    holder.reported();
+    EXPECT_EQ(write(log, "second"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("first", "second"));
+    holder.kill();
+    EXPECT_EQ(write(log, "third"), 0);
+    EXPECT_THAT(messages(text("shmnm.log.1")), ElementsAre("first", "second"));
+    EXPECT_THAT(messages(text()), ElementsAre("third"));
+    kzmlog_close(log);
+}
+
+/// Rotates with every line, until it is killed.
+CHILD(rotate_for_ever) {
+    void* const log = open_log(1);
+    for (int i = 0; i < 20; ++i) write(log, "child");
+    report(0);
+    for (;;) write(log, "child");
+}
+
+TEST_F(KzmLog, GoesOnAfterARotatorWasKilled) {
+    void* const log = open_log(1);
+    for (int round = 0; round < 6; ++round) {
+        Child rotator = start(rotate_for_ever);
+        rotator.reported();
+        rotator.kill();
+        const std::string mark = std::to_string(round);
+        for (const char* const line : {"a", "b", "c", "d"}) EXPECT_EQ(write(log, line + mark), 0);
+        EXPECT_THAT(messages(text("shmnm.log.3")), ElementsAre("a" + mark));
+        EXPECT_THAT(messages(text("shmnm.log.2")), ElementsAre("b" + mark));
+        EXPECT_THAT(messages(text("shmnm.log.1")), ElementsAre("c" + mark));
+        EXPECT_THAT(messages(text()), ElementsAre("d" + mark));
+    }
+    kzmlog_close(log);
+}
+
+/// Writes so many numbered lines as it is told, in a log of the size that it is told, padded to a length.
+CHILD(write_numbered_lines) {
+    const uint64_t lines = told(), size = told(), padding = told();
+    void* const log = open_log(static_cast<uint32_t>(size));
+    report(0);
+    told();
+    uint64_t lost = 0;
+    for (uint64_t i = 0; i < lines; ++i) {
+        std::string number = std::to_string(i);
+        number.insert(0, 6 - number.size(), '0');
+        lost += write(log, number + std::string(static_cast<size_t>(padding), '.')) != 0;
+    }
+    report(lost);
+}
+
+/// Lets so many processes write at once; the ids of those that did.
+std::set<uint32_t> let_write(size_t processes, uint64_t lines, uint64_t size, uint64_t padding) {
+    std::vector<Child> writers;
+    for (size_t i = 0; i < processes; ++i) {
+        writers.push_back(start(write_numbered_lines));
+        for (const uint64_t number : {lines, size, padding}) writers.back().tell(number);
+    }
+    for (Child& writer : writers) writer.reported();
+    for (Child& writer : writers) writer.tell(0);
+    std::set<uint32_t> ids;
+    for (Child& writer : writers) {
+        EXPECT_EQ(writer.reported(), 0u);
+        ids.insert(writer.process_id());
+    }
+    return ids;
+}
+
+/// The numbers that each process wrote, in the order in which they stand.
+std::map<uint32_t, std::vector<uint64_t>> numbers_by_process(const std::vector<LogLine>& lines, size_t padding) {
+    std::map<uint32_t, std::vector<uint64_t>> numbers;
+    for (const LogLine& line : lines) {
+        EXPECT_EQ(line.message.size(), 6 + padding);
+        EXPECT_EQ(line.message.substr(6), std::string(padding, '.'));
+        numbers[line.process].push_back(std::stoul(line.message.substr(0, 6)));
+    }
+    return numbers;
+}
+
+std::vector<uint64_t> consecutive(uint64_t from, uint64_t to) {
+    std::vector<uint64_t> numbers;
+    for (; from < to; ++from) numbers.push_back(from);
+    return numbers;
+}
+
+class KzmLogOfManyProcesses : public KzmLog {
+  protected:
+    std::vector<LogLine> kept_lines() const {
+        std::vector<LogLine> lines;
+        for (const char* const name : {"shmnm.log.3", "shmnm.log.2", "shmnm.log.1", "shmnm.log"}) {
+            for (LogLine& line : parsed(text(name))) lines.push_back(std::move(line));
+        }
+        return lines;
+    }
+};
+
+TEST_F(KzmLogOfManyProcesses, LosesNoLineAndRotatesOnceForEachOverflow) {
+    constexpr uint64_t lines = 500, size = 150'000;
+    const std::set<uint32_t> ids = let_write(8, lines, size, 30);
+    const auto numbers = numbers_by_process(kept_lines(), 30);
+    std::set<uint32_t> found;
+    for (const auto& [process, written] : numbers) {
+        found.insert(process);
+        EXPECT_EQ(written, consecutive(0, lines)) << process;
+    }
+    EXPECT_EQ(found, ids);
+    EXPECT_TRUE(std::filesystem::exists(file("shmnm.log.2")));
+    EXPECT_FALSE(std::filesystem::exists(file("shmnm.log.3")));
+}
+
+TEST_F(KzmLogOfManyProcesses, KeepsTheYoungestLinesOfEachWithinTheSize) {
+    constexpr uint64_t lines = 500, size = 15'000;
+    const std::set<uint32_t> ids = let_write(8, lines, size, 30);
+    const auto numbers = numbers_by_process(kept_lines(), 30);
+    EXPECT_THAT(numbers, testing::Not(IsEmpty()));
+    for (const auto& [process, written] : numbers) {
+        EXPECT_TRUE(ids.contains(process));
+        EXPECT_EQ(written, consecutive(lines - written.size(), lines)) << process;
+    }
+    for (const char* const name : {"shmnm.log.3", "shmnm.log.2", "shmnm.log.1"}) {
+        EXPECT_GT(std::filesystem::file_size(file(name)), size - 150) << name << ": rotated before it was full";
+        EXPECT_LT(std::filesystem::file_size(file(name)), 2 * size) << name;
+    }
+    EXPECT_LT(std::filesystem::file_size(file()), 2 * size);
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder()))
+        names.insert(entry.path().filename().string());
+    EXPECT_THAT(names, ElementsAre("oru_kzmshmnm_log.lock", "shmnm.log", "shmnm.log.1", "shmnm.log.2", "shmnm.log.3"));
+}
+
+TEST_F(KzmLogOfManyProcesses, WritesLongLinesWholeAndNothingBetweenThem) {
+    const std::set<uint32_t> ids = let_write(8, 150, 0, 6'000);
+    const auto numbers = numbers_by_process(kept_lines(), 6'000);
+    EXPECT_EQ(numbers.size(), ids.size());
+    for (const auto& [process, written] : numbers) EXPECT_EQ(written, consecutive(0, 150)) << process;
+}
+
+TEST_F(KzmLogOfManyProcesses, LosesNoLineOfTheOthersWhenSomeAreKilledWhileTheyRotate) {
+    constexpr uint64_t lines = 150;
+    std::vector<Child> rotators;
+    for (int i = 0; i < 3; ++i) rotators.push_back(start(rotate_for_ever));
+    for (Child& rotator : rotators) rotator.reported();
+    Child writer = start(write_numbered_lines);
+    for (const uint64_t number : {lines, uint64_t{1}, uint64_t{0}}) writer.tell(number);
+    writer.reported();
+    writer.tell(0);
+    for (Child& rotator : rotators) rotator.kill();
+    EXPECT_EQ(writer.reported(), 0u);
+    std::vector<uint64_t> last;
+    for (const LogLine& line : kept_lines()) {
+        if (line.process == writer.process_id()) last.push_back(std::stoul(line.message));
+    }
+    EXPECT_EQ(last, consecutive(lines - 4, lines));
+}
+
+TEST_F(KzmLog, DropsOrWritesWholeWhatRacesWithAClose) {
+    std::atomic<void*> log{nullptr};
+    std::atomic<bool> stop{false};
+    std::array<int, 3> written{};
+    std::vector<std::thread> writers;
+    for (int& count : written) {
+        writers.emplace_back([&log, &stop, &count] {
+            while (!stop) {
+                const int32_t result = write(log.load(), "racing");
+                EXPECT_TRUE(result == 0 || result == invalid_handle) << result;
+                count += result == 0;
+            }
+        });
+    }
+    // Each log stays open until a line has come through, so that closes do meet writes.
+    std::uintmax_t size = 0;
+    for (int i = 0; i < 150; ++i) {
+        log = open_log();
+        while (std::filesystem::file_size(file()) == size) std::this_thread::yield();
+        EXPECT_EQ(kzmlog_close(log), 0);
+        size = std::filesystem::file_size(file());
+    }
+    stop = true;
+    for (std::thread& writer : writers) writer.join();
+    const std::vector<std::string> lines = messages(text());
+    EXPECT_EQ(lines.size(), static_cast<size_t>(written[0] + written[1] + written[2]));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "racing"), static_cast<std::ptrdiff_t>(lines.size()));
+    EXPECT_GE(lines.size(), 150u);
+}
+
+TEST_F(KzmLog, IsWrittenByManyThreadsAtOnceThroughItsRotations) {
+    void* const log = open_log(20'000);
+    std::vector<std::thread> writers;
+    for (int thread = 0; thread < 4; ++thread) {
+        writers.emplace_back([log] {
+            for (int i = 0; i < 150; ++i) EXPECT_EQ(write(log, std::to_string(i)), 0);
+        });
+    }
+    for (std::thread& writer : writers) writer.join();
+    std::map<uint32_t, std::vector<std::string>> by_thread;
+    for (const char* const name : {"shmnm.log.3", "shmnm.log.2", "shmnm.log.1", "shmnm.log"}) {
+        for (const LogLine& line : parsed(text(name))) by_thread[line.thread].push_back(line.message);
+    }
+    std::vector<std::string> all;
+    for (int i = 0; i < 150; ++i) all.push_back(std::to_string(i));
+    EXPECT_THAT(by_thread, SizeIs(4));
+    for (const auto& [thread, lines] : by_thread) EXPECT_EQ(lines, all) << thread;
+    EXPECT_TRUE(std::filesystem::exists(file("shmnm.log.1")));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, MakesItsFileAgainWhenItWasRemoved) {
+    void* const log = open_log();
+    EXPECT_EQ(write(log, "removed"), 0);
+    ASSERT_TRUE(std::filesystem::remove(file()));
+    EXPECT_EQ(write(log, "file made again"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("file made again"));
+    std::filesystem::remove_all(folder());
+    EXPECT_EQ(write(log, "folder made again"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("folder made again"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, FollowsItsNameWhenTheFileIsRenamed) {
+    void* const log = open_log();
+    EXPECT_EQ(write(log, "old"), 0);
+    std::filesystem::rename(file(), file("saved"));
+    EXPECT_EQ(write(log, "new"), 0);
+    EXPECT_THAT(messages(text("saved")), ElementsAre("old"));
+    EXPECT_THAT(messages(text()), ElementsAre("new"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, IsNotOpenedWhereNoFolderCanBe) {
+    install().write("a-file", "x");
+    const ScopedEnvironment elsewhere("KZM_INSTALL_PATH", (install().path() / "a-file").string().c_str());
+    void* log = this;
+    EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 3);
+    EXPECT_EQ(log, nullptr);
+}
+
+TEST_F(KzmLog, IsNotOpenedWhereItsNameIsAFolders) {
+    std::filesystem::create_directories(file());
+    void* log = this;
+    EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 5);
+    EXPECT_EQ(log, nullptr);
+}
+
+TEST_F(KzmLog, LosesLinesWhileItsFolderTakesNoFilesAndGoesOnAfterwards) {
+    void* const log = open_log(1000);
+    std::filesystem::remove_all(folder());
+    install().write("log", "in the way");
+    EXPECT_EQ(write(log, "lost"), 3);
+    EXPECT_EQ(contents_of(folder()), "in the way");
+    std::filesystem::remove(folder());
+    EXPECT_EQ(write(log, "kept"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("kept"));
+    kzmlog_close(log);
+}
+
+TEST_F(KzmLog, GoesOnGrowingWhenItCannotBeRotated) {
+    std::filesystem::create_directories(file("oru_kzmshmnm_log.lock"));
+    void* const log = open_log(1);
+    for (const char* const line : {"a", "b", "c"}) EXPECT_EQ(write(log, line), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("a", "b", "c"));
+    std::filesystem::remove(file("oru_kzmshmnm_log.lock"));
+    install().write("log/shmnm.log.1/in-the-way", "x");
+    for (const char* const line : {"d", "e"}) EXPECT_EQ(write(log, line), 0);
+    EXPECT_THAT(messages(text("shmnm.log")), ElementsAre("e"));
+    kzmlog_close(log);
+}
+
+}  // namespace
+}  // namespace test
