@@ -61,7 +61,7 @@ struct InstallPath {
         result = KzmutilGetInstallPath(buffer.data(), size);
         error = test::last_error();
     }
-    std::string text() const { return buffer.c_str(); }
+    std::string text() const { return buffer.substr(0, buffer.find('\0')); }
     int32_t result;
     uint32_t error;
     std::string buffer;

@@ -4,9 +4,11 @@
  *
  * What holds for every function:
  *  - Failure  null (or 0), and the reason as a Windows error number in the thread's last error.
- *  - Success  a new object leaves the last error at 0, one that existed at 183.
+ *  - Success  of a create leaves the last error at 0 (the object is new) or 183 (it existed); of the others as it was.
  *  - Names    KZMUTIL_NAMESPACE, an environment variable, is put before every name; unset it adds nothing.
- *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux.
+ *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux. Those that
+ * a create gives are not inherited by children.
+ *  - Access   a new object admits the user who made it, on Windows administrators and the system too, and nobody else.
  *  - Threads  any thread may call any function.
  */
 #ifndef KZMUTIL_H

@@ -86,7 +86,7 @@ void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, uint32_t size_
                                     const char* name) {
     return guarded([&]() -> void* {
         const uint64_t size = uint64_t{size_high} << 32 | size_low;
-        if (reinterpret_cast<uintptr_t>(file) != no_file || protect != page_readwrite || size == 0 || !is_name(name)) {
+        if (reinterpret_cast<uintptr_t>(file) != no_file || protect != page_readwrite || !is_name(name)) {
             return failed<void*>(error_invalid_parameter);
         }
         return create_mapping(protect, size, full_name(name).c_str());
