@@ -41,17 +41,20 @@ std::string_view without_spaces_around(std::string_view text) {
 
 }  // namespace
 
-int32_t read_document(const std::string& file, Element& document) {
-    std::string text;
-    if (!read_file(file, text)) return XMLLIB_ERR_FILE;
+int32_t parse_document(const std::string& text, Element& document) {
     if (!is_well_formed(text)) return XMLLIB_ERR_FORMAT;
-    std::istringstream stream(std::move(text));
+    std::istringstream stream(text);
     try {
         read_xml(stream, document, boost::property_tree::xml_parser::no_comments);
     } catch (const boost::property_tree::xml_parser_error&) {
         return XMLLIB_ERR_FORMAT;
     }
     return XMLLIB_OK;
+}
+
+int32_t read_document(const std::string& file, Element& document) {
+    std::string text;
+    return read_file(file, text) ? parse_document(text, document) : XMLLIB_ERR_FILE;
 }
 
 const Element* find(const Element& document, std::string_view path) {
