@@ -6,8 +6,8 @@
  *  - Failure  null (or 0), and the reason as a Windows error number in the thread's last error.
  *  - Success  of a create leaves the last error at 0 (the object is new) or 183 (it existed); of the others as it was.
  *  - Names    KZMUTIL_NAMESPACE, an environment variable, is put before every name; unset it adds nothing.
- *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux. Those that
- * a create gives are not inherited by children.
+ *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux. Children
+ *             do not inherit those that a create gives.
  *  - Access   a new object admits the user who made it, on Windows administrators and the system too, and nobody else.
  *  - Threads  any thread may call any function.
  */
@@ -33,8 +33,7 @@ extern "C" {
  *
  * @param[in] flags  reserved: 0
  * @param[in] name   NUL-terminated, at least one byte, without the namespace
- * @return the mutex, or null: 87 a bad argument, 5 a foreign object of that name, other numbers as the kernel gives
- * them
+ * @return the mutex, or null: 87 a bad argument, 5 an object of another user, other numbers as the kernel gives them
  */
 KZMUTIL_API void* KzmutilCreateNamedMutex(uint32_t flags, const char* name);
 
