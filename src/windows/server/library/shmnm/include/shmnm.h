@@ -301,6 +301,490 @@ SHMNM_API uint32_t shmnm_setclstat(uint32_t value);
 /** Gets the cluster state. @retval SHMNM_ERR_PARAM `value` is null */
 SHMNM_API uint32_t shmnm_getclstat(uint32_t* value);
 
+/* ---- Servers --------------------------------------------------------------------------------------------------------
+ *
+ * A server is known to callers by its name or, to the functions of the resources, by its priority. In the region it has
+ * a position, its place in the table, which is also the index of its word in every resource's row of states. The
+ * lookups take the first match in order of position. Hold the lock to write around the three functions that change the
+ * table.
+ */
+
+/**
+ * Adds a server behind the last one: its states 2, its other words 0, and a 2 for it in every resource's rows.
+ *
+ * @param[in] name  cut to 255 bytes, silently; a longer name is then not found by its whole text, not even here
+ * @param[in] pri   any value; several servers may have the same
+ * @retval SHMNM_ERR_PARAM      `name` is null
+ * @retval SHMNM_ERR_COUNTOVER  there are as many servers as the header allows; tested before the names
+ * @retval SHMNM_ERR_EXIST      a server of that name exists
+ * @retval SHMNM_ERR_ADDSVSTAT  shmnm_addhbrscsvstat() or shmnm_addnprscsvstat() failed; the server stays in the table,
+ * deliberately
+ * @note The calls of those two write entry and exit lines of their own.
+ */
+SHMNM_API uint32_t shmnm_addnode(const char* name, int32_t pri);
+
+/**
+ * Removes a server. Those behind it move down one position, with their states in every resource's rows.
+ *
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ * @retval SHMNM_ERR_RMSVSTAT  shmnm_rmhbrscsvstat() or shmnm_rmnprscsvstat() failed; the server is removed all the
+ * same, deliberately
+ * @note The calls of those two write entry and exit lines of their own.
+ */
+SHMNM_API uint32_t shmnm_rmnode(const char* name);
+
+/**
+ * Gives a server another priority, which another one may have too. Its position stays.
+ *
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ */
+SHMNM_API uint32_t shmnm_modifynode(const char* name, int32_t pri);
+
+/**
+ * Lists the names of the servers, in order of position.
+ *
+ * @param[out]    buf   the names, each with its NUL, then one NUL more (no names: two NULs); null: measure only
+ * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
+ * @retval SHMNM_ERR_PARAM   `size` is null
+ * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the names that fitted, not closed; `size` is as it
+ * was; no error line
+ */
+SHMNM_API uint32_t shmnm_enumnode(char* buf, uint32_t* size);
+
+/**
+ * Gets the priority of the first server of a name.
+ *
+ * @retval SHMNM_ERR_PARAM     `name` or `pri` is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ */
+SHMNM_API uint32_t shmnm_getnodepri(const char* name, int32_t* pri);
+
+/**
+ * Gets the name of the first server of a priority. The output comes first.
+ *
+ * @param[out] name  256 bytes; the name with its NUL, the rest stays as it is
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that priority
+ */
+SHMNM_API uint32_t shmnm_getnodename(char* name, int32_t pri);
+
+/* ---- States of a server ---------------------------------------------------------------------------------------------
+ *
+ * Six words, set and read by the server's name, any value in each. The setters fail with SHMNM_ERR_PARAM if `name` is
+ * null, the getters if either pointer is, and both with SHMNM_ERR_NOTFOUND if no server has that name.
+ */
+
+/** Sets a server's state; 1 is what shmnm_chkalivesv() takes for alive, 2 is that of a new server. */
+SHMNM_API uint32_t shmnm_setnodestat(const char* name, uint32_t stat);
+/** Gets a server's state. */
+SHMNM_API uint32_t shmnm_getnodestat(const char* name, uint32_t* stat);
+/** Sets a server's network-wide state; 2 is that of a new server. */
+SHMNM_API uint32_t shmnm_setnodestat_nw(const char* name, uint32_t stat);
+/** Gets a server's network-wide state. */
+SHMNM_API uint32_t shmnm_getnodestat_nw(const char* name, uint32_t* stat);
+/** Sets a server's down-notification state. */
+SHMNM_API uint32_t shmnm_setdownnotifystat(const char* name, uint32_t stat);
+/** Gets a server's down-notification state. */
+SHMNM_API uint32_t shmnm_getdownnotifystat(const char* name, uint32_t* stat);
+/** Sets a server's isolation flag. */
+SHMNM_API uint32_t shmnm_setisolateflag(const char* name, uint32_t flag);
+/** Gets a server's isolation flag. */
+SHMNM_API uint32_t shmnm_getisolateflag(const char* name, uint32_t* flag);
+/** Sets a server's ping state. */
+SHMNM_API uint32_t shmnm_setpingstat(const char* name, uint32_t stat);
+/** Gets a server's ping state. */
+SHMNM_API uint32_t shmnm_getpingstat(const char* name, uint32_t* stat);
+/** Sets a server's hold state. */
+SHMNM_API uint32_t shmnm_setholdstat(const char* name, uint32_t stat);
+/** Gets a server's hold state. */
+SHMNM_API uint32_t shmnm_getholdstat(const char* name, uint32_t* stat);
+
+/**
+ * Gets a server's state combined with its isolation flag and the cluster's wait state.
+ *
+ *     state  wait state   isolation flag  combined
+ *     1      0 or 1       0               1
+ *     1      0 or 1       1               0x10
+ *     1      0 or 1       other           none: `stat` keeps what it held, deliberately
+ *     1      2            any             0x10002
+ *     1      3 and more   any             9
+ *     2      0 or 3       any             2
+ *     2      2            any             0x10002
+ *     2      other        any             9
+ *     other  any          any             9
+ *
+ * @param[in,out] stat  preset it, for the row that leaves it alone
+ * @retval SHMNM_ERR_PARAM     `name` or `stat` is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ */
+SHMNM_API uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat);
+
+/**
+ * Tells whether any server, or any but one, has the state 1.
+ *
+ * @param[in]  name  the server that does not count; null: all count. A name that no server has is no error.
+ * @param[out] flag  1 if there is one, else 0
+ * @retval SHMNM_ERR_PARAM  `flag` is null
+ * @note Writes a line at level 4, "flag:%d" or "flag(%s):%d", whose number is the low half of the pointer `flag` and
+ * not what it points to, deliberately.
+ */
+SHMNM_API uint32_t shmnm_chkalivesv(const char* name, uint32_t* flag);
+
+/* ---- Resources ------------------------------------------------------------------------------------------------------
+ *
+ * The hb and the np functions are twins on two tables. A resource is known by its type and its name together; the same
+ * name may exist under several types. The lookups take the first match in order of position. Where a type may be null
+ * it stands for any type, and not-found lines show it as "-".
+ */
+
+/**
+ * Adds a resource behind the last one, with a 2 for every server in its row of states. An hb resource's row of
+ * network-wide states is opened likewise. The resource's own state is left as the free place holds it: 0.
+ *
+ * @param[in] type, name  each cut to 31 bytes, silently; a longer text is then not found by its whole, not even here
+ * @param[in] pri         opaque
+ * @retval SHMNM_ERR_PARAM    `type` or `name` is null; empty texts are accepted
+ * @retval SHMNM_ERR_RSCOVER  there are as many resources as the header allows; tested before the names
+ * @retval SHMNM_ERR_EXIST    a resource of that type and name exists
+ */
+SHMNM_API uint32_t shmnm_addhbrsc(const char* type, const char* name, uint32_t pri);
+/** As shmnm_addhbrsc(), for np: there is no network-wide row. */
+SHMNM_API uint32_t shmnm_addnprsc(const char* type, const char* name, uint32_t pri);
+
+/**
+ * Removes a resource. Those behind it move down one position, with all they hold, and with their network-wide rows. The
+ * last place of the table is left zero; but if the removed resource was the last, its network-wide row keeps its
+ * values, deliberately.
+ *
+ * @retval SHMNM_ERR_PARAM     `type` or `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no such resource
+ */
+SHMNM_API uint32_t shmnm_rmhbrsc(const char* type, const char* name);
+/** As shmnm_rmhbrsc(), for np: there are no network-wide rows. */
+SHMNM_API uint32_t shmnm_rmnprsc(const char* type, const char* name);
+
+/**
+ * Gives a resource another priority.
+ *
+ * @retval SHMNM_ERR_PARAM     `type` or `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no such resource
+ */
+SHMNM_API uint32_t shmnm_modifyhbrsc(const char* type, const char* name, uint32_t pri);
+/** As shmnm_modifyhbrsc(), for np. */
+SHMNM_API uint32_t shmnm_modifynprsc(const char* type, const char* name, uint32_t pri);
+
+/**
+ * Gets the priority of a resource.
+ *
+ * @retval SHMNM_ERR_PARAM     a pointer is null
+ * @retval SHMNM_ERR_NOTFOUND  no such resource
+ */
+SHMNM_API uint32_t shmnm_gethbrscpri(const char* type, const char* name, uint32_t* pri);
+/** As shmnm_gethbrscpri(), for np. */
+SHMNM_API uint32_t shmnm_getnprscpri(const char* type, const char* name, uint32_t* pri);
+
+/**
+ * Gets the type of the first resource of a name. The output comes first.
+ *
+ * @param[out] type  32 bytes; the type with its NUL, the rest stays as it is. Not checked: null only tells whether
+ * there is such a resource.
+ * @retval SHMNM_ERR_PARAM     `name` is null or empty
+ * @retval SHMNM_ERR_NOTFOUND  no resource has that name
+ */
+SHMNM_API uint32_t shmnm_gethbrscinfo(char* type, const char* name);
+/** As shmnm_gethbrscinfo(), for np. */
+SHMNM_API uint32_t shmnm_getnprscinfo(char* type, const char* name);
+
+/**
+ * Lists the type of every resource, in order of position. A type that several resources have comes several times,
+ * deliberately.
+ *
+ * @param[out]    buf   the types, each with its NUL, then one NUL more (no types: two NULs); null: measure only
+ * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
+ * @retval SHMNM_ERR_PARAM   `size` is null
+ * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the types that fitted, not closed; `size` is as it
+ * was; no error line
+ */
+SHMNM_API uint32_t shmnm_enumhbtype(char* buf, uint32_t* size);
+/** As shmnm_enumhbtype(), for np. */
+SHMNM_API uint32_t shmnm_enumnptype(char* buf, uint32_t* size);
+
+/**
+ * Lists the names of the resources, in order of position.
+ *
+ * @param[in]     type  only resources of this type; null: of every type
+ * @param[out]    buf   the names, each with its NUL, then one NUL more (no names: two NULs); null: measure only
+ * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
+ * @retval SHMNM_ERR_PARAM   `size` is null
+ * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the names that fitted, not closed; `size` is as it
+ * was; no error line
+ * @note One pass over the table. While shmnm_rolock() is held, a measured size still fits at the next call.
+ */
+SHMNM_API uint32_t shmnm_enumhbrsc(const char* type, char* buf, uint32_t* size);
+/** As shmnm_enumhbrsc(), for np. */
+SHMNM_API uint32_t shmnm_enumnprsc(const char* type, char* buf, uint32_t* size);
+
+/* ---- States of a resource -------------------------------------------------------------------------------------------
+ */
+
+/**
+ * Sets a resource's own state.
+ *
+ * @param[in] type  may be null
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no such resource
+ */
+SHMNM_API uint32_t shmnm_sethbrscstat(const char* type, const char* name, uint32_t stat);
+/** As shmnm_sethbrscstat(), for np. */
+SHMNM_API uint32_t shmnm_setnprscstat(const char* type, const char* name, uint32_t stat);
+
+/**
+ * Gets a resource's own state.
+ *
+ * @param[in] type  may be null
+ * @retval SHMNM_ERR_PARAM     `name` or `stat` is null
+ * @retval SHMNM_ERR_NOTFOUND  no such resource
+ */
+SHMNM_API uint32_t shmnm_gethbrscstat(const char* type, const char* name, uint32_t* stat);
+/** As shmnm_gethbrscstat(), for np. */
+SHMNM_API uint32_t shmnm_getnprscstat(const char* type, const char* name, uint32_t* stat);
+
+/**
+ * Sets a resource's state on a server.
+ *
+ * @param[in] type  may be null
+ * @param[in] svid  the server's priority; the first server that has it is meant
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no such server, which is looked up first, or no such resource
+ */
+SHMNM_API uint32_t shmnm_sethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat);
+/** As shmnm_sethbrscsvstat(), for np. */
+SHMNM_API uint32_t shmnm_setnprscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat);
+
+/**
+ * Gets a resource's state on a server.
+ *
+ * @param[in]  type  may be null
+ * @param[in]  svid  the server's priority; the first server that has it is meant
+ * @param[out] stat  not checked: null only tells whether there are such a server and such a resource
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no such server, which is looked up first, or no such resource
+ */
+SHMNM_API uint32_t shmnm_gethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t* stat);
+/** As shmnm_gethbrscsvstat(), for np. */
+SHMNM_API uint32_t shmnm_getnprscsvstat(const char* type, const char* name, int32_t svid, uint32_t* stat);
+
+/**
+ * Lists a resource's states on all servers, in order of the servers' positions.
+ *
+ * @param[in]     type  may be null
+ * @param[out]    buf   one word a server; null: ask for the size, which also succeeds for a resource that does not
+ * exist
+ * @param[in,out] size  bytes that `buf` can hold; on success 4 bytes a server
+ * @retval SHMNM_ERR_PARAM     `name` or `size` is null
+ * @retval SHMNM_ERR_BUFFER    too small, tested before the lookup; no error line
+ * @retval SHMNM_ERR_NOTFOUND  no such resource
+ */
+SHMNM_API uint32_t shmnm_enumhbrscsvstat(const char* type, const char* name, uint32_t* buf, uint32_t* size);
+/** As shmnm_enumhbrscsvstat(), for np. */
+SHMNM_API uint32_t shmnm_enumnprscsvstat(const char* type, const char* name, uint32_t* buf, uint32_t* size);
+
+/**
+ * Lists the states of all resources on a server, in order of the resources' positions.
+ *
+ * @param[in]     svname  the server's name
+ * @param[out]    buf     one word a resource; null: ask for the size, which also succeeds for a server that does not
+ * exist
+ * @param[in,out] size    bytes that `buf` can hold; set to 4 bytes a resource when `buf` is null, else left as it is,
+ * deliberately unlike shmnm_enumhbrscsvstat()
+ * @retval SHMNM_ERR_PARAM     `svname` or `size` is null
+ * @retval SHMNM_ERR_BUFFER    too small, tested before the lookup; no error line
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ */
+SHMNM_API uint32_t shmnm_enumsvhbrscstat(const char* svname, uint32_t* buf, uint32_t* size);
+/** As shmnm_enumsvhbrscstat(), for np. */
+SHMNM_API uint32_t shmnm_enumsvnprscstat(const char* svname, uint32_t* buf, uint32_t* size);
+
+/**
+ * Sets the own state of every resource of a type, then its state on every server. That there is none of that type is no
+ * error. Network-wide states stay as they are.
+ *
+ * @retval SHMNM_ERR_PARAM  `type` is null
+ */
+SHMNM_API uint32_t shmnm_settypehbstat(const char* type, uint32_t stat);
+/** As shmnm_settypehbstat(), for np. */
+SHMNM_API uint32_t shmnm_settypenpstat(const char* type, uint32_t stat);
+
+/* ---- Descriptions of resources --------------------------------------------------------------------------------------
+ *
+ * 256 free bytes a resource; no NUL is added or expected. The records are taken to lie 584 bytes apart, as if no states
+ * followed each, deliberately: only the resource at position 0 is met at its true place, the others are in practice not
+ * found until a removal brings them there.
+ */
+
+/**
+ * Sets a resource's description.
+ *
+ * @param[in] data  the bytes
+ * @param[in] len   bytes in `data`, above 0; at most 256 are stored. Those stored earlier behind them stay.
+ * @retval SHMNM_ERR_PARAM     a pointer is null, or `len` is below 1
+ * @retval SHMNM_ERR_NOTFOUND  no such resource at the places that are searched
+ */
+SHMNM_API uint32_t shmnm_sethbdescript(const char* type, const char* name, const void* data, int32_t len);
+/** As shmnm_sethbdescript(), for np. */
+SHMNM_API uint32_t shmnm_setnpdescript(const char* type, const char* name, const void* data, int32_t len);
+
+/**
+ * Gets a resource's description.
+ *
+ * @param[out] buf   the bytes, without a NUL of its own
+ * @param[in]  size  points to the bytes that `buf` can hold, above 0; at most 256 are copied. Null counts as 0.
+ * @retval SHMNM_ERR_PARAM     a pointer is null, or *size is below 1
+ * @retval SHMNM_ERR_NOTFOUND  no such resource at the places that are searched
+ */
+SHMNM_API uint32_t shmnm_gethbdescript(const char* type, const char* name, void* buf, const int32_t* size);
+/** As shmnm_gethbdescript(), for np. */
+SHMNM_API uint32_t shmnm_getnpdescript(const char* type, const char* name, void* buf, const int32_t* size);
+
+/* ---- Server columns of the resource tables --------------------------------------------------------------------------
+ *
+ * shmnm_addnode() and shmnm_rmnode() call these, so that a server's position stays the index of its word in every row.
+ * Hold the lock to write. An index below 0 is followed literally, to the words before the rows, as long as these lie in
+ * the mapped view.
+ */
+
+/**
+ * Opens the column of a new server in every hb resource's rows: later words move up, the new one is 2. To be called
+ * when the server has been counted. The move stops one word short, deliberately: for an index below the last two, the
+ * last server's words are not written and those of the one before are lost.
+ *
+ * @param[in] index  the server's position
+ * @retval SHMNM_ERR_INDEX  `index` is not below the number of servers; nothing is changed
+ */
+SHMNM_API uint32_t shmnm_addhbrscsvstat(int32_t index);
+/** As shmnm_addhbrscsvstat(), for np: there are no network-wide rows. */
+SHMNM_API uint32_t shmnm_addnprscsvstat(int32_t index);
+
+/**
+ * Closes the column of a removed server in every hb resource's rows: later words move down, and the last one stays
+ * where it also was. To be called when the server is no longer counted.
+ *
+ * @param[in] index  the position that the server had; may equal the number of servers left, deliberately
+ * @retval SHMNM_ERR_INDEX  `index` is above the number of servers; nothing is changed
+ */
+SHMNM_API uint32_t shmnm_rmhbrscsvstat(int32_t index);
+/** As shmnm_rmhbrscsvstat(), for np: there are no network-wide rows. */
+SHMNM_API uint32_t shmnm_rmnprscsvstat(int32_t index);
+
+/* ---- Simulated network partition ------------------------------------------------------------------------------------
+ *
+ * One word for the cluster and one for each server, each 0 or 1. The callers' arrays are indexed by server priority.
+ */
+
+/**
+ * Switches the simulation on, with a word for each server, or off.
+ *
+ * @param[in] flag      1: on; 0: off, all words 0; any other value counts as 0 and is warned of
+ * @param[in] nodefail  the word of each server by its priority; one that is neither 0 nor 1 counts as 0 and is warned
+ * of. Null: 0 for all. Looked at only when `flag` is 1.
+ * @param[in] count     entries in `nodefail`; a server whose priority is no index into it gets 0
+ * @note Never fails on a mapped region. Writes a line for each server, then one for the cluster: at level 4, warnings
+ * at level 2. The cluster's word is stored last.
+ */
+SHMNM_API uint32_t shmnm_setnpsimu(uint32_t flag, const uint32_t* nodefail, int32_t count);
+
+/**
+ * Gets the cluster's word and, while it is 1, those of the servers.
+ *
+ * @param[out] flag      not checked: null is skipped
+ * @param[out] nodefail  while the simulation is on: the word of each server by its priority (of two servers with the
+ * same one the later), 0 in the entries of no server; otherwise left as it is
+ * @param[in]  count     entries in `nodefail`, at least as many as there are servers
+ * @retval SHMNM_ERR_PARAM  `nodefail` is null, or `count` is below the number of servers
+ * @note A server whose priority is no index into `nodefail` is left out, with a warning at level 2.
+ */
+SHMNM_API uint32_t shmnm_getnpsimu(uint32_t* flag, uint32_t* nodefail, int32_t count);
+
+/** Gets the cluster's word alone. @param[out] flag not checked: null is skipped */
+SHMNM_API uint32_t shmnm_getnpsimuflag(uint32_t* flag);
+
+/* ---- Network-wide states of the hb resources ------------------------------------------------------------------------
+ *
+ * A second state for every pair of an hb resource and a server, in an area of its own. A new resource or server has 2.
+ */
+
+/** Sets an hb resource's network-wide state on a server; otherwise as shmnm_sethbrscsvstat(). */
+SHMNM_API uint32_t shmnm_setrscsvstat_nw(const char* type, const char* name, int32_t svid, uint32_t stat);
+/** Gets an hb resource's network-wide state on a server; otherwise as shmnm_gethbrscsvstat(). */
+SHMNM_API uint32_t shmnm_getrscsvstat_nw(const char* type, const char* name, int32_t svid, uint32_t* stat);
+/** Lists an hb resource's network-wide states on all servers; otherwise as shmnm_enumhbrscsvstat(). */
+SHMNM_API uint32_t shmnm_enumrscsvstat_nw(const char* type, const char* name, uint32_t* buf, uint32_t* size);
+/** Lists the network-wide states of all hb resources on a server; otherwise as shmnm_enumsvhbrscstat(). */
+SHMNM_API uint32_t shmnm_enumsvrscstat_nw(const char* svname, uint32_t* buf, uint32_t* size);
+
+/* ---- The fst resource -----------------------------------------------------------------------------------------------
+ *
+ * A state and a description, both in the first fst record, and process ids by name. Where the region was laid out
+ * without fst records, state and description answer SHMNM_ERR_NOTFOUND, without an error line.
+ */
+
+/** Sets the state of the fst resource. Any value. @retval SHMNM_ERR_NOTFOUND the region has no fst record */
+SHMNM_API uint32_t shmnm_setfstrscstat(uint32_t stat);
+/**
+ * Gets the state of the fst resource.
+ *
+ * @retval SHMNM_ERR_PARAM     `stat` is null
+ * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
+ */
+SHMNM_API uint32_t shmnm_getfstrscstat(uint32_t* stat);
+
+/**
+ * Sets the description of the fst resource, free bytes.
+ *
+ * @param[in] len  bytes in `descript`, above 0; at most 256 are stored. Those stored earlier behind them stay.
+ * @retval SHMNM_ERR_PARAM     `descript` is null, or `len` is below 1
+ * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
+ */
+SHMNM_API uint32_t shmnm_setfstdescript(const void* descript, int32_t len);
+/**
+ * Gets the description of the fst resource.
+ *
+ * @param[out] descript  the bytes, without a NUL of its own
+ * @param[in]  len       points to the bytes that `descript` can hold, above 0; at most 256 are copied. Null counts as
+ * 0.
+ * @retval SHMNM_ERR_PARAM     `descript` is null, or *len is below 1
+ * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
+ */
+SHMNM_API uint32_t shmnm_getfstdescript(void* descript, const int32_t* len);
+
+/**
+ * Sets the process id of one kind under a name, and the value beside it. A name that is new gets a record, which it
+ * keeps for the life of the region.
+ *
+ * @param[in] name     cut to 256 bytes, silently and then without a NUL; not checked: null is the empty name
+ * @param[in] kind     0, 1 or 2
+ * @param[in] pid      opaque
+ * @param[in] piddata  opaque
+ * @retval SHMNM_ERR_COUNTOVER  the table is full; then a name that has a record cannot be updated either, deliberately
+ * @retval SHMNM_ERR_NOTINIT    `kind` is none of the three, deliberately (the exit line shows SHMNM_ERR_PARAM); a new
+ * name has its record all the same
+ */
+SHMNM_API uint32_t shmnm_setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint64_t piddata);
+
+/**
+ * Gets the process id of one kind under a name, and the value beside it. A name without a record is no error: SHMNM_OK,
+ * whatever `kind` is, and the outputs keep what they held, so preset them.
+ *
+ * @param[in]  name          not checked: null is the empty name
+ * @param[in]  kind          0, 1 or 2
+ * @param[out] pid, piddata  not checked: null is skipped
+ * @retval SHMNM_ERR_NOTINIT  the name has a record but `kind` is none of the three, deliberately (the exit line shows
+ * SHMNM_ERR_PARAM)
+ */
+SHMNM_API uint32_t shmnm_getfstrscpid(const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata);
+
 #ifdef __cplusplus
 }
 #endif

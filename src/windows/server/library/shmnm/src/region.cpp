@@ -6,7 +6,27 @@ namespace {
 constinit Region region;
 constinit std::atomic<const Region*> mapped{nullptr};
 
+/// The bytes of the strip at a position that lie in the view. Steps of 0 or less hold none.
+uint64_t visible_bytes(const Region& mapping, const Strip& strip, int32_t position) noexcept {
+    return strip.step > 0 ? mapping.clipped(strip.at(position), static_cast<uint64_t>(strip.step)) : 0;
+}
+
 }  // namespace
+
+void zero_place(const Region& mapping, const Strip& strip, int32_t position) noexcept {
+    if (const uint64_t size = visible_bytes(mapping, strip, position); size > 0) {
+        zero_words(mapping.word(strip.at(position)), size);
+    }
+}
+
+bool take_next(const Region& mapping, const Strip& strip, int32_t position) noexcept {
+    const uint64_t to = strip.at(position), from = strip.at(int64_t{position} + 1);
+    const uint64_t size = visible_bytes(mapping, strip, position + 1);
+    if (size == 0 || !mapping.holds(to, size)) return false;
+    copy_words(mapping.word(to), mapping.word(from), size / sizeof(uint32_t));
+    zero_words(mapping.word(from), size);
+    return true;
+}
 
 const Region* mapped_region() noexcept {
     return mapped.load(std::memory_order_acquire);

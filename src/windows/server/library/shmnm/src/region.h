@@ -47,62 +47,82 @@ inline void zero_words(void* first, size_t bytes) noexcept {
     for (size_t i = 0; i < bytes / sizeof *words; ++i) store(words[i], uint32_t{0});
 }
 
-/// A text to look for. A record's first 16 bytes decide nearly every comparison, without a call.
+/// What the library writes into every state that it opens.
+inline constexpr uint32_t opened_state = 2;
+
+/// The length of a text that ends at its NUL or, without one, after `limit` bytes.
+inline size_t text_length(const char* text, size_t limit) noexcept {
+    const void* const nul = std::memchr(text, 0, limit);
+    return nul ? static_cast<size_t>(static_cast<const char*>(nul) - text) : limit;
+}
+/// Writes a text into a field of `size` bytes, zero-padded. A text that fills the field is cut and has no NUL there.
+inline void put_text(char* field, size_t size, const char* text) noexcept {
+    const size_t length = text_length(text, size);
+    std::memcpy(field, text, length);
+    std::memset(field + length, 0, size - length);
+}
+/// The same, but the field's last byte is always NUL.
+inline void put_terminated(char* field, size_t size, const char* text) noexcept {
+    put_text(field, size - 1, text);
+    field[size - 1] = 0;
+}
+/// Copies a field of `size` bytes out, up to and with its NUL, if it has one.
+inline void get_text(char* text, const char* field, size_t size) noexcept {
+    const size_t length = text_length(field, size);
+    std::memcpy(text, field, length);
+    if (length < size) text[length] = 0;
+}
+
+/// A text to look for, or null for any text. A field's first 16 bytes decide nearly every comparison, without a call.
 class TextKey {
   public:
-    explicit TextKey(const char* text) noexcept : text_(text), size_(std::strlen(text) + 1) {
-        const size_t length = size_ < sizeof prefix_ ? size_ : sizeof prefix_;
-        std::memcpy(prefix_, text, length);
-        std::memset(mask_, 0xFF, length);
+    explicit TextKey(const char* text) noexcept : text_(text), size_(text ? std::strlen(text) + 1 : 0) {
+        uint8_t head[16] = {}, mask[16] = {};
+        if (const size_t length = size_ < sizeof head ? size_ : sizeof head; length > 0) {
+            std::memcpy(head, text, length);
+            std::memset(mask, 0xFF, length);
+        }
+        head_ = Head(head);
+        mask_ = Head(mask);
     }
     /// Whether a field holds exactly this text. At least 16 bytes from `field` and all up to `end` may be read.
     bool equals(const char* field, const uint8_t* end) const noexcept {
-        uint64_t head[2];
-        std::memcpy(head, field, sizeof head);
-        if (((head[0] & mask_[0]) ^ prefix_[0]) | ((head[1] & mask_[1]) ^ prefix_[1])) return false;
-        return size_ <= sizeof prefix_ || equals_whole(field, end);
+        // Records begin 4 bytes before a multiple of 8 (with an odd number of servers, every other one): this word
+        // comes first because it lies in one cache line.
+        if ((Head::word<uint64_t>(field + 4) & mask_.middle) != head_.middle) return false;
+        const uint32_t first = Head::word<uint32_t>(field) & mask_.first;
+        const uint32_t last = Head::word<uint32_t>(field + 12) & mask_.last;
+        if ((first ^ head_.first) | (last ^ head_.last)) return false;
+        return size_ <= 16 || equals_whole(field, end);
     }
 
   private:
-    bool equals_whole(const char* field, const uint8_t* end) const noexcept {
+    /// The bytes 0 to 3, 4 to 11 and 12 to 15 of a text.
+    struct Head {
+        Head() = default;
+        explicit Head(const void* bytes) noexcept
+            : middle(word<uint64_t>(static_cast<const uint8_t*>(bytes) + 4)),
+              first(word<uint32_t>(bytes)),
+              last(word<uint32_t>(static_cast<const uint8_t*>(bytes) + 12)) {}
+        template <typename Word>
+        static Word word(const void* bytes) noexcept {
+            Word value;
+            std::memcpy(&value, bytes, sizeof value);
+            return value;
+        }
+
+        uint64_t middle = 0;
+        uint32_t first = 0, last = 0;
+    };
+
+    [[gnu::noinline]] bool equals_whole(const char* field, const uint8_t* end) const noexcept {
         const auto* const bytes = reinterpret_cast<const uint8_t*>(field);
         return size_ <= static_cast<size_t>(end - bytes) && std::memcmp(field, text_, size_) == 0;
     }
 
     const char* text_;
     size_t size_;  ///< with the NUL
-    uint64_t prefix_[2] = {}, mask_[2] = {};
-};
-
-/// A table of records in the view: the number of those that a scan may visit is settled before the scan begins.
-template <typename Record>
-class Table {
-  public:
-    Table(uint8_t* view, size_t view_size, uint64_t start, int64_t stride, int32_t count) noexcept
-        : first_(view), stride_(stride), count_(visible(view_size, start, stride, count)) {
-        if (count_ > 0) first_ += start;
-    }
-
-    int32_t count() const noexcept { return count_; }
-    Record& operator[](int32_t position) const noexcept {
-        return *reinterpret_cast<Record*>(first_ + position * stride_);
-    }
-
-  private:
-    /// How many of `count` records lie wholly in the view. Records that do not follow one another (a stride that is not
-    /// above 0) have no places of their own: there are none.
-    static int32_t visible(uint64_t view_size, uint64_t start, int64_t stride, int32_t count) noexcept {
-        if (count <= 0 || stride <= 0 || start > view_size || view_size - start < sizeof(Record)) return 0;
-        const uint64_t room = view_size - start - sizeof(Record), step = static_cast<uint64_t>(stride);
-        const uint64_t last = static_cast<uint64_t>(count) - 1;
-        // A step is below 2^34 and a count below 2^31, so only a step beyond the view could overflow the product.
-        if (step <= room && last * step <= room) return count;
-        return static_cast<int32_t>(last < room / step ? last : room / step) + 1;
-    }
-
-    uint8_t* first_;
-    int64_t stride_;
-    int32_t count_;
+    Head head_, mask_;
 };
 
 /// The mapped region of this process.
@@ -117,7 +137,91 @@ struct Region {
     bool holds(uint64_t offset, uint64_t size) const noexcept {
         return offset <= view_size && size <= view_size - offset;
     }
+    /// That many bytes at this distance, or as many of them as lie before the end of the view.
+    uint64_t clipped(uint64_t offset, uint64_t size) const noexcept {
+        if (offset >= view_size) return 0;
+        return size < view_size - offset ? size : view_size - offset;
+    }
+    /// The word at this distance, which must lie in the view.
+    uint32_t* word(uint64_t offset) const noexcept { return reinterpret_cast<uint32_t*>(base + offset); }
 };
+
+/// Things that lie at equal distances. The arithmetic wraps at 64 bits, as addresses do: what comes out is tested
+/// against the view wherever a position or a step has not been.
+struct Strip {
+    uint64_t start;
+    int64_t step;
+
+    uint64_t at(int64_t position) const noexcept {
+        return start + static_cast<uint64_t>(position) * static_cast<uint64_t>(step);
+    }
+};
+
+/// Zeroes the `step` bytes at a position, as far as they lie in the view.
+void zero_place(const Region& region, const Strip& strip, int32_t position) noexcept;
+/// Copies the `step` bytes at the next position down to this one and zeroes them there, as far as they lie in the view.
+/// @return whether any do
+bool take_next(const Region& region, const Strip& strip, int32_t position) noexcept;
+
+/// A record and its position, or neither.
+template <typename Record>
+struct Found {
+    Record* record = nullptr;
+    int32_t position = -1;
+
+    explicit operator bool() const noexcept { return record != nullptr; }
+    Record* operator->() const noexcept { return record; }
+};
+
+/// A table of records in the view: the number of those that a scan may visit is settled before the scan begins.
+template <typename Record>
+class Table {
+  public:
+    Table(const Region& region, const Strip& strip, int32_t count) noexcept
+        : first_(region.base), step_(strip.step), count_(visible(region.view_size, strip, count)) {
+        if (count_ > 0) first_ += strip.start;
+    }
+
+    int32_t count() const noexcept { return count_; }
+    Record& operator[](int32_t position) const noexcept { return at(first_ + position * step_); }
+
+    /// The first record, in order of position, that `matches`.
+    template <typename Matches>
+    Found<Record> first(const Matches& matches) const noexcept {
+        uint8_t* place = first_;
+        for (int32_t position = 0; position < count_; ++position, place += step_) {
+            if (matches(at(place))) return {&at(place), position};
+        }
+        return {};
+    }
+
+  private:
+    static Record& at(uint8_t* place) noexcept { return *reinterpret_cast<Record*>(place); }
+
+    /// How many of `count` records lie wholly in the view. Records that do not follow one another (a step that is not
+    /// above 0) have no places of their own: there are none.
+    static int32_t visible(uint64_t view_size, const Strip& strip, int32_t count) noexcept {
+        const uint64_t start = strip.start;
+        if (count <= 0 || strip.step <= 0 || start > view_size || view_size - start < sizeof(Record)) return 0;
+        const uint64_t room = view_size - start - sizeof(Record), step = static_cast<uint64_t>(strip.step);
+        const uint64_t last = static_cast<uint64_t>(count) - 1;
+        // A view is below 2^33 bytes and a count below 2^31, so only a step beyond the view could overflow the product.
+        if (step <= room && last * step <= room) return count;
+        return static_cast<int32_t>(last < room / step ? last : room / step) + 1;
+    }
+
+    uint8_t* first_;
+    int64_t step_;
+    int32_t count_;
+};
+
+/// The place behind `count` records, or null if that is not in the view.
+template <typename Record>
+Record* free_place(const Region& region, const Strip& strip, int32_t count) noexcept {
+    if (count < 0 || count == INT32_MAX) return nullptr;
+    const Table<Record> grown(region, strip, count + 1);
+    return grown.count() > count ? &grown[count] : nullptr;
+}
 
 /// The region, or null while it is not mapped in this process.
 const Region* mapped_region() noexcept;

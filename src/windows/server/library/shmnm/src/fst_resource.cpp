@@ -1,0 +1,124 @@
+// The fst resource: the state word and description of the first fst record, and the process ids by name, three of them
+// each with a 64-bit value.
+#include "frame.h"
+#include "resource_description.h"
+
+namespace shmnm {
+namespace {
+
+/// The first fst record, or null: the region may have been laid out without one.
+shmnm_resource* first_record(const Region& region) {
+    const uint64_t start = region.layout.fst;
+    const bool reserved = static_cast<int64_t>(region.layout.fst_pids - start) > 0;
+    if (!reserved || !region.holds(start, sizeof(shmnm_resource))) return nullptr;
+    return reinterpret_cast<shmnm_resource*>(region.base + start);
+}
+
+uint32_t set_state(const Call&, const Region& region, uint32_t stat) {
+    shmnm_resource* const fst = first_record(region);
+    if (!fst) return SHMNM_ERR_NOTFOUND;
+    store(fst->stat, stat);
+    return SHMNM_OK;
+}
+
+uint32_t get_state(const Call& call, const Region& region, uint32_t* stat) {
+    if (!stat) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const shmnm_resource* const fst = first_record(region);
+    if (!fst) return SHMNM_ERR_NOTFOUND;
+    *stat = load(fst->stat);
+    return SHMNM_OK;
+}
+
+uint32_t set_bytes(const Call& call, const Region& region, const void* descript, int32_t len) {
+    if (!descript || len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    shmnm_resource* const fst = first_record(region);
+    if (!fst) return SHMNM_ERR_NOTFOUND;
+    put_description(*fst, descript, len);
+    return SHMNM_OK;
+}
+
+uint32_t get_bytes(const Call& call, const Region& region, void* descript, const int32_t* len) {
+    if (!descript || !len || *len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const shmnm_resource* const fst = first_record(region);
+    if (!fst) return SHMNM_ERR_NOTFOUND;
+    get_description(descript, *fst, *len);
+    return SHMNM_OK;
+}
+
+constexpr bool is_kind(int32_t kind) {
+    return kind >= 0 && kind < 3;
+}
+
+Strip pid_strip(const Region& region) {
+    return {region.layout.fst_pids, sizeof(shmnm_fst_pid)};
+}
+
+Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name) {
+    const TextKey key(name);
+    return Table<shmnm_fst_pid>(region, pid_strip(region), count).first([&](const shmnm_fst_pid& record) {
+        return key.equals(record.name, region.end());
+    });
+}
+
+uint32_t set_pid(const Call& call, const Region& region, const char* name, int32_t kind, uint32_t pid,
+                 uint64_t piddata) {
+    const char* const key = name ? name : "";
+    const int32_t count = load(region.header().fst_pid_count);
+    auto* const free = free_place<shmnm_fst_pid>(region, pid_strip(region), count);
+    // Deliberately before the lookup: in a full table not even a name that has a record can be updated.
+    if (count >= load(region.header().fst_pid_limit) || !free) {
+        return call.fail(SHMNM_ERR_COUNTOVER, "pid count is over(%d)", count);
+    }
+    shmnm_fst_pid* record = find(region, count, key).record;
+    if (!record) {
+        record = free;
+        store(region.header().fst_pid_count, count + 1);
+        put_text(record->name, sizeof record->name, key);
+    }
+    // Deliberately after the lookup: the record of a new name stays in use.
+    if (!is_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    store(record->pid[kind], pid);
+    store(record->piddata[kind][0], static_cast<uint32_t>(piddata));
+    store(record->piddata[kind][1], static_cast<uint32_t>(piddata >> 32));
+    return SHMNM_OK;
+}
+
+uint32_t get_pid(const Call& call, const Region& region, const char* name, int32_t kind, uint32_t* pid,
+                 uint64_t* piddata) {
+    const auto record = find(region, load(region.header().fst_pid_count), name ? name : "");
+    if (!record) return SHMNM_OK;
+    if (!is_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    if (pid) *pid = load(record->pid[kind]);
+    if (piddata) *piddata = load(record->piddata[kind][0]) | uint64_t{load(record->piddata[kind][1])} << 32;
+    return SHMNM_OK;
+}
+
+/// What a process-id call returns when it has traced `code`: a bad kind is traced as one code and returned as another,
+/// deliberately.
+uint32_t returned(uint32_t code) {
+    return code == SHMNM_ERR_PARAM ? uint32_t{SHMNM_ERR_NOTINIT} : code;
+}
+
+}  // namespace
+}  // namespace shmnm
+
+using namespace shmnm;
+
+uint32_t shmnm_setfstrscstat(uint32_t stat) {
+    return framed<set_state>("_setfstrscstat", stat);
+}
+uint32_t shmnm_getfstrscstat(uint32_t* stat) {
+    return framed<get_state>("_getfstrscstat", stat);
+}
+uint32_t shmnm_setfstdescript(const void* descript, int32_t len) {
+    return framed<set_bytes>("_setfstdescript", descript, len);
+}
+uint32_t shmnm_getfstdescript(void* descript, const int32_t* len) {
+    return framed<get_bytes>("_getfstdescript", descript, len);
+}
+uint32_t shmnm_setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {
+    return returned(framed<set_pid>("_setfstrscpid", name, kind, pid, piddata));
+}
+uint32_t shmnm_getfstrscpid(const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata) {
+    return returned(framed<get_pid>("_getfstrscpid", name, kind, pid, piddata));
+}

@@ -1,0 +1,18 @@
+// The description field of a resource record: free bytes, as many as the caller has, at most 256.
+#pragma once
+
+#include <algorithm>
+
+#include "region.h"
+
+namespace shmnm {
+
+/// Both take a size above 0. Bytes of the field behind it stay as they are.
+inline void put_description(shmnm_resource& resource, const void* data, int32_t size) noexcept {
+    std::memcpy(resource.descript, data, std::min(static_cast<size_t>(size), sizeof resource.descript));
+}
+inline void get_description(void* data, const shmnm_resource& resource, int32_t size) noexcept {
+    std::memcpy(data, resource.descript, std::min(static_cast<size_t>(size), sizeof resource.descript));
+}
+
+}  // namespace shmnm

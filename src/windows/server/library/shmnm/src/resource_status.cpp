@@ -1,0 +1,90 @@
+// The state word of a resource, its state words on each server, and the setting of all states of one type.
+#include "state_grid.h"
+
+namespace shmnm {
+namespace {
+
+uint32_t set_state(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+                   uint32_t stat) {
+    if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto resource = Resources(region, kind).find(type, name);
+    if (!resource) return not_found(call, type, name);
+    store(resource->stat, stat);
+    return SHMNM_OK;
+}
+
+uint32_t get_state(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+                   uint32_t* stat) {
+    if (!name || !stat) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto resource = Resources(region, kind).find(type, name);
+    if (!resource) return not_found(call, type, name);
+    *stat = load(resource->stat);
+    return SHMNM_OK;
+}
+
+uint32_t set_states_of_type(const Call& call, const Region& region, const Kind& kind, const char* type, uint32_t stat) {
+    if (!type) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const Resources resources(region, kind);
+    const TextKey key(type);
+    for (int32_t position = 0; position < resources.records.count(); ++position) {
+        shmnm_resource& resource = resources.records[position];
+        if (key.equals(resource.type, region.end())) store(resource.stat, stat);
+    }
+    const int32_t servers = load(region.header().server_count);
+    const uint64_t row_size = servers > 0 ? sizeof(uint32_t) * static_cast<uint64_t>(servers) : 0;
+    const Strip rows = resources.rows(kind.states);
+    for (int32_t position = 0; position < resources.records.count(); ++position) {
+        if (!key.equals(resources.records[position].type, region.end())) continue;
+        const uint64_t begin = rows.at(position), end = begin + region.clipped(begin, row_size);
+        for (uint64_t offset = begin; offset < end; offset += sizeof(uint32_t)) store(*region.word(offset), stat);
+    }
+    return SHMNM_OK;
+}
+
+}  // namespace
+}  // namespace shmnm
+
+using namespace shmnm;
+
+uint32_t shmnm_sethbrscstat(const char* type, const char* name, uint32_t stat) {
+    return framed<set_state>("_sethbrscstat", hb, type, name, stat);
+}
+uint32_t shmnm_setnprscstat(const char* type, const char* name, uint32_t stat) {
+    return framed<set_state>("_setnprscstat", np, type, name, stat);
+}
+uint32_t shmnm_gethbrscstat(const char* type, const char* name, uint32_t* stat) {
+    return framed<get_state>("_gethbrscstat", hb, type, name, stat);
+}
+uint32_t shmnm_getnprscstat(const char* type, const char* name, uint32_t* stat) {
+    return framed<get_state>("_getnprscstat", np, type, name, stat);
+}
+uint32_t shmnm_sethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat) {
+    return framed<set_cell>("_sethbrscsvstat", hb, hb.states, type, name, svid, stat);
+}
+uint32_t shmnm_setnprscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat) {
+    return framed<set_cell>("_setnprscsvstat", np, np.states, type, name, svid, stat);
+}
+uint32_t shmnm_gethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t* stat) {
+    return framed<get_cell>("_gethbrscsvstat", hb, hb.states, type, name, svid, stat);
+}
+uint32_t shmnm_getnprscsvstat(const char* type, const char* name, int32_t svid, uint32_t* stat) {
+    return framed<get_cell>("_getnprscsvstat", np, np.states, type, name, svid, stat);
+}
+uint32_t shmnm_enumhbrscsvstat(const char* type, const char* name, uint32_t* buf, uint32_t* size) {
+    return framed<list_row>("_enumhbrscsvstat", hb, hb.states, type, name, buf, size);
+}
+uint32_t shmnm_enumnprscsvstat(const char* type, const char* name, uint32_t* buf, uint32_t* size) {
+    return framed<list_row>("_enumnprscsvstat", np, np.states, type, name, buf, size);
+}
+uint32_t shmnm_enumsvhbrscstat(const char* svname, uint32_t* buf, uint32_t* size) {
+    return framed<list_column>("_enumsvhbrscstat", hb, hb.states, svname, buf, size);
+}
+uint32_t shmnm_enumsvnprscstat(const char* svname, uint32_t* buf, uint32_t* size) {
+    return framed<list_column>("_enumsvnprscstat", np, np.states, svname, buf, size);
+}
+uint32_t shmnm_settypehbstat(const char* type, uint32_t stat) {
+    return framed<set_states_of_type>("_settypehbstat", hb, type, stat);
+}
+uint32_t shmnm_settypenpstat(const char* type, uint32_t stat) {
+    return framed<set_states_of_type>("_settypenpstat", np, type, stat);
+}

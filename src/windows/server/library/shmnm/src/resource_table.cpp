@@ -1,0 +1,134 @@
+// The hb and np resources: added behind the last one, removed with the gap closed, modified, looked up, and listed by
+// type and by name. An hb resource's row of network-wide states comes and goes with it.
+#include "resource_table.h"
+
+#include "text_list.h"
+
+namespace shmnm {
+namespace {
+
+uint32_t add(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+             uint32_t pri) {
+    if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const Resources resources(region, kind);
+    const int32_t count = resources.count, server_count = load(region.header().server_count);
+    auto* const resource = free_place<shmnm_resource>(region, resources.strip, count);
+    const StateRows rows(resources);
+    if (count >= load(region.header().*kind.limit) || !resource || !rows.hold(count, 0, int64_t{server_count} - 1)) {
+        return call.fail(SHMNM_ERR_RSCOVER, kind.full, count);
+    }
+    if (resources.find(type, name)) return call.fail(SHMNM_ERR_EXIST, "resource(%s) already exist", name);
+
+    put_terminated(resource->type, sizeof resource->type, type);
+    // Only the first 32 bytes of the name's field are ever written here.
+    put_terminated(resource->name, 32, name);
+    store(resource->pri, pri);
+    store(region.header().*kind.count, count + 1);
+    for (int32_t server = 0; server < server_count; ++server) rows.open(count, server);
+    return SHMNM_OK;
+}
+
+uint32_t remove(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name) {
+    if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const Resources resources(region, kind);
+    const auto resource = resources.find(type, name);
+    if (!resource) return not_found(call, type, name);
+
+    // The network-wide row that no other row moves onto keeps its values, deliberately.
+    zero_place(region, resources.strip, resource.position);
+    bool moved = true;
+    for (int32_t position = resource.position; moved && position < resources.count - 1; ++position) {
+        moved = take_next(region, resources.strip, position);
+        if (kind.network) moved = take_next(region, resources.rows(*kind.network), position) || moved;
+    }
+    store(region.header().*kind.count, resources.count - 1);
+    return SHMNM_OK;
+}
+
+uint32_t modify(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+                uint32_t pri) {
+    if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto resource = Resources(region, kind).find(type, name);
+    if (!resource) return not_found(call, type, name);
+    store(resource->pri, pri);
+    return SHMNM_OK;
+}
+
+uint32_t get_priority(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+                      uint32_t* pri) {
+    if (!type || !name || !pri) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto resource = Resources(region, kind).find(type, name);
+    if (!resource) return not_found(call, type, name);
+    *pri = load(resource->pri);
+    return SHMNM_OK;
+}
+
+uint32_t get_type(const Call& call, const Region& region, const Kind& kind, char* type, const char* name) {
+    if (!name || !*name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto resource = Resources(region, kind).find(nullptr, name);
+    if (!resource) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
+    if (type) get_text(type, resource->type, sizeof resource->type);
+    return SHMNM_OK;
+}
+
+uint32_t list_types(const Call& call, const Region& region, const Kind& kind, char* buf, uint32_t* size) {
+    const auto type_of = [](const shmnm_resource& resource) { return resource.type; };
+    return list_texts(call, region, Resources(region, kind).records, type_of, buf, size);
+}
+
+uint32_t list_names(const Call& call, const Region& region, const Kind& kind, const char* type, char* buf,
+                    uint32_t* size) {
+    const TextKey key(type);
+    const auto name_of = [&](const shmnm_resource& resource) {
+        return key.equals(resource.type, region.end()) ? resource.name : nullptr;
+    };
+    return list_texts(call, region, Resources(region, kind).records, name_of, buf, size);
+}
+
+}  // namespace
+}  // namespace shmnm
+
+using namespace shmnm;
+
+uint32_t shmnm_addhbrsc(const char* type, const char* name, uint32_t pri) {
+    return framed<add>("_addhbrsc", hb, type, name, pri);
+}
+uint32_t shmnm_addnprsc(const char* type, const char* name, uint32_t pri) {
+    return framed<add>("_addnprsc", np, type, name, pri);
+}
+uint32_t shmnm_rmhbrsc(const char* type, const char* name) {
+    return framed<shmnm::remove>("_rmhbrsc", hb, type, name);
+}
+uint32_t shmnm_rmnprsc(const char* type, const char* name) {
+    return framed<shmnm::remove>("_rmnprsc", np, type, name);
+}
+uint32_t shmnm_modifyhbrsc(const char* type, const char* name, uint32_t pri) {
+    return framed<modify>("_modifyhbrsc", hb, type, name, pri);
+}
+uint32_t shmnm_modifynprsc(const char* type, const char* name, uint32_t pri) {
+    return framed<modify>("_modifynprsc", np, type, name, pri);
+}
+uint32_t shmnm_gethbrscpri(const char* type, const char* name, uint32_t* pri) {
+    return framed<get_priority>("_gethbrscpri", hb, type, name, pri);
+}
+uint32_t shmnm_getnprscpri(const char* type, const char* name, uint32_t* pri) {
+    return framed<get_priority>("_getnprscpri", np, type, name, pri);
+}
+uint32_t shmnm_gethbrscinfo(char* type, const char* name) {
+    return framed<get_type>("_gethbrscinfo", hb, type, name);
+}
+uint32_t shmnm_getnprscinfo(char* type, const char* name) {
+    return framed<get_type>("_getnprscinfo", np, type, name);
+}
+uint32_t shmnm_enumhbtype(char* buf, uint32_t* size) {
+    return framed<list_types>("_enumhbtype", hb, buf, size);
+}
+uint32_t shmnm_enumnptype(char* buf, uint32_t* size) {
+    return framed<list_types>("_enumnptype", np, buf, size);
+}
+uint32_t shmnm_enumhbrsc(const char* type, char* buf, uint32_t* size) {
+    return framed<list_names>("_enumhbrsc", hb, type, buf, size);
+}
+uint32_t shmnm_enumnprsc(const char* type, char* buf, uint32_t* size) {
+    return framed<list_names>("_enumnprsc", np, type, buf, size);
+}

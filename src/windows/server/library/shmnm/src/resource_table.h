@@ -1,0 +1,122 @@
+// The hb and the np table, for those who look resources up in them: where their records and the state words of their
+// resources on each server lie.
+#pragma once
+
+#include "frame.h"
+#include "region.h"
+
+namespace shmnm {
+
+/// A grid of state words, a row for each resource and in it a word for each server.
+struct Grid {
+    uint64_t Layout::*start;  ///< where the grid's area starts
+    uint32_t before;          ///< bytes that lie there before each row
+
+    /// The rows, each as long as the most servers that there can be.
+    Strip rows(const Region& region, int32_t max_servers) const noexcept {
+        return {region.layout.*start + before, before + int64_t{sizeof(uint32_t)} * max_servers};
+    }
+};
+/// The words of the hb resources that stand for the whole network.
+inline constexpr Grid network_states{&Layout::network, 0};
+
+/// All that tells the hb table from the np table.
+struct Kind {
+    int32_t shmnm_header::*count;  ///< records in use
+    int32_t shmnm_header::*limit;  ///< records allowed
+    Grid states;                   ///< the rows within the records; the grid starts where the table does
+    const Grid* network;           ///< the rows that the resources own besides, if they do
+    const char* full;              ///< the line for a full table
+};
+inline constexpr Kind hb{&shmnm_header::hb_count,
+                         &shmnm_header::max_hb,
+                         {&Layout::hb, sizeof(shmnm_resource)},
+                         &network_states,
+                         "hb resource count is over(%d)"};
+inline constexpr Kind np{&shmnm_header::np_count,
+                         &shmnm_header::max_np,
+                         {&Layout::np, sizeof(shmnm_resource)},
+                         nullptr,
+                         "np resource count is over(%d)"};
+
+/// Where the word of a resource on a server lies. It wraps, as addresses do, for a position before the row: what comes
+/// out is tested against the view.
+inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server) noexcept {
+    return rows.at(resource) + sizeof(uint32_t) * static_cast<uint64_t>(server);
+}
+
+/// The first of these records with this type (null: of any type) and name. Which text is compared first makes no
+/// difference to the outcome; names differ more often.
+inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
+                                  const char* name) noexcept {
+    const TextKey type_key(type), name_key(name);
+    return records.first([&, end = region.end()](const shmnm_resource& resource) {
+        return name_key.equals(resource.name, end) && type_key.equals(resource.type, end);
+    });
+}
+
+/// The resources of a table as the header counts and spaces them now.
+struct Resources {
+    Resources(const Region& mapping, const Kind& table) noexcept
+        : region(mapping),
+          kind(table),
+          max_servers(load(mapping.header().max_servers)),
+          count(load(mapping.header().*kind.count)),
+          strip{mapping.layout.*kind.states.start, kind.states.rows(mapping, max_servers).step},
+          records(mapping, strip, count) {}
+
+    Found<shmnm_resource> find(const char* type, const char* name) const noexcept {
+        return shmnm::find(region, records, type, name);
+    }
+    Strip rows(const Grid& grid) const noexcept { return grid.rows(region, max_servers); }
+
+    const Region& region;
+    const Kind& kind;
+    int32_t max_servers;
+    int32_t count;                  ///< as the header has it
+    Strip strip;                    ///< the records, each with its row
+    Table<shmnm_resource> records;  ///< those in the view
+};
+
+/// The rows of state words that each resource has: one within its record and, for hb, one in the network-wide grid.
+class StateRows {
+  public:
+    explicit StateRows(const Resources& resources) noexcept : region_(resources.region) {
+        strips_[count_++] = resources.rows(resources.kind.states);
+        if (resources.kind.network) strips_[count_++] = resources.rows(*resources.kind.network);
+    }
+
+    /// Whether the words of a resource on the servers from position `first` to `last` lie in the view. Where they do,
+    /// open() and copy() may follow.
+    bool hold(int32_t resource, int64_t first, int64_t last) const noexcept {
+        const uint64_t size = last < first ? 0 : sizeof(uint32_t) * static_cast<uint64_t>(last - first + 1);
+        for (size_t i = 0; i < count_; ++i) {
+            if (size > 0 && !region_.holds(offset(i, resource, first), size)) return false;
+        }
+        return true;
+    }
+    void open(int32_t resource, int64_t server) const noexcept {
+        for (size_t i = 0; i < count_; ++i) store(*region_.word(offset(i, resource, server)), opened_state);
+    }
+    void copy(int32_t resource, int64_t to, int64_t from) const noexcept {
+        for (size_t i = 0; i < count_; ++i) {
+            store(*region_.word(offset(i, resource, to)), load(*region_.word(offset(i, resource, from))));
+        }
+    }
+
+  private:
+    uint64_t offset(size_t strip, int32_t resource, int64_t server) const noexcept {
+        return cell_offset(strips_[strip], resource, server);
+    }
+
+    const Region& region_;
+    Strip strips_[2] = {};
+    size_t count_ = 0;
+};
+
+/// The line and the code for a resource that is not there.
+inline uint32_t not_found(const Call& call, const char* type, const char* name, int32_t line = __builtin_LINE()) {
+    return call.fail(SHMNM_ERR_NOTFOUND, {"type:%s,name:%s not found", line}, type ? type : "-", name);
+}
+
+}  // namespace shmnm

@@ -1,0 +1,112 @@
+// The servers: added behind the last one, removed with the gap closed, so that a server's position is its column in
+// every resource; modified, listed, and looked up by name and by priority.
+#include "server_table.h"
+
+#include "frame.h"
+#include "text_list.h"
+
+namespace shmnm {
+namespace {
+
+uint32_t add(const Call& call, const Region& region, const char* name, int32_t pri) {
+    if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const Servers servers(region);
+    const int32_t count = servers.count;
+    auto* const server = free_place<shmnm_server>(region, server_strip(region), count);
+    if (count >= load(region.header().max_servers) || !server) {
+        return call.fail(SHMNM_ERR_COUNTOVER, "node count is over(%d)", count);
+    }
+    if (servers.named(name)) return call.fail(SHMNM_ERR_EXIST, "server(%s) already exist", name);
+
+    put_terminated(server->name, sizeof server->name, name);
+    store(server->pri, pri);
+    store(server->nodestat, opened_state);
+    store(server->nodestat_nw, opened_state);
+    store(server->downnotifystat, uint32_t{0});
+    store(region.header().server_count, count + 1);
+
+    // A column that does not open leaves the server in the table, deliberately.
+    if (const uint32_t result = shmnm_addhbrscsvstat(count); result != SHMNM_OK) {
+        return call.fail(SHMNM_ERR_ADDSVSTAT, "shmnm_addhbrscsvstat() failed(ret:%d)", result);
+    }
+    if (const uint32_t result = shmnm_addnprscsvstat(count); result != SHMNM_OK) {
+        return call.fail(SHMNM_ERR_ADDSVSTAT, "shmnm_addnprscsvstat() failed(ret:%d)", result);
+    }
+    return SHMNM_OK;
+}
+
+uint32_t remove(const Call& call, const Region& region, const char* name) {
+    if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const Servers servers(region);
+    const auto server = servers.named(name);
+    if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
+
+    const Strip strip = server_strip(region);
+    int32_t position = server.position;
+    zero_place(region, strip, position);
+    while (position < servers.count - 1 && take_next(region, strip, position)) ++position;
+    store(region.header().server_count, servers.count - 1);
+
+    // A column that does not close leaves the server removed, deliberately.
+    if (const uint32_t result = shmnm_rmhbrscsvstat(server.position); result != SHMNM_OK) {
+        return call.fail(SHMNM_ERR_RMSVSTAT, "shmnm_rmhbrscsvstat() failed(ret:%d)", result);
+    }
+    if (const uint32_t result = shmnm_rmnprscsvstat(server.position); result != SHMNM_OK) {
+        return call.fail(SHMNM_ERR_RMSVSTAT, "shmnm_rmnprscsvstat() failed(ret:%d)", result);
+    }
+    return SHMNM_OK;
+}
+
+uint32_t modify(const Call& call, const Region& region, const char* name, int32_t pri) {
+    if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto server = Servers(region).named(name);
+    if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
+    store(server->pri, pri);
+    return SHMNM_OK;
+}
+
+uint32_t list(const Call& call, const Region& region, char* buf, uint32_t* size) {
+    const Servers servers(region);
+    const auto name_of = [](const shmnm_server& server) { return server.name; };
+    return list_texts(call, region, servers.records, name_of, buf, size);
+}
+
+uint32_t get_priority(const Call& call, const Region& region, const char* name, int32_t* pri) {
+    if (!name || !pri) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto server = Servers(region).named(name);
+    if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
+    *pri = load(server->pri);
+    return SHMNM_OK;
+}
+
+uint32_t get_name(const Call& call, const Region& region, char* name, int32_t pri) {
+    if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const auto server = Servers(region).of_priority(pri);
+    if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "pri:%d not found", pri);
+    get_text(name, server->name, sizeof server->name);
+    return SHMNM_OK;
+}
+
+}  // namespace
+}  // namespace shmnm
+
+using namespace shmnm;
+
+uint32_t shmnm_addnode(const char* name, int32_t pri) {
+    return framed<add>("_addnode", name, pri);
+}
+uint32_t shmnm_rmnode(const char* name) {
+    return framed<shmnm::remove>("_rmnode", name);
+}
+uint32_t shmnm_modifynode(const char* name, int32_t pri) {
+    return framed<modify>("_modifynode", name, pri);
+}
+uint32_t shmnm_enumnode(char* buf, uint32_t* size) {
+    return framed<list>("_enumnode", buf, size);
+}
+uint32_t shmnm_getnodepri(const char* name, int32_t* pri) {
+    return framed<get_priority>("_getnodepri", name, pri);
+}
+uint32_t shmnm_getnodename(char* name, int32_t pri) {
+    return framed<get_name>("_getnodename", name, pri);
+}

@@ -1,0 +1,33 @@
+// The server table, for those who look servers up in it.
+#pragma once
+
+#include "region.h"
+
+namespace shmnm {
+
+inline Strip server_strip(const Region& region) noexcept {
+    return {region.layout.servers, sizeof(shmnm_server)};
+}
+
+/// The servers as the header counts them now.
+struct Servers {
+    explicit Servers(const Region& mapping) noexcept
+        : region(mapping), count(load(mapping.header().server_count)), records(mapping, server_strip(mapping), count) {}
+
+    /// The first server of this name.
+    Found<shmnm_server> named(const char* name) const noexcept {
+        const TextKey key(name);
+        return records.first(
+            [&, end = region.end()](const shmnm_server& server) { return key.equals(server.name, end); });
+    }
+    /// The first server of this priority.
+    Found<shmnm_server> of_priority(int32_t pri) const noexcept {
+        return records.first([=](const shmnm_server& server) { return load(server.pri) == pri; });
+    }
+
+    const Region& region;
+    int32_t count;                ///< as the header has it
+    Table<shmnm_server> records;  ///< those in the view
+};
+
+}  // namespace shmnm

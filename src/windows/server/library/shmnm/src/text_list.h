@@ -1,0 +1,42 @@
+// The listing of texts: each with its NUL, one behind the other, and one NUL more. No texts make two NULs.
+#pragma once
+
+#include "frame.h"
+#include "region.h"
+
+namespace shmnm {
+
+/// Lists a text of the records in `buf`, or measures the list if `buf` is null. A text that does not end in the view
+/// ends the list.
+/// @param text_of  the text of a record, or null to leave the record out
+template <typename Record, typename TextOf>
+uint32_t list_texts(const Call& call, const Region& region, const Table<Record>& records, const TextOf& text_of,
+                    char* buf, uint32_t* size) {
+    if (!size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const uint32_t room = buf ? *size : 0;
+    // Deliberately signed: a size of 2^31 or more is too small.
+    if (buf && static_cast<int32_t>(room) < 2) return SHMNM_ERR_BUFFER;
+    uint64_t used = 0;
+    for (int32_t position = 0; position < records.count(); ++position) {
+        const char* const text = text_of(records[position]);
+        if (!text) continue;
+        const auto limit = static_cast<size_t>(region.end() - reinterpret_cast<const uint8_t*>(text));
+        const size_t length = text_length(text, limit);
+        if (length == limit) break;
+        if (buf) {
+            if (room < used + length + 2) return SHMNM_ERR_BUFFER;
+            std::memcpy(buf + used, text, length);
+            buf[used + length] = 0;
+        }
+        used += length + 1;
+    }
+    if (used == 0) {
+        if (buf) buf[0] = 0;
+        used = 1;
+    }
+    if (buf) buf[used] = 0;
+    *size = static_cast<uint32_t>(used + 1);
+    return SHMNM_OK;
+}
+
+}  // namespace shmnm
