@@ -1,0 +1,267 @@
+// The processes of a small cluster, a role each; scripts/demo starts them. Each ends non-zero when a call fails or
+// something that it reads back is wrong.
+//
+//     cluster_demo create FILE              creates the region, registers the members named in FILE, holds it
+//     cluster_demo serve SERVER ROUNDS      is one server: sets its states, and raises the wait state ROUNDS times
+//     cluster_demo simulate SERVER          simulates that SERVER is cut off from the network
+//     cluster_demo remove SERVER            takes a server out
+//     cluster_demo read WAITSTAT SERVER...  prints the picture and checks it: these servers, in this order
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "shmnm.h"
+
+namespace {
+
+constexpr uint32_t lock_timeout_ms = 60'000;
+constexpr uint32_t alive = 1;
+
+using Names = std::vector<std::string>;
+
+/// Ends the process when a call of the library did not succeed.
+void expect_ok(const char* call, uint32_t result) {
+    if (result == SHMNM_OK) return;
+    std::fprintf(stderr, "%s answered %u\n", call, result);
+    std::exit(1);
+}
+
+void expect_equal(const std::string& what, uint64_t found, uint64_t expected) {
+    if (found == expected) return;
+    std::fprintf(stderr, "%s is %llu, expected %llu\n", what.c_str(), static_cast<unsigned long long>(found),
+                 static_cast<unsigned long long>(expected));
+    std::exit(1);
+}
+
+/// Holds the cross-process lock for a scope.
+class Lock {
+  public:
+    Lock() { expect_ok("shmnm_rwlock", shmnm_rwlock(lock_timeout_ms)); }
+    ~Lock() { shmnm_rwunlock(); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+};
+
+/// Takes a list of the library apart: measured first, then copied, under one lock.
+template <typename List>
+Names names(const char* call, List list) {
+    uint32_t size = 0;
+    expect_ok(call, list(nullptr, &size));
+    std::vector<char> buffer(size);
+    expect_ok(call, list(buffer.data(), &size));
+    Names result;
+    for (const char* name = buffer.data(); *name; name += result.back().size() + 1) result.emplace_back(name);
+    return result;
+}
+
+Names servers() {
+    return names("shmnm_enumnode", [](char* buf, uint32_t* size) { return shmnm_enumnode(buf, size); });
+}
+Names hb_resources() {
+    return names("shmnm_enumhbrsc", [](char* buf, uint32_t* size) { return shmnm_enumhbrsc(nullptr, buf, size); });
+}
+Names np_resources() {
+    return names("shmnm_enumnprsc", [](char* buf, uint32_t* size) { return shmnm_enumnprsc(nullptr, buf, size); });
+}
+
+/// The state that a server sets for the resource at a position: every pair has one of its own.
+uint32_t pair_state(int32_t priority, size_t resource) {
+    return 100 + 10 * static_cast<uint32_t>(priority) + static_cast<uint32_t>(resource);
+}
+uint32_t network_state(uint32_t state) {
+    return state + 1000;
+}
+
+uint64_t started(int32_t priority) {
+    return 0x1'0000'0000 + static_cast<uint64_t>(priority);
+}
+
+int32_t priority_of(const std::string& server) {
+    int32_t priority = 0;
+    expect_ok("shmnm_getnodepri", shmnm_getnodepri(server.c_str(), &priority));
+    return priority;
+}
+
+void register_members(const std::string& file) {
+    boost::property_tree::ptree document;
+    boost::property_tree::read_xml(file, document);
+    const Lock lock;
+    for (const auto& [element, member] : document.get_child("root.cluster")) {
+        if (element == "<xmlcomment>") continue;
+        const auto name = member.get<std::string>("<xmlattr>.name");
+        const auto priority = member.get<int32_t>("<xmlattr>.priority");
+        const auto type = member.get<std::string>("<xmlattr>.type", "");
+        if (element == "server") {
+            expect_ok("shmnm_addnode", shmnm_addnode(name.c_str(), priority));
+        } else if (element == "hb") {
+            expect_ok("shmnm_addhbrsc", shmnm_addhbrsc(type.c_str(), name.c_str(), static_cast<uint32_t>(priority)));
+        } else if (element == "np") {
+            expect_ok("shmnm_addnprsc", shmnm_addnprsc(type.c_str(), name.c_str(), static_cast<uint32_t>(priority)));
+        }
+    }
+}
+
+int create(const std::string& file) {
+    expect_ok("shmnm_create", shmnm_create());
+    register_members(file);
+    expect_ok("shmnm_setclstat", shmnm_setclstat(1));
+    expect_ok("shmnm_setfstrscstat", shmnm_setfstrscstat(3));
+    constexpr char description[] = "fast start of the services";
+    expect_ok("shmnm_setfstdescript", shmnm_setfstdescript(description, sizeof description));
+    std::puts("ready");
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+    expect_ok("shmnm_delete", shmnm_delete());
+    return 0;
+}
+
+int serve(const std::string& server, int rounds) {
+    expect_ok("shmnm_attach", shmnm_attach());
+    {
+        const Lock lock;
+        const int32_t priority = priority_of(server);
+        expect_ok("shmnm_setnodestat", shmnm_setnodestat(server.c_str(), alive));
+        expect_ok("shmnm_setpingstat", shmnm_setpingstat(server.c_str(), alive));
+        const Names hb = hb_resources(), np = np_resources();
+        for (size_t i = 0; i < hb.size(); ++i) {
+            const uint32_t state = pair_state(priority, i);
+            expect_ok("shmnm_sethbrscsvstat", shmnm_sethbrscsvstat(nullptr, hb[i].c_str(), priority, state));
+            expect_ok("shmnm_setrscsvstat_nw",
+                      shmnm_setrscsvstat_nw(nullptr, hb[i].c_str(), priority, network_state(state)));
+        }
+        for (size_t i = 0; i < np.size(); ++i) {
+            expect_ok("shmnm_setnprscsvstat",
+                      shmnm_setnprscsvstat(nullptr, np[i].c_str(), priority, pair_state(priority, i)));
+        }
+        expect_ok("shmnm_setfstrscpid",
+                  shmnm_setfstrscpid(server.c_str(), 0, pair_state(priority, 0), started(priority)));
+    }
+    for (int round = 0; round < rounds; ++round) {
+        const Lock lock;
+        uint32_t value = 0;
+        expect_ok("shmnm_getwaitstat", shmnm_getwaitstat(&value));
+        expect_ok("shmnm_setwaitstat", shmnm_setwaitstat(value + 1));
+    }
+    expect_ok("shmnm_detach", shmnm_detach());
+    return 0;
+}
+
+int simulate(const std::string& server) {
+    expect_ok("shmnm_attach", shmnm_attach());
+    {
+        const Lock lock;
+        std::vector<uint32_t> cut_off(16);
+        cut_off[static_cast<size_t>(priority_of(server))] = 1;
+        expect_ok("shmnm_setnpsimu", shmnm_setnpsimu(1, cut_off.data(), static_cast<int32_t>(cut_off.size())));
+    }
+    expect_ok("shmnm_detach", shmnm_detach());
+    return 0;
+}
+
+int remove(const std::string& server) {
+    expect_ok("shmnm_attach", shmnm_attach());
+    {
+        const Lock lock;
+        expect_ok("shmnm_rmnode", shmnm_rmnode(server.c_str()));
+    }
+    expect_ok("shmnm_detach", shmnm_detach());
+    return 0;
+}
+
+/// Prints a matrix of resource and server, and checks it: `row` lists a resource's states by server position.
+template <typename Row>
+void print_matrix(const char* title, const Names& resources, const Names& all_servers, uint32_t offset, Row row) {
+    std::printf("    %-18s", title);
+    for (const std::string& server : all_servers) std::printf("%8s", server.c_str());
+    std::puts("");
+    for (size_t i = 0; i < resources.size(); ++i) {
+        std::vector<uint32_t> states(all_servers.size());
+        auto size = static_cast<uint32_t>(states.size() * sizeof states[0]);
+        expect_ok("the listing of a row", row(resources[i].c_str(), states.data(), &size));
+        std::printf("    %-18s", resources[i].c_str());
+        for (size_t j = 0; j < states.size(); ++j) {
+            std::printf("%8u", states[j]);
+            expect_equal(resources[i] + " on " + all_servers[j], states[j],
+                         pair_state(priority_of(all_servers[j]), i) + offset);
+        }
+        std::puts("");
+    }
+}
+
+int read(uint32_t expected_waitstat, const Names& expected_servers) {
+    expect_ok("shmnm_attach", shmnm_attach());
+    {
+        const Lock lock;
+        uint32_t waitstat = 0, simulated = 0;
+        expect_ok("shmnm_getwaitstat", shmnm_getwaitstat(&waitstat));
+        expect_equal("the wait state", waitstat, expected_waitstat);
+        std::printf("    wait state %u\n", waitstat);
+
+        const Names all_servers = servers();
+        if (all_servers != expected_servers) {
+            std::fputs("these are not the expected servers\n", stderr);
+            return 1;
+        }
+        std::vector<uint32_t> cut_off(16);
+        expect_ok("shmnm_getnpsimu", shmnm_getnpsimu(&simulated, cut_off.data(), static_cast<int32_t>(cut_off.size())));
+        for (const std::string& server : all_servers) {
+            uint32_t nodestat = 0, pid = 0;
+            uint64_t since = 0;
+            const int32_t priority = priority_of(server);
+            expect_ok("shmnm_getnodestat", shmnm_getnodestat(server.c_str(), &nodestat));
+            expect_equal("the state of " + server, nodestat, alive);
+            expect_ok("shmnm_getfstrscpid", shmnm_getfstrscpid(server.c_str(), 0, &pid, &since));
+            expect_equal("the process id of " + server, pid, pair_state(priority, 0));
+            expect_equal("the 64-bit value of " + server, since, started(priority));
+            std::printf("    %-18s priority %d, state %u, process %u%s\n", server.c_str(), priority, nodestat, pid,
+                        simulated && cut_off[static_cast<size_t>(priority)] ? ", simulated as cut off" : "");
+        }
+        print_matrix("hb", hb_resources(), all_servers, 0, [](const char* name, uint32_t* buf, uint32_t* size) {
+            return shmnm_enumhbrscsvstat(nullptr, name, buf, size);
+        });
+        print_matrix("hb, network-wide", hb_resources(), all_servers, network_state(0),
+                     [](const char* name, uint32_t* buf, uint32_t* size) {
+                         return shmnm_enumrscsvstat_nw(nullptr, name, buf, size);
+                     });
+        print_matrix("np", np_resources(), all_servers, 0, [](const char* name, uint32_t* buf, uint32_t* size) {
+            return shmnm_enumnprscsvstat(nullptr, name, buf, size);
+        });
+
+        // The same once more, straight from the region's bytes.
+        int32_t size = 0;
+        expect_ok("shmnm_dump", shmnm_dump(nullptr, &size));
+        std::vector<uint8_t> raw(static_cast<size_t>(size));
+        expect_ok("shmnm_dump", shmnm_dump(raw.data(), &size));
+        const auto* const header = reinterpret_cast<const shmnm_header*>(raw.data());
+        expect_equal("the count of servers in the raw region", static_cast<uint64_t>(header->server_count),
+                     expected_servers.size());
+        expect_equal("the wait state in the raw region", header->waitstat, expected_waitstat);
+        std::printf("    raw region %d bytes\n", size);
+    }
+    expect_ok("shmnm_detach", shmnm_detach());
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Names arguments(argv + 1, argv + argc);
+    const std::string role = arguments.empty() ? "" : arguments[0];
+    if (role == "create" && arguments.size() == 2) return create(arguments[1]);
+    if (role == "serve" && arguments.size() == 3) return serve(arguments[1], std::stoi(arguments[2]));
+    if (role == "simulate" && arguments.size() == 2) return simulate(arguments[1]);
+    if (role == "remove" && arguments.size() == 2) return remove(arguments[1]);
+    if (role == "read" && arguments.size() >= 2) {
+        return read(static_cast<uint32_t>(std::stoul(arguments[1])), Names(arguments.begin() + 2, arguments.end()));
+    }
+    std::fputs(
+        "usage: cluster_demo create FILE | serve SERVER ROUNDS | simulate SERVER | remove SERVER | "
+        "read WAITSTAT SERVER...\n",
+        stderr);
+    return 2;
+}
