@@ -128,6 +128,7 @@ int32_t log_write(void* log, uint32_t level, uint32_t flags, const char* file, i
     if (log != &companions() || flags != 0) std::abort();
     const std::lock_guard guard(companions().lock);
     companions().lines.push_back({level, function, message, file, line});
+    if (companions().on_line) companions().on_line(companions().lines.back());
     return 0;
 }
 
@@ -144,6 +145,7 @@ void Companions::reset() {
     create_errors.clear();
     open_errors.clear();
     on_call = nullptr;
+    on_line = nullptr;
     hand_out_unmappable = false;
     log_opens = true;
     log_open_result = 0;

@@ -35,6 +35,7 @@ struct Companions {
     std::vector<uint32_t> open_errors;  ///< the same for the open of the mapping
     bool hand_out_unmappable = false;   ///< creates and opens of a mapping give a handle that cannot be mapped
     std::function<void(const std::string&)> on_call;  ///< called within each recorded call, with its text
+    std::function<void(const LogLine&)> on_line;      ///< called within each write to the log, with its line
     bool log_opens = true;                            ///< the open of the log gives a handle
     int32_t log_open_result = 0;
 

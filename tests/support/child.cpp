@@ -36,10 +36,15 @@ Child::~Child() {
     if (process_) process_->kill();
 }
 
-uint64_t Child::reported() {
+std::optional<uint64_t> Child::next_report() {
     uint64_t number = 0;
-    if (!process_->read(&number, sizeof number)) throw std::runtime_error("the child ended without a report");
+    if (!process_->read(&number, sizeof number)) return std::nullopt;
     return number;
+}
+
+uint64_t Child::reported() {
+    if (const std::optional<uint64_t> number = next_report()) return *number;
+    throw std::runtime_error("the child ended without a report");
 }
 
 std::string Child::reported_text() {

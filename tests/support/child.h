@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,8 @@ class Child {
 
     /// The next number that the child reports; throws when the child ends without one.
     uint64_t reported();
+    /// The next number that the child reports, or has reported before its end; none when it ended.
+    std::optional<uint64_t> next_report();
     /// The next text that the child reports.
     std::string reported_text();
     /// Sends the child a number, which it takes with told().
