@@ -465,7 +465,7 @@ TEST_F(ConfigurationFile, DamagedAtRandomNeverBreaksTheCaller) {
                                           "<a>", "</a>", "99999",     "-",  "<root>",  "<all", "</root>",   "<?xml "};
     int loaded = 0, refused = 0;
     ASSERT_EQ(xmllib_init("test"), XMLLIB_OK);
-    for (int i = 0; i < 20'000; ++i) {
+    for (unsigned i = 0; i < test::share_of(20'000); ++i) {
         std::string text(valid);
         for (size_t changes = 1 + below(4); changes > 0 && !text.empty(); --changes) {
             const size_t at = below(text.size());

@@ -11,7 +11,9 @@
 
 // For the thread sanitizer, which does not know pthread_mutex_clocklock() and takes what it locked for not locked.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
-const char* __tsan_default_options() { return "report_mutex_bugs=0"; }
+const char* __tsan_default_options() {
+    return "report_mutex_bugs=0";
+}
 
 int main(int argc, char** argv) {
     if (!std::getenv("KZMUTIL_NAMESPACE")) {
