@@ -11,6 +11,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <thread>
 
@@ -23,6 +25,11 @@ void hold_rotation_lock() {
     const std::string path = std::string(std::getenv("KZM_INSTALL_PATH")) + "/log/oru_kzmshmnm_log.lock";
     const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (lock < 0 || flock(lock, LOCK_EX) != 0) std::abort();
+}
+
+int local_offset_minutes() {
+    const std::time_t now = std::time(nullptr);
+    return static_cast<int>(std::localtime(&now)->tm_gmtoff / 60);
 }
 
 namespace {
@@ -108,6 +115,7 @@ CHILD(fork_while_others_write) {
     void* const log = open_log(20'000);
     std::atomic<bool> stop{false};
     std::vector<std::thread> writers;
+    writers.reserve(2);
     for (int i = 0; i < 2; ++i) {
         writers.emplace_back([log, &stop] {
             while (!stop) write(log, "thread");

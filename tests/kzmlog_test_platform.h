@@ -62,4 +62,7 @@ int32_t write(void* log, const std::string& message);
 /// In a child: takes the lock of rotation in the installation that is set, for as long as the child lives.
 void hold_rotation_lock();
 
+/// Minutes that local time is ahead of UTC by now.
+int local_offset_minutes();
+
 }  // namespace test

@@ -125,10 +125,11 @@ bool exists(const char* path) noexcept {
     return GetFileAttributesA(path) != INVALID_FILE_ATTRIBUTES;
 }
 
-// A file that someone still has open cannot be replaced, but it can be deleted.
+// A file that someone still has open cannot be replaced (5), but newer systems free its name when it is deleted. A file
+// that cannot be renamed itself answers otherwise (32), and nothing is deleted for it.
 bool rename_over(const char* from, const char* to) noexcept {
-    DeleteFileA(to);
-    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != FALSE;
+    if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING)) return true;
+    return GetLastError() == ERROR_ACCESS_DENIED && DeleteFileA(to) && MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING);
 }
 
 void make_folder(const char* path) noexcept {
