@@ -1,0 +1,34 @@
+"""What the shared libraries export and import, function by function."""
+
+KZMUTIL = {"KzmutilCreateNamedFileMapping", "KzmutilCreateNamedMutex", "KzmutilGetInstallPath",
+           "KzmutilOpenNamedFileMapping"}
+KZMLOG = {"kzmlog_close", "kzmlog_open", "kzmlog_write"}
+KZMXML = {"xmllib_get_value", "xmllib_init", "xmllib_load_config", "xmllib_load_policy", "xmllib_term",
+          "xmllib_unload_config", "xmllib_unload_policy"}
+KZMKERNEL = {"kzmkernel_close", "kzmkernel_create_mapping", "kzmkernel_create_mutex", "kzmkernel_last_error",
+             "kzmkernel_map_view", "kzmkernel_mutex_info_get", "kzmkernel_open_mapping", "kzmkernel_open_mutex",
+             "kzmkernel_release", "kzmkernel_set_last_error", "kzmkernel_sleep", "kzmkernel_unmap_view",
+             "kzmkernel_view_size", "kzmkernel_wait"}
+
+_LIBRARY = """
+    create attach detach delete clear dump
+    rolock rounlock rwlock rwunlock
+    setmaxvalue_ex getmaxvalue_ex sethbinfo_ex gethbinfo_ex
+    setwaitstat getwaitstat setbwflag getbwflag setbwflagdisk getbwflagdisk setclstat getclstat
+    addnode rmnode modifynode enumnode getnodepri getnodename
+    setnodestat getnodestat setnodestat_nw getnodestat_nw setdownnotifystat getdownnotifystat
+    setisolateflag getisolateflag setpingstat getpingstat setholdstat getholdstat
+    getnodecombstat chkalivesv
+    addhbrsc addnprsc rmhbrsc rmnprsc modifyhbrsc modifynprsc gethbrscpri getnprscpri gethbrscinfo getnprscinfo
+    enumhbtype enumnptype enumhbrsc enumnprsc
+    sethbrscstat setnprscstat gethbrscstat getnprscstat sethbrscsvstat setnprscsvstat gethbrscsvstat getnprscsvstat
+    enumhbrscsvstat enumnprscsvstat enumsvhbrscstat enumsvnprscstat settypehbstat settypenpstat
+    sethbdescript setnpdescript gethbdescript getnpdescript
+    addhbrscsvstat addnprscsvstat rmhbrscsvstat rmnprscsvstat
+    setnpsimu getnpsimu getnpsimuflag
+    setrscsvstat_nw getrscsvstat_nw enumrscsvstat_nw enumsvrscstat_nw
+    setfstrscstat getfstrscstat setfstdescript getfstdescript setfstrscpid getfstrscpid
+"""
+KZMSHMNM = {"shmnm_" + name for name in _LIBRARY.split()}
+
+EXPORTS = {"kzmshmnm": KZMSHMNM, "kzmutil": KZMUTIL, "kzmxml": KZMXML, "kzmlog": KZMLOG}
