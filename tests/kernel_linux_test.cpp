@@ -5,16 +5,13 @@
 #include <gmock/gmock.h>
 #include <kzmkernel.h>
 #include <linux/futex.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
-#include <sys/un.h>
+#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,7 +41,7 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr uint32_t for_reading = 4, for_everything = 0xF001F;
+constexpr uint32_t for_everything = 0xF001F;
 constexpr size_t page = 4096;
 
 std::string object_name() {
@@ -650,83 +647,7 @@ TEST(KernelMemory, ThatEndsInTheMiddleOfAnAllocationFailsTheCreate) {
     });
 }
 
-std::atomic<int> signals{0};
-
-/// Sends this process a signal every half millisecond, which ends system calls.
-class SignalStorm {
-  public:
-    SignalStorm() {
-        signals = 0;
-        struct sigaction action {};
-        action.sa_handler = [](int) { ++signals; };
-        sigaction(SIGALRM, &action, &old_);
-        const itimerval interval{{0, 500}, {0, 500}};
-        setitimer(ITIMER_REAL, &interval, nullptr);
-    }
-    ~SignalStorm() {
-        const itimerval none{};
-        setitimer(ITIMER_REAL, &none, nullptr);
-        sigaction(SIGALRM, &old_, nullptr);
-    }
-    SignalStorm(const SignalStorm&) = delete;
-    SignalStorm& operator=(const SignalStorm&) = delete;
-
-  private:
-    struct sigaction old_ {};
-};
-
-TEST(KernelMemory, IsAllocatedWhileSignalsComeAllTheTime) {
-    const SignalStorm storm;
-    const Handle mapping(create_mapping(object_name(), 512u << 20));
-    EXPECT_EQ(mapping.error, 0u);
-    EXPECT_GT(signals, 2);
-}
-
 // Waits.
-
-TEST(KernelWait, IsNeitherShortenedNorLengthenedBySignals) {
-    in_fork([] {
-        const Handle mutex(create_mutex(object_name()));
-        std::thread([&] { kzmkernel_wait(mutex.value, 0); }).join();
-        std::atomic<bool> over{false};
-        Sign owned;
-        // The waiting thread must be the one that gets the signals.
-        std::thread owner([&] {
-            sigset_t all;
-            sigfillset(&all);
-            pthread_sigmask(SIG_BLOCK, &all, nullptr);
-            EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_ABANDONED});
-            owned.give();
-            while (!over) std::this_thread::yield();
-            EXPECT_TRUE(kzmkernel_release(mutex.value));
-        });
-        owned.await();
-        {
-            const SignalStorm storm;
-            const auto begin = steady_clock::now();
-            EXPECT_EQ(kzmkernel_wait(mutex.value, 300), uint32_t{KZMKERNEL_WAIT_TIMEOUT});
-            EXPECT_GE(steady_clock::now() - begin, milliseconds(300));
-            EXPECT_LT(steady_clock::now() - begin, milliseconds(3000));
-            EXPECT_GT(signals, 20);
-            const auto sleep_begin = steady_clock::now();
-            kzmkernel_sleep(100);
-            EXPECT_GE(steady_clock::now() - sleep_begin, milliseconds(100));
-            EXPECT_LT(steady_clock::now() - sleep_begin, milliseconds(3000));
-        }
-        const SignalStorm storm;
-        std::thread ender([&] {
-            sigset_t all;
-            sigfillset(&all);
-            pthread_sigmask(SIG_BLOCK, &all, nullptr);
-            while (signals < 50) std::this_thread::yield();
-            over = true;
-        });
-        EXPECT_EQ(kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED});
-        EXPECT_GE(signals, 50);
-        owner.join();
-        ender.join();
-    });
-}
 
 /// A child made by fork() that is run from one system call to the next.
 class Traced {
@@ -771,6 +692,17 @@ class Traced {
         call.insert(call.end(), std::begin(info.entry.args), std::end(info.entry.args));
         return call;
     }
+    /// Where it enters a system call: makes that fail instead.
+    void fail_call(int error) {
+        user_regs_struct registers{};
+        ptrace(PTRACE_GETREGS, child_.id(), nullptr, &registers);
+        registers.orig_rax = ~0ULL;
+        ptrace(PTRACE_SETREGS, child_.id(), nullptr, &registers);
+        if (!step()) throw std::runtime_error("ended in a call");
+        ptrace(PTRACE_GETREGS, child_.id(), nullptr, &registers);
+        registers.rax = static_cast<unsigned long long>(-error);
+        ptrace(PTRACE_SETREGS, child_.id(), nullptr, &registers);
+    }
     pid_t id() const { return child_.id(); }
     void kill() { child_.kill(); }
     /// Of one that ended.
@@ -781,7 +713,31 @@ class Traced {
     int status_ = 0;
 };
 
-/// Whether a thread sleeps in futex().
+// Kernels differ in whether a signal ends an allocation, so the calls are made to fail from outside.
+TEST(KernelMemory, IsAllocatedWhileSignalsEndTheCalls) {
+    constexpr uint64_t size = 5u << 20;
+    Traced creator([&] {
+        const Handle mapping(create_mapping(object_name(), size));
+        EXPECT_EQ(mapping.error, 0u);
+        char* const view = map(mapping.value);
+        ASSERT_NE(view, nullptr);
+        std::memset(view, 1, size);
+        struct stat found {};
+        EXPECT_EQ(stat(file_of_mapping(object_name()).c_str(), &found), 0);
+        EXPECT_EQ(static_cast<uint64_t>(found.st_blocks) * 512, size);
+    });
+    int allocations = 0, ended = 0;
+    while (creator.step()) {
+        const std::vector<uint64_t> call = creator.entered();
+        if (call.empty() || call[0] != SYS_fallocate || allocations++ % 3 == 2) continue;
+        creator.fail_call(EINTR);
+        ++ended;
+    }
+    EXPECT_EQ(creator.status(), 0);
+    EXPECT_GE(ended, 2);
+}
+
+/// Waits until a thread sleeps in futex().
 void until_it_sleeps_in_a_futex(pid_t process, pid_t thread) {
     const fs::path file = "/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/syscall";
     while (test::contents_of(file).rfind(std::to_string(SYS_futex) + " ", 0) != 0) std::this_thread::yield();
@@ -1321,9 +1277,7 @@ TEST(KernelHandles, MayBeUsedAndClosedByManyThreadsAtOnce) {
 class LoadedCopy {
   public:
     LoadedCopy() : file_(folder_.path() / "libkzmkernel.so") {
-        Dl_info info{};
-        dladdr(reinterpret_cast<const void*>(kzmkernel_create_mutex), &info);
-        // The address may be one of the program's own, which leads to the library.
+        // The libraries of the build lie beside its programs.
         const fs::path original = fs::read_symlink("/proc/self/exe").parent_path() / "libkzmkernel.so";
         fs::copy_file(original, file_);
         load();
@@ -1366,26 +1320,29 @@ TEST(KernelLibrary, IsUnloadedAfterUse) {
 }
 
 TEST(KernelLibrary, FindsItsThreadsLocksAgainWhenItIsLoadedAgain) {
-    const std::string name = object_name();
-    const Handle holder(create_mutex(name));
-    LoadedCopy copy;
-    void* mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
-    ASSERT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
-    copy.unload();
-    ASSERT_FALSE(copy.is_loaded());
-    copy.load();
-    mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
-    EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
-    std::thread([&] { EXPECT_EQ(kzmkernel_wait(holder.value, 0), uint32_t{KZMKERNEL_WAIT_TIMEOUT}); }).join();
-    EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
-    std::thread([&] {
-        EXPECT_EQ(kzmkernel_wait(holder.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-        EXPECT_TRUE(kzmkernel_release(holder.value));
-    }).join();
-    EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
-    copy.unload();
+    // The lock's memory stays with the process, which therefore is one that ends.
+    in_fork([] {
+        const std::string name = object_name();
+        const Handle holder(create_mutex(name));
+        LoadedCopy copy;
+        void* mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+        ASSERT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        copy.unload();
+        ASSERT_FALSE(copy.is_loaded());
+        copy.load();
+        mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+        EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+        std::thread([&] { EXPECT_EQ(kzmkernel_wait(holder.value, 0), uint32_t{KZMKERNEL_WAIT_TIMEOUT}); }).join();
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+        std::thread([&] {
+            EXPECT_EQ(kzmkernel_wait(holder.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(kzmkernel_release(holder.value));
+        }).join();
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        copy.unload();
+    });
 }
 
 // Killed at each system call.
@@ -1521,7 +1478,9 @@ TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
     bool ended = false;
     int stops = 1;
     for (; !ended && !HasFailure(); ++stops) {
-        ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        // The one killed before may have been the last to get it.
+        const uint32_t begin = kzmkernel_wait(mutex.value, 0);
+        ASSERT_TRUE(begin == KZMKERNEL_WAIT_OWNED || begin == KZMKERNEL_WAIT_ABANDONED) << stops << ' ' << begin;
         std::atomic<pid_t> waiter_id{0};
         uint32_t result = KZMKERNEL_WAIT_FAILED;
         {

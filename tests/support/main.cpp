@@ -10,7 +10,7 @@
 #include "support/child_platform.h"
 
 // For the thread sanitizer, which does not know pthread_mutex_clocklock() and takes what it locked for not locked.
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options();
 const char* __tsan_default_options() {
     return "report_mutex_bugs=0";
 }

@@ -109,17 +109,23 @@ uint32_t Mutex::release() noexcept {
         --depth_;
         return 0;
     }
-    owner_thread_.store(0, relaxed);
     owner_process_.store(0, relaxed);
+    owner_thread_.store(0, std::memory_order_release);
+    const bool marked = is_marked_as_waited_for();
     if (pthread_mutex_unlock(&lock_) != 0) return KZMKERNEL_ERROR_NOT_OWNER;
-    if (waiters_.load() != 0) wake_one();
+    if (!marked && waiters_.load() != 0) wake_one();
     return 0;
 }
 
-// The lock's word tells whether others sleep only until it is freed: the waiter that is woken then marks the word
+// The lock's word is marked while others sleep, but only until it is freed: the waiter that is woken then marks it
 // again. If another thread took the lock before and that waiter was killed meanwhile, the mark is missing and the next
 // one would sleep on beside a free lock. So waiters are counted as well. One that was killed stays counted, which costs
 // its mutex a system call a release and nothing else.
+bool Mutex::is_marked_as_waited_for() const noexcept {
+    const auto word = static_cast<unsigned>(__atomic_load_n(&lock_.__data.__lock, __ATOMIC_RELAXED));
+    return (word & FUTEX_WAITERS) != 0;
+}
+
 void Mutex::wake_one() noexcept {
     syscall(SYS_futex, &lock_.__data.__lock, FUTEX_WAKE, 1, nullptr, nullptr, 0);
 }
@@ -147,11 +153,13 @@ bool Mutex::is_named_owner(const Thread& thread) const noexcept {
 }
 
 void Mutex::name_owner(const Thread& thread) noexcept {
+    // The lock orders owners already. This says it once more, for tools that do not know each way to take a lock.
+    static_cast<void>(owner_thread_.load(std::memory_order_acquire));
     depth_ = 1;
     owned_since_ns_.store(now_ns(), relaxed);
     owner_tag_.store(thread.tag, relaxed);
     owner_process_.store(thread.process, relaxed);
-    owner_thread_.store(thread.thread, relaxed);
+    owner_thread_.store(thread.thread, std::memory_order_release);
 }
 
 }  // namespace kzmkernel

@@ -34,6 +34,7 @@ class Mutex {
 
   private:
     int take(uint32_t timeout_ms) noexcept;
+    bool is_marked_as_waited_for() const noexcept;
     void wake_one() noexcept;
     bool is_named_owner(const Thread& thread) const noexcept;
     void name_owner(const Thread& thread) noexcept;

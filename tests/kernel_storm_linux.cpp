@@ -1,0 +1,18 @@
+#include <sys/types.h>
+
+#include <csignal>
+
+#include "kernel_storm.h"
+
+namespace test {
+
+const int storm_rounds = 120;
+
+void stop_process(uint32_t process) {
+    kill(static_cast<pid_t>(process), SIGSTOP);
+}
+void continue_process(uint32_t process) {
+    kill(static_cast<pid_t>(process), SIGCONT);
+}
+
+}  // namespace test
