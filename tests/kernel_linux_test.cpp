@@ -26,6 +26,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <random>
 #include <set>
 #include <string>
@@ -522,6 +523,38 @@ TEST_P(KernelFiles, AreMadeAgainWhenTheirFolderWasRemovedWhileNobodyHeldThem) {
         EXPECT_EQ(opened.error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
         EXPECT_FALSE(fs::exists(folder()));
         expect_new(GetParam().create, object_name());
+    });
+}
+
+TEST_P(KernelFiles, AreMadeOnceBySimultaneousCreatorsWithTheirFolder) {
+    in_fork([] {
+        use_private_memory_disk();
+        constexpr int creators = 4;
+        for (int round = 0; round < 100 && !HasFailure(); ++round) {
+            fs::remove_all(folder());
+            Sign go, over;
+            int results[2];
+            ASSERT_EQ(pipe2(results, O_CLOEXEC), 0);
+            std::vector<std::unique_ptr<Forked>> children;
+            for (int i = 0; i < creators; ++i) {
+                children.push_back(std::make_unique<Forked>([&] {
+                    go.await();
+                    const Handle handle(create());
+                    if (write(results[1], &handle.error, sizeof handle.error) < 0) std::abort();
+                    over.await();
+                }));
+            }
+            for (int i = 0; i < creators; ++i) go.give();
+            std::vector<uint32_t> errors(creators);
+            for (uint32_t& error : errors) {
+                ASSERT_EQ(read(results[0], &error, sizeof error), static_cast<ssize_t>(sizeof error));
+            }
+            for (int i = 0; i < creators; ++i) over.give();
+            for (const auto& child : children) EXPECT_EQ(child->wait(), 0);
+            EXPECT_THAT(errors, testing::UnorderedElementsAre(0u, 183u, 183u, 183u)) << round;
+            close(results[0]);
+            close(results[1]);
+        }
     });
 }
 
@@ -1396,7 +1429,10 @@ TEST(KernelKilledAnywhere, AloneLeavesFreeNamesAndZeros) {
         use_private_memory_disk();
         const std::string name = object_name();
         const int stops = kill_at_each_stop(name, [&](bool after) {
-            if (!after) return;
+            if (!after) {
+                fs::remove_all(folder());  // so that making it is among the steps
+                return;
+            }
             in_fork([&] {
                 EXPECT_EQ(Handle(open_mapping(name + "m")).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
                 const Handle mutex(create_mutex(name + "x"));

@@ -6,6 +6,10 @@
  *  - Failure  null or 0, and the reason as a Windows error number in the thread's last error.
  *  - Success  of a create leaves the last error at 0 (the object is new) or 183 (it existed); of the others as it was.
  *  - Handles  belong to the process. A closed or invented one fails with 6.
+ *  - Life     an object lives while any process holds a handle to it, however its holders end; then its name is free.
+ *  - Refused  5: what lies under the name is no object, or another user's; a mutex of another process-id namespace.
+ *             1006: the object lives, but its file or the folder of the files was removed or replaced.
+ *  - Fork     a child owns no mutex; its copies of the handles keep objects alive as long as it lives. exec closes them.
  *  - Names    1 to 200 bytes without '/' and control characters, not beginning with a dot.
  *  - Threads  any thread may call any function.
  */

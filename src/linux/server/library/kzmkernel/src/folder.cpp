@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "error.h"
 #include "kzmkernel.h"
@@ -124,8 +125,8 @@ uint32_t Gate::enter(bool make) noexcept {
     for (;;) {
         if (const uint32_t error = open_folder(name, make)) return error;
         if (!lock_gate(folder_.get())) return windows_error(errno);
-        struct stat opened {
-        }, named{};
+        struct stat opened {};
+        struct stat named {};
         if (fstat(folder_.get(), &opened) != 0) return windows_error(errno);
         // While this process waited for the gate the folder may have been removed.
         if (fstatat(root_.get(), name, &named, AT_SYMLINK_NOFOLLOW) != 0 || named.st_ino != opened.st_ino) continue;
@@ -134,14 +135,18 @@ uint32_t Gate::enter(bool make) noexcept {
 }
 
 uint32_t Gate::open_folder(const char* name, bool make) noexcept {
-    for (;;) {
+    for (bool missed_once = false;;) {
         folder_ = open_at(root_.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         const int error = folder_ ? 0 : errno;
         struct stat found {};
         if (folder_ && fstat(folder_.get(), &found) != 0) return windows_error(errno);
         if (folder_ && is_proper_folder(found)) return 0;
         if (error == ENOENT) {
-            if (life_of(root_.get(), name, nullptr) != Life::dead) return KZMKERNEL_ERROR_FILE_INVALID;
+            if (life_of(root_.get(), name, nullptr) != Life::dead) {
+                // Somebody may have made it since. If it is missing now too, it was removed.
+                if (std::exchange(missed_once, true)) return KZMKERNEL_ERROR_FILE_INVALID;
+                continue;
+            }
             if (!make) return KZMKERNEL_ERROR_FILE_NOT_FOUND;
             if (mkdirat(root_.get(), name, folder_mode) != 0 && errno != EEXIST) return windows_error(errno);
         } else if (error != 0 && error != EACCES) {
