@@ -40,11 +40,8 @@ class NetworkStatus : public test::RegionTest {
     }
     /// Rows 11, 12, 13 and 21, 22, 23.
     void fill_rows() {
-        for (uint32_t row = 0; row < 2; ++row) {
-            for (uint32_t column = 0; column < 3; ++column) {
-                poke_word(rows + 12 * row + 4 * column, 10 * (row + 1) + column + 1);
-            }
-        }
+        const uint32_t values[] = {11, 12, 13, 21, 22, 23};
+        for (size_t i = 0; i < std::size(values); ++i) poke_word(rows + 4 * i, values[i]);
     }
     Bytes region_with(size_t offset, uint32_t value) {
         Bytes bytes = region_bytes();
@@ -302,7 +299,7 @@ TEST_F(NetworkStatus, LiesElsewhereOnceTheMaximumOfServersIsAnother) {
     uint32_t read = 91;
     EXPECT_EQ(shmnm_getrscsvstat_nw("lan", "lan1", 30, &read), SHMNM_OK);
     EXPECT_EQ(read, 13u);
-    const Bytes expected = region_with(rows + 4 * (5 + 1), 99);
+    const Bytes expected = region_with(rows + 20 + 4, 99);
     EXPECT_EQ(shmnm_setrscsvstat_nw("disk", "disk1", 20, 99), SHMNM_OK);
     EXPECT_EQ(region_bytes(), expected);
 }
