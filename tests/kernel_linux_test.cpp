@@ -19,7 +19,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -39,11 +38,9 @@
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr uint32_t for_everything = 0xF001F;
-constexpr size_t page = 4096;
+constexpr size_t page = 4096, kib = 1024;
 
 std::string object_name() {
     std::string name = std::getenv("KZMUTIL_NAMESPACE");
@@ -536,6 +533,7 @@ TEST_P(KernelFiles, AreMadeOnceBySimultaneousCreatorsWithTheirFolder) {
             int results[2];
             ASSERT_EQ(pipe2(results, O_CLOEXEC), 0);
             std::vector<std::unique_ptr<Forked>> children;
+            children.reserve(creators);
             for (int i = 0; i < creators; ++i) {
                 children.push_back(std::make_unique<Forked>([&] {
                     go.await();
@@ -630,7 +628,7 @@ TEST(KernelMemory, ThatIsNotThereFailsTheCreateAndLeavesNothing) {
     in_fork([] {
         use_private_memory_disk("size=256k");
         const std::string name = object_name();
-        for (const uint64_t size : {uint64_t{1} << 20, uint64_t{257} * 1024, uint64_t{1} << 40, uint64_t{INT64_MAX}}) {
+        for (const uint64_t size : {uint64_t{1} << 20, 257 * kib, uint64_t{1} << 40, uint64_t{INT64_MAX}}) {
             const Handle mapping(create_mapping(name, size));
             EXPECT_EQ(mapping.value, nullptr);
             EXPECT_THAT(mapping.error, testing::AnyOf(uint32_t{KZMKERNEL_ERROR_DISK_FULL},
@@ -638,16 +636,16 @@ TEST(KernelMemory, ThatIsNotThereFailsTheCreateAndLeavesNothing) {
             EXPECT_TRUE(fs::is_empty(folder()));
         }
         EXPECT_EQ(Handle(create_mapping(name, UINT64_MAX)).error, uint32_t{KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY});
-        const Handle first(create_mapping(name, 200 * 1024));
+        const Handle first(create_mapping(name, 200 * kib));
         ASSERT_EQ(first.error, 0u);
-        const Handle second(create_mapping(name + "2", 100 * 1024));
+        const Handle second(create_mapping(name + "2", 100 * kib));
         EXPECT_EQ(second.error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
         EXPECT_FALSE(fs::exists(file_of_mapping(name + "2")));
         EXPECT_FALSE(fs::exists(folder() / ".new"));
         // All of it is there, whatever fills the rest of the disk.
-        write_text("/dev/shm/rest", std::string(256 * 1024, 'r'));
+        write_text("/dev/shm/rest", std::string(256 * kib, 'r'));
         char* const view = map(first.value);
-        std::memset(view, 1, 200 * 1024);
+        std::memset(view, 1, 200 * kib);
     });
 }
 
@@ -656,13 +654,13 @@ TEST(KernelMemory, OfADeadObjectIsThereForTheNext) {
         use_private_memory_disk("size=256k");
         Sign held;
         Forked holder([&] {
-            create_mapping("large", 200 * 1024);
+            create_mapping("large", 200 * kib);
             held.give();
             hang();
         });
         held.await();
         holder.kill();
-        EXPECT_EQ(Handle(create_mapping("other", 200 * 1024)).error, 0u);
+        EXPECT_EQ(Handle(create_mapping("other", 200 * kib)).error, 0u);
     });
 }
 
@@ -1069,6 +1067,7 @@ TEST(KernelFork, ChildIsNotHeldUpByWhatOtherThreadsWereDoing) {
     const std::string name = object_name();
     std::atomic<bool> over{false};
     std::vector<std::thread> threads;
+    threads.reserve(3);
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&, i] {
             while (!over) {

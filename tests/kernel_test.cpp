@@ -228,6 +228,7 @@ TEST_P(KernelObject, EndsWhenEveryHolderIsKilled) {
 TEST_P(KernelObject, IsNewToExactlyOneOfManySimultaneousCreators) {
     constexpr int creators = 8, rounds = 12;
     std::vector<Child> children;
+    children.reserve(creators);
     for (int i = 0; i < creators; ++i) children.push_back(start(create_when_told, argument()));
     for (int round = 0; round < rounds; ++round) {
         for (Child& child : children) child.tell(1);
@@ -748,6 +749,7 @@ TEST_F(KernelMutex, IsReportedAsAbandonedToExactlyOneOfItsWaiters) {
     }
     std::atomic<int> reports{0};
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             const uint32_t result = kernel::wait(mutex.get(), infinite);
