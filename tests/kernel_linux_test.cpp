@@ -586,14 +586,14 @@ TEST(KernelMappingArguments, AreChecked) {
     EXPECT_EQ(Handle(kzmkernel_create_mapping(2, page, name.c_str())).error,
               uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
     EXPECT_EQ(Handle(kzmkernel_open_mapping(0, name.c_str())).error, uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
-    const Handle mapping(create_mapping(name, 3 * 65536));
+    const Handle mapping(create_mapping(name, uint64_t{3} * 65536));
     const auto error_of = [&](uint32_t access, uint64_t offset, size_t length) {
         EXPECT_EQ(kzmkernel_map_view(mapping.value, access, offset, length), nullptr);
         return kzmkernel_last_error();
     };
     EXPECT_EQ(error_of(0, 0, 0), uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
     EXPECT_EQ(error_of(2, page, 0), uint32_t{KZMKERNEL_ERROR_MAPPED_ALIGNMENT});
-    EXPECT_EQ(error_of(2, 3 * 65536, 0), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+    EXPECT_EQ(error_of(2, uint64_t{3} * 65536, 0), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
     EXPECT_EQ(error_of(2, 65536, 2 * 65536 + 1), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
     EXPECT_EQ(error_of(2, 0, SIZE_MAX), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
     char* const whole = map(mapping.value);
