@@ -140,27 +140,22 @@ class Arguments {
 
 /// The library's functions under the model's names.
 struct Library {
-// clang-format off: a table
-#define SHMNM_EACH(X)                                                                                                  \
-    X(clear)                                                                                                           \
-    X(dump) X(setmaxvalue_ex) X(getmaxvalue_ex) X(sethbinfo_ex) X(gethbinfo_ex) X(setwaitstat) X(getwaitstat)          \
-        X(setbwflag) X(getbwflag) X(setbwflagdisk) X(getbwflagdisk) X(setclstat) X(getclstat) X(addnode) X(rmnode)     \
-            X(modifynode) X(enumnode) X(getnodepri) X(getnodename) X(setnodestat) X(getnodestat) X(setnodestat_nw)     \
-                X(getnodestat_nw) X(setdownnotifystat) X(getdownnotifystat) X(setisolateflag) X(getisolateflag)        \
-                    X(setpingstat) X(getpingstat) X(setholdstat) X(getholdstat) X(getnodecombstat) X(chkalivesv)       \
-                        X(addhbrsc) X(addnprsc) X(rmhbrsc) X(rmnprsc) X(modifyhbrsc) X(modifynprsc) X(gethbrscpri)     \
-                            X(getnprscpri) X(gethbrscinfo) X(getnprscinfo) X(enumhbtype) X(enumnptype) X(enumhbrsc)    \
-                                X(enumnprsc) X(sethbrscstat) X(setnprscstat) X(gethbrscstat) X(getnprscstat)           \
-                                    X(sethbrscsvstat) X(setnprscsvstat) X(setrscsvstat_nw) X(gethbrscsvstat)           \
-                                        X(getnprscsvstat) X(getrscsvstat_nw) X(enumhbrscsvstat) X(enumnprscsvstat)     \
-                                            X(enumrscsvstat_nw) X(enumsvhbrscstat) X(enumsvnprscstat)                  \
-                                                X(enumsvrscstat_nw) X(settypehbstat) X(settypenpstat) X(sethbdescript) \
-                                                    X(setnpdescript) X(gethbdescript) X(getnpdescript)                 \
-                                                        X(addhbrscsvstat) X(addnprscsvstat) X(rmhbrscsvstat)           \
-                                                            X(rmnprscsvstat) X(setnpsimu) X(getnpsimu)                 \
-                                                                X(getnpsimuflag) X(setfstrscstat) X(getfstrscstat)     \
-                                                                    X(setfstdescript) X(getfstdescript)                \
-                                                                        X(setfstrscpid) X(getfstrscpid)
+// clang-format off
+#define SHMNM_EACH(X) \
+    X(clear) X(dump) X(setmaxvalue_ex) X(getmaxvalue_ex) X(sethbinfo_ex) X(gethbinfo_ex) X(setwaitstat) \
+    X(getwaitstat) X(setbwflag) X(getbwflag) X(setbwflagdisk) X(getbwflagdisk) X(setclstat) X(getclstat) \
+    X(addnode) X(rmnode) X(modifynode) X(enumnode) X(getnodepri) X(getnodename) X(setnodestat) X(getnodestat) \
+    X(setnodestat_nw) X(getnodestat_nw) X(setdownnotifystat) X(getdownnotifystat) X(setisolateflag) \
+    X(getisolateflag) X(setpingstat) X(getpingstat) X(setholdstat) X(getholdstat) X(getnodecombstat) \
+    X(chkalivesv) X(addhbrsc) X(addnprsc) X(rmhbrsc) X(rmnprsc) X(modifyhbrsc) X(modifynprsc) X(gethbrscpri) \
+    X(getnprscpri) X(gethbrscinfo) X(getnprscinfo) X(enumhbtype) X(enumnptype) X(enumhbrsc) X(enumnprsc) \
+    X(sethbrscstat) X(setnprscstat) X(gethbrscstat) X(getnprscstat) X(sethbrscsvstat) X(setnprscsvstat) \
+    X(setrscsvstat_nw) X(gethbrscsvstat) X(getnprscsvstat) X(getrscsvstat_nw) X(enumhbrscsvstat) \
+    X(enumnprscsvstat) X(enumrscsvstat_nw) X(enumsvhbrscstat) X(enumsvnprscstat) X(enumsvrscstat_nw) \
+    X(settypehbstat) X(settypenpstat) X(sethbdescript) X(setnpdescript) X(gethbdescript) X(getnpdescript) \
+    X(addhbrscsvstat) X(addnprscsvstat) X(rmhbrscsvstat) X(rmnprscsvstat) X(setnpsimu) X(getnpsimu) \
+    X(getnpsimuflag) X(setfstrscstat) X(getfstrscstat) X(setfstdescript) X(getfstdescript) X(setfstrscpid) \
+    X(getfstrscpid)
 // clang-format on
 #define SHMNM_FORWARD(name)           \
     template <typename... Args>       \
