@@ -9,7 +9,8 @@
  *  - Life     an object lives while any process holds a handle to it, however its holders end; then its name is free.
  *  - Refused  5: what lies under the name is no object, or another user's; a mutex of another process-id namespace.
  *             1006: the object lives, but its file or the folder of the files was removed or replaced.
- *  - Fork     a child owns no mutex; its copies of the handles keep objects alive as long as it lives. exec closes them.
+ *  - Fork     a child owns no mutex; its copies of the handles keep objects alive as long as it lives. exec closes
+ * them.
  *  - Names    1 to 200 bytes without '/' and control characters, not beginning with a dot.
  *  - Threads  any thread may call any function.
  */
@@ -49,20 +50,21 @@ enum { KZMKERNEL_WAIT_OWNED = 0, KZMKERNEL_WAIT_ABANDONED = 0x80, KZMKERNEL_WAIT
 #define KZMKERNEL_WAIT_FAILED 0xFFFFFFFFu
 #define KZMKERNEL_INFINITE 0xFFFFFFFFu
 
-/** What can be known of a mutex without owning it; the fields are read one by one, so they may be of different moments. */
+/** What can be known of a mutex without owning it; the fields are read one by one, so they may be of different moments.
+ */
 typedef struct kzmkernel_mutex_info {
-    uint32_t owner_process;   /**< process id of the owner; 0: not owned */
-    uint32_t owner_thread;    /**< its thread id */
-    uint64_t owned_since_ns;  /**< CLOCK_REALTIME of the outermost take, nanoseconds since 1970 */
-    uint64_t takeovers;       /**< how often a waiter got it from an owner that had ended */
+    uint32_t owner_process;    /**< process id of the owner; 0: not owned */
+    uint32_t owner_thread;     /**< its thread id */
+    uint64_t owned_since_ns;   /**< CLOCK_REALTIME of the outermost take, nanoseconds since 1970 */
+    uint64_t takeovers;        /**< how often a waiter got it from an owner that had ended */
     uint64_t last_takeover_ns; /**< CLOCK_REALTIME of the last of these; 0: never */
 } kzmkernel_mutex_info;
 
 /** Creates the named mutex, or opens it when it exists. The caller does not own it. */
-KZMKERNEL_API void *kzmkernel_create_mutex(const char *name);
+KZMKERNEL_API void* kzmkernel_create_mutex(const char* name);
 
 /** Opens a mutex that exists; 2 when there is none. */
-KZMKERNEL_API void *kzmkernel_open_mutex(const char *name);
+KZMKERNEL_API void* kzmkernel_open_mutex(const char* name);
 
 /**
  * Creates a named piece of shared memory, zero-filled, its memory charged at once, or opens the one that exists, whose
@@ -71,14 +73,14 @@ KZMKERNEL_API void *kzmkernel_open_mutex(const char *name);
  * @param[in] protect  4 (read and write)
  * @param[in] size     bytes; 0 fails with 87
  */
-KZMKERNEL_API void *kzmkernel_create_mapping(uint32_t protect, uint64_t size, const char *name);
+KZMKERNEL_API void* kzmkernel_create_mapping(uint32_t protect, uint64_t size, const char* name);
 
 /**
  * Opens a named piece of shared memory; 2 when there is none.
  *
  * @param[in] access  4: for reading; 2, or 0xF001F: for writing too
  */
-KZMKERNEL_API void *kzmkernel_open_mapping(uint32_t access, const char *name);
+KZMKERNEL_API void* kzmkernel_open_mapping(uint32_t access, const char* name);
 
 /**
  * Maps a view. It stays valid after the mapping's handle is closed.
@@ -87,13 +89,13 @@ KZMKERNEL_API void *kzmkernel_open_mapping(uint32_t access, const char *name);
  * @param[in] offset  first byte, a multiple of 65,536
  * @param[in] length  bytes; 0: to the end
  */
-KZMKERNEL_API void *kzmkernel_map_view(void *mapping, uint32_t access, uint64_t offset, size_t length);
+KZMKERNEL_API void* kzmkernel_map_view(void* mapping, uint32_t access, uint64_t offset, size_t length);
 
 /** Unmaps a view by the address that kzmkernel_map_view() gave; 487 for any other. @return nonzero on success */
-KZMKERNEL_API int32_t kzmkernel_unmap_view(const void *view);
+KZMKERNEL_API int32_t kzmkernel_unmap_view(const void* view);
 
 /** @return the bytes that may be touched from the start of the view, in whole pages; 0: not a view */
-KZMKERNEL_API size_t kzmkernel_view_size(const void *view);
+KZMKERNEL_API size_t kzmkernel_view_size(const void* view);
 
 /**
  * Waits until this thread owns the mutex, for at most `timeout_ms` of the monotonic clock (KZMKERNEL_INFINITE: without
@@ -102,16 +104,16 @@ KZMKERNEL_API size_t kzmkernel_view_size(const void *view);
  * @return KZMKERNEL_WAIT_OWNED, KZMKERNEL_WAIT_ABANDONED (owned, the owner before had ended), KZMKERNEL_WAIT_TIMEOUT or
  *         KZMKERNEL_WAIT_FAILED
  */
-KZMKERNEL_API uint32_t kzmkernel_wait(void *mutex, uint32_t timeout_ms);
+KZMKERNEL_API uint32_t kzmkernel_wait(void* mutex, uint32_t timeout_ms);
 
 /** Releases the mutex once; 288 when this thread does not own it. @return nonzero on success */
-KZMKERNEL_API int32_t kzmkernel_release(void *mutex);
+KZMKERNEL_API int32_t kzmkernel_release(void* mutex);
 
 /** Closes a handle. A mutex that this thread owns stays owned until the thread ends. @return nonzero on success */
-KZMKERNEL_API int32_t kzmkernel_close(void *handle);
+KZMKERNEL_API int32_t kzmkernel_close(void* handle);
 
 /** Tells who owns a mutex and how often it was taken over. @return nonzero on success */
-KZMKERNEL_API int32_t kzmkernel_mutex_info_get(void *mutex, kzmkernel_mutex_info *info);
+KZMKERNEL_API int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info);
 
 KZMKERNEL_API uint32_t kzmkernel_last_error(void);
 KZMKERNEL_API void kzmkernel_set_last_error(uint32_t error);
