@@ -15,8 +15,8 @@ std::string mapping_name() {
     return (prefix ? prefix : "") + std::string("oru_kzmshmnm_map");
 }
 
-/// Takes back every create and attach that this process has made, whatever state the last test left: both handles closed,
-/// no attach counted.
+/// Takes back every create and attach that this process has made, whatever state the last test left: both handles
+/// closed, no attach counted.
 void unmap_everything() {
     fakes::companions().reset();
     shmnm_delete();
