@@ -105,6 +105,10 @@ bool run_as_child(int argc, char** argv) {
     std::abort();
 }
 
+unsigned share_of(unsigned amount) {
+    return amount / SHMNM_TEST_DIVISOR;
+}
+
 ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : name_(name) {
     const char* const old = std::getenv(name);
     was_set_ = old != nullptr;

@@ -66,7 +66,7 @@ uint64_t told();
 
 /// Sets a variable of this process's environment, and so of its children; null removes it.
 void set_environment(const char* name, const char* value);
-/// How much of a long test to do: all of it natively, a tenth under wine, where a call of the system takes that much
+/// How much of a long test to do: all of it, or a tenth under wine and the thread sanitizer, where it takes that much
 /// longer.
 unsigned share_of(unsigned amount);
 /// This process's id.

@@ -121,10 +121,6 @@ void set_environment(const char* name, const char* value) {
     }
 }
 
-unsigned share_of(unsigned amount) {
-    return amount;
-}
-
 uint32_t process_id() {
     return static_cast<uint32_t>(getpid());
 }

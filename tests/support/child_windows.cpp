@@ -145,10 +145,6 @@ void set_environment(const char* name, const char* value) {
     _putenv_s(name, value ? value : "");
 }
 
-unsigned share_of(unsigned amount) {
-    return amount / 10;
-}
-
 uint32_t process_id() {
     return GetCurrentProcessId();
 }
