@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "kernel.h"
 #include "kernel_objects.h"
@@ -541,6 +542,39 @@ TEST_F(DetachAndDelete, NothingIsWrittenToTheLogOnceItIsClosed) {
     EXPECT_EQ(shmnm_setwaitstat(1), SHMNM_ERR_NOTINIT);
     EXPECT_EQ(shmnm_clear(), SHMNM_ERR_NOTINIT);
     EXPECT_THAT(log_of_last_call(), IsEmpty());
+}
+
+TEST_F(DetachAndDelete, ThreadsThatAttachAndDetachAtOnceNeverUnmapOneAnother) {
+    const OtherHolder other_process(2'500'740);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 50; ++round) {
+                EXPECT_EQ(shmnm_attach(), SHMNM_OK);
+                EXPECT_EQ(shmnm_setwaitstat(1), SHMNM_OK) << "mapped while this thread is attached";
+                EXPECT_EQ(shmnm_detach(), SHMNM_OK);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_FALSE(mapped());
+    EXPECT_EQ(shmnm_detach(), SHMNM_ERR_NOTINIT);
+}
+
+TEST_F(DetachAndDelete, ThreadsThatCreateAndDeleteAtOnceMapOneRegion) {
+    const OtherHolder other_process(2'500'740);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 50; ++round) {
+                EXPECT_EQ(shmnm_create(), SHMNM_OK);
+                const uint32_t result = shmnm_delete();
+                EXPECT_TRUE(result == SHMNM_OK || result == SHMNM_ERR_NOTINIT) << result;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_FALSE(mapped());
 }
 
 // ---- clear ----
