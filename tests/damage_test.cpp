@@ -38,9 +38,9 @@ std::vector<uint8_t> word(uint32_t value) {
 /// negative.
 uint32_t bad_count(std::mt19937_64& random) {
     static const int64_t values[] = {
-        INT32_MAX, INT32_MAX - 1, INT32_MIN, -1,   -2,      -100,       -144,       -145,       -146,
-        -147,      -1000,         0,         1,    2,       3,          4,          5,          8,
-        20,        100,           1000,      6000, 1000000, 0x3FFFFFFF, 0x40000000, 0x40000001, 0x20000000};
+        INT32_MAX, INT32_MAX - 1, INT32_MIN, -1,      -2,         -100,       -144,       -145,      -146,
+        -147,      -1000,         0,         1,       2,          3,          4,          5,         8,
+        20,        100,           1000,      1000000, 0x3FFFFFFF, 0x40000000, 0x40000001, 0x20000000};
     return static_cast<uint32_t>(values[random() % std::size(values)]);
 }
 
@@ -77,7 +77,7 @@ TEST(DamagedRegion, MakesNoCallFaultAndNoneWriteBeyondTheView) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     const auto byte = [&] { return static_cast<uint8_t>(random()); };
-    for (unsigned round = 0; round < test::share_of(400); ++round) {
+    for (unsigned round = 0; round < test::share_of(100); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         Harness harness(model::counts_of(byte(), byte(), byte(), byte()), true);
         fill(harness, random);
