@@ -6,6 +6,8 @@
 
 namespace test {
 
+const unsigned storm_processes = 4, storm_threads_a_process = 4;
+const bool storm_kills_anywhere = true;
 const int storm_rounds = 120;
 
 void stop_process(uint32_t process) {

@@ -5,11 +5,11 @@
 #include <sstream>
 
 #include "plain_model/driver.h"
+#include "support/child.h"
 
 namespace model {
 namespace {
 
-constexpr size_t default_calls = 100'000;
 constexpr int sequences_a_check = 50, longest_sequence = 400;
 
 /// No call depends on what RapidCheck knows: the model that judges it lies beside the library.
@@ -41,7 +41,7 @@ struct Step : rc::state::Command<Nothing, Pair> {
 
 Run run_random_calls() {
     Run run;
-    run.wanted = calls_wanted(default_calls);
+    run.wanted = calls_wanted(test::share_of(100'000));
     run.seed = seed_wanted();
     calls_made = 0;
     rc::detail::TestParams params;
