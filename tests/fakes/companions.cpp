@@ -47,7 +47,10 @@ void* hand_out(std::vector<uint32_t>& errors, Make make) {
         return nullptr;
     }
     void* const handle = fake.hand_out_unmappable ? test::create_mutex(full_name("unmappable").c_str()) : make();
-    if (handle) fake.mappings.push_back(handle);
+    if (handle) {
+        fake.mappings.push_back(handle);
+        fake.all_mappings.push_back(handle);
+    }
     return handle;
 }
 

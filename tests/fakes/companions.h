@@ -42,7 +42,8 @@ struct Companions {
     // ---- records ----
     std::vector<std::string> calls;  ///< such as "xmllib_load_policy(all)"; writes to the log are in `lines` alone
     std::vector<LogLine> lines;
-    std::vector<void*> mappings;  ///< handles of the mapping that were handed out
+    std::vector<void*> mappings;      ///< handles of the mapping that were handed out
+    std::vector<void*> all_mappings;  ///< the same, not forgotten by a reset
 
     /// Takes the lines recorded so far.
     std::vector<LogLine> take_lines();

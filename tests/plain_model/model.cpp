@@ -307,6 +307,7 @@ uint32_t Model::list(const std::vector<int64_t>& texts, char* buf, uint32_t* siz
 uint32_t Model::enumnode(char* buf, uint32_t* size) {
     return call("_enumnode", [&]() -> uint32_t {
         std::vector<int64_t> names;
+        names.reserve(static_cast<size_t>(visible_servers()));
         for (int32_t p = 0; p < visible_servers(); ++p) names.push_back(server(p));
         return list(names, buf, size);
     });
@@ -489,6 +490,7 @@ uint32_t Model::enumtype(const char* function, Table table, char* buf, uint32_t*
     return call(function, [&]() -> uint32_t {
         std::vector<int64_t> types;
         const int32_t count = visible_resources(table);
+        types.reserve(static_cast<size_t>(count));
         for (int32_t p = 0; p < count; ++p) types.push_back(resource(table, p) + 256);
         return list(types, buf, size);
     });
@@ -817,9 +819,9 @@ uint32_t Model::setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint6
             put_text(at, 256, key.c_str());
         }
         if (kind < 0 || kind > 2) return fail(param, "invalid param");
-        put(at + 256 + 4 * kind, pid);
-        put(at + 268 + 8 * kind, static_cast<uint32_t>(piddata));
-        put(at + 272 + 8 * kind, static_cast<uint32_t>(piddata >> 32));
+        put(at + 256 + 4 * int64_t{kind}, pid);
+        put(at + 268 + 8 * int64_t{kind}, static_cast<uint32_t>(piddata));
+        put(at + 272 + 8 * int64_t{kind}, static_cast<uint32_t>(piddata >> 32));
         return ok;
     });
     return traced == 2 ? 1 : traced;
@@ -833,8 +835,9 @@ uint32_t Model::getfstrscpid(const char* name, int32_t kind, uint32_t* pid, uint
             const int64_t at = pid_start_ + 324 * int64_t{p};
             if (!same(at, key.c_str())) continue;
             if (kind < 0 || kind > 2) return fail(param, "invalid param");
-            if (pid) *pid = get(at + 256 + 4 * kind);
-            if (piddata) *piddata = get(at + 268 + 8 * kind) | uint64_t{get(at + 272 + 8 * kind)} << 32;
+            if (pid) *pid = get(at + 256 + 4 * int64_t{kind});
+            if (piddata)
+                *piddata = get(at + 268 + 8 * int64_t{kind}) | uint64_t{get(at + 272 + 8 * int64_t{kind})} << 32;
             return ok;
         }
         return ok;

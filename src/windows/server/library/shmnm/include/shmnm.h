@@ -228,7 +228,7 @@ SHMNM_API uint32_t shmnm_delete(void);
 
 /**
  * Fills the whole region with zero, the maximum values and counts of its header included: until the next create, attach
- * or shmnm_setmaxvalue_ex() nothing can be added.
+ * or shmnm_setmaxvalue_ex() nothing can be added. Writes no entry line, deliberately.
  */
 SHMNM_API uint32_t shmnm_clear(void);
 

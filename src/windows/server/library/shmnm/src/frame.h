@@ -88,7 +88,7 @@ uint32_t framed(const Tag& tag, const Args&... args) {
     const Call call{tag};
     call.enter();
     const Region* const region = mapped_region();
-    return call.leave(region ? work(call, *region, args...) : call.fail(SHMNM_ERR_NOTINIT, "not init"));
+    return call.leave(region ? work(call, *region, args...) : call.fail(SHMNM_ERR_NOTINIT, {"not init", tag.line}));
 }
 
 /// The process loads the library: makes the mutex that all processes share. @return whether it could

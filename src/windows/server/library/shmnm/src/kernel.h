@@ -25,6 +25,7 @@ bool release(void* mutex) noexcept;
 /// @return whether the handle was open
 bool close(void* handle) noexcept;
 uint32_t last_error() noexcept;
+void set_last_error(uint32_t error) noexcept;
 void sleep(uint32_t milliseconds) noexcept;
 
 }  // namespace shmnm::kernel

@@ -28,6 +28,10 @@ bool close(void* handle) noexcept {
 uint32_t last_error() noexcept {
     return kzmkernel_last_error();
 }
+void set_last_error(uint32_t error) noexcept {
+    kzmkernel_set_last_error(error);
+}
+
 void sleep(uint32_t milliseconds) noexcept {
     kzmkernel_sleep(milliseconds);
 }

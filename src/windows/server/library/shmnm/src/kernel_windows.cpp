@@ -30,6 +30,10 @@ bool close(void* handle) noexcept {
 uint32_t last_error() noexcept {
     return GetLastError();
 }
+void set_last_error(uint32_t error) noexcept {
+    SetLastError(error);
+}
+
 void sleep(uint32_t milliseconds) noexcept {
     Sleep(milliseconds);
 }

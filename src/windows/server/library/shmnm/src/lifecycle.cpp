@@ -2,6 +2,7 @@
 // others.
 #include <algorithm>
 #include <mutex>
+#include <optional>
 
 #include "configuration.h"
 #include "frame.h"
@@ -16,13 +17,11 @@ constexpr const char* mapping_name = "oru_kzmshmnm_map";
 constexpr uint32_t page_read_write = 4;
 constexpr uint32_t all_access = 0xF001F;
 
-/// A handle of the region's mapping. What it names is closed once, however stale the rules let the variable become.
+/// A handle of the region's mapping. What it names is closed once, however stale the variable becomes. One that is
+/// replaced while it is open stays open, deliberately, and holds the region until the process ends.
 class MappingHandle {
   public:
-    void assign(void* handle) {
-        close();
-        handle_ = handle;
-    }
+    void assign(void* handle) { handle_ = handle; }
     void close() {
         if (handle_) kernel::close(handle_);
         handle_ = nullptr;
@@ -101,11 +100,13 @@ uint32_t mapped(const Call& call, const Layout& layout) {
     return call.leave(SHMNM_OK);
 }
 
-/// Asks for the mapping, up to five times. @return whether it is new; the handle stays empty when none was to be had
-bool create_mapping(const Call& call, uint32_t size) {
+/// Asks for the mapping, up to five times. @return whether it is new; nothing when none was to be had
+std::optional<bool> create_mapping(const Call& call, uint32_t size) {
     void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
     uint32_t error = 0;
     for (int attempt = 0; attempt < 5; ++attempt) {
+        // Whoever creates leaves 0 or 183 there; a stale 183 must not make a new region look like one in use.
+        kernel::set_last_error(0);
         void* const handle = KzmutilCreateNamedFileMapping(no_file, page_read_write, 0, size, mapping_name);
         error = kernel::last_error();
         if (handle) {
@@ -119,8 +120,7 @@ bool create_mapping(const Call& call, uint32_t size) {
         kernel::sleep(1000);
     }
     call.log(Level::error, "KzmutilCreateNamedFileMapping failed(errno:%d)", error);
-    create_handle.assign(nullptr);
-    return false;
+    return std::nullopt;
 }
 
 /// Unmaps the view and takes it from this process's other functions.
@@ -165,9 +165,9 @@ uint32_t shmnm_create(void) {
     Counts counts;
     if (const uint32_t result = prepare(call, counts); result != SHMNM_OK) return result;
     const Layout layout(counts);
-    const bool is_new = create_mapping(call, layout.size);
-    if (!create_handle.get()) return give_up(call, SHMNM_ERR_CREATEMAP);
-    if (const uint32_t result = map(call, create_handle, counts, layout, is_new, "MapViewOfFile failed(errno:%d)");
+    const std::optional<bool> is_new = create_mapping(call, layout.size);
+    if (!is_new) return give_up(call, SHMNM_ERR_CREATEMAP);
+    if (const uint32_t result = map(call, create_handle, counts, layout, *is_new, "MapViewOfFile failed(errno:%d)");
         result != SHMNM_OK) {
         return result;
     }
