@@ -569,6 +569,7 @@ TEST_F(DetachAndDelete, NothingIsWrittenToTheLogOnceItIsClosed) {
 TEST_F(DetachAndDelete, ThreadsThatAttachAndDetachAtOnceNeverUnmapOneAnother) {
     const OtherHolder other_process(2'500'740);
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([] {
             for (int round = 0; round < 50; ++round) {
@@ -586,6 +587,7 @@ TEST_F(DetachAndDelete, ThreadsThatAttachAndDetachAtOnceNeverUnmapOneAnother) {
 TEST_F(DetachAndDelete, ThreadsThatCreateAndDeleteAtOnceMapOneRegion) {
     const OtherHolder other_process(2'500'740);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] {
             for (int round = 0; round < 50; ++round) {

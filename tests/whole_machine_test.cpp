@@ -241,6 +241,7 @@ TEST_F(WholeMachine, DecodesAndGoesOnWhenProcessesAreKilledWhileTheyAddAndRemove
     for (int kill = 0; kill < machine::kills; ++kill) {
         SCOPED_TRACE("kill " + std::to_string(kill));
         std::vector<Child> builders;
+        builders.reserve(machine::builders);
         for (int number = 0; number < machine::builders; ++number) {
             builders.push_back(test::start(builder, std::to_string(number)));
         }

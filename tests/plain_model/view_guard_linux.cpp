@@ -64,8 +64,11 @@ std::unique_ptr<ViewGuard> ViewGuard::place([[maybe_unused]] int32_t servers) {
 }
 
 void ViewGuard::close_gap() {
-    mmap(reinterpret_cast<void*>(refused.begin), refused.end - refused.begin, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS,
-         -1, 0);
+    void* const place = reinterpret_cast<void*>(refused.begin);
+    const size_t size = refused.end - refused.begin;
+    if (mmap(place, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) {
+        throw std::runtime_error("the gap was not closed");
+    }
 }
 
 ViewGuard::~ViewGuard() {

@@ -18,7 +18,7 @@
  *  - Text     NUL-terminated bytes, compared byte for byte, never converted.
  *  - States   opaque 32-bit words. 2 is what the library itself writes into every state that it opens.
  *  - Limits   bytes beyond the mapped view are never touched, whatever the region's counts say: what would have to be
- * read there is not found, what would have to be written there finds its table full, a listing ends there.
+ * read there is not found, what would have to be added there finds its table full, a listing ends there.
  *  - Log      every call writes an entry and an exit line at level 16, each failure a line at level 1.
  */
 #ifndef SHMNM_H
@@ -310,12 +310,13 @@ SHMNM_API uint32_t shmnm_getclstat(uint32_t* value);
  */
 
 /**
- * Adds a server behind the last one: its states 2, its other words 0, and a 2 for it in every resource's rows.
+ * Adds a server behind the last one: nodestat and nodestat_nw 2, downnotifystat 0, its other words as the free place
+ * holds them (0), and a 2 for it in every resource's rows.
  *
  * @param[in] name  cut to 255 bytes, silently; a longer name is then not found by its whole text, not even here
  * @param[in] pri   any value; several servers may have the same
  * @retval SHMNM_ERR_PARAM      `name` is null
- * @retval SHMNM_ERR_COUNTOVER  there are as many servers as the header allows; tested before the names
+ * @retval SHMNM_ERR_COUNTOVER  there are as many servers as the header allows, or more; tested before the names
  * @retval SHMNM_ERR_EXIST      a server of that name exists
  * @retval SHMNM_ERR_ADDSVSTAT  shmnm_addhbrscsvstat() or shmnm_addnprscsvstat() failed; the server stays in the table,
  * deliberately
@@ -446,7 +447,7 @@ SHMNM_API uint32_t shmnm_chkalivesv(const char* name, uint32_t* flag);
  * @param[in] type, name  each cut to 31 bytes, silently; a longer text is then not found by its whole, not even here
  * @param[in] pri         opaque
  * @retval SHMNM_ERR_PARAM    `type` or `name` is null; empty texts are accepted
- * @retval SHMNM_ERR_RSCOVER  there are as many resources as the header allows; tested before the names
+ * @retval SHMNM_ERR_RSCOVER  there are as many resources as the header allows, or more; tested before the names
  * @retval SHMNM_ERR_EXIST    a resource of that type and name exists
  */
 SHMNM_API uint32_t shmnm_addhbrsc(const char* type, const char* name, uint32_t pri);
@@ -661,7 +662,8 @@ SHMNM_API uint32_t shmnm_getnpdescript(const char* type, const char* name, void*
  * last server's words are not written and those of the one before are lost.
  *
  * @param[in] index  the server's position
- * @retval SHMNM_ERR_INDEX  `index` is not below the number of servers; nothing is changed
+ * @retval SHMNM_ERR_INDEX  `index` is not below the number of servers, or the column leaves the view; nothing is
+ * changed
  */
 SHMNM_API uint32_t shmnm_addhbrscsvstat(int32_t index);
 /** As shmnm_addhbrscsvstat(), for np: there are no network-wide rows. */
@@ -672,7 +674,7 @@ SHMNM_API uint32_t shmnm_addnprscsvstat(int32_t index);
  * where it also was. To be called when the server is no longer counted.
  *
  * @param[in] index  the position that the server had; may equal the number of servers left, deliberately
- * @retval SHMNM_ERR_INDEX  `index` is above the number of servers; nothing is changed
+ * @retval SHMNM_ERR_INDEX  `index` is above the number of servers, or the column leaves the view; nothing is changed
  */
 SHMNM_API uint32_t shmnm_rmhbrscsvstat(int32_t index);
 /** As shmnm_rmhbrscsvstat(), for np: there are no network-wide rows. */
@@ -767,7 +769,8 @@ SHMNM_API uint32_t shmnm_getfstdescript(void* descript, const int32_t* len);
  * @param[in] kind     0, 1 or 2
  * @param[in] pid      opaque
  * @param[in] piddata  opaque
- * @retval SHMNM_ERR_COUNTOVER  the table is full; then a name that has a record cannot be updated either, deliberately
+ * @retval SHMNM_ERR_COUNTOVER  the table is full, tested before `kind`; then a name that has a record cannot be updated
+ * either, deliberately
  * @retval SHMNM_ERR_NOTINIT    `kind` is none of the three, deliberately (the exit line shows SHMNM_ERR_PARAM); a new
  * name has its record all the same
  */
