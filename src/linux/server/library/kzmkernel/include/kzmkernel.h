@@ -58,6 +58,7 @@ typedef struct kzmkernel_mutex_info {
     uint64_t owned_since_ns;   /**< CLOCK_REALTIME of the outermost take, nanoseconds since 1970 */
     uint64_t takeovers;        /**< how often a waiter got it from an owner that had ended */
     uint64_t last_takeover_ns; /**< CLOCK_REALTIME of the last of these; 0: never */
+    uint64_t takes;            /**< how often a thread came to own it; not counted: an owner that takes it again */
 } kzmkernel_mutex_info;
 
 /** Creates the named mutex, or opens it when it exists. The caller does not own it. */
@@ -114,6 +115,9 @@ KZMKERNEL_API int32_t kzmkernel_close(void* handle);
 
 /** Tells who owns a mutex and how often it was taken over. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info);
+
+/** @return a number that no other object of this kind has had since the machine started; 0: not a handle */
+KZMKERNEL_API uint64_t kzmkernel_object_number(void* handle);
 
 KZMKERNEL_API uint32_t kzmkernel_last_error(void);
 KZMKERNEL_API void kzmkernel_set_last_error(uint32_t error);

@@ -135,6 +135,14 @@ int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info) {
     return 1;
 }
 
+uint64_t kzmkernel_object_number(void* handle) {
+    for (const Kind kind : {Kind::mapping, Kind::mutex}) {
+        if (const Use use(handle, kind); use) return use->inode;
+    }
+    set_last_error(KZMKERNEL_ERROR_INVALID_HANDLE);
+    return 0;
+}
+
 uint32_t kzmkernel_last_error(void) {
     return last_error();
 }

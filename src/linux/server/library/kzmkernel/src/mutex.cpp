@@ -137,6 +137,7 @@ kzmkernel_mutex_info Mutex::info() const noexcept {
     result.owned_since_ns = owned_since_ns_.load(relaxed);
     result.takeovers = takeovers_.load(relaxed);
     result.last_takeover_ns = last_takeover_ns_.load(relaxed);
+    result.takes = takes_.load(relaxed);
     return result;
 }
 
@@ -157,6 +158,7 @@ void Mutex::name_owner(const Thread& thread) noexcept {
     static_cast<void>(owner_thread_.load(std::memory_order_acquire));
     depth_ = 1;
     owned_since_ns_.store(now_ns(), relaxed);
+    takes_.store(takes_.load(relaxed) + 1, relaxed);
     owner_tag_.store(thread.tag, relaxed);
     owner_process_.store(thread.process, relaxed);
     owner_thread_.store(thread.thread, std::memory_order_release);

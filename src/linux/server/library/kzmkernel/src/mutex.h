@@ -47,7 +47,7 @@ class Mutex {
     // Written by the owner alone, for itself and for tools. They may still name one that ended: the lock's word
     // decides.
     std::atomic<uint32_t> owner_process_, owner_thread_;
-    std::atomic<uint64_t> owner_tag_, owned_since_ns_, takeovers_, last_takeover_ns_;
+    std::atomic<uint64_t> owner_tag_, owned_since_ns_, takeovers_, last_takeover_ns_, takes_;
 };
 
 inline constexpr uint64_t mutex_file_size = 4096;

@@ -1,0 +1,49 @@
+#include "context.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace shmnmctl {
+
+Snapshot look(const Context& context) {
+    return context.file.empty() ? LiveRegion(context.access).copy() : read_dump(context.file);
+}
+
+void write_output(std::string_view text) {
+    errno = 0;
+    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+    if (written) return;
+    // What is still buffered would fail again as the process ends.
+    const int error = errno;
+    throw Failure(Exit::failed,
+                  fmt::format("standard output is not written to: {}",
+                              error == EPIPE || error == EINVAL ? "its reader has closed it" : std::strerror(error)));
+}
+
+Json document(const char* kind) {
+    return Json{{"version", 1}, {"kind", kind}};
+}
+
+std::string line(const Json& document) {
+    return document.dump() + "\n";
+}
+
+void add_format(CLI::App& command, Context& context) {
+    command.add_option("--format", context.format, "text or json")
+        ->check(CLI::IsMember({"text", "json"}))
+        ->capture_default_str();
+}
+
+void add_file(CLI::App& command, Context& context) {
+    command.add_option("-f,--file", context.file, "Read this dump, not the live region");
+}
+
+void add_force(CLI::App& command, Context& context) {
+    command.add_flag("--force", context.force,
+                     "Also where the region was laid out by other counts than this machine's configuration has");
+}
+
+}  // namespace shmnmctl

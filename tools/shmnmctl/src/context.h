@@ -1,0 +1,56 @@
+// What the options that all commands share say, and where output goes.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include <CLI/CLI.hpp>
+
+#include "failure.h"
+#include "live_region.h"
+#include "snapshot.h"
+
+namespace shmnmctl {
+
+/// Objects keep the order in which their members were added.
+using Json = nlohmann::ordered_json;
+
+struct Context {
+    Access access;
+    std::string format = "text";
+    std::string file;  ///< a dump to be read in place of the live region; empty: none
+    bool force = false;
+    std::function<Exit()> command;  ///< what the command line asks for
+
+    bool json() const { return format == "json"; }
+};
+
+/// A copy of what a reading command looks at: the dump that was named, else the live region.
+Snapshot look(const Context& context);
+
+/// Writes to standard output and makes sure that it is written.
+/// @throws Failure  it is closed or full
+void write_output(std::string_view text);
+
+/// A document of a kind, with the version of the schema that it obeys.
+Json document(const char* kind);
+/// A document in one line with its end.
+std::string line(const Json& document);
+
+/// Options that several commands take.
+void add_format(CLI::App& command, Context& context);
+void add_file(CLI::App& command, Context& context);
+void add_force(CLI::App& command, Context& context);
+
+/// Every command adds itself.
+void add_looking_commands(CLI::App& app, Context& context);    // status, list, get, dump
+void add_changing_commands(CLI::App& app, Context& context);   // set, add, remove, modify, describe, simulate, clear
+void add_verify_command(CLI::App& app, Context& context);      // verify
+void add_condition_commands(CLI::App& app, Context& context);  // query, wait
+void add_watch_command(CLI::App& app, Context& context);       // watch
+void add_lock_command(CLI::App& app, Context& context);        // lock
+void add_serve_command(CLI::App& app, Context& context);       // serve
+
+}  // namespace shmnmctl

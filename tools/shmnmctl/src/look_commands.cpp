@@ -1,0 +1,108 @@
+// The commands that only look: status, list, get, dump.
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "context.h"
+#include "escape.h"
+#include "picture.h"
+#include "picture_json.h"
+#include "picture_text.h"
+#include "platform.h"
+#include "words.h"
+
+namespace shmnmctl {
+namespace {
+
+Exit status(const Context& context) {
+    const Snapshot snapshot = look(context);
+    const Picture picture = decode(snapshot);
+    write_output(context.json() ? line(to_json(snapshot, picture)) : to_text(picture, {}));
+    return Exit::done;
+}
+
+Exit list(const Context& context, const std::string& prefix) {
+    Json listed = Json::object();
+    std::string text;
+    for (const Word& word : words(decode(look(context)))) {
+        if (!is_below(word.key, prefix)) continue;
+        listed[word.key] = to_json(word.value);
+        text += fmt::format("{} {}\n", word.key, word.value.to_text());
+    }
+    if (listed.empty()) {
+        throw Failure(Exit::no,
+                      fmt::format("nothing lies below {}; \"shmnmctl list\" shows all keys", printable(prefix)));
+    }
+    if (context.json()) {
+        Json answer = document("list");
+        answer["words"] = std::move(listed);
+        text = line(answer);
+    }
+    write_output(text);
+    return Exit::done;
+}
+
+Exit get(const Context& context, const std::string& key) {
+    const std::vector<Word> all = words(decode(look(context)));
+    const Word* const word = find(all, key);
+    if (!word) {
+        throw Failure(Exit::no, fmt::format("there is no {}; \"shmnmctl list\" shows all keys", printable(key)));
+    }
+    if (context.json()) {
+        Json answer = document("get");
+        answer["key"] = word->key;
+        answer["value"] = to_json(word->value);
+        write_output(line(answer));
+    } else {
+        write_output(word->value.to_text() + "\n");
+    }
+    return Exit::done;
+}
+
+Exit dump(const Context& context, const std::string& name) {
+    const Snapshot snapshot = LiveRegion(context.access).copy();
+    const std::string_view bytes(reinterpret_cast<const char*>(snapshot.bytes.data()), snapshot.bytes.size());
+    if (name == "-") {
+        write_output(bytes);
+        return Exit::done;
+    }
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(name.c_str(), "wb"), std::fclose);
+    const bool written =
+        file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() && std::fflush(file.get()) == 0;
+    if (!written) {
+        throw Failure(Exit::failed, fmt::format("{} is not written: {}", printable(name), std::strerror(errno)));
+    }
+    return Exit::done;
+}
+
+}  // namespace
+
+void add_looking_commands(CLI::App& app, Context& context) {
+    CLI::App* const status_command = app.add_subcommand("status", "Show the whole picture");
+    add_format(*status_command, context);
+    status_command->add_option("FILE", context.file, "Read this dump, not the live region");
+    status_command->callback([&] { context.command = [&] { return status(context); }; });
+
+    static std::string argument;
+    CLI::App* const list_command = app.add_subcommand("list", "List every word with its key");
+    add_format(*list_command, context);
+    add_file(*list_command, context);
+    list_command->add_option("PREFIX", argument, "Only keys at or below this one");
+    list_command->callback([&] { context.command = [&] { return list(context, argument); }; });
+
+    CLI::App* const get_command = app.add_subcommand("get", "Print the value of one key");
+    add_format(*get_command, context);
+    add_file(*get_command, context);
+    get_command->add_option("KEY", argument, "As \"list\" shows it")->required();
+    get_command->callback([&] { context.command = [&] { return get(context, argument); }; });
+
+    CLI::App* const dump_command = app.add_subcommand("dump", "Write the region's bytes to a file");
+    add_format(*dump_command, context);
+    dump_command->add_option("FILE", argument, "\"-\": standard output")->required();
+    dump_command->callback([&] { context.command = [&] { return dump(context, argument); }; });
+}
+
+}  // namespace shmnmctl

@@ -1,0 +1,83 @@
+// shmnmctl: what operators and engineers use to see, script, wait on and check the picture of the cluster.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "context.h"
+#include "escape.h"
+#include "failure.h"
+#include "platform.h"
+
+namespace {
+
+using namespace shmnmctl;
+
+int report(Exit exit, const std::string& message, bool json) {
+    std::string text = "shmnmctl: " + message + "\n";
+    if (json) {
+        Json error = document("error");
+        error["status"] = static_cast<int>(exit);
+        error["message"] = message;
+        text = line(error);
+    }
+    std::fputs(text.c_str(), stderr);
+    return static_cast<int>(exit);
+}
+
+int run(const Context& context) {
+    try {
+        return static_cast<int>(context.command());
+    } catch (const Failure& failure) {
+        return report(failure.exit, failure.what(), context.json());
+    } catch (const std::bad_alloc&) {
+        return report(Exit::failed, "memory ran out", context.json());
+    } catch (const std::exception& error) {
+        return report(Exit::failed, printable(error.what()), context.json());
+    }
+}
+
+/// Whether the command line asks for JSON, also where it is wrong otherwise.
+bool asks_for_json(int count, char** arguments) {
+    for (int i = 1; i < count; ++i) {
+        const std::string argument = arguments[i];
+        if (argument == "--format=json") return true;
+        if (argument == "--format" && i + 1 < count && std::string(arguments[i + 1]) == "json") return true;
+        if (argument == "--") return false;
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    platform::prepare();
+    CLI::App app("Sees, changes, waits on and checks the live picture of the cluster on this machine.", "shmnmctl");
+    app.set_version_flag("--version", "shmnmctl " SHMNM_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(
+        "Exit status: 0 done, or the answer is yes; 1 the answer is no: not found, false, findings; 2 wrong usage;\n"
+        "3 no process holds the region; 4 time-out; 5 refused or failed.");
+    Context context;
+    app.add_option("--lock-timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the region's lock")
+        ->capture_default_str();
+    app.add_flag("--verbose", context.access.verbose, "Tell the full names of the kernel objects that are opened");
+    add_looking_commands(app, context);
+    add_changing_commands(app, context);
+    add_verify_command(app, context);
+    add_condition_commands(app, context);
+    add_watch_command(app, context);
+    add_lock_command(app, context);
+    add_serve_command(app, context);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& asked_for) {
+        return app.exit(asked_for);
+    } catch (const CLI::ParseError& error) {
+        std::string what = printable(error.what());
+        return report(Exit::usage, what + "; see \"shmnmctl --help\"", asks_for_json(argc, argv));
+    }
+    return run(context);
+}

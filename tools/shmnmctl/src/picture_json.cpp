@@ -1,0 +1,110 @@
+#include "picture_json.h"
+
+#include <algorithm>
+
+#include "escape.h"
+
+namespace shmnmctl {
+namespace {
+
+Json cluster(const Picture& picture) {
+    const shmnm_header& header = picture.header;
+    return {{"waitstat", header.waitstat},
+            {"bwflag", header.bwflag},
+            {"bwflagdisk", header.bwflagdisk},
+            {"clstat", header.clstat},
+            {"hbinfo_a", static_cast<uint32_t>(header.hbinfo_a)},
+            {"hbinfo_b", static_cast<uint32_t>(header.hbinfo_b)},
+            {"alive", picture.is_any_alive()}};
+}
+
+Json region(const Snapshot& snapshot, const Picture& picture) {
+    const shmnm_header& header = picture.header;
+    return {{"live", snapshot.live},
+            {"size", snapshot.bytes.size()},
+            {"max_servers", header.max_servers},
+            {"max_hb", header.max_hb},
+            {"max_np", header.max_np},
+            {"fst_count", header.fst_count},
+            {"fst_pid_limit", header.fst_pid_limit},
+            {"server_count", header.server_count},
+            {"hb_count", header.hb_count},
+            {"np_count", header.np_count},
+            {"fst_pid_count", header.fst_pid_count}};
+}
+
+Json servers(const Picture& picture) {
+    Json all = Json::array();
+    for (const Server& server : picture.servers) {
+        all.push_back({{"name", escaped(server.name)},
+                       {"pri", server.pri},
+                       {"nodestat", server.nodestat},
+                       {"nodestat_nw", server.nodestat_nw},
+                       {"downnotifystat", server.downnotifystat},
+                       {"isolateflag", server.isolateflag},
+                       {"pingstat", server.pingstat},
+                       {"holdstat", server.holdstat},
+                       {"dfailstatus", server.dfailstatus},
+                       {"combstat", to_json(Value(server.combstat))},
+                       {"alive", server.is_alive()}});
+    }
+    return all;
+}
+
+Json resources(const std::vector<Resource>& resources, bool has_network_rows) {
+    Json all = Json::array();
+    for (const Resource& resource : resources) {
+        Json one = {
+            {"type", escaped(resource.type)}, {"name", escaped(resource.name)},         {"pri", resource.pri},
+            {"stat", resource.stat},          {"descript", escaped(resource.descript)}, {"svstat", resource.svstat}};
+        if (has_network_rows) one["network"] = resource.network;
+        all.push_back(std::move(one));
+    }
+    return all;
+}
+
+Json simulation(const Picture& picture) {
+    Json failed = Json::array();
+    for (const Server& server : picture.servers) {
+        if (server.dfailstatus != 0) failed.push_back(escaped(server.name));
+    }
+    return {{"dfailstatus", picture.header.dfailstatus}, {"failed", std::move(failed)}};
+}
+
+Json fst(const Picture& picture) {
+    Json pids = Json::array();
+    for (const FstPid& record : picture.fst_pids) {
+        Json data = Json::array();
+        for (const uint64_t value : record.piddata) data.push_back(std::to_string(value));
+        pids.push_back({{"name", escaped(record.name)}, {"pid", record.pid}, {"piddata", std::move(data)}});
+    }
+    Json one = {{"stat", nullptr}, {"descript", nullptr}, {"pids", std::move(pids)}};
+    if (picture.fst) {
+        one["stat"] = picture.fst->stat;
+        one["descript"] = escaped(picture.fst->descript);
+    }
+    return one;
+}
+
+}  // namespace
+
+Json to_json(const Value& value) {
+    constexpr uint64_t exact = uint64_t{1} << 53;
+    if (const auto number = value.to_int32()) return *number;
+    if (const auto number = value.to_uint64()) return *number <= exact ? Json(*number) : Json(value.to_text());
+    return nullptr;
+}
+
+Json to_json(const Snapshot& snapshot, const Picture& picture) {
+    Json status = document("status");
+    status["region"] = region(snapshot, picture);
+    status["cluster"] = cluster(picture);
+    status["servers"] = servers(picture);
+    status["hb"] = resources(picture.hb, true);
+    status["np"] = resources(picture.np, false);
+    status["simulation"] = simulation(picture);
+    status["fst"] = fst(picture);
+    return status;
+}
+
+}  // namespace shmnmctl

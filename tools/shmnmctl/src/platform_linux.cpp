@@ -1,0 +1,268 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+
+#include "escape.h"
+#include "failure.h"
+#include "kzmkernel.h"
+#include "platform.h"
+
+extern char** environ;
+
+namespace shmnmctl::platform {
+namespace {
+
+constexpr uint32_t map_read = 4;
+
+/// What the signal handlers write to. A byte: 's' to stop, 'w' for another size of the terminal.
+std::array<int, 2> signal_pipe{-1, -1};
+volatile sig_atomic_t running_child = 0;
+
+void announce(char what) {
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = write(signal_pipe[1], &what, 1);
+    errno = error;
+}
+
+void on_stop(int) {
+    announce('s');
+}
+void on_resize(int) {
+    announce('w');
+}
+void pass_on(int signal) {
+    if (running_child > 0) kill(running_child, signal);
+}
+
+void handle(int signal, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
+}
+
+std::string whole_file(const std::string& name) {
+    std::ifstream stream(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+uint64_t clock_us(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
+const char* state_text(char letter) {
+    switch (letter) {
+        case 'T':
+        case 't':
+            return "stopped";
+        case 'Z':
+        case 'X':
+            return "ended but not waited for";
+        default:
+            return "running";
+    }
+}
+
+}  // namespace
+
+const char* const library_file = "libkzmshmnm.so";
+
+void* load_module(const char* file) {
+    return dlopen(file, RTLD_NOW | RTLD_LOCAL);
+}
+void* symbol(void* module, const char* name) {
+    return dlsym(module, name);
+}
+
+uint32_t last_error() {
+    return kzmkernel_last_error();
+}
+void close(void* handle) {
+    kzmkernel_close(handle);
+}
+const void* map_for_reading(void* mapping) {
+    return kzmkernel_map_view(mapping, map_read, 0, 0);
+}
+void unmap(const void* view) {
+    kzmkernel_unmap_view(view);
+}
+uint64_t view_size(const void* view) {
+    return kzmkernel_view_size(view);
+}
+uint64_t object_number(void* mapping) {
+    return kzmkernel_object_number(mapping);
+}
+
+std::optional<LockHolder> lock_holder(void* mutex) {
+    kzmkernel_mutex_info info{};
+    if (!kzmkernel_mutex_info_get(mutex, &info)) return std::nullopt;
+    return LockHolder{.process = info.owner_process,
+                      .thread = info.owner_thread,
+                      .since_ns = info.owned_since_ns,
+                      .takeovers = info.takeovers,
+                      .last_takeover_ns = info.last_takeover_ns,
+                      .takes = info.takes};
+}
+
+std::optional<Process> process(uint32_t id) {
+    const std::string folder = fmt::format("/proc/{}/", id);
+    const std::string stat = whole_file(folder + "stat");
+    const size_t name_end = stat.rfind(") ");
+    if (name_end == std::string::npos || name_end + 2 >= stat.size()) return std::nullopt;
+    std::string command = whole_file(folder + "cmdline");
+    while (command.ends_with('\0')) command.pop_back();
+    for (char& byte : command) {
+        if (byte == '\0') byte = ' ';
+    }
+    // A process that has ended has no command line left, but still its name.
+    if (command.empty()) {
+        const size_t name = stat.find('(');
+        command = stat.substr(name + 1, name_end - name - 1);
+    }
+    return Process{.command = command, .state = state_text(stat[name_end + 2])};
+}
+
+Terminal terminal() {
+    if (isatty(STDOUT_FILENO) == 0) return {};
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return {.is_terminal = true};
+    return {.is_terminal = true, .columns = size.ws_col, .rows = size.ws_row};
+}
+
+bool enable_escapes() {
+    const char* const kind = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) != 0 && kind && std::strcmp(kind, "dumb") != 0;
+}
+
+void prepare() {
+    handle(SIGPIPE, SIG_IGN);
+    handle(SIGXFSZ, SIG_IGN);
+}
+
+void catch_stop() {
+    if (signal_pipe[0] >= 0) return;
+    if (pipe2(signal_pipe.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw Failure(Exit::failed, fmt::format("signals cannot be waited for: {}", std::strerror(errno)));
+    }
+    handle(SIGINT, on_stop);
+    handle(SIGTERM, on_stop);
+    handle(SIGHUP, on_stop);
+    handle(SIGWINCH, on_resize);
+}
+
+bool stopped_within(uint32_t milliseconds) {
+    const uint64_t end = steady_clock_us() + uint64_t{milliseconds} * 1'000;
+    pollfd signals{.fd = signal_pipe[0], .events = POLLIN, .revents = 0};
+    for (;;) {
+        const uint64_t now = steady_clock_us();
+        const int left = now >= end ? 0 : static_cast<int>((end - now + 999) / 1'000);
+        const int ready = poll(&signals, 1, left);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return false;
+        char what = 0;
+        bool resized = false;
+        while (read(signal_pipe[0], &what, 1) == 1) {
+            if (what == 's') return true;
+            resized = true;
+        }
+        if (resized) return false;
+    }
+}
+
+int run(const std::vector<std::string>& command) {
+    std::vector<char*> arguments;
+    for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+
+    // The command begins with the signals as they were before prepare().
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    for (const int signal : {SIGPIPE, SIGXFSZ, SIGINT, SIGQUIT}) sigaddset(&defaults, signal);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+
+    handle(SIGINT, SIG_IGN);
+    handle(SIGQUIT, SIG_IGN);
+    sigset_t passed_on, before;
+    sigemptyset(&passed_on);
+    sigaddset(&passed_on, SIGTERM);
+    sigaddset(&passed_on, SIGHUP);
+    // Neither comes between the start of the child and its number.
+    sigprocmask(SIG_BLOCK, &passed_on, &before);
+    posix_spawnattr_setsigmask(&attributes, &before);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    pid_t child = 0;
+    const int error = posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
+    if (error == 0) {
+        running_child = child;
+        handle(SIGTERM, pass_on);
+        handle(SIGHUP, pass_on);
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0) {
+        throw Failure(Exit::failed, fmt::format("{} cannot be run: {}", printable(command[0]), std::strerror(error)));
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    running_child = 0;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+void notify_service_manager(const std::string& state) {
+    const char* const name = std::getenv("NOTIFY_SOCKET");
+    if (!name || (name[0] != '/' && name[0] != '@')) return;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = std::strlen(name);
+    if (length >= sizeof address.sun_path) return;
+    std::memcpy(address.sun_path, name, length);
+    // An abstract socket has a NUL for its first byte.
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return;
+    [[maybe_unused]] const ssize_t sent =
+        sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+               static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+    ::close(descriptor);
+}
+
+uint64_t wall_clock_us() {
+    return clock_us(CLOCK_REALTIME);
+}
+uint64_t steady_clock_us() {
+    return clock_us(CLOCK_MONOTONIC);
+}
+
+std::string to_text(uint64_t wall_clock_us) {
+    const auto seconds = static_cast<time_t>(wall_clock_us / 1'000'000);
+    tm local{};
+    localtime_r(&seconds, &local);
+    char date[32], offset[8];
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
+    std::strftime(offset, sizeof offset, "%z", &local);
+    return fmt::format("{}.{:03}{:.3}:{}", date, wall_clock_us / 1'000 % 1'000, offset, offset + 3);
+}
+
+}  // namespace shmnmctl::platform

@@ -1,0 +1,176 @@
+#include <windows.h>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <io.h>
+
+#include <cstdio>
+
+#include "escape.h"
+#include "failure.h"
+#include "platform.h"
+
+namespace shmnmctl::platform {
+namespace {
+
+HANDLE stop_event = nullptr;
+
+BOOL WINAPI on_console_event(DWORD) {
+    SetEvent(stop_event);
+    // After these the system ends the process as soon as the handler returns: main() needs the time to leave.
+    return TRUE;
+}
+
+/// An argument as a program's own command line takes it apart again: quotes around it, quotes in it and the backslashes
+/// before any quote escaped by a backslash each.
+std::wstring quoted(const std::wstring& argument) {
+    std::wstring text = L"\"";
+    size_t backslashes = 0;
+    for (const wchar_t letter : argument) {
+        if (letter == L'\\') {
+            ++backslashes;
+            continue;
+        }
+        if (letter == L'"') backslashes = 2 * backslashes + 1;
+        text.append(backslashes, L'\\');
+        backslashes = 0;
+        text += letter;
+    }
+    text.append(2 * backslashes, L'\\');
+    return text + L"\"";
+}
+
+std::wstring wide(const std::string& text) {
+    const int length = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring result(static_cast<size_t>(length), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), result.data(), length);
+    return result;
+}
+
+}  // namespace
+
+const char* const library_file = "kzmshmnm.dll";
+
+void* load_module(const char* file) {
+    return LoadLibraryA(file);
+}
+void* symbol(void* module, const char* name) {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
+}
+
+uint32_t last_error() {
+    return GetLastError();
+}
+void close(void* handle) {
+    CloseHandle(handle);
+}
+const void* map_for_reading(void* mapping) {
+    return MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+}
+void unmap(const void* view) {
+    UnmapViewOfFile(view);
+}
+uint64_t view_size(const void* view) {
+    MEMORY_BASIC_INFORMATION information{};
+    return VirtualQuery(view, &information, sizeof information) != 0 ? information.RegionSize : 0;
+}
+uint64_t object_number(void*) {
+    return 0;
+}
+
+std::optional<LockHolder> lock_holder(void*) {
+    return std::nullopt;
+}
+std::optional<Process> process(uint32_t) {
+    return std::nullopt;
+}
+
+Terminal terminal() {
+    CONSOLE_SCREEN_BUFFER_INFO information{};
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    if (GetFileType(output) != FILE_TYPE_CHAR || !GetConsoleScreenBufferInfo(output, &information)) return {};
+    return {.is_terminal = true,
+            .columns = information.srWindow.Right - information.srWindow.Left + 1,
+            .rows = information.srWindow.Bottom - information.srWindow.Top + 1};
+}
+
+bool enable_escapes() {
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    return GetConsoleMode(output, &mode) && SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+}
+
+void prepare() {
+    _setmode(_fileno(stdout), _O_BINARY);
+    _setmode(_fileno(stderr), _O_BINARY);
+}
+
+void catch_stop() {
+    if (stop_event) return;
+    stop_event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (!stop_event || !SetConsoleCtrlHandler(on_console_event, TRUE)) {
+        throw Failure(Exit::failed, fmt::format("console events cannot be waited for (error {})", GetLastError()));
+    }
+}
+
+bool stopped_within(uint32_t milliseconds) {
+    return WaitForSingleObject(stop_event, milliseconds) == WAIT_OBJECT_0;
+}
+
+int run(const std::vector<std::string>& command) {
+    std::wstring line;
+    for (const std::string& argument : command) {
+        if (!line.empty()) line += L' ';
+        line += quoted(wide(argument));
+    }
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION child{};
+    // Ctrl-C is left to the command.
+    SetConsoleCtrlHandler([](DWORD) -> BOOL { return TRUE; }, TRUE);
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
+        throw Failure(Exit::failed, fmt::format("{} cannot be run (error {})", printable(command[0]), GetLastError()));
+    }
+    CloseHandle(child.hThread);
+    WaitForSingleObject(child.hProcess, INFINITE);
+    DWORD status = 0;
+    GetExitCodeProcess(child.hProcess, &status);
+    CloseHandle(child.hProcess);
+    return static_cast<int>(status);
+}
+
+void notify_service_manager(const std::string&) {}
+
+uint64_t wall_clock_us() {
+    constexpr uint64_t from_1601_to_1970 = 11'644'473'600'000'000;
+    FILETIME now{};
+    GetSystemTimePreciseAsFileTime(&now);
+    return ((uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime) / 10 - from_1601_to_1970;
+}
+
+uint64_t steady_clock_us() {
+    LARGE_INTEGER frequency{}, counter{};
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&counter);
+    const auto ticks = static_cast<uint64_t>(counter.QuadPart), a_second = static_cast<uint64_t>(frequency.QuadPart);
+    return ticks / a_second * 1'000'000 + ticks % a_second * 1'000'000 / a_second;
+}
+
+std::string to_text(uint64_t wall_clock_us) {
+    constexpr uint64_t from_1601_to_1970 = 11'644'473'600'000'000;
+    const uint64_t ticks = (wall_clock_us + from_1601_to_1970) * 10;
+    const FILETIME time{.dwLowDateTime = static_cast<DWORD>(ticks), .dwHighDateTime = static_cast<DWORD>(ticks >> 32)};
+    SYSTEMTIME utc{}, local{};
+    FileTimeToSystemTime(&time, &utc);
+    SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local);
+    FILETIME shifted{};
+    SystemTimeToFileTime(&local, &shifted);
+    const auto local_ticks = static_cast<int64_t>((uint64_t{shifted.dwHighDateTime} << 32) | shifted.dwLowDateTime);
+    const int64_t offset = (local_ticks / 10'000'000 - static_cast<int64_t>(ticks / 10'000'000)) / 60;
+    const int64_t minutes = offset < 0 ? -offset : offset;
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}:{:02}", local.wYear, local.wMonth, local.wDay,
+                       local.wHour, local.wMinute, local.wSecond, local.wMilliseconds, offset < 0 ? '-' : '+',
+                       minutes / 60, minutes % 60);
+}
+
+}  // namespace shmnmctl::platform

@@ -1,0 +1,7 @@
+#include "context.h"
+
+namespace shmnmctl {
+
+void add_serve_command(CLI::App&, Context&) {}
+
+}  // namespace shmnmctl

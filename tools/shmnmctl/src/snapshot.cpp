@@ -1,0 +1,97 @@
+#include "snapshot.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include "escape.h"
+#include "failure.h"
+#include "shmnm.h"
+
+namespace shmnmctl {
+namespace {
+
+uint64_t added(uint64_t left, uint64_t right) {
+    return std::min(left + right, Layout::nowhere);
+}
+
+uint64_t multiplied(uint64_t left, uint64_t right) {
+    return right != 0 && left > Layout::nowhere / right ? Layout::nowhere : left * right;
+}
+
+uint64_t wide(int32_t count) {
+    return count < 0 ? Layout::nowhere : static_cast<uint64_t>(count);
+}
+
+}  // namespace
+
+std::string to_text(const Counts& counts) {
+    return fmt::format("servers {}, hb {}, np {}, fst {}", counts.servers, counts.hb, counts.np, counts.fst);
+}
+
+Layout::Layout(const Counts& counts) {
+    const uint64_t s = wide(counts.servers), h = wide(counts.hb), n = wide(counts.np), f = wide(counts.fst);
+    servers = sizeof(shmnm_header);
+    hb = added(servers, multiplied(sizeof(shmnm_server), s));
+    np = added(hb, multiplied(sizeof(shmnm_resource), multiplied(h, s)));
+    fst = added(np, multiplied(sizeof(shmnm_resource), multiplied(n, s)));
+    fst_pids = added(fst, multiplied(sizeof(shmnm_resource), f));
+    network = added(fst_pids, multiplied(sizeof(shmnm_fst_pid), multiplied(f, s)));
+    size = added(network, multiplied(sizeof(uint32_t), multiplied(added(multiplied(2, h), n), s)));
+}
+
+uint32_t Snapshot::word(uint64_t offset) const {
+    uint32_t value;
+    std::memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
+
+uint64_t Snapshot::long_word(uint64_t offset) const {
+    return word(offset) | uint64_t{word(offset + sizeof(uint32_t))} << 32;
+}
+
+std::string Snapshot::text(uint64_t offset, uint64_t size) const {
+    if (offset >= bytes.size()) return {};
+    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+    const auto limit = first + static_cast<std::ptrdiff_t>(std::min<uint64_t>(size, bytes.size() - offset));
+    return {first, std::find(first, limit, uint8_t{0})};
+}
+
+Counts Snapshot::header_counts() const {
+    return {number(offsetof(shmnm_header, max_servers)), number(offsetof(shmnm_header, max_hb)),
+            number(offsetof(shmnm_header, max_np)), number(offsetof(shmnm_header, fst_count))};
+}
+
+Snapshot read_dump(const std::string& file) {
+    const auto refuse = [&](const std::string& why) {
+        throw Failure(Exit::failed, fmt::format("{} is not read: {}", printable(file), why));
+    };
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) refuse("it is a folder; name a file written by \"shmnmctl dump\"");
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream) refuse(fmt::format("{}; name a file written by \"shmnmctl dump\"", std::strerror(errno)));
+
+    Snapshot snapshot;
+    char part[1 << 16];
+    while (stream) {
+        stream.read(part, sizeof part);
+        snapshot.bytes.insert(snapshot.bytes.end(), part, part + stream.gcount());
+        if (snapshot.bytes.size() > std::numeric_limits<uint32_t>::max()) refuse("no region is larger than 2^32 bytes");
+    }
+    if (stream.bad()) refuse("reading failed part-way");
+    if (snapshot.bytes.size() < sizeof(shmnm_header)) {
+        refuse(fmt::format("it has {} bytes, and the header alone has {}; it was cut, or is no dump",
+                           snapshot.bytes.size(), sizeof(shmnm_header)));
+    }
+    snapshot.mapped = snapshot.bytes.size();
+    snapshot.counts = snapshot.header_counts();
+    return snapshot;
+}
+
+}  // namespace shmnmctl
