@@ -45,7 +45,8 @@ void add_file(CLI::App& command, Context& context);
 void add_force(CLI::App& command, Context& context);
 
 /// Every command adds itself.
-void add_looking_commands(CLI::App& app, Context& context);    // status, list, get, dump
+void add_status_command(CLI::App& app, Context& context);      // status
+void add_looking_commands(CLI::App& app, Context& context);    // list, get, dump
 void add_changing_commands(CLI::App& app, Context& context);   // set, add, remove, modify, describe, simulate, clear
 void add_verify_command(CLI::App& app, Context& context);      // verify
 void add_condition_commands(CLI::App& app, Context& context);  // query, wait

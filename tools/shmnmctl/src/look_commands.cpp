@@ -1,4 +1,4 @@
-// The commands that only look: status, list, get, dump.
+// The small commands that only look: list, get, dump.
 #include <fmt/format.h>
 
 #include <cerrno>
@@ -10,19 +10,10 @@
 #include "escape.h"
 #include "picture.h"
 #include "picture_json.h"
-#include "picture_text.h"
-#include "platform.h"
 #include "words.h"
 
 namespace shmnmctl {
 namespace {
-
-Exit status(const Context& context) {
-    const Snapshot snapshot = look(context);
-    const Picture picture = decode(snapshot);
-    write_output(context.json() ? line(to_json(snapshot, picture)) : to_text(picture, {}));
-    return Exit::done;
-}
 
 Exit list(const Context& context, const std::string& prefix) {
     Json listed = Json::object();
@@ -81,11 +72,6 @@ Exit dump(const Context& context, const std::string& name) {
 }  // namespace
 
 void add_looking_commands(CLI::App& app, Context& context) {
-    CLI::App* const status_command = app.add_subcommand("status", "Show the whole picture");
-    add_format(*status_command, context);
-    status_command->add_option("FILE", context.file, "Read this dump, not the live region");
-    status_command->callback([&] { context.command = [&] { return status(context); }; });
-
     static std::string argument;
     CLI::App* const list_command = app.add_subcommand("list", "List every word with its key");
     add_format(*list_command, context);

@@ -1,9 +1,11 @@
 // shmnmctl: what operators and engineers use to see, script, wait on and check the picture of the cluster.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "context.h"
 #include "escape.h"
@@ -49,6 +51,19 @@ bool asks_for_json(int count, char** arguments) {
     return false;
 }
 
+/// The arguments, the last one first, as the parser wants them. A negative number is no option: a blank before it says
+/// so, and numbers may have one.
+std::vector<std::string> arguments_of(int count, char** arguments) {
+    std::vector<std::string> all(arguments + 1, arguments + count);
+    for (std::string& argument : all) {
+        if (argument == "--") break;
+        if (argument.size() > 1 && argument[0] == '-' && argument[1] >= '0' && argument[1] <= '9')
+            argument.insert(0, 1, ' ');
+    }
+    std::reverse(all.begin(), all.end());
+    return all;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -64,6 +79,7 @@ int main(int argc, char** argv) {
     app.add_option("--lock-timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the region's lock")
         ->capture_default_str();
     app.add_flag("--verbose", context.access.verbose, "Tell the full names of the kernel objects that are opened");
+    add_status_command(app, context);
     add_looking_commands(app, context);
     add_changing_commands(app, context);
     add_verify_command(app, context);
@@ -72,7 +88,7 @@ int main(int argc, char** argv) {
     add_lock_command(app, context);
     add_serve_command(app, context);
     try {
-        app.parse(argc, argv);
+        app.parse(arguments_of(argc, argv));
     } catch (const CLI::Success& asked_for) {
         return app.exit(asked_for);
     } catch (const CLI::ParseError& error) {

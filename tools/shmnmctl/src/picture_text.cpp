@@ -1,9 +1,272 @@
 #include "picture_text.h"
 
-namespace shmnmctl {
+#include <fmt/format.h>
 
-std::string to_text(const Picture&, const TextStyle&) {
-    return "";
+#include <algorithm>
+#include <unordered_map>
+#include <vector>
+
+#include "escape.h"
+#include "words.h"
+
+namespace shmnmctl {
+namespace {
+
+enum class Tone { plain, heading, good, bad };
+
+struct Cell {
+    std::string text;
+    std::string key;  ///< of the word that it shows; empty: none
+    Tone tone = Tone::plain;
+};
+
+/// The words as they were when the picture was last shown.
+class Before {
+  public:
+    explicit Before(const Picture* picture) : known_(picture != nullptr) {
+        if (!picture) return;
+        for (Word& word : words(*picture)) values_.emplace(std::move(word.key), word.value.to_text());
+    }
+    bool is_known() const { return known_; }
+    bool differs(const Cell& cell) const {
+        if (!known_ || cell.key.empty()) return false;
+        const auto before = values_.find(cell.key);
+        return before == values_.end() || before->second != cell.text;
+    }
+
+  private:
+    bool known_;
+    std::unordered_map<std::string, std::string> values_;
+};
+
+/// Lays cells out in columns that fit a width.
+class Page {
+  public:
+    Page(const TextStyle& style, const Before& before) : style_(style), before_(before) {}
+
+    /// A heading and words with their names, broken where the line is full.
+    void items(const std::string& heading, const std::vector<std::pair<std::string, Cell>>& all) {
+        constexpr size_t indent = 12;
+        put({heading, "", Tone::heading}, false, false);
+        text_.append(indent - heading.size(), ' ');
+        size_t column = indent;
+        for (const auto& [name, cell] : all) {
+            const size_t length = name.size() + (name.empty() ? 0 : 1) + cell.text.size() + mark_size();
+            if (style_.columns > 0 && column > indent && column + length > width()) {
+                end_line();
+                text_.append(indent, ' ');
+                column = indent;
+            }
+            if (!name.empty()) text_ += name + " ";
+            add(cell);
+            text_ += "  ";
+            column += length + 2;
+        }
+        end_line();
+    }
+
+    /// Rows of equal length, the first being the headings. The leading columns stand before each part of those that do
+    /// not fit beside one another.
+    void table(const std::vector<std::vector<Cell>>& rows, size_t leading) {
+        std::vector<size_t> widths(rows[0].size());
+        for (const auto& row : rows) {
+            for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].text.size());
+        }
+        // A long name gives way to the states, but stays long enough to be told from others.
+        if (style_.columns > 0) widths[0] = std::min(widths[0], std::max<size_t>(width() / 3, 12));
+        for (size_t i = leading; i < widths.size(); ++i) {
+            if (style_.columns > 0) widths[i] = std::min<size_t>(widths[i], std::max<size_t>(width() / 4, 10));
+        }
+        size_t lead = 0;
+        for (size_t i = 0; i < leading; ++i) lead += widths[i] + gap();
+        size_t first = leading;
+        do {
+            size_t last = first, used = lead;
+            while (last < widths.size() && (last == first || fits(used + widths[last] + mark_size()))) {
+                used += widths[last++] + gap();
+            }
+            if (first > leading) text_ += "\n";
+            for (const auto& row : rows) {
+                for (size_t i = 0; i < leading; ++i) add_column(row[i], widths[i], i == 0);
+                for (size_t i = first; i < last; ++i) add_column(row[i], widths[i], false);
+                end_line();
+            }
+            first = last;
+        } while (first < widths.size());
+    }
+
+    void blank() { text_ += "\n"; }
+    std::string take() { return std::move(text_); }
+
+  private:
+    size_t width() const { return static_cast<size_t>(style_.columns); }
+    bool fits(size_t columns) const { return style_.columns == 0 || columns <= width(); }
+    /// Where changes are marked every cell leaves room for the mark.
+    size_t mark_size() const { return before_.is_known() ? 1 : 0; }
+    size_t gap() const { return 1 + mark_size(); }
+
+    void add_column(const Cell& cell, size_t size, bool left) {
+        if (cell.text.size() > size) {
+            Cell cut = cell;
+            cut.text = cell.text.substr(0, size - 1) + "~";
+            put(cut, before_.differs(cell));
+        } else if (left) {
+            put(cell, before_.differs(cell));
+            text_.append(size - cell.text.size(), ' ');
+        } else {
+            text_.append(size - cell.text.size(), ' ');
+            put(cell, before_.differs(cell));
+        }
+        text_ += ' ';
+    }
+
+    void add(const Cell& cell) { put(cell, before_.differs(cell)); }
+
+    void put(const Cell& cell, bool changed, bool marked = true) {
+        const char* const escape = changed                      ? "\x1b[7m"
+                                   : cell.tone == Tone::heading ? "\x1b[1m"
+                                   : cell.tone == Tone::good    ? "\x1b[32m"
+                                   : cell.tone == Tone::bad     ? "\x1b[31m"
+                                                                : "";
+        if (style_.colors && *escape) {
+            text_ += escape + cell.text + "\x1b[0m";
+        } else {
+            text_ += cell.text;
+        }
+        if (marked && mark_size() > 0) text_ += changed ? '*' : ' ';
+    }
+
+    void end_line() {
+        while (text_.ends_with(' ')) text_.pop_back();
+        text_ += "\n";
+    }
+
+    const TextStyle& style_;
+    const Before& before_;
+    std::string text_;
+};
+
+Cell heading(std::string text) {
+    return {std::move(text), "", Tone::heading};
+}
+
+template <typename Number>
+Cell number(Number value, std::string key) {
+    return {fmt::format("{}", value), std::move(key)};
+}
+
+Cell alive(bool is_alive, std::string key) {
+    return {is_alive ? "yes" : "no", std::move(key), is_alive ? Tone::good : Tone::bad};
+}
+
+void add_cluster(Page& page, const Picture& picture) {
+    const shmnm_header& header = picture.header;
+    page.items("cluster", {{"waitstat", number(header.waitstat, "cluster/waitstat")},
+                           {"bwflag", number(header.bwflag, "cluster/bwflag")},
+                           {"bwflagdisk", number(header.bwflagdisk, "cluster/bwflagdisk")},
+                           {"clstat", number(header.clstat, "cluster/clstat")},
+                           {"hbinfo_a", number(static_cast<uint32_t>(header.hbinfo_a), "cluster/hbinfo_a")},
+                           {"hbinfo_b", number(static_cast<uint32_t>(header.hbinfo_b), "cluster/hbinfo_b")},
+                           {"alive", alive(picture.is_any_alive(), "")}});
+    const auto of = [](int32_t count, int32_t limit) { return Cell{fmt::format("{} of {}", count, limit), ""}; };
+    page.items("in use", {{"servers", of(header.server_count, header.max_servers)},
+                          {"hb", of(header.hb_count, header.max_hb)},
+                          {"np", of(header.np_count, header.max_np)},
+                          {"process ids", of(header.fst_pid_count, header.fst_pid_limit)}});
+    std::vector<std::pair<std::string, Cell>> simulated = {
+        {"", {header.dfailstatus == 0 ? "off" : "on", "", header.dfailstatus == 0 ? Tone::plain : Tone::bad}}};
+    for (const Server& server : picture.servers) {
+        if (server.dfailstatus != 0) simulated.push_back({"failed", {escaped(server.name), "", Tone::bad}});
+    }
+    page.items("simulation", simulated);
+}
+
+void add_servers(Page& page, const Picture& picture) {
+    std::vector<std::vector<Cell>> rows = {{}};
+    for (const char* const name :
+         {"server", "pri", "node", "node_nw", "downnotify", "isolate", "ping", "hold", "comb", "alive"}) {
+        rows[0].push_back(heading(name));
+    }
+    for (const Server& server : picture.servers) {
+        const std::string name = escaped(server.name), key = "servers/" + name;
+        rows.push_back({{name, ""},
+                        number(server.pri, key + "/pri"),
+                        number(server.nodestat, key + "/nodestat"),
+                        number(server.nodestat_nw, key + "/nodestat_nw"),
+                        number(server.downnotifystat, key + "/downnotifystat"),
+                        number(server.isolateflag, key + "/isolateflag"),
+                        number(server.pingstat, key + "/pingstat"),
+                        number(server.holdstat, key + "/holdstat"),
+                        {Value(server.combstat).to_text(), key + "/combstat"},
+                        alive(server.is_alive(), "")});
+    }
+    page.table(rows, 1);
+}
+
+std::vector<Cell> row(const std::string& title, const Cell& pri, const Cell& stat, const Picture& picture,
+                      const std::string& key, const std::vector<uint32_t>& states) {
+    std::vector<Cell> cells = {{title, ""}, pri, stat};
+    for (size_t i = 0; i < picture.servers.size(); ++i) {
+        cells.push_back(i < states.size() ? number(states[i], key + "/" + escaped(picture.servers[i].name))
+                                          : Cell{"-", ""});
+    }
+    return cells;
+}
+
+void add_resources(Page& page, const char* table, const Picture& picture, const std::vector<Resource>& resources,
+                   bool has_network_rows) {
+    std::vector<std::vector<Cell>> rows = {{heading(table), heading("pri"), heading("stat")}};
+    for (const Server& server : picture.servers) rows[0].push_back(heading(escaped(server.name)));
+    for (const Resource& resource : resources) {
+        const std::string name = escaped(resource.type) + "/" + escaped(resource.name);
+        const std::string key = std::string(table) + "/" + name;
+        rows.push_back(row(name, number(resource.pri, key + "/pri"), number(resource.stat, key + "/stat"), picture,
+                           key + "/svstat", resource.svstat));
+        if (has_network_rows) rows.push_back(row("  network", {}, {}, picture, key + "/network", resource.network));
+    }
+    page.table(rows, 3);
+}
+
+void add_fst(Page& page, const Picture& picture) {
+    if (picture.fst) {
+        std::vector<std::pair<std::string, Cell>> all = {{"stat", number(picture.fst->stat, "fst/stat")}};
+        if (!picture.fst->descript.empty()) all.push_back({"", {printable(picture.fst->descript), ""}});
+        page.items("fst", all);
+    } else {
+        page.items("fst", {{"", {"none", ""}}});
+    }
+    if (picture.fst_pids.empty()) return;
+    std::vector<std::vector<Cell>> rows = {{heading("process ids"), heading("0"), heading("1"), heading("2"),
+                                            heading("data 0"), heading("data 1"), heading("data 2")}};
+    for (const FstPid& record : picture.fst_pids) {
+        const std::string name = escaped(record.name);
+        std::vector<Cell> cells = {{name, ""}};
+        for (size_t kind = 0; kind < record.pid.size(); ++kind) {
+            cells.push_back(number(record.pid[kind], fmt::format("fst/pids/{}/{}", name, kind)));
+        }
+        for (size_t kind = 0; kind < record.piddata.size(); ++kind) {
+            cells.push_back(number(record.piddata[kind], fmt::format("fst/piddata/{}/{}", name, kind)));
+        }
+        rows.push_back(std::move(cells));
+    }
+    page.table(rows, 1);
+}
+
+}  // namespace
+
+std::string to_text(const Picture& picture, const TextStyle& style) {
+    const Before before(style.before);
+    Page page(style, before);
+    add_cluster(page, picture);
+    page.blank();
+    add_servers(page, picture);
+    page.blank();
+    add_resources(page, "hb", picture, picture.hb, true);
+    page.blank();
+    add_resources(page, "np", picture, picture.np, false);
+    page.blank();
+    add_fst(page, picture);
+    return page.take();
 }
 
 }  // namespace shmnmctl

@@ -1,7 +1,6 @@
 // The picture as text for people, as wide as their terminal.
 #pragma once
 
-#include <map>
 #include <string>
 
 #include "picture.h"

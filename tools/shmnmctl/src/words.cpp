@@ -98,6 +98,7 @@ void add_fst(Collector& to, const Picture& picture) {
 }  // namespace
 
 std::optional<Value> Value::parse(std::string_view text) {
+    while (text.starts_with(' ')) text.remove_prefix(1);
     if (text == "none") return Value();
     const bool negative = text.starts_with('-');
     if (negative || text.starts_with('+')) text.remove_prefix(1);

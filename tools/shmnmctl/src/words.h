@@ -22,7 +22,7 @@ class Value {
     Value(int32_t number) : none_(false), negative_(number < 0), magnitude_(magnitude(number)) {}
     Value(std::optional<uint32_t> number) : none_(!number), magnitude_(number.value_or(0)) {}
 
-    /// Reads decimal digits, with a sign, or 0x and hexadecimal ones, or "none".
+    /// Reads decimal digits, with a sign, or 0x and hexadecimal ones, or "none". Blanks may stand before.
     static std::optional<Value> parse(std::string_view text);
 
     bool is_none() const { return none_; }

@@ -1,0 +1,153 @@
+// "status": the whole picture, once or again and again in place.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+
+#include "context.h"
+#include "escape.h"
+#include "picture.h"
+#include "picture_json.h"
+#include "picture_text.h"
+#include "platform.h"
+#include "words.h"
+
+namespace shmnmctl {
+namespace {
+
+/// Colours are for terminals, unless NO_COLOR says no (any value but the empty one, as is the custom).
+bool wants_colors(const platform::Terminal& terminal) {
+    const char* const no_color = std::getenv("NO_COLOR");
+    return terminal.is_terminal && !(no_color && *no_color) && platform::enable_escapes();
+}
+
+/// The width that text has: that of the terminal, or what COLUMNS says, or without limit.
+int columns(const platform::Terminal& terminal) {
+    if (terminal.columns > 0) return terminal.columns;
+    const char* const variable = std::getenv("COLUMNS");
+    const auto value = variable ? Value::parse(variable) : std::nullopt;
+    const auto number = value ? value->to_int32() : std::nullopt;
+    return std::max(number.value_or(0), 0);
+}
+
+Exit show_once(const Context& context) {
+    const Snapshot snapshot = look(context);
+    const Picture picture = decode(snapshot);
+    if (context.json()) {
+        write_output(line(to_json(snapshot, picture)));
+    } else {
+        const platform::Terminal terminal = platform::terminal();
+        write_output(to_text(picture, {.columns = columns(terminal), .colors = wants_colors(terminal)}));
+    }
+    return Exit::done;
+}
+
+/// The other screen of a terminal, without a cursor, as long as this lives.
+class Screen {
+  public:
+    Screen() { write_output("\x1b[?1049h\x1b[?25l"); }
+    ~Screen() {
+        try {
+            write_output("\x1b[?25h\x1b[?1049l");
+        } catch (const Failure&) {
+            // There is no terminal left to be put in order.
+        }
+    }
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    /// Draws over what is there, in one write, so that nothing flickers.
+    static void draw(const std::string& text, int rows) {
+        std::string output = "\x1b[H";
+        std::string_view left = text;
+        for (int row = 0; !left.empty() && (rows <= 0 || row < rows); ++row) {
+            const std::string_view line = left.substr(0, left.find('\n'));
+            left.remove_prefix(std::min(line.size() + 1, left.size()));
+            if (row > 0) output += "\r\n";
+            output += line;
+            output += "\x1b[K";
+        }
+        write_output(output + "\x1b[J");
+    }
+};
+
+uint32_t interval_ms(const std::string& seconds) {
+    char* end = nullptr;
+    const double value = std::strtod(seconds.c_str(), &end);
+    if (seconds.empty() || *end != '\0' || !(value >= 0.01 && value <= 86'400)) {
+        throw Failure(Exit::usage,
+                      fmt::format("{} is no interval; give seconds from 0.01 to 86400", printable(seconds)));
+    }
+    return static_cast<uint32_t>(value * 1'000);
+}
+
+Exit show_again_and_again(const Context& context, const std::string& seconds) {
+    if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change; --watch is for the live region");
+    const uint32_t interval = interval_ms(seconds);
+    platform::catch_stop();
+    LiveRegion region(context.access);
+    region.expect();
+    std::optional<Screen> screen;
+    if (!context.json() && platform::terminal().is_terminal && platform::enable_escapes()) screen.emplace();
+    std::optional<Picture> shown;
+    do {
+        std::optional<Snapshot> snapshot;
+        std::string problem;
+        try {
+            snapshot = region.copy();
+        } catch (const Failure& failure) {
+            // It may come back.
+            if (failure.exit != Exit::no_region && failure.exit != Exit::timeout) throw;
+            problem = failure.what();
+        }
+        // Asked for at each draw: it may have been resized.
+        const platform::Terminal terminal = platform::terminal();
+        std::string text = fmt::format("{}  every {} s\n", platform::to_text(platform::wall_clock_us()), seconds);
+        if (snapshot) {
+            Picture picture = decode(*snapshot);
+            if (context.json()) text = line(to_json(*snapshot, picture));
+            if (!context.json()) {
+                text += "\n" + to_text(picture, {.columns = columns(terminal),
+                                                 .colors = wants_colors(terminal),
+                                                 .before = shown ? &*shown : &picture});
+            }
+            shown = std::move(picture);
+        } else {
+            shown.reset();
+            text += problem + "\n";
+            if (context.json()) {
+                Json error = document("error");
+                error["status"] = static_cast<int>(Exit::no_region);
+                error["message"] = problem;
+                text = line(error);
+            }
+        }
+        if (screen) {
+            Screen::draw(text, terminal.rows);
+        } else {
+            write_output(context.json() ? text : text + "\n");
+        }
+    } while (!platform::stopped_within(interval));
+    return Exit::done;
+}
+
+}  // namespace
+
+void add_status_command(CLI::App& app, Context& context) {
+    static std::string seconds;
+    CLI::App* const command = app.add_subcommand("status", "Show the whole picture");
+    add_format(*command, context);
+    CLI::Option* const watch =
+        command->add_option("--watch", seconds, "Show it again every that many seconds (2), and mark what has changed");
+    watch->expected(0, 1)->default_str("2");
+    command->add_option("FILE", context.file, "Read this dump, not the live region");
+    command->callback([&context, watch] {
+        context.command = [&context, watch] {
+            return watch->count() > 0 ? show_again_and_again(context, seconds.empty() ? "2" : seconds)
+                                      : show_once(context);
+        };
+    });
+}
+
+}  // namespace shmnmctl
