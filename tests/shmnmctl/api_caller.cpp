@@ -103,7 +103,8 @@ uint32_t names(Line& line, List list) {
     if (const uint32_t result = list(nullptr, &size); result != SHMNM_OK) return result;
     std::vector<char> buffer(size);
     const uint32_t result = list(buffer.data(), &size);
-    // Every name with its NUL, and one NUL more.
+    // Every name with its NUL, and one NUL more. No names are two NULs, as is a single empty one.
+    if (size == 2) return result;
     for (const char* name = buffer.data(); result == SHMNM_OK && name + 1 < buffer.data() + size;) {
         const std::string text = name;
         line.output(text.empty() ? "%" : escaped(text));

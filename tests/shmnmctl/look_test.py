@@ -1,26 +1,193 @@
-"""status, list, get and dump: what they show is what the library answers."""
-import subprocess
-import unittest
-
+"""status, list, get and dump: what they show is what the library answers, and looking changes nothing."""
 import support
 from support import ToolTest, escaped
 
 
+def busy_cluster(test):
+    """A region in which every word has a value of its own."""
+    api = test.cluster()
+    numbers = iter(range(100, 100_000))
+    api.ok("shmnm_sethbinfo_ex", next(numbers), next(numbers))
+    for word in ("waitstat", "bwflag", "bwflagdisk", "clstat"):
+        api.ok(f"shmnm_set{word}", next(numbers))
+    servers = [("alpha", 0), ("beta", 1), ("gamma", 2)]
+    for server, _ in servers:
+        for word in ("nodestat", "nodestat_nw", "downnotifystat", "isolateflag", "pingstat", "holdstat"):
+            api.ok(f"shmnm_set{word}", server, next(numbers))
+    for table, resources in (("hb", (("lan", "lanhb1"), ("disk", "diskhb1"))), ("np", (("ping", "pingnp1"), ("majority", "majoritynp1")))):
+        for kind, name in resources:
+            api.ok(f"shmnm_set{table}rscstat", kind, name, next(numbers))
+            for _, priority in servers:
+                api.ok(f"shmnm_set{table}rscsvstat", kind, name, priority, next(numbers))
+                if table == "hb":
+                    api.ok("shmnm_setrscsvstat_nw", kind, name, priority, next(numbers))
+    api.ok("shmnm_sethbdescript", "lan", "lanhb1", "the first net")
+    api.ok("shmnm_setnpsimu", 1, [0, 1, 0])
+    api.ok("shmnm_setfstrscstat", next(numbers))
+    api.ok("shmnm_setfstdescript", b"\xff\x00odd")
+    for kind in range(3):
+        api.ok("shmnm_setfstrscpid", "agent", kind, next(numbers), 2**63 + next(numbers))
+    return api
+
+
+def answers(api):
+    """Every word by its key, as the library's own functions answer."""
+    words = {}
+    words["cluster/max_servers"], words["cluster/max_hb"], words["cluster/max_np"] = api.ok("shmnm_getmaxvalue_ex")
+    words["cluster/hbinfo_a"], words["cluster/hbinfo_b"] = api.ok("shmnm_gethbinfo_ex")
+    for word in ("waitstat", "bwflag", "bwflagdisk", "clstat"):
+        words[f"cluster/{word}"] = api.ok(f"shmnm_get{word}")[0]
+    words["cluster/alive"] = api.ok("shmnm_chkalivesv")[0]
+    words["cluster/dfailstatus"], *failed = api.ok("shmnm_getnpsimu", 16)
+    servers = api.ok("shmnm_enumnode")
+    for server in servers:
+        words[f"servers/{server}/pri"] = priority = api.ok("shmnm_getnodepri", server)[0]
+        for word in ("nodestat", "nodestat_nw", "downnotifystat", "isolateflag", "pingstat", "holdstat"):
+            words[f"servers/{server}/{word}"] = api.ok(f"shmnm_get{word}", server)[0]
+        words[f"servers/{server}/combstat"] = api.ok("shmnm_getnodecombstat", server)[0]
+        words[f"servers/{server}/dfailstatus"] = failed[int(priority)]
+    for table in ("hb", "np"):
+        for kind, name in zip(api.ok(f"shmnm_enum{table}type"), api.ok(f"{table}_names")):
+            key = f"{table}/{kind}/{name}"
+            words[f"{key}/pri"] = api.ok(f"shmnm_get{table}rscpri", kind, name)[0]
+            words[f"{key}/stat"] = api.ok(f"shmnm_get{table}rscstat", kind, name)[0]
+            rows = {"svstat": f"shmnm_enum{table}rscsvstat"} | ({"network": "shmnm_enumrscsvstat_nw"} if table == "hb" else {})
+            for row, function in rows.items():
+                for server, state in zip(servers, api.ok(function, kind, name), strict=True):
+                    words[f"{key}/{row}/{server}"] = state
+    words["fst/stat"] = api.ok("shmnm_getfstrscstat")[0]
+    for kind in range(3):
+        words[f"fst/pids/agent/{kind}"], words[f"fst/piddata/agent/{kind}"] = api.ok("shmnm_getfstrscpid", "agent", kind)
+    return words
+
+
+def flattened(status):
+    """The words of a status document by their keys."""
+    words = {f"cluster/{name}": value for name, value in status["cluster"].items()}
+    words |= {f"cluster/{name}": status["region"][name] for name in ("max_servers", "max_hb", "max_np")}
+    words["cluster/dfailstatus"] = status["simulation"]["dfailstatus"]
+    for server in status["servers"]:
+        words |= {f"servers/{server['name']}/{name}": value for name, value in server.items() if name not in ("name", "alive")}
+    for table in ("hb", "np"):
+        for resource in status[table]:
+            key = f"{table}/{resource['type']}/{resource['name']}"
+            words |= {f"{key}/{name}": resource[name] for name in ("pri", "stat")}
+            for row in ("svstat", "network"):
+                for server, state in zip(status["servers"], resource.get(row, [])):
+                    words[f"{key}/{row}/{server['name']}"] = state
+    words["fst/stat"] = status["fst"]["stat"]
+    for record in status["fst"]["pids"]:
+        for kind in range(3):
+            words[f"fst/pids/{record['name']}/{kind}"] = record["pid"][kind]
+            words[f"fst/piddata/{record['name']}/{kind}"] = record["piddata"][kind]
+    return {key: str(int(value)) if isinstance(value, bool) else str(value) for key, value in words.items()}
+
+
 class Looking(ToolTest):
-    def test_a_word_is_what_the_library_answers(self):
+    def test_every_word_is_what_the_library_answers(self):
+        api = busy_cluster(self)
+        expected = answers(api)
+        self.assertEqual(dict(line.split(" ") for line in self.tool("list").lines), expected)
+        listed = self.tool("list", "--format", "json").json["words"]
+        self.assertEqual({key: str(value) for key, value in listed.items()}, expected)
+        status = self.tool("status", "--format", "json").json
+        self.assertEqual(flattened(status), expected)
+        self.assertEqual(status["simulation"]["failed"], ["beta"])
+        self.assertEqual(status["hb"][0]["descript"], escaped("the first net"))
+        self.assertEqual(status["fst"]["descript"], "%FF%00odd")
+
+    def test_one_word_is_got_by_its_key(self):
+        api = busy_cluster(self)
+        self.assertEqual(self.tool("get", "servers/beta/pingstat").out, api.ok("shmnm_getpingstat", "beta")[0] + "\n")
+        self.assertEqual(
+            self.tool("get", "fst/piddata/agent/1", "--format", "json").json["value"], api.ok("shmnm_getfstrscpid", "agent", 1)[1]
+        )
+
+    def test_a_prefix_ends_at_a_part(self):
+        api = self.region()
+        api.ok("shmnm_addnode", "node", 1)
+        api.ok("shmnm_addnode", "node2", 2)
+        keys = [line.split(" ")[0] for line in self.tool("list", "servers/node").lines]
+        self.assertEqual(len(keys), 9)
+        self.assertTrue(all(key.startswith("servers/node/") for key in keys), keys)
+        self.assertEqual(self.tool("list", "servers/nod").status, 1)
+
+    def test_hostile_names_are_escaped_and_found_again(self):
+        api = self.region()
+        name = "a/b*\x1b[2J\n%é\""
+        api.ok("shmnm_addnode", name, 7)
+        key = f"servers/{escaped(name)}/pri"
+        self.assertIn(key + " 7", self.tool("list").lines)
+        self.assertEqual(self.tool("get", key).out, "7\n")
+        self.assertEqual(self.tool("status", "--format", "json").json["servers"][0]["name"], escaped(name))
+        self.assertNotIn("\x1b", self.tool("status").out)
+
+    def test_of_equal_names_the_first_has_the_key_and_status_shows_both(self):
+        api = self.region()
+        long_name = "n" * 255
+        api.ok("shmnm_addnode", long_name + "x", 1)
+        api.ok("shmnm_addnode", long_name + "y", 2)
+        self.assertEqual(self.tool("get", f"servers/{long_name}/pri").out, "1\n")
+        self.assertEqual([server["pri"] for server in self.tool("status", "--format", "json").json["servers"]], [1, 2])
+
+    def test_a_server_without_a_combined_state_says_none(self):
         api = self.cluster()
-        api.ok("shmnm_setwaitstat", 7)
-        api.ok("shmnm_sethbrscsvstat", "lan", "lanhb1", 1, 4294967295)
-        api.ok("shmnm_setrscsvstat_nw", "disk", "diskhb1", 2, 9)
-        api.ok("shmnm_modifynode", "gamma", -5)
-        api.ok("shmnm_setfstrscpid", "agent", 2, 4711, 2**63)
-        words = dict(line.split(" ") for line in self.tool("list").lines)
-        self.assertEqual(words["cluster/waitstat"], "7")
-        self.assertEqual(words["hb/lan/lanhb1/svstat/beta"], "4294967295")
-        self.assertEqual(words["hb/disk/diskhb1/network/gamma"], "9")
-        self.assertEqual(words["servers/gamma/pri"], "-5")
-        self.assertEqual(words["fst/pids/agent/2"], "4711")
-        self.assertEqual(words["fst/piddata/agent/2"], str(2**63))
+        api.ok("shmnm_setnodestat", "alpha", 1)
+        api.ok("shmnm_setisolateflag", "alpha", 2)
+        self.assertEqual(self.tool("get", "servers/alpha/combstat").out, "none\n")
+        self.assertIsNone(self.tool("get", "servers/alpha/combstat", "--format", "json").json["value"])
+
+    def test_the_combined_state_follows_the_library_for_all_states(self):
+        api = self.region()
+        api.ok("shmnm_addnode", "alpha", 0)
+        for wait in (0, 1, 2, 3, 4):
+            api.ok("shmnm_setwaitstat", wait)
+            for node in (0, 1, 2, 3):
+                api.ok("shmnm_setnodestat", "alpha", node)
+                api.ok("shmnm_setisolateflag", "alpha", 1)
+                with self.subTest(wait=wait, node=node):
+                    self.assertEqual(self.tool("get", "servers/alpha/combstat").out.strip(), api.ok("shmnm_getnodecombstat", "alpha")[0])
+
+    def test_looking_changes_no_byte_and_holds_nothing(self):
+        api = busy_cluster(self)
+        # A reader whose configuration differs would write its own counts into the header if it attached.
+        self.configure(server=9, hbr=9, npr=9, fstr=1)
+        api.ok("dump", support.path(self.folder / "before"))
+        for command in (["status"], ["list"], ["get", "cluster/clstat"], ["dump", support.path(self.folder / "dump")]):
+            self.assertEqual(self.tool(*command).status, 0)
+        api.ok("dump", support.path(self.folder / "after"))
+        self.assertEqual((self.folder / "before").read_bytes(), (self.folder / "after").read_bytes())
+        self.assertEqual((self.folder / "before").read_bytes(), (self.folder / "dump").read_bytes())
+        api.end()
+        self.assertEqual(self.tool("status").status, 3)
+
+    def test_a_dump_answers_as_the_region_did(self):
+        busy_cluster(self)
+        file = support.path(self.folder / "picture.dump")
+        self.assertEqual(self.tool("dump", file).status, 0)
+        self.assertEqual(self.tool("dump", "-").raw, (self.folder / "picture.dump").read_bytes())
+        live = [self.tool(*command) for command in (["list"], ["status"], ["get", "cluster/clstat"])]
+        status = self.tool("status", "--format", "json").json
+        # Elsewhere, later, under another configuration.
+        self.configure(server=1, hbr=1, npr=1)
+        self.environment["KZMUTIL_NAMESPACE"] += "elsewhere-"
+        self.assertEqual(self.tool("list", "--file", file).out, live[0].out)
+        self.assertEqual(self.tool("status", file).out, live[1].out)
+        self.assertEqual(self.tool("get", "-f", file, "cluster/clstat").out, live[2].out)
+        offline = self.tool("status", "--format", "json", file).json
+        status["region"]["live"] = False
+        self.assertEqual(offline, status)
+
+    def test_the_kernel_objects_are_named_when_asked_for(self):
+        self.cluster()
+        done = support.subprocess.run(
+            support.program("shmnmctl") + ["--verbose", "get", "cluster/clstat"], capture_output=True, env=self.environment, check=True
+        )
+        prefix = self.environment["KZMUTIL_NAMESPACE"]
+        self.assertEqual(
+            done.stderr.decode().splitlines(),
+            [f"shmnmctl: opens the region {prefix}oru_kzmshmnm_map", f"shmnmctl: opens the mutex {prefix}oru_kzmshmnm_lock"],
+        )
 
 
 if __name__ == "__main__":

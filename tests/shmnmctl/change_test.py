@@ -1,0 +1,204 @@
+"""set, add, remove, modify, describe, simulate and clear: what the library then answers, and what is refused."""
+import support
+from support import ToolTest
+
+
+class Changing(ToolTest):
+    def refused(self, status, *command, **options):
+        """Runs a command that must end with this status and change no byte of the region."""
+        before = self.tool("dump", "-").raw
+        result = self.tool(*command, **options)
+        self.assertEqual(result.status, status, result)
+        self.assertEqual(self.tool("dump", "-").raw, before)
+        return result.err
+
+    def done(self, *command, **options):
+        result = self.tool(*command, **options)
+        self.assertEqual((result.status, result.out, result.err), (0, "", ""))
+
+    def test_every_word_that_can_be_set_is_set(self):
+        api = self.cluster()
+        api.ok("shmnm_setfstrscpid", "agent", 1, 1, 1)
+        fixed = {"alive", "dfailstatus", "combstat", "max_servers", "max_hb", "max_np", "hbinfo_a", "hbinfo_b", "pri"}
+        keys = [line.split(" ")[0] for line in self.tool("list").lines]
+        keys = [key for key in keys if key.split("/")[-1] not in fixed]
+        values = {key: str(1000 + i) for i, key in enumerate(keys)}
+        self.done("set", "-", input="".join(f"{key} {value}\n" for key, value in values.items()))
+        listed = dict(line.split(" ") for line in self.tool("list").lines)
+        self.assertEqual({key: listed[key] for key in keys}, values)
+        # The library agrees.
+        self.assertEqual(api.ok("shmnm_getrscsvstat_nw", "disk", "diskhb1", 2)[0], values["hb/disk/diskhb1/network/gamma"])
+        self.assertEqual(api.ok("shmnm_getnprscsvstat", "ping", "pingnp1", 1)[0], values["np/ping/pingnp1/svstat/beta"])
+        self.assertEqual(api.ok("shmnm_getfstrscpid", "agent", 2), [values["fst/pids/agent/2"], values["fst/piddata/agent/2"]])
+
+    def test_values_are_decimal_or_hexadecimal_and_priorities_have_a_sign(self):
+        api = self.cluster()
+        self.done("set", "cluster/clstat", "0xFFFFFFFF", "servers/alpha/pri", "-12", "hb/lan/lanhb1/pri", "7")
+        self.assertEqual(api.ok("shmnm_getclstat"), ["4294967295"])
+        self.assertEqual(api.ok("shmnm_getnodepri", "alpha"), ["-12"])
+        self.assertEqual(api.ok("shmnm_gethbrscpri", "lan", "lanhb1"), ["7"])
+
+    def test_nothing_is_set_when_one_key_does_not_exist(self):
+        self.cluster()
+        error = self.refused(1, "set", "-", input="cluster/clstat 5\nservers/nobody/nodestat 1\ncluster/bwflag 6\n")
+        self.assertIn("there is no servers/nobody/nodestat", error)
+
+    def test_nothing_is_set_when_one_value_does_not_fit(self):
+        self.cluster()
+        for key, value in (
+            ("cluster/clstat", "4294967296"),
+            ("cluster/clstat", "-1"),
+            ("servers/alpha/pri", "2147483648"),
+            ("cluster/clstat", "none"),
+            ("cluster/clstat", "1x"),
+            ("cluster/clstat", ""),
+            ("cluster/hbinfo_a", "0"),
+        ):
+            with self.subTest(key=key, value=value):
+                self.refused(2, "set", "cluster/bwflag", "1", key, value)
+
+    def test_computed_and_simulated_words_are_not_set(self):
+        self.cluster()
+        for key in ("cluster/alive", "cluster/dfailstatus", "servers/alpha/combstat", "servers/alpha/dfailstatus"):
+            with self.subTest(key=key):
+                self.refused(5, "set", key, "1")
+
+    def test_words_that_the_library_sets_together_are_given_together(self):
+        api = self.cluster()
+        self.assertIn("one \"shmnmctl set -\"", self.refused(5, "set", "cluster/hbinfo_a", "3"))
+        self.done("set", "cluster/hbinfo_a", "3", "cluster/hbinfo_b", "4")
+        self.done("set", "cluster/hbinfo_b", "5")
+        self.assertEqual(api.ok("shmnm_gethbinfo_ex"), ["3", "5"])
+        self.done("set", "cluster/max_hb", "2")
+        self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), ["4", "2", "2"])
+
+    def test_a_pair_whose_server_the_library_would_not_find_is_refused(self):
+        api = self.cluster()
+        api.ok("shmnm_modifynode", "gamma", 0)
+        self.assertIn("alpha has the same one", self.refused(5, "set", "hb/lan/lanhb1/svstat/gamma", "1"))
+        self.done("set", "hb/lan/lanhb1/svstat/alpha", "1")
+
+    def test_a_full_table_of_process_ids_refuses_updates_before_anything_is_set(self):
+        api = self.cluster()
+        for name in "abcd":
+            api.ok("shmnm_setfstrscpid", name, 0, 1, 1)
+        self.refused(5, "set", "cluster/clstat", "1", "fst/pids/a/0", "2")
+        self.refused(5, "add", "fst", "e", "0", "1")
+
+    def test_lines_may_be_empty_or_comments_and_a_bad_one_is_named(self):
+        api = self.cluster()
+        self.done("set", "-", input="# states\r\n\n  cluster/clstat\t 8  \r\n")
+        self.assertEqual(api.ok("shmnm_getclstat"), ["8"])
+        self.assertIn("line 2", self.refused(2, "set", "-", input="cluster/clstat 9\ncluster/bwflag\n"))
+        self.assertIn("pairs", self.refused(2, "set", "cluster/clstat"))
+
+    def test_servers_come_change_and_go(self):
+        api = self.cluster()
+        self.done("add", "server", "delta", "-3")
+        self.assertEqual(api.ok("shmnm_getnodepri", "delta"), ["-3"])
+        self.refused(5, "add", "server", "delta", "4")
+        self.refused(5, "add", "server", "epsilon", "4")  # four are configured
+        self.done("modify", "server", "delta", "9")
+        self.assertEqual(api.ok("shmnm_getnodepri", "delta"), ["9"])
+        self.done("remove", "server", "alpha")
+        self.assertEqual(api.ok("shmnm_enumnode"), ["beta", "gamma", "delta"])
+        self.refused(1, "remove", "server", "alpha")
+        self.refused(1, "modify", "server", "alpha", "1")
+
+    def test_resources_come_change_and_go(self):
+        api = self.cluster()
+        for table, kind, name in (("hb", "lan", "new"), ("np", "ping", "pingnp1")):
+            if table == "np":
+                self.done("remove", table, kind, name)
+            self.done("add", table, kind, name, "5")
+            self.refused(5, "add", table, kind, name, "5")
+            self.done("modify", table, kind, name, "4294967295")
+            self.assertEqual(api.ok(f"shmnm_get{table}rscpri", kind, name), ["4294967295"])
+            self.refused(5, "add", table, "other", "one", "1")  # three and two are configured
+            self.done("remove", table, kind, name)
+            self.refused(1, "remove", table, kind, name)
+            self.refused(1, "modify", table, kind, name, "1")
+
+    def test_names_are_written_as_in_keys_and_never_cut(self):
+        api = self.cluster()
+        self.done("add", "server", "%2D7 of%2F%25", "1")
+        self.assertEqual(api.ok("shmnm_enumnode")[-1], "-7%20of%2F%25".replace("-", "-"))
+        for name in ("n" * 256, "%zz", "%00"):
+            self.refused(2, "add", "server", name, "1")
+        self.refused(2, "add", "hb", "t" * 32, "name", "1")
+        self.refused(2, "add", "np", "type", "n" * 32, "1")
+        self.refused(2, "add", "server", "eta", "eleven")
+
+    def test_process_ids_are_added_under_new_and_known_names(self):
+        api = self.cluster()
+        self.done("add", "fst", "agent", "0", "4711", "0x8000000000000001")
+        self.done("add", "fst", "agent", "2", "4712")
+        self.assertEqual(api.ok("shmnm_getfstrscpid", "agent", 0), ["4711", str(2**63 + 1)])
+        self.assertEqual(api.ok("shmnm_getfstrscpid", "agent", 2), ["4712", "0"])
+        self.refused(2, "add", "fst", "agent", "3", "1")
+
+    def test_a_description_is_shown_and_replaced_as_a_whole(self):
+        api = self.cluster()
+        self.done("describe", "hb", "lan", "lanhb1", "a long description")
+        self.done("describe", "hb", "lan", "lanhb1", "short %25")
+        self.assertEqual(api.ok("shmnm_gethbdescript", "lan", "lanhb1")[0], "short%20%25" + "%00" * 249)
+        self.assertEqual(self.tool("describe", "hb", "lan", "lanhb1").out, "short %25\n")
+        self.assertEqual(self.tool("describe", "hb", "lan", "lanhb1", "--format", "json").json["descript"], "short%20%25")
+        self.done("describe", "fst", "x" * 256)
+        self.assertEqual(self.tool("describe", "fst").out, "x" * 256 + "\n")
+        self.assertIn("first np resource alone", self.refused(5, "describe", "np", "majority", "majoritynp1", "x"))
+        self.refused(1, "describe", "np", "majority", "nobody", "x")
+        self.refused(2, "describe", "fst", "x" * 257)
+        self.assertEqual(self.tool("describe", "hb", "lan", "nobody").status, 1)
+
+    def test_a_partition_is_simulated_by_name(self):
+        api = self.cluster()
+        self.done("simulate", "on", "gamma", "alpha")
+        self.assertEqual(api.ok("shmnm_getnpsimu", 4), ["1", "1", "0", "1", "0"])
+        self.done("simulate", "on")
+        self.assertEqual(api.ok("shmnm_getnpsimu", 4), ["1", "0", "0", "0", "0"])
+        self.done("simulate", "off")
+        self.assertEqual(api.ok("shmnm_getnpsimuflag"), ["0"])
+        self.refused(1, "simulate", "on", "nobody")
+        api.ok("shmnm_modifynode", "gamma", 1)
+        self.assertIn("gamma shares the priority 1", self.refused(5, "simulate", "on", "beta"))
+        api.ok("shmnm_modifynode", "gamma", -1)
+        self.refused(5, "simulate", "on", "gamma")
+
+    def test_clear_must_be_meant_and_leaves_a_picture_that_can_be_filled(self):
+        api = self.cluster()
+        self.refused(2, "clear")
+        self.done("clear", "--yes")
+        self.assertEqual(api.ok("shmnm_enumnode"), [])
+        self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), ["4", "3", "2"])
+        self.done("add", "server", "alpha", "0")
+
+    def test_a_configuration_that_differs_is_refused_unless_forced(self):
+        api = self.cluster()
+        self.configure(server=4, hbr=3, npr=1, fstr=1)
+        error = self.refused(5, "set", "cluster/clstat", "1")
+        self.assertIn("the region has servers 4, hb 3, np 2, fst 1, this machine's configuration has servers 4, hb 3, np 1, fst 1", error)
+        self.done("set", "cluster/clstat", "1", "--force")
+        self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), ["4", "3", "1"])
+        self.assertEqual(api.ok("shmnm_getclstat"), ["1"])
+
+    def test_a_missing_configuration_is_refused(self):
+        self.cluster()
+        (self.folder / "etc/cluster.xml").unlink()
+        self.assertIn("shmnm_attach", self.refused(5, "set", "cluster/clstat", "1"))
+
+    def test_changes_wait_for_the_lock_and_say_who_has_it(self):
+        api = self.cluster()
+        api.ok("shmnm_rwlock", 0)
+        result = self.tool("set", "cluster/clstat", "1", "--lock-timeout", "50")
+        self.assertEqual(result.status, 4)
+        self.assertIn("did not come within 50 ms", result.err)
+        if support.PLATFORM == "linux":
+            self.assertIn(f"held by process {api.process.pid} thread {api.process.pid} (\"", result.err)
+            self.assertIn("api_caller\", running) since 20", result.err)
+        api.ok("shmnm_rwunlock")
+        self.done("set", "cluster/clstat", "1", "--lock-timeout", "50")
+
+
+if __name__ == "__main__":
+    support.main()
