@@ -1,7 +1,44 @@
+// verify: whether the region holds anything that a healthy one never does.
+#include <fmt/format.h>
+
 #include "context.h"
+#include "findings.h"
 
 namespace shmnmctl {
+namespace {
 
-void add_verify_command(CLI::App&, Context&) {}
+Exit verify(const Context& context) {
+    const std::vector<Finding> found = findings(look(context));
+    std::string text;
+    if (context.json()) {
+        Json list = Json::array();
+        for (const Finding& finding : found) {
+            list.push_back({{"offset", finding.offset},
+                            {"key", finding.key},
+                            {"expected", finding.expected},
+                            {"found", finding.found}});
+        }
+        Json answer = document("verify");
+        answer["findings"] = std::move(list);
+        text = line(answer);
+    } else {
+        for (const Finding& finding : found) {
+            text += fmt::format("{} {}: expected {}; found {}\n", finding.offset, finding.key, finding.expected,
+                                finding.found);
+        }
+    }
+    write_output(text);
+    return found.empty() ? Exit::done : Exit::no;
+}
+
+}  // namespace
+
+void add_verify_command(CLI::App& app, Context& context) {
+    CLI::App* const command =
+        app.add_subcommand("verify", "Look for what a healthy region never shows: a line a finding");
+    add_format(*command, context);
+    command->add_option("FILE", context.file, "Check this dump, not the live region");
+    command->callback([&] { context.command = [&] { return verify(context); }; });
+}
 
 }  // namespace shmnmctl
