@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -86,6 +87,11 @@ const char* state_text(char letter) {
 const char* const library_file = "libkzmshmnm.so";
 
 void* load_module(const char* file) {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        if (void* const module = dlopen((program.parent_path() / file).c_str(), RTLD_NOW | RTLD_LOCAL)) return module;
+    }
     return dlopen(file, RTLD_NOW | RTLD_LOCAL);
 }
 void* symbol(void* module, const char* name) {
