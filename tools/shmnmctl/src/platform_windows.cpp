@@ -89,8 +89,9 @@ Terminal terminal() {
     CONSOLE_SCREEN_BUFFER_INFO information{};
     const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
     if (GetFileType(output) != FILE_TYPE_CHAR || !GetConsoleScreenBufferInfo(output, &information)) return {};
+    // A console goes on to the next line when the last column is written to, so that one is left free.
     return {.is_terminal = true,
-            .columns = information.srWindow.Right - information.srWindow.Left + 1,
+            .columns = information.srWindow.Right - information.srWindow.Left,
             .rows = information.srWindow.Bottom - information.srWindow.Top + 1};
 }
 
