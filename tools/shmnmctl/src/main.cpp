@@ -93,6 +93,10 @@ int main(int argc, char** argv) {
         return app.exit(asked_for);
     } catch (const CLI::ParseError& error) {
         std::string what = printable(error.what());
+        const auto word = std::find_if(argv + 1, argv + argc, [](const char* argument) { return argument[0] != '-'; });
+        if (app.get_subcommands().empty() && error.get_name() == "RequiredError" && word != argv + argc) {
+            what = "\"" + printable(*word) + "\" is no command";
+        }
         return report(Exit::usage, what + "; see \"shmnmctl --help\"", asks_for_json(argc, argv));
     }
     return run(context);
