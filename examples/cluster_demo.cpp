@@ -1,17 +1,16 @@
 // The processes of a small cluster, a role each; scripts/demo starts them. Each ends non-zero when a call fails or
 // something that it reads back is wrong.
 //
-//     cluster_demo create FILE              creates the region, registers the members named in FILE, holds it
-//     cluster_demo serve SERVER ROUNDS      is one server: sets its states, and raises the wait state ROUNDS times
-//     cluster_demo simulate SERVER          simulates that SERVER is cut off from the network
-//     cluster_demo remove SERVER            takes a server out
-//     cluster_demo read WAITSTAT SERVER...  prints the picture and checks it: these servers, in this order
-#include <boost/property_tree/ptree.hpp>
-#include <boost/property_tree/xml_parser.hpp>
+//     cluster_demo work SERVER ROUNDS        is one server: sets its states, and raises the wait state ROUNDS times
+//     cluster_demo hang                      takes the lock and keeps it until it is killed
+//     cluster_demo check WAITSTAT SERVER...  checks the picture: these servers, in this order, with the states of
+//     "work"
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "shmnm.h"
@@ -86,41 +85,7 @@ int32_t priority_of(const std::string& server) {
     return priority;
 }
 
-void register_members(const std::string& file) {
-    boost::property_tree::ptree document;
-    boost::property_tree::read_xml(file, document);
-    const Lock lock;
-    for (const auto& [element, member] : document.get_child("root.cluster")) {
-        if (element == "<xmlcomment>") continue;
-        const auto name = member.get<std::string>("<xmlattr>.name");
-        const auto priority = member.get<int32_t>("<xmlattr>.priority");
-        const auto type = member.get<std::string>("<xmlattr>.type", "");
-        if (element == "server") {
-            expect_ok("shmnm_addnode", shmnm_addnode(name.c_str(), priority));
-        } else if (element == "hb") {
-            expect_ok("shmnm_addhbrsc", shmnm_addhbrsc(type.c_str(), name.c_str(), static_cast<uint32_t>(priority)));
-        } else if (element == "np") {
-            expect_ok("shmnm_addnprsc", shmnm_addnprsc(type.c_str(), name.c_str(), static_cast<uint32_t>(priority)));
-        }
-    }
-}
-
-int create(const std::string& file) {
-    expect_ok("shmnm_create", shmnm_create());
-    register_members(file);
-    expect_ok("shmnm_setclstat", shmnm_setclstat(1));
-    expect_ok("shmnm_setfstrscstat", shmnm_setfstrscstat(3));
-    constexpr char description[] = "fast start of the services";
-    expect_ok("shmnm_setfstdescript", shmnm_setfstdescript(description, sizeof description));
-    std::puts("ready");
-    std::fflush(stdout);
-    while (std::getchar() != EOF) {
-    }
-    expect_ok("shmnm_delete", shmnm_delete());
-    return 0;
-}
-
-int serve(const std::string& server, int rounds) {
+int work(const std::string& server, int rounds) {
     expect_ok("shmnm_attach", shmnm_attach());
     {
         const Lock lock;
@@ -151,64 +116,40 @@ int serve(const std::string& server, int rounds) {
     return 0;
 }
 
-int simulate(const std::string& server) {
-    expect_ok("shmnm_attach", shmnm_attach());
-    {
-        const Lock lock;
-        std::vector<uint32_t> cut_off(16);
-        cut_off[static_cast<size_t>(priority_of(server))] = 1;
-        expect_ok("shmnm_setnpsimu", shmnm_setnpsimu(1, cut_off.data(), static_cast<int32_t>(cut_off.size())));
-    }
-    expect_ok("shmnm_detach", shmnm_detach());
-    return 0;
+int hang() {
+    const Lock lock;
+    std::puts("holding the lock");
+    std::fflush(stdout);
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-int remove(const std::string& server) {
-    expect_ok("shmnm_attach", shmnm_attach());
-    {
-        const Lock lock;
-        expect_ok("shmnm_rmnode", shmnm_rmnode(server.c_str()));
-    }
-    expect_ok("shmnm_detach", shmnm_detach());
-    return 0;
-}
-
-/// Prints a matrix of resource and server, and checks it: `row` lists a resource's states by server position.
+/// Checks the states of resources on servers: `row` lists those of one resource, by server position.
 template <typename Row>
-void print_matrix(const char* title, const Names& resources, const Names& all_servers, uint32_t offset, Row row) {
-    std::printf("    %-18s", title);
-    for (const std::string& server : all_servers) std::printf("%8s", server.c_str());
-    std::puts("");
+void check_matrix(const Names& resources, const Names& all_servers, uint32_t offset, Row row) {
     for (size_t i = 0; i < resources.size(); ++i) {
         std::vector<uint32_t> states(all_servers.size());
         auto size = static_cast<uint32_t>(states.size() * sizeof states[0]);
         expect_ok("the listing of a row", row(resources[i].c_str(), states.data(), &size));
-        std::printf("    %-18s", resources[i].c_str());
         for (size_t j = 0; j < states.size(); ++j) {
-            std::printf("%8u", states[j]);
             expect_equal(resources[i] + " on " + all_servers[j], states[j],
                          pair_state(priority_of(all_servers[j]), i) + offset);
         }
-        std::puts("");
     }
 }
 
-int read(uint32_t expected_waitstat, const Names& expected_servers) {
+int check(uint32_t expected_waitstat, const Names& expected_servers) {
     expect_ok("shmnm_attach", shmnm_attach());
     {
         const Lock lock;
-        uint32_t waitstat = 0, simulated = 0;
+        uint32_t waitstat = 0;
         expect_ok("shmnm_getwaitstat", shmnm_getwaitstat(&waitstat));
         expect_equal("the wait state", waitstat, expected_waitstat);
-        std::printf("    wait state %u\n", waitstat);
 
         const Names all_servers = servers();
         if (all_servers != expected_servers) {
             std::fputs("these are not the expected servers\n", stderr);
             return 1;
         }
-        std::vector<uint32_t> cut_off(16);
-        expect_ok("shmnm_getnpsimu", shmnm_getnpsimu(&simulated, cut_off.data(), static_cast<int32_t>(cut_off.size())));
         for (const std::string& server : all_servers) {
             uint32_t nodestat = 0, pid = 0;
             uint64_t since = 0;
@@ -218,17 +159,15 @@ int read(uint32_t expected_waitstat, const Names& expected_servers) {
             expect_ok("shmnm_getfstrscpid", shmnm_getfstrscpid(server.c_str(), 0, &pid, &since));
             expect_equal("the process id of " + server, pid, pair_state(priority, 0));
             expect_equal("the 64-bit value of " + server, since, started(priority));
-            std::printf("    %-18s priority %d, state %u, process %u%s\n", server.c_str(), priority, nodestat, pid,
-                        simulated && cut_off[static_cast<size_t>(priority)] ? ", simulated as cut off" : "");
         }
-        print_matrix("hb", hb_resources(), all_servers, 0, [](const char* name, uint32_t* buf, uint32_t* size) {
+        check_matrix(hb_resources(), all_servers, 0, [](const char* name, uint32_t* buf, uint32_t* size) {
             return shmnm_enumhbrscsvstat(nullptr, name, buf, size);
         });
-        print_matrix("hb, network-wide", hb_resources(), all_servers, network_state(0),
+        check_matrix(hb_resources(), all_servers, network_state(0),
                      [](const char* name, uint32_t* buf, uint32_t* size) {
                          return shmnm_enumrscsvstat_nw(nullptr, name, buf, size);
                      });
-        print_matrix("np", np_resources(), all_servers, 0, [](const char* name, uint32_t* buf, uint32_t* size) {
+        check_matrix(np_resources(), all_servers, 0, [](const char* name, uint32_t* buf, uint32_t* size) {
             return shmnm_enumnprscsvstat(nullptr, name, buf, size);
         });
 
@@ -241,7 +180,7 @@ int read(uint32_t expected_waitstat, const Names& expected_servers) {
         expect_equal("the count of servers in the raw region", static_cast<uint64_t>(header->server_count),
                      expected_servers.size());
         expect_equal("the wait state in the raw region", header->waitstat, expected_waitstat);
-        std::printf("    raw region %d bytes\n", size);
+        std::printf("%zu servers, wait state %u, %d bytes: all right\n", all_servers.size(), waitstat, size);
     }
     expect_ok("shmnm_detach", shmnm_detach());
     return 0;
@@ -252,16 +191,11 @@ int read(uint32_t expected_waitstat, const Names& expected_servers) {
 int main(int argc, char** argv) {
     const Names arguments(argv + 1, argv + argc);
     const std::string role = arguments.empty() ? "" : arguments[0];
-    if (role == "create" && arguments.size() == 2) return create(arguments[1]);
-    if (role == "serve" && arguments.size() == 3) return serve(arguments[1], std::stoi(arguments[2]));
-    if (role == "simulate" && arguments.size() == 2) return simulate(arguments[1]);
-    if (role == "remove" && arguments.size() == 2) return remove(arguments[1]);
-    if (role == "read" && arguments.size() >= 2) {
-        return read(static_cast<uint32_t>(std::stoul(arguments[1])), Names(arguments.begin() + 2, arguments.end()));
+    if (role == "work" && arguments.size() == 3) return work(arguments[1], std::stoi(arguments[2]));
+    if (role == "hang" && arguments.size() == 1) return hang();
+    if (role == "check" && arguments.size() >= 2) {
+        return check(static_cast<uint32_t>(std::stoul(arguments[1])), Names(arguments.begin() + 2, arguments.end()));
     }
-    std::fputs(
-        "usage: cluster_demo create FILE | serve SERVER ROUNDS | simulate SERVER | remove SERVER | "
-        "read WAITSTAT SERVER...\n",
-        stderr);
+    std::fputs("usage: cluster_demo work SERVER ROUNDS | hang | check WAITSTAT SERVER...\n", stderr);
     return 2;
 }

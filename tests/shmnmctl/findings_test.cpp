@@ -52,9 +52,9 @@ INSTANTIATE_TEST_SUITE_P(, HealthyRegion,
                          testing::Values(Counts{4, 3, 2, 1}, Counts{2, 1, 1, 0}, Counts{3, 5, 1, 4},
                                          Counts{128, 16, 16, 1},
                                          // One server: records reach into the next tables, here a little, into the
-                                         // description of the fst resource, past whole tables.
-                                         Counts{1, 3, 2, 1}, Counts{1, 16, 100, 1}, Counts{1, 200, 1, 0},
-                                         Counts{1, 160, 160, 2}, Counts{1, 1, 1, 1}, Counts{1, 400, 3, 1}),
+                                         // description and the process ids of the fst resource, past whole tables.
+                                         Counts{1, 3, 2, 1}, Counts{1, 16, 200, 1}, Counts{1, 200, 1, 0},
+                                         Counts{1, 160, 160, 2}, Counts{1, 2, 300, 0}, Counts{1, 400, 3, 1}),
                          [](const auto& instance) {
                              const Counts& counts = instance.param;
                              return "S" + std::to_string(counts.servers) + "H" + std::to_string(counts.hb) + "N" +

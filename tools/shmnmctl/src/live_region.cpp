@@ -170,6 +170,11 @@ void LiveRegion::lock() {
     if (library().shmnm_rwlock(access_.lock_timeout_ms) != SHMNM_OK) throw_no_lock();
 }
 
+bool LiveRegion::try_lock() {
+    mutex();
+    return library().shmnm_rwlock(0) == SHMNM_OK;
+}
+
 void LiveRegion::unlock() {
     library().shmnm_rwunlock();
 }

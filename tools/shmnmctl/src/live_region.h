@@ -51,6 +51,8 @@ class LiveRegion {
 
     /// Takes the lock, to write. @throws Failure  it does not come in time; the line says who holds it
     void lock();
+    /// Takes the lock if that needs no waiting. @return whether it was taken
+    bool try_lock();
     void unlock();
 
     /// The lock's mutex.

@@ -1,7 +1,73 @@
+// "lock": runs a command while holding the region's lock, or tells who holds it.
+#include <fmt/format.h>
+
+#include <string>
+#include <vector>
+
 #include "context.h"
+#include "escape.h"
+#include "platform.h"
 
 namespace shmnmctl {
+namespace {
 
-void add_lock_command(CLI::App&, Context&) {}
+Exit run_locked(const Context& context, const std::vector<std::string>& command) {
+    LiveRegion region(context.access);
+    region.lock();
+    // The command gets neither the lock nor its handle: it is this process that owns it until the command has ended.
+    const int status = platform::run(command);
+    region.unlock();
+    return static_cast<Exit>(status);
+}
+
+Json to_json(const platform::LockHolder& holder) {
+    Json one = {{"process", holder.process},
+                {"thread", holder.thread},
+                {"since", platform::to_text(holder.since_ns / 1'000)},
+                {"command", nullptr},
+                {"state", "ended"}};
+    if (const auto process = platform::process(holder.process)) {
+        one["command"] = escaped(process->command);
+        one["state"] = process->state;
+    }
+    return one;
+}
+
+Exit tell_who(const Context& context) {
+    LiveRegion region(context.access);
+    const auto holder = platform::lock_holder(region.mutex());
+    // Where the system does not tell who has it, it tells whether anyone has.
+    const bool held = holder ? holder->process != 0 : !region.try_lock();
+    if (!holder && !held) region.unlock();
+    if (context.json()) {
+        Json answer = document("lock");
+        answer["held"] = held;
+        answer["holder"] = holder && held ? to_json(*holder) : Json();
+        answer["takeovers"] = holder ? Json(holder->takeovers) : Json();
+        write_output(line(answer));
+    } else {
+        const std::string known = describe_holder(region.mutex());
+        write_output((known.empty() ? std::string(held ? "held; this system does not tell by whom" : "nobody holds it")
+                                    : known) +
+                     "\n");
+    }
+    return held ? Exit::done : Exit::no;
+}
+
+}  // namespace
+
+void add_lock_command(CLI::App& app, Context& context) {
+    static std::vector<std::string> words;
+    static bool who = false;
+    CLI::App* const command = app.add_subcommand("lock", "Run a command while holding the region's lock");
+    add_format(*command, context);
+    command->add_option("--timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the lock");
+    command->add_flag("--who", who, "Tell who holds the lock; the exit status is 1 when nobody does");
+    command->add_option("COMMAND", words, "Behind --: the command and its arguments");
+    command->callback([&context] {
+        if (who != words.empty()) throw CLI::RequiredError("Either --who or a COMMAND");
+        context.command = [&context] { return who ? tell_who(context) : run_locked(context, words); };
+    });
+}
 
 }  // namespace shmnmctl

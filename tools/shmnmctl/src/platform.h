@@ -64,6 +64,9 @@ void catch_stop();
 /// for
 bool stopped_within(uint32_t milliseconds);
 
+/// Waits until a stop is asked for or, where that is wanted, standard input ends.
+void wait_for_stop(bool or_end_of_input);
+
 /// Runs a command with this process's streams and waits for its end; Ctrl-C is left to the command, SIGTERM and SIGHUP
 /// are passed on to it.
 /// @return its exit status; 128 and more: ended by that signal less 128

@@ -193,6 +193,17 @@ bool stopped_within(uint32_t milliseconds) {
     }
 }
 
+void wait_for_stop(bool or_end_of_input) {
+    std::array<pollfd, 2> sources{pollfd{.fd = signal_pipe[0], .events = POLLIN, .revents = 0},
+                                  pollfd{.fd = or_end_of_input ? STDIN_FILENO : -1, .events = POLLIN, .revents = 0}};
+    char input[512];
+    for (;;) {
+        if (poll(sources.data(), sources.size(), -1) < 0) continue;
+        if (sources[0].revents != 0 && stopped_within(0)) return;
+        if (sources[1].revents != 0 && read(STDIN_FILENO, input, sizeof input) <= 0) return;
+    }
+}
+
 int run(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
     for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));

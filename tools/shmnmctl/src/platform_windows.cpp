@@ -15,9 +15,10 @@ namespace {
 
 HANDLE stop_event = nullptr;
 
-BOOL WINAPI on_console_event(DWORD) {
+BOOL WINAPI on_console_event(DWORD event) {
     SetEvent(stop_event);
-    // After these the system ends the process as soon as the handler returns: main() needs the time to leave.
+    // The system ends the process when the handler of these returns, or after some seconds: main() needs that time.
+    if (event == CTRL_CLOSE_EVENT || event == CTRL_LOGOFF_EVENT || event == CTRL_SHUTDOWN_EVENT) Sleep(INFINITE);
     return TRUE;
 }
 
@@ -116,6 +117,25 @@ void catch_stop() {
 
 bool stopped_within(uint32_t milliseconds) {
     return WaitForSingleObject(stop_event, milliseconds) == WAIT_OBJECT_0;
+}
+
+void wait_for_stop(bool or_end_of_input) {
+    if (or_end_of_input) {
+        // A pipe cannot be waited on beside an event, so a thread reads it; it ends with the process.
+        const HANDLE reader = CreateThread(
+            nullptr, 0,
+            [](void*) -> DWORD {
+                char input[512];
+                DWORD size = 0;
+                while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), input, sizeof input, &size, nullptr) && size > 0) {
+                }
+                SetEvent(stop_event);
+                return 0;
+            },
+            nullptr, 0, nullptr);
+        if (reader) CloseHandle(reader);
+    }
+    WaitForSingleObject(stop_event, INFINITE);
 }
 
 int run(const std::vector<std::string>& command) {

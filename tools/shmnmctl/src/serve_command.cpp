@@ -1,7 +1,149 @@
+// "serve": creates the region from the configuration, registers the members, and holds it until it is told to stop.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "context.h"
+#include "escape.h"
+#include "kzmutil.h"
+#include "library.h"
+#include "members.h"
+#include "platform.h"
 
 namespace shmnmctl {
+namespace {
 
-void add_serve_command(CLI::App&, Context&) {}
+struct Options {
+    std::string file;
+    bool clean = false, until_eof = false;
+};
+
+void create(const std::string& installed) {
+    const uint32_t result = library().shmnm_create();
+    if (result == SHMNM_OK) return;
+    std::string advice = "see the trace log";
+    if (result == SHMNM_ERR_LOADCONFIG) advice = fmt::format("put the configuration at {}", printable(installed));
+    if (result == SHMNM_ERR_CREATEMAP) advice = "make room in shared memory, or see who owns the region's name";
+    throw Failure(Exit::failed, fmt::format("shmnm_create answered {}: {}; {}", result, meaning(result), advice));
+}
+
+/// The call that registers a member, and the one that gives it its priority where it was there before.
+uint32_t add(const Member& member) {
+    const Library& calls = library();
+    const auto pri = static_cast<uint32_t>(member.priority);
+    switch (member.kind) {
+        case Member::Kind::server: {
+            const auto server_pri = static_cast<int32_t>(member.priority);
+            const uint32_t result = calls.shmnm_addnode(member.name.c_str(), server_pri);
+            return result == SHMNM_ERR_EXIST ? calls.shmnm_modifynode(member.name.c_str(), server_pri) : result;
+        }
+        case Member::Kind::hb: {
+            const uint32_t result = calls.shmnm_addhbrsc(member.type.c_str(), member.name.c_str(), pri);
+            if (result != SHMNM_ERR_EXIST) return result;
+            return calls.shmnm_modifyhbrsc(member.type.c_str(), member.name.c_str(), pri);
+        }
+        default: {
+            const uint32_t result = calls.shmnm_addnprsc(member.type.c_str(), member.name.c_str(), pri);
+            if (result != SHMNM_ERR_EXIST) return result;
+            return calls.shmnm_modifynprsc(member.type.c_str(), member.name.c_str(), pri);
+        }
+    }
+}
+
+uint32_t remove(const Member& member) {
+    const Library& calls = library();
+    switch (member.kind) {
+        case Member::Kind::server:
+            return calls.shmnm_rmnode(member.name.c_str());
+        case Member::Kind::hb:
+            return calls.shmnm_rmhbrsc(member.type.c_str(), member.name.c_str());
+        default:
+            return calls.shmnm_rmnprsc(member.type.c_str(), member.name.c_str());
+    }
+}
+
+void register_members(LiveRegion& region, const std::vector<Member>& members) {
+    region.lock();
+    uint32_t result = SHMNM_OK;
+    const auto refused = std::find_if(members.begin(), members.end(), [&](const Member& member) {
+        result = add(member);
+        return result != SHMNM_OK;
+    });
+    region.unlock();
+    if (refused != members.end()) {
+        throw Failure(Exit::failed, fmt::format("{} is not registered: {}; the region was there before and may be full",
+                                                escaped(refused->name), meaning(result)));
+    }
+}
+
+/// What others have taken out meanwhile is out.
+void take_out(LiveRegion& region, const std::vector<Member>& members) {
+    region.lock();
+    for (const Member& member : members) remove(member);
+    region.unlock();
+}
+
+void tell_that_it_is_ready(const Context& context, const ClusterFile& file) {
+    const auto count = [&](Member::Kind kind) {
+        return std::count_if(file.members.begin(), file.members.end(),
+                             [=](const Member& member) { return member.kind == kind; });
+    };
+    const auto servers = count(Member::Kind::server), hb = count(Member::Kind::hb), np = count(Member::Kind::np);
+    if (context.json()) {
+        Json ready = document("serve");
+        ready["ready"] = true;
+        ready["region"] = full_name(mapping_name);
+        ready["servers"] = servers;
+        ready["hb"] = hb;
+        ready["np"] = np;
+        write_output(line(ready));
+    } else {
+        write_output(fmt::format("ready: {} with {} servers, {} hb and {} np resources\n", full_name(mapping_name),
+                                 servers, hb, np));
+    }
+    platform::notify_service_manager("READY=1");
+}
+
+Exit serve(const Context& context, const Options& options) {
+    const std::string installed = installed_cluster_file();
+    const ClusterFile file = read_cluster_file(options.file.empty() ? installed : options.file);
+    if (const auto configured = configured_counts(); configured && *configured != file.counts) {
+        throw Failure(
+            Exit::failed,
+            fmt::format("{} has {}, and every process lays the region out by {}, which has {}; make them "
+                        "equal",
+                        printable(options.file), to_text(file.counts), printable(installed), to_text(*configured)));
+    }
+    platform::catch_stop();
+    LiveRegion region(context.access);
+    region.mutex();
+    create(installed);
+    try {
+        register_members(region, file.members);
+        tell_that_it_is_ready(context, file);
+        platform::wait_for_stop(options.until_eof);
+        platform::notify_service_manager("STOPPING=1");
+        if (options.clean) take_out(region, file.members);
+    } catch (...) {
+        library().shmnm_delete();
+        throw;
+    }
+    expect_ok("shmnm_delete", library().shmnm_delete());
+    return Exit::done;
+}
+
+}  // namespace
+
+void add_serve_command(CLI::App& app, Context& context) {
+    static Options options;
+    CLI::App* const command = app.add_subcommand("serve", "Create the region from the configuration and hold it");
+    add_format(*command, context);
+    command->add_option("--config", options.file, "The configuration (etc/cluster.xml below the installation path)");
+    command->add_flag("--clean", options.clean, "Take the members out before the end");
+    command->add_flag("--until-eof", options.until_eof, "End when standard input does, too");
+    command->callback([&context] { context.command = [&context] { return serve(context, options); }; });
+}
 
 }  // namespace shmnmctl

@@ -1,0 +1,50 @@
+"""What the documents name exists: tests that prove a promise, files that are linked to.
+
+    documents_test.py
+"""
+import pathlib
+import re
+import unittest
+
+PROJECT = pathlib.Path(__file__).resolve().parents[1]
+DOCUMENTS = [PROJECT / name for name in ("README.md", "CONTRIBUTING.md", "CHANGELOG.md")] + sorted((PROJECT / "docs").glob("*.md"))
+
+
+def all_tests():
+    """The names of all tests: Suite.Name of C++, method names of Python, programs and tests of the build."""
+    names = set()
+    for file in (PROJECT / "tests").rglob("*"):
+        if file.suffix == ".cpp":
+            names.add(file.name)
+            text = file.read_text()
+            for suite, name in re.findall(r"\bTEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)", text):
+                names.add(f"{suite}.{name}")
+        elif file.suffix == ".py":
+            names |= set(re.findall(r"^    def (test_\w+)", file.read_text(), re.M))
+        elif file.name == "CMakeLists.txt":
+            names |= set(re.findall(r"NAME (\w+)", file.read_text()))
+    return names
+
+
+class Documents(unittest.TestCase):
+    def test_every_promise_names_tests_that_exist(self):
+        tests = all_tests()
+        rows = re.findall(r"^\| .* \| (`.*`) \|$", (PROJECT / "docs/guarantees.md").read_text(), re.M)
+        self.assertGreater(len(rows), 10)
+        for row in rows:
+            for name in re.findall(r"`([^`]+)`", row):
+                with self.subTest(name):
+                    self.assertTrue(name in tests, "no such test")
+
+    def test_every_link_leads_to_a_file(self):
+        links = 0
+        for document in DOCUMENTS:
+            for target in re.findall(r"\]\(([^)#]+)\)", document.read_text()):
+                links += 1
+                with self.subTest(document=document.name, target=target):
+                    self.assertTrue((document.parent / target).exists())
+        self.assertGreater(links, 10)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,222 @@
+"""The exit status of every subcommand under every condition, and what it says then: one line, also as JSON."""
+import contextlib
+import os
+import pathlib
+import subprocess
+import unittest
+
+import support
+from support import ToolTest, path
+
+READING = {
+    "status": ["status"],
+    "list": ["list"],
+    "get": ["get", "cluster/clstat"],
+    "query": ["query", "cluster/clstat=0"],
+    "verify": ["verify"],
+    "describe hb": ["describe", "hb", "lan", "lanhb1"],
+    "describe np": ["describe", "np", "ping", "pingnp1"],
+    "describe fst": ["describe", "fst"],
+}
+LIVE = {
+    "dump": ["dump", "-"],
+    "wait": ["wait", "cluster/clstat=0", "--timeout", "1"],
+}
+CHANGING = {
+    "set": ["set", "cluster/clstat", "1"],
+    "add server": ["add", "server", "delta", "3"],
+    "add hb": ["add", "hb", "lan", "lanhb2", "3"],
+    "add fst": ["add", "fst", "agent", "0", "1"],
+    "modify server": ["modify", "server", "alpha", "5"],
+    "modify hb": ["modify", "hb", "lan", "lanhb1", "5"],
+    "modify np": ["modify", "np", "ping", "pingnp1", "5"],
+    "describe": ["describe", "fst", "text"],
+    "simulate on": ["simulate", "on", "alpha"],
+    "simulate off": ["simulate", "off"],
+    "remove server": ["remove", "server", "gamma"],
+    "remove hb": ["remove", "hb", "disk", "diskhb1"],
+    "remove np": ["remove", "np", "majority", "majoritynp1"],
+    "clear": ["clear", "--yes"],
+}
+# What ends only when it is told to, or does without a region.
+WATCHING = {"watch": ["watch", "--from-start"]}
+NOTHING_FOUND = {
+    "list": ["list", "servers/nobody"],
+    "get": ["get", "servers/nobody/pri"],
+    "query": ["query", "cluster/clstat=1"],
+    "set": ["set", "servers/nobody/pri", "1"],
+    "remove server": ["remove", "server", "nobody"],
+    "remove hb": ["remove", "hb", "lan", "nobody"],
+    "remove np": ["remove", "np", "lan", "nobody"],
+    "modify server": ["modify", "server", "nobody", "1"],
+    "modify hb": ["modify", "hb", "lan", "nobody", "1"],
+    "modify np": ["modify", "np", "lan", "nobody", "1"],
+    "describe hb": ["describe", "hb", "lan", "nobody"],
+    "simulate on": ["simulate", "on", "nobody"],
+}
+WRONG = {
+    "nothing": [],
+    "no such command": ["bogus"],
+    "status": ["status", "--bogus"],
+    "status, two files": ["status", "a", "b"],
+    "status --watch": ["status", "--watch", "soon"],
+    "list": ["list", "a", "b"],
+    "get": ["get"],
+    "set": ["set"],
+    "set, half a pair": ["set", "cluster/clstat"],
+    "set, no number": ["set", "cluster/clstat", "much"],
+    "add": ["add"],
+    "add server": ["add", "server", "delta"],
+    "add server, no number": ["add", "server", "delta", "first"],
+    "modify hb": ["modify", "hb", "lan"],
+    "describe": ["describe", "hb", "lan"],
+    "simulate": ["simulate"],
+    "clear": ["clear"],
+    "query": ["query"],
+    "query, no condition": ["query", "cluster/clstat="],
+    "wait": ["wait", "cluster/clstat=0", "--timeout", "soon"],
+    "watch": ["watch", "--interval", "often"],
+    "dump": ["dump"],
+    "lock": ["lock"],
+    "format": ["status", "--format", "xml"],
+    "lock time": ["--lock-timeout", "soon", "status"],
+}
+
+
+GROUPS = ("add", "remove", "modify", "describe", "simulate")
+
+
+def in_json(command):
+    """The same command asking for JSON."""
+    words = 2 if command and command[0] in GROUPS else 1
+    return command[:words] + ["--format", "json"] + command[words:]
+
+
+class Contract(ToolTest):
+    def expect(self, status, cases):
+        """Every case twice: with an error of one line of text, and of one document of JSON."""
+        for name, command in cases.items():
+            for form in ("text", "json"):
+                with self.subTest(name, form=form):
+                    self.expect_one(status, command if form == "text" else in_json(command))
+
+    def expect_one(self, status, command):
+        result = self.tool(*command)
+        self.assertEqual(result.status, status, result)
+        if status == 0:
+            self.assertEqual(result.err, "")
+        elif "json" in command:
+            # That a condition does not hold, and what verify finds, is an answer and no error.
+            self.assertEqual((result.error if result.err else result.json | {"status": status})["status"], status)
+        elif result.err or status != 1:
+            self.assertRegex(result.err, r"\Ashmnmctl: [ -~]+\n\Z")
+
+    def test_0_when_it_is_done(self):
+        self.cluster()
+        self.expect(0, READING | {"wait": LIVE["wait"]})
+        self.assertEqual(self.tool(*LIVE["dump"]).status, 0)
+        for name, command in CHANGING.items():
+            self.assertEqual(self.tool(*command).status, 0, name)
+        self.assertEqual(self.tool("lock", "--", *support.program("shmnmctl"), "--version").status, 0)
+
+    def test_0_for_help_and_version(self):
+        for command in (["--help"], ["--version"], ["status", "--help"], ["add", "server", "--help"]):
+            result = self.tool(*command)
+            self.assertEqual((result.status, result.err), (0, ""))
+            self.assertNotEqual(result.out, "")
+
+    def test_1_when_nothing_is_found(self):
+        self.cluster()
+        self.expect(1, NOTHING_FOUND)
+
+    def test_2_for_wrong_usage_before_anything_is_looked_at(self):
+        self.expect(2, WRONG)
+
+    def test_3_without_a_region(self):
+        self.expect(3, READING | LIVE | CHANGING | WATCHING)
+
+    def test_4_while_the_lock_is_held(self):
+        api = self.cluster()
+        api.ok("shmnm_rwlock", 0)
+        cases = {name: ["--lock-timeout", "30"] + command for name, command in (READING | CHANGING | {"dump": LIVE["dump"]}).items()}
+        for name, command in cases.items():
+            with self.subTest(name):
+                result = self.tool(*command)
+                self.assertEqual(result.status, 4, result)
+                self.assertIn("the lock did not come within 30 ms", result.err)
+        self.assertEqual(self.tool("lock", "--timeout", "30", "--", *support.program("shmnmctl"), "--version").status, 4)
+        self.assertEqual(self.tool("wait", "cluster/clstat=1", "--timeout", "100ms").status, 4)
+
+    def test_4_when_what_is_waited_for_does_not_come(self):
+        self.cluster()
+        self.expect(4, {"wait": ["wait", "cluster/clstat=1", "--timeout", "50ms"]})
+
+    def test_5_when_the_region_belongs_to_another_user(self):
+        with self.foreign_objects():
+            self.expect(5, READING | LIVE | CHANGING | WATCHING)
+            self.assertEqual(self.tool("lock", "--", *support.program("shmnmctl"), "--version").status, 5)
+
+    @contextlib.contextmanager
+    def foreign_objects(self):
+        if support.PLATFORM == "windows":
+            holder = subprocess.Popen(support.program("denied_objects"), stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment)
+            self.assertEqual(holder.stdout.readline().strip(), b"ready")
+            yield
+            holder.communicate()
+            return
+        self.cluster()
+        files = list(pathlib.Path("/dev/shm").glob(f"*/*{self.environment['KZMUTIL_NAMESPACE']}*"))
+        self.assertGreaterEqual(len(files), 2)
+        for file in files:
+            os.chown(file, 65534, 65534)
+        yield
+        for file in files:
+            os.chown(file, os.geteuid(), os.getegid())
+
+    def test_5_for_a_file_that_is_no_dump(self):
+        (self.folder / "cut").write_bytes(b"\0" * 1083)
+        (self.folder / "empty").write_bytes(b"")
+        for file in ("cut", "empty", "missing", "etc"):
+            name = path(self.folder / file)
+            cases = {command: READING[command] + (["--file", name] if command not in ("status", "verify") else [name]) for command in READING}
+            self.expect(5, cases)
+
+    @staticmethod
+    def writing():
+        """Commands that write to standard output. A condition and a healthy region are answered without a word of text."""
+        quiet = {name: in_json(READING[name]) for name in ("query", "verify")}
+        return READING | quiet | WATCHING | {"dump": LIVE["dump"]}
+
+    def test_5_when_the_reader_of_its_output_is_gone(self):
+        self.cluster()
+        for name, command in self.writing().items():
+            with self.subTest(name):
+                read, write = os.pipe()
+                os.close(read)
+                with os.fdopen(write, "wb") as output:
+                    result = self.tool(*command, stdout=output)
+                self.assertEqual(result.status, 5, result)
+                self.assertIn("standard output is not written to: its reader has closed it", result.err)
+
+    def test_5_when_the_disk_is_full(self):
+        self.cluster()
+        for name, command in self.writing().items():
+            with self.subTest(name), open("/dev/full", "wb") as output:
+                result = self.tool(*command, stdout=output)
+                self.assertEqual(result.status, 5, result)
+                self.assertIn("standard output is not written to", result.err)
+        self.assertEqual(self.tool("dump", path("/dev/full")).status, 5)
+        self.assertEqual(self.tool("dump", path(self.folder / "no such folder/dump")).status, 5)
+
+    def test_5_when_the_library_refuses(self):
+        self.cluster()
+        refused = {
+            "add server": ["add", "server", "alpha", "0"],
+            "set": ["set", "cluster/alive", "1"],
+            "describe": ["describe", "np", "majority", "majoritynp1", "text"],
+        }
+        self.expect(5, refused)
+
+
+if __name__ == "__main__":
+    support.main()
