@@ -1,41 +1,52 @@
 #include "escape.h"
 
+#include <array>
 #include <charconv>
 
 namespace shmnmctl {
 namespace {
 
-bool is_plain(char byte) {
+/// For each byte whether it stays as it is.
+using Stays = std::array<bool, 256>;
+
+constexpr Stays every(bool (*stays)(char)) {
+    Stays all{};
+    for (size_t byte = 0; byte < all.size(); ++byte) all[byte] = stays(static_cast<char>(byte));
+    return all;
+}
+
+constexpr Stays plain = every([](char byte) {
     return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
            std::string_view("-_.:@+,").find(byte) != std::string_view::npos;
-}
+});
+constexpr Stays in_print = every([](char byte) { return byte >= ' ' && byte <= '~' && byte != '%'; });
 
-bool is_printable(char byte) {
-    return byte >= ' ' && byte <= '~' && byte != '%';
-}
-
-std::string escaped_unless(bool (*stays)(char), std::string_view bytes) {
+std::string escaped_unless(const Stays& stays, std::string_view bytes) {
     constexpr char digits[] = "0123456789ABCDEF";
-    std::string text;
+    std::string text(3 * bytes.size(), '\0');
+    char* end = text.data();
     for (const char byte : bytes) {
-        if (stays(byte)) {
-            text += byte;
+        const auto number = static_cast<unsigned char>(byte);
+        if (stays[number]) {
+            *end++ = byte;
         } else {
-            const auto number = static_cast<unsigned char>(byte);
-            text += {'%', digits[number >> 4], digits[number & 15]};
+            *end++ = '%';
+            *end++ = digits[number >> 4];
+            *end++ = digits[number & 15];
         }
     }
+    text.resize(static_cast<size_t>(end - text.data()));
     return text;
 }
 
 }  // namespace
 
 std::string escaped(std::string_view bytes) {
-    return escaped_unless(is_plain, bytes);
+    return escaped_unless(plain, bytes);
 }
 
 std::string printable(std::string_view bytes) {
-    return escaped_unless(is_printable, bytes);
+    return escaped_unless(in_print, bytes);
 }
 
 std::optional<std::string> unescaped(std::string_view text) {

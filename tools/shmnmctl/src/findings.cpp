@@ -62,14 +62,21 @@ class Slots {
     /// @param[in] others  what other tables write to
     Slots(uint64_t start, uint64_t step, uint64_t count, const Ranges& others)
         : start_(start), step_(step), shared_(intersections({start, start + step * count}, others)) {
-        last_.fill(-1);
+        if (shared_.empty()) return;
+        std::array<int64_t, record_size + 1> last;
+        last.fill(-1);
         for (const Range& range : shared_) {
             // The last step of a range has each byte of a record that any of it has.
             for (uint64_t at = std::max(range.begin, range.end - std::min(range.end, step_)); at < range.end; ++at) {
                 const uint64_t field = (at - start_) % step_;
                 if (field >= record_size) continue;
-                last_[field] = std::max(last_[field], static_cast<int64_t>((at - start_) / step_));
+                last[field] = std::max(last[field], static_cast<int64_t>((at - start_) / step_));
             }
+        }
+        for (uint64_t begin = 0, end = 1; end <= record_size; ++end) {
+            if (last[end] == last[begin] && end < record_size) continue;
+            if (last[begin] >= 0) shared_fields_.push_back({{begin, end}, last[begin]});
+            begin = end;
         }
     }
 
@@ -80,20 +87,22 @@ class Slots {
     /// where removals have moved it down.
     Ranges doubtful(int32_t position) const {
         Ranges ranges;
-        if (shared_.empty()) return ranges;
-        for (uint64_t field = 0; field < record_size; ++field) {
-            if (last_[field] < position) continue;
-            const uint64_t byte = at(position) + field;
-            if (ranges.empty() || ranges.back().end != byte) ranges.push_back({byte, byte});
-            ranges.back().end = byte + 1;
+        for (const SharedField& field : shared_fields_) {
+            if (field.last < position) continue;
+            ranges.push_back({at(position) + field.bytes.begin, at(position) + field.bytes.end});
         }
         return ranges;
     }
 
   private:
+    struct SharedField {
+        Range bytes;   ///< of a record
+        int64_t last;  ///< the last position where they are shared
+    };
+
     uint64_t start_, step_;
     Ranges shared_;
-    std::array<int64_t, record_size> last_;  ///< by byte of a record: the last position where it is shared; or -1
+    std::vector<SharedField> shared_fields_;
 };
 
 class Search {

@@ -16,21 +16,19 @@ namespace shmnmctl {
 namespace {
 
 Exit list(const Context& context, const std::string& prefix) {
-    Json listed = Json::object();
-    std::string text;
-    for (const Word& word : words(decode(look(context)))) {
-        if (!is_below(word.key, prefix)) continue;
-        listed[word.key] = to_json(word.value);
-        text += fmt::format("{} {}\n", word.key, word.value.to_text());
-    }
+    std::vector<Word> listed = words(decode(look(context)));
+    std::erase_if(listed, [&](const Word& word) { return !is_below(word.key, prefix); });
     if (listed.empty()) {
         throw Failure(Exit::no,
                       fmt::format("nothing lies below {}; \"shmnmctl list\" shows all keys", printable(prefix)));
     }
+    std::string text;
     if (context.json()) {
         Json answer = document("list");
-        answer["words"] = std::move(listed);
+        answer["words"] = to_json(listed);
         text = line(answer);
+    } else {
+        for (const Word& word : listed) text += fmt::format("{} {}\n", word.key, word.value.to_text());
     }
     write_output(text);
     return Exit::done;

@@ -13,6 +13,16 @@ int32_t visible(const Snapshot& snapshot, uint64_t start, int64_t step, uint64_t
     return more < static_cast<uint64_t>(count) ? static_cast<int32_t>(more) + 1 : count;
 }
 
+/// How far damaged counts are followed: more records, and more pairs of a resource and a server, than clusters have.
+constexpr int32_t most_records = 512;
+constexpr uint64_t most_pairs = 4096;
+
+/// A count of records, but no more than their table has room for; than `most_records`, if nobody knows its room.
+int32_t followed(int32_t count, const Snapshot& snapshot, const Layout& layout, int64_t room) {
+    const bool known = layout.size == snapshot.bytes.size();
+    return static_cast<int32_t>(std::min<int64_t>(count, known ? std::max<int64_t>(room, most_records) : most_records));
+}
+
 /// Words from a place on, as many of `count` as lie in the copy.
 std::vector<uint32_t> words(const Snapshot& snapshot, uint64_t offset, uint64_t count) {
     if (offset >= snapshot.bytes.size()) return {};
@@ -49,13 +59,19 @@ Server server_at(const Snapshot& snapshot, const shmnm_header& header, uint64_t 
 }
 
 std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture, uint64_t table, int32_t count,
-                                bool has_network_rows) {
+                                int32_t room, bool has_network_rows) {
     const int64_t stride = picture.header.max_servers;
     const int64_t step = static_cast<int64_t>(sizeof(shmnm_resource)) + stride * static_cast<int64_t>(sizeof(uint32_t));
     // A row has as many words as the header allows servers; there may be more servers in a damaged region.
     const uint64_t columns = stride < 0 ? 0 : std::min(static_cast<uint64_t>(stride), uint64_t{picture.servers.size()});
+    // A table has a reserve of 584 bytes for each of its pairs.
+    const uint64_t pairs = std::max<uint64_t>(snapshot.bytes.size() / sizeof(shmnm_resource), most_pairs);
+    const uint64_t rows = picture.servers.empty() ? INT32_MAX : pairs / picture.servers.size();
+    count = followed(count, snapshot, picture.layout, room);
+    const auto most = static_cast<int32_t>(std::min<uint64_t>(rows, INT32_MAX));
+    const int32_t all = std::min(visible(snapshot, table, step, sizeof(shmnm_resource), count), most);
     std::vector<Resource> found;
-    for (int32_t i = 0, all = visible(snapshot, table, step, sizeof(shmnm_resource), count); i < all; ++i) {
+    for (int32_t i = 0; i < all; ++i) {
         const uint64_t at = table + static_cast<uint64_t>(i) * static_cast<uint64_t>(step);
         Resource resource;
         resource.name = snapshot.text(at, sizeof(shmnm_resource::name));
@@ -115,21 +131,22 @@ Picture decode(const Snapshot& snapshot) {
     std::memcpy(&header, snapshot.bytes.data(), sizeof header);
     const Layout& layout = picture.layout;
 
-    const int32_t servers =
-        visible(snapshot, layout.servers, sizeof(shmnm_server), sizeof(shmnm_server), header.server_count);
+    const Counts& room = snapshot.counts;
+    const int32_t servers = visible(snapshot, layout.servers, sizeof(shmnm_server), sizeof(shmnm_server),
+                                    followed(header.server_count, snapshot, layout, room.servers));
     for (int32_t i = 0; i < servers; ++i) {
         picture.servers.push_back(
             server_at(snapshot, header, layout.servers + sizeof(shmnm_server) * static_cast<uint64_t>(i)));
     }
-    picture.hb = resources(snapshot, picture, layout.hb, header.hb_count, true);
-    picture.np = resources(snapshot, picture, layout.np, header.np_count, false);
+    picture.hb = resources(snapshot, picture, layout.hb, header.hb_count, room.hb, true);
+    picture.np = resources(snapshot, picture, layout.np, header.np_count, room.np, false);
     if (snapshot.counts.fst > 0 && snapshot.holds(layout.fst, sizeof(shmnm_resource))) {
         picture.fst = Fst{.stat = snapshot.word(layout.fst + offsetof(shmnm_resource, stat)),
                           .descript = description(snapshot, layout.fst),
                           .offset = layout.fst};
     }
-    const int32_t pids =
-        visible(snapshot, layout.fst_pids, sizeof(shmnm_fst_pid), sizeof(shmnm_fst_pid), header.fst_pid_count);
+    const int32_t pids = visible(snapshot, layout.fst_pids, sizeof(shmnm_fst_pid), sizeof(shmnm_fst_pid),
+                                 followed(header.fst_pid_count, snapshot, layout, int64_t{room.servers} * room.fst));
     for (int32_t i = 0; i < pids; ++i) {
         picture.fst_pids.push_back(
             fst_pid_at(snapshot, layout.fst_pids + sizeof(shmnm_fst_pid) * static_cast<uint64_t>(i)));

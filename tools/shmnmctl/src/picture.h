@@ -59,6 +59,7 @@ struct Picture {
     bool is_any_alive() const;
 };
 
+/// Counts that the copy contradicts are followed for some hundred records, so that every copy is decoded soon.
 Picture decode(const Snapshot& snapshot);
 
 /// The combined state, by the table of shmnm_getnodecombstat().

@@ -1,6 +1,7 @@
 #include "picture_json.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "escape.h"
 
@@ -33,20 +34,37 @@ Json region(const Snapshot& snapshot, const Picture& picture) {
             {"fst_pid_count", header.fst_pid_count}};
 }
 
+/// An object of many, built member by member: as a list of lists each member would be built several times.
+class Object {
+  public:
+    explicit Object(size_t members) { members_.reserve(members); }
+    template <typename Type>
+    Object& add(const char* name, Type&& value) {
+        members_.emplace_back(name, std::forward<Type>(value));
+        return *this;
+    }
+    Json take() { return std::move(members_); }
+
+  private:
+    Json::object_t members_;
+};
+
 Json servers(const Picture& picture) {
     Json all = Json::array();
     for (const Server& server : picture.servers) {
-        all.push_back({{"name", escaped(server.name)},
-                       {"pri", server.pri},
-                       {"nodestat", server.nodestat},
-                       {"nodestat_nw", server.nodestat_nw},
-                       {"downnotifystat", server.downnotifystat},
-                       {"isolateflag", server.isolateflag},
-                       {"pingstat", server.pingstat},
-                       {"holdstat", server.holdstat},
-                       {"dfailstatus", server.dfailstatus},
-                       {"combstat", to_json(Value(server.combstat))},
-                       {"alive", server.is_alive()}});
+        all.push_back(Object(11)
+                          .add("name", escaped(server.name))
+                          .add("pri", server.pri)
+                          .add("nodestat", server.nodestat)
+                          .add("nodestat_nw", server.nodestat_nw)
+                          .add("downnotifystat", server.downnotifystat)
+                          .add("isolateflag", server.isolateflag)
+                          .add("pingstat", server.pingstat)
+                          .add("holdstat", server.holdstat)
+                          .add("dfailstatus", server.dfailstatus)
+                          .add("combstat", to_json(Value(server.combstat)))
+                          .add("alive", server.is_alive())
+                          .take());
     }
     return all;
 }
@@ -54,11 +72,15 @@ Json servers(const Picture& picture) {
 Json resources(const std::vector<Resource>& resources, bool has_network_rows) {
     Json all = Json::array();
     for (const Resource& resource : resources) {
-        Json one = {
-            {"type", escaped(resource.type)}, {"name", escaped(resource.name)},         {"pri", resource.pri},
-            {"stat", resource.stat},          {"descript", escaped(resource.descript)}, {"svstat", resource.svstat}};
-        if (has_network_rows) one["network"] = resource.network;
-        all.push_back(std::move(one));
+        Object one(7);
+        one.add("type", escaped(resource.type))
+            .add("name", escaped(resource.name))
+            .add("pri", resource.pri)
+            .add("stat", resource.stat)
+            .add("descript", escaped(resource.descript))
+            .add("svstat", resource.svstat);
+        if (has_network_rows) one.add("network", resource.network);
+        all.push_back(one.take());
     }
     return all;
 }
@@ -76,7 +98,8 @@ Json fst(const Picture& picture) {
     for (const FstPid& record : picture.fst_pids) {
         Json data = Json::array();
         for (const uint64_t value : record.piddata) data.push_back(std::to_string(value));
-        pids.push_back({{"name", escaped(record.name)}, {"pid", record.pid}, {"piddata", std::move(data)}});
+        pids.push_back(
+            Object(3).add("name", escaped(record.name)).add("pid", record.pid).add("piddata", std::move(data)).take());
     }
     Json one = {{"stat", nullptr}, {"descript", nullptr}, {"pids", std::move(pids)}};
     if (picture.fst) {
@@ -93,6 +116,14 @@ Json to_json(const Value& value) {
     if (const auto number = value.to_int32()) return *number;
     if (const auto number = value.to_uint64()) return *number <= exact ? Json(*number) : Json(value.to_text());
     return nullptr;
+}
+
+Json to_json(const std::vector<Word>& words) {
+    Json::object_t listed;
+    listed.reserve(words.size());
+    // Each key is there once, which an insertion would look for again.
+    for (const Word& word : words) listed.emplace_back(word.key, to_json(word.value));
+    return listed;
 }
 
 Json to_json(const Snapshot& snapshot, const Picture& picture) {

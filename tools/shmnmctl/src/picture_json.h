@@ -14,4 +14,7 @@ Json to_json(const Snapshot& snapshot, const Picture& picture);
 /// would round them.
 Json to_json(const Value& value);
 
+/// The values of words by their keys.
+Json to_json(const std::vector<Word>& words);
+
 }  // namespace shmnmctl

@@ -96,6 +96,8 @@ class Page {
     }
 
     void blank() { text_ += "\n"; }
+    /// Whether the cells' keys are looked at.
+    bool needs_keys() const { return before_.is_known(); }
     std::string take() { return std::move(text_); }
 
   private:
@@ -203,26 +205,37 @@ void add_servers(Page& page, const Picture& picture) {
     page.table(rows, 1);
 }
 
-std::vector<Cell> row(const std::string& title, const Cell& pri, const Cell& stat, const Picture& picture,
-                      const std::string& key, const std::vector<uint32_t>& states) {
+/// @param[in] servers  the escaped names
+std::vector<Cell> row(const std::string& title, const Cell& pri, const Cell& stat,
+                      const std::vector<std::string>& servers, const std::string& key,
+                      const std::vector<uint32_t>& states, bool needs_keys) {
     std::vector<Cell> cells = {{title, ""}, pri, stat};
-    for (size_t i = 0; i < picture.servers.size(); ++i) {
-        cells.push_back(i < states.size() ? number(states[i], key + "/" + escaped(picture.servers[i].name))
-                                          : Cell{"-", ""});
+    cells.reserve(cells.size() + servers.size());
+    for (size_t i = 0; i < servers.size(); ++i) {
+        if (i >= states.size()) {
+            cells.push_back({"-", ""});
+        } else {
+            cells.push_back(number(states[i], needs_keys ? key + "/" + servers[i] : std::string()));
+        }
     }
     return cells;
 }
 
 void add_resources(Page& page, const char* table, const Picture& picture, const std::vector<Resource>& resources,
                    bool has_network_rows) {
+    std::vector<std::string> servers;
+    for (const Server& server : picture.servers) servers.push_back(escaped(server.name));
     std::vector<std::vector<Cell>> rows = {{heading(table), heading("pri"), heading("stat")}};
-    for (const Server& server : picture.servers) rows[0].push_back(heading(escaped(server.name)));
+    for (const std::string& server : servers) rows[0].push_back(heading(server));
+    const bool keys = page.needs_keys();
     for (const Resource& resource : resources) {
         const std::string name = escaped(resource.type) + "/" + escaped(resource.name);
         const std::string key = std::string(table) + "/" + name;
-        rows.push_back(row(name, number(resource.pri, key + "/pri"), number(resource.stat, key + "/stat"), picture,
-                           key + "/svstat", resource.svstat));
-        if (has_network_rows) rows.push_back(row("  network", {}, {}, picture, key + "/network", resource.network));
+        rows.push_back(row(name, number(resource.pri, key + "/pri"), number(resource.stat, key + "/stat"), servers,
+                           key + "/svstat", resource.svstat, keys));
+        if (has_network_rows) {
+            rows.push_back(row("  network", {}, {}, servers, key + "/network", resource.network, keys));
+        }
     }
     page.table(rows, 3);
 }
