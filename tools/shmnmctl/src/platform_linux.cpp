@@ -84,7 +84,7 @@ const char* state_text(char letter) {
 
 }  // namespace
 
-const char* const library_file = "libkzmshmnm.so";
+const char* const library_file = "libkzmshmnm.so.1";
 
 void* load_module(const char* file) {
     std::error_code error;
