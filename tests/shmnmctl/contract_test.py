@@ -117,7 +117,7 @@ class Contract(ToolTest):
         self.assertEqual(self.tool(*LIVE["dump"]).status, 0)
         for name, command in CHANGING.items():
             self.assertEqual(self.tool(*command).status, 0, name)
-        self.assertEqual(self.tool("lock", "--", *support.program("shmnmctl"), "--version").status, 0)
+        self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 0)
 
     def test_0_for_help_and_version(self):
         for command in (["--help"], ["--version"], ["status", "--help"], ["add", "server", "--help"]):
@@ -144,7 +144,7 @@ class Contract(ToolTest):
                 result = self.tool(*command)
                 self.assertEqual(result.status, 4, result)
                 self.assertIn("the lock did not come within 30 ms", result.err)
-        self.assertEqual(self.tool("lock", "--timeout", "30", "--", *support.program("shmnmctl"), "--version").status, 4)
+        self.assertEqual(self.tool("lock", "--timeout", "30", "--", *support.native_program("shmnmctl"), "--version").status, 4)
         self.assertEqual(self.tool("wait", "cluster/clstat=1", "--timeout", "100ms").status, 4)
 
     def test_4_when_what_is_waited_for_does_not_come(self):
@@ -154,7 +154,7 @@ class Contract(ToolTest):
     def test_5_when_the_region_belongs_to_another_user(self):
         with self.foreign_objects():
             self.expect(5, READING | LIVE | CHANGING | WATCHING)
-            self.assertEqual(self.tool("lock", "--", *support.program("shmnmctl"), "--version").status, 5)
+            self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 5)
 
     @contextlib.contextmanager
     def foreign_objects(self):

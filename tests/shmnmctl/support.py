@@ -32,6 +32,11 @@ def program(name):
     return [str(FOLDER / name)]
 
 
+def native_program(name):
+    """The command line by which a program of the platform starts another one."""
+    return [path(FOLDER / f"{name}.exe")] if PLATFORM == "windows" else program(name)
+
+
 def path(name):
     """A file's name as a program of the platform takes it."""
     return "Z:" + str(name).replace("/", "\\") if PLATFORM == "windows" else str(name)
@@ -171,6 +176,8 @@ class ToolTest(unittest.TestCase):
         def finish():
             if process.poll() is None:
                 process.kill()
+            if process.stdin and process.stdin.closed:
+                process.stdin = None
             process.communicate()
 
         self.addCleanup(finish)

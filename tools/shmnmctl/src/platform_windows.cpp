@@ -10,6 +10,12 @@
 #include "failure.h"
 #include "platform.h"
 
+// A * in an argument is for a condition; the run time must not look for files of that name.
+extern "C" {
+extern int _dowildcard;
+int _dowildcard = 0;
+}
+
 namespace shmnmctl::platform {
 namespace {
 

@@ -1,0 +1,163 @@
+"""lock: a command runs under the region's lock, and who holds it is told."""
+import os
+import signal
+import subprocess
+import time
+
+import support
+from support import ToolTest, path
+
+
+
+def tool_as_command(*arguments):
+    """The tool itself, as a command to be run under the lock."""
+    return ["--"] + support.native_program("shmnmctl") + list(arguments)
+
+
+class Locking(ToolTest):
+    def test_the_command_runs_while_the_lock_is_held(self):
+        api = self.api()
+        holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
+        # The command answers, so it runs; it is not the owner and does not get the lock.
+        holder.stdin.write(b"shmnm_rwlock 0\n")
+        holder.stdin.flush()
+        self.assertEqual(holder.stdout.readline().strip(), b"17")
+        self.assertEqual(api.call("shmnm_rwlock", 0)[0], 17)
+        holder.stdin.close()
+        self.assertEqual(holder.wait(), 0)
+        api.ok("shmnm_rwlock", 0)
+        api.ok("shmnm_rwunlock")
+
+    def test_it_ends_as_the_command_ended(self):
+        self.assertEqual(self.tool("lock", *tool_as_command("--version")).status, 0)
+        self.assertEqual(self.tool("lock", *tool_as_command("status")).status, 3)
+        result = subprocess.run(
+            support.program("shmnmctl") + ["lock"] + tool_as_command("get"), env=self.environment, capture_output=True
+        )
+        self.assertEqual(result.returncode, 2)
+
+    def test_a_command_that_cannot_be_started_is_named_and_leaves_the_lock_free(self):
+        result = self.tool("lock", "--", "no-such-command-at-all")
+        self.assertEqual(result.status, 5)
+        self.assertIn("no-such-command-at-all cannot be run", result.err)
+        self.assertEqual(self.tool("lock", "--who").status, 1)
+
+    def test_arguments_reach_the_command_unchanged(self):
+        odd = ["two words", 'quo"te', "back\\slash", 'both\\"', "trailing\\", "", "tab\there", "%PATH%", "*"]
+        self.cluster()
+        dump = path(self.folder / "picture.dump")
+        self.assertEqual(self.tool("dump", dump).status, 0)
+        for argument in odd:
+            with self.subTest(argument):
+                # A key that does not exist is named in the error. A dump is read, since the lock is taken.
+                command = ["get", "--file", dump, f"x{argument}"]
+                direct, locked = self.tool(*command), self.tool("lock", *tool_as_command(*command))
+                self.assertIn("there is no x", direct.err)
+                self.assertEqual((locked.status, locked.err), (1, direct.err))
+
+    def test_one_who_waits_too_long_is_told(self):
+        api = self.api()
+        api.ok("shmnm_rwlock", 0)
+        result = self.tool("lock", "--timeout", "50", *tool_as_command("--version"))
+        self.assertEqual((result.status, result.out), (4, ""))
+        self.assertIn("the lock did not come within 50 ms", result.err)
+
+    def test_who_holds_the_lock_is_told(self):
+        api = self.api()
+        free = self.tool("lock", "--who")
+        self.assertEqual(free.status, 1)
+        self.assertIn("nobody holds it", free.out)
+        document = self.tool("lock", "--who", "--format", "json").json
+        self.assertEqual((document["held"], document["holder"]), (False, None))
+        api.ok("shmnm_rwlock", 0)
+        self.assertEqual(self.tool("lock", "--who").status, 0)
+        self.assertTrue(self.tool("lock", "--who", "--format", "json").json["held"])
+
+    def test_a_command_or_the_question_is_needed_and_not_both(self):
+        self.assertEqual(self.tool("lock").status, 2)
+        self.assertEqual(self.tool("lock", "--who", "--", "x").status, 2)
+
+
+class LockingOnLinux(ToolTest):
+    """What only Linux tells, and signals."""
+
+    def test_the_holder_is_named_with_its_command_state_and_time(self):
+        api = self.api()
+        api.ok("shmnm_rwlock", 0)
+        holder = self.tool("lock", "--who", "--format", "json").json["holder"]
+        self.assertEqual((holder["process"], holder["thread"], holder["state"]), (api.process.pid, api.process.pid, "running"))
+        self.assertTrue(holder["command"].endswith("api_caller"), holder)
+        os.kill(api.process.pid, signal.SIGSTOP)
+        try:
+            while self.tool("lock", "--who", "--format", "json").json["holder"]["state"] != "stopped":
+                time.sleep(0.01)
+            self.assertIn(", stopped) since ", self.tool("lock", "--timeout", "20", *tool_as_command("--version")).err)
+        finally:
+            os.kill(api.process.pid, signal.SIGCONT)
+
+    def test_a_take_over_from_a_killed_holder_is_counted(self):
+        witness = self.api()
+        witness.ok("shmnm_rolock", 0)
+        witness.ok("shmnm_rounlock")
+        api = self.api()
+        api.ok("shmnm_rwlock", 0)
+        api.kill()
+        self.assertEqual(self.tool("lock", *tool_as_command("--version")).status, 0)
+        self.assertEqual(self.tool("lock", "--who", "--format", "json").json["takeovers"], 1)
+        self.assertIn("taken over 1 time from an owner that ended, last at 20", self.tool("lock", "--who").out)
+
+    def test_the_name_of_a_holder_reaches_no_terminal_unescaped(self):
+        environment = dict(self.environment)
+        script = (
+            "import ctypes, sys; library = ctypes.CDLL(sys.argv[1]); library.shmnm_rwlock(0);"
+            "print('held', flush=True); sys.stdin.read()"
+        )
+        holder = subprocess.Popen(
+            ["/usr/bin/python3", "-c", script, str(support.FOLDER / "libkzmshmnm.so"), "\x1b]0;evil\x07"],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            env=environment,
+        )
+        try:
+            self.assertEqual(holder.stdout.readline(), b"held\n")
+            told = self.tool("lock", "--who")
+            self.assertEqual(told.status, 0)
+            self.assertNotIn("\x1b", told.out)
+            self.assertIn("%1B]0;evil%07", told.out)
+        finally:
+            holder.communicate()
+
+    def test_the_end_of_a_command_by_a_signal_is_told_as_shells_do(self):
+        self.assertEqual(self.tool("lock", "--", "sh", "-c", "kill -9 $$").status, 128 + signal.SIGKILL)
+        self.assertEqual(self.tool("lock", "--", "sh", "-c", "exit 7").status, 7)
+
+    def test_a_request_to_end_is_passed_on_to_the_command(self):
+        holder = self.start("lock", "--", "sh", "-c", "trap 'echo told; exit 3' TERM; echo ready; while :; do sleep 0.01; done")
+        self.assertEqual(holder.stdout.readline(), b"ready\n")
+        holder.send_signal(signal.SIGTERM)
+        self.assertEqual(holder.stdout.readline(), b"told\n")
+        self.assertEqual(holder.wait(), 3)
+        self.assertEqual(self.tool("lock", "--who").status, 1)
+
+    def test_an_interrupt_is_left_to_the_command(self):
+        holder = self.start(
+            "lock", "--", "sh", "-c", "trap 'echo interrupted; exit 4' INT; echo ready; while :; do sleep 0.01; done", start_new_session=True
+        )
+        self.assertEqual(holder.stdout.readline(), b"ready\n")
+        # As a terminal sends it: to all of the foreground.
+        os.killpg(holder.pid, signal.SIGINT)
+        self.assertEqual(holder.stdout.readline(), b"interrupted\n")
+        self.assertEqual(holder.wait(), 4)
+
+    def test_the_lock_of_a_killed_tool_is_taken_over_while_its_command_goes_on(self):
+        api = self.api()
+        holder = self.start("lock", "--", "sh", "-c", "echo ready; read line", stdin=subprocess.PIPE)
+        self.assertEqual(holder.stdout.readline(), b"ready\n")
+        holder.kill()
+        api.ok("shmnm_rwlock", 10_000)
+        api.ok("shmnm_rwunlock")
+        holder.stdin.close()
+
+
+if __name__ == "__main__":
+    support.main()

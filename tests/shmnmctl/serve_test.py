@@ -1,0 +1,183 @@
+"""serve: the creator of the region, as a service and in scripts."""
+import signal
+import socket
+import subprocess
+
+import support
+from support import ToolTest, path
+
+MEMBERS = (
+    '<server name="alpha" priority="0"/><server name="beta" priority="-1"/>'
+    '<hb type="lan" name="lanhb1" priority="4294967295"/><hb type="disk" name="diskhb1" priority="1"/>'
+    '<np type="ping" name="pingnp1" priority="0"/>'
+)
+
+
+class ServeTest(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.configure(MEMBERS, **self.COUNTS)
+
+    def serve(self, *arguments):
+        """Starts the creator and waits until it is ready; its input is what ends it."""
+        process = self.start("serve", "--until-eof", *arguments, stdin=subprocess.PIPE)
+        self.ready = process.stdout.readline().decode().strip()
+        self.assertTrue(self.ready, process.stderr.read() if process.poll() is not None else "")
+        return process
+
+    def end(self, process):
+        process.stdin.close()
+        self.assertEqual(process.wait(), 0)
+
+
+class Serving(ServeTest):
+    def test_it_registers_the_members_and_says_that_it_is_ready(self):
+        process = self.serve()
+        prefix = self.environment["KZMUTIL_NAMESPACE"]
+        self.assertEqual(self.ready, f"ready: {prefix}oru_kzmshmnm_map with 2 servers, 2 hb and 1 np resources")
+        api = self.api()
+        api.ok("shmnm_attach")
+        self.assertEqual(api.ok("shmnm_enumnode"), ["alpha", "beta"])
+        self.assertEqual(api.ok("shmnm_getnodepri", "beta"), ["-1"])
+        self.assertEqual(api.ok("hb_names"), ["lanhb1", "diskhb1"])
+        self.assertEqual(api.ok("shmnm_gethbrscpri", "lan", "lanhb1"), ["4294967295"])
+        self.assertEqual(api.ok("np_names"), ["pingnp1"])
+        api.ok("shmnm_detach")
+        self.end(process)
+        self.assertEqual(self.tool("status").status, 3)
+
+    def test_ready_in_json(self):
+        process = self.serve("--format", "json")
+        (document,) = support.validated(self.ready)
+        self.assertEqual((document["servers"], document["hb"], document["np"]), (2, 2, 1))
+        self.end(process)
+
+    def test_beside_a_living_region_it_keeps_what_is_there_and_brings_priorities_up_to_date(self):
+        api = self.region()
+        api.ok("shmnm_addnode", "beta", 9)
+        api.ok("shmnm_addnode", "other", 3)
+        api.ok("shmnm_setnodestat", "beta", 77)
+        process = self.serve()
+        self.assertEqual(api.ok("shmnm_enumnode"), ["beta", "other", "alpha"])
+        self.assertEqual(api.ok("shmnm_getnodepri", "beta"), ["-1"])
+        self.assertEqual(api.ok("shmnm_getnodestat", "beta"), ["77"])
+        self.end(process)
+        # Nothing was taken out, and another process holds the region.
+        self.assertEqual(api.ok("shmnm_enumnode"), ["beta", "other", "alpha"])
+
+    def test_clean_takes_out_what_it_registered(self):
+        api = self.region()
+        api.ok("shmnm_addnode", "other", 3)
+        self.end(self.serve("--clean"))
+        self.assertEqual(api.ok("shmnm_enumnode"), ["other"])
+        self.assertEqual(api.ok("hb_names"), [])
+        self.assertEqual(api.ok("np_names"), [])
+
+    def test_another_file_may_name_the_members(self):
+        file = self.folder / "members.xml"
+        file.write_text((self.folder / "etc/cluster.xml").read_text().replace("alpha", "delta"))
+        process = self.serve("--config", path(file))
+        self.assertIn("servers/delta/pri 0", self.tool("list").lines)
+        self.end(process)
+
+    def refused(self, *arguments):
+        result = self.tool("serve", *arguments)
+        self.assertEqual((result.status, result.out), (5, ""), result)
+        self.assertEqual(self.tool("status").status, 3)
+        return result.err
+
+    def test_members_that_are_not_as_they_should_be_are_refused_before_there_is_a_region(self):
+        for members, said in (
+            ('<server priority="1"/>', "a server in /root/cluster has no name"),
+            ('<server name="a"/>', "a server in /root/cluster has no priority"),
+            ('<server name="a" priority="first"/>', 'the priority "first" of a server'),
+            ('<server name="a" priority="2147483648"/>', "is no 32-bit number"),
+            ('<hb type="lan" name="a" priority="-1"/>', "is no 32-bit number"),
+            ('<hb name="a" priority="1"/>', "a hb in /root/cluster has no type"),
+            ('<np type="t" name="" priority="1"/>', "a np in /root/cluster has no name"),
+            (f'<server name="{"n" * 256}" priority="1"/>', "is longer than 255 bytes"),
+            (f'<hb type="{"t" * 32}" name="a" priority="1"/>', "is longer than 31 bytes"),
+            ('<disk name="a" priority="1"/>', "has an element disk; server, hb and np are known"),
+            ('<server name="a" priority="1"/><server name="a" priority="2"/>', "has the server a twice"),
+            ("".join(f'<server name="s{i}" priority="1"/>' for i in range(5)), "has 5 server elements, and /root/all/num has room for 4"),
+            ("".join(f'<np type="t" name="n{i}" priority="1"/>' for i in range(3)), "has room for 2"),
+        ):
+            with self.subTest(members[:40]):
+                self.configure(members, **self.COUNTS)
+                self.assertIn(said, self.refused())
+
+    def test_a_file_that_is_missing_or_no_xml_is_refused(self):
+        self.assertIn("cannot be read", self.refused("--config", path(self.folder / "missing.xml")))
+        (self.folder / "broken.xml").write_text("<root><all></root>")
+        self.assertIn("no well-formed XML", self.refused("--config", path(self.folder / "broken.xml")))
+        (self.folder / "etc/cluster.xml").unlink()
+        self.assertIn("put the cluster's configuration there", self.refused())
+
+    def test_a_file_with_other_counts_than_the_installed_one_is_refused(self):
+        file = self.folder / "members.xml"
+        file.write_text((self.folder / "etc/cluster.xml").read_text())
+        self.configure(server=5, hbr=3, npr=2, fstr=1)
+        error = self.refused("--config", path(file))
+        self.assertIn("servers 4, hb 3, np 2, fst 1", error)
+        self.assertIn("servers 5, hb 3, np 2, fst 1", error)
+
+    def test_a_region_that_is_full_of_others_is_not_served(self):
+        api = self.region()
+        for name in "abcd":
+            api.ok("shmnm_addnode", name, 1)
+        result = self.tool("serve")
+        self.assertEqual(result.status, 5)
+        self.assertIn("alpha is not registered", result.err)
+
+
+class ServingOnLinux(ServeTest):
+    """Signals, the service manager, and an end without warning."""
+
+    def test_every_request_to_end_ends_it_in_good_order(self):
+        for request in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            with self.subTest(request):
+                process = self.start("serve")
+                self.assertTrue(process.stdout.readline().startswith(b"ready"))
+                process.send_signal(request)
+                self.assertEqual(process.wait(), 0)
+                self.assertEqual(self.tool("status").status, 3)
+
+    def test_the_end_of_its_input_alone_does_not_end_it(self):
+        process = self.start("serve", stdin=subprocess.DEVNULL)
+        self.assertTrue(process.stdout.readline().startswith(b"ready"))
+        self.assertEqual(self.tool("status").status, 0)
+        self.assertIsNone(process.poll())
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(), 0)
+
+    def test_killed_it_leaves_nothing_behind(self):
+        process = self.serve()
+        process.kill()
+        process.wait()
+        self.assertEqual(self.tool("status").status, 3)
+        self.end(self.serve())
+
+    def test_the_service_manager_is_told(self):
+        abstract = "\0" + self.environment["KZMUTIL_NAMESPACE"]
+        for address in (str(self.folder / "notify"), abstract):
+            with self.subTest(address), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+                manager.bind(address)
+                manager.settimeout(20)
+                self.environment["NOTIFY_SOCKET"] = address.replace("\0", "@")
+                process = self.serve()
+                self.assertEqual(manager.recv(100), b"READY=1")
+                self.end(process)
+                self.assertEqual(manager.recv(100), b"STOPPING=1")
+
+    def test_a_service_manager_that_is_gone_does_not_matter(self):
+        self.environment["NOTIFY_SOCKET"] = str(self.folder / "nobody")
+        self.end(self.serve())
+
+    def test_the_example_of_a_unit_names_the_command_and_its_kind(self):
+        unit = (support.PROJECT / "examples/shmnm.service").read_text()
+        self.assertIn("\nType=notify\n", unit)
+        self.assertIn("/shmnmctl serve\n", unit)
+
+
+if __name__ == "__main__":
+    support.main()
