@@ -949,6 +949,50 @@ TEST(KernelMutexInfo, CountsAndDatesTakeOvers) {
     }
 }
 
+TEST(KernelMutexInfo, CountsHowOftenItWasTakenByWhomeverButNotHowOftenItsOwnerTookItAgain) {
+    const Handle mutex(create_mutex(object_name()));
+    EXPECT_EQ(info_of(mutex.value).takes, 0u);
+    kzmkernel_wait(mutex.value, 0);
+    kzmkernel_wait(mutex.value, 0);
+    EXPECT_EQ(info_of(mutex.value).takes, 1u);
+    kzmkernel_release(mutex.value);
+    kzmkernel_release(mutex.value);
+    Forked owner([&] { kzmkernel_wait(mutex.value, 0); });
+    EXPECT_EQ(owner.wait(), 0);
+    EXPECT_EQ(info_of(mutex.value).takes, 2u);
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_ABANDONED});
+    EXPECT_EQ(info_of(mutex.value).takes, 3u);
+    kzmkernel_release(mutex.value);
+    EXPECT_EQ(info_of(mutex.value).takes, 3u);
+}
+
+TEST(KernelObjectNumber, IsOneForAllHandlesAndProcessesAndAnotherForItsSuccessor) {
+    Handle mapping(create_mapping(object_name()));
+    const uint64_t number = kzmkernel_object_number(mapping.value);
+    EXPECT_NE(number, 0u);
+    Handle again(create_mapping(object_name()));
+    EXPECT_EQ(kzmkernel_object_number(again.value), number);
+    Forked other([&] {
+        const Handle opened(kzmkernel_open_mapping(4, object_name().c_str()));
+        _exit(kzmkernel_object_number(opened.value) == number ? 0 : 1);
+    });
+    EXPECT_EQ(other.wait(), 0);
+    const Handle another(create_mapping(object_name() + "2"));
+    EXPECT_NE(kzmkernel_object_number(another.value), number);
+    mapping.close();
+    again.close();
+    const Handle successor(create_mapping(object_name()));
+    EXPECT_EQ(successor.error, 0u);
+    EXPECT_NE(kzmkernel_object_number(successor.value), number);
+}
+
+TEST(KernelObjectNumber, NeedsAnOpenHandle) {
+    EXPECT_EQ(kzmkernel_object_number(nullptr), 0u);
+    EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+    const Handle mutex(create_mutex(object_name()));
+    EXPECT_NE(kzmkernel_object_number(mutex.value), 0u);
+}
+
 TEST(KernelMutexInfo, NeedsAnOpenMutexAndAPlace) {
     const Handle mutex(create_mutex(object_name() + "1")), mapping(create_mapping(object_name() + "2"));
     kzmkernel_mutex_info info{};
