@@ -26,6 +26,15 @@ def all_tests():
     return names
 
 
+def literals(file):
+    """The string literals of a source, adjacent ones joined, with the text before each in its statement."""
+    text = re.sub(r"//[^\n]*|#include[^\n]*", "", file.read_text())
+    for found in re.finditer(r'"(?:[^"\\\n]|\\.)*"(?:\s*"(?:[^"\\\n]|\\.)*")*', text):
+        joined = "".join(re.findall(r'"((?:[^"\\\n]|\\.)*)"', found[0]))
+        begin = max(text.rfind(mark, 0, found.start()) for mark in ";{}")
+        yield text[begin + 1 : found.start()], joined.replace('\\"', '"').replace("\\n", "")
+
+
 class Documents(unittest.TestCase):
     def test_every_promise_names_tests_that_exist(self):
         tests = all_tests()
@@ -35,6 +44,30 @@ class Documents(unittest.TestCase):
             for name in re.findall(r"`([^`]+)`", row):
                 with self.subTest(name):
                     self.assertTrue(name in tests, "no such test")
+
+    def test_every_line_of_the_log_is_explained(self):
+        text = (PROJECT / "docs/troubleshooting.md").read_text()
+        library = PROJECT / "src/windows/server/library/shmnm/src"
+        lines = {literal for file in library.iterdir() for _, literal in literals(file) if re.search(r"[ %.]", literal)}
+        self.assertGreater(len(lines), 35)
+        for line in sorted(lines):
+            with self.subTest(line):
+                self.assertTrue(f"`{line}`" in text, "not in docs/troubleshooting.md")
+
+    def test_every_error_of_the_tool_is_explained(self):
+        text = (PROJECT / "docs/troubleshooting.md").read_text()
+        errors = set()
+        for file in (PROJECT / "tools/shmnmctl/src").glob("*.cpp"):
+            for before, literal in literals(file):
+                if re.search(r"Failure\(\s*Exit::\w+,[^\"]*$", before) and " " in literal:
+                    errors.add(re.sub(r"\{\}", "...", literal))
+        self.assertGreater(len(errors), 25)
+        for error in sorted(errors):
+            # What follows a placeholder at the end, and advice that is put together, may differ.
+            pieces = [piece.strip() for piece in re.split(r"\.\.\.", error) if len(piece.strip()) > 8]
+            with self.subTest(error):
+                for piece in pieces:
+                    self.assertTrue(piece in text, f"{piece!r} is not in docs/troubleshooting.md")
 
     def test_every_link_leads_to_a_file(self):
         links = 0
