@@ -1,0 +1,192 @@
+# What is installed and where. `cmake --install` lays down one relocatable tree of three components: `runtime` (the libraries),
+# `development` (headers, import libraries, find_package and pkg-config files) and `tool` (shmnmctl and the documents). Debian's
+# packages are the same files in Debian's own folders, as components that only cpack installs (packages.cmake).
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(SHMNM_COMPANIONS kzmutil kzmxml kzmlog)
+if(NOT WIN32)
+    list(APPEND SHMNM_COMPANIONS kzmkernel)
+endif()
+set_target_properties(kzmshmnm PROPERTIES EXPORT_NAME shmnm)
+
+if(NOT WIN32)
+    # Debian's folder for libraries of one machine type, whatever the prefix of this build is.
+    set(SHMNM_MULTIARCH_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()
+if(TARGET shmnmctl AND NOT WIN32)
+    # Beside the libraries in the build; once installed it finds them from its own folder, wherever the tree has been moved.
+    file(RELATIVE_PATH libraries_from_tool /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+    file(RELATIVE_PATH multiarch_from_tool /prefix/bin /prefix/${SHMNM_MULTIARCH_LIBDIR})
+    set(tool_run_path "$ORIGIN/${libraries_from_tool}" "$ORIGIN/${multiarch_from_tool}")
+    list(REMOVE_DUPLICATES tool_run_path)
+    set_target_properties(shmnmctl PROPERTIES BUILD_WITH_INSTALL_RPATH OFF BUILD_RPATH "${CMAKE_INSTALL_RPATH}"
+                                              INSTALL_RPATH "${tool_run_path}")
+endif()
+
+if(TARGET shmnmctl AND NOT WIN32 AND NOT SHMNM_SANITIZE)
+    set(Python3_ROOT_DIR /usr)
+    set(Python3_FIND_STRATEGY LOCATION)
+    find_package(Python3 REQUIRED COMPONENTS Interpreter)
+    set(manual ${PROJECT_BINARY_DIR}/man/man1/shmnmctl.1)
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man/man1)
+    add_custom_command(
+        OUTPUT ${manual}
+        COMMAND ${Python3_EXECUTABLE} -B ${PROJECT_SOURCE_DIR}/tools/shmnmctl/make_manual.py $<TARGET_FILE:shmnmctl> ${manual}
+        DEPENDS shmnmctl ${PROJECT_SOURCE_DIR}/tools/shmnmctl/make_manual.py)
+    add_custom_target(manual_of_shmnmctl ALL DEPENDS ${manual})
+endif()
+
+# The functions' names stand in one place, the header.
+set(SHMNM_HEADER ${PROJECT_SOURCE_DIR}/src/windows/server/library/shmnm/include/shmnm.h)
+if(WIN32)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${SHMNM_HEADER})
+    file(STRINGS ${SHMNM_HEADER} functions REGEX "^SHMNM_API uint32_t shmnm_")
+    list(TRANSFORM functions REPLACE "^SHMNM_API uint32_t (shmnm_[a-z_]+).*" "    \\1")
+    list(SORT functions)
+    list(JOIN functions "\n" functions)
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def CONTENT "LIBRARY kzmshmnm.dll\nEXPORTS\n@functions@\n" @ONLY)
+endif()
+if(WIN32 AND NOT MSVC)
+    # What Microsoft's linker and lld-link take; the MinGW linker writes its own libkzmshmnm.dll.a.
+    find_program(SHMNM_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
+    if(NOT SHMNM_LLVM_DLLTOOL)
+        message(FATAL_ERROR "llvm-dlltool is not installed: scripts/install-dependencies installs what the project needs")
+    endif()
+    add_custom_command(
+        OUTPUT ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
+        COMMAND ${SHMNM_LLVM_DLLTOOL} --machine i386:x86-64 --input-def lib/kzmshmnm.def --output-lib lib/kzmshmnm.lib
+        DEPENDS ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def
+        WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
+    add_custom_target(msvc_import_library ALL DEPENDS ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib)
+endif()
+
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/shmnm-config-version.cmake COMPATIBILITY SameMajorVersion)
+
+# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL [EXCLUDE_FROM_ALL]): the install rules of one layout, with its components' names.
+function(shmnm_install libdir runtime development tool)
+    install(
+        TARGETS kzmshmnm ${SHMNM_COMPANIONS}
+        EXPORT ${development}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${runtime} ${ARGN}
+        LIBRARY DESTINATION ${libdir} COMPONENT ${runtime} NAMELINK_COMPONENT ${development} ${ARGN}
+        ARCHIVE DESTINATION ${libdir} COMPONENT ${development} ${ARGN}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+    # Who puts a companion of its own in place of one of these needs its header, and on Linux the kernel's below it.
+    foreach(library shmnm ${SHMNM_COMPANIONS})
+        if(library STREQUAL kzmkernel)
+            set(header ${PROJECT_SOURCE_DIR}/src/linux/server/library/kzmkernel/include/kzmkernel.h)
+        else()
+            set(header ${PROJECT_SOURCE_DIR}/src/windows/server/library/${library}/include/${library}.h)
+        endif()
+        install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${development} ${ARGN})
+    endforeach()
+
+    set(config_folder ${libdir}/cmake/shmnm)
+    configure_package_config_file(
+        ${PROJECT_SOURCE_DIR}/cmake/shmnm-config.cmake.in ${PROJECT_BINARY_DIR}/package/${development}/shmnm-config.cmake
+        INSTALL_DESTINATION ${config_folder}
+        PATH_VARS libdir
+        NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+    install(
+        FILES ${PROJECT_BINARY_DIR}/package/${development}/shmnm-config.cmake
+              ${PROJECT_BINARY_DIR}/package/shmnm-config-version.cmake
+        DESTINATION ${config_folder}
+        COMPONENT ${development} ${ARGN})
+    install(
+        EXPORT ${development}
+        FILE shmnm-targets.cmake
+        NAMESPACE shmnm::
+        DESTINATION ${config_folder}
+        COMPONENT ${development} ${ARGN})
+
+    file(RELATIVE_PATH prefix_from_pc /prefix/${libdir}/pkgconfig /prefix)
+    string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
+    configure_file(${PROJECT_SOURCE_DIR}/cmake/shmnm.pc.in ${PROJECT_BINARY_DIR}/package/${development}/shmnm.pc @ONLY)
+    install(
+        FILES ${PROJECT_BINARY_DIR}/package/${development}/shmnm.pc
+        DESTINATION ${libdir}/pkgconfig
+        COMPONENT ${development} ${ARGN})
+    install(
+        FILES ${PROJECT_SOURCE_DIR}/examples/tutorial.c
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+        COMPONENT ${development} ${ARGN})
+
+    if(TARGET shmnmctl)
+        install(TARGETS shmnmctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${tool} ${ARGN})
+    endif()
+    file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.json)
+    install(
+        FILES ${documents}
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs
+        COMPONENT ${tool} ${ARGN})
+    install(
+        FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        COMPONENT ${tool} ${ARGN})
+    install(
+        FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+        COMPONENT ${tool} ${ARGN})
+
+    if(WIN32)
+        install(
+            FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def
+            DESTINATION ${libdir}
+            COMPONENT ${development} ${ARGN})
+    else()
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/examples/shmnm.service
+            DESTINATION lib/systemd/system
+            COMPONENT ${tool} ${ARGN})
+        # Manual pages lie in folders man1, man3, ... of these two; the build makes those that nobody writes by hand.
+        foreach(pages ${PROJECT_SOURCE_DIR}/docs/man ${PROJECT_BINARY_DIR}/man)
+            install(
+                DIRECTORY ${pages}/
+                DESTINATION ${CMAKE_INSTALL_MANDIR}
+                COMPONENT ${development} ${ARGN}
+                OPTIONAL
+                FILES_MATCHING
+                REGEX "/man3/[^/]+\\.3(\\.gz)?$")
+            install(
+                DIRECTORY ${pages}/
+                DESTINATION ${CMAKE_INSTALL_MANDIR}
+                COMPONENT ${tool} ${ARGN}
+                OPTIONAL
+                FILES_MATCHING
+                REGEX "/man[15678]/[^/]+\\.[15678](\\.gz)?$")
+        endforeach()
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/shmnmctl.bash
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+            RENAME shmnmctl
+            COMPONENT ${tool} ${ARGN})
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/_shmnmctl
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
+            COMPONENT ${tool} ${ARGN})
+    endif()
+    if(WIN32 AND NOT MSVC)
+        install(
+            FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
+            DESTINATION ${libdir}
+            COMPONENT ${development} ${ARGN})
+        # Small files for those who run them, and beside them the symbols for those who debug them.
+        foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl)
+            if(TARGET ${target})
+                set(component ${runtime})
+                if(target STREQUAL shmnmctl)
+                    set(component ${tool})
+                endif()
+                install(
+                    CODE "set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\")
+execute_process(COMMAND ${CMAKE_OBJCOPY} --only-keep-debug \${installed} \${installed}.debug COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND ${CMAKE_OBJCOPY} --strip-debug --strip-unneeded --add-gnu-debuglink=\${installed}.debug \${installed} COMMAND_ERROR_IS_FATAL ANY)"
+                    COMPONENT ${component})
+            endif()
+        endforeach()
+    endif()
+endfunction()
+
+shmnm_install(${CMAKE_INSTALL_LIBDIR} runtime development tool)

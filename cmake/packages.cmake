@@ -1,0 +1,85 @@
+# What `cpack` makes of a build: on Linux three Debian packages (libshmnm1, libshmnm-dev, shmnmctl), for Windows one zip.
+set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "Who is named as the packages' maintainer")
+
+set(CPACK_PACKAGE_NAME shmnm)
+set(CPACK_PACKAGE_VENDOR shmnm)
+set(CPACK_PACKAGE_CONTACT ${SHMNM_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_THREADS 0)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
+                                                WORLD_EXECUTE)
+
+if(WIN32)
+    set(CPACK_GENERATOR ZIP)
+    set(CPACK_PACKAGE_FILE_NAME shmnm-${PROJECT_VERSION}-windows-x64)
+    set(CPACK_COMPONENTS_ALL runtime development tool)
+    set(CPACK_MONOLITHIC_INSTALL ON)
+else()
+    set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
+    set(packages libshmnm1 libshmnm-dev shmnmctl)
+    shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
+
+    # Every package has its copyright file and its changelog, and says which of lintian's remarks are meant to be so.
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
+    execute_process(
+        COMMAND gzip -9nc ${packaging}/changelog
+        OUTPUT_FILE ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/changelog)
+    foreach(package ${packages})
+        install(
+            FILES ${packaging}/copyright ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz
+            DESTINATION share/doc/${package}
+            COMPONENT ${package} EXCLUDE_FROM_ALL)
+        install(
+            FILES ${packaging}/${package}.lintian-overrides
+            DESTINATION share/lintian/overrides
+            RENAME ${package}
+            COMPONENT ${package} EXCLUDE_FROM_ALL)
+        # Debian keeps its manual pages packed.
+        install(
+            CODE "file(GLOB_RECURSE pages \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/*.[1-8]\")
+if(pages)
+    execute_process(COMMAND gzip -9nf \${pages} COMMAND_ERROR_IS_FATAL ANY)
+endif()"
+            COMPONENT ${package} EXCLUDE_FROM_ALL)
+    endforeach()
+
+    set(CPACK_GENERATOR DEB)
+    set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+    set(CPACK_COMPONENTS_ALL ${packages})
+    set(CPACK_COMPONENTS_GROUPING IGNORE)
+    set(CPACK_DEB_COMPONENT_INSTALL ON)
+    set(CPACK_STRIP_FILES ON)
+    set(CPACK_POST_BUILD_SCRIPTS ${packaging}/drop_ldconfig_scripts.cmake)
+    set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+    set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+    set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+    set(CPACK_DEBIAN_PACKAGE_SOURCE shmnm)
+    set(same_version "libshmnm1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+
+    set(what "One named region of shared memory holds the picture of a failover cluster for\n\
+all processes of a machine: servers, heartbeat and network-partition resources,\nthe state of every pair of them.")
+    set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_NAME libshmnm1)
+    set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_SECTION libs)
+    set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_CONTROL_EXTRA ${packaging}/symbols ${packaging}/shlibs ${packaging}/triggers)
+    set(CPACK_COMPONENT_LIBSHMNM1_DESCRIPTION
+        "live picture of a failover cluster in shared memory\n${what}\n.\nThis package has the library and its companions.")
+    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_NAME libshmnm-dev)
+    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SECTION libdevel)
+    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_DEPENDS "${same_version}")
+    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SUGGESTS "shmnmctl, pkg-config")
+    set(CPACK_COMPONENT_LIBSHMNM-DEV_DESCRIPTION
+        "live picture of a failover cluster in shared memory (development)\n${what}\n.\n\
+This package has what programs that use the library are built with: headers,\nfiles for pkg-config and CMake, an example.")
+    set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_NAME shmnmctl)
+    set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_SECTION admin)
+    set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_DEPENDS "${same_version}")
+    set(CPACK_COMPONENT_SHMNMCTL_DESCRIPTION
+        "live picture of a failover cluster in shared memory (command)\n${what}\n.\n\
+This package has the command shmnmctl that shows, changes, checks and serves\nthe picture, and the documents.")
+endif()
+
+include(CPack)
