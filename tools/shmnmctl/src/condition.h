@@ -8,7 +8,6 @@
 // A pattern is a key in whose parts a * stands for any run of bytes. (A * in a name is written %2A.)
 #pragma once
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,12 +22,28 @@ class Condition {
     explicit Condition(std::string_view text);
 
     /// A comparison of a key that does not exist does not hold, nor does "all" of none.
-    bool holds(const std::vector<Word>& words) const { return test_(words); }
-    const std::string& text() const { return text_; }
+    bool holds(const std::vector<Word>& words) const;
+
+    /// The parts that keep it from holding, each with the reason: "servers/alpha/nodestat=1 (it is 2)". Printable.
+    /// Empty when it holds.
+    std::string unmet(const std::vector<Word>& words) const;
+
+    /// A part of it, in the order in which it was written. What has parts of its own decides by them.
+    struct Part {
+        enum class Kind { all_of, one_of, none_of, exists, comparison };
+        using Compare = bool (*)(const Value&, const Value&);
+
+        Kind kind = Kind::comparison;
+        std::string text;         ///< as it was written
+        std::vector<Part> parts;  ///< of all_of, one_of and none_of, which has one
+        std::string pattern;      ///< of exists and comparison
+        bool of_all = false;      ///< of a comparison: each key of the pattern is compared, not some key
+        Compare compare = nullptr;
+        Value value;
+    };
 
   private:
-    std::string text_;
-    std::function<bool(const std::vector<Word>&)> test_;
+    Part whole_;
 };
 
 /// Whether a key is one of those that a pattern stands for.

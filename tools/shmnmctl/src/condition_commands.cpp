@@ -19,7 +19,7 @@ namespace {
 
 struct Options {
     std::vector<std::string> condition;
-    std::string timeout;
+    std::optional<std::string> timeout;
     uint32_t interval_ms = 50;
 };
 
@@ -60,34 +60,47 @@ uint64_t duration_us(const std::string& text) {
     return static_cast<uint64_t>(number * *us);
 }
 
-Exit wait(Context context, const Options& options) {
+/// What keeps the condition from holding; empty: it holds.
+std::string unmet_now(LiveRegion& region, const Condition& condition, uint32_t lock_timeout_ms) {
+    try {
+        const auto snapshot = region.try_copy(lock_timeout_ms);
+        // One that has gone may come back, in this one's place or another's.
+        if (!snapshot) return "no process holds the region any more";
+        return condition.unmet(words(decode(*snapshot)));
+    } catch (const Failure& failure) {
+        // Without the lock nobody knows, and the time that it took was part of the waiting.
+        if (failure.exit != Exit::timeout) throw;
+        return failure.what();
+    }
+}
+
+Exit wait(const Context& context, const Options& options) {
+    constexpr uint64_t longest_us = std::numeric_limits<uint64_t>::max();
+    // A stop that is asked for while the lock does not come takes no longer than this.
+    constexpr uint64_t longest_lock_ms = 1'000;
     const Condition condition(joined(options.condition));
+    const uint64_t timeout_us = options.timeout ? duration_us(*options.timeout) : longest_us;
     const uint64_t start = platform::steady_clock_us();
-    const uint64_t end =
-        options.timeout.empty() ? std::numeric_limits<uint64_t>::max() : start + duration_us(options.timeout);
+    const auto left_ms = [&](uint64_t most_ms) {
+        if (timeout_us == longest_us) return static_cast<uint32_t>(most_ms);
+        const uint64_t passed_us = platform::steady_clock_us() - start;
+        const uint64_t left_us = timeout_us - std::min(passed_us, timeout_us);
+        return static_cast<uint32_t>(std::min((left_us + 999) / 1'000, most_ms));
+    };
     platform::catch_stop();
     LiveRegion region(context.access);
     region.expect();
     for (;;) {
-        try {
-            // A region that has gone may come back, in this one's place or another's.
-            const auto snapshot = region.try_copy();
-            if (snapshot && condition.holds(words(decode(*snapshot)))) {
-                answer(context, "wait", true);
-                return Exit::done;
-            }
-        } catch (const Failure& failure) {
-            // A lock that does not come is one more reason why the condition is not known to hold.
-            if (failure.exit != Exit::timeout || platform::steady_clock_us() >= end) throw;
+        const std::string unmet = unmet_now(region, condition, left_ms(longest_lock_ms));
+        if (unmet.empty()) {
+            answer(context, "wait", true);
+            return Exit::done;
         }
-        const uint64_t now = platform::steady_clock_us();
-        if (now >= end) {
-            throw Failure(Exit::timeout,
-                          fmt::format("it did not hold within {}: {}", options.timeout, printable(condition.text())));
+        if (left_ms(1) == 0) {
+            throw Failure(Exit::timeout, fmt::format("it did not hold within {}: {}", *options.timeout, unmet));
         }
-        const uint64_t left_ms = (end - now) / 1'000 + 1;
-        if (platform::stopped_within(static_cast<uint32_t>(std::min<uint64_t>(options.interval_ms, left_ms)))) {
-            throw Failure(Exit::failed, "interrupted before the condition held");
+        if (platform::stopped_within(left_ms(options.interval_ms))) {
+            throw Failure(Exit::failed, fmt::format("interrupted; it did not hold: {}", unmet));
         }
     }
 }

@@ -157,17 +157,17 @@ std::unique_ptr<LiveRegion::View> LiveRegion::open() {
                                             advice(error)));
 }
 
-void LiveRegion::throw_no_lock() {
+void LiveRegion::throw_no_lock(uint32_t timeout_ms) {
     const std::string holder = describe_holder(mutex_);
     throw Failure(Exit::timeout,
                   fmt::format("the lock did not come within {} ms{}{}; wait longer with --lock-timeout, or see to its "
                               "holder",
-                              access_.lock_timeout_ms, holder.empty() ? "" : ": ", holder));
+                              timeout_ms, holder.empty() ? "" : ": ", holder));
 }
 
 void LiveRegion::lock() {
     mutex();
-    if (library().shmnm_rwlock(access_.lock_timeout_ms) != SHMNM_OK) throw_no_lock();
+    if (library().shmnm_rwlock(access_.lock_timeout_ms) != SHMNM_OK) throw_no_lock(access_.lock_timeout_ms);
 }
 
 bool LiveRegion::try_lock() {
@@ -202,17 +202,21 @@ void settle_layout(Snapshot& snapshot) {
 
 }  // namespace
 
-std::optional<Snapshot> LiveRegion::try_copy() {
+std::optional<Snapshot> LiveRegion::try_copy(uint32_t lock_timeout_ms) {
     const std::unique_ptr<View> view = open();
     if (!view) return std::nullopt;
     Snapshot snapshot = copy_of(*view, configured_counts());
     void* const lock = mutex();
     const Library& calls = library();
     view->warm();
-    if (calls.shmnm_rolock(access_.lock_timeout_ms) != SHMNM_OK) throw_no_lock();
+    const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
+    if (calls.shmnm_rolock(timeout_ms) != SHMNM_OK) throw_no_lock(timeout_ms);
+    const uint64_t taken_us = platform::steady_clock_us();
     view->copy_to(snapshot.bytes);
     if (const auto holder = platform::lock_holder(lock)) snapshot.lock_takes = holder->takes;
     calls.shmnm_rounlock();
+    snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
+    if (access_.verbose) fmt::print(stderr, "shmnmctl: held the lock for {} us\n", snapshot.lock_held_us);
     settle_layout(snapshot);
     return snapshot;
 }

@@ -37,9 +37,10 @@ class LiveRegion {
 
     /// Copies the region under the lock, which is held for the copy alone. Between two copies nothing keeps the region
     /// alive: when its last holder leaves it ends, and a later copy may be one of another region.
+    /// @param[in] lock_timeout_ms  at most so long is waited for the lock, where that is shorter than usual
     /// @return nothing: there is no region
     /// @throws Failure  the region is refused or the lock does not come
-    std::optional<Snapshot> try_copy();
+    std::optional<Snapshot> try_copy(uint32_t lock_timeout_ms = UINT32_MAX);
     /// @throws Failure  also when there is no region
     Snapshot copy();
 
@@ -63,7 +64,7 @@ class LiveRegion {
 
     std::unique_ptr<View> open();
     Snapshot copy_of(const View& view, const std::optional<Counts>& configured) const;
-    [[noreturn]] void throw_no_lock();
+    [[noreturn]] void throw_no_lock(uint32_t timeout_ms);
     void tell(const char* what, const char* name);
 
     Access access_;

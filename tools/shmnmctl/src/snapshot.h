@@ -36,6 +36,7 @@ struct Snapshot {
     uint64_t mapped = 0;               ///< bytes of the mapping, in whole pages, or of the file
     bool live = false;
     std::optional<uint64_t> lock_takes;  ///< how often the lock had been taken, with this time; where that is counted
+    uint64_t lock_held_us = 0;           ///< for how long the copy held the lock; microseconds
     uint64_t object = 0;                 ///< another region has another number; 0 where that is not known
 
     bool holds(uint64_t offset, uint64_t size) const { return offset <= bytes.size() && size <= bytes.size() - offset; }

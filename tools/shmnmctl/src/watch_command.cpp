@@ -3,9 +3,9 @@
 
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "changes.h"
 #include "context.h"
 #include "picture_json.h"
 #include "platform.h"
@@ -20,32 +20,6 @@ struct Options {
     uint32_t interval_ms = 50;
 };
 
-struct Change {
-    std::string key;
-    std::optional<Value> before, after;  ///< none: there was no such key, or there is none any more
-};
-
-/// In the order of the new words; then the keys that are gone, in their old order.
-std::vector<Change> changes(const std::vector<Word>& before, const std::vector<Word>& after,
-                            const std::string& prefix) {
-    std::unordered_map<std::string_view, const Word*> old;
-    for (const Word& word : before) old.emplace(word.key, &word);
-    std::vector<Change> found;
-    for (const Word& word : after) {
-        const auto known = old.find(word.key);
-        std::optional<Value> was;
-        if (known != old.end()) {
-            was = known->second->value;
-            old.erase(known);
-        }
-        if (was != word.value && is_below(word.key, prefix)) found.push_back({word.key, was, word.value});
-    }
-    for (const Word& word : before) {
-        if (old.contains(word.key) && is_below(word.key, prefix)) found.push_back({word.key, word.value, std::nullopt});
-    }
-    return found;
-}
-
 /// Writes events with their time and number, a copy's at once.
 class Reporter {
   public:
@@ -56,14 +30,16 @@ class Reporter {
                                                                    : "the region was replaced by a new one";
         add("region", fmt::format("region {}: {}", event, text), {{"event", event}});
     }
-    /// Steps between two copies were shown as one: at most so many, or nobody knows how many.
+    /// Steps that were not seen: at most so many, or nobody knows how many.
     void gap(std::optional<uint64_t> missed, uint64_t since_us) {
         const std::string since = platform::to_text(since_us);
-        const std::string text = missed ? fmt::format("gap: up to {} steps since {} were not seen", *missed, since)
-                                        : fmt::format("gap: what changed since {} is shown as one step", since);
+        const std::string text = !missed ? fmt::format("gap: what changed since {} is shown as one step", since)
+                                 : *missed == 1
+                                     ? fmt::format("gap: up to 1 step since {} was not seen", since)
+                                     : fmt::format("gap: up to {} steps since {} were not seen", *missed, since);
         add("gap", text, {{"missed", missed ? Json(*missed) : Json()}, {"since", since}});
     }
-    void change(const Change& change) {
+    void change(const WordChange& change) {
         const auto shown = [](const std::optional<Value>& value) { return value ? value->to_text() : "-"; };
         Json members = {{"key", change.key}};
         if (change.before) members["old"] = to_json(*change.before);
@@ -95,56 +71,86 @@ class Reporter {
     uint64_t sequence_ = 0;
 };
 
-/// What was known at the last copy.
+/// What was known at the last copy, and what may have happened since then without being seen.
 class Watch {
   public:
-    Watch(const Context& context, const Options& options) : options_(options), reporter_(context) {}
+    Watch(const Context& context, const Options& options)
+        : options_(options), reporter_(context), from_nothing_(options.from_start) {}
 
     void see(std::optional<Snapshot> snapshot) {
-        const uint64_t now = platform::wall_clock_us();
-        reporter_.begin(now);
+        const uint64_t now_us = platform::wall_clock_us();
+        reporter_.begin(now_us);
         if (!snapshot) {
-            if (last_) reporter_.region("gone");
+            if (is_there_) reporter_.region("gone");
+            is_there_ = false;
             forget();
         } else {
-            if (was_there_ && (!last_ || last_->object != snapshot->object)) {
+            if (!is_there_ || (last_ && last_->object != snapshot->object)) {
                 reporter_.region("replaced");
                 forget();
             }
+            is_there_ = true;
             compare(*snapshot);
-            was_there_ = true;
             last_ = std::move(snapshot);
         }
         reporter_.end();
-        last_us_ = now;
+        last_us_ = now_us;
+    }
+
+    /// What was not announced yet, since nothing came behind it.
+    void end() {
+        reporter_.begin(platform::wall_clock_us());
+        report_unseen();
+        reporter_.end();
     }
 
   private:
     void forget() {
         last_.reset();
         words_.clear();
-        from_nothing_ = was_there_ || options_.from_start;
+        unseen_ = 0;
+        from_nothing_ = true;
     }
 
     void compare(const Snapshot& snapshot) {
-        if (last_ && last_->bytes == snapshot.bytes) return;
-        std::vector<Word> now = words(decode(snapshot));
-        const bool first = !last_;
-        if (!first || from_nothing_ || options_.from_start) {
-            const std::vector<Change> found = changes(words_, now, options_.prefix);
-            if (!first && !found.empty()) report_gap(snapshot);
-            for (const Change& change : found) reporter_.change(change);
+        if (!last_) {
+            words_ = words(decode(snapshot));
+            if (from_nothing_) report(changes({}, words_, options_.prefix));
+            return;
         }
-        words_ = std::move(now);
+        const std::optional<uint64_t> steps = steps_to(snapshot);
+        std::vector<WordChange> found;
+        if (last_->bytes != snapshot.bytes) {
+            std::vector<Word> now = words(decode(snapshot));
+            found = changes(words_, now, options_.prefix);
+            words_ = std::move(now);
+        }
+        // Of several steps one is seen, the one to what is there now, if that is another picture. Else they may have
+        // come back to the same.
+        if (steps && *steps > 1) add_unseen(*steps - (found.empty() ? 0 : 1));
+        if (found.empty()) return;
+        report_unseen();
+        // Where steps are not counted, nobody knows; and where none was counted, somebody writes without the lock.
+        if (!steps || *steps == 0) reporter_.gap(std::nullopt, last_us_);
+        report(found);
     }
 
-    /// Each take of the lock by another process may have been a step. One is the one that is seen; none means that
-    /// somebody writes without the lock.
-    void report_gap(const Snapshot& snapshot) {
-        if (!snapshot.lock_takes || !last_->lock_takes) return reporter_.gap(std::nullopt, last_us_);
-        const uint64_t others = *snapshot.lock_takes - *last_->lock_takes - 1;
-        if (others == 0) return reporter_.gap(std::nullopt, last_us_);
-        if (others > 1) reporter_.gap(others - 1, last_us_);
+    /// How often others had the lock since the last copy: each time may have been a step.
+    std::optional<uint64_t> steps_to(const Snapshot& snapshot) const {
+        if (!snapshot.lock_takes || !last_->lock_takes) return std::nullopt;
+        return *snapshot.lock_takes - *last_->lock_takes - 1;
+    }
+
+    void add_unseen(uint64_t steps) {
+        if (unseen_ == 0) unseen_since_us_ = last_us_;
+        unseen_ += steps;
+    }
+    void report_unseen() {
+        if (unseen_ > 0) reporter_.gap(unseen_, unseen_since_us_);
+        unseen_ = 0;
+    }
+    void report(const std::vector<WordChange>& found) {
+        for (const WordChange& change : found) reporter_.change(change);
     }
 
     const Options& options_;
@@ -152,23 +158,30 @@ class Watch {
     std::optional<Snapshot> last_;
     std::vector<Word> words_;
     uint64_t last_us_ = 0;
-    bool was_there_ = false;
-    bool from_nothing_ = false;  ///< a region that came in another's place is shown from nothing on
+    uint64_t unseen_ = 0, unseen_since_us_ = 0;  ///< steps, to be announced before the next change
+    bool is_there_ = true;                       ///< the region was there when the watch began
+    bool from_nothing_;                          ///< the first copy's words are all new
 };
 
 Exit watch(const Context& context, const Options& options) {
+    // A stop that is asked for while the lock does not come takes no longer than this.
+    constexpr uint32_t longest_lock_ms = 1'000;
     platform::catch_stop();
     LiveRegion region(context.access);
     region.expect();
     Watch watch(context, options);
-    do {
+    for (bool stopped = false;;) {
         try {
-            watch.see(region.try_copy());
+            watch.see(region.try_copy(longest_lock_ms));
         } catch (const Failure& failure) {
             // The next copy shows what it can, and says what was missed.
             if (failure.exit != Exit::timeout) throw;
         }
-    } while (!platform::stopped_within(options.interval_ms));
+        // One last look shows what had happened when the stop was asked for.
+        if (stopped) break;
+        stopped = platform::stopped_within(options.interval_ms);
+    }
+    watch.end();
     return Exit::done;
 }
 
