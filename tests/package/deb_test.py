@@ -1,0 +1,181 @@
+"""The Debian packages: what they are made of, and their life in a root of their own: installed, used, upgraded below a running
+process, purged."""
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+
+import support
+from support import TUTORIAL, Place, run
+
+import interface
+from binary_file import Elf
+
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl")
+LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
+
+
+def fields(package):
+    """The control fields of a package's file."""
+    return dict(line.split(": ", 1) for line in run("dpkg-deb", "--field", package).splitlines() if re.match(r"\S+: ", line))
+
+
+def files(package):
+    """The names of what a package installs, folders left out."""
+    return {line.split()[5].removeprefix("./") for line in run("dpkg-deb", "--contents", package).splitlines() if not line.startswith("d")}
+
+
+class Packages(Place):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        run("cpack", "--config", support.BUILD / "CPackConfig.cmake", "-B", cls.folder / "packed")
+        cls.packages = {}
+        for package in PACKAGES:
+            (cls.packages[package],) = (cls.folder / "packed").glob(f"{package}_*.deb")
+
+    def root(self):
+        """An empty system that packages can be installed into."""
+        root = self.folder / self.id().rsplit(".", 1)[1]
+        for folder in ("info", "updates", "triggers"):
+            (root / "var/lib/dpkg" / folder).mkdir(parents=True)
+        for file in ("status", "available"):
+            (root / "var/lib/dpkg" / file).touch()
+        return root
+
+    def dpkg(self, root, *arguments):
+        # The run times of C and C++ are the machine's own.
+        run("dpkg", "--root", root, "--log", root / "var/lib/dpkg/log", "--force-depends", "--force-not-root", "--force-bad-path", *arguments)
+
+    def installed(self):
+        root = self.root()
+        self.dpkg(root, "--install", *self.packages.values())
+        return root
+
+    def installation(self, root):
+        """Environment of a process of an installation in this root."""
+        folder = root / "installation"
+        (folder / "etc").mkdir(parents=True)
+        (folder / "log").mkdir()
+        (folder / "etc/cluster.xml").write_bytes((root / "usr/share/doc/shmnm/examples/cluster.xml").read_bytes())
+        return self.environment(KZM_INSTALL_PATH=str(folder))
+
+    def tutorial(self, root):
+        """The tutorial, built with pkg-config alone against the packages in a root."""
+        environment = dict(os.environ, PKG_CONFIG_LIBDIR=str(root / LIB / "pkgconfig"))
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnm", env=environment))
+        program = root / "tutorial"
+        run("cc", "-std=c11", TUTORIAL, *flags, f"-Wl,-rpath,{root / LIB}", "-o", program)
+        return program
+
+    def later(self, package):
+        """The same package as the next version."""
+        folder = self.folder / "later" / package
+        folder.parent.mkdir(exist_ok=True)
+        run("dpkg-deb", "--raw-extract", self.packages[package], folder)
+        control = folder / "DEBIAN/control"
+        version = fields(self.packages[package])["Version"]
+        control.write_text(control.read_text().replace(version, "1.999.0-1"))
+        library = folder / LIB / "libkzmshmnm.so.1"
+        if library.is_symlink():
+            library.resolve().rename(folder / LIB / "libkzmshmnm.so.1.999.0")
+            library.unlink()
+            library.symlink_to("libkzmshmnm.so.1.999.0")
+        file = self.folder / "later" / f"{package}.deb"
+        run("dpkg-deb", "--root-owner-group", "--build", folder, file)
+        return file
+
+    def test_lintian_has_no_word_against_them(self):
+        done = subprocess.run(["lintian", "--fail-on", "error,warning", *self.packages.values()], capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
+
+    def test_lintian_would_say_what_it_dislikes(self):
+        folder = self.folder / "disliked"
+        run("dpkg-deb", "--raw-extract", self.packages["libshmnm1"], folder)
+        (folder / "usr/share/doc/libshmnm1/copyright").unlink()
+        file = self.folder / "disliked.deb"
+        run("dpkg-deb", "--root-owner-group", "--build", folder, file)
+        done = subprocess.run(["lintian", "--fail-on", "error", file], capture_output=True, text=True)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertIn("no-copyright-file", done.stdout)
+
+    def test_each_says_what_it_is_and_needs(self):
+        version = fields(self.packages["libshmnm1"])["Version"]
+        for package, file in self.packages.items():
+            with self.subTest(package):
+                control = fields(file)
+                self.assertEqual((control["Package"], control["Version"], control["Source"], control["Architecture"]), (package, version, "shmnm", "amd64"))
+                self.assertIn("live picture of a failover cluster", control["Description"])
+        same = f"libshmnm1 (= {version})"
+        self.assertEqual(fields(self.packages["libshmnm-dev"])["Depends"], same)
+        self.assertIn(same, fields(self.packages["shmnmctl"])["Depends"].split(", "))
+        for package in ("libshmnm1", "shmnmctl"):
+            self.assertIn("libc6 (>= 2.", fields(self.packages[package])["Depends"])
+
+    def test_each_file_is_in_the_package_of_those_who_need_it(self):
+        library, development, tool = (files(self.packages[package]) for package in PACKAGES)
+        self.assertEqual({name for name in library if name.startswith("usr/lib/")} - {f"{LIB}/libkzmshmnm.so.1"},
+                         {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
+                         {name for name in library if re.fullmatch(rf"{LIB}/libkzmshmnm\.so\.1\.\d+\.\d+", name)})
+        for file in ("shmnm.h", "kzmlog.h", "kzmutil.h", "kzmxml.h", "kzmkernel.h"):
+            self.assertIn(f"usr/include/{file}", development)
+        for file in ("libkzmshmnm.so", "pkgconfig/shmnm.pc", "cmake/shmnm/shmnm-config.cmake"):
+            self.assertIn(f"{LIB}/{file}", development)
+        for file in ("bin/shmnmctl", "share/man/man1/shmnmctl.1.gz", "share/bash-completion/completions/shmnmctl",
+                     "share/zsh/vendor-completions/_shmnmctl", "share/doc/shmnm/examples/cluster.xml", "lib/systemd/system/shmnm.service"):
+            self.assertIn(f"usr/{file}", tool)
+        for package, names in zip(PACKAGES, (library, development, tool)):
+            self.assertIn(f"usr/share/doc/{package}/copyright", names)
+            self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
+
+    def test_the_library_s_package_lists_its_symbols(self):
+        listed = run("dpkg-deb", "--info", self.packages["libshmnm1"], "symbols")
+        part = listed[listed.index("libkzmshmnm.so.1 "):]
+        self.assertEqual(set(re.findall(r"^ (shmnm_\w+)@Base", part, re.M)), interface.KZMSHMNM)
+        self.assertIn("ldconfig", run("dpkg-deb", "--info", self.packages["libshmnm1"], "triggers"))
+
+    def test_installed_programs_are_built_against_them_and_run(self):
+        root = self.installed()
+        program = self.tutorial(root)
+        self.assertIn("libkzmshmnm.so.1", Elf(program, "nm", "readelf").needed)
+        self.expect_tutorial(program, root / "usr/bin/shmnmctl", self.installation(root))
+
+    def test_a_running_process_and_its_region_outlive_an_upgrade(self):
+        root = self.installed()
+        tool, program, environment = root / "usr/bin/shmnmctl", self.tutorial(root), self.installation(root)
+        creator = self.serve(tool, environment)
+        before = self.libraries_of(creator)
+        self.assertTrue(any("libkzmshmnm.so.1." in name for name in before))
+        run(tool, "set", "servers/gamma/pingstat", "77", env=environment)
+
+        self.dpkg(root, "--install", *(self.later(package) for package in PACKAGES))
+        self.assertTrue((root / LIB / "libkzmshmnm.so.1.999.0").is_file())
+        self.assertFalse([name for name in (root / LIB).glob("libkzmshmnm.so.1.*") if not name.name.endswith("999.0")])
+
+        # The creator goes on with the files it had, and those of the next version meet it in its region.
+        self.assertEqual({name + " (deleted)" for name in before}, self.libraries_of(creator))
+        self.assertEqual(run(tool, "get", "servers/gamma/pingstat", env=environment), "77\n")
+        self.assertEqual(run(program, "beta", env=environment), "alpha: 2\nbeta: 1\ngamma: 2\ndelta: 2\n")
+        run(tool, "verify", env=environment)
+        creator.end()
+        self.assertEqual(creator.returncode, 0)
+        self.assertNotEqual(subprocess.run([tool, "status"], env=environment, capture_output=True).returncode, 0, "the region went with its creator")
+
+    def libraries_of(self, process):
+        maps = pathlib.Path(f"/proc/{process.pid}/maps").read_text()
+        return set(re.findall(r"\S*/libkzm\w+\.so\S*(?: \(deleted\))?", maps))
+
+    def test_a_purge_leaves_nothing_behind(self):
+        root = self.root()
+        before = {str(file) for file in root.rglob("*") if "var/lib/dpkg" not in str(file)}
+        self.dpkg(root, "--install", *self.packages.values())
+        self.assertTrue((root / "usr/bin/shmnmctl").is_file())
+        self.dpkg(root, "--purge", *PACKAGES)
+        after = {str(file) for file in root.rglob("*") if "var/lib/dpkg" not in str(file)}
+        self.assertEqual(before, after)
+        self.assertEqual(run("dpkg-query", "--admindir", root / "var/lib/dpkg", "--show"), "")
+
+
+if __name__ == "__main__":
+    support.main()

@@ -1,0 +1,126 @@
+"""The Windows zip: unpacked anywhere, programs are built against it by MinGW and for Microsoft's ABI, and run."""
+import shlex
+import zipfile
+
+import support
+from support import PROJECT, TUTORIAL, Place, run, windows_path
+
+import interface
+from binary_file import Pe
+
+CC = "x86_64-w64-mingw32-gcc-posix"
+NM = "x86_64-w64-mingw32-nm"
+LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog")
+FILES = """
+    bin/kzmlog.dll bin/kzmlog.dll.debug bin/kzmshmnm.dll bin/kzmshmnm.dll.debug bin/kzmutil.dll bin/kzmutil.dll.debug
+    bin/kzmxml.dll bin/kzmxml.dll.debug bin/shmnmctl.exe bin/shmnmctl.exe.debug
+    include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h
+    lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
+    lib/kzmshmnm.def lib/kzmshmnm.lib lib/libkzmlog.dll.a lib/libkzmshmnm.dll.a lib/libkzmutil.dll.a lib/libkzmxml.dll.a
+    lib/pkgconfig/shmnm.pc
+    share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
+    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
+""".split()
+
+
+class Zip(Place):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        run("cpack", "--config", support.BUILD / "CPackConfig.cmake", "-B", cls.folder / "packed")
+        (archive,) = (cls.folder / "packed").glob("shmnm-*-windows-x64.zip")
+        with zipfile.ZipFile(archive) as file:
+            file.extractall(cls.folder)
+        (cls.folder / archive.stem).rename(cls.folder / "moved here")
+        cls.prefix = cls.folder / "moved here"
+        support.install_example_configuration(cls.prefix)
+        cls.tool = cls.prefix / "bin/shmnmctl.exe"
+
+    def environment(self, **more):
+        return super().environment(WINEPATH=windows_path(self.prefix / "bin"), **more)
+
+    def build(self, *command, **options):
+        """Builds the tutorial into a folder of this test's own; the command's {program} is the program's name."""
+        program = self.folder / self.id().rsplit(".", 1)[1] / "tutorial.exe"
+        program.parent.mkdir()
+        run(*(program if word == "{program}" else word for word in command), **options)
+        return program
+
+    def test_every_file_lies_where_it_is_looked_for(self):
+        for file in FILES:
+            with self.subTest(file):
+                self.assertTrue((self.prefix / file).is_file())
+
+    def test_no_file_names_a_place_that_it_has_left(self):
+        for file in self.prefix.rglob("*"):
+            if file.suffix in (".cmake", ".pc", ".h", ".def"):
+                text = file.read_bytes()
+                for place in (support.BUILD, PROJECT, self.folder):
+                    self.assertNotIn(bytes(place), text, file)
+
+    def test_each_file_is_small_and_names_the_symbols_beside_it(self):
+        for name in (*(f"{library}.dll" for library in LIBRARIES), "shmnmctl.exe"):
+            with self.subTest(name):
+                headers = run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / name)
+                self.assertNotIn(".debug_info", headers)
+                self.assertIn(".gnu_debuglink", headers)
+                self.assertIn(name.encode() + b".debug\0", (self.prefix / "bin" / name).read_bytes())
+                self.assertIn(".debug_info", run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / f"{name}.debug"))
+
+    def test_the_libraries_say_their_version(self):
+        for library in LIBRARIES:
+            with self.subTest(library):
+                self.assertIsNotNone(Pe(self.prefix / f"bin/{library}.dll", NM).version())
+
+    def test_the_module_definition_lists_the_91_functions(self):
+        lines = (self.prefix / "lib/kzmshmnm.def").read_text().split()
+        self.assertEqual(lines[:3], ["LIBRARY", "kzmshmnm.dll", "EXPORTS"])
+        self.assertEqual(lines[3:], sorted(interface.KZMSHMNM))
+
+    def test_microsoft_s_import_library_has_the_91_functions_of_the_dll(self):
+        members = run("llvm-readobj", "--file-headers", self.prefix / "lib/kzmshmnm.lib")
+        self.assertEqual(members.count("Format: COFF-import-file\n"), 91)
+        names = {line.split()[-1] for line in run("llvm-nm", self.prefix / "lib/kzmshmnm.lib").splitlines() if " T shmnm_" in line}
+        self.assertEqual(names, interface.KZMSHMNM)
+
+    def test_a_program_is_built_by_cmake_and_runs(self):
+        consumer = self.folder / "by cmake"
+        run(
+            "cmake", "-G", "Ninja", "-S", PROJECT / "tests/package/consumer", "-B", consumer,
+            f"-DCMAKE_TOOLCHAIN_FILE={PROJECT}/cmake/mingw-w64.cmake", f"-Dshmnm_DIR={self.prefix}/lib/cmake/shmnm", f"-DTUTORIAL={TUTORIAL}",
+        )
+        run("cmake", "--build", consumer)
+        self.expect_tutorial(consumer / "tutorial.exe", self.tool, self.environment())
+
+    def test_a_program_is_built_by_pkg_config_and_runs(self):
+        environment = self.environment(PKG_CONFIG_LIBDIR=str(self.prefix / "lib/pkgconfig"))
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnm >= 1.0", env=environment))
+        self.expect_tutorial(self.build(CC, "-std=c11", TUTORIAL, *flags, "-o", "{program}"), self.tool, self.environment())
+
+    def test_a_program_is_built_by_the_plain_compiler_and_runs(self):
+        program = self.build(CC, "-std=c11", TUTORIAL, f"-I{self.prefix}/include", f"-L{self.prefix}/lib", "-lkzmshmnm", "-o", "{program}")
+        self.assertEqual(Pe(program, NM).imports()["kzmshmnm.dll"] - interface.KZMSHMNM, set())
+        self.expect_tutorial(program, self.tool, self.environment())
+
+    def test_a_program_of_microsoft_s_abi_is_linked_with_the_lib_and_runs(self):
+        msvc = PROJECT / "tests/package/msvc"
+        objects = []
+        for source in (TUTORIAL, msvc / "startup.c"):
+            objects.append(self.folder / f"{source.stem}.obj")
+            run(
+                "clang", "--target=x86_64-windows-msvc", "-std=c11", "-O1", "-Wall", "-Wextra", "-Werror", "-nostdlibinc",
+                f"-I{msvc}/include", f"-I{self.prefix}/include", "-c", source, "-o", objects[-1],
+            )
+        runtime = self.folder / "msvcrt.lib"
+        run("llvm-dlltool", "-m", "i386:x86-64", "-d", msvc / "msvcrt.def", "-l", runtime)
+        program = self.folder / "tutorial_msvc.exe"
+        run(
+            "lld-link", "/machine:x64", "/subsystem:console", "/entry:startup", "/nodefaultlib", f"/out:{program}", *objects,
+            self.prefix / "lib/kzmshmnm.lib", runtime,
+        )
+        self.assertEqual(set(Pe(program, NM).imports()), {"kzmshmnm.dll", "msvcrt.dll"})
+        self.expect_tutorial(program, self.tool, self.environment())
+
+
+if __name__ == "__main__":
+    support.main()
