@@ -46,6 +46,14 @@ class Serving(ServeTest):
         self.end(process)
         self.assertEqual(self.tool("status").status, 3)
 
+    def test_ctrl_c_ends_it_in_good_order(self):
+        api = self.region()
+        process = self.start("serve", "--clean", stdin=subprocess.DEVNULL)
+        self.assertTrue(process.stdout.readline().startswith(b"ready"))
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(), 0)
+        self.assertEqual(api.ok("shmnm_enumnode"), [])
+
     def test_ready_in_json(self):
         process = self.serve("--format", "json")
         (document,) = support.validated(self.ready)
