@@ -1,9 +1,11 @@
 // Makes numbered changes of the region, each under the lock for itself, over several words in turn: numbered_writer
 // COUNT Change n (from 0 on) writes n / 5 + 1 to word n % 5. It says "ready" when it has attached, begins when it is
 // told a line, says "done", and ends when its standard input does.
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "shmnm.h"
 
@@ -40,8 +42,9 @@ void say(const char* text) {
 
 int main(int argc, char** argv) {
     constexpr uint64_t words = 5;
-    const uint64_t count = argc == 2 ? std::strtoull(argv[1], nullptr, 10) : 0;
-    if (count == 0) fail("tell how many changes");
+    if (argc != 3) fail("tell how many changes, and the pause between two");
+    const uint64_t count = std::strtoull(argv[1], nullptr, 10);
+    const std::chrono::microseconds pause(std::strtoul(argv[2], nullptr, 10));
     if (shmnm_attach() != SHMNM_OK) fail("no region to attach to");
     say("ready");
     if (std::getchar() == EOF) fail("not told to begin");
@@ -50,6 +53,7 @@ int main(int argc, char** argv) {
         const uint32_t result = write(change % words, static_cast<uint32_t>(change / words + 1));
         shmnm_rwunlock();
         if (result != SHMNM_OK) fail("a change is refused");
+        if (pause.count() > 0) std::this_thread::sleep_for(pause);
     }
     say("done");
     while (std::getchar() != EOF) {
