@@ -64,6 +64,15 @@ void expect_changed(const char* function, uint32_t result, const std::string& wh
     }
 }
 
+/// Makes one call of the library on the attached region, under the lock.
+template <typename Call>
+Exit change(const Context& context, const char* function, const std::string& what, const Call& call) {
+    LiveRegion region(context.access);
+    const Change attached(region, context.force);
+    expect_changed(function, call(library()), what);
+    return Exit::done;
+}
+
 std::string read_standard_input() {
     std::string text;
     char part[1 << 14];
@@ -92,27 +101,21 @@ Exit set(const Context& context, const Arguments& given) {
 Exit add_server(const Context& context, const Arguments& given) {
     const std::string name = name_from(given.name, "server", server_name_limit);
     const int32_t pri = number_from(given.pri, "priority of a server", &Value::to_int32);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed("shmnm_addnode", library().shmnm_addnode(name.c_str(), pri), "server " + escaped(name));
-    return Exit::done;
+    return change(context, "shmnm_addnode", "server " + escaped(name),
+                  [&](const Library& calls) { return calls.shmnm_addnode(name.c_str(), pri); });
 }
 
 Exit remove_server(const Context& context, const Arguments& given) {
     const std::string name = name_from(given.name, "server", server_name_limit);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed("shmnm_rmnode", library().shmnm_rmnode(name.c_str()), "server " + escaped(name));
-    return Exit::done;
+    return change(context, "shmnm_rmnode", "server " + escaped(name),
+                  [&](const Library& calls) { return calls.shmnm_rmnode(name.c_str()); });
 }
 
 Exit modify_server(const Context& context, const Arguments& given) {
     const std::string name = name_from(given.name, "server", server_name_limit);
     const int32_t pri = number_from(given.pri, "priority of a server", &Value::to_int32);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed("shmnm_modifynode", library().shmnm_modifynode(name.c_str(), pri), "server " + escaped(name));
-    return Exit::done;
+    return change(context, "shmnm_modifynode", "server " + escaped(name),
+                  [&](const Library& calls) { return calls.shmnm_modifynode(name.c_str(), pri); });
 }
 
 /// All that tells the commands on hb resources from those on np resources.
@@ -165,30 +168,24 @@ Identity identity_from(const Table& table, const Arguments& given) {
 Exit add_resource(const Context& context, const Table& table, const Arguments& given) {
     const Identity identity = identity_from(table, given);
     const uint32_t pri = number_from(given.pri, "priority of a resource", &Value::to_uint32);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed(table.add_function, (library().*table.add)(identity.type.c_str(), identity.name.c_str(), pri),
-                   identity.text);
-    return Exit::done;
+    return change(context, table.add_function, identity.text, [&](const Library& calls) {
+        return (calls.*table.add)(identity.type.c_str(), identity.name.c_str(), pri);
+    });
 }
 
 Exit remove_resource(const Context& context, const Table& table, const Arguments& given) {
     const Identity identity = identity_from(table, given);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed(table.remove_function, (library().*table.remove)(identity.type.c_str(), identity.name.c_str()),
-                   identity.text);
-    return Exit::done;
+    return change(context, table.remove_function, identity.text, [&](const Library& calls) {
+        return (calls.*table.remove)(identity.type.c_str(), identity.name.c_str());
+    });
 }
 
 Exit modify_resource(const Context& context, const Table& table, const Arguments& given) {
     const Identity identity = identity_from(table, given);
     const uint32_t pri = number_from(given.pri, "priority of a resource", &Value::to_uint32);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed(table.modify_function, (library().*table.modify)(identity.type.c_str(), identity.name.c_str(), pri),
-                   identity.text);
-    return Exit::done;
+    return change(context, table.modify_function, identity.text, [&](const Library& calls) {
+        return (calls.*table.modify)(identity.type.c_str(), identity.name.c_str(), pri);
+    });
 }
 
 Exit add_fst(const Context& context, const Arguments& given) {
@@ -197,11 +194,8 @@ Exit add_fst(const Context& context, const Arguments& given) {
     if (kind < 0 || kind > 2) throw Failure(Exit::usage, "a kind is 0, 1 or 2");
     const uint32_t pid = number_from(given.pid, "process id", &Value::to_uint32);
     const uint64_t data = number_from(given.data.empty() ? "0" : given.data, "64-bit value", &Value::to_uint64);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    expect_changed("shmnm_setfstrscpid", library().shmnm_setfstrscpid(name.c_str(), kind, pid, data),
-                   "table of process ids");
-    return Exit::done;
+    return change(context, "shmnm_setfstrscpid", "table of process ids",
+                  [&](const Library& calls) { return calls.shmnm_setfstrscpid(name.c_str(), kind, pid, data); });
 }
 
 /// The bytes of a description as they are stored: the text, then zeros.
