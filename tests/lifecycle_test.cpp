@@ -62,7 +62,7 @@ class CreateAndAttach : public test::RegionTest, public testing::WithParamInterf
   protected:
     uint32_t map() { return GetParam().call(); }
     const char* tag() const { return GetParam().tag; }
-    bool creates() const { return GetParam().call == shmnm_create; }
+    bool creates() const { return GetParam().tag == std::string("_create"); }
     /// Creates say "(new)" or "(use)"; here another process holds the region.
     std::vector<testing::Matcher<const LogLine&>> lines_from_counts_on(const std::vector<std::string>& errors,
                                                                        int size) {
