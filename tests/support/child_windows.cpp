@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <stdexcept>
+#include <string>
 
 #include "support/child_platform.h"
 
@@ -64,7 +65,7 @@ PROCESS_INFORMATION create(const std::vector<std::string>& arguments, HANDLE inp
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION process{};
     if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-        throw std::runtime_error("CreateProcess");
+        throw std::runtime_error("CreateProcess: error " + std::to_string(GetLastError()));
     }
     CloseHandle(process.hThread);
     return process;
