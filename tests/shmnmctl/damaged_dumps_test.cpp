@@ -1,5 +1,6 @@
 // Dumps damaged by arbitrary bytes: whatever a dump holds, every command that reads one shows something, nothing of it
-// unescaped, and soon. Prints how long the slowest dump took each command; SHMNM_DAMAGED_DUMPS says how many there are.
+// unescaped, and soon. Prints how long the slowest dump took each command; SHMNM_DAMAGED_DUMPS says how many there are,
+// SHMNM_DAMAGED_SMALL that all are of small regions, of which very many can be looked at.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -178,6 +179,14 @@ unsigned dumps_wanted() {
 /// Regions of which damaged dumps are made; the default size is what most of them have.
 std::vector<Snapshot> healthy_dumps(Random& random) {
     std::vector<Snapshot> dumps;
+    if (std::getenv("SHMNM_DAMAGED_SMALL")) {
+        for (const Counts& counts : {Counts{4, 3, 2, 1}, Counts{1, 2, 3, 2}}) {
+            LibraryRegion region(counts);
+            region.call(random, 500);
+            dumps.push_back(region.dump());
+        }
+        return dumps;
+    }
     for (const Counts& counts : {Counts{128, 16, 16, 1}, Counts{4, 3, 2, 1}, Counts{1, 16, 200, 2}}) {
         LibraryRegion region(counts);
         region.call(random, 2000);

@@ -107,19 +107,13 @@ class LockingOnLinux(ToolTest):
         self.assertIn("taken over 1 time from an owner that ended, last at 20", self.tool("lock", "--who").out)
 
     def test_the_name_of_a_holder_reaches_no_terminal_unescaped(self):
-        environment = dict(self.environment)
-        script = (
-            "import ctypes, sys; library = ctypes.CDLL(sys.argv[1]); library.shmnm_rwlock(0);"
-            "print('held', flush=True); sys.stdin.read()"
-        )
         holder = subprocess.Popen(
-            ["/usr/bin/python3", "-c", script, str(support.FOLDER / "libkzmshmnm.so"), "\x1b]0;evil\x07"],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            env=environment,
+            support.program("api_caller") + ["\x1b]0;evil\x07"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment
         )
         try:
-            self.assertEqual(holder.stdout.readline(), b"held\n")
+            holder.stdin.write(b"shmnm_rwlock 0\n")
+            holder.stdin.flush()
+            self.assertEqual(holder.stdout.readline(), b"0\n")
             told = self.tool("lock", "--who")
             self.assertEqual(told.status, 0)
             self.assertNotIn("\x1b", told.out)
