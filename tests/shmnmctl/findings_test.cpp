@@ -117,7 +117,7 @@ Expectation expected(const Snapshot& changed, uint64_t at) {
         if (field < 256) return in_text(changed, record, at, 256, false);
         return field < 292 ? opaque : stays_zero;
     }
-    return at < network + 3 * 16 ? opaque : stays_zero;
+    return at < network + 48 ? opaque : stays_zero;
 }
 
 TEST(DamagedRegion, ShowsEachWrongByteByOneFinding) {
