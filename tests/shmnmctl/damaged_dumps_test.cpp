@@ -81,7 +81,8 @@ void lay_out_anew(std::vector<uint8_t>& bytes, Random& random) {
     }
 }
 
-void damage_once(std::vector<uint8_t>& bytes, Random& random) {
+/// @return whether the dump has become one of another region, with as many records as its size allows
+bool damage_once(std::vector<uint8_t>& bytes, Random& random) {
     const auto byte = static_cast<uint8_t>(random());
     // Areas have very many bytes.
     auto fast = [state = static_cast<uint32_t>(random())]() mutable {
@@ -114,13 +115,22 @@ void damage_once(std::vector<uint8_t>& bytes, Random& random) {
             break;
         default:
             lay_out_anew(bytes, random);
-            break;
+            return true;
     }
+    return false;
 }
 
-Snapshot damaged(const Snapshot& healthy, Random& random) {
-    Snapshot snapshot = healthy;
-    for (unsigned times = 1 + below(random, 4); times > 0; --times) damage_once(snapshot.bytes, random);
+struct Damaged {
+    Snapshot snapshot;
+    bool laid_out_anew = false;
+};
+
+Damaged damaged(const Snapshot& healthy, Random& random) {
+    Damaged dump{healthy};
+    Snapshot& snapshot = dump.snapshot;
+    for (unsigned times = 1 + below(random, 4); times > 0; --times) {
+        if (damage_once(snapshot.bytes, random)) dump.laid_out_anew = true;
+    }
     snapshot.mapped = snapshot.bytes.size();
     snapshot.counts = snapshot.header_counts();
     // The live region is read with the counts of the configuration.
@@ -129,15 +139,20 @@ Snapshot damaged(const Snapshot& healthy, Random& random) {
         snapshot.configured = healthy.counts;
         if (snapshot.bytes.size() == healthy.bytes.size()) snapshot.counts = healthy.counts;
     }
-    return snapshot;
+    return dump;
 }
 
-/// What a command writes about a dump, and the longest that it took.
+struct Slowest {
+    double ms = 0;
+    unsigned dump = 0;
+};
+
+/// What a command writes about a dump, and the longest that it took: for damaged ones, and for those that hold another
+/// region, of which the picture may have thousands of records.
 struct Command {
     const char* name;
     std::function<std::string(const Snapshot&)> output;
-    double slowest_ms = 0;
-    unsigned slowest_dump = 0;
+    Slowest slowest{}, slowest_anew{};
 };
 
 std::vector<Command> commands(const Picture& before) {
@@ -210,20 +225,21 @@ TEST(DamagedDumps, AreShownByEveryCommand) {
         SCOPED_TRACE(fmt::format("seed {}, dump {}", seed, dump));
         // Each dump follows from the seed and its number alone.
         Random random(seed + dump);
-        const Snapshot snapshot = damaged(healthy[below(random, static_cast<uint32_t>(healthy.size()))], random);
+        const auto [snapshot, laid_out_anew] =
+            damaged(healthy[below(random, static_cast<uint32_t>(healthy.size()))], random);
         for (Command& command : all) {
             const std::clock_t start = std::clock();
             const std::string output = command.output(snapshot);
             const double ms = 1000.0 * static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
             ASSERT_TRUE(std::none_of(output.begin(), output.end(), is_control)) << command.name;
-            if (ms < command.slowest_ms) continue;
-            command.slowest_ms = ms;
-            command.slowest_dump = dump;
+            Slowest& slowest = laid_out_anew ? command.slowest_anew : command.slowest;
+            if (ms > slowest.ms) slowest = {ms, dump};
         }
     }
     for (const Command& command : all) {
-        fmt::print("{}: at most {:.1f} ms, for dump {} of {}\n", command.name, command.slowest_ms, command.slowest_dump,
-                   wanted);
+        fmt::print("{}: at most {:.1f} ms, for dump {} of {}; {:.1f} ms for {}, of another region\n", command.name,
+                   command.slowest.ms, command.slowest.dump, wanted, command.slowest_anew.ms,
+                   command.slowest_anew.dump);
     }
 }
 

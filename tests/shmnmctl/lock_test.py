@@ -8,13 +8,21 @@ import support
 from support import ToolTest, path
 
 
-
 def tool_as_command(*arguments):
     """The tool itself, as a command to be run under the lock."""
     return ["--"] + support.native_program("shmnmctl") + list(arguments)
 
 
-class Locking(ToolTest):
+class LockTest(ToolTest):
+    def witness(self):
+        """A process that has the mutex open, so that what is known of it outlives its owners."""
+        caller = self.api()
+        caller.ok("shmnm_rolock", 0)
+        caller.ok("shmnm_rounlock")
+        return caller
+
+
+class Locking(LockTest):
     def test_the_command_runs_while_the_lock_is_held(self):
         api = self.api()
         holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
@@ -37,10 +45,32 @@ class Locking(ToolTest):
         self.assertEqual(result.returncode, 2)
 
     def test_a_command_that_cannot_be_started_is_named_and_leaves_the_lock_free(self):
+        self.witness()
         result = self.tool("lock", "--", "no-such-command-at-all")
         self.assertEqual(result.status, 5)
         self.assertIn("no-such-command-at-all cannot be run", result.err)
         self.assertEqual(self.tool("lock", "--who").status, 1)
+
+    def test_ctrl_c_is_left_to_the_command_and_the_lock_stays_held(self):
+        api = self.api()
+        holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
+        holder.stdin.write(b"shmnm_rwlock 0\n")
+        holder.stdin.flush()
+        self.assertEqual(holder.stdout.readline().strip(), b"17")
+        # To the tool alone; what a terminal sends reaches the command as well.
+        holder.send_signal(signal.SIGINT)
+        holder.stdin.write(b"shmnm_rwlock 0\n")
+        holder.stdin.flush()
+        self.assertEqual(holder.stdout.readline().strip(), b"17")
+        self.assertEqual(api.call("shmnm_rwlock", 0)[0], 17)
+        holder.stdin.close()
+        self.assertEqual(holder.wait(), 0)
+
+    def test_the_name_of_the_lock_is_told_when_asked_for(self):
+        name = self.environment["KZMUTIL_NAMESPACE"] + "oru_kzmshmnm_lock"
+        told = f"shmnmctl: opens the mutex {name}\n"
+        self.assertEqual(self.tool("--verbose", "lock", "--who").err, told)
+        self.assertEqual(self.tool("--verbose", "lock", *tool_as_command("--version")).err, told)
 
     def test_arguments_reach_the_command_unchanged(self):
         odd = ["two words", 'quo"te', "back\\slash", 'both\\"', "trailing\\", "", "tab\there", "%PATH%", "*"]
@@ -78,7 +108,7 @@ class Locking(ToolTest):
         self.assertEqual(self.tool("lock", "--who", "--", "x").status, 2)
 
 
-class LockingOnLinux(ToolTest):
+class LockingOnLinux(LockTest):
     """What only Linux tells, and signals."""
 
     def test_the_holder_is_named_with_its_command_state_and_time(self):
@@ -87,6 +117,10 @@ class LockingOnLinux(ToolTest):
         holder = self.tool("lock", "--who", "--format", "json").json["holder"]
         self.assertEqual((holder["process"], holder["thread"], holder["state"]), (api.process.pid, api.process.pid, "running"))
         self.assertTrue(holder["command"].endswith("api_caller"), holder)
+        late = self.tool("lock", "--timeout", "20", *tool_as_command("--version"))
+        self.assertEqual(late.status, 4)
+        self.assertIn(f'ms: held by process {api.process.pid} thread {api.process.pid} ("', late.err)
+        self.assertIn('api_caller", running) since 20', late.err)
         os.kill(api.process.pid, signal.SIGSTOP)
         try:
             while self.tool("lock", "--who", "--format", "json").json["holder"]["state"] != "stopped":
@@ -95,10 +129,41 @@ class LockingOnLinux(ToolTest):
         finally:
             os.kill(api.process.pid, signal.SIGCONT)
 
+    def test_a_holder_that_has_ended_holds_nothing(self):
+        self.witness()
+        api = self.api()
+        api.ok("shmnm_rwlock", 0)
+        os.kill(api.process.pid, signal.SIGKILL)
+        os.waitid(os.P_PID, api.process.pid, os.WEXITED | os.WNOWAIT)
+        # Once as a process that nobody has waited for yet, once as none.
+        for _ in range(2):
+            told = self.tool("lock", "--who")
+            self.assertEqual(told.status, 1)
+            who = f"process {api.process.pid} thread {api.process.pid}"
+            self.assertIn(f"nobody holds it now: {who} ended with it, and the next one takes it over; taken over 0 times", told.out)
+            document = self.tool("lock", "--who", "--format", "json").json
+            self.assertEqual((document["held"], document["takeovers"]), (False, 0))
+            self.assertEqual((document["holder"]["process"], document["holder"]["state"]), (api.process.pid, "ended"))
+            api.process.wait()
+
+    def test_a_command_that_cannot_be_started_leaves_nothing_to_take_over(self):
+        self.witness()
+        self.assertEqual(self.tool("lock", "--", "no-such-command-at-all").status, 5)
+        self.assertEqual(self.tool("lock", *tool_as_command("--version")).status, 0)
+        self.assertEqual(self.tool("lock", "--who", "--format", "json").json["takeovers"], 0)
+
+    def test_the_command_ignores_the_signals_that_the_tool_was_started_to_ignore_and_no_others(self):
+        for name in ("INT", "QUIT", "PIPE", "XFSZ", "HUP", "TERM"):
+            with self.subTest(name):
+                ends = self.tool("lock", "--", "sh", "-c", f"ulimit -c 0; kill -{name} $$; echo alive")
+                self.assertEqual((ends.status, ends.out), (128 + getattr(signal, f"SIG{name}"), ""))
+                ignoring = ["sh", "-c", f'trap "" {name}; exec "$@"', "sh"]
+                command = support.program("shmnmctl") + ["lock", "--", "sh", "-c", f"kill -{name} $$; echo alive"]
+                stays = subprocess.run(ignoring + command, env=self.environment, capture_output=True)
+                self.assertEqual((stays.returncode, stays.stdout, stays.stderr), (0, b"alive\n", b""))
+
     def test_a_take_over_from_a_killed_holder_is_counted(self):
-        witness = self.api()
-        witness.ok("shmnm_rolock", 0)
-        witness.ok("shmnm_rounlock")
+        self.witness()
         api = self.api()
         api.ok("shmnm_rwlock", 0)
         api.kill()

@@ -106,6 +106,7 @@ class Serving(ServeTest):
             (f'<server name="{"n" * 256}" priority="1"/>', "is longer than 255 bytes"),
             (f'<hb type="{"t" * 32}" name="a" priority="1"/>', "is longer than 31 bytes"),
             ('<disk name="a" priority="1"/>', "has an element disk; server, hb and np are known"),
+            ('<server name="a" priority="1"><hb/></server>', "the server a in /root/cluster has an element hb in it"),
             ('<server name="a" priority="1"/><server name="a" priority="2"/>', "has the server a twice"),
             ("".join(f'<server name="s{i}" priority="1"/>' for i in range(5)), "has 5 server elements, and /root/all/num has room for 4"),
             ("".join(f'<np type="t" name="n{i}" priority="1"/>' for i in range(3)), "has room for 2"),
@@ -118,8 +119,12 @@ class Serving(ServeTest):
         self.assertIn("cannot be read", self.refused("--config", path(self.folder / "missing.xml")))
         (self.folder / "broken.xml").write_text("<root><all></root>")
         self.assertIn("no well-formed XML", self.refused("--config", path(self.folder / "broken.xml")))
-        (self.folder / "etc/cluster.xml").unlink()
+        file = self.folder / "members.xml"
+        (self.folder / "etc/cluster.xml").rename(file)
         self.assertIn("put the cluster's configuration there", self.refused())
+        error = self.refused("--config", path(file))
+        self.assertIn("shmnm_create answered 12", error)
+        self.assertIn(f"put the configuration at {self.environment['KZM_INSTALL_PATH']}", error)
 
     def test_a_file_with_other_counts_than_the_installed_one_is_refused(self):
         file = self.folder / "members.xml"
@@ -136,6 +141,18 @@ class Serving(ServeTest):
         result = self.tool("serve")
         self.assertEqual(result.status, 5)
         self.assertIn("alpha is not registered", result.err)
+
+    def test_where_one_member_finds_no_room_none_is_registered(self):
+        api = self.region()
+        api.ok("shmnm_addnode", "alpha", 9)
+        api.ok("shmnm_addhbrsc", "lan", "a", 1)
+        api.ok("shmnm_addhbrsc", "lan", "b", 1)
+        result = self.tool("serve")
+        self.assertEqual(result.status, 5)
+        self.assertIn("diskhb1 is not registered", result.err)
+        self.assertEqual((api.ok("shmnm_enumnode"), api.ok("hb_names")), (["alpha"], ["a", "b"]))
+        self.assertEqual(api.ok("shmnm_getnodepri", "alpha"), ["9"])
+        self.assertEqual(self.tool("verify").status, 0)
 
 
 class ServingOnLinux(ServeTest):
@@ -157,6 +174,11 @@ class ServingOnLinux(ServeTest):
         self.assertIsNone(process.poll())
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(), 0)
+
+    def test_an_input_that_is_closed_has_ended(self):
+        command = support.program("shmnmctl") + ["serve", "--until-eof"]
+        done = subprocess.run(["sh", "-c", 'exec "$@" <&-', "sh"] + command, env=self.environment, capture_output=True, timeout=20)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
 
     def test_killed_it_leaves_nothing_behind(self):
         process = self.serve()
@@ -185,6 +207,21 @@ class ServingOnLinux(ServeTest):
         unit = (support.PROJECT / "examples/shmnm.service").read_text()
         self.assertIn("\nType=notify\n", unit)
         self.assertIn("/shmnmctl serve\n", unit)
+
+
+class ServingOnWindows(ServeTest):
+    """What a console sends to all of its programs."""
+
+    def test_ctrl_c_of_its_console_ends_it_in_good_order(self):
+        api = self.region()
+        command = support.program("console_interrupt") + support.native_program("shmnmctl") + ["serve", "--clean"]
+        # To a file: wine may start a process for the console that keeps the output open for long.
+        said = self.folder / "said"
+        with said.open("wb") as output:
+            done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output, timeout=60)
+        self.assertEqual(done.returncode, 0, said.read_text())
+        self.assertIn("ready: ", said.read_text())
+        self.assertEqual(api.ok("shmnm_enumnode"), [])
 
 
 if __name__ == "__main__":

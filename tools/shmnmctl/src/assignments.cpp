@@ -163,7 +163,8 @@ class Planner {
     void add_resource(const Assignment& assignment, const std::vector<std::string>& part) {
         const Library& calls = library();
         const bool hb = part[0] == "hb";
-        const std::string type = name(part[1]), resource = name(part[2]), word = part[3];
+        const std::string type = name(part[1]), resource = name(part[2]);
+        const std::string& word = part[3];
         const uint32_t value = word_of(assignment);
         if (word == "pri" || word == "stat") {
             const auto [function, set] = word == "pri"

@@ -52,6 +52,9 @@ std::string describe_holder(void* mutex) {
     std::string text;
     if (holder->process == 0) {
         text = "nobody holds it now";
+    } else if (platform::has_ended(*holder)) {
+        text = fmt::format("nobody holds it now: process {} thread {} ended with it, and the next one takes it over",
+                           holder->process, holder->thread);
     } else {
         const auto process = platform::process(holder->process);
         text = fmt::format("held by process {} thread {}", holder->process, holder->thread);

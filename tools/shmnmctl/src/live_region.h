@@ -72,6 +72,19 @@ class LiveRegion {
     bool told_ = false;
 };
 
+/// The lock, taken to write. It is given back with this.
+class Locked {
+  public:
+    /// @throws Failure  it does not come in time
+    explicit Locked(LiveRegion& region) : region_(region) { region_.lock(); }
+    ~Locked() { region_.unlock(); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+  private:
+    LiveRegion& region_;
+};
+
 /// A change of the region: the lock held, the region attached to. Both end with it.
 class Change {
   public:

@@ -13,11 +13,9 @@ namespace {
 
 Exit run_locked(const Context& context, const std::vector<std::string>& command) {
     LiveRegion region(context.access);
-    region.lock();
+    const Locked locked(region);
     // The command gets neither the lock nor its handle: it is this process that owns it until the command has ended.
-    const int status = platform::run(command);
-    region.unlock();
-    return static_cast<Exit>(status);
+    return static_cast<Exit>(platform::run(command));
 }
 
 Json to_json(const platform::LockHolder& holder) {
@@ -30,6 +28,7 @@ Json to_json(const platform::LockHolder& holder) {
         one["command"] = escaped(process->command);
         one["state"] = process->state;
     }
+    if (platform::has_ended(holder)) one["state"] = "ended";
     return one;
 }
 
@@ -37,12 +36,13 @@ Exit tell_who(const Context& context) {
     LiveRegion region(context.access);
     const auto holder = platform::lock_holder(region.mutex());
     // Where the system does not tell who has it, it tells whether anyone has.
-    const bool held = holder ? holder->process != 0 : !region.try_lock();
+    const bool held = holder ? holder->process != 0 && !platform::has_ended(*holder) : !region.try_lock();
     if (!holder && !held) region.unlock();
     if (context.json()) {
         Json answer = document("lock");
         answer["held"] = held;
-        answer["holder"] = holder && held ? to_json(*holder) : Json();
+        // One that ended with the lock is told too.
+        answer["holder"] = holder && holder->process != 0 ? to_json(*holder) : Json();
         answer["takeovers"] = holder ? Json(holder->takeovers) : Json();
         write_output(line(answer));
     } else {

@@ -56,6 +56,12 @@ class Reader {
         member.name = text(element, content, "name",
                            member.kind == Member::Kind::server ? server_name_limit : resource_text_limit);
         member.priority = priority(element, content, member.kind == Member::Kind::server);
+        // A member that stands in another one would not be registered.
+        for (const auto& [inner, ignored] : content) {
+            if (inner.starts_with('<')) continue;
+            refuse(fmt::format("the {} {} in /root/cluster has an element {} in it; members stand side by side",
+                               element, printable(member.name), printable(inner)));
+        }
         return member;
     }
 

@@ -37,6 +37,9 @@ struct LockHolder {
 };
 /// Nothing where the system does not tell.
 std::optional<LockHolder> lock_holder(void* mutex);
+/// Whether the thread that is named has ended and left the lock to whoever asks next. Not for under the lock: it looks
+/// at the system's files.
+bool has_ended(const LockHolder& holder);
 
 struct Process {
     std::string command;  ///< not escaped
@@ -54,7 +57,8 @@ Terminal terminal();
 /// Makes a terminal obey escape sequences. @return false when it cannot
 bool enable_escapes();
 
-/// To be called once, first of all: output in bytes as written, a closed pipe as an error and not a signal.
+/// To be called once, first of all: output in bytes as written, a closed pipe as an error and not a signal, an input
+/// that is closed as one that has ended.
 void prepare();
 
 /// From now on SIGINT, SIGTERM and SIGHUP (Windows: Ctrl-C, Ctrl-Break, closing the console) ask to stop and no longer
@@ -68,7 +72,7 @@ bool stopped_within(uint32_t milliseconds);
 void wait_for_stop(bool or_end_of_input);
 
 /// Runs a command with this process's streams and waits for its end; Ctrl-C is left to the command, SIGTERM and SIGHUP
-/// are passed on to it.
+/// are passed on to it. Signals that this process was started to ignore, the command ignores too.
 /// @return its exit status; 128 and more: ended by that signal less 128
 /// @throws Failure  it cannot be started
 int run(const std::vector<std::string>& command);

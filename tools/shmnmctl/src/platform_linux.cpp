@@ -24,8 +24,6 @@
 #include "kzmkernel.h"
 #include "platform.h"
 
-extern char** environ;
-
 namespace shmnmctl::platform {
 namespace {
 
@@ -34,6 +32,9 @@ constexpr uint32_t map_read = 4;
 /// What the signal handlers write to. A byte: 's' to stop, 'w' for another size of the terminal.
 std::array<int, 2> signal_pipe{-1, -1};
 volatile sig_atomic_t running_child = 0;
+
+/// Whether prepare() found them ignored.
+bool pipe_was_ignored = false, size_limit_was_ignored = false;
 
 void announce(char what) {
     const int error = errno;
@@ -58,6 +59,12 @@ void handle(int signal, void (*handler)(int)) {
     sigaction(signal, &action, nullptr);
 }
 
+bool is_ignored(int signal) {
+    struct sigaction action {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
+}
+
 std::string whole_file(const std::string& name) {
     std::ifstream stream(name, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
@@ -67,6 +74,10 @@ uint64_t clock_us(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
+bool means_ended(char state) {
+    return state == 'Z' || state == 'X';
 }
 
 const char* state_text(char letter) {
@@ -128,6 +139,14 @@ std::optional<LockHolder> lock_holder(void* mutex) {
                       .takes = info.takes};
 }
 
+bool has_ended(const LockHolder& holder) {
+    if (holder.process == 0) return false;
+    if (tgkill(static_cast<pid_t>(holder.process), static_cast<pid_t>(holder.thread), 0) != 0) return errno == ESRCH;
+    const std::string stat = whole_file(fmt::format("/proc/{}/task/{}/stat", holder.process, holder.thread));
+    const size_t name_end = stat.rfind(") ");
+    return name_end != std::string::npos && name_end + 2 < stat.size() && means_ended(stat[name_end + 2]);
+}
+
 std::optional<Process> process(uint32_t id) {
     const std::string folder = fmt::format("/proc/{}/", id);
     const std::string stat = whole_file(folder + "stat");
@@ -159,8 +178,12 @@ bool enable_escapes() {
 }
 
 void prepare() {
+    pipe_was_ignored = is_ignored(SIGPIPE);
+    size_limit_was_ignored = is_ignored(SIGXFSZ);
     handle(SIGPIPE, SIG_IGN);
     handle(SIGXFSZ, SIG_IGN);
+    // Else the next file that is opened would be taken for it.
+    if (fcntl(STDIN_FILENO, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDONLY));
 }
 
 void catch_stop() {
@@ -206,6 +229,7 @@ void wait_for_stop(bool or_end_of_input) {
 
 int run(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
 
@@ -214,9 +238,12 @@ int run(const std::vector<std::string>& command) {
     posix_spawnattr_init(&attributes);
     sigset_t defaults;
     sigemptyset(&defaults);
-    for (const int signal : {SIGPIPE, SIGXFSZ, SIGINT, SIGQUIT}) sigaddset(&defaults, signal);
+    if (!pipe_was_ignored) sigaddset(&defaults, SIGPIPE);
+    if (!size_limit_was_ignored) sigaddset(&defaults, SIGXFSZ);
+    for (const int signal : {SIGINT, SIGQUIT}) {
+        if (!is_ignored(signal)) sigaddset(&defaults, signal);
+    }
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
 
     handle(SIGINT, SIG_IGN);
     handle(SIGQUIT, SIG_IGN);
@@ -233,17 +260,22 @@ int run(const std::vector<std::string>& command) {
     posix_spawnattr_destroy(&attributes);
     if (error == 0) {
         running_child = child;
-        handle(SIGTERM, pass_on);
-        handle(SIGHUP, pass_on);
+        for (const int signal : {SIGTERM, SIGHUP}) {
+            if (!is_ignored(signal)) handle(signal, pass_on);
+        }
     }
     sigprocmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) {
         throw Failure(Exit::failed, fmt::format("{} cannot be run: {}", printable(command[0]), std::strerror(error)));
     }
+    // Its number is its own until it has been waited for: no signal is passed on to another process of that number.
+    siginfo_t ended{};
+    while (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    running_child = 0;
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    running_child = 0;
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 

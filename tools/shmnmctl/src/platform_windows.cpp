@@ -21,10 +21,20 @@ namespace {
 
 HANDLE stop_event = nullptr;
 
+/// The system ends the process when the handler of these returns, or after some seconds: main() needs that time.
+void leave_time_to_main(DWORD event) {
+    if (event == CTRL_CLOSE_EVENT || event == CTRL_LOGOFF_EVENT || event == CTRL_SHUTDOWN_EVENT) Sleep(INFINITE);
+}
+
 BOOL WINAPI on_console_event(DWORD event) {
     SetEvent(stop_event);
-    // The system ends the process when the handler of these returns, or after some seconds: main() needs that time.
-    if (event == CTRL_CLOSE_EVENT || event == CTRL_LOGOFF_EVENT || event == CTRL_SHUTDOWN_EVENT) Sleep(INFINITE);
+    leave_time_to_main(event);
+    return TRUE;
+}
+
+/// The command gets the event as well, and main() waits for its end.
+BOOL WINAPI leave_to_command(DWORD event) {
+    leave_time_to_main(event);
     return TRUE;
 }
 
@@ -87,6 +97,9 @@ uint64_t object_number(void*) {
 
 std::optional<LockHolder> lock_holder(void*) {
     return std::nullopt;
+}
+bool has_ended(const LockHolder&) {
+    return false;
 }
 std::optional<Process> process(uint32_t) {
     return std::nullopt;
@@ -155,8 +168,7 @@ int run(const std::vector<std::string>& command) {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION child{};
-    // Ctrl-C is left to the command.
-    SetConsoleCtrlHandler([](DWORD) -> BOOL { return TRUE; }, TRUE);
+    SetConsoleCtrlHandler(leave_to_command, TRUE);
     if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
         throw Failure(Exit::failed, fmt::format("{} cannot be run (error {})", printable(command[0]), GetLastError()));
     }

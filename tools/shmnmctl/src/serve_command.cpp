@@ -29,26 +29,31 @@ void create(const std::string& installed) {
     throw Failure(Exit::failed, fmt::format("shmnm_create answered {}: {}; {}", result, meaning(result), advice));
 }
 
-/// The call that registers a member, and the one that gives it its priority where it was there before.
 uint32_t add(const Member& member) {
     const Library& calls = library();
-    const auto pri = static_cast<uint32_t>(member.priority);
+    const char* const type = member.type.c_str();
+    const char* const name = member.name.c_str();
     switch (member.kind) {
-        case Member::Kind::server: {
-            const auto server_pri = static_cast<int32_t>(member.priority);
-            const uint32_t result = calls.shmnm_addnode(member.name.c_str(), server_pri);
-            return result == SHMNM_ERR_EXIST ? calls.shmnm_modifynode(member.name.c_str(), server_pri) : result;
-        }
-        case Member::Kind::hb: {
-            const uint32_t result = calls.shmnm_addhbrsc(member.type.c_str(), member.name.c_str(), pri);
-            if (result != SHMNM_ERR_EXIST) return result;
-            return calls.shmnm_modifyhbrsc(member.type.c_str(), member.name.c_str(), pri);
-        }
-        default: {
-            const uint32_t result = calls.shmnm_addnprsc(member.type.c_str(), member.name.c_str(), pri);
-            if (result != SHMNM_ERR_EXIST) return result;
-            return calls.shmnm_modifynprsc(member.type.c_str(), member.name.c_str(), pri);
-        }
+        case Member::Kind::server:
+            return calls.shmnm_addnode(name, static_cast<int32_t>(member.priority));
+        case Member::Kind::hb:
+            return calls.shmnm_addhbrsc(type, name, static_cast<uint32_t>(member.priority));
+        default:
+            return calls.shmnm_addnprsc(type, name, static_cast<uint32_t>(member.priority));
+    }
+}
+
+uint32_t give_priority(const Member& member) {
+    const Library& calls = library();
+    const char* const type = member.type.c_str();
+    const char* const name = member.name.c_str();
+    switch (member.kind) {
+        case Member::Kind::server:
+            return calls.shmnm_modifynode(name, static_cast<int32_t>(member.priority));
+        case Member::Kind::hb:
+            return calls.shmnm_modifyhbrsc(type, name, static_cast<uint32_t>(member.priority));
+        default:
+            return calls.shmnm_modifynprsc(type, name, static_cast<uint32_t>(member.priority));
     }
 }
 
@@ -64,25 +69,27 @@ uint32_t remove(const Member& member) {
     }
 }
 
+/// All of them, or none: one that is refused takes those before it with it, and no priority is touched.
 void register_members(LiveRegion& region, const std::vector<Member>& members) {
-    region.lock();
-    uint32_t result = SHMNM_OK;
-    const auto refused = std::find_if(members.begin(), members.end(), [&](const Member& member) {
-        result = add(member);
-        return result != SHMNM_OK;
-    });
-    region.unlock();
-    if (refused != members.end()) {
+    const Locked locked(region);
+    std::vector<const Member*> added, there_before;
+    for (const Member& member : members) {
+        const uint32_t result = add(member);
+        if (result == SHMNM_OK || result == SHMNM_ERR_EXIST) {
+            (result == SHMNM_OK ? added : there_before).push_back(&member);
+            continue;
+        }
+        std::for_each(added.rbegin(), added.rend(), [](const Member* one) { remove(*one); });
         throw Failure(Exit::failed, fmt::format("{} is not registered: {}; the region was there before and may be full",
-                                                escaped(refused->name), meaning(result)));
+                                                escaped(member.name), meaning(result)));
     }
+    for (const Member* const member : there_before) expect_ok("the change of a priority", give_priority(*member));
 }
 
 /// What others have taken out meanwhile is out.
 void take_out(LiveRegion& region, const std::vector<Member>& members) {
-    region.lock();
+    const Locked locked(region);
     for (const Member& member : members) remove(member);
-    region.unlock();
 }
 
 void tell_that_it_is_ready(const Context& context, const ClusterFile& file) {
