@@ -1,0 +1,18 @@
+#include "floor_log.h"
+
+namespace {
+
+volatile uint32_t highest_level = 4;  // a log learns its level as it runs
+uint64_t written;
+
+}  // namespace
+
+int32_t floor_log_write(void* log, uint32_t level, uint32_t, const char*, int32_t, const char*, const char* message) {
+    if (level > highest_level) return 0;
+    written += log && message;
+    return 0;
+}
+
+uint64_t floor_log_written(void) {
+    return written;
+}

@@ -1,0 +1,20 @@
+// The floor's log library: what a message costs that a log drops by its level.
+#pragma once
+
+#include <cstdint>
+
+#if defined(_WIN32) && defined(BENCH_FLOOR_LOG_BUILD)
+#define FLOOR_LOG_API __declspec(dllexport)
+#elif defined(_WIN32)
+#define FLOOR_LOG_API __declspec(dllimport)
+#else
+#define FLOOR_LOG_API __attribute__((visibility("default")))
+#endif
+
+extern "C" {
+/// Writes a message unless its level is above the log's.
+FLOOR_LOG_API int32_t floor_log_write(void* log, uint32_t level, uint32_t flags, const char* file, int32_t line,
+                                      const char* function, const char* message);
+/// Messages that were not dropped: none, in a benchmark.
+FLOOR_LOG_API uint64_t floor_log_written(void);
+}

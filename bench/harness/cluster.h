@@ -1,0 +1,55 @@
+// The cluster that rows are measured on: names that share their first letters, and the last of each asked for.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+namespace bench {
+
+/// Where a contestant keeps what it shares: every name of it begins so. One process creates, others join.
+struct Place {
+    std::string scratch;
+    bool create;
+};
+
+/// What every contestant is made for; how much of it is in use is the row's size.
+inline constexpr int32_t max_servers = 128, max_resources = 16;
+
+/// A zero-padded name.
+using Name = std::array<char, 16>;
+
+struct Cluster {
+    int32_t servers, resources;
+
+    static Name server(int32_t position) {
+        const std::string digits = std::to_string(position + 1);
+        return name("server" + std::string(digits.size() < 3 ? 3 - digits.size() : 0, '0') + digits);
+    }
+    static Name resource(int32_t position) { return name("lanhb" + std::to_string(position + 1)); }
+    static constexpr Name type{'l', 'a', 'n'};
+    static int32_t priority(int32_t position) { return position; }
+
+    std::string servers_text() const { return std::to_string(servers); }
+    std::string size_text() const { return std::to_string(servers) + "/" + std::to_string(resources); }
+
+  private:
+    static Name name(const std::string& text) {
+        Name name{};
+        text.copy(name.data(), name.size() - 1);
+        return name;
+    }
+};
+
+/// What a row asks for.
+struct Asked {
+    explicit Asked(const Cluster& cluster)
+        : server(Cluster::server(cluster.servers - 1)),
+          resource(Cluster::resource(cluster.resources - 1)),
+          priority(Cluster::priority(cluster.servers - 1)) {}
+
+    Name server, type = Cluster::type, resource;
+    int32_t priority;
+};
+
+}  // namespace bench

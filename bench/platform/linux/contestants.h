@@ -1,0 +1,25 @@
+// Who competes on this platform.
+#pragma once
+
+#include "floor_calls.h"
+#include "library.h"
+#include "strcmp_peer.h"
+
+namespace bench {
+
+struct Contestants {
+    explicit Contestants(const Place& place) : library(place), floor(place), strcmp_peer(place) {}
+
+    template <typename Do>
+    void each(const Do& what) {
+        what(library);
+        what(floor);
+        what(strcmp_peer);
+    }
+
+    Library library;
+    Floor floor;  ///< a copy of the library's region
+    StrcmpPeer strcmp_peer;
+};
+
+}  // namespace bench
