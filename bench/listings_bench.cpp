@@ -13,6 +13,7 @@ void bench::listings(Measurement& measurement, const Cluster& cluster, Contestan
             for (int32_t server = 0; server < cluster.servers; ++server) {
                 Asked cell = asked;
                 cell.resource = Cluster::resource(resource);
+                cell.server = Cluster::server(server);
                 cell.priority = Cluster::priority(server);
                 who.set_pair(cell, static_cast<uint32_t>(1000 * resource + server));
             }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -38,6 +39,26 @@ struct Cluster {
         Name name{};
         text.copy(name.data(), name.size() - 1);
         return name;
+    }
+};
+
+/// The names, made once.
+struct Names {
+    static const auto& servers() {
+        static const auto names = made<max_servers>(Cluster::server);
+        return names;
+    }
+    static const auto& resources() {
+        static const auto names = made<max_resources>(Cluster::resource);
+        return names;
+    }
+
+  private:
+    template <size_t count>
+    static std::array<Name, count> made(Name (*name)(int32_t)) {
+        std::array<Name, count> names;
+        for (size_t i = 0; i < count; ++i) names[i] = name(static_cast<int32_t>(i));
+        return names;
     }
 };
 

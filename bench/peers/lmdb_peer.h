@@ -1,0 +1,56 @@
+// LMDB on a memory disk, without syncing and with a writable map. A read is a transaction of its own, as is a write
+// outside lock() and unlock(); between those two there is one for all. The writer's lock is the lock.
+#pragma once
+
+#include <lmdb.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "cluster.h"
+
+namespace bench {
+
+class LmdbPeer {
+  public:
+    static constexpr const char* who = "peer_lmdb";
+
+    explicit LmdbPeer(const Place& place);
+    ~LmdbPeer();
+    LmdbPeer(const LmdbPeer&) = delete;
+    LmdbPeer& operator=(const LmdbPeer&) = delete;
+
+    void fill(const Cluster& cluster);
+
+    uint32_t header_word();
+    void set_header_word(uint32_t value);
+    uint32_t server_word(const Name& server);
+    void set_server_word(const Name& server, uint32_t value);
+    uint32_t pair(const Asked& asked);
+    void set_pair(const Asked& asked, uint32_t value);
+    size_t row(const Asked& asked, uint32_t* words);
+    void column(const Asked& asked, uint32_t* words);
+    void lock();
+    void unlock();
+    size_t picture_size();
+    /// Every key with its word.
+    size_t picture(uint8_t* bytes, size_t room);
+
+  private:
+    uint32_t get(std::string_view key);
+    void set(std::string_view key, uint32_t value);
+    template <typename Do>
+    void each(std::string_view prefix, const Do& what);
+
+    std::string path_;
+    bool created_;
+    Cluster cluster_{};
+    MDB_env* environment_ = nullptr;
+    MDB_dbi table_ = 0;
+    MDB_txn* reader_ = nullptr;  ///< reset between its uses
+    MDB_txn* writer_ = nullptr;  ///< while the lock is held
+};
+
+}  // namespace bench
