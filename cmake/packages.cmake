@@ -35,9 +35,17 @@ else()
             DESTINATION share/lintian/overrides
             RENAME ${package}
             COMPONENT ${package} EXCLUDE_FROM_ALL)
-        # Debian keeps its manual pages packed.
+        # Debian keeps its manual pages packed, and the links to them lead to packed ones.
         install(
             CODE "file(GLOB_RECURSE pages \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/*.[1-8]\")
+foreach(page IN LISTS pages)
+    if(IS_SYMLINK \${page})
+        file(READ_SYMLINK \${page} target)
+        file(REMOVE \${page})
+        file(CREATE_LINK \${target}.gz \${page}.gz SYMBOLIC)
+        list(REMOVE_ITEM pages \${page})
+    endif()
+endforeach()
 if(pages)
     execute_process(COMMAND gzip -9nf \${pages} COMMAND_ERROR_IS_FATAL ANY)
 endif()"

@@ -1,5 +1,6 @@
 """The Debian packages: what they are made of, and their life in a root of their own: installed, used, upgraded below a running
 process, purged."""
+import gzip
 import os
 import pathlib
 import re
@@ -128,6 +129,17 @@ class Packages(Place):
         for package, names in zip(PACKAGES, (library, development, tool)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
+
+    def test_each_function_has_a_manual_page_in_the_development_package(self):
+        root = self.installed()
+        pages = {file.name for file in (root / "usr/share/man/man3").iterdir()}
+        self.assertLessEqual({f"{name}.3.gz" for name in interface.KZMSHMNM} | {"shmnm.3.gz", "shmnm_header.3.gz"}, pages)
+        self.assertEqual({f"usr/share/man/man3/{page}" for page in pages},
+                         {name for name in files(self.packages["libshmnm-dev"]) if name.startswith("usr/share/man/")})
+        # A name that shares a page leads to it.
+        page = gzip.decompress((root / "usr/share/man/man3/shmnm_setholdstat.3.gz").read_bytes()).decode()
+        self.assertIn(".Dt SHMNM_SETNODESTAT 3\n", page)
+        self.assertIn("\n.Nm shmnm_setholdstat\n", page)
 
     def test_the_library_s_package_lists_its_symbols(self):
         listed = run("dpkg-deb", "--info", self.packages["libshmnm1"], "symbols")

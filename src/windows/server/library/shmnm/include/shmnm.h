@@ -7,20 +7,26 @@
  * cluster-wide values.
  *
  * What holds for every function unless it says otherwise:
- *  - Result   SHMNM_OK or one SHMNM_ERR_ code; nothing is thrown, there is no other error channel.
- *  - Order    an unmapped region (SHMNM_ERR_NOTINIT) is reported before a bad argument (SHMNM_ERR_PARAM), a bad
- * argument before all else.
- *  - Failure  leaves the region and the caller's outputs as they were.
- *  - Locks    none is taken: hold shmnm_rwlock() or shmnm_rolock() around what must be consistent.
- *  - Threads  any thread may call any function. A thread must not unmap the region (shmnm_detach(), shmnm_delete())
- * while another one of its process is within a call that uses it.
- *  - Memory   every buffer is the caller's; no pointer is kept, none into the region is given out.
- *  - Text     NUL-terminated bytes, compared byte for byte, never converted.
- *  - States   opaque 32-bit words. 2 is what the library itself writes into every state that it opens.
- *  - Limits   bytes beyond the mapped view are never touched, whatever the region's counts say: what would have to be
- * read there is not found, what would have to be added there finds its table full, a listing ends there.
- *  - Log      every call writes an entry and an exit line at level 16, each failure a line at level 1.
+ *  - Result: SHMNM_OK or one SHMNM_ERR_ code; nothing is thrown, there is no other error channel.
+ *  - Order: an unmapped region (SHMNM_ERR_NOTINIT) is reported before a bad argument (SHMNM_ERR_PARAM), a bad argument
+ *    before all else.
+ *  - Failure: leaves the region and the caller's outputs as they were.
+ *  - Locks: none is taken: hold shmnm_rwlock() or shmnm_rolock() around what must be consistent.
+ *  - Threads: any thread may call any function. A thread must not unmap the region (shmnm_detach(), shmnm_delete())
+ *    while another one of its process is within a call that uses it.
+ *  - Memory: every buffer is the caller's; no pointer is kept, none into the region is given out.
+ *  - Text: NUL-terminated bytes, compared byte for byte, never converted.
+ *  - States: opaque 32-bit words. 2 is what the library itself writes into every state that it opens.
+ *  - Limits: bytes beyond the mapped view are never touched, whatever the region's counts say: what would have to be
+ *    read there is not found, what would have to be added there finds its table full, a listing ends there.
+ *  - Log: every call writes an entry and an exit line at level 16, each failure a line at level 1.
+ *
+ * Arguments that mean the same wherever nothing else is said of them:
+ *  - `value`, `stat`, `flag`: (in) the word to store; (out) where the word that is read is put
  */
+
+/* The manual pages are made from these comments. "As f()" or "otherwise as f()" in a function's first sentence lets it
+ * share the page of f(), with all that is said there of arguments and results. */
 #ifndef SHMNM_H
 #define SHMNM_H
 
@@ -28,6 +34,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/** Stands before each function that the library exports. */
 #if defined(_WIN32) && defined(KZMSHMNM_BUILD)
 #define SHMNM_API __declspec(dllexport)
 #elif defined(_WIN32)
@@ -41,8 +48,11 @@ extern "C" {
 #endif
 
 /**
- * Every result code: X(name, value, meaning). 18 is not used, and 19 stays inside the library.
+ * @defgroup shmnm_results Result codes
+ * @{
  */
+
+/** Every result code: X(name, value, meaning). 18 is not used, and 19 stays inside the library. */
 #define SHMNM_RESULTS(X)                                                                                \
     X(SHMNM_OK, 0, "success")                                                                           \
     X(SHMNM_ERR_NOTINIT, 1, "the region is not mapped in this process")                                 \
@@ -64,52 +74,68 @@ extern "C" {
     X(SHMNM_ERR_LOCK, 17, "the time-out passed before the lock was free")                               \
     X(SHMNM_ERR_INSTALLPATH, 19, "the installation path is not known; callers see SHMNM_ERR_LOADINFO")
 
+/** What the functions return, as SHMNM_RESULTS lists it. */
 enum shmnm_result {
 #define SHMNM_RESULT(name, value, meaning) name = value,
     SHMNM_RESULTS(SHMNM_RESULT)
 #undef SHMNM_RESULT
 };
 
-/* ---- The region's format
- * ----------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_format The region's format
  *
  * With S the maximum number of servers, H of hb resources, N of np resources and F the number of fst resources, the
  * region holds, one behind the other:
  *
- *     header                        1084 bytes
- *     server table                  S records of 320 bytes
- *     hb table                      584 * H * S bytes reserved, H records of 584 + 4 * S bytes
- *     np table                      584 * N * S bytes reserved, N records of 584 + 4 * S bytes
- *     fst table                     F records of 584 bytes
- *     fst process-id table          S * F records of 324 bytes
- *     network-wide states           (2 * H + N) * S words; hb resource r on server p has word r * S + p
+ *     header                1084 bytes
+ *     server table          S records of 320 bytes
+ *     hb table              584 * H * S bytes reserved, H records of 584 + 4 * S bytes
+ *     np table              584 * N * S bytes reserved, N records of 584 + 4 * S bytes
+ *     fst table             F records of 584 bytes
+ *     fst process-id table  S * F records of 324 bytes
+ *     network-wide states   (2 * H + N) * S words; hb resource r on server p has word r * S + p
  *
  * Records are packed: the first `count` of a table are in use, in the order in which they were added. All numbers are
  * little-endian.
+ * @{
  */
 
 /** The region's header, 1084 bytes. */
 typedef struct shmnm_header {
-    int32_t hbinfo_b, hbinfo_a;       /**< the pair of shmnm_sethbinfo_ex(), the second value first */
-    int32_t max_servers;              /**< S as the record code takes it: the length of every per-server array */
-    int32_t max_hb, max_np;           /**< H and N: the limits that an add tests */
-    int32_t fst_count, fst_pid_limit; /**< F, and S * F */
-    int32_t server_count, hb_count, np_count, fst_pid_count; /**< records in use */
-    uint32_t waitstat, bwflag, bwflagdisk, clstat;           /**< opaque */
-    uint32_t dfailstatus;                                    /**< 1 while a network partition is simulated, else 0 */
-    uint8_t reserved_64[1020];                               /**< always zero */
+    int32_t hbinfo_b;          /**< the second value of shmnm_sethbinfo_ex() */
+    int32_t hbinfo_a;          /**< the first value of shmnm_sethbinfo_ex() */
+    int32_t max_servers;       /**< S as the record code takes it: the length of every per-server array */
+    int32_t max_hb;            /**< H: the limit that an add tests */
+    int32_t max_np;            /**< N: the limit that an add tests */
+    int32_t fst_count;         /**< F */
+    int32_t fst_pid_limit;     /**< S * F */
+    int32_t server_count;      /**< servers in use */
+    int32_t hb_count;          /**< hb resources in use */
+    int32_t np_count;          /**< np resources in use */
+    int32_t fst_pid_count;     /**< names with process ids in use */
+    uint32_t waitstat;         /**< opaque, but for shmnm_getnodecombstat() */
+    uint32_t bwflag;           /**< opaque */
+    uint32_t bwflagdisk;       /**< opaque */
+    uint32_t clstat;           /**< opaque */
+    uint32_t dfailstatus;      /**< 1 while a network partition is simulated, else 0 */
+    uint8_t reserved_64[1020]; /**< always zero */
 } shmnm_header;
 
 /** One server, 320 bytes. The place of a record is the server's position. */
 typedef struct shmnm_server {
-    char name[256];                 /**< NUL-terminated, zero-padded */
-    int32_t pri;                    /**< given by the caller, need not be unique; the svid of the resource functions */
-    uint32_t nodestat, nodestat_nw; /**< opaque; 2 in a new record */
-    uint32_t downnotifystat;        /**< opaque; 0 in a new record */
-    uint8_t reserved_272[4];        /**< always zero */
-    uint32_t isolateflag, pingstat, holdstat; /**< opaque */
-    uint32_t dfailstatus;                     /**< 1 while this server is simulated as failed, else 0 */
-    uint8_t reserved_292[28];                 /**< always zero */
+    char name[256];           /**< NUL-terminated, zero-padded */
+    int32_t pri;              /**< given by the caller, need not be unique; the svid of the resource functions */
+    uint32_t nodestat;        /**< 1 is alive to shmnm_chkalivesv(); 2 in a new record */
+    uint32_t nodestat_nw;     /**< opaque; 2 in a new record */
+    uint32_t downnotifystat;  /**< opaque; 0 in a new record */
+    uint8_t reserved_272[4];  /**< always zero */
+    uint32_t isolateflag;     /**< opaque, but for shmnm_getnodecombstat() */
+    uint32_t pingstat;        /**< opaque */
+    uint32_t holdstat;        /**< opaque */
+    uint32_t dfailstatus;     /**< 1 while this server is simulated as failed, else 0 */
+    uint8_t reserved_292[28]; /**< always zero */
 } shmnm_server;
 
 /** One hb, np or fst resource, 584 bytes. In the hb and np tables S words follow: its state on each server, by
@@ -181,54 +207,74 @@ static_assert(sizeof(shmnm_fst_pid) == 324, "shmnm_fst_pid resized");
 /* clang-format on */
 #undef SHMNM_PIN
 
-/* ---- The region's life ----------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_life The region's life
+ *
+ * @par Locks
+ * Creates, attaches, detaches and deletes of one process are done one after the other. The lock of all processes is not
+ * taken.
+ * @{
  */
 
 /**
- * Creates the region from the cluster configuration and maps it, or maps the one that exists, whose contents then stay.
+ * Creates the region from the cluster configuration and maps it.
  *
- * Only a region made new is zero-filled. In both cases the configured counts are written into the header: the
- * configuration is the authority at every mapping. A process that is mapped already gets SHMNM_OK, and nothing changes.
- * Does not count as an attach: one shmnm_detach() unmaps the region, and only shmnm_delete() closes the handle obtained
- * here.
+ * If the region exists it is mapped, and its contents stay. Only a region made new is zero-filled. In both cases the
+ * configured counts are written into the header: the configuration is the authority at every mapping. A process that is
+ * mapped already gets SHMNM_OK, and nothing changes. Does not count as an attach: one shmnm_detach() unmaps the region,
+ * and only shmnm_delete() closes the handle obtained here.
  *
  * @retval SHMNM_ERR_XMLINIT     the configuration library does not start; no log line
  * @retval SHMNM_ERR_LOADCONFIG  the configuration cannot be loaded; no log line
  * @retval SHMNM_ERR_LOADINFO    the installation path is not known
  * @retval SHMNM_ERR_CREATEMAP   five attempts failed, each followed by a second of waiting
  * @retval SHMNM_ERR_MAPVIEW     the region was created but could not be mapped
- * @note Creates, attaches, detaches and deletes of one process are done one after the other.
+ * @pre None: the region need not be mapped.
  */
 SHMNM_API uint32_t shmnm_create(void);
 
 /**
- * Maps the region that another process created. Further calls only count; as many calls of shmnm_detach() unmap it.
+ * Maps the region that another process created.
  *
- * Where the areas start follows from this process's own configuration, and its counts are written into the header; a
- * configuration that differs from the creator's goes unnoticed.
+ * Further calls only count; as many calls of shmnm_detach() unmap it. Where the areas start follows from this process's
+ * own configuration, and its counts are written into the header; a configuration that differs from the creator's goes
+ * unnoticed.
  *
- * @retval SHMNM_ERR_XMLINIT, SHMNM_ERR_LOADCONFIG, SHMNM_ERR_LOADINFO  as for shmnm_create()
- * @retval SHMNM_ERR_OPENMAP  there is no region, or it may not be opened
- * @retval SHMNM_ERR_MAPVIEW  the region could not be mapped
+ * @retval SHMNM_ERR_XMLINIT     the configuration library does not start; no log line
+ * @retval SHMNM_ERR_LOADCONFIG  the configuration cannot be loaded; no log line
+ * @retval SHMNM_ERR_LOADINFO    the installation path is not known
+ * @retval SHMNM_ERR_OPENMAP     there is no region, or it may not be opened
+ * @retval SHMNM_ERR_MAPVIEW     the region could not be mapped
+ * @pre None: the region need not be mapped.
  */
 SHMNM_API uint32_t shmnm_attach(void);
 
 /**
- * Takes back one attach; the last one unmaps the region, closes the handle obtained by shmnm_attach() and closes the
- * log. After a shmnm_create() a single call unmaps at once, and the handle obtained by create stays open, deliberately.
+ * Takes back one attach; the last one unmaps the region.
+ *
+ * The last one also closes the handle obtained by shmnm_attach() and the log. After a shmnm_create() a single call
+ * unmaps at once, and the handle obtained by create stays open, deliberately.
  */
 SHMNM_API uint32_t shmnm_detach(void);
 
 /**
- * Unmaps the region, closes the handle obtained by shmnm_create(), and closes the log (this also when nothing is
- * mapped). The region itself lives on while any process holds a handle. The count of attaches is left as it is,
- * deliberately.
+ * Unmaps the region and closes the handle obtained by shmnm_create().
+ *
+ * Closes the log as well, this also when nothing is mapped. The region itself lives on while any process holds a
+ * handle. The count of attaches is left as it is, deliberately.
  */
 SHMNM_API uint32_t shmnm_delete(void);
 
 /**
- * Fills the whole region with zero, the maximum values and counts of its header included: until the next create, attach
- * or shmnm_setmaxvalue_ex() nothing can be added. Writes no entry line, deliberately.
+ * Fills the whole region with zero.
+ *
+ * The maximum values and counts of its header are included: until the next create, attach or shmnm_setmaxvalue_ex()
+ * nothing can be added. Writes no entry line, deliberately.
+ *
+ * @par Locks
+ * None is taken: hold shmnm_rwlock().
  */
 SHMNM_API uint32_t shmnm_clear(void);
 
@@ -240,14 +286,25 @@ SHMNM_API uint32_t shmnm_clear(void);
  * @retval SHMNM_ERR_PARAM   `size` is null
  * @retval SHMNM_ERR_BUFFER  *size, signed, is below the region's size
  * @note A mapping smaller than the size that follows from this process's configuration ends early: zeros fill `buf` up.
+ *
+ * @par Locks
+ * None is taken: hold shmnm_rolock() for a copy that is consistent.
  */
 SHMNM_API uint32_t shmnm_dump(uint8_t* buf, int32_t* size);
 
-/* ---- The lock -------------------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_lock The lock
  *
  * One mutex for all processes; reading and writing calls take the same one. It belongs to the thread that took it,
- * which may take it again and releases it as often. The lock of an owner that ended is simply taken over. The four
- * calls work whether or not the region is mapped.
+ * which may take it again and releases it as often. The lock of an owner that ended is simply taken over.
+ *
+ * @pre None: the region need not be mapped.
+ *
+ * @par Locks
+ * This is the lock that makes what all other functions read and write consistent.
+ * @{
  */
 
 /**
@@ -257,61 +314,95 @@ SHMNM_API uint32_t shmnm_dump(uint8_t* buf, int32_t* size);
  * @retval SHMNM_ERR_LOCK  the time passed; every other outcome is SHMNM_OK, deliberately
  */
 SHMNM_API uint32_t shmnm_rolock(uint32_t timeout_ms);
-/** Releases the lock taken by shmnm_rolock(). Always SHMNM_OK, also when this thread does not own it. */
+/**
+ * Releases the lock taken by shmnm_rolock().
+ *
+ * Always SHMNM_OK, also when this thread does not own it.
+ */
 SHMNM_API uint32_t shmnm_rounlock(void);
 /** Takes the lock, to write; otherwise as shmnm_rolock(). */
 SHMNM_API uint32_t shmnm_rwlock(uint32_t timeout_ms);
 /** Releases the lock taken by shmnm_rwlock(); otherwise as shmnm_rounlock(). */
 SHMNM_API uint32_t shmnm_rwunlock(void);
 
-/* ---- Cluster-wide values --------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_values Cluster-wide values
+ * @{
  */
 
 /**
- * Sets the three maximum values of the header. Nothing moves: the record code takes its stride and its limits from
- * them, so values other than the configured ones change how the region is read. The next create or attach writes them
- * anew.
+ * Sets the three maximum values of the header.
+ *
+ * Nothing moves: the record code takes its stride and its limits from them, so values other than the configured ones
+ * change how the region is read. The next create or attach writes them anew.
  *
  * @param[in] servers, hb, np  each at least 1, in this order; no upper bound is tested
  * @retval SHMNM_ERR_PARAM  one of them is below 1
  */
 SHMNM_API uint32_t shmnm_setmaxvalue_ex(int32_t servers, int32_t hb, int32_t np);
-/** Gets the three maximum values. @retval SHMNM_ERR_PARAM a pointer is null */
+/**
+ * Gets the three maximum values of the header.
+ *
+ * @param[out] servers, hb, np  the values, in this order
+ * @retval SHMNM_ERR_PARAM  a pointer is null
+ */
 SHMNM_API uint32_t shmnm_getmaxvalue_ex(uint32_t* servers, uint32_t* hb, uint32_t* np);
 
-/** Sets the hb info pair. The region holds `b` before `a`. @retval SHMNM_ERR_PARAM `a` or `b` is below 1 */
+/**
+ * Sets the hb info pair. The region holds `b` before `a`.
+ *
+ * @param[in] a, b  each at least 1
+ * @retval SHMNM_ERR_PARAM  one of them is below 1
+ */
 SHMNM_API uint32_t shmnm_sethbinfo_ex(int32_t a, int32_t b);
-/** Gets the hb info pair. @retval SHMNM_ERR_PARAM a pointer is null */
+/**
+ * Gets the hb info pair.
+ *
+ * @param[out] a, b  the values, as shmnm_sethbinfo_ex() took them
+ * @retval SHMNM_ERR_PARAM  a pointer is null
+ */
 SHMNM_API uint32_t shmnm_gethbinfo_ex(uint32_t* a, uint32_t* b);
 
 /** Sets the wait state, which shmnm_getnodecombstat() reads. Any value. */
 SHMNM_API uint32_t shmnm_setwaitstat(uint32_t value);
-/** Gets the wait state. @retval SHMNM_ERR_PARAM `value` is null */
+/** Gets the wait state. @retval SHMNM_ERR_PARAM  `value` is null */
 SHMNM_API uint32_t shmnm_getwaitstat(uint32_t* value);
-/** Sets the bw flag. Any value. */
+/** Sets the bw flag; otherwise as shmnm_setwaitstat(). */
 SHMNM_API uint32_t shmnm_setbwflag(uint32_t value);
-/** Gets the bw flag. @retval SHMNM_ERR_PARAM `value` is null */
+/** Gets the bw flag; otherwise as shmnm_getwaitstat(). */
 SHMNM_API uint32_t shmnm_getbwflag(uint32_t* value);
-/** Sets the bw flag of the disk. Any value. */
+/** Sets the bw flag of the disk; otherwise as shmnm_setwaitstat(). */
 SHMNM_API uint32_t shmnm_setbwflagdisk(uint32_t value);
-/** Gets the bw flag of the disk. @retval SHMNM_ERR_PARAM `value` is null */
+/** Gets the bw flag of the disk; otherwise as shmnm_getwaitstat(). */
 SHMNM_API uint32_t shmnm_getbwflagdisk(uint32_t* value);
-/** Sets the cluster state. Any value. */
+/** Sets the cluster state; otherwise as shmnm_setwaitstat(). */
 SHMNM_API uint32_t shmnm_setclstat(uint32_t value);
-/** Gets the cluster state. @retval SHMNM_ERR_PARAM `value` is null */
+/** Gets the cluster state; otherwise as shmnm_getwaitstat(). */
 SHMNM_API uint32_t shmnm_getclstat(uint32_t* value);
 
-/* ---- Servers --------------------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_servers Servers
  *
  * A server is known to callers by its name or, to the functions of the resources, by its priority. In the region it has
  * a position, its place in the table, which is also the index of its word in every resource's row of states. The
  * lookups take the first match in order of position. Hold the lock to write around the three functions that change the
  * table.
+ *
+ * Arguments that mean the same wherever nothing else is said of them:
+ *  - `name`: the server's name
+ *  - `pri`: (in) the server's priority; (out) where it is put
+ * @{
  */
 
 /**
- * Adds a server behind the last one: nodestat and nodestat_nw 2, downnotifystat 0, its other words as the free place
- * holds them (0), and a 2 for it in every resource's rows.
+ * Adds a server behind the last one.
+ *
+ * Its nodestat and nodestat_nw are 2, its downnotifystat 0, its other words as the free place holds them (0), and a 2
+ * is set for it in every resource's rows.
  *
  * @param[in] name  cut to 255 bytes, silently; a longer name is then not found by its whole text, not even here
  * @param[in] pri   any value; several servers may have the same
@@ -319,24 +410,28 @@ SHMNM_API uint32_t shmnm_getclstat(uint32_t* value);
  * @retval SHMNM_ERR_COUNTOVER  there are as many servers as the header allows, or more; tested before the names
  * @retval SHMNM_ERR_EXIST      a server of that name exists
  * @retval SHMNM_ERR_ADDSVSTAT  shmnm_addhbrscsvstat() or shmnm_addnprscsvstat() failed; the server stays in the table,
- * deliberately
- * @note The calls of those two write entry and exit lines of their own.
+ *                              deliberately
+ * @note shmnm_addhbrscsvstat() and shmnm_addnprscsvstat(), which it calls, write entry and exit lines of their own.
  */
 SHMNM_API uint32_t shmnm_addnode(const char* name, int32_t pri);
 
 /**
- * Removes a server. Those behind it move down one position, with their states in every resource's rows.
+ * Removes a server.
+ *
+ * Those behind it move down one position, with their states in every resource's rows.
  *
  * @retval SHMNM_ERR_PARAM     `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
  * @retval SHMNM_ERR_RMSVSTAT  shmnm_rmhbrscsvstat() or shmnm_rmnprscsvstat() failed; the server is removed all the
- * same, deliberately
- * @note The calls of those two write entry and exit lines of their own.
+ *                             same, deliberately
+ * @note shmnm_rmhbrscsvstat() and shmnm_rmnprscsvstat(), which it calls, write entry and exit lines of their own.
  */
 SHMNM_API uint32_t shmnm_rmnode(const char* name);
 
 /**
- * Gives a server another priority, which another one may have too. Its position stays.
+ * Gives a server another priority.
+ *
+ * Another server may have the same. The position stays.
  *
  * @retval SHMNM_ERR_PARAM     `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
@@ -350,7 +445,7 @@ SHMNM_API uint32_t shmnm_modifynode(const char* name, int32_t pri);
  * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
  * @retval SHMNM_ERR_PARAM   `size` is null
  * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the names that fitted, not closed; `size` is as it
- * was; no error line
+ *                           was; no error line
  */
 SHMNM_API uint32_t shmnm_enumnode(char* buf, uint32_t* size);
 
@@ -363,7 +458,9 @@ SHMNM_API uint32_t shmnm_enumnode(char* buf, uint32_t* size);
 SHMNM_API uint32_t shmnm_getnodepri(const char* name, int32_t* pri);
 
 /**
- * Gets the name of the first server of a priority. The output comes first.
+ * Gets the name of the first server of a priority.
+ *
+ * The output is the first argument.
  *
  * @param[out] name  256 bytes; the name with its NUL, the rest stays as it is
  * @retval SHMNM_ERR_PARAM     `name` is null
@@ -371,44 +468,65 @@ SHMNM_API uint32_t shmnm_getnodepri(const char* name, int32_t* pri);
  */
 SHMNM_API uint32_t shmnm_getnodename(char* name, int32_t pri);
 
-/* ---- States of a server ---------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_server_states States of a server
  *
- * Six words, set and read by the server's name, any value in each. The setters fail with SHMNM_ERR_PARAM if `name` is
- * null, the getters if either pointer is, and both with SHMNM_ERR_NOTFOUND if no server has that name.
+ * Six words, set and read by the server's name, any value in each; what they say of the server together; and whether
+ * anyone is alive.
+ *
+ * Arguments that mean the same wherever nothing else is said of them:
+ *  - `name`: the server's name
+ * @{
  */
 
-/** Sets a server's state; 1 is what shmnm_chkalivesv() takes for alive, 2 is that of a new server. */
+/**
+ * Sets a server's state.
+ *
+ * 1 is what shmnm_chkalivesv() takes for alive, 2 is that of a new server.
+ *
+ * @retval SHMNM_ERR_PARAM     `name` is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ */
 SHMNM_API uint32_t shmnm_setnodestat(const char* name, uint32_t stat);
-/** Gets a server's state. */
+/**
+ * Gets a server's state.
+ *
+ * @retval SHMNM_ERR_PARAM     a pointer is null
+ * @retval SHMNM_ERR_NOTFOUND  no server has that name
+ */
 SHMNM_API uint32_t shmnm_getnodestat(const char* name, uint32_t* stat);
-/** Sets a server's network-wide state; 2 is that of a new server. */
+/** Sets a server's network-wide state; otherwise as shmnm_setnodestat(). 2 is that of a new server. */
 SHMNM_API uint32_t shmnm_setnodestat_nw(const char* name, uint32_t stat);
-/** Gets a server's network-wide state. */
+/** Gets a server's network-wide state; otherwise as shmnm_getnodestat(). */
 SHMNM_API uint32_t shmnm_getnodestat_nw(const char* name, uint32_t* stat);
-/** Sets a server's down-notification state. */
+/** Sets a server's down-notification state; otherwise as shmnm_setnodestat(). */
 SHMNM_API uint32_t shmnm_setdownnotifystat(const char* name, uint32_t stat);
-/** Gets a server's down-notification state. */
+/** Gets a server's down-notification state; otherwise as shmnm_getnodestat(). */
 SHMNM_API uint32_t shmnm_getdownnotifystat(const char* name, uint32_t* stat);
-/** Sets a server's isolation flag. */
+/** Sets a server's isolation flag; otherwise as shmnm_setnodestat(). */
 SHMNM_API uint32_t shmnm_setisolateflag(const char* name, uint32_t flag);
-/** Gets a server's isolation flag. */
+/** Gets a server's isolation flag; otherwise as shmnm_getnodestat(). */
 SHMNM_API uint32_t shmnm_getisolateflag(const char* name, uint32_t* flag);
-/** Sets a server's ping state. */
+/** Sets a server's ping state; otherwise as shmnm_setnodestat(). */
 SHMNM_API uint32_t shmnm_setpingstat(const char* name, uint32_t stat);
-/** Gets a server's ping state. */
+/** Gets a server's ping state; otherwise as shmnm_getnodestat(). */
 SHMNM_API uint32_t shmnm_getpingstat(const char* name, uint32_t* stat);
-/** Sets a server's hold state. */
+/** Sets a server's hold state; otherwise as shmnm_setnodestat(). */
 SHMNM_API uint32_t shmnm_setholdstat(const char* name, uint32_t stat);
-/** Gets a server's hold state. */
+/** Gets a server's hold state; otherwise as shmnm_getnodestat(). */
 SHMNM_API uint32_t shmnm_getholdstat(const char* name, uint32_t* stat);
 
 /**
- * Gets a server's state combined with its isolation flag and the cluster's wait state.
+ * Gets a server's state combined with isolation flag and wait state.
+ *
+ * The isolation flag is the server's own, the wait state the cluster's:
  *
  *     state  wait state   isolation flag  combined
  *     1      0 or 1       0               1
  *     1      0 or 1       1               0x10
- *     1      0 or 1       other           none: `stat` keeps what it held, deliberately
+ *     1      0 or 1       other           none: stat keeps what it held, deliberately
  *     1      2            any             0x10002
  *     1      3 and more   any             9
  *     2      0 or 3       any             2
@@ -423,7 +541,9 @@ SHMNM_API uint32_t shmnm_getholdstat(const char* name, uint32_t* stat);
 SHMNM_API uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat);
 
 /**
- * Tells whether any server, or any but one, has the state 1.
+ * Tells whether any server, or any but one, is alive.
+ *
+ * Alive is a server whose state is 1.
  *
  * @param[in]  name  the server that does not count; null: all count. A name that no server has is no error.
  * @param[out] flag  1 if there is one, else 0
@@ -433,16 +553,27 @@ SHMNM_API uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat);
  */
 SHMNM_API uint32_t shmnm_chkalivesv(const char* name, uint32_t* flag);
 
-/* ---- Resources ------------------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_resources Resources
  *
  * The hb and the np functions are twins on two tables. A resource is known by its type and its name together; the same
  * name may exist under several types. The lookups take the first match in order of position. Where a type may be null
  * it stands for any type, and not-found lines show it as "-".
+ *
+ * Arguments that mean the same wherever nothing else is said of them:
+ *  - `type`: the resource's type
+ *  - `name`: the resource's name
+ *  - `pri`: (in) the resource's priority; (out) where it is put
+ * @{
  */
 
 /**
- * Adds a resource behind the last one, with a 2 for every server in its row of states. An hb resource's row of
- * network-wide states is opened likewise. The resource's own state is left as the free place holds it: 0.
+ * Adds an hb resource behind the last one.
+ *
+ * A 2 is set for every server in its row of states. An hb resource's row of network-wide states is opened likewise. The
+ * resource's own state is left as the free place holds it: 0.
  *
  * @param[in] type, name  each cut to 31 bytes, silently; a longer text is then not found by its whole, not even here
  * @param[in] pri         opaque
@@ -455,9 +586,10 @@ SHMNM_API uint32_t shmnm_addhbrsc(const char* type, const char* name, uint32_t p
 SHMNM_API uint32_t shmnm_addnprsc(const char* type, const char* name, uint32_t pri);
 
 /**
- * Removes a resource. Those behind it move down one position, with all they hold, and with their network-wide rows. The
- * last place of the table is left zero; but if the removed resource was the last, its network-wide row keeps its
- * values, deliberately.
+ * Removes an hb resource.
+ *
+ * Those behind it move down one position, with all they hold, and with their network-wide rows. The last place of the
+ * table is left zero; but if the removed resource was the last, its network-wide row keeps its values, deliberately.
  *
  * @retval SHMNM_ERR_PARAM     `type` or `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no such resource
@@ -467,7 +599,7 @@ SHMNM_API uint32_t shmnm_rmhbrsc(const char* type, const char* name);
 SHMNM_API uint32_t shmnm_rmnprsc(const char* type, const char* name);
 
 /**
- * Gives a resource another priority.
+ * Gives an hb resource another priority.
  *
  * @retval SHMNM_ERR_PARAM     `type` or `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no such resource
@@ -477,7 +609,7 @@ SHMNM_API uint32_t shmnm_modifyhbrsc(const char* type, const char* name, uint32_
 SHMNM_API uint32_t shmnm_modifynprsc(const char* type, const char* name, uint32_t pri);
 
 /**
- * Gets the priority of a resource.
+ * Gets the priority of an hb resource.
  *
  * @retval SHMNM_ERR_PARAM     a pointer is null
  * @retval SHMNM_ERR_NOTFOUND  no such resource
@@ -487,10 +619,12 @@ SHMNM_API uint32_t shmnm_gethbrscpri(const char* type, const char* name, uint32_
 SHMNM_API uint32_t shmnm_getnprscpri(const char* type, const char* name, uint32_t* pri);
 
 /**
- * Gets the type of the first resource of a name. The output comes first.
+ * Gets the type of the first hb resource of a name.
+ *
+ * The output is the first argument.
  *
  * @param[out] type  32 bytes; the type with its NUL, the rest stays as it is. Not checked: null only tells whether
- * there is such a resource.
+ *                   there is such a resource.
  * @retval SHMNM_ERR_PARAM     `name` is null or empty
  * @retval SHMNM_ERR_NOTFOUND  no resource has that name
  */
@@ -499,39 +633,50 @@ SHMNM_API uint32_t shmnm_gethbrscinfo(char* type, const char* name);
 SHMNM_API uint32_t shmnm_getnprscinfo(char* type, const char* name);
 
 /**
- * Lists the type of every resource, in order of position. A type that several resources have comes several times,
- * deliberately.
+ * Lists the type of every hb resource, in order of position.
+ *
+ * A type that several resources have comes several times, deliberately.
  *
  * @param[out]    buf   the types, each with its NUL, then one NUL more (no types: two NULs); null: measure only
  * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
  * @retval SHMNM_ERR_PARAM   `size` is null
  * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the types that fitted, not closed; `size` is as it
- * was; no error line
+ *                           was; no error line
  */
 SHMNM_API uint32_t shmnm_enumhbtype(char* buf, uint32_t* size);
 /** As shmnm_enumhbtype(), for np. */
 SHMNM_API uint32_t shmnm_enumnptype(char* buf, uint32_t* size);
 
 /**
- * Lists the names of the resources, in order of position.
+ * Lists the names of the hb resources, in order of position.
  *
  * @param[in]     type  only resources of this type; null: of every type
  * @param[out]    buf   the names, each with its NUL, then one NUL more (no names: two NULs); null: measure only
  * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
  * @retval SHMNM_ERR_PARAM   `size` is null
  * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the names that fitted, not closed; `size` is as it
- * was; no error line
+ *                           was; no error line
  * @note One pass over the table. While shmnm_rolock() is held, a measured size still fits at the next call.
  */
 SHMNM_API uint32_t shmnm_enumhbrsc(const char* type, char* buf, uint32_t* size);
 /** As shmnm_enumhbrsc(), for np. */
 SHMNM_API uint32_t shmnm_enumnprsc(const char* type, char* buf, uint32_t* size);
 
-/* ---- States of a resource -------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_resource_states States of a resource
+ *
+ * A word of the resource's own, and one for each server. The servers are meant by their priority.
+ *
+ * Arguments that mean the same wherever nothing else is said of them:
+ *  - `type`: the resource's type
+ *  - `name`: the resource's name
+ * @{
  */
 
 /**
- * Sets a resource's own state.
+ * Sets an hb resource's own state.
  *
  * @param[in] type  may be null
  * @retval SHMNM_ERR_PARAM     `name` is null
@@ -542,7 +687,7 @@ SHMNM_API uint32_t shmnm_sethbrscstat(const char* type, const char* name, uint32
 SHMNM_API uint32_t shmnm_setnprscstat(const char* type, const char* name, uint32_t stat);
 
 /**
- * Gets a resource's own state.
+ * Gets an hb resource's own state.
  *
  * @param[in] type  may be null
  * @retval SHMNM_ERR_PARAM     `name` or `stat` is null
@@ -553,7 +698,7 @@ SHMNM_API uint32_t shmnm_gethbrscstat(const char* type, const char* name, uint32
 SHMNM_API uint32_t shmnm_getnprscstat(const char* type, const char* name, uint32_t* stat);
 
 /**
- * Sets a resource's state on a server.
+ * Sets an hb resource's state on a server.
  *
  * @param[in] type  may be null
  * @param[in] svid  the server's priority; the first server that has it is meant
@@ -565,7 +710,7 @@ SHMNM_API uint32_t shmnm_sethbrscsvstat(const char* type, const char* name, int3
 SHMNM_API uint32_t shmnm_setnprscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat);
 
 /**
- * Gets a resource's state on a server.
+ * Gets an hb resource's state on a server.
  *
  * @param[in]  type  may be null
  * @param[in]  svid  the server's priority; the first server that has it is meant
@@ -578,11 +723,13 @@ SHMNM_API uint32_t shmnm_gethbrscsvstat(const char* type, const char* name, int3
 SHMNM_API uint32_t shmnm_getnprscsvstat(const char* type, const char* name, int32_t svid, uint32_t* stat);
 
 /**
- * Lists a resource's states on all servers, in order of the servers' positions.
+ * Lists an hb resource's states on all servers.
+ *
+ * They come in order of the servers' positions.
  *
  * @param[in]     type  may be null
  * @param[out]    buf   one word a server; null: ask for the size, which also succeeds for a resource that does not
- * exist
+ *                      exist
  * @param[in,out] size  bytes that `buf` can hold; on success 4 bytes a server
  * @retval SHMNM_ERR_PARAM     `name` or `size` is null
  * @retval SHMNM_ERR_BUFFER    too small, tested before the lookup; no error line
@@ -593,13 +740,15 @@ SHMNM_API uint32_t shmnm_enumhbrscsvstat(const char* type, const char* name, uin
 SHMNM_API uint32_t shmnm_enumnprscsvstat(const char* type, const char* name, uint32_t* buf, uint32_t* size);
 
 /**
- * Lists the states of all resources on a server, in order of the resources' positions.
+ * Lists the states of all hb resources on a server.
+ *
+ * They come in order of the resources' positions.
  *
  * @param[in]     svname  the server's name
  * @param[out]    buf     one word a resource; null: ask for the size, which also succeeds for a server that does not
- * exist
+ *                        exist
  * @param[in,out] size    bytes that `buf` can hold; set to 4 bytes a resource when `buf` is null, else left as it is,
- * deliberately unlike shmnm_enumhbrscsvstat()
+ *                        deliberately unlike shmnm_enumhbrscsvstat()
  * @retval SHMNM_ERR_PARAM     `svname` or `size` is null
  * @retval SHMNM_ERR_BUFFER    too small, tested before the lookup; no error line
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
@@ -609,8 +758,10 @@ SHMNM_API uint32_t shmnm_enumsvhbrscstat(const char* svname, uint32_t* buf, uint
 SHMNM_API uint32_t shmnm_enumsvnprscstat(const char* svname, uint32_t* buf, uint32_t* size);
 
 /**
- * Sets the own state of every resource of a type, then its state on every server. That there is none of that type is no
- * error. Network-wide states stay as they are.
+ * Sets all states of every hb resource of a type.
+ *
+ * First each resource's own state, then its state on every server. That there is none of that type is no error.
+ * Network-wide states stay as they are.
  *
  * @retval SHMNM_ERR_PARAM  `type` is null
  */
@@ -618,15 +769,23 @@ SHMNM_API uint32_t shmnm_settypehbstat(const char* type, uint32_t stat);
 /** As shmnm_settypehbstat(), for np. */
 SHMNM_API uint32_t shmnm_settypenpstat(const char* type, uint32_t stat);
 
-/* ---- Descriptions of resources --------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_descriptions Descriptions of resources
  *
  * 256 free bytes a resource; no NUL is added or expected. The records are taken to lie 584 bytes apart, as if no states
  * followed each, deliberately: only the resource at position 0 is met at its true place, the others are in practice not
  * found until a removal brings them there.
+ *
+ * Arguments that mean the same wherever nothing else is said of them:
+ *  - `type`: the resource's type
+ *  - `name`: the resource's name
+ * @{
  */
 
 /**
- * Sets a resource's description.
+ * Sets an hb resource's description.
  *
  * @param[in] data  the bytes
  * @param[in] len   bytes in `data`, above 0; at most 256 are stored. Those stored earlier behind them stay.
@@ -638,7 +797,7 @@ SHMNM_API uint32_t shmnm_sethbdescript(const char* type, const char* name, const
 SHMNM_API uint32_t shmnm_setnpdescript(const char* type, const char* name, const void* data, int32_t len);
 
 /**
- * Gets a resource's description.
+ * Gets an hb resource's description.
  *
  * @param[out] buf   the bytes, without a NUL of its own
  * @param[in]  size  points to the bytes that `buf` can hold, above 0; at most 256 are copied. Null counts as 0.
@@ -649,29 +808,38 @@ SHMNM_API uint32_t shmnm_gethbdescript(const char* type, const char* name, void*
 /** As shmnm_gethbdescript(), for np. */
 SHMNM_API uint32_t shmnm_getnpdescript(const char* type, const char* name, void* buf, const int32_t* size);
 
-/* ---- Server columns of the resource tables --------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_columns Server columns of the resource tables
  *
  * shmnm_addnode() and shmnm_rmnode() call these, so that a server's position stays the index of its word in every row.
- * Hold the lock to write. An index below 0 is followed literally, to the words before the rows, as long as these lie in
- * the mapped view.
+ * An index below 0 is followed literally, to the words before the rows, as long as these lie in the mapped view.
+ *
+ * @par Locks
+ * None is taken: hold shmnm_rwlock().
+ * @{
  */
 
 /**
- * Opens the column of a new server in every hb resource's rows: later words move up, the new one is 2. To be called
- * when the server has been counted. The move stops one word short, deliberately: for an index below the last two, the
- * last server's words are not written and those of the one before are lost.
+ * Opens the column of a new server in every hb resource's rows.
+ *
+ * Later words move up, the new one is 2. To be called when the server has been counted. The move stops one word short,
+ * deliberately: for an index below the last two, the last server's words are not written and those of the one before
+ * are lost.
  *
  * @param[in] index  the server's position
  * @retval SHMNM_ERR_INDEX  `index` is not below the number of servers, or the column leaves the view; nothing is
- * changed
+ *                          changed
  */
 SHMNM_API uint32_t shmnm_addhbrscsvstat(int32_t index);
 /** As shmnm_addhbrscsvstat(), for np: there are no network-wide rows. */
 SHMNM_API uint32_t shmnm_addnprscsvstat(int32_t index);
 
 /**
- * Closes the column of a removed server in every hb resource's rows: later words move down, and the last one stays
- * where it also was. To be called when the server is no longer counted.
+ * Closes the column of a removed server in every hb resource's rows.
+ *
+ * Later words move down, and the last one stays where it also was. To be called when the server is no longer counted.
  *
  * @param[in] index  the position that the server had; may equal the number of servers left, deliberately
  * @retval SHMNM_ERR_INDEX  `index` is above the number of servers, or the column leaves the view; nothing is changed
@@ -680,17 +848,21 @@ SHMNM_API uint32_t shmnm_rmhbrscsvstat(int32_t index);
 /** As shmnm_rmhbrscsvstat(), for np: there are no network-wide rows. */
 SHMNM_API uint32_t shmnm_rmnprscsvstat(int32_t index);
 
-/* ---- Simulated network partition ------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_simulation Simulated network partition
  *
  * One word for the cluster and one for each server, each 0 or 1. The callers' arrays are indexed by server priority.
+ * @{
  */
 
 /**
- * Switches the simulation on, with a word for each server, or off.
+ * Switches the simulation of a network partition on or off.
  *
  * @param[in] flag      1: on; 0: off, all words 0; any other value counts as 0 and is warned of
  * @param[in] nodefail  the word of each server by its priority; one that is neither 0 nor 1 counts as 0 and is warned
- * of. Null: 0 for all. Looked at only when `flag` is 1.
+ *                      of. Null: 0 for all. Looked at only when `flag` is 1.
  * @param[in] count     entries in `nodefail`; a server whose priority is no index into it gets 0
  * @note Never fails on a mapped region. Writes a line for each server, then one for the cluster: at level 4, warnings
  * at level 2. The cluster's word is stored last.
@@ -698,23 +870,31 @@ SHMNM_API uint32_t shmnm_rmnprscsvstat(int32_t index);
 SHMNM_API uint32_t shmnm_setnpsimu(uint32_t flag, const uint32_t* nodefail, int32_t count);
 
 /**
- * Gets the cluster's word and, while it is 1, those of the servers.
+ * Gets whether a network partition is simulated, for the cluster and each server.
  *
- * @param[out] flag      not checked: null is skipped
+ * @param[out] flag      the cluster's word; not checked: null is skipped
  * @param[out] nodefail  while the simulation is on: the word of each server by its priority (of two servers with the
- * same one the later), 0 in the entries of no server; otherwise left as it is
+ *                       same one the later), 0 in the entries of no server; otherwise left as it is
  * @param[in]  count     entries in `nodefail`, at least as many as there are servers
  * @retval SHMNM_ERR_PARAM  `nodefail` is null, or `count` is below the number of servers
  * @note A server whose priority is no index into `nodefail` is left out, with a warning at level 2.
  */
 SHMNM_API uint32_t shmnm_getnpsimu(uint32_t* flag, uint32_t* nodefail, int32_t count);
 
-/** Gets the cluster's word alone. @param[out] flag not checked: null is skipped */
+/**
+ * Gets whether a network partition is simulated, for the cluster alone.
+ *
+ * @param[out] flag  the cluster's word; not checked: null is skipped
+ */
 SHMNM_API uint32_t shmnm_getnpsimuflag(uint32_t* flag);
 
-/* ---- Network-wide states of the hb resources ------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_network_states Network-wide states of the hb resources
  *
  * A second state for every pair of an hb resource and a server, in an area of its own. A new resource or server has 2.
+ * @{
  */
 
 /** Sets an hb resource's network-wide state on a server; otherwise as shmnm_sethbrscsvstat(). */
@@ -726,13 +906,21 @@ SHMNM_API uint32_t shmnm_enumrscsvstat_nw(const char* type, const char* name, ui
 /** Lists the network-wide states of all hb resources on a server; otherwise as shmnm_enumsvhbrscstat(). */
 SHMNM_API uint32_t shmnm_enumsvrscstat_nw(const char* svname, uint32_t* buf, uint32_t* size);
 
-/* ---- The fst resource -----------------------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @defgroup shmnm_fst The fst resource
  *
  * A state and a description, both in the first fst record, and process ids by name. Where the region was laid out
  * without fst records, state and description answer SHMNM_ERR_NOTFOUND, without an error line.
+ * @{
  */
 
-/** Sets the state of the fst resource. Any value. @retval SHMNM_ERR_NOTFOUND the region has no fst record */
+/**
+ * Sets the state of the fst resource. Any value.
+ *
+ * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
+ */
 SHMNM_API uint32_t shmnm_setfstrscstat(uint32_t stat);
 /**
  * Gets the state of the fst resource.
@@ -743,9 +931,10 @@ SHMNM_API uint32_t shmnm_setfstrscstat(uint32_t stat);
 SHMNM_API uint32_t shmnm_getfstrscstat(uint32_t* stat);
 
 /**
- * Sets the description of the fst resource, free bytes.
+ * Sets the description of the fst resource.
  *
- * @param[in] len  bytes in `descript`, above 0; at most 256 are stored. Those stored earlier behind them stay.
+ * @param[in] descript  the bytes
+ * @param[in] len       bytes in `descript`, above 0; at most 256 are stored. Those stored earlier behind them stay.
  * @retval SHMNM_ERR_PARAM     `descript` is null, or `len` is below 1
  * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
  */
@@ -755,38 +944,43 @@ SHMNM_API uint32_t shmnm_setfstdescript(const void* descript, int32_t len);
  *
  * @param[out] descript  the bytes, without a NUL of its own
  * @param[in]  len       points to the bytes that `descript` can hold, above 0; at most 256 are copied. Null counts as
- * 0.
+ *                       0.
  * @retval SHMNM_ERR_PARAM     `descript` is null, or *len is below 1
  * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
  */
 SHMNM_API uint32_t shmnm_getfstdescript(void* descript, const int32_t* len);
 
 /**
- * Sets the process id of one kind under a name, and the value beside it. A name that is new gets a record, which it
- * keeps for the life of the region.
+ * Sets the process id of one kind under a name, and the value beside it.
+ *
+ * A name that is new gets a record, which it keeps for the life of the region.
  *
  * @param[in] name     cut to 256 bytes, silently and then without a NUL; not checked: null is the empty name
  * @param[in] kind     0, 1 or 2
  * @param[in] pid      opaque
  * @param[in] piddata  opaque
  * @retval SHMNM_ERR_COUNTOVER  the table is full, tested before `kind`; then a name that has a record cannot be updated
- * either, deliberately
+ *                              either, deliberately
  * @retval SHMNM_ERR_NOTINIT    `kind` is none of the three, deliberately (the exit line shows SHMNM_ERR_PARAM); a new
- * name has its record all the same
+ *                              name has its record all the same
  */
 SHMNM_API uint32_t shmnm_setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint64_t piddata);
 
 /**
- * Gets the process id of one kind under a name, and the value beside it. A name without a record is no error: SHMNM_OK,
- * whatever `kind` is, and the outputs keep what they held, so preset them.
+ * Gets the process id of one kind under a name, and the value beside it.
+ *
+ * A name without a record is no error: SHMNM_OK, whatever `kind` is, and the outputs keep what they held, so preset
+ * them.
  *
  * @param[in]  name          not checked: null is the empty name
  * @param[in]  kind          0, 1 or 2
  * @param[out] pid, piddata  not checked: null is skipped
  * @retval SHMNM_ERR_NOTINIT  the name has a record but `kind` is none of the three, deliberately (the exit line shows
- * SHMNM_ERR_PARAM)
+ *                            SHMNM_ERR_PARAM)
  */
 SHMNM_API uint32_t shmnm_getfstrscpid(const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata);
+
+/** @} */
 
 #ifdef __cplusplus
 }
