@@ -1,24 +1,34 @@
 #!/usr/bin/env python3
 """Runs the benchmark programs of a build and prints their figures next to the floor, the goals and the peers.
 
-    run.py FOLDER [--json FILE] [--row ROW] [--rounds N]
+    run.py FOLDER [--windows] [--json FILE] [--markdown FILE] [--row ROW] [--rounds N]
+    run.py FOLDER --compare OTHER [--row ROW] [--rounds N]
     run.py FOLDER --run PROGRAM [ARGUMENT...]
 
-FOLDER holds the programs. The second form runs one program in the installation that they need, for a profiler or by hand.
+FOLDER holds the programs. --row does only the rows whose names contain ROW. --compare sets the library in FOLDER against the
+one in the folder OTHER, under the same programs. --run runs one program in the installation that they need, for a profiler
+or by hand.
 """
 import argparse
 import json
 import os
 import pathlib
 import shutil
+import signal
 import statistics
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 
-SIZES = [("4", "4"), ("128", "16")]
+SCRIPTS = pathlib.Path(__file__).resolve().parent.parent / "scripts"
+SIZES = [(4, 4), (128, 16)]
+LIBRARY, FLOOR, STRCMP = "library", "floor", "peer_strcmp"
+PEERS = [STRCMP, "peer_interprocess_map", "peer_interprocess_hash", "peer_lmdb", "peer_sqlite"]
+SHORT = {STRCMP: "strcmp", "peer_interprocess_map": "ip map", "peer_interprocess_hash": "ip hash", "peer_lmdb": "LMDB", "peer_sqlite": "SQLite"}
 
-# Ratios to the floor that are aimed at.
+# What is aimed at, all in one place. Ratio of a row to its floor, at most:
 FLOOR_GOALS = {
     "header_word_get": 1.3,
     "server_word_get/128": 1.6,
@@ -34,17 +44,30 @@ FLOOR_GOALS = {
     "lock": 1.5,
     "locked_set/128/16": 1.5,
 }
-# How many times as fast as the strcmp peer.
-STRCMP_GOALS = {
-    "server_word_get/128": 4.0,
-    "server_word_set/128": 4.0,
-    "pair_get/128/16": 1.0,
-    "pair_set/128/16": 1.0,
-}
+# How many times as long as the library the strcmp peer takes, at least; to be faster is more than 1.
+STRCMP_GOALS = {"server_word_get/128": 4.0, "server_word_set/128": 4.0, "pair_get/128/16": 1.0, "pair_set/128/16": 1.0}
+# The rounds of two processes as a share of the strcmp peer's, at least; and what either of the two must get of them.
+TWO_PROCESSES_GOALS = {(4, 4): 0.7, (128, 16): 1.0}
+LEAST_SHARE = 0.1
+KILLS, TAKE_OVER_MEDIAN_MS, TAKE_OVER_WORST_MS = 5, 5, 50
+ATTACH_US, LOAD_US, PRIVATE_KIB = 150, 1000, 512
+# Under wine a goal is that many times as wide; waits in the kernel have none there.
+WINE_ALLOWANCE = 1.5
+KERNEL_WAITS = ("lock", "locked_set", "picture")
+
+PATIENCE_S = 20
+GOOD_PATH_CALLS = 1_000_000
+HAMMER_MS, HAMMER_ROUNDS = 200, 5
+ATTACH_PROCESSES, ATTACHES = 11, 20
 
 
 class Installation:
     """An installation with a configuration of its own, and names for shared objects that nobody else uses."""
+
+    count = 0
+
+    def __init__(self, windows=False):
+        self.windows = windows
 
     def __enter__(self):
         self.folder = tempfile.mkdtemp(prefix="shmnm-bench-")
@@ -53,78 +76,341 @@ class Installation:
             "<root><all><num><server>128</server><hbr>16</hbr><npr>16</npr><fstr>1</fstr></num></all>"
             "<shmnm><log><level>4</level><size>1000000</size></log></shmnm></root>\n"
         )
-        self.environment = dict(os.environ, KZM_INSTALL_PATH=self.folder, KZMUTIL_NAMESPACE=f"bench-{os.getpid()}-")
+        path = "Z:" + self.folder.replace("/", "\\") if self.windows else self.folder
+        Installation.count += 1
+        self.environment = dict(os.environ, KZM_INSTALL_PATH=path, KZMUTIL_NAMESPACE=f"bench-{os.getpid()}-{Installation.count}-")
         return self
 
     def __exit__(self, *_):
         shutil.rmtree(self.folder)
 
+    def command(self, program, *arguments):
+        program = [SCRIPTS / "wine", f"{program}.exe"] if self.windows else [program]
+        return [str(word) for word in (*program, *arguments)]
 
-def table(figures):
+    def output_of(self, program, *arguments, before=()):
+        done = subprocess.run([*before, *self.command(program, *arguments)], env=self.environment, check=True, stdout=subprocess.PIPE, text=True)
+        return done.stdout
+
+
+class Process:
+    """A program that is talked to a line at a time."""
+
+    def __init__(self, installation, program, *arguments, processor=None):
+        def pin():
+            if processor is not None:
+                os.sched_setaffinity(0, {processor % os.cpu_count()})
+
+        self.process = subprocess.Popen(
+            installation.command(program, *arguments),
+            env=installation.environment,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            preexec_fn=pin,
+        )
+
+    def said(self, expected=None):
+        overdue = threading.Timer(PATIENCE_S, self.process.kill)
+        overdue.start()
+        line = self.process.stdout.readline().strip()
+        overdue.cancel()
+        if not line or (expected and line != expected):
+            raise RuntimeError(f"{self.process.args}: expected {expected}, got {line!r}")
+        return line
+
+    def tell(self):
+        self.process.stdin.write("\n")
+        self.process.stdin.flush()
+
+    def kill(self):
+        self.process.send_signal(signal.SIGKILL)
+
+    def end(self):
+        self.process.stdin.close()
+        self.process.wait()
+
+    def wait_until_it_sleeps(self):
+        quiet = 0
+        while quiet < 3:
+            state = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rsplit(")", 1)[1].split()[0]
+            quiet = quiet + 1 if state == "S" else 0
+            time.sleep(0.002)
+
+
+class Result:
+    """The figures of a run, and the table of what became of the goals."""
+
+    def __init__(self):
+        self.figures, self.rows = {}, []
+
+    def add(self, row, value, goal="", met=None, peers=None, floor=""):
+        self.rows.append({"row": row, "value": value, "floor": floor, "goal": goal, "met": met, "peers": peers or {}})
+
+
+def median_ratio(of, to):
+    """Of the rounds: each is set against the other's round beside it."""
+    return statistics.median(a / b for a, b in zip(of, to))
+
+
+def measured(installation, folder, size, row, rounds, who=()):
+    output = pathlib.Path(installation.folder) / "figures.json"
+    options = ["--rounds", rounds, "--json", "Z:" + str(output).replace("/", "\\") if installation.windows else output]
+    for name in who:
+        options += ["--who", name]
+    if row:
+        options += ["--only", row]
+    subprocess.run(installation.command(folder / "shmnm_bench", *size, *options), env=installation.environment, check=True)
     rows = {}
-    for entry in figures:
+    for entry in json.loads(output.read_text()):
         rows.setdefault(entry["row"], {})[entry["who"]] = entry["ns"]
+    return rows
 
-    def ratio(of, to):
-        return statistics.median(a / b for a, b in zip(of, to))
 
-    missed = 0
-    peers = sorted({who for row in rows.values() for who in row} - {"library", "floor"})
-    print(f"{'row':22} {'ns':>9} {'floor ns':>9} {'x floor':>8} {'goal':>6} {'':7}" + "".join(f"{peer[5:]:>14}" for peer in peers))
-    for name, row in rows.items():
-        if "library" not in row:
-            continue
-        library, floor = row["library"], row.get("floor")
-        line = f"{name:22} {statistics.median(library):9.1f} "
-        met = True
-        goal = ""
-        if floor:
-            over = ratio(library, floor)
-            line += f"{statistics.median(floor):9.1f} {over:8.2f} "
-            if name in FLOOR_GOALS:
-                goal, met = f"{FLOOR_GOALS[name]:.1f}", over <= FLOOR_GOALS[name]
-        else:
-            line += " " * 19
-        cells = ""
-        for peer in peers:
-            if peer not in row:
-                cells += f"{'-':>14}"
-                continue
-            times = ratio(row[peer], library)
-            mark = ""
-            if peer == "peer_strcmp" and name in STRCMP_GOALS:
-                mark = "!" if times < STRCMP_GOALS[name] else ""
-                met = met and not mark
-            cells += f"{mark}{times:.2f}x".rjust(14)
-        verdict = ("met" if met else "MISSED") if name in FLOOR_GOALS or name in STRCMP_GOALS else ""
-        missed += verdict == "MISSED"
-        print(f"{line}{goal:>6} {verdict:7}{cells}")
-    print("\nEach peer's column: how many times as long as the library it takes.")
-    return missed
+def calls(result, folder, row, rounds, windows):
+    """The rows of single calls, next to their floor."""
+    rows = {}
+    for size in SIZES:
+        with Installation(windows) as installation:
+            rows |= measured(installation, folder, size, row, rounds)
+    result.figures["calls"] = rows
+    for name, ns in rows.items():
+        allowance = WINE_ALLOWANCE if windows else 1
+        goal = FLOOR_GOALS.get(name)
+        if windows and name.split("/")[0] in KERNEL_WAITS:
+            goal = None
+        ratio = median_ratio(ns[LIBRARY], ns[FLOOR])
+        peers = {peer: median_ratio(ns[peer], ns[LIBRARY]) for peer in PEERS if peer in ns}
+        met = ratio <= goal * allowance if goal else None
+        text = f"<= {goal * allowance:.2f}" if goal else ""
+        if name in STRCMP_GOALS:
+            least = STRCMP_GOALS[name] / allowance
+            text += f", strcmp >= {least:.1f}"
+            met = met and peers[STRCMP] >= least
+        ns_text = f"{statistics.median(ns[LIBRARY]):.1f} ns"
+        result.add(name, f"{ns_text:>12} {ratio:6.2f}", text, met, {peer: f"{ratio:.2f}" for peer, ratio in peers.items()}, f"{statistics.median(ns[FLOOR]):.1f}")
+
+
+def two_processes(result, folder):
+    program = folder / "shmnm_bench_process"
+    for size in SIZES:
+        with Installation() as installation:
+            contestants = [LIBRARY, *PEERS]
+            holders = [Process(installation, program, "serve", who, *size) for who in contestants]
+            for holder in holders:
+                holder.said("ready")
+            rounds = {who: [] for who in contestants}
+            for _ in range(HAMMER_ROUNDS):
+                for who in contestants:
+                    pair = [Process(installation, program, "hammer", who, *size, HAMMER_MS, processor=i) for i in range(2)]
+                    for process in pair:
+                        process.said("ready")
+                    for process in pair:
+                        process.tell()
+                    rounds[who].append([[int(word) for word in process.said().split()] for process in pair])
+                    for process in pair:
+                        process.end()
+            for holder in holders:
+                holder.end()
+        name = f"two_processes/{size[0]}/{size[1]}"
+        result.figures[name] = rounds
+        sums = {who: [sum(made for made, _ in pair) for pair in rounds[who]] for who in contestants}
+
+        def least_share(who):
+            return min(min(made for made, _ in pair) / max(1, sum(made for made, _ in pair)) for pair in rounds[who])
+
+        def longest_ms(who):
+            return max(waited for pair in rounds[who] for _, waited in pair) / 1e6
+
+        of_strcmp = median_ratio(sums[LIBRARY], sums[STRCMP])
+        goal = TWO_PROCESSES_GOALS[size]
+        per_second = statistics.median(sums[LIBRARY]) / (HAMMER_MS / 1e3)
+        result.add(
+            name,
+            f"{per_second / 1e6:.2f} M/s, {of_strcmp:.2f} of strcmp's",
+            f">= {goal}",
+            of_strcmp >= goal,
+            {who: f"{median_ratio(sums[LIBRARY], sums[who]):.2f}" for who in PEERS},
+        )
+        result.add(
+            name + " least share",
+            f"{least_share(LIBRARY):.2f}",
+            f">= {LEAST_SHARE}",
+            least_share(LIBRARY) >= LEAST_SHARE,
+            {who: f"{least_share(who):.2f}" for who in PEERS},
+        )
+        result.add(name + " longest wait", f"{longest_ms(LIBRARY):.1f} ms", peers={who: f"{longest_ms(who):.1f} ms" for who in PEERS})
+
+
+def owner_killed(result, folder):
+    program = folder / "shmnm_bench_process"
+    times = {}
+    # A mutex of Boost.Interprocess stays locked for ever when its owner is killed.
+    for who in [LIBRARY, STRCMP, "peer_lmdb", "peer_sqlite"]:
+        with Installation() as installation:
+            holder = Process(installation, program, "serve", who, 4, 4)
+            holder.said("ready")
+            times[who] = []
+            for _ in range(KILLS):
+                owner = Process(installation, program, "hold", who, 4, 4)
+                owner.said("locked")
+                successor = Process(installation, program, "take_over", who, 4, 4)
+                successor.said("waiting")
+                successor.wait_until_it_sleeps()
+                killed = time.monotonic_ns()
+                owner.kill()
+                times[who].append((int(successor.said()) - killed) / 1e6)
+                owner.process.wait()
+                successor.end()
+            holder.end()
+    result.figures["owner_killed"] = times
+    middle, worst = statistics.median(times[LIBRARY]), max(times[LIBRARY])
+    peers = {who: f"{statistics.median(figures):.2f} ms" for who, figures in times.items() if who != LIBRARY}
+    result.add(
+        "owner_killed",
+        f"{len(times[LIBRARY])} of {KILLS}, {middle:.2f} ms, worst {worst:.2f} ms",
+        f"<= {TAKE_OVER_MEDIAN_MS}, {TAKE_OVER_WORST_MS} ms",
+        middle <= TAKE_OVER_MEDIAN_MS and worst <= TAKE_OVER_WORST_MS,
+        peers,
+    )
+
+
+def attach(result, folder, windows):
+    program = folder / "shmnm_bench_process"
+    figures = {}
+    with Installation(windows) as installation:
+        contestants = [LIBRARY, STRCMP] if windows else [LIBRARY, *PEERS]
+        holders = [Process(installation, program, "serve", who, 4, 4) for who in contestants]
+        for holder in holders:
+            holder.said("ready")
+        for _ in range(ATTACH_PROCESSES):
+            for who in contestants:
+                numbers = [int(word) / 1e3 for word in installation.output_of(program, "attach", who, 4, 4, ATTACHES).split()]
+                figures.setdefault(who, []).append((numbers[0::2], numbers[1::2]))
+        for holder in holders:
+            holder.end()
+    result.figures["attach"] = figures
+    goal = ATTACH_US * (WINE_ALLOWANCE if windows else 1)
+
+    def line(name, of, goal=None):
+        value = {who: statistics.median(of(*process) for process in processes) for who, processes in figures.items()}
+        peers = {who: f"{us:.0f} us" for who, us in value.items() if who != LIBRARY}
+        result.add(name, f"{value[LIBRARY]:.0f} us", f"<= {goal:.0f} us" if goal else "", value[LIBRARY] <= goal if goal else None, peers)
+
+    line("attach, first of a process", lambda attaches, _: attaches[0], goal)
+    line("attach, again", lambda attaches, _: statistics.median(attaches[1:]), goal)
+    line("detach", lambda _, detaches: statistics.median(detaches))
+
+
+def load_and_memory(result, folder):
+    with Installation() as installation:
+        holder = Process(installation, folder / "shmnm_bench_process", "serve", LIBRARY, 4, 4)
+        holder.said("ready")
+        region = "/s." + installation.environment["KZMUTIL_NAMESPACE"]
+        figures = [
+            [int(word) for word in installation.output_of(folder / "memory_bench", folder / "libkzmshmnm.so.1", region).split()]
+            for _ in range(ATTACH_PROCESSES)
+        ]
+        holder.end()
+    result.figures["load_and_memory"] = figures
+    us = statistics.median(loaded for loaded, _, _ in figures) / 1e3
+    kib = statistics.median(after - before for _, before, after in figures)
+    result.add("load", f"{us:.0f} us", f"<= {LOAD_US} us", us <= LOAD_US)
+    result.add("private memory", f"{kib:.0f} KiB", f"<= {PRIVATE_KIB} KiB", kib <= PRIVATE_KIB)
+
+
+def good_path(result, folder):
+    with Installation() as installation:
+        trace = pathlib.Path(installation.folder) / "trace"
+        before = ["strace", "-f", "-o", trace]
+        made, kinds, allocations, locks = map(int, installation.output_of(folder / "good_path_bench", GOOD_PATH_CALLS, before=before).split())
+        lines = trace.read_text().splitlines()
+    marks = [number for number, line in enumerate(lines) if " getppid(" in line]
+    if len(marks) != 2:
+        raise RuntimeError("the marks are not in the trace")
+    system_calls = marks[1] - marks[0] - 1
+    result.figures["good_path"] = {"calls": made, "functions": kinds, "allocations": allocations, "locks": locks, "system_calls": system_calls}
+    text = f"{made} calls of {kinds} functions: {allocations} allocations, {system_calls} system calls, {locks} locks"
+    result.add("good_path", text, "0, 0, 0", allocations == system_calls == locks == 0)
+
+
+def print_table(result):
+    shown = [peer for peer in PEERS if any(peer in row["peers"] for row in result.rows)]
+    print(f"\n{'row':32}{'library, and x floor':>34}{'floor ns':>10}  {'goal':24}{'':7}" + "".join(f"{SHORT[peer]:>10}" for peer in shown))
+    for row in result.rows:
+        verdict = {None: "", True: "met", False: "MISSED"}[row["met"]]
+        cells = "".join(f"{row['peers'].get(peer, '-'):>10}" for peer in shown)
+        print(f"{row['row']:32}{row['value']:>34}{row['floor']:>10}  {row['goal']:24}{verdict:7}{cells if row['peers'] else ''}".rstrip())
+    print("\nA peer's figure without a unit is how many times as long as the library it takes (a share where the row is one).")
+
+
+def write_markdown(result, file):
+    shown = [peer for peer in PEERS if any(peer in row["peers"] for row in result.rows)]
+    lines = ["| row | library, and × floor | floor ns | goal | | " + " | ".join(SHORT[peer] for peer in shown) + " |", "|---|---:|---:|---|---|" + "---:|" * len(shown)]
+    for row in result.rows:
+        verdict = {None: "", True: "met", False: "**missed**"}[row["met"]]
+        cells = " | ".join(row["peers"].get(peer, "") for peer in shown)
+        lines.append(f"| {row['row']} | {row['value'].strip()} | {row['floor']} | {row['goal']} | {verdict} | {cells} |")
+    file.write_text("\n".join(lines) + "\n")
+
+
+def compare(folder, other, row, rounds):
+    """The library of two builds under the same programs, in turn."""
+    figures = {}
+    for turn in range(6):
+        sides = [("other", other), ("this", folder)]
+        for side, place in sides if turn % 2 == 0 else reversed(sides):
+            for size in SIZES:
+                with Installation() as installation:
+                    for name, ns in measured(installation, place, size, row, rounds, who=[LIBRARY, FLOOR]).items():
+                        entry = figures.setdefault(name, {"other": [], "this": []})
+                        entry[side].append((statistics.median(ns[LIBRARY]), median_ratio(ns[LIBRARY], ns[FLOOR])))
+    print(f"\n{'row':24}{'other ns':>12}{'this ns':>12}{'this/other':>12}{'other x floor':>15}{'this x floor':>14}")
+    for name, sides in figures.items():
+        other_ns, this_ns = ([ns for ns, _ in sides[side]] for side in ("other", "this"))
+        ratios = [statistics.median(ratio for _, ratio in sides[side]) for side in ("other", "this")]
+        print(
+            f"{name:24}{statistics.median(other_ns):12.1f}{statistics.median(this_ns):12.1f}"
+            f"{median_ratio(this_ns, other_ns):12.2f}{ratios[0]:15.2f}{ratios[1]:14.2f}"
+        )
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("folder", type=pathlib.Path)
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("folder", type=lambda text: pathlib.Path(text).resolve())
+    parser.add_argument("--windows", action="store_true")
     parser.add_argument("--json", type=pathlib.Path)
+    parser.add_argument("--markdown", type=pathlib.Path)
     parser.add_argument("--row", default="")
-    parser.add_argument("--rounds", default="101")
+    parser.add_argument("--rounds", type=int)
+    parser.add_argument("--compare", type=lambda text: pathlib.Path(text).resolve())
     parser.add_argument("--run", nargs=argparse.REMAINDER)
     arguments = parser.parse_args()
-    with Installation() as installation:
-        if arguments.run:
+    if arguments.run:
+        with Installation(arguments.windows) as installation:
             return subprocess.run(arguments.run, env=installation.environment).returncode
-        figures = []
-        for size in SIZES:
-            output = f"{installation.folder}/figures.json"
-            command = [arguments.folder / "shmnm_bench", *size, "--rounds", arguments.rounds, "--json", output]
-            if arguments.row:
-                command += ["--only", arguments.row]
-            subprocess.run(command, env=installation.environment, check=True)
-            figures += json.loads(pathlib.Path(output).read_text())
+    if arguments.compare:
+        compare(arguments.folder, arguments.compare, arguments.row, arguments.rounds or 51)
+        return 0
+
+    result = Result()
+    calls(result, arguments.folder, arguments.row, arguments.rounds or 301, arguments.windows)
+    subjects = {"attach, load": lambda: attach(result, arguments.folder, arguments.windows)}
+    if not arguments.windows:
+        subjects |= {
+            "two_processes": lambda: two_processes(result, arguments.folder),
+            "owner_killed": lambda: owner_killed(result, arguments.folder),
+            "load, private memory": lambda: load_and_memory(result, arguments.folder),
+            "good_path": lambda: good_path(result, arguments.folder),
+        }
+    for names, do in subjects.items():
+        if arguments.row in names:
+            do()
+    print_table(result)
     if arguments.json:
-        arguments.json.write_text(json.dumps(figures))
-    table(figures)
+        arguments.json.write_text(json.dumps({"rows": result.rows, "figures": result.figures}) + "\n")
+    if arguments.markdown:
+        write_markdown(result, arguments.markdown)
     return 0
 
 

@@ -14,6 +14,10 @@ struct Place {
     bool create;
 };
 
+/// A list of types.
+template <typename...>
+struct List {};
+
 /// What every contestant is made for; how much of it is in use is the row's size.
 inline constexpr int32_t max_servers = 128, max_resources = 16;
 

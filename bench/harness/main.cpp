@@ -1,6 +1,6 @@
 // Times the rows of one size of cluster and writes the figures:
 //
-//     shmnm_bench SERVERS RESOURCES [--only ROW] [--who NAME] [--rounds N] [--count N] [--json FILE]
+//     shmnm_bench SERVERS RESOURCES [--only ROW] [--who NAME]... [--rounds N] [--count N] [--json FILE]
 //
 // KZM_INSTALL_PATH is an installation with its configuration, KZMUTIL_NAMESPACE what all shared objects' names begin
 // with; scripts/bench makes both.
@@ -31,7 +31,7 @@ Command command_of(int argc, char** argv) {
         if (option == "--only") {
             command.options.only = value;
         } else if (option == "--who") {
-            command.options.who = value;
+            command.options.who.push_back(value);
         } else if (option == "--rounds") {
             command.options.rounds = static_cast<unsigned>(std::stoul(value));
         } else if (option == "--count") {

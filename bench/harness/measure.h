@@ -2,6 +2,7 @@
 // what disturbs the machine disturbs all of them; a round of one is a few thousand calls.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <stdexcept>
@@ -27,7 +28,8 @@ double time_one(const std::string& row, const Runner& runner, uint64_t times);
 class Measurement {
   public:
     struct Options {
-        std::string only, who;  ///< parts of names; empty: all
+        std::string only;              ///< part of the rows' names; empty: all
+        std::vector<std::string> who;  ///< names; empty: all
         unsigned rounds = 101;
         uint64_t round_ns = 400'000;
         uint64_t count = 0;  ///< above 0: nothing is timed, each row is run that often, for a profiler
@@ -55,7 +57,7 @@ class Measurement {
     template <typename Contestant, typename Check, typename Work>
     void enter(std::vector<Runner>& runners, const std::string& name, Contestant& contestant, const Check& check,
                const Work& work) {
-        if (std::string(Contestant::who).find(options_.who) == std::string::npos) return;
+        if (!options_.who.empty() && std::ranges::find(options_.who, Contestant::who) == options_.who.end()) return;
         if (!check(contestant)) throw std::runtime_error(name + "/" + Contestant::who + " answers wrongly");
         runners.push_back({Contestant::who, [&contestant, work](uint64_t times) {
                                for (uint64_t i = 0; i < times; ++i) work(contestant);

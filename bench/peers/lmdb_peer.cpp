@@ -49,7 +49,8 @@ LmdbPeer::LmdbPeer(const Place& place) : path_("/dev/shm/" + place.scratch + "lm
     expect(mdb_env_set_mapsize(environment_, size_t{16} << 20));
     expect(mdb_env_open(environment_, path_.c_str(), MDB_NOSUBDIR | MDB_NOSYNC | MDB_WRITEMAP, 0600));
     MDB_txn* transaction = nullptr;
-    expect(mdb_txn_begin(environment_, nullptr, 0, &transaction));
+    // Only who creates needs the writer's lock.
+    expect(mdb_txn_begin(environment_, nullptr, created_ ? 0 : MDB_RDONLY, &transaction));
     expect(mdb_dbi_open(transaction, nullptr, 0, &table_));
     expect(mdb_txn_commit(transaction));
     expect(mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &reader_));

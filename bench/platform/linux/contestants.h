@@ -40,4 +40,8 @@ struct Contestants {
     SqlitePeer sqlite;
 };
 
+/// Who competes where there are several processes.
+using ProcessContestants = List<Library, StrcmpPeer, InterprocessPeer<InterprocessMap>,
+                                InterprocessPeer<InterprocessHash>, LmdbPeer, SqlitePeer>;
+
 }  // namespace bench

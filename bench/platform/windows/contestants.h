@@ -22,4 +22,7 @@ struct Contestants {
     StrcmpPeer strcmp_peer;
 };
 
+/// Who competes where there are several processes.
+using ProcessContestants = List<Library, StrcmpPeer>;
+
 }  // namespace bench
