@@ -56,16 +56,14 @@ elseif(UNIX)
                                    INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
         target_link_options(shmnm_options INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
     endif()
-    if(SHMNM_COVERAGE)
-        target_compile_options(shmnm_options INTERFACE --coverage -fprofile-update=atomic -O0)
-        target_link_options(shmnm_options INTERFACE --coverage)
-    endif()
 endif()
 
 # shmnm_library(NAME SOURCE...): the shared library libNAME.so or NAME.dll; its headers lie in include/ of its own folder.
 function(shmnm_library name)
     add_library(${name} SHARED ${ARGN})
     target_link_libraries(${name} PRIVATE shmnm_options)
+    # All of it is compiled as one, so that a call from one subject into another costs nothing.
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
     string(TOUPPER ${name} upper)
     target_compile_definitions(${name} PRIVATE ${upper}_BUILD)

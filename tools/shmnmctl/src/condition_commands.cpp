@@ -17,7 +17,7 @@
 namespace shmnmctl {
 namespace {
 
-struct Options {
+struct ConditionOptions {
     std::vector<std::string> condition;
     std::optional<std::string> timeout;
     uint32_t interval_ms = 50;
@@ -36,7 +36,7 @@ void answer(const Context& context, const char* kind, bool holds) {
     write_output(line(told));
 }
 
-Exit query(const Context& context, const Options& options) {
+Exit query(const Context& context, const ConditionOptions& options) {
     const Condition condition(joined(options.condition));
     const bool holds = condition.holds(words(decode(look(context))));
     answer(context, "query", holds);
@@ -74,7 +74,7 @@ std::string unmet_now(LiveRegion& region, const Condition& condition, uint32_t l
     }
 }
 
-Exit wait(const Context& context, const Options& options) {
+Exit wait(const Context& context, const ConditionOptions& options) {
     constexpr uint64_t longest_us = std::numeric_limits<uint64_t>::max();
     // A stop that is asked for while the lock does not come takes no longer than this.
     constexpr uint64_t longest_lock_ms = 1'000;
@@ -108,7 +108,7 @@ Exit wait(const Context& context, const Options& options) {
 }  // namespace
 
 void add_condition_commands(CLI::App& app, Context& context) {
-    static Options options;
+    static ConditionOptions options;
     constexpr const char* grammar =
         "CONDITION: comparisons such as servers/alpha/nodestat=1 (= != < <= > >=), \"exists KEY\", joined by and, or, "
         "not\n"

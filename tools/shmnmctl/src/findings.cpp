@@ -323,7 +323,7 @@ class Search {
             return Range{start, start + resource_step() * static_cast<uint64_t>(slots)};
         };
         const Counts& counts = snapshot_.counts;
-        const Range hb = all(layout_.hb, counts.hb), np = all(layout_.np, counts.np);
+        const Range hb_table = all(layout_.hb, counts.hb), np_table = all(layout_.np, counts.np);
         const uint64_t row = word_size * static_cast<uint64_t>(counts.servers);
         const Range network{layout_.network, layout_.network + row * static_cast<uint64_t>(counts.hb)};
         Ranges fst{{layout_.fst_pids, layout_.network}, network};
@@ -333,9 +333,9 @@ class Search {
             fst.push_back({descript, descript + sizeof(shmnm_resource::descript)});
             fst.push_back({stat, stat + word_size});
         }
-        Owners owners{.resources = {hb, np}, .beside_hb = fst, .beside_np = fst};
-        owners.beside_hb.push_back(np);
-        owners.beside_np.push_back(hb);
+        Owners owners{.resources = {hb_table, np_table}, .beside_hb = fst, .beside_np = fst};
+        owners.beside_hb.push_back(np_table);
+        owners.beside_np.push_back(hb_table);
         return owners;
     }
 

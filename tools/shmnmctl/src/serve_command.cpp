@@ -15,7 +15,7 @@
 namespace shmnmctl {
 namespace {
 
-struct Options {
+struct ServeOptions {
     std::string file;
     bool clean = false, until_eof = false;
 };
@@ -113,7 +113,7 @@ void tell_that_it_is_ready(const Context& context, const ClusterFile& file) {
     platform::notify_service_manager("READY=1");
 }
 
-Exit serve(const Context& context, const Options& options) {
+Exit serve(const Context& context, const ServeOptions& options) {
     const std::string installed = installed_cluster_file();
     const ClusterFile file = read_cluster_file(options.file.empty() ? installed : options.file);
     if (const auto configured = configured_counts(); configured && *configured != file.counts) {
@@ -144,7 +144,7 @@ Exit serve(const Context& context, const Options& options) {
 }  // namespace
 
 void add_serve_command(CLI::App& app, Context& context) {
-    static Options options;
+    static ServeOptions options;
     CLI::App* const command = app.add_subcommand("serve", "Create the region from the configuration and hold it");
     add_format(*command, context);
     command->add_option("--config", options.file, "The configuration (etc/cluster.xml below the installation path)");

@@ -14,7 +14,7 @@
 namespace shmnmctl {
 namespace {
 
-struct Options {
+struct WatchOptions {
     std::string prefix;
     bool from_start = false;
     uint32_t interval_ms = 50;
@@ -74,7 +74,7 @@ class Reporter {
 /// What was known at the last copy, and what may have happened since then without being seen.
 class Watch {
   public:
-    Watch(const Context& context, const Options& options)
+    Watch(const Context& context, const WatchOptions& options)
         : options_(options), reporter_(context), from_nothing_(options.from_start) {}
 
     void see(std::optional<Snapshot> snapshot) {
@@ -153,7 +153,7 @@ class Watch {
         for (const WordChange& change : found) reporter_.change(change);
     }
 
-    const Options& options_;
+    const WatchOptions& options_;
     Reporter reporter_;
     std::optional<Snapshot> last_;
     std::vector<Word> words_;
@@ -163,7 +163,7 @@ class Watch {
     bool from_nothing_;                          ///< the first copy's words are all new
 };
 
-Exit watch(const Context& context, const Options& options) {
+Exit watch(const Context& context, const WatchOptions& options) {
     // A stop that is asked for while the lock does not come takes no longer than this.
     constexpr uint32_t longest_lock_ms = 1'000;
     platform::catch_stop();
@@ -188,7 +188,7 @@ Exit watch(const Context& context, const Options& options) {
 }  // namespace
 
 void add_watch_command(CLI::App& app, Context& context) {
-    static Options options;
+    static WatchOptions options;
     CLI::App* const command = app.add_subcommand("watch", "Write a line for each change, as it happens");
     add_format(*command, context);
     command->add_option("PREFIX", options.prefix, "Only keys at or below this one");

@@ -16,7 +16,7 @@
 namespace kzmkernel {
 namespace {
 
-constexpr uint64_t page = 4096, allocation_step = 1u << 20;
+constexpr uint64_t allocation_step = 1u << 20;
 constexpr size_t longest_name = 200;
 /// No object's name begins with a dot. One is enough, since the gate is held while it is there.
 constexpr const char* unfinished = ".new";

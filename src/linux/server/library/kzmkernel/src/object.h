@@ -10,6 +10,9 @@
 
 namespace kzmkernel {
 
+/// Mappings and views are whole pages.
+inline constexpr uint64_t page = 4096;
+
 /// The first letter of the file's name: mutexes and mappings of one name do not meet on the disk.
 enum class Kind : char { mutex = 'm', mapping = 's' };
 

@@ -7,12 +7,13 @@
 
 #include "error.h"
 #include "kzmkernel.h"
+#include "object.h"
 #include "process.h"
 
 namespace kzmkernel {
 namespace {
 
-constexpr uint64_t page = 4096, granularity = 65536;
+constexpr uint64_t granularity = 65536;
 
 struct View {
     void* address;

@@ -104,7 +104,7 @@ Error open_slot(size_t index, std::string_view module, std::string_view channel,
     return ok;
 }
 
-Error open(std::string_view module, std::string_view channel, uint32_t level, uint32_t size, void** log) {
+Error open_log(std::string_view module, std::string_view channel, uint32_t level, uint32_t size, void** log) {
     const size_t index = take_slot();
     if (index == slots.size()) return too_many_open;
     Error error = out_of_memory;
@@ -127,7 +127,7 @@ Error append(const Log& log, const Entry& entry) {
 }
 
 /// Out of line, so that a message dropped by its level sets up nothing of this.
-[[gnu::noinline]] Error write(Slot& slot, const void* handle, const Entry& entry) {
+[[gnu::noinline]] Error write_entry(Slot& slot, const void* handle, const Entry& entry) {
     const UndisturbedThread undisturbed;
     if (!enter(slot, handle)) return invalid_handle;
     const Error error = append(*slot.log, entry);
@@ -146,7 +146,7 @@ int32_t kzmlog_open(const char* module, void** log, uint32_t level, uint32_t siz
     if (!log || !module || !channel || flags != 0) return kzmlog::invalid_parameter;
     if (!kzmlog::is_name(module, 31) || !kzmlog::is_name(channel, 63)) return kzmlog::invalid_parameter;
     const kzmlog::UndisturbedThread undisturbed;
-    return kzmlog::open(module, channel, level, size, log);
+    return kzmlog::open_log(module, channel, level, size, log);
 }
 
 int32_t kzmlog_close(void* log) {
@@ -166,7 +166,7 @@ int32_t kzmlog_write(void* log, uint32_t level, uint32_t flags, const char* file
     if (!kzmlog::is_open(slot.state.load(std::memory_order_acquire), log)) return kzmlog::invalid_handle;
     if (level > slot.level.load(std::memory_order_relaxed)) return kzmlog::ok;
     if (flags != 0) return kzmlog::invalid_parameter;
-    return kzmlog::write(slot, log, {level, file, line, function, message});
+    return kzmlog::write_entry(slot, log, {level, file, line, function, message});
 }
 
 }  // extern "C"

@@ -12,7 +12,7 @@ namespace kzmxml {
 namespace {
 
 /// The key under which the parser keeps an element's attributes. No element can have such a name.
-constexpr const char* attributes = "<xmlattr>";
+constexpr const char* attributes_key = "<xmlattr>";
 
 /// @return whether the whole file is in `text`
 bool read_file(const std::string& file, std::string& text) {
@@ -29,7 +29,7 @@ bool read_file(const std::string& file, std::string& text) {
 const Element* child(const Element& element, std::string_view name) {
     const auto found =
         std::find_if(element.begin(), element.end(), [&](const auto& entry) { return entry.first == name; });
-    return found == element.end() || name == attributes ? nullptr : &found->second;
+    return found == element.end() || name == attributes_key ? nullptr : &found->second;
 }
 
 std::string_view without_spaces_around(std::string_view text) {
@@ -70,7 +70,7 @@ const Element* find(const Element& document, std::string_view path) {
 }
 
 bool read_integer(const Element& element, int32_t& value) {
-    if (std::any_of(element.begin(), element.end(), [](const auto& entry) { return entry.first != attributes; })) {
+    if (std::any_of(element.begin(), element.end(), [](const auto& entry) { return entry.first != attributes_key; })) {
         return false;
     }
     std::string_view text = without_spaces_around(element.data());

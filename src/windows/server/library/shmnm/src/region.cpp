@@ -3,8 +3,8 @@
 namespace shmnm {
 namespace {
 
-constinit Region region;
-constinit std::atomic<const Region*> mapped{nullptr};
+constinit Region mapping_of_process;
+constinit std::atomic<const Region*> published{nullptr};
 
 /// The bytes of the strip at a position that lie in the view. Steps of 0 or less hold none.
 uint64_t visible_bytes(const Region& mapping, const Strip& strip, int32_t position) noexcept {
@@ -29,16 +29,16 @@ bool take_next(const Region& mapping, const Strip& strip, int32_t position) noex
 }
 
 const Region* mapped_region() noexcept {
-    return mapped.load(std::memory_order_acquire);
+    return published.load(std::memory_order_acquire);
 }
 
 void publish_region(uint8_t* view, size_t view_size, const Layout& layout) noexcept {
-    region = {view, view_size, layout};
-    mapped.store(&region, std::memory_order_release);
+    mapping_of_process = {view, view_size, layout};
+    published.store(&mapping_of_process, std::memory_order_release);
 }
 
 void withdraw_region() noexcept {
-    mapped.store(nullptr, std::memory_order_release);
+    published.store(nullptr, std::memory_order_release);
 }
 
 }  // namespace shmnm

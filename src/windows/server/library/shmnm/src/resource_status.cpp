@@ -4,8 +4,8 @@
 namespace shmnm {
 namespace {
 
-uint32_t set_state(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
-                   uint32_t stat) {
+uint32_t set_resource_state(const Call& call, const Region& region, const Kind& kind, const char* type,
+                            const char* name, uint32_t stat) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -13,8 +13,8 @@ uint32_t set_state(const Call& call, const Region& region, const Kind& kind, con
     return SHMNM_OK;
 }
 
-uint32_t get_state(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
-                   uint32_t* stat) {
+uint32_t get_resource_state(const Call& call, const Region& region, const Kind& kind, const char* type,
+                            const char* name, uint32_t* stat) {
     if (!name || !stat) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -47,16 +47,16 @@ uint32_t set_states_of_type(const Call& call, const Region& region, const Kind& 
 using namespace shmnm;
 
 uint32_t shmnm_sethbrscstat(const char* type, const char* name, uint32_t stat) {
-    return framed<set_state>("_sethbrscstat", hb, type, name, stat);
+    return framed<set_resource_state>("_sethbrscstat", hb, type, name, stat);
 }
 uint32_t shmnm_setnprscstat(const char* type, const char* name, uint32_t stat) {
-    return framed<set_state>("_setnprscstat", np, type, name, stat);
+    return framed<set_resource_state>("_setnprscstat", np, type, name, stat);
 }
 uint32_t shmnm_gethbrscstat(const char* type, const char* name, uint32_t* stat) {
-    return framed<get_state>("_gethbrscstat", hb, type, name, stat);
+    return framed<get_resource_state>("_gethbrscstat", hb, type, name, stat);
 }
 uint32_t shmnm_getnprscstat(const char* type, const char* name, uint32_t* stat) {
-    return framed<get_state>("_getnprscstat", np, type, name, stat);
+    return framed<get_resource_state>("_getnprscstat", np, type, name, stat);
 }
 uint32_t shmnm_sethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat) {
     return framed<set_cell>("_sethbrscsvstat", hb, hb.states, type, name, svid, stat);

@@ -7,8 +7,8 @@
 namespace shmnm {
 namespace {
 
-uint32_t add(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
-             uint32_t pri) {
+uint32_t add_resource(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+                      uint32_t pri) {
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
     const int32_t count = resources.count, server_count = load(region.header().server_count);
@@ -28,7 +28,7 @@ uint32_t add(const Call& call, const Region& region, const Kind& kind, const cha
     return SHMNM_OK;
 }
 
-uint32_t remove(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name) {
+uint32_t remove_resource(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name) {
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
     const auto resource = resources.find(type, name);
@@ -45,8 +45,8 @@ uint32_t remove(const Call& call, const Region& region, const Kind& kind, const 
     return SHMNM_OK;
 }
 
-uint32_t modify(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
-                uint32_t pri) {
+uint32_t modify_resource(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+                         uint32_t pri) {
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -54,8 +54,8 @@ uint32_t modify(const Call& call, const Region& region, const Kind& kind, const 
     return SHMNM_OK;
 }
 
-uint32_t get_priority(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
-                      uint32_t* pri) {
+uint32_t get_resource_priority(const Call& call, const Region& region, const Kind& kind, const char* type,
+                               const char* name, uint32_t* pri) {
     if (!type || !name || !pri) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -91,28 +91,28 @@ uint32_t list_names(const Call& call, const Region& region, const Kind& kind, co
 using namespace shmnm;
 
 uint32_t shmnm_addhbrsc(const char* type, const char* name, uint32_t pri) {
-    return framed<add>("_addhbrsc", hb, type, name, pri);
+    return framed<add_resource>("_addhbrsc", hb, type, name, pri);
 }
 uint32_t shmnm_addnprsc(const char* type, const char* name, uint32_t pri) {
-    return framed<add>("_addnprsc", np, type, name, pri);
+    return framed<add_resource>("_addnprsc", np, type, name, pri);
 }
 uint32_t shmnm_rmhbrsc(const char* type, const char* name) {
-    return framed<shmnm::remove>("_rmhbrsc", hb, type, name);
+    return framed<remove_resource>("_rmhbrsc", hb, type, name);
 }
 uint32_t shmnm_rmnprsc(const char* type, const char* name) {
-    return framed<shmnm::remove>("_rmnprsc", np, type, name);
+    return framed<remove_resource>("_rmnprsc", np, type, name);
 }
 uint32_t shmnm_modifyhbrsc(const char* type, const char* name, uint32_t pri) {
-    return framed<modify>("_modifyhbrsc", hb, type, name, pri);
+    return framed<modify_resource>("_modifyhbrsc", hb, type, name, pri);
 }
 uint32_t shmnm_modifynprsc(const char* type, const char* name, uint32_t pri) {
-    return framed<modify>("_modifynprsc", np, type, name, pri);
+    return framed<modify_resource>("_modifynprsc", np, type, name, pri);
 }
 uint32_t shmnm_gethbrscpri(const char* type, const char* name, uint32_t* pri) {
-    return framed<get_priority>("_gethbrscpri", hb, type, name, pri);
+    return framed<get_resource_priority>("_gethbrscpri", hb, type, name, pri);
 }
 uint32_t shmnm_getnprscpri(const char* type, const char* name, uint32_t* pri) {
-    return framed<get_priority>("_getnprscpri", np, type, name, pri);
+    return framed<get_resource_priority>("_getnprscpri", np, type, name, pri);
 }
 uint32_t shmnm_gethbrscinfo(char* type, const char* name) {
     return framed<get_type>("_gethbrscinfo", hb, type, name);

@@ -10,9 +10,9 @@ namespace {
 
 constexpr uint32_t alive = 1;
 
-using Word = uint32_t shmnm_server::*;
+using ServerWord = uint32_t shmnm_server::*;
 
-uint32_t set_word(const Call& call, const Region& region, Word word, const char* name, uint32_t value) {
+uint32_t set_server_word(const Call& call, const Region& region, ServerWord word, const char* name, uint32_t value) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -20,7 +20,7 @@ uint32_t set_word(const Call& call, const Region& region, Word word, const char*
     return SHMNM_OK;
 }
 
-uint32_t get_word(const Call& call, const Region& region, Word word, const char* name, uint32_t* value) {
+uint32_t get_server_word(const Call& call, const Region& region, ServerWord word, const char* name, uint32_t* value) {
     if (!name || !value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -79,40 +79,40 @@ using namespace shmnm;
 
 // The tags of downnotifystat and isolateflag are whole export names, deliberately.
 uint32_t shmnm_setnodestat(const char* name, uint32_t stat) {
-    return framed<set_word>("_setnodestat", &shmnm_server::nodestat, name, stat);
+    return framed<set_server_word>("_setnodestat", &shmnm_server::nodestat, name, stat);
 }
 uint32_t shmnm_getnodestat(const char* name, uint32_t* stat) {
-    return framed<get_word>("_getnodestat", &shmnm_server::nodestat, name, stat);
+    return framed<get_server_word>("_getnodestat", &shmnm_server::nodestat, name, stat);
 }
 uint32_t shmnm_setnodestat_nw(const char* name, uint32_t stat) {
-    return framed<set_word>("_setnodestat_nw", &shmnm_server::nodestat_nw, name, stat);
+    return framed<set_server_word>("_setnodestat_nw", &shmnm_server::nodestat_nw, name, stat);
 }
 uint32_t shmnm_getnodestat_nw(const char* name, uint32_t* stat) {
-    return framed<get_word>("_getnodestat_nw", &shmnm_server::nodestat_nw, name, stat);
+    return framed<get_server_word>("_getnodestat_nw", &shmnm_server::nodestat_nw, name, stat);
 }
 uint32_t shmnm_setdownnotifystat(const char* name, uint32_t stat) {
-    return framed<set_word>("shmnm_setdownnotifystat", &shmnm_server::downnotifystat, name, stat);
+    return framed<set_server_word>("shmnm_setdownnotifystat", &shmnm_server::downnotifystat, name, stat);
 }
 uint32_t shmnm_getdownnotifystat(const char* name, uint32_t* stat) {
-    return framed<get_word>("shmnm_getdownnotifystat", &shmnm_server::downnotifystat, name, stat);
+    return framed<get_server_word>("shmnm_getdownnotifystat", &shmnm_server::downnotifystat, name, stat);
 }
 uint32_t shmnm_setisolateflag(const char* name, uint32_t flag) {
-    return framed<set_word>("shmnm_setisolateflag", &shmnm_server::isolateflag, name, flag);
+    return framed<set_server_word>("shmnm_setisolateflag", &shmnm_server::isolateflag, name, flag);
 }
 uint32_t shmnm_getisolateflag(const char* name, uint32_t* flag) {
-    return framed<get_word>("shmnm_getisolateflag", &shmnm_server::isolateflag, name, flag);
+    return framed<get_server_word>("shmnm_getisolateflag", &shmnm_server::isolateflag, name, flag);
 }
 uint32_t shmnm_setpingstat(const char* name, uint32_t stat) {
-    return framed<set_word>("_setpingstat", &shmnm_server::pingstat, name, stat);
+    return framed<set_server_word>("_setpingstat", &shmnm_server::pingstat, name, stat);
 }
 uint32_t shmnm_getpingstat(const char* name, uint32_t* stat) {
-    return framed<get_word>("_getpingstat", &shmnm_server::pingstat, name, stat);
+    return framed<get_server_word>("_getpingstat", &shmnm_server::pingstat, name, stat);
 }
 uint32_t shmnm_setholdstat(const char* name, uint32_t stat) {
-    return framed<set_word>("_setholdstat", &shmnm_server::holdstat, name, stat);
+    return framed<set_server_word>("_setholdstat", &shmnm_server::holdstat, name, stat);
 }
 uint32_t shmnm_getholdstat(const char* name, uint32_t* stat) {
-    return framed<get_word>("_getholdstat", &shmnm_server::holdstat, name, stat);
+    return framed<get_server_word>("_getholdstat", &shmnm_server::holdstat, name, stat);
 }
 
 uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat) {

@@ -8,7 +8,7 @@
 namespace shmnm {
 namespace {
 
-uint32_t add(const Call& call, const Region& region, const char* name, int32_t pri) {
+uint32_t add_server(const Call& call, const Region& region, const char* name, int32_t pri) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Servers servers(region);
     const int32_t count = servers.count;
@@ -35,7 +35,7 @@ uint32_t add(const Call& call, const Region& region, const char* name, int32_t p
     return SHMNM_OK;
 }
 
-uint32_t remove(const Call& call, const Region& region, const char* name) {
+uint32_t remove_server(const Call& call, const Region& region, const char* name) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Servers servers(region);
     const auto server = servers.named(name);
@@ -57,7 +57,7 @@ uint32_t remove(const Call& call, const Region& region, const char* name) {
     return SHMNM_OK;
 }
 
-uint32_t modify(const Call& call, const Region& region, const char* name, int32_t pri) {
+uint32_t modify_server(const Call& call, const Region& region, const char* name, int32_t pri) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -71,7 +71,7 @@ uint32_t list(const Call& call, const Region& region, char* buf, uint32_t* size)
     return list_texts(call, region, servers.records, name_of, buf, size);
 }
 
-uint32_t get_priority(const Call& call, const Region& region, const char* name, int32_t* pri) {
+uint32_t get_server_priority(const Call& call, const Region& region, const char* name, int32_t* pri) {
     if (!name || !pri) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -93,19 +93,19 @@ uint32_t get_name(const Call& call, const Region& region, char* name, int32_t pr
 using namespace shmnm;
 
 uint32_t shmnm_addnode(const char* name, int32_t pri) {
-    return framed<add>("_addnode", name, pri);
+    return framed<add_server>("_addnode", name, pri);
 }
 uint32_t shmnm_rmnode(const char* name) {
-    return framed<shmnm::remove>("_rmnode", name);
+    return framed<remove_server>("_rmnode", name);
 }
 uint32_t shmnm_modifynode(const char* name, int32_t pri) {
-    return framed<modify>("_modifynode", name, pri);
+    return framed<modify_server>("_modifynode", name, pri);
 }
 uint32_t shmnm_enumnode(char* buf, uint32_t* size) {
     return framed<list>("_enumnode", buf, size);
 }
 uint32_t shmnm_getnodepri(const char* name, int32_t* pri) {
-    return framed<get_priority>("_getnodepri", name, pri);
+    return framed<get_server_priority>("_getnodepri", name, pri);
 }
 uint32_t shmnm_getnodename(char* name, int32_t pri) {
     return framed<get_name>("_getnodename", name, pri);
