@@ -3,16 +3,19 @@
 
     run.py FOLDER [--windows] [--json FILE] [--markdown FILE] [--row ROW] [--rounds N]
     run.py FOLDER --compare OTHER [--row ROW] [--rounds N]
+    run.py FOLDER --instructions [--row ROW]
     run.py FOLDER --run PROGRAM [ARGUMENT...]
 
-FOLDER holds the programs. --row does only the rows whose names contain ROW. --compare sets the library in FOLDER against the
-one in the folder OTHER, under the same programs. --run runs one program in the installation that they need, for a profiler
+FOLDER holds the programs. --row does only the rows in whose names the regular expression ROW is found. --compare sets the library in FOLDER against the
+one in the folder OTHER, under the same programs. --instructions counts the instructions of a call, by function, of the library and
+of the floor: the same at every run. --run runs one program in the installation that they need, for a profiler
 or by hand.
 """
 import argparse
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import statistics
@@ -144,8 +147,8 @@ class Result:
     def __init__(self):
         self.figures, self.rows = {}, []
 
-    def add(self, row, value, goal="", met=None, peers=None, floor=""):
-        self.rows.append({"row": row, "value": value, "floor": floor, "goal": goal, "met": met, "peers": peers or {}})
+    def add(self, row, value, goal="", met=None, peers=None, floor="", ratio=""):
+        self.rows.append({"row": row, "value": value, "floor": floor, "ratio": ratio, "goal": goal, "met": met, "peers": peers or {}})
 
 
 def median_ratio(of, to):
@@ -187,8 +190,15 @@ def calls(result, folder, row, rounds, windows):
             least = STRCMP_GOALS[name] / allowance
             text += f", strcmp >= {least:.1f}"
             met = met and peers[STRCMP] >= least
-        ns_text = f"{statistics.median(ns[LIBRARY]):.1f} ns"
-        result.add(name, f"{ns_text:>12} {ratio:6.2f}", text, met, {peer: f"{ratio:.2f}" for peer, ratio in peers.items()}, f"{statistics.median(ns[FLOOR]):.1f}")
+        result.add(
+            name,
+            f"{statistics.median(ns[LIBRARY]):.1f} ns",
+            text,
+            met,
+            {peer: f"{times:.2f}" for peer, times in peers.items()},
+            floor=f"{statistics.median(ns[FLOOR]):.1f}",
+            ratio=f"{ratio:.2f}",
+        )
 
 
 def two_processes(result, folder):
@@ -307,15 +317,17 @@ def load_and_memory(result, folder):
         holder = Process(installation, folder / "shmnm_bench_process", "serve", LIBRARY, 4, 4)
         holder.said("ready")
         region = "/s." + installation.environment["KZMUTIL_NAMESPACE"]
-        figures = [
-            [int(word) for word in installation.output_of(folder / "memory_bench", folder / "libkzmshmnm.so.1", region).split()]
-            for _ in range(ATTACH_PROCESSES)
-        ]
+        figures = {"load": [], "load, C++ run time loaded": []}
+        for _ in range(ATTACH_PROCESSES):
+            for name, other in (("load", []), ("load, C++ run time loaded", ["libstdc++.so.6"])):
+                output = installation.output_of(folder / "memory_bench", folder / "libkzmshmnm.so.1", region, *other)
+                figures[name].append([int(word) for word in output.split()])
         holder.end()
     result.figures["load_and_memory"] = figures
-    us = statistics.median(loaded for loaded, _, _ in figures) / 1e3
-    kib = statistics.median(after - before for _, before, after in figures)
-    result.add("load", f"{us:.0f} us", f"<= {LOAD_US} us", us <= LOAD_US)
+    for name, processes in figures.items():
+        us = statistics.median(loaded for loaded, _, _ in processes) / 1e3
+        result.add(name, f"{us:.0f} us", f"<= {LOAD_US} us", us <= LOAD_US)
+    kib = statistics.median(after - before for _, before, after in figures["load"])
     result.add("private memory", f"{kib:.0f} KiB", f"<= {PRIVATE_KIB} KiB", kib <= PRIVATE_KIB)
 
 
@@ -334,24 +346,36 @@ def good_path(result, folder):
     result.add("good_path", text, "0, 0, 0", allocations == system_calls == locks == 0)
 
 
-def print_table(result):
+def cells_of(result):
+    """The table as texts: its heads, then a line each."""
     shown = [peer for peer in PEERS if any(peer in row["peers"] for row in result.rows)]
-    print(f"\n{'row':32}{'library, and x floor':>34}{'floor ns':>10}  {'goal':24}{'':7}" + "".join(f"{SHORT[peer]:>10}" for peer in shown))
+    lines = [["row", "library", "floor ns", "x floor", "goal", "", *(SHORT[peer] for peer in shown)]]
     for row in result.rows:
         verdict = {None: "", True: "met", False: "MISSED"}[row["met"]]
-        cells = "".join(f"{row['peers'].get(peer, '-'):>10}" for peer in shown)
-        print(f"{row['row']:32}{row['value']:>34}{row['floor']:>10}  {row['goal']:24}{verdict:7}{cells if row['peers'] else ''}".rstrip())
-    print("\nA peer's figure without a unit is how many times as long as the library it takes (a share where the row is one).")
+        peers = [row["peers"].get(peer, "-" if row["peers"] else "") for peer in shown]
+        lines.append([row["row"], row["value"], row["floor"], row["ratio"], row["goal"], verdict, *peers])
+    return lines
+
+
+PEERS_EXPLAINED = "A peer's figure without a unit is how many times as long as the library it takes; a share where the row is one."
+
+
+def print_table(result):
+    lines = cells_of(result)
+    # A long sentence may run over its column.
+    widths = [max(len(line[column]) for line in lines if len(line[column]) < 50) for column in range(len(lines[0]))]
+    print()
+    for line in lines:
+        cells = [cell.ljust(width) if column in (0, 4, 5) else cell.rjust(width) for column, (cell, width) in enumerate(zip(line, widths))]
+        print("  ".join(cells).rstrip())
+    print(f"\n{PEERS_EXPLAINED}")
 
 
 def write_markdown(result, file):
-    shown = [peer for peer in PEERS if any(peer in row["peers"] for row in result.rows)]
-    lines = ["| row | library, and × floor | floor ns | goal | | " + " | ".join(SHORT[peer] for peer in shown) + " |", "|---|---:|---:|---|---|" + "---:|" * len(shown)]
-    for row in result.rows:
-        verdict = {None: "", True: "met", False: "**missed**"}[row["met"]]
-        cells = " | ".join(row["peers"].get(peer, "") for peer in shown)
-        lines.append(f"| {row['row']} | {row['value'].strip()} | {row['floor']} | {row['goal']} | {verdict} | {cells} |")
-    file.write_text("\n".join(lines) + "\n")
+    heads, *lines = cells_of(result)
+    text = ["| " + " | ".join(heads) + " |", "|---|---:|---:|---:|---|---|" + "---:|" * (len(heads) - 6)]
+    text += ["| " + " | ".join(line) + " |" for line in lines]
+    file.write_text("\n".join(text) + f"\n\n{PEERS_EXPLAINED}\n")
 
 
 def compare(folder, other, row, rounds):
@@ -375,6 +399,38 @@ def compare(folder, other, row, rounds):
         )
 
 
+def counted(installation, folder, size, row, who, count):
+    """The instructions of a whole run of the program, by function."""
+    output = f"{installation.folder}/callgrind"
+    valgrind = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={output}"]
+    installation.output_of(folder / "shmnm_bench", *size, "--only", row, "--who", who, "--count", count, before=valgrind)
+    lines = subprocess.run(["callgrind_annotate", "--threshold=100", "--auto=no", "--tree=none", output], check=True, stdout=subprocess.PIPE, text=True).stdout
+    functions = {}
+    for line in lines.splitlines():
+        found = re.match(r"\s*([0-9,]+) \(.*?\)\s+(.*?)(?: \[(.*)\])?$", line)
+        # A function stands once for each file that a part of it comes from.
+        if found and ":" in found[2]:
+            name = re.sub(r" \((clone .*|\d+x)\)$", "", found[2].split(":", 1)[1])
+            functions[name] = functions.get(name, 0) + int(found[1].replace(",", ""))
+    return functions
+
+
+def instructions(folder, row):
+    """What a run of many calls has more than one of half as many is the calls' own."""
+    calls = 1000
+    for size in SIZES:
+        with Installation() as installation:
+            names = measured(installation, folder, size, row, 1, who=[FLOOR])
+            for name in names:
+                for who in (FLOOR, LIBRARY):
+                    once, twice = (counted(installation, folder, size, f"^{name}$", who, calls * times) for times in (1, 2))
+                    each = {function: (count - once.get(function, 0)) / calls for function, count in twice.items()}
+                    print(f"\n{name} {who}: {sum(each.values()):.1f} instructions a call")
+                    for function, count in sorted(each.items(), key=lambda item: -item[1]):
+                        if count >= 0.5:
+                            print(f"{count:10.1f}  {function[:130]}")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("folder", type=lambda text: pathlib.Path(text).resolve())
@@ -384,11 +440,15 @@ def main():
     parser.add_argument("--row", default="")
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--compare", type=lambda text: pathlib.Path(text).resolve())
+    parser.add_argument("--instructions", action="store_true")
     parser.add_argument("--run", nargs=argparse.REMAINDER)
     arguments = parser.parse_args()
     if arguments.run:
         with Installation(arguments.windows) as installation:
             return subprocess.run(arguments.run, env=installation.environment).returncode
+    if arguments.instructions:
+        instructions(arguments.folder, arguments.row)
+        return 0
     if arguments.compare:
         compare(arguments.folder, arguments.compare, arguments.row, arguments.rounds or 51)
         return 0
@@ -404,7 +464,7 @@ def main():
             "good_path": lambda: good_path(result, arguments.folder),
         }
     for names, do in subjects.items():
-        if arguments.row in names:
+        if re.search(arguments.row, names):
             do()
     print_table(result)
     if arguments.json:

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -28,7 +29,7 @@ double time_one(const std::string& row, const Runner& runner, uint64_t times);
 class Measurement {
   public:
     struct Options {
-        std::string only;              ///< part of the rows' names; empty: all
+        std::string only;              ///< the rows in whose names this regular expression is found
         std::vector<std::string> who;  ///< names; empty: all
         unsigned rounds = 101;
         uint64_t round_ns = 400'000;
@@ -39,7 +40,7 @@ class Measurement {
     /// One row. `check(contestant)` tells whether it answers rightly, `work(contestant)` is what is timed.
     template <typename Check, typename Work>
     void row(const std::string& name, Contestants& contestants, const Check& check, const Work& work) {
-        if (name.find(options_.only) == std::string::npos) return;
+        if (!std::regex_search(name, std::regex(options_.only))) return;
         std::vector<Runner> runners;
         contestants.each([&](auto& who) { enter(runners, name, who, check, work); });
         race(name, runners);

@@ -21,6 +21,7 @@ namespace interprocess = boost::interprocess;
 struct Key {
     Name server{}, type{}, resource{};
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): of the comparison with zero that the compiler writes
     friend auto operator<=>(const Key&, const Key&) = default;
     friend size_t hash_value(const Key& key) {
         size_t hash = 0;
