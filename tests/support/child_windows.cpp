@@ -64,7 +64,11 @@ PROCESS_INFORMATION create(const std::vector<std::string>& arguments, HANDLE inp
     startup.hStdOutput = output;
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION process{};
-    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+    // Wine answers so when the new process did not come as far as its own start, which happens on a busy machine.
+    constexpr DWORD did_not_start = ERROR_INTERNAL_ERROR;
+    int attempts_left = 5;
+    while (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+        if (GetLastError() == did_not_start && --attempts_left > 0) continue;
         throw std::runtime_error("CreateProcess: error " + std::to_string(GetLastError()));
     }
     CloseHandle(process.hThread);
