@@ -355,6 +355,41 @@ TEST_F(KzmLog, RefusesHandlesThatAreNoOpenLog) {
     EXPECT_EQ(text(), "");
 }
 
+TEST_F(KzmLog, RefusesALineThatItsLevelWouldDropOnceTheLogIsClosed) {
+    const auto dropped = [](void* log) { return kzmlog_write(log, 16, 0, "f", 1, "g", "dropped"); };
+    EXPECT_EQ(dropped(nullptr), invalid_handle);
+    void* const first = open_log(0, 4);
+    EXPECT_EQ(dropped(first), 0);
+    EXPECT_EQ(dropped(nullptr), invalid_handle);
+    EXPECT_EQ(kzmlog_close(first), 0);
+    EXPECT_EQ(dropped(first), invalid_handle);
+    EXPECT_EQ(dropped(nullptr), invalid_handle);
+    void* const second = open_log(0, 4);
+    EXPECT_EQ(dropped(first), invalid_handle);
+    EXPECT_EQ(dropped(second), 0);
+    EXPECT_EQ(kzmlog_write(second, 16, 1, "f", 1, "g", "reserved flags, dropped"), 0);
+    EXPECT_EQ(kzmlog_close(second), 0);
+    EXPECT_EQ(text(), "");
+}
+
+TEST_F(KzmLog, DropsByTheLevelOfEachOfManyLogs) {
+    std::vector<void*> logs;
+    logs.reserve(64);
+    for (uint32_t level = 0; level < 64; ++level) logs.push_back(open_log(0, level));
+    for (const uint32_t reopened : {0u, 5u, 63u}) {
+        EXPECT_EQ(kzmlog_close(logs[reopened]), 0);
+        logs[reopened] = open_log(0, reopened);
+    }
+    std::vector<std::string> expected;
+    for (uint32_t level = 0; level < 64; ++level) {
+        EXPECT_EQ(kzmlog_write(logs[level], level + 1, 0, "f", 1, "g", "dropped"), 0);
+        EXPECT_EQ(kzmlog_write(logs[level], level, 0, "f", 1, "g", std::to_string(level).c_str()), 0);
+        expected.push_back(std::to_string(level));
+    }
+    EXPECT_EQ(messages(text()), expected);
+    for (void* const log : logs) EXPECT_EQ(kzmlog_close(log), 0);
+}
+
 TEST_F(KzmLog, GivesAHandleOutOnlyOnce) {
     std::set<void*> given;
     for (int i = 0; i < 200; ++i) {
@@ -654,6 +689,22 @@ TEST_F(KzmLog, DropsOrWritesWholeWhatRacesWithAClose) {
     EXPECT_EQ(lines.size(), static_cast<size_t>(written[0] + written[1] + written[2]));
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "racing"), static_cast<std::ptrdiff_t>(lines.size()));
     EXPECT_GE(lines.size(), 150u);
+}
+
+TEST_F(KzmLog, TakesNoLineOfAClosedLogForOneThatAnOpenOneDrops) {
+    void* const closed = open_log(0, 4);
+    EXPECT_EQ(kzmlog_close(closed), 0);
+    std::atomic<bool> stop{false};
+    std::thread writer([closed, &stop] {
+        while (!stop) {
+            EXPECT_EQ(kzmlog_write(closed, 16, 0, "f", 1, "g", "dropped"), invalid_handle);
+            EXPECT_EQ(kzmlog_write(nullptr, 16, 0, "f", 1, "g", "dropped"), invalid_handle);
+        }
+    });
+    for (int i = 0; i < 300; ++i) EXPECT_EQ(kzmlog_close(open_log(0, 4)), 0);
+    stop = true;
+    writer.join();
+    EXPECT_EQ(text(), "");
 }
 
 TEST_F(KzmLog, IsWrittenByManyThreadsAtOnceThroughItsRotations) {

@@ -1,5 +1,7 @@
 // The exports, and the table of open logs behind their handles. A handle is no address: it holds a place in the table
 // and the number of that place's use, so that a closed or invented one is recognised with one load and never followed.
+// The log that a process opens first, which mostly is its only one, has the first place: whether it drops a message is
+// told there by two comparisons with fixed addresses, before anything else is looked at.
 #include "kzmlog.h"
 
 #include <algorithm>
@@ -17,14 +19,25 @@
 namespace kzmlog {
 namespace {
 
+constexpr uint32_t drops_nothing = UINT32_MAX;
+
 /// A place in the table. `state` is the use that is open (0: none) in its upper half and the number of those who hold
 /// the log in its lower half: the open handle, and each write that is under way. The last one deletes the log, so a
 /// close neither waits for a writer (in a forked child that writer may not even exist) nor takes its log away.
+///
+/// `level` is `drops_nothing` unless the log is open. An opener writes `handle` before `level`, so who reads `level`
+/// first and finds it below that finds no older handle: messages of a closed or invented one are never taken for
+/// dropped ones. What is not dropped has to enter, which is refused unless the log is open.
 struct Slot {
-    std::atomic<uint64_t> state;
-    std::atomic<uint32_t> level;
-    uint32_t last_use;
-    const Log* log;
+    std::atomic<uint64_t> state{0};
+    std::atomic<const void*> handle{nullptr};
+    std::atomic<uint32_t> level{drops_nothing};
+    uint32_t last_use = 0;
+    const Log* log = nullptr;
+
+    bool drops(const void* from, uint32_t message_level) const {
+        return message_level > level.load(std::memory_order_acquire) && handle.load(std::memory_order_relaxed) == from;
+    }
 };
 
 constexpr size_t slot_bits = 6;
@@ -97,10 +110,12 @@ Error open_slot(size_t index, std::string_view module, std::string_view channel,
     slot.log = new Log(folder.data(), std::string(module), std::string(channel), size);
     if (const Error error = slot.log->prepare()) return error;
     learn_time_zone();
-    slot.level.store(level, std::memory_order_relaxed);
     if (++slot.last_use == 0) slot.last_use = 1;
+    void* const handle = handle_of(index, slot.last_use);
+    slot.handle.store(handle, std::memory_order_relaxed);
+    slot.level.store(level, std::memory_order_release);
     slot.state.fetch_add(slot.last_use * one_use, std::memory_order_release);
-    *log = handle_of(index, slot.last_use);
+    *log = handle;
     return ok;
 }
 
@@ -126,11 +141,14 @@ Error append(const Log& log, const Entry& entry) {
     }
 }
 
-/// Out of line, so that a message dropped by its level sets up nothing of this.
-[[gnu::noinline]] Error write_entry(Slot& slot, const void* handle, const Entry& entry) {
+/// Out of line, so that a dropped message sets up nothing of this.
+[[gnu::noinline, gnu::cold]] int32_t write_or_refuse(void* handle, uint32_t level, uint32_t flags, const char* file,
+                                                     int32_t line, const char* function, const char* message) {
+    Slot& slot = slot_of(handle);
+    if (slot.drops(handle, level)) return ok;
     const UndisturbedThread undisturbed;
     if (!enter(slot, handle)) return invalid_handle;
-    const Error error = append(*slot.log, entry);
+    const Error error = flags == 0 ? append(*slot.log, {level, file, line, function, message}) : invalid_parameter;
     leave(slot);
     return error;
 }
@@ -156,17 +174,15 @@ int32_t kzmlog_close(void* log) {
     do {
         if (!kzmlog::is_open(state, log)) return kzmlog::invalid_handle;
     } while (!slot.state.compare_exchange_weak(state, state % kzmlog::one_use, std::memory_order_acq_rel));
+    slot.level.store(kzmlog::drops_nothing, std::memory_order_release);
     kzmlog::leave(slot);
     return kzmlog::ok;
 }
 
 int32_t kzmlog_write(void* log, uint32_t level, uint32_t flags, const char* file, int32_t line, const char* function,
                      const char* message) {
-    kzmlog::Slot& slot = kzmlog::slot_of(log);
-    if (!kzmlog::is_open(slot.state.load(std::memory_order_acquire), log)) return kzmlog::invalid_handle;
-    if (level > slot.level.load(std::memory_order_relaxed)) return kzmlog::ok;
-    if (flags != 0) return kzmlog::invalid_parameter;
-    return kzmlog::write_entry(slot, log, {level, file, line, function, message});
+    if (kzmlog::slots[0].drops(log, level)) return kzmlog::ok;
+    return kzmlog::write_or_refuse(log, level, flags, file, line, function, message);
 }
 
 }  // extern "C"
