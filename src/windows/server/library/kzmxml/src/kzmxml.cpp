@@ -49,10 +49,12 @@ bool is_configuration_loaded() {
 }
 
 int32_t read_configuration(Element& document) {
-    std::string path(path_limit, '\0');
-    if (!KzmutilGetInstallPath(path.data(), path_limit)) return XMLLIB_ERR_SYSTEM;
-    path.resize(std::strlen(path.c_str()));
-    return read_document(path + "/etc/cluster.xml", document);
+    constexpr const char* file = "/etc/cluster.xml";
+    char usual[1024];
+    if (KzmutilGetInstallPath(usual, sizeof usual)) return read_document(std::string(usual) + file, document);
+    const auto longest = std::make_unique_for_overwrite<char[]>(path_limit);
+    if (!KzmutilGetInstallPath(longest.get(), path_limit)) return XMLLIB_ERR_SYSTEM;
+    return read_document(std::string(longest.get()) + file, document);
 }
 
 /// The policy that an element belongs to: "all" of "/root/all/num/server".
