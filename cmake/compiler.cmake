@@ -67,6 +67,12 @@ function(shmnm_library name)
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
     string(TOUPPER ${name} upper)
     target_compile_definitions(${name} PRIVATE ${upper}_BUILD)
+    if(UNIX AND NOT SHMNM_SANITIZE)
+        # The C++ run time is part of each library: to load the shared one takes a C program several times as long as all of
+        # this. The unwinder stays shared, since a thread that is cancelled unwinds the frames of all libraries.
+        target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src/linux/server/library/run_time/unload.cpp)
+        target_link_options(${name} PRIVATE -static-libstdc++ -Wl,--exclude-libs,ALL -Wl,--gc-sections)
+    endif()
     if(WIN32)
         set_target_properties(${name} PROPERTIES PREFIX "")
         # An object library of its own: the compilers' options are none of the resource compiler's.
