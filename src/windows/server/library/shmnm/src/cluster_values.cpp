@@ -5,7 +5,7 @@
 namespace shmnm {
 namespace {
 
-uint32_t set_max_values(const Call& call, const Region& region, int32_t servers, int32_t hb, int32_t np) {
+uint32_t set_max_values(Call call, const Region& region, int32_t servers, int32_t hb, int32_t np) {
     if (servers < 1 || hb < 1 || np < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     store(region.header().max_servers, servers);
     store(region.header().max_hb, hb);
@@ -13,7 +13,7 @@ uint32_t set_max_values(const Call& call, const Region& region, int32_t servers,
     return SHMNM_OK;
 }
 
-uint32_t get_max_values(const Call& call, const Region& region, uint32_t* servers, uint32_t* hb, uint32_t* np) {
+uint32_t get_max_values(Call call, const Region& region, uint32_t* servers, uint32_t* hb, uint32_t* np) {
     if (!servers || !hb || !np) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *servers = static_cast<uint32_t>(load(region.header().max_servers));
     *hb = static_cast<uint32_t>(load(region.header().max_hb));
@@ -21,14 +21,14 @@ uint32_t get_max_values(const Call& call, const Region& region, uint32_t* server
     return SHMNM_OK;
 }
 
-uint32_t set_hb_info(const Call& call, const Region& region, int32_t a, int32_t b) {
+uint32_t set_hb_info(Call call, const Region& region, int32_t a, int32_t b) {
     if (a < 1 || b < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     store(region.header().hbinfo_a, a);
     store(region.header().hbinfo_b, b);
     return SHMNM_OK;
 }
 
-uint32_t get_hb_info(const Call& call, const Region& region, uint32_t* a, uint32_t* b) {
+uint32_t get_hb_info(Call call, const Region& region, uint32_t* a, uint32_t* b) {
     if (!a || !b) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *a = static_cast<uint32_t>(load(region.header().hbinfo_a));
     *b = static_cast<uint32_t>(load(region.header().hbinfo_b));
@@ -37,12 +37,12 @@ uint32_t get_hb_info(const Call& call, const Region& region, uint32_t* a, uint32
 
 using Word = uint32_t shmnm_header::*;
 
-uint32_t set_word(const Call&, const Region& region, Word word, uint32_t value) {
+uint32_t set_word(Call, const Region& region, Word word, uint32_t value) {
     store(region.header().*word, value);
     return SHMNM_OK;
 }
 
-uint32_t get_word(const Call& call, const Region& region, Word word, uint32_t* value) {
+uint32_t get_word(Call call, const Region& region, Word word, uint32_t* value) {
     if (!value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *value = load(region.header().*word);
     return SHMNM_OK;

@@ -11,12 +11,12 @@ constexpr int32_t type_integer = 1;
 
 /// Logs what a call of the configuration library returned, unless it is 0. @return whether it was 0
 template <typename... Context>
-bool expect_success(const Call& call, int32_t result, const Message& message, Context... context) {
+bool expect_success(Call call, int32_t result, const Message& message, Context... context) {
     if (result != 0) call.log(Level::error, message, context..., result);
     return result == 0;
 }
 
-uint32_t read_counts(const Call& call, Counts& counts) {
+uint32_t read_counts(Call call, Counts& counts) {
     char install_path[1024];
     if (!KzmutilGetInstallPath(install_path, sizeof install_path)) {
         return call.fail(SHMNM_ERR_INSTALLPATH, "KzmutilGetInstallPath() failed.");

@@ -65,7 +65,7 @@ void Call::write_line(Level level, int32_t line, const char* message) const {
     }
 }
 
-void Call::write_formatted(Level level, int32_t line, const char* format, ...) const {
+void Call::write_formatted(Call call, Level level, int32_t line, const char* format, ...) {
     if (!log_handle.load(std::memory_order_acquire)) return;
     char message[4096];
     std::va_list arguments;
@@ -76,7 +76,7 @@ void Call::write_formatted(Level level, int32_t line, const char* format, ...) c
     std::vsnprintf(message, sizeof message, format, arguments);
 #pragma GCC diagnostic pop
     va_end(arguments);
-    write_line(level, line, message);
+    call.write_line(level, line, message);
 }
 
 }  // namespace shmnm

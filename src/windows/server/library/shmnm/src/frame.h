@@ -50,10 +50,11 @@ extern std::recursive_mutex library_lock;
 void open_log();
 void close_log();
 
-/// One call of an exported function: writes its lines under its name.
+/// One call of an exported function: writes its lines under its name. Small enough to be handed on by value, in
+/// registers.
 class Call {
   public:
-    constexpr explicit Call(const Tag& tag) noexcept : tag_(tag) {}
+    constexpr explicit Call(Tag tag) noexcept : tag_(tag) {}
 
     void enter() const { write_line(Level::trace, tag_.line, entry_line); }
     /// Writes the exit line; @return `result`
@@ -62,29 +63,34 @@ class Call {
         return result;
     }
     /// Writes a finished message.
-    void log(Level level, const Message& message) const { write_line(level, message.line, message.format); }
+    void log(Level level, Message message) const { write_line(level, message.line, message.format); }
     /// Writes a message with arguments, each a `const char*` or a 32-bit number.
     template <typename... Args>
-    [[gnu::cold, gnu::noinline]] void log(Level level, const Message& message, Args... args) const {
-        write_formatted(level, message.line, message.format, args...);
+    void log(Level level, Message message, Args... args) const {
+        write_formatted(*this, level, message.line, message.format, args...);
     }
     /// Writes an error line; @return `code`
     template <typename... Args>
-    [[gnu::cold, gnu::noinline]] uint32_t fail(uint32_t code, const Message& message, Args... args) const {
-        log(Level::error, message, args...);
-        return code;
+    uint32_t fail(uint32_t code, Message message, Args... args) const {
+        return failed(*this, code, message, args...);
     }
 
   private:
+    template <typename... Args>
+    [[gnu::cold, gnu::noinline]] static uint32_t failed(Call call, uint32_t code, Message message, Args... args) {
+        call.log(Level::error, message, args...);
+        return code;
+    }
     void write_line(Level level, int32_t line, const char* message) const;
-    void write_formatted(Level level, int32_t line, const char* format, ...) const;
+    [[gnu::cold]] static void write_formatted(Call call, Level level, int32_t line, const char* format, ...);
 
     Tag tag_;
 };
 
-/// What every export does around its work: entry line, test that the region is mapped, exit line.
+/// What every export does around its work: entry line, test that the region is mapped, exit line. Part of each export,
+/// so that what the export is called and works on are constants there.
 template <auto work, typename... Args>
-uint32_t framed(const Tag& tag, const Args&... args) {
+[[gnu::always_inline]] inline uint32_t framed(Tag tag, const Args&... args) {
     const Call call{tag};
     call.enter();
     const Region* const region = mapped_region();

@@ -2,6 +2,7 @@
 // each with a 64-bit value.
 #include "frame.h"
 #include "resource_description.h"
+#include "text_key.h"
 
 namespace shmnm {
 namespace {
@@ -14,14 +15,14 @@ shmnm_resource* first_record(const Region& region) {
     return reinterpret_cast<shmnm_resource*>(region.base + start);
 }
 
-uint32_t set_state(const Call&, const Region& region, uint32_t stat) {
+uint32_t set_state(Call, const Region& region, uint32_t stat) {
     shmnm_resource* const fst = first_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
     store(fst->stat, stat);
     return SHMNM_OK;
 }
 
-uint32_t get_state(const Call& call, const Region& region, uint32_t* stat) {
+uint32_t get_state(Call call, const Region& region, uint32_t* stat) {
     if (!stat) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const shmnm_resource* const fst = first_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
@@ -29,7 +30,7 @@ uint32_t get_state(const Call& call, const Region& region, uint32_t* stat) {
     return SHMNM_OK;
 }
 
-uint32_t set_bytes(const Call& call, const Region& region, const void* descript, int32_t len) {
+uint32_t set_bytes(Call call, const Region& region, const void* descript, int32_t len) {
     if (!descript || len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     shmnm_resource* const fst = first_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
@@ -37,7 +38,7 @@ uint32_t set_bytes(const Call& call, const Region& region, const void* descript,
     return SHMNM_OK;
 }
 
-uint32_t get_bytes(const Call& call, const Region& region, void* descript, const int32_t* len) {
+uint32_t get_bytes(Call call, const Region& region, void* descript, const int32_t* len) {
     if (!descript || !len || *len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const shmnm_resource* const fst = first_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
@@ -60,8 +61,7 @@ Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name)
     });
 }
 
-uint32_t set_pid(const Call& call, const Region& region, const char* name, int32_t kind, uint32_t pid,
-                 uint64_t piddata) {
+uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {
     const char* const key = name ? name : "";
     const int32_t count = load(region.header().fst_pid_count);
     auto* const free = free_place<shmnm_fst_pid>(region, pid_strip(region), count);
@@ -83,8 +83,7 @@ uint32_t set_pid(const Call& call, const Region& region, const char* name, int32
     return SHMNM_OK;
 }
 
-uint32_t get_pid(const Call& call, const Region& region, const char* name, int32_t kind, uint32_t* pid,
-                 uint64_t* piddata) {
+uint32_t get_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata) {
     const auto record = find(region, load(region.header().fst_pid_count), name ? name : "");
     if (!record) return SHMNM_OK;
     if (!is_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");

@@ -40,7 +40,7 @@ constinit bool already_init_warned = false;
 
 /// The steps that create and attach share before they ask for the mapping. From the opening of the log on they leave a
 /// trace. @return SHMNM_OK, or the code that the caller returns as it is
-uint32_t prepare(const Call& call, Counts& counts) {
+uint32_t prepare(Call call, Counts& counts) {
     if (xmllib_init("shmnm") != 0) return SHMNM_ERR_XMLINIT;
     if (xmllib_load_config(0) != 0) {
         xmllib_term();
@@ -65,14 +65,14 @@ uint32_t prepare(const Call& call, Counts& counts) {
 }
 
 /// Ends a create or attach that failed after the log was opened. @return `result`
-uint32_t give_up(const Call& call, uint32_t result) {
+uint32_t give_up(Call call, uint32_t result) {
     call.leave(result);
     close_log();
     return result;
 }
 
 /// Maps the region that `handle` names and writes the configured counts into it, zero-filled before when it is new.
-uint32_t map(const Call& call, MappingHandle& handle, const Counts& counts, const Layout& layout, bool is_new,
+uint32_t map(Call call, MappingHandle& handle, const Counts& counts, const Layout& layout, bool is_new,
              const Message& failure) {
     auto* const view = static_cast<uint8_t*>(kernel::map_view(handle.get()));
     if (!view) {
@@ -95,13 +95,13 @@ uint32_t map(const Call& call, MappingHandle& handle, const Counts& counts, cons
     return SHMNM_OK;
 }
 
-uint32_t mapped(const Call& call, const Layout& layout) {
+uint32_t mapped(Call call, const Layout& layout) {
     call.log(Level::information, "SIZE:%d", layout.size);
     return call.leave(SHMNM_OK);
 }
 
 /// Asks for the mapping, up to five times. @return whether it is new; nothing when none was to be had
-std::optional<bool> create_mapping(const Call& call, uint32_t size) {
+std::optional<bool> create_mapping(Call call, uint32_t size) {
     void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
     uint32_t error = 0;
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -129,13 +129,13 @@ void unmap(const Region& region) {
     kernel::unmap_view(region.base);
 }
 
-uint32_t clear(const Call& call, const Region& region) {
+uint32_t clear(Call call, const Region& region) {
     std::memset(region.base, 0, std::min<size_t>(region.layout.size, region.view_size));
     call.log(Level::information, "shmnm clear.");
     return SHMNM_OK;
 }
 
-uint32_t dump(const Call& call, const Region& region, uint8_t* buf, int32_t* size) {
+uint32_t dump(Call call, const Region& region, uint8_t* buf, int32_t* size) {
     if (!size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const uint32_t region_size = region.layout.size;
     if (!buf) {

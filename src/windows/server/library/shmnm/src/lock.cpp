@@ -5,7 +5,7 @@
 namespace shmnm {
 namespace {
 
-uint32_t take(const Tag& tag, uint32_t timeout_ms) {
+[[gnu::always_inline]] inline uint32_t take(Tag tag, uint32_t timeout_ms) {
     const Call call{tag};
     call.enter();
     // Only a time-out is reported, deliberately: an owner that ended has left the lock to this thread, and the result
@@ -14,7 +14,7 @@ uint32_t take(const Tag& tag, uint32_t timeout_ms) {
     return call.leave(call.fail(SHMNM_ERR_LOCK, "WaitForSingleObject() failed(errno:%d)", kernel::last_error()));
 }
 
-uint32_t give(const Tag& tag) {
+[[gnu::always_inline]] inline uint32_t give(Tag tag) {
     const Call call{tag};
     call.enter();
     kernel::release(region_mutex());

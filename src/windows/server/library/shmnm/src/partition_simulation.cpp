@@ -13,7 +13,7 @@ bool fits(int32_t pri, int32_t count) {
 }
 
 /// What is stored for a server when the caller asks for `wanted`: 0 in place of any other value than 0 and 1.
-uint32_t accepted(const Call& call, uint32_t wanted, int32_t pri) {
+uint32_t accepted(Call call, uint32_t wanted, int32_t pri) {
     if (wanted > 1) {
         call.log(Level::warning, "invalid node dfailstatus(%d), set %d. (pri: %d)", wanted, 0, pri);
         return 0;
@@ -22,8 +22,7 @@ uint32_t accepted(const Call& call, uint32_t wanted, int32_t pri) {
     return wanted;
 }
 
-uint32_t set_simulation(const Call& call, const Region& region, uint32_t flag, const uint32_t* nodefail,
-                        int32_t count) {
+uint32_t set_simulation(Call call, const Region& region, uint32_t flag, const uint32_t* nodefail, int32_t count) {
     const bool on = flag == 1;
     const Servers servers(region);
     for (int32_t position = 0; position < servers.records.count(); ++position) {
@@ -42,7 +41,7 @@ uint32_t set_simulation(const Call& call, const Region& region, uint32_t flag, c
     return SHMNM_OK;
 }
 
-uint32_t get_simulation(const Call& call, const Region& region, uint32_t* flag, uint32_t* nodefail, int32_t count) {
+uint32_t get_simulation(Call call, const Region& region, uint32_t* flag, uint32_t* nodefail, int32_t count) {
     const Servers servers(region);
     if (!nodefail || count < servers.count) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const uint32_t cluster = load(region.header().dfailstatus);
@@ -63,7 +62,7 @@ uint32_t get_simulation(const Call& call, const Region& region, uint32_t* flag, 
     return SHMNM_OK;
 }
 
-uint32_t get_flag(const Call&, const Region& region, uint32_t* flag) {
+uint32_t get_flag(Call, const Region& region, uint32_t* flag) {
     if (flag) *flag = load(region.header().dfailstatus);
     return SHMNM_OK;
 }

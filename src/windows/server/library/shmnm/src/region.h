@@ -42,6 +42,19 @@ template <typename Word>
 void copy_words(Word* to, const Word* from, size_t count) noexcept {
     for (size_t i = 0; i < count; ++i) store(to[i], load(from[i]));
 }
+/// Copies words of the region into a caller's buffer, four at a time where that is one aligned access: each word comes
+/// out whole.
+[[gnu::no_sanitize_thread]] inline void copy_words_out(uint32_t* to, const uint32_t* from, size_t count) noexcept {
+    using FourWords [[gnu::vector_size(16), gnu::may_alias]] = uint32_t;
+    const uint32_t* const end = from + count;
+    while (from < end && reinterpret_cast<uintptr_t>(from) % sizeof(FourWords) != 0) *to++ = load(*from++);
+#pragma GCC unroll 4
+    for (; end - from >= 4; from += 4, to += 4) {
+        const FourWords words = *reinterpret_cast<const volatile FourWords*>(from);
+        std::memcpy(to, &words, sizeof words);
+    }
+    while (from < end) *to++ = load(*from++);
+}
 inline void zero_words(void* first, size_t bytes) noexcept {
     auto* const words = static_cast<uint32_t*>(first);
     for (size_t i = 0; i < bytes / sizeof *words; ++i) store(words[i], uint32_t{0});
@@ -72,58 +85,6 @@ inline void get_text(char* text, const char* field, size_t size) noexcept {
     std::memcpy(text, field, length);
     if (length < size) text[length] = 0;
 }
-
-/// A text to look for, or null for any text. A field's first 16 bytes decide nearly every comparison, without a call.
-class TextKey {
-  public:
-    explicit TextKey(const char* text) noexcept : text_(text), size_(text ? std::strlen(text) + 1 : 0) {
-        uint8_t head[16] = {}, mask[16] = {};
-        if (const size_t length = size_ < sizeof head ? size_ : sizeof head; length > 0) {
-            std::memcpy(head, text, length);
-            std::memset(mask, 0xFF, length);
-        }
-        head_ = Head(head);
-        mask_ = Head(mask);
-    }
-    /// Whether a field holds exactly this text. At least 16 bytes from `field` and all up to `end` may be read.
-    bool equals(const char* field, const uint8_t* end) const noexcept {
-        // Records begin 4 bytes before a multiple of 8 (with an odd number of servers, every other one): this word
-        // comes first because it lies in one cache line.
-        if ((Head::word<uint64_t>(field + 4) & mask_.middle) != head_.middle) return false;
-        const uint32_t first = Head::word<uint32_t>(field) & mask_.first;
-        const uint32_t last = Head::word<uint32_t>(field + 12) & mask_.last;
-        if ((first ^ head_.first) | (last ^ head_.last)) return false;
-        return size_ <= 16 || equals_whole(field, end);
-    }
-
-  private:
-    /// The bytes 0 to 3, 4 to 11 and 12 to 15 of a text.
-    struct Head {
-        Head() = default;
-        explicit Head(const void* bytes) noexcept
-            : middle(word<uint64_t>(static_cast<const uint8_t*>(bytes) + 4)),
-              first(word<uint32_t>(bytes)),
-              last(word<uint32_t>(static_cast<const uint8_t*>(bytes) + 12)) {}
-        template <typename Word>
-        static Word word(const void* bytes) noexcept {
-            Word value;
-            std::memcpy(&value, bytes, sizeof value);
-            return value;
-        }
-
-        uint64_t middle = 0;
-        uint32_t first = 0, last = 0;
-    };
-
-    [[gnu::noinline]] bool equals_whole(const char* field, const uint8_t* end) const noexcept {
-        const auto* const bytes = reinterpret_cast<const uint8_t*>(field);
-        return size_ <= static_cast<size_t>(end - bytes) && std::memcmp(field, text_, size_) == 0;
-    }
-
-    const char* text_;
-    size_t size_;  ///< with the NUL
-    Head head_, mask_;
-};
 
 /// The mapped region of this process.
 struct Region {
@@ -189,6 +150,7 @@ class Table {
     template <typename Matches>
     Found<Record> first(const Matches& matches) const noexcept {
         uint8_t* place = first_;
+#pragma GCC unroll 4
         for (int32_t position = 0; position < count_; ++position, place += step_) {
             if (matches(at(place))) return {&at(place), position};
         }
@@ -196,7 +158,9 @@ class Table {
     }
 
   private:
-    static Record& at(uint8_t* place) noexcept { return *reinterpret_cast<Record*>(place); }
+    static Record& at(uint8_t* place) noexcept {
+        return *reinterpret_cast<Record*>(place);
+    }
 
     /// How many of `count` records lie wholly in the view. Records that do not follow one another (a step that is not
     /// above 0) have no places of their own: there are none.

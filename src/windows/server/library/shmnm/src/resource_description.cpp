@@ -13,8 +13,8 @@ Found<shmnm_resource> find_described(const Region& region, const Kind& kind, con
     return find(region, {region, strip, load(region.header().*kind.count)}, type, name);
 }
 
-uint32_t set(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
-             const void* data, int32_t len) {
+uint32_t set(Call call, const Region& region, const Kind& kind, const char* type, const char* name, const void* data,
+             int32_t len) {
     if (!type || !name || !data || len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = find_described(region, kind, type, name);
     if (!resource) return not_found(call, type, name);
@@ -22,7 +22,7 @@ uint32_t set(const Call& call, const Region& region, const Kind& kind, const cha
     return SHMNM_OK;
 }
 
-uint32_t get(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name, void* buf,
+uint32_t get(Call call, const Region& region, const Kind& kind, const char* type, const char* name, void* buf,
              const int32_t* size) {
     if (!type || !name || !buf || !size || *size <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = find_described(region, kind, type, name);

@@ -4,8 +4,8 @@
 namespace shmnm {
 namespace {
 
-uint32_t set_resource_state(const Call& call, const Region& region, const Kind& kind, const char* type,
-                            const char* name, uint32_t stat) {
+uint32_t set_resource_state(Call call, const Region& region, const Kind& kind, const char* type, const char* name,
+                            uint32_t stat) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -13,8 +13,8 @@ uint32_t set_resource_state(const Call& call, const Region& region, const Kind& 
     return SHMNM_OK;
 }
 
-uint32_t get_resource_state(const Call& call, const Region& region, const Kind& kind, const char* type,
-                            const char* name, uint32_t* stat) {
+uint32_t get_resource_state(Call call, const Region& region, const Kind& kind, const char* type, const char* name,
+                            uint32_t* stat) {
     if (!name || !stat) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -22,7 +22,7 @@ uint32_t get_resource_state(const Call& call, const Region& region, const Kind& 
     return SHMNM_OK;
 }
 
-uint32_t set_states_of_type(const Call& call, const Region& region, const Kind& kind, const char* type, uint32_t stat) {
+uint32_t set_states_of_type(Call call, const Region& region, const Kind& kind, const char* type, uint32_t stat) {
     if (!type) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
     const TextKey key(type);

@@ -7,7 +7,7 @@
 namespace shmnm {
 namespace {
 
-uint32_t add_resource(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+uint32_t add_resource(Call call, const Region& region, const Kind& kind, const char* type, const char* name,
                       uint32_t pri) {
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
@@ -28,7 +28,7 @@ uint32_t add_resource(const Call& call, const Region& region, const Kind& kind, 
     return SHMNM_OK;
 }
 
-uint32_t remove_resource(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name) {
+uint32_t remove_resource(Call call, const Region& region, const Kind& kind, const char* type, const char* name) {
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
     const auto resource = resources.find(type, name);
@@ -45,7 +45,7 @@ uint32_t remove_resource(const Call& call, const Region& region, const Kind& kin
     return SHMNM_OK;
 }
 
-uint32_t modify_resource(const Call& call, const Region& region, const Kind& kind, const char* type, const char* name,
+uint32_t modify_resource(Call call, const Region& region, const Kind& kind, const char* type, const char* name,
                          uint32_t pri) {
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
@@ -54,8 +54,8 @@ uint32_t modify_resource(const Call& call, const Region& region, const Kind& kin
     return SHMNM_OK;
 }
 
-uint32_t get_resource_priority(const Call& call, const Region& region, const Kind& kind, const char* type,
-                               const char* name, uint32_t* pri) {
+uint32_t get_resource_priority(Call call, const Region& region, const Kind& kind, const char* type, const char* name,
+                               uint32_t* pri) {
     if (!type || !name || !pri) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(type, name);
     if (!resource) return not_found(call, type, name);
@@ -63,7 +63,7 @@ uint32_t get_resource_priority(const Call& call, const Region& region, const Kin
     return SHMNM_OK;
 }
 
-uint32_t get_type(const Call& call, const Region& region, const Kind& kind, char* type, const char* name) {
+uint32_t get_type(Call call, const Region& region, const Kind& kind, char* type, const char* name) {
     if (!name || !*name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(nullptr, name);
     if (!resource) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -71,13 +71,12 @@ uint32_t get_type(const Call& call, const Region& region, const Kind& kind, char
     return SHMNM_OK;
 }
 
-uint32_t list_types(const Call& call, const Region& region, const Kind& kind, char* buf, uint32_t* size) {
+uint32_t list_types(Call call, const Region& region, const Kind& kind, char* buf, uint32_t* size) {
     const auto type_of = [](const shmnm_resource& resource) { return resource.type; };
     return list_texts(call, region, Resources(region, kind).records, type_of, buf, size);
 }
 
-uint32_t list_names(const Call& call, const Region& region, const Kind& kind, const char* type, char* buf,
-                    uint32_t* size) {
+uint32_t list_names(Call call, const Region& region, const Kind& kind, const char* type, char* buf, uint32_t* size) {
     const TextKey key(type);
     const auto name_of = [&](const shmnm_resource& resource) {
         return key.equals(resource.type, region.end()) ? resource.name : nullptr;

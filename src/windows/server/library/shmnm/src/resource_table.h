@@ -4,6 +4,7 @@
 
 #include "frame.h"
 #include "region.h"
+#include "text_key.h"
 
 namespace shmnm {
 
@@ -49,9 +50,9 @@ inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server)
 /// difference to the outcome; names differ more often.
 inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
                                   const char* name) noexcept {
-    const TextKey type_key(type), name_key(name);
+    const TextKey key(name);
     return records.first([&, end = region.end()](const shmnm_resource& resource) {
-        return name_key.equals(resource.name, end) && type_key.equals(resource.type, end);
+        return key.equals(resource.name, end) && (!type || holds_text(resource.type, end, type));
     });
 }
 
@@ -115,7 +116,7 @@ class StateRows {
 };
 
 /// The line and the code for a resource that is not there.
-inline uint32_t not_found(const Call& call, const char* type, const char* name, int32_t line = __builtin_LINE()) {
+inline uint32_t not_found(Call call, const char* type, const char* name, int32_t line = __builtin_LINE()) {
     return call.fail(SHMNM_ERR_NOTFOUND, {"type:%s,name:%s not found", line}, type ? type : "-", name);
 }
 

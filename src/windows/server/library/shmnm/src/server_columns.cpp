@@ -14,7 +14,7 @@ bool all_hold(const Resources& resources, const StateRows& rows, int64_t first, 
     return count == 0 || (rows.hold(0, first, last) && rows.hold(count - 1, first, last));
 }
 
-uint32_t open_column(const Call& call, const Region& region, const Kind& kind, int32_t index) {
+uint32_t open_column(Call call, const Region& region, const Kind& kind, int32_t index) {
     const int64_t servers = load(region.header().server_count);
     const Resources resources(region, kind);
     const StateRows rows(resources);
@@ -29,7 +29,7 @@ uint32_t open_column(const Call& call, const Region& region, const Kind& kind, i
     return SHMNM_OK;
 }
 
-uint32_t close_column(const Call& call, const Region& region, const Kind& kind, int32_t index) {
+uint32_t close_column(Call call, const Region& region, const Kind& kind, int32_t index) {
     const int64_t servers = load(region.header().server_count);
     const Resources resources(region, kind);
     const StateRows rows(resources);

@@ -12,7 +12,7 @@ constexpr uint32_t alive = 1;
 
 using ServerWord = uint32_t shmnm_server::*;
 
-uint32_t set_server_word(const Call& call, const Region& region, ServerWord word, const char* name, uint32_t value) {
+uint32_t set_server_word(Call call, const Region& region, ServerWord word, const char* name, uint32_t value) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -20,7 +20,7 @@ uint32_t set_server_word(const Call& call, const Region& region, ServerWord word
     return SHMNM_OK;
 }
 
-uint32_t get_server_word(const Call& call, const Region& region, ServerWord word, const char* name, uint32_t* value) {
+uint32_t get_server_word(Call call, const Region& region, ServerWord word, const char* name, uint32_t* value) {
     if (!name || !value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -44,7 +44,7 @@ std::optional<uint32_t> combined_state(uint32_t nodestat, uint32_t waitstat, uin
     }
 }
 
-uint32_t get_combined(const Call& call, const Region& region, const char* name, uint32_t* value) {
+uint32_t get_combined(Call call, const Region& region, const char* name, uint32_t* value) {
     if (!name || !value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -54,7 +54,7 @@ uint32_t get_combined(const Call& call, const Region& region, const char* name, 
     return SHMNM_OK;
 }
 
-uint32_t check_alive(const Call& call, const Region& region, const char* name, uint32_t* flag) {
+uint32_t check_alive(Call call, const Region& region, const char* name, uint32_t* flag) {
     if (!flag) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *flag = 0;
     const TextKey excluded(name);

@@ -8,7 +8,7 @@
 namespace shmnm {
 namespace {
 
-uint32_t add_server(const Call& call, const Region& region, const char* name, int32_t pri) {
+uint32_t add_server(Call call, const Region& region, const char* name, int32_t pri) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Servers servers(region);
     const int32_t count = servers.count;
@@ -35,7 +35,7 @@ uint32_t add_server(const Call& call, const Region& region, const char* name, in
     return SHMNM_OK;
 }
 
-uint32_t remove_server(const Call& call, const Region& region, const char* name) {
+uint32_t remove_server(Call call, const Region& region, const char* name) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Servers servers(region);
     const auto server = servers.named(name);
@@ -57,7 +57,7 @@ uint32_t remove_server(const Call& call, const Region& region, const char* name)
     return SHMNM_OK;
 }
 
-uint32_t modify_server(const Call& call, const Region& region, const char* name, int32_t pri) {
+uint32_t modify_server(Call call, const Region& region, const char* name, int32_t pri) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -65,13 +65,13 @@ uint32_t modify_server(const Call& call, const Region& region, const char* name,
     return SHMNM_OK;
 }
 
-uint32_t list(const Call& call, const Region& region, char* buf, uint32_t* size) {
+uint32_t list(Call call, const Region& region, char* buf, uint32_t* size) {
     const Servers servers(region);
     const auto name_of = [](const shmnm_server& server) { return server.name; };
     return list_texts(call, region, servers.records, name_of, buf, size);
 }
 
-uint32_t get_server_priority(const Call& call, const Region& region, const char* name, int32_t* pri) {
+uint32_t get_server_priority(Call call, const Region& region, const char* name, int32_t* pri) {
     if (!name || !pri) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -79,7 +79,7 @@ uint32_t get_server_priority(const Call& call, const Region& region, const char*
     return SHMNM_OK;
 }
 
-uint32_t get_name(const Call& call, const Region& region, char* name, int32_t pri) {
+uint32_t get_name(Call call, const Region& region, char* name, int32_t pri) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).of_priority(pri);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "pri:%d not found", pri);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "region.h"
+#include "text_key.h"
 
 namespace shmnm {
 

@@ -19,8 +19,7 @@ uint32_t* find_cell(const Region& region, const Kind& kind, const Grid& grid, co
     return region.holds(offset, sizeof(uint32_t)) ? region.word(offset) : nullptr;
 }
 
-uint32_t cell_not_found(const Call& call, const char* type, const char* name, int32_t svid,
-                        int32_t line = __builtin_LINE()) {
+uint32_t cell_not_found(Call call, const char* type, const char* name, int32_t svid, int32_t line = __builtin_LINE()) {
     return call.fail(SHMNM_ERR_NOTFOUND, {"type:%s,name:%s,svid:%d not found", line}, type ? type : "-", name, svid);
 }
 
@@ -35,7 +34,7 @@ int32_t words_within(int32_t count, uint32_t size) noexcept {
 
 }  // namespace
 
-uint32_t set_cell(const Call& call, const Region& region, const Kind& kind, const Grid& grid, const char* type,
+uint32_t set_cell(Call call, const Region& region, const Kind& kind, const Grid& grid, const char* type,
                   const char* name, int32_t svid, uint32_t stat) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     uint32_t* const cell = find_cell(region, kind, grid, type, name, svid);
@@ -44,7 +43,7 @@ uint32_t set_cell(const Call& call, const Region& region, const Kind& kind, cons
     return SHMNM_OK;
 }
 
-uint32_t get_cell(const Call& call, const Region& region, const Kind& kind, const Grid& grid, const char* type,
+uint32_t get_cell(Call call, const Region& region, const Kind& kind, const Grid& grid, const char* type,
                   const char* name, int32_t svid, uint32_t* stat) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const uint32_t* const cell = find_cell(region, kind, grid, type, name, svid);
@@ -53,7 +52,7 @@ uint32_t get_cell(const Call& call, const Region& region, const Kind& kind, cons
     return SHMNM_OK;
 }
 
-uint32_t list_row(const Call& call, const Region& region, const Kind& kind, const Grid& grid, const char* type,
+uint32_t list_row(Call call, const Region& region, const Kind& kind, const Grid& grid, const char* type,
                   const char* name, uint32_t* buf, uint32_t* size) {
     if (!name || !size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const int32_t servers = load(region.header().server_count);
@@ -70,12 +69,12 @@ uint32_t list_row(const Call& call, const Region& region, const Kind& kind, cons
     const uint64_t offset = resources.rows(grid).at(resource.position);
     const int32_t wanted = std::max(words_within(servers, *size), 0);
     const uint64_t copied = region.clipped(offset, sizeof(uint32_t) * static_cast<uint64_t>(wanted));
-    if (copied > 0) copy_words(buf, region.word(offset), copied / sizeof(uint32_t));
+    if (copied > 0) copy_words_out(buf, region.word(offset), copied / sizeof(uint32_t));
     *size = static_cast<uint32_t>(copied);
     return SHMNM_OK;
 }
 
-uint32_t list_column(const Call& call, const Region& region, const Kind& kind, const Grid& grid, const char* svname,
+uint32_t list_column(Call call, const Region& region, const Kind& kind, const Grid& grid, const char* svname,
                      uint32_t* buf, uint32_t* size) {
     if (!svname || !size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);

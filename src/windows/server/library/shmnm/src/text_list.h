@@ -10,8 +10,8 @@ namespace shmnm {
 /// ends the list.
 /// @param text_of  the text of a record, or null to leave the record out
 template <typename Record, typename TextOf>
-uint32_t list_texts(const Call& call, const Region& region, const Table<Record>& records, const TextOf& text_of,
-                    char* buf, uint32_t* size) {
+uint32_t list_texts(Call call, const Region& region, const Table<Record>& records, const TextOf& text_of, char* buf,
+                    uint32_t* size) {
     if (!size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const uint32_t room = buf ? *size : 0;
     // Deliberately signed: a size of 2^31 or more is too small.
