@@ -17,7 +17,7 @@ inline constexpr size_t size_limit = 16 << 20;  ///< bytes of a file
 
 /// Parses a file's text. `document`, an element around the root, is as it was after a failure.
 /// @return XMLLIB_OK or XMLLIB_ERR_FORMAT
-int32_t parse_document(const std::string& text, Element& document);
+int32_t parse_document(std::string text, Element& document);
 
 /// Reads a file and parses it.
 /// @return XMLLIB_OK, XMLLIB_ERR_FILE or XMLLIB_ERR_FORMAT
