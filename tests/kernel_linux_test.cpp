@@ -853,6 +853,105 @@ TEST(KernelWait, IsNotForgottenWhenTheWaiterThatWasWokenIsKilled) {
     EXPECT_EQ(second_result, uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
+TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
+    const Handle mutex(create_mutex(object_name()));
+    Traced owner([&] {
+        kzmkernel_wait(mutex.value, 0);
+        getppid();
+        kzmkernel_release(mutex.value);
+    });
+    const auto runs_until_it_enters = [&](uint64_t number) {
+        while (owner.step()) {
+            const std::vector<uint64_t> call = owner.entered();
+            if (!call.empty() && call[0] == number) return;
+        }
+        throw std::runtime_error("no such call");
+    };
+    runs_until_it_enters(SYS_getppid);
+    std::atomic<pid_t> waiter_id{0};
+    uint32_t result = KZMKERNEL_WAIT_FAILED;
+    std::thread waiter([&] {
+        waiter_id = gettid();
+        result = kzmkernel_wait(mutex.value, 20'000);
+        kzmkernel_release(mutex.value);
+    });
+    while (waiter_id == 0) std::this_thread::yield();
+    until_it_sleeps_in_a_futex(getpid(), waiter_id);
+
+    runs_until_it_enters(SYS_futex);  // the lock is free, nobody has been woken
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    owner.kill();
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+    waiter.join();
+    EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_OWNED});
+}
+
+TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken) {
+    const Handle mutex(create_mutex(object_name()));
+    ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    Traced first([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
+    while (first.step()) {
+        const std::vector<uint64_t> call = first.entered();
+        if (!call.empty() && call[0] == SYS_futex) break;
+    }
+    first.go();
+    until_it_sleeps_in_a_futex(first.id(), first.id());
+    std::atomic<pid_t> second_id{0};
+    uint32_t result = KZMKERNEL_WAIT_FAILED;
+    std::thread second([&] {
+        second_id = gettid();
+        result = kzmkernel_wait(mutex.value, 20'000);
+        kzmkernel_release(mutex.value);
+    });
+    while (second_id == 0) std::this_thread::yield();
+    until_it_sleeps_in_a_futex(getpid(), second_id);
+
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+    ASSERT_TRUE(first.stands());  // woken, on its way out of the kernel
+    Sign taken, never;
+    Forked owner([&] {
+        EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        taken.give();
+        never.await();
+    });
+    taken.await();
+    first.kill();
+    owner.kill();
+    second.join();
+    EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_ABANDONED});
+}
+
+TEST(KernelRelease, WakesAWaiterOnceHoweverOftenTheLockIsTakenBeforeItRuns) {
+    const Handle mutex(create_mutex(object_name()));
+    ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    Traced waiter([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
+    while (waiter.step()) {
+        const std::vector<uint64_t> call = waiter.entered();
+        if (!call.empty() && call[0] == SYS_futex) break;
+    }
+    waiter.go();
+    until_it_sleeps_in_a_futex(waiter.id(), waiter.id());
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+    ASSERT_TRUE(waiter.stands());  // woken, but does not go on
+
+    Traced others([&] {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(kzmkernel_release(mutex.value));
+        }
+    });
+    int wakes = 0;
+    while (others.step()) {
+        const std::vector<uint64_t> call = others.entered();
+        if (!call.empty() && call[0] == SYS_futex) ++wakes;
+    }
+    EXPECT_EQ(others.status(), 0);
+    EXPECT_EQ(wakes, 0);
+    waiter.go();
+    while (waiter.stands()) waiter.go();
+    EXPECT_EQ(waiter.status(), 0);
+}
+
 TEST(KernelWait, GoesOnWhenItsHandleIsClosedMeanwhile) {
     const Handle mutex(create_mutex(object_name()));
     void* const closed = create_mutex(object_name());
@@ -896,9 +995,9 @@ TEST(KernelWait, KeepsAnObjectAliveWhoseLastHandleIsClosedMeanwhile) {
 
 // What tools see of a mutex.
 
-uint64_t now_ns() {
+uint64_t now_ns(clockid_t clock = CLOCK_REALTIME) {
     timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
@@ -913,9 +1012,9 @@ TEST(KernelMutexInfo, NamesTheOwnerAndWhenItTookIt) {
     EXPECT_EQ(info_of(mutex.value).owner_process, 0u);
     EXPECT_EQ(info_of(mutex.value).takeovers, 0u);
     EXPECT_EQ(info_of(mutex.value).last_takeover_ns, 0u);
-    const uint64_t before = now_ns();
+    const uint64_t before = now_ns(CLOCK_REALTIME_COARSE);
     kzmkernel_wait(mutex.value, 0);
-    const uint64_t after = now_ns();
+    const uint64_t after = now_ns(CLOCK_REALTIME_COARSE);
     kzmkernel_wait(mutex.value, 0);
     const Handle other(open_mutex(object_name()));
     std::thread([&] {
@@ -1345,6 +1444,53 @@ TEST(KernelHandles, MayBeUsedAndClosedByManyThreadsAtOnce) {
     }
     EXPECT_GT(taken, 100);
     EXPECT_FALSE(fs::exists(file_of_mutex(name)));
+}
+
+/// How often a file is mapped into this process.
+size_t mappings_of(const std::string& file) {
+    const std::string maps = test::contents_of("/proc/self/maps");
+    size_t count = 0;
+    for (size_t at = maps.find(file); at != std::string::npos; at = maps.find(file, at + 1)) ++count;
+    return count;
+}
+
+TEST(KernelHandles, OfMutexesThatThreadsUsedLastMayBeClosedAndTheirPagesAreGivenBack) {
+    const std::string name = object_name();
+    Sign used, closed;
+    void* const mutex = create_mutex(name);
+    std::thread user([&] {
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(kzmkernel_release(mutex));
+        }
+        used.give();
+        closed.await();
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_FAILED});
+        EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+        EXPECT_FALSE(kzmkernel_release(mutex));
+        EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+    });
+    used.await();
+    EXPECT_TRUE(kzmkernel_close(mutex));
+    expect_new(create_mutex, name);  // the object is gone, although the thread still lives
+    closed.give();
+    user.join();
+    expect_new(create_mutex, name + "another");
+    EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
+}
+
+TEST(KernelHandles, OfManyMutexesUsedInTurnAreToldApart) {
+    const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(kzmkernel_wait(first.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_FALSE(kzmkernel_release(second.value));
+        EXPECT_EQ(kzmkernel_wait(second.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_NE(info_of(first.value).owner_thread, 0u);
+        EXPECT_TRUE(kzmkernel_release(first.value));
+        EXPECT_EQ(info_of(first.value).owner_thread, 0u);
+        EXPECT_NE(info_of(second.value).owner_thread, 0u);
+        EXPECT_TRUE(kzmkernel_release(second.value));
+    }
 }
 
 // The library itself.

@@ -1,8 +1,7 @@
 #include "handle_table.h"
 
 #include <atomic>
-
-#include "process.h"
+#include <utility>
 
 namespace kzmkernel {
 
@@ -69,6 +68,30 @@ void give_up(Slot& slot) {
     drop_object(object);
 }
 
+/// Keeps the handlers of signals from what the thread remembers.
+class Inside {
+  public:
+    explicit Inside(Thread& thread) : thread_(thread) {
+        thread.is_inside.store(true, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    ~Inside() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        thread_.is_inside.store(false, std::memory_order_relaxed);
+    }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+  private:
+    Thread& thread_;
+};
+
+void let_go(Thread& thread) {
+    thread.handle = nullptr;
+    MappedMutex* const mapped = std::exchange(thread.mapped, nullptr);
+    if (mapped) mapped->users.fetch_sub(1, std::memory_order_release);
+}
+
 void end_use(Slot& slot) {
     if ((slot.state.fetch_sub(one_user, std::memory_order_acq_rel) & user_mask) != one_user) return;
     const ProcessLock locked;
@@ -98,6 +121,32 @@ bool Use::writable() const {
     return slot_->writable;
 }
 
+bool LastMutexUse::is_open(const Thread& thread) noexcept {
+    return (thread.slot_state->load(std::memory_order_acquire) & ~user_mask) == thread.open_state;
+}
+
+void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept {
+    if (thread.is_inside.load(std::memory_order_relaxed)) return;
+    const Slot& slot = *use.slot_;
+    const uint64_t open_state = slot.state.load(std::memory_order_relaxed) & ~user_mask;
+    if ((open_state & open_bit) == 0 || !watch_end_of(thread)) return;
+    const Inside inside(thread);
+    let_go(thread);
+    MappedMutex* const mapped = slot.object->mapped;
+    mapped->users.fetch_add(1, std::memory_order_relaxed);
+    thread.slot_state = &slot.state;
+    thread.open_state = open_state;
+    thread.mapped = mapped;
+    thread.mutex = mapped->mutex;
+    thread.handle = handle;
+}
+
+void forget_last_mutex(Thread& thread) noexcept {
+    if (thread.is_inside.load(std::memory_order_relaxed)) return;
+    const Inside inside(thread);
+    let_go(thread);
+}
+
 void* open_handle(Object* object, bool writable) noexcept {
     uint32_t place = 0;
     if (first_free != 0) {
@@ -122,6 +171,8 @@ bool close_handle(void* handle) noexcept {
     uint64_t generation = 0;
     Slot* const slot = slot_of(handle, generation);
     if (!slot || !change_open(*slot, generation, -open_bit)) return false;
+    Thread& thread = thread_state();
+    if (thread.handle == handle) forget_last_mutex(thread);
     end_use(*slot);
     return true;
 }

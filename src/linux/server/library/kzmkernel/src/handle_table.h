@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "object.h"
+#include "process.h"
 
 namespace kzmkernel {
 
@@ -24,8 +25,43 @@ class Use {
     bool writable() const;
 
   private:
+    friend void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept;
     Slot* slot_;
 };
+
+/// The mutex that the calling thread used last, if it is asked for again and its handle is still open. It costs no
+/// access to memory that others write. The handle may be closed meanwhile: then the mutex stays mapped until the use
+/// ends, as if the use had come before, but it does not keep the object alive. So nobody waits inside.
+class LastMutexUse {
+  public:
+    LastMutexUse(Thread& thread, void* handle) noexcept : thread_(thread) {
+        was_inside_ = thread.is_inside.load(std::memory_order_relaxed);
+        thread.is_inside.store(true, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        if (!was_inside_ && handle && thread.handle == handle && is_open(thread)) mutex_ = thread.mutex;
+    }
+    ~LastMutexUse() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        thread_.is_inside.store(was_inside_, std::memory_order_relaxed);
+    }
+    LastMutexUse(const LastMutexUse&) = delete;
+    LastMutexUse& operator=(const LastMutexUse&) = delete;
+
+    explicit operator bool() const { return mutex_ != nullptr; }
+    Mutex* operator->() const { return mutex_; }
+
+  private:
+    static bool is_open(const Thread& thread) noexcept;
+
+    Thread& thread_;
+    Mutex* mutex_ = nullptr;
+    bool was_inside_;
+};
+
+/// Makes a mutex in use the one that the calling thread used last.
+void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept;
+/// Lets go of the page of the mutex that a thread used last.
+void forget_last_mutex(Thread& thread) noexcept;
 
 /// Gives out a handle, which takes the object's count over; null when the table is full. Needs the process's lock.
 void* open_handle(Object* object, bool writable) noexcept;

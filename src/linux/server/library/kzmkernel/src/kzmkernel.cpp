@@ -55,7 +55,31 @@ void* open(Kind kind, const char* name, bool writable) {
 /// A handle that came through a fork may be used in another process-id namespace by now.
 uint32_t check(const Use& mutex) {
     if (!mutex) return KZMKERNEL_ERROR_INVALID_HANDLE;
-    return mutex->mutex->is_usable() ? 0 : KZMKERNEL_ERROR_ACCESS_DENIED;
+    return mutex->mapped->mutex->is_usable() ? 0 : KZMKERNEL_ERROR_ACCESS_DENIED;
+}
+
+[[gnu::noinline]] uint32_t wait_in_use(void* mutex, uint32_t timeout_ms) {
+    const Use use(mutex, Kind::mutex);
+    uint32_t error = check(use);
+    // As in Windows, a mapping's handle is refused for the missing right to wait.
+    if (error == KZMKERNEL_ERROR_INVALID_HANDLE && Use(mutex, Kind::mapping)) error = KZMKERNEL_ERROR_ACCESS_DENIED;
+    uint32_t result = KZMKERNEL_WAIT_FAILED;
+    if (error == 0) {
+        result = use->mapped->mutex->wait(timeout_ms, error);
+        if (result == KZMKERNEL_WAIT_OWNED || result == KZMKERNEL_WAIT_ABANDONED) {
+            remember_last_mutex(this_thread(), use, mutex);
+        }
+    }
+    if (result == KZMKERNEL_WAIT_FAILED) set_last_error(error);
+    return result;
+}
+
+[[gnu::noinline]] int32_t release_in_use(void* mutex) {
+    const Use use(mutex, Kind::mutex);
+    uint32_t error = check(use);
+    if (error == 0) error = use->mapped->mutex->release(this_thread());
+    if (error != 0) set_last_error(error);
+    return error == 0;
 }
 
 }  // namespace
@@ -102,21 +126,24 @@ size_t kzmkernel_view_size(const void* view) {
 }
 
 uint32_t kzmkernel_wait(void* mutex, uint32_t timeout_ms) {
-    const Use use(mutex, Kind::mutex);
-    uint32_t error = check(use);
-    // As in Windows, a mapping's handle is refused for the missing right to wait.
-    if (error == KZMKERNEL_ERROR_INVALID_HANDLE && Use(mutex, Kind::mapping)) error = KZMKERNEL_ERROR_ACCESS_DENIED;
-    const uint32_t result = error == 0 ? use->mutex->wait(timeout_ms, error) : KZMKERNEL_WAIT_FAILED;
-    if (result == KZMKERNEL_WAIT_FAILED) set_last_error(error);
-    return result;
+    {
+        Thread& thread = thread_state();
+        const LastMutexUse last(thread, mutex);
+        if (last) {
+            const uint32_t result = last->attempt(thread);
+            if (result == KZMKERNEL_WAIT_OWNED || result == KZMKERNEL_WAIT_ABANDONED) return result;
+        }
+    }
+    return wait_in_use(mutex, timeout_ms);
 }
 
 int32_t kzmkernel_release(void* mutex) {
-    const Use use(mutex, Kind::mutex);
-    uint32_t error = check(use);
-    if (error == 0) error = use->mutex->release();
-    if (error != 0) set_last_error(error);
-    return error == 0;
+    {
+        Thread& thread = thread_state();
+        const LastMutexUse last(thread, mutex);
+        if (last && last->release(thread) == 0) return 1;
+    }
+    return release_in_use(mutex);
 }
 
 int32_t kzmkernel_close(void* handle) {
@@ -131,7 +158,7 @@ int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info) {
         set_last_error(use ? KZMKERNEL_ERROR_INVALID_PARAMETER : KZMKERNEL_ERROR_INVALID_HANDLE);
         return 0;
     }
-    *info = use->mutex->info();
+    *info = use->mapped->mutex->info();
     return 1;
 }
 

@@ -1,7 +1,6 @@
 #include "mutex.h"
 
 #include <linux/futex.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,9 +19,9 @@ constexpr auto relaxed = std::memory_order_relaxed;
 
 constexpr uint64_t ms_per_s = 1'000, ns_per_ms = 1'000'000, ns_per_s = 1'000'000'000;
 
-uint64_t now_ns() {
+uint64_t now_ns(clockid_t clock) {
     timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * ns_per_s + static_cast<uint64_t>(now.tv_nsec);
 }
 
@@ -33,12 +32,6 @@ timespec monotonic_after(uint32_t timeout_ms) {
     end.tv_sec += static_cast<time_t>(timeout_ms / ms_per_s + ns / ns_per_s);
     end.tv_nsec = static_cast<long>(ns % ns_per_s);
     return end;
-}
-
-int block(pthread_mutex_t& lock, uint32_t timeout_ms) {
-    if (timeout_ms == KZMKERNEL_INFINITE) return pthread_mutex_lock(&lock);
-    const timespec end = monotonic_after(timeout_ms);
-    return pthread_mutex_clocklock(&lock, CLOCK_MONOTONIC, &end);
 }
 
 }  // namespace
@@ -63,21 +56,12 @@ bool Mutex::is_usable() const noexcept {
     return signature_ == signature && process_id_namespace_ == process_id_namespace();
 }
 
-int Mutex::take(uint32_t timeout_ms) noexcept {
-    // A free lock needs no clock; the owner's own is EDEADLK at once.
-    int result = pthread_mutex_trylock(&lock_);
-    if (result != EBUSY || timeout_ms == 0) return result;
-    waiters_.fetch_add(1);
-    result = block(lock_, timeout_ms);
-    waiters_.fetch_sub(1);
-    return result;
-}
-
-uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
-    switch (const int result = take(timeout_ms)) {
-        case 0:
-            name_owner(this_thread());
-            return KZMKERNEL_WAIT_OWNED;
+uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcept {
+    if (result == 0) [[likely]] {
+        name_owner(thread);
+        return KZMKERNEL_WAIT_OWNED;
+    }
+    switch (result) {
         case EDEADLK:
             if (depth_ >= most_depth) {
                 error = KZMKERNEL_ERROR_MUTEX_LIMIT;
@@ -87,9 +71,9 @@ uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
             return KZMKERNEL_WAIT_OWNED;
         case EOWNERDEAD:
             pthread_mutex_consistent(&lock_);
-            last_takeover_ns_.store(now_ns(), relaxed);
+            last_takeover_ns_.store(now_ns(CLOCK_REALTIME), relaxed);
             takeovers_.fetch_add(1, relaxed);
-            name_owner(this_thread());
+            name_owner(thread);
             return KZMKERNEL_WAIT_ABANDONED;
         case EBUSY:
         case ETIMEDOUT:
@@ -100,10 +84,36 @@ uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
     }
 }
 
+uint32_t Mutex::attempt(const Thread& thread) noexcept {
+    uint32_t error = 0;
+    return taken(thread, pthread_mutex_trylock(&lock_), error);
+}
+
+uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
+    // A free lock needs no clock; the owner's own is EDEADLK at once.
+    int result = pthread_mutex_trylock(&lock_);
+    if (result == EBUSY && timeout_ms != 0) result = block(timeout_ms);
+    if (result == EBUSY || result == ETIMEDOUT) return KZMKERNEL_WAIT_TIMEOUT;
+    return taken(this_thread(), result, error);
+}
+
+int Mutex::block(uint32_t timeout_ms) noexcept {
+    waiters_.fetch_add(1);
+    wakes_wanted_.fetch_add(1);
+    int result = 0;
+    if (timeout_ms == KZMKERNEL_INFINITE) {
+        result = pthread_mutex_lock(&lock_);
+    } else {
+        const timespec end = monotonic_after(timeout_ms);
+        result = pthread_mutex_clocklock(&lock_, CLOCK_MONOTONIC, &end);
+    }
+    waiters_.fetch_sub(1);
+    return result;
+}
+
 // Whoever is not named is not the owner. Whoever is named owns it, or has the ids of one that ended: then the lock
 // refuses.
-uint32_t Mutex::release() noexcept {
-    const Thread& thread = this_thread();
+uint32_t Mutex::release(const Thread& thread) noexcept {
     if (!is_named_owner(thread)) return KZMKERNEL_ERROR_NOT_OWNER;
     if (depth_ > 1) {
         --depth_;
@@ -111,23 +121,32 @@ uint32_t Mutex::release() noexcept {
     }
     owner_process_.store(0, relaxed);
     owner_thread_.store(0, std::memory_order_release);
-    const bool marked = is_marked_as_waited_for();
-    if (pthread_mutex_unlock(&lock_) != 0) return KZMKERNEL_ERROR_NOT_OWNER;
-    if (!marked && waiters_.load() != 0) wake_one();
-    return 0;
+    const int result = waiters_.load() == 0 ? pthread_mutex_unlock(&lock_) : unlock_noting_waiters();
+    return result == 0 ? 0 : KZMKERNEL_ERROR_NOT_OWNER;
 }
 
-// The lock's word is marked while others sleep, but only until it is freed: the waiter that is woken then marks it
-// again. If another thread took the lock before and that waiter was killed meanwhile, the mark is missing and the next
-// one would sleep on beside a free lock. So waiters are counted as well. One that was killed stays counted, which costs
-// its mutex a system call a release and nothing else.
-bool Mutex::is_marked_as_waited_for() const noexcept {
-    const auto word = static_cast<unsigned>(__atomic_load_n(&lock_.__data.__lock, __ATOMIC_RELAXED));
-    return (word & FUTEX_WAITERS) != 0;
+// The lock's word is marked by whoever goes to sleep. The one that releases it clears the mark with the owner and then
+// wakes one sleeper, who marks the word again when it goes on. If that one, or the owner between its two steps, is
+// killed and somebody else has taken the lock meanwhile, the mark is missing, and the next one would sleep on beside a
+// free lock. So whoever finds the word without a mark and waiters counted marks it again - the kernel then wakes one
+// also when this owner is killed - unless the only one that is counted has been woken for sure: the last release that
+// saw waiters got as far as past its wake, and nobody began to wait since. That one is on its way to the lock, and
+// waking it once more at each release until it is there would cost a system call every time. A waiter that was killed
+// stays counted.
+[[gnu::noinline]] void Mutex::mark_for_sleepers() noexcept {
+    const uint32_t counted = waiters_.load();
+    const uint64_t wanted = wakes_wanted_.load();
+    if (counted == 1 && wakes_done_.load() == wanted) return;
+    __atomic_fetch_or(&lock_.__data.__lock, static_cast<int>(FUTEX_WAITERS), __ATOMIC_SEQ_CST);
 }
 
-void Mutex::wake_one() noexcept {
-    syscall(SYS_futex, &lock_.__data.__lock, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+// The number is this release's own, so one that is held up before it notes that it is done cannot speak for a later
+// one.
+[[gnu::noinline]] int Mutex::unlock_noting_waiters() noexcept {
+    const uint64_t wake = wakes_wanted_.fetch_add(1) + 1;
+    const int result = pthread_mutex_unlock(&lock_);
+    if (result == 0) wakes_done_.store(wake);
+    return result;
 }
 
 kzmkernel_mutex_info Mutex::info() const noexcept {
@@ -157,7 +176,10 @@ void Mutex::name_owner(const Thread& thread) noexcept {
     // The lock orders owners already. This says it once more, for tools that do not know each way to take a lock.
     static_cast<void>(owner_thread_.load(std::memory_order_acquire));
     depth_ = 1;
-    owned_since_ns_.store(now_ns(), relaxed);
+    if (waiters_.load(relaxed) != 0) [[unlikely]]
+        mark_for_sleepers();
+    // Only people read it: the time of the last tick is near enough, and known without a look at the hardware's clock.
+    owned_since_ns_.store(now_ns(CLOCK_REALTIME_COARSE), relaxed);
     takes_.store(takes_.load(relaxed) + 1, relaxed);
     owner_tag_.store(thread.tag, relaxed);
     owner_process_.store(thread.process, relaxed);

@@ -23,8 +23,11 @@ class Mutex {
 
     /// As kzmkernel_wait(); on failure `error` is set.
     uint32_t wait(uint32_t timeout_ms, uint32_t& error) noexcept;
+    /// The same by a thread that knows who it is, with no time to wait, and an error that has to be asked for by
+    /// wait().
+    uint32_t attempt(const Thread& thread) noexcept;
     /// @return 0 or a Windows error number
-    uint32_t release() noexcept;
+    uint32_t release(const Thread& thread) noexcept;
 
     kzmkernel_mutex_info info() const noexcept;
 
@@ -33,9 +36,10 @@ class Mutex {
     bool is_owned_by_this_process() const noexcept;
 
   private:
-    int take(uint32_t timeout_ms) noexcept;
-    bool is_marked_as_waited_for() const noexcept;
-    void wake_one() noexcept;
+    uint32_t taken(const Thread& thread, int result, uint32_t& error) noexcept;
+    int block(uint32_t timeout_ms) noexcept;
+    void mark_for_sleepers() noexcept;
+    int unlock_noting_waiters() noexcept;
     bool is_named_owner(const Thread& thread) const noexcept;
     void name_owner(const Thread& thread) noexcept;
 
@@ -48,6 +52,9 @@ class Mutex {
     // decides.
     std::atomic<uint32_t> owner_process_, owner_thread_;
     std::atomic<uint64_t> owner_tag_, owned_since_ns_, takeovers_, last_takeover_ns_, takes_;
+    /// How often a thread began to block, or an owner to release what others wait for; and what this was when the last
+    /// such owner had woken one.
+    std::atomic<uint64_t> wakes_wanted_, wakes_done_;
 };
 
 inline constexpr uint64_t mutex_file_size = 4096;

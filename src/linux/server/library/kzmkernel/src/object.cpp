@@ -22,7 +22,7 @@ constexpr size_t longest_name = 200;
 constexpr const char* unfinished = ".new";
 constexpr int open_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
-/// The process's objects, and mutexes that were closed while a thread of this process owned them.
+/// The process's objects, and mutexes that were closed while a thread of this process owned them or had used them last.
 constinit Object* objects = nullptr;
 constinit Object* closed_mutexes = nullptr;
 
@@ -55,25 +55,36 @@ Object* find_in(Object* list, Kind kind, const struct stat& file) {
     return list;
 }
 
-Mutex* map_mutex(int file) {
+MappedMutex* map_mutex(int file) {
     void* const address = mmap(nullptr, mutex_file_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    return address == MAP_FAILED ? nullptr : static_cast<Mutex*>(address);
+    if (address == MAP_FAILED) return nullptr;
+    auto* const mapped = new (std::nothrow) MappedMutex{static_cast<Mutex*>(address), 0};
+    if (!mapped) {
+        munmap(address, mutex_file_size);
+        errno = ENOMEM;
+    }
+    return mapped;
 }
 
-void unmap(Mutex* mutex) {
-    if (mutex) munmap(mutex, mutex_file_size);
+void unmap(MappedMutex* mapped) {
+    if (mapped) munmap(mapped->mutex, mutex_file_size);
+    delete mapped;
 }
 
-/// Gives back the memory of closed mutexes that no thread of this process owns any more.
+bool must_stay_mapped(const MappedMutex& mapped) {
+    return mapped.users.load(std::memory_order_acquire) != 0 || mapped.mutex->is_owned_by_this_process();
+}
+
+/// Gives back the memory of closed mutexes that no thread of this process needs any more.
 void forget_closed_mutexes() {
     for (Object** at = &closed_mutexes; *at;) {
         Object* const object = *at;
-        if (object->mutex->is_owned_by_this_process()) {
+        if (must_stay_mapped(*object->mapped)) {
             at = &object->next;
             continue;
         }
         *at = object->next;
-        unmap(object->mutex);
+        unmap(object->mapped);
         delete object;
     }
 }
@@ -98,7 +109,7 @@ class Building {
   public:
     explicit Building(const Gate& gate) : gate_(gate) {}
     ~Building() {
-        if (mutex_) unmap(mutex_);
+        unmap(mapped_);
         if (file_) unlinkat(gate_.folder(), unfinished, 0);
     }
     Building(const Building&) = delete;
@@ -110,9 +121,9 @@ class Building {
         if (!file_ || fchmod(file_.get(), 0600) != 0) return windows_error(errno);
         if (const int error = allocate(file_.get(), size)) return windows_error(error);
         if (kind == Kind::mutex) {
-            mutex_ = map_mutex(file_.get());
-            if (!mutex_) return windows_error(errno);
-            if (const uint32_t error = mutex_->prepare()) return error;
+            mapped_ = map_mutex(file_.get());
+            if (!mapped_) return windows_error(errno);
+            if (const uint32_t error = mapped_->mutex->prepare()) return error;
         }
         if (fstat(file_.get(), &status_) != 0 || !hold_alive(gate_.folder(), file_name, status_) ||
             renameat(gate_.folder(), unfinished, gate_.folder(), file_name) != 0) {
@@ -123,7 +134,7 @@ class Building {
 
     void finish(Object& object) {
         object.file = std::move(file_);
-        object.mutex = std::exchange(mutex_, nullptr);
+        object.mapped = std::exchange(mapped_, nullptr);
         object.device = status_.st_dev;
         object.inode = status_.st_ino;
         object.size = static_cast<uint64_t>(status_.st_size);
@@ -132,7 +143,7 @@ class Building {
   private:
     const Gate& gate_;
     Descriptor file_;
-    Mutex* mutex_ = nullptr;
+    MappedMutex* mapped_ = nullptr;
     struct stat status_ {};
 };
 
@@ -173,15 +184,15 @@ uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& o
         if (object.size != mutex_file_size) return KZMKERNEL_ERROR_ACCESS_DENIED;
         // A thread that still owns it has it linked at this address.
         Object* const closed = find_in(closed_mutexes, Kind::mutex, status);
-        object.mutex = closed ? closed->mutex : map_mutex(file.get());
-        if (!object.mutex) return windows_error(errno);
+        object.mapped = closed ? closed->mapped : map_mutex(file.get());
+        if (!object.mapped) return windows_error(errno);
         uint32_t error = 0;
-        if (!object.mutex->is_usable()) {
+        if (!object.mapped->mutex->is_usable()) {
             error = KZMKERNEL_ERROR_ACCESS_DENIED;
         } else if (!hold_alive(gate.folder(), object.file_name, status)) {
             error = windows_error(errno);
         }
-        if (error != 0 && !closed) unmap(object.mutex);
+        if (error != 0 && !closed) unmap(object.mapped);
         if (error == 0 && closed) {
             unlink_from(closed_mutexes, closed);
             delete closed;
@@ -272,13 +283,22 @@ void drop_object(Object* object) noexcept {
             unlinkat(gate.folder(), object->file_name, 0);
         }
     }
-    if (object->mutex && object->mutex->is_owned_by_this_process()) {
+    if (object->mapped && must_stay_mapped(*object->mapped)) {
         object->next = closed_mutexes;
         closed_mutexes = object;
         return;
     }
-    unmap(object->mutex);
+    unmap(object->mapped);
     delete object;
+}
+
+void forget_users_of_mutexes() noexcept {
+    for (const Object* list : {objects, closed_mutexes}) {
+        for (; list; list = list->next) {
+            if (list->mapped) list->mapped->users.store(0, std::memory_order_relaxed);
+        }
+    }
+    forget_closed_mutexes();
 }
 
 }  // namespace kzmkernel

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "descriptor.h"
@@ -16,6 +17,12 @@ inline constexpr uint64_t page = 4096;
 /// The first letter of the file's name: mutexes and mappings of one name do not meet on the disk.
 enum class Kind : char { mutex = 'm', mapping = 's' };
 
+/// A mutex's page as this process has it mapped. Threads that used it last keep it mapped, though not alive.
+struct MappedMutex {
+    Mutex* mutex;
+    std::atomic<uint32_t> users;
+};
+
 struct Object {
     Kind kind;
     char file_name[256];
@@ -24,7 +31,7 @@ struct Object {
     uint64_t size;            ///< bytes, whole pages
     Descriptor root, folder;  ///< carry the guards
     Descriptor file;          ///< of a mapping
-    Mutex* mutex;             ///< of a mutex, mapped
+    MappedMutex* mapped;      ///< of a mutex
     uint32_t handles;
     Object* next;
 };
@@ -37,5 +44,7 @@ uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& obje
 uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept;
 /// Gives up one handle. With the last one of the process the object goes; with the last of all processes its file.
 void drop_object(Object* object) noexcept;
+/// In the child of a fork, and at the end of the library: no thread keeps a mutex's page mapped.
+void forget_users_of_mutexes() noexcept;
 
 }  // namespace kzmkernel

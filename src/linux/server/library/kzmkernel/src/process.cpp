@@ -16,6 +16,9 @@ namespace {
 
 constinit std::mutex tables;
 constinit thread_local Thread self{};
+/// Its destructor is called with the Thread of one that ends.
+pthread_key_t end_of_thread;
+constinit bool has_end_of_thread = false;
 constinit std::atomic<uint64_t> own_namespace{0};
 
 void before_fork() {
@@ -25,15 +28,30 @@ void after_fork_in_parent() {
     tables.unlock();
 }
 void after_fork_in_child() {
-    self = {};
+    // Its thread ids are others, and so may be its process-id namespace.
+    self.tag = 0;
+    self.handle = nullptr;
+    self.mapped = nullptr;
     own_namespace.store(0, std::memory_order_relaxed);
     forget_other_threads();
+    forget_users_of_mutexes();
     tables.unlock();
 }
 
 // Registered for this library alone, so it is withdrawn when the library is unloaded.
 [[gnu::constructor]] void watch_forks() {
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+}
+
+[[gnu::constructor]] void watch_threads() {
+    has_end_of_thread =
+        pthread_key_create(&end_of_thread, [](void* thread) { forget_last_mutex(*static_cast<Thread*>(thread)); }) == 0;
+}
+[[gnu::destructor]] void leave_threads() {
+    if (has_end_of_thread) pthread_key_delete(end_of_thread);
+    if (!tables.try_lock()) return;
+    forget_users_of_mutexes();
+    tables.unlock();
 }
 
 /// Made of what stays the same when this library is loaded again: the program's random bytes and the thread's
@@ -58,13 +76,22 @@ ProcessLock::~ProcessLock() {
     pthread_setcancelstate(old_cancel_state_, nullptr);
 }
 
-const Thread& this_thread() noexcept {
-    if (self.tag == 0) {
-        self.process = static_cast<uint32_t>(getpid());
-        self.thread = static_cast<uint32_t>(gettid());
-        self.tag = tag_of_thread();
-    }
+Thread& thread_state() noexcept {
     return self;
+}
+
+Thread& this_thread() noexcept {
+    Thread& thread = self;
+    if (thread.tag == 0) {
+        thread.process = static_cast<uint32_t>(getpid());
+        thread.thread = static_cast<uint32_t>(gettid());
+        thread.tag = tag_of_thread();
+    }
+    return thread;
+}
+
+bool watch_end_of(Thread& thread) noexcept {
+    return has_end_of_thread && pthread_setspecific(end_of_thread, &thread) == 0;
 }
 
 uint64_t process_id_namespace() noexcept {

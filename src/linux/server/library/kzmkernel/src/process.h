@@ -2,6 +2,7 @@
 // with the lock free, whatever other threads of its parent did meanwhile, and is somebody else.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace kzmkernel {
@@ -18,13 +19,32 @@ class ProcessLock {
     int old_cancel_state_ = 0;
 };
 
+struct MappedMutex;
+class Mutex;
+
+/// A thread: who it is, and which mutex it used last, so that the next use need not be counted for all to see.
 struct Thread {
     uint32_t process, thread;  ///< ids
     uint64_t tag;              ///< tells threads apart that have the same ids one after the other; never 0
+
+    /// The last mutex's handle, what its slot says as long as it is open, and its page, which it keeps mapped; null:
+    /// none.
+    void* handle;
+    const std::atomic<uint64_t>* slot_state;
+    uint64_t open_state;
+    MappedMutex* mapped;
+    Mutex* mutex;
+    /// Whether the thread is between the look at these and the end of what it does with the page. A signal's handler
+    /// that comes then leaves them as they are.
+    std::atomic<bool> is_inside;
 };
 
+/// The calling thread, which may not know yet who it is.
+Thread& thread_state() noexcept;
 /// The calling thread.
-const Thread& this_thread() noexcept;
+Thread& this_thread() noexcept;
+/// Lets the pages that threads keep mapped go when they end; false when that cannot be.
+bool watch_end_of(Thread& thread) noexcept;
 
 /// The inode of this process's process-id namespace; 0 when it cannot be told.
 uint64_t process_id_namespace() noexcept;
