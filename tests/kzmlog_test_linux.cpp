@@ -255,7 +255,7 @@ CHILD(write_in_another_zone) {
 
 TEST_F(KzmLog, WritesLocalTimeWithItsOffset) {
     for (const auto& [zone, offset] :
-         {std::pair{"XXX-05:30", 330}, std::pair{"XXX+09:15", -555}, std::pair{"UTC0", 0}}) {
+         {std::pair{"EAST-05:30", 330}, std::pair{"WEST+09:15", -555}, std::pair{"UTC0", 0}}) {
         const ScopedEnvironment variable("TZ", zone);
         const auto now = [] { return static_cast<int64_t>(std::time(nullptr)); };
         const int64_t before = now();
