@@ -17,8 +17,8 @@ struct Slot {
 namespace {
 
 constexpr uint32_t slot_count = 1u << 17;
-constexpr uint64_t one_user = 1, user_mask = 0xFFFFFFFF, open_bit = uint64_t{1} << 32;
-constexpr int generation_shift = 33;
+constexpr int user_bits = 32, generation_shift = 33;
+constexpr uint64_t one_user = 1, user_mask = 0xFFFFFFFF, open_bit = uint64_t{1} << user_bits;
 constexpr uint64_t generation_mask = 0x7FFFFFFF;
 /// Handles are multiples of 4, as in Windows, and never null.
 constexpr int place_bits = 17, handle_shift = 2;
@@ -122,20 +122,20 @@ bool Use::writable() const {
 }
 
 bool LastMutexUse::is_open(const Thread& thread) noexcept {
-    return (thread.slot_state->load(std::memory_order_acquire) & ~user_mask) == thread.open_state;
+    return (thread.slot_state->load(std::memory_order_acquire) >> user_bits) == thread.open_state;
 }
 
 void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept {
     if (thread.is_inside.load(std::memory_order_relaxed)) return;
     const Slot& slot = *use.slot_;
-    const uint64_t open_state = slot.state.load(std::memory_order_relaxed) & ~user_mask;
-    if ((open_state & open_bit) == 0 || !watch_end_of(thread)) return;
+    const uint64_t state = slot.state.load(std::memory_order_relaxed);
+    if ((state & open_bit) == 0 || !watch_end_of(thread)) return;
     const Inside inside(thread);
     let_go(thread);
     MappedMutex* const mapped = slot.object->mapped;
     mapped->users.fetch_add(1, std::memory_order_relaxed);
     thread.slot_state = &slot.state;
-    thread.open_state = open_state;
+    thread.open_state = state >> user_bits;
     thread.mapped = mapped;
     thread.mutex = mapped->mutex;
     thread.handle = handle;

@@ -35,27 +35,34 @@ class Use {
 class LastMutexUse {
   public:
     LastMutexUse(Thread& thread, void* handle) noexcept : thread_(thread) {
-        was_inside_ = thread.is_inside.load(std::memory_order_relaxed);
+        if (thread.is_inside.load(std::memory_order_relaxed)) [[unlikely]]
+            return;
         thread.is_inside.store(true, std::memory_order_relaxed);
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        if (!was_inside_ && handle && thread.handle == handle && is_open(thread)) mutex_ = thread.mutex;
+        if (handle && thread.handle == handle && is_open(thread)) [[likely]] {
+            found_ = true;
+        } else {
+            leave();
+        }
     }
     ~LastMutexUse() {
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        thread_.is_inside.store(was_inside_, std::memory_order_relaxed);
+        if (found_) leave();
     }
     LastMutexUse(const LastMutexUse&) = delete;
     LastMutexUse& operator=(const LastMutexUse&) = delete;
 
-    explicit operator bool() const { return mutex_ != nullptr; }
-    Mutex* operator->() const { return mutex_; }
+    explicit operator bool() const { return found_; }
+    Mutex* operator->() const { return thread_.mutex; }
 
   private:
     static bool is_open(const Thread& thread) noexcept;
+    void leave() noexcept {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        thread_.is_inside.store(false, std::memory_order_relaxed);
+    }
 
     Thread& thread_;
-    Mutex* mutex_ = nullptr;
-    bool was_inside_;
+    bool found_ = false;
 };
 
 /// Makes a mutex in use the one that the calling thread used last.

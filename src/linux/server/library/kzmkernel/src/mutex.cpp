@@ -58,7 +58,7 @@ bool Mutex::is_usable() const noexcept {
 
 uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcept {
     if (result == 0) [[likely]] {
-        name_owner(thread);
+        name_owner(thread, time(nullptr));
         return KZMKERNEL_WAIT_OWNED;
     }
     switch (result) {
@@ -73,20 +73,18 @@ uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcep
             pthread_mutex_consistent(&lock_);
             last_takeover_ns_.store(now_ns(CLOCK_REALTIME), relaxed);
             takeovers_.fetch_add(1, relaxed);
-            name_owner(thread);
+            name_owner(thread, time(nullptr));
             return KZMKERNEL_WAIT_ABANDONED;
-        case EBUSY:
-        case ETIMEDOUT:
-            return KZMKERNEL_WAIT_TIMEOUT;
         default:
             error = windows_error(result);
             return KZMKERNEL_WAIT_FAILED;
     }
 }
 
-uint32_t Mutex::attempt(const Thread& thread) noexcept {
+uint32_t Mutex::not_free(const Thread& thread, int result) noexcept {
+    if (result == EBUSY) return KZMKERNEL_WAIT_TIMEOUT;
     uint32_t error = 0;
-    return taken(thread, pthread_mutex_trylock(&lock_), error);
+    return taken(thread, result, error);
 }
 
 uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
@@ -109,20 +107,6 @@ int Mutex::block(uint32_t timeout_ms) noexcept {
     }
     waiters_.fetch_sub(1);
     return result;
-}
-
-// Whoever is not named is not the owner. Whoever is named owns it, or has the ids of one that ended: then the lock
-// refuses.
-uint32_t Mutex::release(const Thread& thread) noexcept {
-    if (!is_named_owner(thread)) return KZMKERNEL_ERROR_NOT_OWNER;
-    if (depth_ > 1) {
-        --depth_;
-        return 0;
-    }
-    owner_process_.store(0, relaxed);
-    owner_thread_.store(0, std::memory_order_release);
-    const int result = waiters_.load() == 0 ? pthread_mutex_unlock(&lock_) : unlock_noting_waiters();
-    return result == 0 ? 0 : KZMKERNEL_ERROR_NOT_OWNER;
 }
 
 // The lock's word is marked by whoever goes to sleep. The one that releases it clears the mark with the owner and then
@@ -151,9 +135,10 @@ uint32_t Mutex::release(const Thread& thread) noexcept {
 
 kzmkernel_mutex_info Mutex::info() const noexcept {
     kzmkernel_mutex_info result{};
-    result.owner_process = owner_process_.load(relaxed);
-    result.owner_thread = owner_thread_.load(relaxed);
-    result.owned_since_ns = owned_since_ns_.load(relaxed);
+    const uint64_t owner = owner_.load(relaxed);
+    result.owner_process = process_of(owner);
+    result.owner_thread = thread_of(owner);
+    result.owned_since_s = owned_since_s_.load(relaxed);
     result.takeovers = takeovers_.load(relaxed);
     result.last_takeover_ns = last_takeover_ns_.load(relaxed);
     result.takes = takes_.load(relaxed);
@@ -161,29 +146,10 @@ kzmkernel_mutex_info Mutex::info() const noexcept {
 }
 
 bool Mutex::is_owned_by_this_process() const noexcept {
-    const auto process = static_cast<pid_t>(owner_process_.load(relaxed));
-    const auto thread = static_cast<pid_t>(owner_thread_.load(relaxed));
+    const uint64_t owner = owner_.load(relaxed);
+    const auto process = static_cast<pid_t>(process_of(owner)), thread = static_cast<pid_t>(thread_of(owner));
     if (process != getpid() || process_id_namespace_ != process_id_namespace()) return false;
     return tgkill(process, thread, 0) == 0 || errno != ESRCH;
-}
-
-bool Mutex::is_named_owner(const Thread& thread) const noexcept {
-    return owner_thread_.load(relaxed) == thread.thread && owner_process_.load(relaxed) == thread.process &&
-           owner_tag_.load(relaxed) == thread.tag;
-}
-
-void Mutex::name_owner(const Thread& thread) noexcept {
-    // The lock orders owners already. This says it once more, for tools that do not know each way to take a lock.
-    static_cast<void>(owner_thread_.load(std::memory_order_acquire));
-    depth_ = 1;
-    if (waiters_.load(relaxed) != 0) [[unlikely]]
-        mark_for_sleepers();
-    // Only people read it: the time of the last tick is near enough, and known without a look at the hardware's clock.
-    owned_since_ns_.store(now_ns(CLOCK_REALTIME_COARSE), relaxed);
-    takes_.store(takes_.load(relaxed) + 1, relaxed);
-    owner_tag_.store(thread.tag, relaxed);
-    owner_process_.store(thread.process, relaxed);
-    owner_thread_.store(thread.thread, std::memory_order_release);
 }
 
 }  // namespace kzmkernel

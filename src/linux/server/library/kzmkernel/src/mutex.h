@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 
 #include "kzmkernel.h"
 #include "process.h"
@@ -25,9 +26,30 @@ class Mutex {
     uint32_t wait(uint32_t timeout_ms, uint32_t& error) noexcept;
     /// The same by a thread that knows who it is, with no time to wait, and an error that has to be asked for by
     /// wait().
-    uint32_t attempt(const Thread& thread) noexcept;
+    uint32_t attempt(const Thread& thread) noexcept {
+        const time_t now = time(nullptr);
+        const int result = pthread_mutex_trylock(&lock_);
+        if (result != 0) [[unlikely]]
+            return not_free(thread, result);
+        name_owner(thread, now);
+        return KZMKERNEL_WAIT_OWNED;
+    }
     /// @return 0 or a Windows error number
-    uint32_t release(const Thread& thread) noexcept;
+    uint32_t release(const Thread& thread) noexcept {
+        // Whoever is not named is not the owner. Whoever is named owns it, or has the ids of one that ended: then the
+        // lock refuses.
+        if (owner_.load(std::memory_order_relaxed) != thread.owner ||
+            owner_tag_.load(std::memory_order_relaxed) != thread.tag) [[unlikely]] {
+            return KZMKERNEL_ERROR_NOT_OWNER;
+        }
+        if (depth_ > 1) [[unlikely]] {
+            --depth_;
+            return 0;
+        }
+        owner_.store(0, std::memory_order_release);
+        const int result = waiters_.load() == 0 ? pthread_mutex_unlock(&lock_) : unlock_noting_waiters();
+        return result == 0 ? 0 : KZMKERNEL_ERROR_NOT_OWNER;
+    }
 
     kzmkernel_mutex_info info() const noexcept;
 
@@ -36,12 +58,25 @@ class Mutex {
     bool is_owned_by_this_process() const noexcept;
 
   private:
+    /// What a try to lock comes to, by its result: of an attempt that did not simply succeed, and of any that did not
+    /// run out of time.
+    [[gnu::cold, gnu::noinline]] uint32_t not_free(const Thread& thread, int result) noexcept;
     uint32_t taken(const Thread& thread, int result, uint32_t& error) noexcept;
     int block(uint32_t timeout_ms) noexcept;
     void mark_for_sleepers() noexcept;
     int unlock_noting_waiters() noexcept;
-    bool is_named_owner(const Thread& thread) const noexcept;
-    void name_owner(const Thread& thread) noexcept;
+    /// `since` is for people: the second is near enough, and what it costs is seen at each take.
+    void name_owner(const Thread& thread, time_t since) noexcept {
+        // The lock orders owners already. This says it once more, for tools that do not know each way to take a lock.
+        static_cast<void>(owner_.load(std::memory_order_acquire));
+        depth_ = 1;
+        if (waiters_.load(std::memory_order_relaxed) != 0) [[unlikely]]
+            mark_for_sleepers();
+        owned_since_s_.store(static_cast<uint64_t>(since), std::memory_order_relaxed);
+        takes_.store(takes_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        owner_tag_.store(thread.tag, std::memory_order_relaxed);
+        owner_.store(thread.owner, std::memory_order_release);
+    }
 
     uint64_t signature_;
     uint64_t process_id_namespace_;
@@ -50,8 +85,7 @@ class Mutex {
     uint64_t depth_;                 ///< how often the owner took it; for the owner alone
     // Written by the owner alone, for itself and for tools. They may still name one that ended: the lock's word
     // decides.
-    std::atomic<uint32_t> owner_process_, owner_thread_;
-    std::atomic<uint64_t> owner_tag_, owned_since_ns_, takeovers_, last_takeover_ns_, takes_;
+    std::atomic<uint64_t> owner_, owner_tag_, owned_since_s_, takeovers_, last_takeover_ns_, takes_;
     /// How often a thread began to block, or an owner to release what others wait for; and what this was when the last
     /// such owner had woken one.
     std::atomic<uint64_t> wakes_wanted_, wakes_done_;

@@ -77,14 +77,16 @@ ProcessLock::~ProcessLock() {
 }
 
 Thread& thread_state() noexcept {
-    return self;
+    // The compiler is not to know where the address comes from: it would ask for it again at each use.
+    Thread* thread = &self;
+    asm("" : "+r"(thread));
+    return *thread;
 }
 
 Thread& this_thread() noexcept {
     Thread& thread = self;
     if (thread.tag == 0) {
-        thread.process = static_cast<uint32_t>(getpid());
-        thread.thread = static_cast<uint32_t>(gettid());
+        thread.owner = owner_number(static_cast<uint32_t>(getpid()), static_cast<uint32_t>(gettid()));
         thread.tag = tag_of_thread();
     }
     return thread;

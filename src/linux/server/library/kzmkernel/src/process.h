@@ -24,8 +24,8 @@ class Mutex;
 
 /// A thread: who it is, and which mutex it used last, so that the next use need not be counted for all to see.
 struct Thread {
-    uint32_t process, thread;  ///< ids
-    uint64_t tag;              ///< tells threads apart that have the same ids one after the other; never 0
+    uint64_t owner;  ///< its ids, as owner_number() joins them
+    uint64_t tag;    ///< tells threads apart that have the same ids one after the other; never 0
 
     /// The last mutex's handle, what its slot says as long as it is open, and its page, which it keeps mapped; null:
     /// none.
@@ -38,6 +38,16 @@ struct Thread {
     /// that comes then leaves them as they are.
     std::atomic<bool> is_inside;
 };
+
+inline uint64_t owner_number(uint32_t process, uint32_t thread) noexcept {
+    return uint64_t{thread} << 32 | process;
+}
+inline uint32_t process_of(uint64_t owner) noexcept {
+    return static_cast<uint32_t>(owner);
+}
+inline uint32_t thread_of(uint64_t owner) noexcept {
+    return static_cast<uint32_t>(owner >> 32);
+}
 
 /// The calling thread, which may not know yet who it is.
 Thread& thread_state() noexcept;

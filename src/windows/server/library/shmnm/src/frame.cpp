@@ -60,7 +60,7 @@ void close_log() {
 }
 
 void Call::write_line(Level level, int32_t line, const char* message) const {
-    if (void* const handle = log_handle.load(std::memory_order_acquire)) {
+    if (void* const handle = log_handle.load(std::memory_order_acquire)) [[likely]] {
         kzmlog_write(handle, static_cast<uint32_t>(level), 0, module_path, line, tag_.function, message);
     }
 }
