@@ -1,5 +1,6 @@
 // The states of hb and np resources: one of the resource itself, one for each server, and all of one type at once.
 #include <climits>
+#include <numeric>
 
 #include "guarded_buffer.h"
 #include "resource_twins.h"
@@ -418,6 +419,70 @@ TEST_P(ResourceStatus, NeedsANameAndASizeToBeListedForAResource) {
     }
     EXPECT_THAT(states.content(), ElementsAre(91u, 91u, 91u));
     EXPECT_EQ(size, 12u);
+}
+
+/// An odd number of servers, so that the rows of four resources begin at all distances from a multiple of 16 that a
+/// row can have.
+class LongRow : public test::RegionTest, public testing::WithParamInterface<Twin> {
+  protected:
+    static constexpr uint32_t servers = 39, resources = 4;
+    static constexpr size_t server_count = 28, hb_records = 13564, np_records = 104668, record_size = 740;
+
+    LongRow() { map_region({.servers = servers, .hb = resources, .np = resources}); }
+    size_t row(uint32_t resource) const {
+        return (GetParam().has_network_rows ? hb_records : np_records) + record_size * resource + 584;
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Of, LongRow, testing::Values(hb, np), test::kind_of_instance);
+
+TEST_P(LongRow, HasAWordForEachServerOfAnyNumberOfThem) {
+    for (uint32_t resource = 0; resource < resources; ++resource) {
+        ASSERT_EQ(GetParam().add("lan", std::to_string(resource).c_str(), 1), SHMNM_OK);
+        for (uint32_t server = 0; server < servers; ++server) {
+            poke_word(row(resource) + 4 * server, 1000 * resource + server);
+        }
+    }
+    for (uint32_t count = 0; count <= servers; ++count) {
+        poke_word(server_count, count);
+        for (uint32_t resource = 0; resource < resources; ++resource) {
+            GuardedBuffer<uint32_t> states(count, 91, 92);
+            std::vector<uint32_t> expected(count);
+            std::iota(expected.begin(), expected.end(), 1000 * resource);
+            uint32_t size = 4 * count;
+            EXPECT_EQ(GetParam().list_servers("lan", std::to_string(resource).c_str(), states.data(), &size), SHMNM_OK);
+            EXPECT_EQ(size, 4 * count);
+            EXPECT_EQ(states.content(), expected) << "resource " << resource;
+            EXPECT_TRUE(states.guards_are_whole()) << count << " servers, resource " << resource;
+        }
+    }
+}
+
+TEST_P(LongRow, IsSetAWordAtATimeForServersFarBack) {
+    for (uint32_t server = 0; server < servers; ++server) {
+        ASSERT_EQ(shmnm_addnode(("server" + std::to_string(server)).c_str(), static_cast<int32_t>(server)), SHMNM_OK);
+    }
+    for (uint32_t resource = 0; resource < resources; ++resource) {
+        ASSERT_EQ(GetParam().add("lan", std::to_string(resource).c_str(), 1), SHMNM_OK);
+    }
+    Bytes expected = region_bytes();
+    for (uint32_t resource = 0; resource < resources; ++resource) {
+        const std::string name = std::to_string(resource);
+        for (uint32_t server = 0; server < servers; ++server) {
+            const auto pri = static_cast<int32_t>(server);
+            const uint32_t value = 1000 * resource + server;
+            EXPECT_EQ(GetParam().set_on_server("lan", name.c_str(), pri, value), SHMNM_OK);
+            test::put_word(expected, row(resource) + 4 * server, value);
+            uint32_t read = ~value;
+            EXPECT_EQ(GetParam().get_on_server("lan", name.c_str(), pri, &read), SHMNM_OK);
+            EXPECT_EQ(read, value);
+        }
+    }
+    EXPECT_EQ(region_bytes(), expected);
+    for (uint32_t server = 0; server < servers; ++server) {
+        uint32_t states[resources] = {}, size = sizeof states;
+        EXPECT_EQ(GetParam().list_resources(("server" + std::to_string(server)).c_str(), states, &size), SHMNM_OK);
+        EXPECT_THAT(states, ElementsAre(server, 1000 + server, 2000 + server, 3000 + server));
+    }
 }
 
 // ---- the states of all resources on a server ----

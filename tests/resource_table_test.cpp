@@ -3,6 +3,7 @@
 
 #include "guarded_buffer.h"
 #include "name_listing.h"
+#include "near_misses.h"
 #include "resource_twins.h"
 
 namespace {
@@ -220,6 +221,22 @@ TEST_P(ResourceTable, TellsTextsApartByEveryByteAndTheirLength) {
             ASSERT_EQ(twin().remove("type", text), SHMNM_OK);
             ASSERT_EQ(twin().remove(text, "name"), SHMNM_OK);
         }
+    }
+}
+
+TEST_P(ResourceTable, FindsTextsOfAnyLengthAndNoneThatDifferInOneByte) {
+    for (size_t length = 0; length <= 31; ++length) {
+        const std::string text = test::text_of_length(length);
+        const test::ExactText exact(text);
+        add(exact.get(), exact.get(), 7);
+        EXPECT_EQ(priority_of(exact.get(), exact.get()), 7u);
+        for (const std::string& different : test::near_misses(text)) {
+            const test::ExactText miss(different);
+            uint32_t pri = 0;
+            EXPECT_EQ(twin().priority(miss.get(), exact.get(), &pri), SHMNM_ERR_NOTFOUND) << text << ", " << different;
+            EXPECT_EQ(twin().priority(exact.get(), miss.get(), &pri), SHMNM_ERR_NOTFOUND) << text << ", " << different;
+        }
+        ASSERT_EQ(twin().remove(exact.get(), exact.get()), SHMNM_OK);
     }
 }
 

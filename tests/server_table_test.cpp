@@ -4,6 +4,7 @@
 
 #include "guarded_buffer.h"
 #include "name_listing.h"
+#include "near_misses.h"
 #include "region_expectations.h"
 
 namespace {
@@ -214,6 +215,38 @@ TEST_F(ServerTable, TellsNamesApartByEveryByteAndTheirLength) {
         EXPECT_EQ(shmnm_getnodepri(name, &found), SHMNM_OK) << name;
         EXPECT_EQ(found, ++pri) << name;
         EXPECT_EQ(shmnm_addnode(name, 1), SHMNM_ERR_EXIST) << name;
+    }
+}
+
+TEST_F(ServerTable, FindsANameOfAnyLengthAndNoneThatDiffersInOneByte) {
+    for (size_t length = 0; length <= 40; ++length) {
+        const std::string name = test::text_of_length(length);
+        ASSERT_EQ(shmnm_addnode(test::ExactText(name).get(), 7), SHMNM_OK) << name;
+        int32_t pri = 0;
+        EXPECT_EQ(shmnm_getnodepri(test::ExactText(name).get(), &pri), SHMNM_OK) << name;
+        EXPECT_EQ(pri, 7) << name;
+        for (const std::string& miss : test::near_misses(name)) {
+            EXPECT_EQ(shmnm_getnodepri(test::ExactText(miss).get(), &pri), SHMNM_ERR_NOTFOUND) << name << ", " << miss;
+        }
+        ASSERT_EQ(shmnm_rmnode(name.c_str()), SHMNM_OK) << name;
+    }
+}
+
+TEST_F(ServerTable, FindsEachServerOfAnyNumberOfThem) {
+    ASSERT_EQ(shmnm_setmaxvalue_ex(13, 3, 3), SHMNM_OK);
+    const auto name_of = [](int32_t position) { return "server0" + std::to_string(position); };
+    for (int32_t count = 0; count < 13; ++count) {
+        int32_t pri = 0;
+        EXPECT_EQ(shmnm_getnodepri(name_of(count).c_str(), &pri), SHMNM_ERR_NOTFOUND) << count;
+        char name[256] = "";
+        EXPECT_EQ(shmnm_getnodename(name, count), SHMNM_ERR_NOTFOUND) << count;
+        ASSERT_EQ(shmnm_addnode(name_of(count).c_str(), count), SHMNM_OK);
+        for (int32_t position = 0; position <= count; ++position) {
+            EXPECT_EQ(shmnm_getnodepri(name_of(position).c_str(), &pri), SHMNM_OK) << position << " of " << count + 1;
+            EXPECT_EQ(pri, position);
+            EXPECT_EQ(shmnm_getnodename(name, position), SHMNM_OK) << position << " of " << count + 1;
+            EXPECT_EQ(name, name_of(position));
+        }
     }
 }
 

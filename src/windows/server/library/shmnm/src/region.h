@@ -43,7 +43,7 @@ void copy_words(Word* to, const Word* from, size_t count) noexcept {
     for (size_t i = 0; i < count; ++i) store(to[i], load(from[i]));
 }
 /// Copies words of the region into a caller's buffer, four at a time where that is one aligned access: each word comes
-/// out whole.
+/// out whole. The thread sanitizer is not asked, since it does not know that.
 [[gnu::no_sanitize_thread]] inline void copy_words_out(uint32_t* to, const uint32_t* from, size_t count) noexcept {
     using FourWords [[gnu::vector_size(16), gnu::may_alias]] = uint32_t;
     const uint32_t* const end = from + count;
@@ -146,15 +146,25 @@ class Table {
     int32_t count() const noexcept { return count_; }
     Record& operator[](int32_t position) const noexcept { return at(first_ + position * step_); }
 
-    /// The first record, in order of position, that `matches`.
+    /// The first record from this one on, in order of position, that `matches`; without one, none at position count().
     template <typename Matches>
-    Found<Record> first(const Matches& matches) const noexcept {
-        uint8_t* place = first_;
+    Found<Record> next(int32_t position, const Matches& matches) const noexcept {
+        constexpr int32_t stride = 4;
+        uint8_t* place = first_ + position * step_;
+        for (; count_ - position >= stride; position += stride, place += stride * step_) {
 #pragma GCC unroll 4
-        for (int32_t position = 0; position < count_; ++position, place += step_) {
+            for (int32_t i = 0; i < stride; ++i) {
+                if (matches(at(place + i * step_))) return {&at(place + i * step_), position + i};
+            }
+        }
+        for (; position < count_; ++position, place += step_) {
             if (matches(at(place))) return {&at(place), position};
         }
         return {};
+    }
+    template <typename Matches>
+    Found<Record> first(const Matches& matches) const noexcept {
+        return next(0, matches);
     }
 
   private:

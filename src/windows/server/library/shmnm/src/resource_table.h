@@ -51,9 +51,15 @@ inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server)
 inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
                                   const char* name) noexcept {
     const TextKey key(name);
-    return records.first([&, end = region.end()](const shmnm_resource& resource) {
-        return key.equals(resource.name, end) && (!type || holds_text(resource.type, end, type));
-    });
+    const auto may_match = [&](const shmnm_resource& resource) { return key.may_equal(resource.name); };
+    for (int32_t position = 0;;) {
+        const auto resource = records.next(position, may_match);
+        if (!resource || (key.equals_around(resource->name, region.end()) &&
+                          (!type || holds_text(resource->type, region.end(), type)))) {
+            return resource;
+        }
+        position = resource.position + 1;
+    }
 }
 
 /// The resources of a table as the header counts and spaces them now.
