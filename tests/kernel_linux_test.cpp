@@ -723,6 +723,13 @@ class Traced {
         call.insert(call.end(), std::begin(info.entry.args), std::end(info.entry.args));
         return call;
     }
+    void run_until_it_enters(uint64_t number) {
+        while (step()) {
+            const std::vector<uint64_t> call = entered();
+            if (!call.empty() && call[0] == number) return;
+        }
+        throw std::runtime_error("no such call");
+    }
     /// Where it enters a system call: makes that fail instead.
     void fail_call(int error) {
         user_regs_struct registers{};
@@ -774,6 +781,36 @@ void until_it_sleeps_in_a_futex(pid_t process, pid_t thread) {
     while (test::contents_of(file).rfind(std::to_string(SYS_futex) + " ", 0) != 0) std::this_thread::yield();
 }
 
+void put_to_sleep_in_a_futex(Traced& process) {
+    process.run_until_it_enters(SYS_futex);
+    process.go();
+    until_it_sleeps_in_a_futex(process.id(), process.id());
+}
+
+/// A thread that sleeps in the kernel once this is made, because of what it does.
+class SleepingThread {
+  public:
+    explicit SleepingThread(const std::function<void()>& body)
+        : thread_([this, body] {
+              id_ = gettid();
+              body();
+          }) {
+        while (id_ == 0) std::this_thread::yield();
+        until_it_sleeps_in_a_futex(getpid(), id_);
+    }
+    ~SleepingThread() {
+        if (thread_.joinable()) thread_.join();
+    }
+    SleepingThread(const SleepingThread&) = delete;
+    SleepingThread& operator=(const SleepingThread&) = delete;
+
+    void join() { thread_.join(); }
+
+  private:
+    std::atomic<pid_t> id_{0};
+    std::thread thread_;
+};
+
 // A clock that is set cannot reach a wait that the kernel counts on the monotonic clock, and one futex call a wait is
 // no polling.
 TEST(KernelWait, IsOneCallToTheKernelOnTheMonotonicClock) {
@@ -811,10 +848,7 @@ TEST(KernelWait, WithoutLimitIsOneCallToTheKernel) {
         EXPECT_EQ(kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED});
         EXPECT_TRUE(kzmkernel_release(mutex.value));
     });
-    while (waiter.step()) {
-        const std::vector<uint64_t> call = waiter.entered();
-        if (!call.empty() && call[0] == SYS_futex) break;
-    }
+    waiter.run_until_it_enters(SYS_futex);
     EXPECT_EQ(waiter.entered().at(4), 0u);  // no time-out
     waiter.go();
     until_it_sleeps_in_a_futex(waiter.id(), waiter.id());
@@ -827,22 +861,13 @@ TEST(KernelWait, IsNotForgottenWhenTheWaiterThatWasWokenIsKilled) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Traced first([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
-    while (first.step()) {
-        const std::vector<uint64_t> call = first.entered();
-        if (!call.empty() && call[0] == SYS_futex) break;
-    }
-    first.go();
-    until_it_sleeps_in_a_futex(first.id(), first.id());
+    put_to_sleep_in_a_futex(first);
 
-    std::atomic<pid_t> second_id{0};
-    uint32_t second_result = KZMKERNEL_WAIT_FAILED;
-    std::thread second([&] {
-        second_id = gettid();
-        second_result = kzmkernel_wait(mutex.value, 20'000);
+    uint32_t result = KZMKERNEL_WAIT_FAILED;
+    SleepingThread second([&] {
+        result = kzmkernel_wait(mutex.value, 20'000);
         kzmkernel_release(mutex.value);
     });
-    while (second_id == 0) std::this_thread::yield();
-    until_it_sleeps_in_a_futex(getpid(), second_id);
 
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     ASSERT_TRUE(first.stands());  // woken, on its way out of the kernel
@@ -850,7 +875,7 @@ TEST(KernelWait, IsNotForgottenWhenTheWaiterThatWasWokenIsKilled) {
     first.kill();
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     second.join();
-    EXPECT_EQ(second_result, uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
 TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
@@ -860,25 +885,14 @@ TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
         getppid();
         kzmkernel_release(mutex.value);
     });
-    const auto runs_until_it_enters = [&](uint64_t number) {
-        while (owner.step()) {
-            const std::vector<uint64_t> call = owner.entered();
-            if (!call.empty() && call[0] == number) return;
-        }
-        throw std::runtime_error("no such call");
-    };
-    runs_until_it_enters(SYS_getppid);
-    std::atomic<pid_t> waiter_id{0};
+    owner.run_until_it_enters(SYS_getppid);
     uint32_t result = KZMKERNEL_WAIT_FAILED;
-    std::thread waiter([&] {
-        waiter_id = gettid();
+    SleepingThread waiter([&] {
         result = kzmkernel_wait(mutex.value, 20'000);
         kzmkernel_release(mutex.value);
     });
-    while (waiter_id == 0) std::this_thread::yield();
-    until_it_sleeps_in_a_futex(getpid(), waiter_id);
 
-    runs_until_it_enters(SYS_futex);  // the lock is free, nobody has been woken
+    owner.run_until_it_enters(SYS_futex);  // the lock is free, nobody has been woken
     EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     owner.kill();
     EXPECT_TRUE(kzmkernel_release(mutex.value));
@@ -890,21 +904,12 @@ TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Traced first([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
-    while (first.step()) {
-        const std::vector<uint64_t> call = first.entered();
-        if (!call.empty() && call[0] == SYS_futex) break;
-    }
-    first.go();
-    until_it_sleeps_in_a_futex(first.id(), first.id());
-    std::atomic<pid_t> second_id{0};
+    put_to_sleep_in_a_futex(first);
     uint32_t result = KZMKERNEL_WAIT_FAILED;
-    std::thread second([&] {
-        second_id = gettid();
+    SleepingThread second([&] {
         result = kzmkernel_wait(mutex.value, 20'000);
         kzmkernel_release(mutex.value);
     });
-    while (second_id == 0) std::this_thread::yield();
-    until_it_sleeps_in_a_futex(getpid(), second_id);
 
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     ASSERT_TRUE(first.stands());  // woken, on its way out of the kernel
@@ -925,12 +930,7 @@ TEST(KernelRelease, WakesAWaiterOnceHoweverOftenTheLockIsTakenBeforeItRuns) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Traced waiter([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
-    while (waiter.step()) {
-        const std::vector<uint64_t> call = waiter.entered();
-        if (!call.empty() && call[0] == SYS_futex) break;
-    }
-    waiter.go();
-    until_it_sleeps_in_a_futex(waiter.id(), waiter.id());
+    put_to_sleep_in_a_futex(waiter);
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     ASSERT_TRUE(waiter.stands());  // woken, but does not go on
 
@@ -956,16 +956,12 @@ TEST(KernelWait, GoesOnWhenItsHandleIsClosedMeanwhile) {
     const Handle mutex(create_mutex(object_name()));
     void* const closed = create_mutex(object_name());
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    std::atomic<pid_t> waiter_id{0};
-    std::thread waiter([&] {
-        waiter_id = gettid();
+    SleepingThread waiter([&] {
         EXPECT_EQ(kzmkernel_wait(closed, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED});
         EXPECT_FALSE(kzmkernel_release(closed));
         EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
         EXPECT_TRUE(kzmkernel_release(mutex.value));
     });
-    while (waiter_id == 0) std::this_thread::yield();
-    until_it_sleeps_in_a_futex(getpid(), waiter_id);
     EXPECT_TRUE(kzmkernel_close(closed));
     EXPECT_FALSE(kzmkernel_close(closed));
     EXPECT_TRUE(kzmkernel_release(mutex.value));
@@ -976,13 +972,8 @@ TEST(KernelWait, KeepsAnObjectAliveWhoseLastHandleIsClosedMeanwhile) {
     const std::string name = object_name();
     void* const mutex = create_mutex(name);
     ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    std::atomic<pid_t> waiter_id{0};
-    std::thread waiter([&] {
-        waiter_id = gettid();
-        EXPECT_EQ(kzmkernel_wait(mutex, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED});
-    });
-    while (waiter_id == 0) std::this_thread::yield();
-    until_it_sleeps_in_a_futex(getpid(), waiter_id);
+    SleepingThread waiter(
+        [&] { EXPECT_EQ(kzmkernel_wait(mutex, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED}); });
     EXPECT_TRUE(kzmkernel_close(mutex));
     {
         const Handle again(create_mutex(name));
@@ -1242,14 +1233,10 @@ TEST(KernelFork, ChildEndsAnObjectThatAThreadOfItsParentWaitedFor) {
     const std::string name = object_name();
     void* const mutex = create_mutex(name);
     ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    std::atomic<pid_t> waiter_id{0};
-    std::thread waiter([&] {
-        waiter_id = gettid();
+    SleepingThread waiter([&] {
         EXPECT_EQ(kzmkernel_wait(mutex, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED});
         EXPECT_TRUE(kzmkernel_release(mutex));
     });
-    while (waiter_id == 0) std::this_thread::yield();
-    until_it_sleeps_in_a_futex(getpid(), waiter_id);
     Sign closed, over;
     Forked child([&] {
         EXPECT_TRUE(kzmkernel_close(mutex));
@@ -1706,7 +1693,6 @@ TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
         // The one killed before may have been the last to get it.
         const uint32_t begin = kzmkernel_wait(mutex.value, 0);
         ASSERT_TRUE(begin == KZMKERNEL_WAIT_OWNED || begin == KZMKERNEL_WAIT_ABANDONED) << stops << ' ' << begin;
-        std::atomic<pid_t> waiter_id{0};
         uint32_t result = KZMKERNEL_WAIT_FAILED;
         {
             Traced child([&] {
@@ -1722,19 +1708,15 @@ TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
                 ++done;
                 if (enters_futex()) break;
             }
-            std::thread waiter;
             if (done < stops) {
                 // It blocks now, and another one behind it, which it has to wake.
                 child.go();
                 until_it_sleeps_in_a_futex(child.id(), child.id());
             }
-            waiter = std::thread([&] {
-                waiter_id = gettid();
+            SleepingThread waiter([&] {
                 result = kzmkernel_wait(mutex.value, 20'000);
                 kzmkernel_release(mutex.value);
             });
-            while (waiter_id == 0) std::this_thread::yield();
-            until_it_sleeps_in_a_futex(getpid(), waiter_id);
             EXPECT_TRUE(kzmkernel_release(mutex.value));
             if (done < stops) {
                 ended = !child.stands();

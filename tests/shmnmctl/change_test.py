@@ -6,10 +6,10 @@ from support import ToolTest
 class Changing(ToolTest):
     def refused(self, status, *command, **options):
         """Runs a command that must end with this status and change no byte of the region."""
-        before = self.tool("dump", "-").raw
+        before = self.dumped()
         result = self.tool(*command, **options)
         self.assertEqual(result.status, status, result)
-        self.assertEqual(self.tool("dump", "-").raw, before)
+        self.assertEqual(self.dumped(), before)
         return result.err
 
     def done(self, *command, **options):

@@ -23,13 +23,16 @@ class LockTest(ToolTest):
 
 
 class Locking(LockTest):
-    def test_the_command_runs_while_the_lock_is_held(self):
-        api = self.api()
-        holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
-        # The command answers, so it runs; it is not the owner and does not get the lock.
+    def expect_the_command_to_run_without_the_lock(self, holder):
+        """The command, an API caller, answers; it is not the owner and does not get the lock."""
         holder.stdin.write(b"shmnm_rwlock 0\n")
         holder.stdin.flush()
         self.assertEqual(holder.stdout.readline().strip(), b"17")
+
+    def test_the_command_runs_while_the_lock_is_held(self):
+        api = self.api()
+        holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
+        self.expect_the_command_to_run_without_the_lock(holder)
         self.assertEqual(api.call("shmnm_rwlock", 0)[0], 17)
         holder.stdin.close()
         self.assertEqual(holder.wait(), 0)
@@ -54,14 +57,10 @@ class Locking(LockTest):
     def test_ctrl_c_is_left_to_the_command_and_the_lock_stays_held(self):
         api = self.api()
         holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
-        holder.stdin.write(b"shmnm_rwlock 0\n")
-        holder.stdin.flush()
-        self.assertEqual(holder.stdout.readline().strip(), b"17")
+        self.expect_the_command_to_run_without_the_lock(holder)
         # To the tool alone; what a terminal sends reaches the command as well.
         holder.send_signal(signal.SIGINT)
-        holder.stdin.write(b"shmnm_rwlock 0\n")
-        holder.stdin.flush()
-        self.assertEqual(holder.stdout.readline().strip(), b"17")
+        self.expect_the_command_to_run_without_the_lock(holder)
         self.assertEqual(api.call("shmnm_rwlock", 0)[0], 17)
         holder.stdin.close()
         self.assertEqual(holder.wait(), 0)

@@ -165,7 +165,7 @@ class Looking(ToolTest):
         busy_cluster(self)
         file = support.path(self.folder / "picture.dump")
         self.assertEqual(self.tool("dump", file).status, 0)
-        self.assertEqual(self.tool("dump", "-").raw, (self.folder / "picture.dump").read_bytes())
+        self.assertEqual(self.dumped(), (self.folder / "picture.dump").read_bytes())
         live = [self.tool(*command) for command in (["list"], ["status"], ["get", "cluster/clstat"])]
         status = self.tool("status", "--format", "json").json
         # Elsewhere, later, under another configuration.

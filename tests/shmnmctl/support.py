@@ -99,7 +99,7 @@ class Api:
         self.process.stdin.flush()
         answer = self.process.stdout.readline().split()
         if not answer:
-            raise AssertionError(f"api_caller ended at {words}")
+            raise AssertionError(f"api_caller ended with {self.process.wait()} at {words}")
         return int(answer[0]), [word.decode() for word in answer[1:]]
 
     def ok(self, function, *inputs):
@@ -166,6 +166,12 @@ class ToolTest(unittest.TestCase):
             # An error is one line.
             self.assertLessEqual(result.err.count("\n"), 1, result)
         return result
+
+    def dumped(self):
+        """The region's bytes."""
+        result = self.tool("dump", "-")
+        self.assertEqual((result.status, result.err), (0, ""))
+        return result.raw
 
     def start(self, *arguments, **options):
         """Starts the tool and leaves it running; it is killed at the end of the test."""
