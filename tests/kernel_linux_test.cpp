@@ -775,6 +775,12 @@ TEST(KernelMemory, IsAllocatedWhileSignalsEndTheCalls) {
     EXPECT_GE(ended, 2);
 }
 
+kzmkernel_mutex_info info_of(void* mutex) {
+    kzmkernel_mutex_info info{};
+    EXPECT_TRUE(kzmkernel_mutex_info_get(mutex, &info));
+    return info;
+}
+
 /// Waits until a thread sleeps in futex().
 void until_it_sleeps_in_a_futex(pid_t process, pid_t thread) {
     const fs::path file = "/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/syscall";
@@ -926,6 +932,30 @@ TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken
     EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_ABANDONED});
 }
 
+// Whoever is killed leaves its name in the page, and a later process may get the same ids.
+TEST(KernelRelease, IsRefusedToANamesakeOfTheOwnerThatOwnsNothing) {
+    const Handle mutex(create_mutex(object_name()));
+    std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
+    for (const int takes : {1, 2}) {
+        for (int i = 0; i < takes; ++i) kzmkernel_wait(mutex.value, 0);
+        std::string owned(4096, 0);
+        ASSERT_TRUE(file.seekg(0).read(owned.data(), 4096));
+        for (int i = 0; i < takes; ++i) ASSERT_TRUE(kzmkernel_release(mutex.value));
+        // The page as it was then, but for the lock's own word, in which the kernel notes an owner's end.
+        const auto thread = static_cast<uint32_t>(gettid());
+        const size_t word = owned.find(std::string(reinterpret_cast<const char*>(&thread), sizeof thread));
+        ASSERT_NE(word, std::string::npos);
+        owned.replace(word, sizeof thread, sizeof thread, 0);
+        ASSERT_TRUE(file.seekp(0).write(owned.data(), 4096).flush());
+        EXPECT_EQ(info_of(mutex.value).owner_thread, thread) << "the name stands there";
+
+        EXPECT_FALSE(kzmkernel_release(mutex.value)) << takes;
+        EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_NOT_OWNER});
+        EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_release(mutex.value));
+    }
+}
+
 TEST(KernelRelease, WakesAWaiterOnceHoweverOftenTheLockIsTakenBeforeItRuns) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
@@ -992,28 +1022,29 @@ uint64_t now_ns(clockid_t clock = CLOCK_REALTIME) {
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
-kzmkernel_mutex_info info_of(void* mutex) {
-    kzmkernel_mutex_info info{};
-    EXPECT_TRUE(kzmkernel_mutex_info_get(mutex, &info));
-    return info;
-}
-
 TEST(KernelMutexInfo, NamesTheOwnerAndWhenItTookIt) {
     const Handle mutex(create_mutex(object_name()));
     EXPECT_EQ(info_of(mutex.value).owner_process, 0u);
     EXPECT_EQ(info_of(mutex.value).takeovers, 0u);
     EXPECT_EQ(info_of(mutex.value).last_takeover_ns, 0u);
-    const auto before = static_cast<uint64_t>(std::time(nullptr));
+    const auto second = [] { return static_cast<uint64_t>(std::time(nullptr)) * 1'000'000'000; };
+    // The first take of a handle by a thread, and any later one.
+    for (int i = 0; i < 2; ++i) {
+        const uint64_t before = second();
+        kzmkernel_wait(mutex.value, 0);
+        const kzmkernel_mutex_info info = info_of(mutex.value);
+        EXPECT_GE(info.owned_since_ns, before);
+        EXPECT_LE(info.owned_since_ns, second());
+        EXPECT_EQ(info.owned_since_ns % 1'000'000'000, 0u);
+        kzmkernel_release(mutex.value);
+    }
     kzmkernel_wait(mutex.value, 0);
-    const auto after = static_cast<uint64_t>(std::time(nullptr));
     kzmkernel_wait(mutex.value, 0);
     const Handle other(open_mutex(object_name()));
     std::thread([&] {
         const kzmkernel_mutex_info info = info_of(other.value);
         EXPECT_EQ(info.owner_process, static_cast<uint32_t>(getpid()));
         EXPECT_EQ(info.owner_thread, static_cast<uint32_t>(getpid()));
-        EXPECT_GE(info.owned_since_s, before);
-        EXPECT_LE(info.owned_since_s, after);
     }).join();
     kzmkernel_release(mutex.value);
     EXPECT_NE(info_of(mutex.value).owner_process, 0u);

@@ -8,7 +8,7 @@
 
 namespace test {
 
-/// A text of this length, no two bytes of which are the same in a row.
+/// A text of this length, in which no two neighbours are the same.
 inline std::string text_of_length(size_t length) {
     std::string text;
     for (size_t i = 0; i < length; ++i) text += static_cast<char>('a' + i % 26);

@@ -429,8 +429,9 @@ class LongRow : public test::RegionTest, public testing::WithParamInterface<Twin
     static constexpr size_t server_count = 28, hb_records = 13564, np_records = 104668, record_size = 740;
 
     LongRow() { map_region({.servers = servers, .hb = resources, .np = resources}); }
-    size_t row(uint32_t resource) const {
-        return (GetParam().has_network_rows ? hb_records : np_records) + record_size * resource + 584;
+    /// Where the word of a resource on a server lies.
+    size_t word(size_t resource, size_t server) const {
+        return (GetParam().has_network_rows ? hb_records : np_records) + record_size * resource + 584 + 4 * server;
     }
 };
 INSTANTIATE_TEST_SUITE_P(Of, LongRow, testing::Values(hb, np), test::kind_of_instance);
@@ -439,7 +440,7 @@ TEST_P(LongRow, HasAWordForEachServerOfAnyNumberOfThem) {
     for (uint32_t resource = 0; resource < resources; ++resource) {
         ASSERT_EQ(GetParam().add("lan", std::to_string(resource).c_str(), 1), SHMNM_OK);
         for (uint32_t server = 0; server < servers; ++server) {
-            poke_word(row(resource) + 4 * server, 1000 * resource + server);
+            poke_word(word(resource, server), 1000 * resource + server);
         }
     }
     for (uint32_t count = 0; count <= servers; ++count) {
@@ -471,7 +472,7 @@ TEST_P(LongRow, IsSetAWordAtATimeForServersFarBack) {
             const auto pri = static_cast<int32_t>(server);
             const uint32_t value = 1000 * resource + server;
             EXPECT_EQ(GetParam().set_on_server("lan", name.c_str(), pri, value), SHMNM_OK);
-            test::put_word(expected, row(resource) + 4 * server, value);
+            test::put_word(expected, word(resource, server), value);
             uint32_t read = ~value;
             EXPECT_EQ(GetParam().get_on_server("lan", name.c_str(), pri, &read), SHMNM_OK);
             EXPECT_EQ(read, value);

@@ -60,7 +60,7 @@ std::string describe_holder(void* mutex) {
         text = fmt::format("held by process {} thread {}", holder->process, holder->thread);
         text += process ? fmt::format(" (\"{}\", {})", printable(process->command), process->state)
                         : std::string(" (which has ended)");
-        text += fmt::format(" since {}", platform::to_text(holder->since_s * 1'000'000));
+        text += fmt::format(" since {}", platform::to_text(holder->since_ns / 1'000));
     }
     text += fmt::format("; taken over {} {} from an owner that ended", holder->takeovers,
                         holder->takeovers == 1 ? "time" : "times");

@@ -21,7 +21,7 @@ Exit run_locked(const Context& context, const std::vector<std::string>& command)
 Json to_json(const platform::LockHolder& holder) {
     Json one = {{"process", holder.process},
                 {"thread", holder.thread},
-                {"since", platform::to_text(holder.since_s * 1'000'000)},
+                {"since", platform::to_text(holder.since_ns / 1'000)},
                 {"command", nullptr},
                 {"state", "ended"}};
     if (const auto process = platform::process(holder.process)) {

@@ -30,9 +30,9 @@ uint64_t object_number(void* mapping);
 /// Who holds a lock, as far as the system tells. The fields are read one by one and may be of different moments.
 struct LockHolder {
     uint32_t process = 0, thread = 0;  ///< 0: nobody
-    uint64_t since_s = 0;              ///< seconds since 1970
+    uint64_t since_ns = 0;             ///< nanoseconds since 1970
     uint64_t takeovers = 0;            ///< how often a waiter got it from an owner that had ended
-    uint64_t last_takeover_ns = 0;     ///< when that was the last time, nanoseconds since 1970; 0: never
+    uint64_t last_takeover_ns = 0;     ///< when that was the last time; 0: never
     uint64_t takes = 0;                ///< how often it was taken
 };
 /// Nothing where the system does not tell.

@@ -133,7 +133,7 @@ std::optional<LockHolder> lock_holder(void* mutex) {
     if (!kzmkernel_mutex_info_get(mutex, &info)) return std::nullopt;
     return LockHolder{.process = info.owner_process,
                       .thread = info.owner_thread,
-                      .since_s = info.owned_since_s,
+                      .since_ns = info.owned_since_ns,
                       .takeovers = info.takeovers,
                       .last_takeover_ns = info.last_takeover_ns,
                       .takes = info.takes};

@@ -55,7 +55,7 @@ enum { KZMKERNEL_WAIT_OWNED = 0, KZMKERNEL_WAIT_ABANDONED = 0x80, KZMKERNEL_WAIT
 typedef struct kzmkernel_mutex_info {
     uint32_t owner_process;    /**< process id of the owner; 0: not owned */
     uint32_t owner_thread;     /**< its thread id */
-    uint64_t owned_since_s;    /**< time() of the outermost take, seconds since 1970 */
+    uint64_t owned_since_ns;   /**< when the outermost take began, to the second; nanoseconds since 1970 */
     uint64_t takeovers;        /**< how often a waiter got it from an owner that had ended */
     uint64_t last_takeover_ns; /**< CLOCK_REALTIME of the last of these; 0: never */
     uint64_t takes;            /**< how often a thread came to own it; not counted: an owner that takes it again */

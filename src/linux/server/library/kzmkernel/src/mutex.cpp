@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 
 #include "error.h"
 
@@ -17,7 +16,7 @@ constexpr uint64_t signature = 0x317865'74756D'7A6B + (uint64_t{sizeof(Mutex)} <
 constexpr uint64_t most_depth = 0x80000000;  // as in Windows
 constexpr auto relaxed = std::memory_order_relaxed;
 
-constexpr uint64_t ms_per_s = 1'000, ns_per_ms = 1'000'000, ns_per_s = 1'000'000'000;
+constexpr uint64_t ms_per_s = 1'000, ns_per_ms = 1'000'000;
 
 uint64_t now_ns(clockid_t clock) {
     timespec now{};
@@ -81,7 +80,7 @@ uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcep
     }
 }
 
-uint32_t Mutex::not_free(const Thread& thread, int result) noexcept {
+uint32_t Mutex::not_simply_taken(const Thread& thread, int result) noexcept {
     if (result == EBUSY) return KZMKERNEL_WAIT_TIMEOUT;
     uint32_t error = 0;
     return taken(thread, result, error);
@@ -133,12 +132,19 @@ int Mutex::block(uint32_t timeout_ms) noexcept {
     return result;
 }
 
+uint32_t Mutex::release_one_of_several(const Thread& thread) noexcept {
+    const auto word = static_cast<uint32_t>(__atomic_load_n(&lock_.__data.__lock, __ATOMIC_RELAXED));
+    if ((word & FUTEX_TID_MASK) != thread_of(thread.owner)) return KZMKERNEL_ERROR_NOT_OWNER;
+    --depth_;
+    return 0;
+}
+
 kzmkernel_mutex_info Mutex::info() const noexcept {
     kzmkernel_mutex_info result{};
     const uint64_t owner = owner_.load(relaxed);
     result.owner_process = process_of(owner);
     result.owner_thread = thread_of(owner);
-    result.owned_since_s = owned_since_s_.load(relaxed);
+    result.owned_since_ns = owned_since_ns_.load(relaxed);
     result.takeovers = takeovers_.load(relaxed);
     result.last_takeover_ns = last_takeover_ns_.load(relaxed);
     result.takes = takes_.load(relaxed);

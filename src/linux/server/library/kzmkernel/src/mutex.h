@@ -13,6 +13,8 @@
 
 namespace kzmkernel {
 
+inline constexpr uint64_t ns_per_s = 1'000'000'000;
+
 class Mutex {
   public:
     /// Makes a free mutex of zero-filled memory. @return 0 or a Windows error number
@@ -27,25 +29,24 @@ class Mutex {
     /// The same by a thread that knows who it is, with no time to wait, and an error that has to be asked for by
     /// wait().
     uint32_t attempt(const Thread& thread) noexcept {
+        // Before the lock's own steps there is time for it; nobody minds that a thread may be held up in between.
         const time_t now = time(nullptr);
         const int result = pthread_mutex_trylock(&lock_);
         if (result != 0) [[unlikely]]
-            return not_free(thread, result);
+            return not_simply_taken(thread, result);
         name_owner(thread, now);
         return KZMKERNEL_WAIT_OWNED;
     }
     /// @return 0 or a Windows error number
     uint32_t release(const Thread& thread) noexcept {
-        // Whoever is not named is not the owner. Whoever is named owns it, or has the ids of one that ended: then the
-        // lock refuses.
+        // Whoever is not named is not the owner. Whoever is named owns it, or has the ids and the tag of one that
+        // ended: the lock's own word tells.
         if (owner_.load(std::memory_order_relaxed) != thread.owner ||
             owner_tag_.load(std::memory_order_relaxed) != thread.tag) [[unlikely]] {
             return KZMKERNEL_ERROR_NOT_OWNER;
         }
-        if (depth_ > 1) [[unlikely]] {
-            --depth_;
-            return 0;
-        }
+        if (depth_ > 1) [[unlikely]]
+            return release_one_of_several(thread);
         owner_.store(0, std::memory_order_release);
         const int result = waiters_.load() == 0 ? pthread_mutex_unlock(&lock_) : unlock_noting_waiters();
         return result == 0 ? 0 : KZMKERNEL_ERROR_NOT_OWNER;
@@ -58,21 +59,22 @@ class Mutex {
     bool is_owned_by_this_process() const noexcept;
 
   private:
-    /// What a try to lock comes to, by its result: of an attempt that did not simply succeed, and of any that did not
-    /// run out of time.
-    [[gnu::cold, gnu::noinline]] uint32_t not_free(const Thread& thread, int result) noexcept;
+    [[gnu::cold, gnu::noinline]] uint32_t release_one_of_several(const Thread& thread) noexcept;
+    /// What an attempt comes to that has not simply succeeded.
+    [[gnu::cold, gnu::noinline]] uint32_t not_simply_taken(const Thread& thread, int result) noexcept;
+    /// What a try to lock comes to that has not run out of time.
     uint32_t taken(const Thread& thread, int result, uint32_t& error) noexcept;
     int block(uint32_t timeout_ms) noexcept;
     void mark_for_sleepers() noexcept;
     int unlock_noting_waiters() noexcept;
-    /// `since` is for people: the second is near enough, and what it costs is seen at each take.
+    /// `since` is for people: the second is near enough, and a finer clock would be felt at each take.
     void name_owner(const Thread& thread, time_t since) noexcept {
         // The lock orders owners already. This says it once more, for tools that do not know each way to take a lock.
         static_cast<void>(owner_.load(std::memory_order_acquire));
         depth_ = 1;
         if (waiters_.load(std::memory_order_relaxed) != 0) [[unlikely]]
             mark_for_sleepers();
-        owned_since_s_.store(static_cast<uint64_t>(since), std::memory_order_relaxed);
+        owned_since_ns_.store(static_cast<uint64_t>(since) * ns_per_s, std::memory_order_relaxed);
         takes_.store(takes_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         owner_tag_.store(thread.tag, std::memory_order_relaxed);
         owner_.store(thread.owner, std::memory_order_release);
@@ -85,7 +87,7 @@ class Mutex {
     uint64_t depth_;                 ///< how often the owner took it; for the owner alone
     // Written by the owner alone, for itself and for tools. They may still name one that ended: the lock's word
     // decides.
-    std::atomic<uint64_t> owner_, owner_tag_, owned_since_s_, takeovers_, last_takeover_ns_, takes_;
+    std::atomic<uint64_t> owner_, owner_tag_, owned_since_ns_, takeovers_, last_takeover_ns_, takes_;
     /// How often a thread began to block, or an owner to release what others wait for; and what this was when the last
     /// such owner had woken one.
     std::atomic<uint64_t> wakes_wanted_, wakes_done_;

@@ -42,19 +42,6 @@ template <typename Word>
 void copy_words(Word* to, const Word* from, size_t count) noexcept {
     for (size_t i = 0; i < count; ++i) store(to[i], load(from[i]));
 }
-/// Copies words of the region into a caller's buffer, four at a time where that is one aligned access: each word comes
-/// out whole. The thread sanitizer is not asked, since it does not know that.
-[[gnu::no_sanitize_thread]] inline void copy_words_out(uint32_t* to, const uint32_t* from, size_t count) noexcept {
-    using FourWords [[gnu::vector_size(16), gnu::may_alias]] = uint32_t;
-    const uint32_t* const end = from + count;
-    while (from < end && reinterpret_cast<uintptr_t>(from) % sizeof(FourWords) != 0) *to++ = load(*from++);
-#pragma GCC unroll 4
-    for (; end - from >= 4; from += 4, to += 4) {
-        const FourWords words = *reinterpret_cast<const volatile FourWords*>(from);
-        std::memcpy(to, &words, sizeof words);
-    }
-    while (from < end) *to++ = load(*from++);
-}
 inline void zero_words(void* first, size_t bytes) noexcept {
     auto* const words = static_cast<uint32_t*>(first);
     for (size_t i = 0; i < bytes / sizeof *words; ++i) store(words[i], uint32_t{0});
@@ -146,11 +133,28 @@ class Table {
     int32_t count() const noexcept { return count_; }
     Record& operator[](int32_t position) const noexcept { return at(first_ + position * step_); }
 
-    /// The first record from this one on, in order of position, that `matches`; without one, none at position count().
+    /// The first record, in order of position, that `matches`.
     template <typename Matches>
-    Found<Record> next(int32_t position, const Matches& matches) const noexcept {
+    Found<Record> first(const Matches& matches) const noexcept {
+        return from(first_, 0, matches);
+    }
+    /// The first one that `may_match`, as few do, and `matches`.
+    template <typename MayMatch, typename Matches>
+    [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches) const noexcept {
+        uint8_t* place = first_;
+        for (int32_t position = 0;;) {
+            const Found<Record> found = from(place, position, may_match);
+            if (!found || matches(*found.record)) return found;
+            place = reinterpret_cast<uint8_t*>(found.record) + step_;
+            position = found.position + 1;
+        }
+    }
+
+  private:
+    /// The first one that `matches` of the records from this place and position on.
+    template <typename Matches>
+    [[gnu::always_inline]] Found<Record> from(uint8_t* place, int32_t position, const Matches& matches) const noexcept {
         constexpr int32_t stride = 4;
-        uint8_t* place = first_ + position * step_;
         for (; count_ - position >= stride; position += stride, place += stride * step_) {
 #pragma GCC unroll 4
             for (int32_t i = 0; i < stride; ++i) {
@@ -162,12 +166,7 @@ class Table {
         }
         return {};
     }
-    template <typename Matches>
-    Found<Record> first(const Matches& matches) const noexcept {
-        return next(0, matches);
-    }
 
-  private:
     static Record& at(uint8_t* place) noexcept {
         return *reinterpret_cast<Record*>(place);
     }
@@ -175,9 +174,9 @@ class Table {
     /// How many of `count` records lie wholly in the view. Records that do not follow one another (a step that is not
     /// above 0) have no places of their own: there are none.
     static int32_t visible(uint64_t view_size, const Strip& strip, int32_t count) noexcept {
-        const uint64_t start = strip.start;
-        if (count <= 0 || strip.step <= 0 || start > view_size || view_size - start < sizeof(Record)) return 0;
-        const uint64_t room = view_size - start - sizeof(Record), step = static_cast<uint64_t>(strip.step);
+        const uint64_t last_start = view_size - sizeof(Record);  // a view is a page at least
+        if (count <= 0 || strip.step <= 0 || strip.start > last_start) return 0;
+        const uint64_t room = last_start - strip.start, step = static_cast<uint64_t>(strip.step);
         const uint64_t last = static_cast<uint64_t>(count) - 1;
         // A view is below 2^33 bytes and a count below 2^31, so only a step beyond the view could overflow the product.
         if (step <= room && last * step <= room) return count;

@@ -48,18 +48,21 @@ inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server)
 
 /// The first of these records with this type (null: of any type) and name. Which text is compared first makes no
 /// difference to the outcome; names differ more often.
-inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
-                                  const char* name) noexcept {
+[[gnu::always_inline]] inline Found<shmnm_resource> find_here(const Region& region,
+                                                              const Table<shmnm_resource>& records, const char* type,
+                                                              const char* name) noexcept {
     const TextKey key(name);
     const auto may_match = [&](const shmnm_resource& resource) { return key.may_equal(resource.name); };
-    for (int32_t position = 0;;) {
-        const auto resource = records.next(position, may_match);
-        if (!resource || (key.equals_around(resource->name, region.end()) &&
-                          (!type || holds_text(resource->type, region.end(), type)))) {
-            return resource;
-        }
-        position = resource.position + 1;
-    }
+    const auto matches = [&](const shmnm_resource& resource) __attribute__((always_inline)) {
+        return key.equals_around(resource.name, region.end()) &&
+               (!type || holds_text(resource.type, region.end(), type));
+    };
+    return records.first(may_match, matches);
+}
+/// The same, for those whom a call more costs nothing.
+inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
+                                  const char* name) noexcept {
+    return find_here(region, records, type, name);
 }
 
 /// The resources of a table as the header counts and spaces them now.
@@ -74,6 +77,9 @@ struct Resources {
 
     Found<shmnm_resource> find(const char* type, const char* name) const noexcept {
         return shmnm::find(region, records, type, name);
+    }
+    [[gnu::always_inline]] Found<shmnm_resource> find_here(const char* type, const char* name) const noexcept {
+        return shmnm::find_here(region, records, type, name);
     }
     Strip rows(const Grid& grid) const noexcept { return grid.rows(region, max_servers); }
 

@@ -18,12 +18,8 @@ struct Servers {
     /// The first server of this name.
     Found<shmnm_server> named(const char* name) const noexcept {
         const TextKey key(name);
-        const auto may_match = [&](const shmnm_server& server) { return key.may_equal(server.name); };
-        for (int32_t position = 0;;) {
-            const auto server = records.next(position, may_match);
-            if (!server || key.equals_around(server->name, region.end())) return server;
-            position = server.position + 1;
-        }
+        return records.first([&](const shmnm_server& server) { return key.may_equal(server.name); },
+                             [&](const shmnm_server& server) { return key.equals_around(server.name, region.end()); });
     }
     /// The first server of this priority.
     Found<shmnm_server> of_priority(int32_t pri) const noexcept {

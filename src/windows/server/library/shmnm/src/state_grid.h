@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "copy_out.h"
 #include "resource_table.h"
 #include "server_table.h"
 
@@ -16,7 +17,7 @@ namespace shmnm {
     const auto server = Servers(region).of_priority(svid);
     if (!server) return nullptr;
     const Resources resources(region, kind);
-    const auto resource = resources.find(type, name);
+    const auto resource = resources.find_here(type, name);
     if (!resource) return nullptr;
     const uint64_t offset = cell_offset(resources.rows(grid), resource.position, server.position);
     return region.holds(offset, sizeof(uint32_t)) ? region.word(offset) : nullptr;
@@ -67,12 +68,12 @@ inline int32_t words_within(int32_t count, uint32_t size) noexcept {
         return SHMNM_OK;
     }
     if (*size < needed) return SHMNM_ERR_BUFFER;
+    const int32_t wanted = std::max(words_within(servers, *size), 0);
     const Resources resources(region, kind);
-    const auto resource = resources.find(type, name);
+    const auto resource = resources.find_here(type, name);
     if (!resource) return not_found(call, type, name);
 
     const uint64_t offset = resources.rows(grid).at(resource.position);
-    const int32_t wanted = std::max(words_within(servers, *size), 0);
     const uint64_t copied = region.clipped(offset, sizeof(uint32_t) * static_cast<uint64_t>(wanted));
     if (copied > 0) copy_words_out(buf, region.word(offset), copied / sizeof(uint32_t));
     *size = static_cast<uint32_t>(copied);

@@ -20,7 +20,8 @@ inline bool holds_text(const char* field, const uint8_t* end, const char* text) 
 class TextKey {
   public:
     explicit TextKey(const char* text) noexcept : text_(text), size_(text ? std::strlen(text) + 1 : 0) {
-        // Loads that end with the text, or with these bytes: so none of them goes beyond either.
+        // Bytes 4 to 11 of the text, as far as it has them; shorter ones leave all to the second step. The loads end
+        // where these bytes or the text do, so none goes beyond it.
         if (size_ >= 8) {
             const size_t end = size_ < 12 ? size_ : 12, bits_before = 8 * (12 - end);
             mask_ = ~uint64_t{0} >> bits_before;
@@ -30,15 +31,15 @@ class TextKey {
             middle_ = word<uint32_t>(text + size_ - 4) >> 8 * (8 - size_);
         }
     }
-    /// Whether a field holds exactly this text. At least 16 bytes from `field` and all up to `end` may be read.
+    /// Whether a field holds exactly this text. At least 12 bytes from `field` and all up to `end` may be read.
     bool equals(const char* field, const uint8_t* end) const noexcept {
         return may_equal(field) && equals_around(field, end);
     }
 
     /// The two steps of equals(), for a loop that makes the second one only where the first says yes.
     bool may_equal(const char* field) const noexcept {
-        // Bytes 4 to 11: records begin 4 bytes before a multiple of 8 (with an odd number of servers, every other one),
-        // so these lie in one cache line. And names differ at their ends.
+        // Most names differ here rather than in their first bytes. And records begin 4 bytes before a multiple of 8
+        // (with an odd number of servers, every other one), so bytes 4 to 11 lie in one cache line.
         return (word<uint64_t>(field + 4) & mask_) == middle_;
     }
     /// The bytes before those, and behind.
