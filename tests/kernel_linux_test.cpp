@@ -787,11 +787,15 @@ void until_it_sleeps_in_a_futex(pid_t process, pid_t thread) {
     while (test::contents_of(file).rfind(std::to_string(SYS_futex) + " ", 0) != 0) std::this_thread::yield();
 }
 
-void put_to_sleep_in_a_futex(Traced& process) {
-    process.run_until_it_enters(SYS_futex);
-    process.go();
-    until_it_sleeps_in_a_futex(process.id(), process.id());
-}
+/// A traced process that sleeps in the kernel once this is made, because of what it does.
+class SleepingProcess : public Traced {
+  public:
+    explicit SleepingProcess(const std::function<void()>& body) : Traced(body) {
+        run_until_it_enters(SYS_futex);
+        go();
+        until_it_sleeps_in_a_futex(id(), id());
+    }
+};
 
 /// A thread that sleeps in the kernel once this is made, because of what it does.
 class SleepingThread {
@@ -815,6 +819,38 @@ class SleepingThread {
   private:
     std::atomic<pid_t> id_{0};
     std::thread thread_;
+};
+
+/// A thread that waits for a mutex, asleep in the kernel once this is made, and releases it when it had it.
+class SleepingWaiter {
+  public:
+    explicit SleepingWaiter(void* mutex)
+        : thread_([this, mutex] {
+              result_ = kzmkernel_wait(mutex, 20'000);
+              kzmkernel_release(mutex);
+          }) {}
+
+    /// What the wait comes to; waits for it.
+    uint32_t result() {
+        thread_.join();
+        return result_;
+    }
+
+  private:
+    uint32_t result_ = KZMKERNEL_WAIT_FAILED;
+    SleepingThread thread_;
+};
+
+/// Two that waited for the caller's mutex, which is released: the first has been woken and stands on its way out of the
+/// kernel.
+struct WokenAndSleeping {
+    explicit WokenAndSleeping(void* mutex)
+        : woken([mutex] { kzmkernel_wait(mutex, KZMKERNEL_INFINITE); }), sleeping(mutex) {
+        if (!kzmkernel_release(mutex) || !woken.stands()) throw std::runtime_error("nobody was woken");
+    }
+
+    SleepingProcess woken;
+    SleepingWaiter sleeping;
 };
 
 // A clock that is set cannot reach a wait that the kernel counts on the monotonic clock, and one futex call a wait is
@@ -866,22 +902,11 @@ TEST(KernelWait, WithoutLimitIsOneCallToTheKernel) {
 TEST(KernelWait, IsNotForgottenWhenTheWaiterThatWasWokenIsKilled) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    Traced first([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
-    put_to_sleep_in_a_futex(first);
-
-    uint32_t result = KZMKERNEL_WAIT_FAILED;
-    SleepingThread second([&] {
-        result = kzmkernel_wait(mutex.value, 20'000);
-        kzmkernel_release(mutex.value);
-    });
-
-    EXPECT_TRUE(kzmkernel_release(mutex.value));
-    ASSERT_TRUE(first.stands());  // woken, on its way out of the kernel
+    WokenAndSleeping waiters(mutex.value);
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    first.kill();
+    waiters.woken.kill();
     EXPECT_TRUE(kzmkernel_release(mutex.value));
-    second.join();
-    EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_EQ(waiters.sleeping.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
 TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
@@ -892,33 +917,19 @@ TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
         kzmkernel_release(mutex.value);
     });
     owner.run_until_it_enters(SYS_getppid);
-    uint32_t result = KZMKERNEL_WAIT_FAILED;
-    SleepingThread waiter([&] {
-        result = kzmkernel_wait(mutex.value, 20'000);
-        kzmkernel_release(mutex.value);
-    });
+    SleepingWaiter waiter(mutex.value);
 
     owner.run_until_it_enters(SYS_futex);  // the lock is free, nobody has been woken
     EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     owner.kill();
     EXPECT_TRUE(kzmkernel_release(mutex.value));
-    waiter.join();
-    EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_EQ(waiter.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
 TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    Traced first([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
-    put_to_sleep_in_a_futex(first);
-    uint32_t result = KZMKERNEL_WAIT_FAILED;
-    SleepingThread second([&] {
-        result = kzmkernel_wait(mutex.value, 20'000);
-        kzmkernel_release(mutex.value);
-    });
-
-    EXPECT_TRUE(kzmkernel_release(mutex.value));
-    ASSERT_TRUE(first.stands());  // woken, on its way out of the kernel
+    WokenAndSleeping waiters(mutex.value);
     Sign taken, never;
     Forked owner([&] {
         EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
@@ -926,10 +937,9 @@ TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken
         never.await();
     });
     taken.await();
-    first.kill();
+    waiters.woken.kill();
     owner.kill();
-    second.join();
-    EXPECT_EQ(result, uint32_t{KZMKERNEL_WAIT_ABANDONED});
+    EXPECT_EQ(waiters.sleeping.result(), uint32_t{KZMKERNEL_WAIT_ABANDONED});
 }
 
 // Whoever is killed leaves its name in the page, and a later process may get the same ids.
@@ -959,8 +969,7 @@ TEST(KernelRelease, IsRefusedToANamesakeOfTheOwnerThatOwnsNothing) {
 TEST(KernelRelease, WakesAWaiterOnceHoweverOftenTheLockIsTakenBeforeItRuns) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    Traced waiter([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
-    put_to_sleep_in_a_futex(waiter);
+    SleepingProcess waiter([&] { kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE); });
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     ASSERT_TRUE(waiter.stands());  // woken, but does not go on
 
@@ -1016,10 +1025,14 @@ TEST(KernelWait, KeepsAnObjectAliveWhoseLastHandleIsClosedMeanwhile) {
 
 // What tools see of a mutex.
 
-uint64_t now_ns(clockid_t clock = CLOCK_REALTIME) {
+uint64_t now_ns() {
     timespec now{};
-    clock_gettime(clock, &now);
+    clock_gettime(CLOCK_REALTIME, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+uint64_t this_second_ns() {
+    return static_cast<uint64_t>(std::time(nullptr)) * 1'000'000'000;
 }
 
 TEST(KernelMutexInfo, NamesTheOwnerAndWhenItTookIt) {
@@ -1027,14 +1040,13 @@ TEST(KernelMutexInfo, NamesTheOwnerAndWhenItTookIt) {
     EXPECT_EQ(info_of(mutex.value).owner_process, 0u);
     EXPECT_EQ(info_of(mutex.value).takeovers, 0u);
     EXPECT_EQ(info_of(mutex.value).last_takeover_ns, 0u);
-    const auto second = [] { return static_cast<uint64_t>(std::time(nullptr)) * 1'000'000'000; };
     // The first take of a handle by a thread, and any later one.
     for (int i = 0; i < 2; ++i) {
-        const uint64_t before = second();
+        const uint64_t before = this_second_ns();
         kzmkernel_wait(mutex.value, 0);
         const kzmkernel_mutex_info info = info_of(mutex.value);
         EXPECT_GE(info.owned_since_ns, before);
-        EXPECT_LE(info.owned_since_ns, second());
+        EXPECT_LE(info.owned_since_ns, this_second_ns());
         EXPECT_EQ(info.owned_since_ns % 1'000'000'000, 0u);
         kzmkernel_release(mutex.value);
     }
@@ -1060,11 +1072,13 @@ TEST(KernelMutexInfo, CountsAndDatesTakeOvers) {
         EXPECT_EQ(owner.wait(), 0);
         EXPECT_EQ(info_of(mutex.value).owner_process, static_cast<uint32_t>(owner.id()));
         EXPECT_EQ(info_of(mutex.value).takeovers, round - 1);
-        const uint64_t before = now_ns();
+        const uint64_t before = now_ns(), second_before = this_second_ns();
         EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_ABANDONED});
         EXPECT_EQ(info_of(mutex.value).takeovers, round);
         EXPECT_GE(info_of(mutex.value).last_takeover_ns, before);
         EXPECT_LE(info_of(mutex.value).last_takeover_ns, now_ns());
+        EXPECT_GE(info_of(mutex.value).owned_since_ns, second_before);
+        EXPECT_LE(info_of(mutex.value).owned_since_ns, this_second_ns());
         EXPECT_EQ(info_of(mutex.value).owner_process, static_cast<uint32_t>(getpid()));
         EXPECT_TRUE(kzmkernel_release(mutex.value));
     }
@@ -1724,7 +1738,6 @@ TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
         // The one killed before may have been the last to get it.
         const uint32_t begin = kzmkernel_wait(mutex.value, 0);
         ASSERT_TRUE(begin == KZMKERNEL_WAIT_OWNED || begin == KZMKERNEL_WAIT_ABANDONED) << stops << ' ' << begin;
-        uint32_t result = KZMKERNEL_WAIT_FAILED;
         {
             Traced child([&] {
                 if (kzmkernel_wait(mutex.value, 20'000) != KZMKERNEL_WAIT_OWNED || !kzmkernel_release(mutex.value))
@@ -1744,10 +1757,7 @@ TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
                 child.go();
                 until_it_sleeps_in_a_futex(child.id(), child.id());
             }
-            SleepingThread waiter([&] {
-                result = kzmkernel_wait(mutex.value, 20'000);
-                kzmkernel_release(mutex.value);
-            });
+            SleepingWaiter waiter(mutex.value);
             EXPECT_TRUE(kzmkernel_release(mutex.value));
             if (done < stops) {
                 ended = !child.stands();
@@ -1762,9 +1772,9 @@ TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
             } else {
                 child.kill();
             }
-            waiter.join();
+            const uint32_t result = waiter.result();
+            EXPECT_TRUE(result == KZMKERNEL_WAIT_OWNED || result == KZMKERNEL_WAIT_ABANDONED) << stops << ' ' << result;
         }
-        EXPECT_TRUE(result == KZMKERNEL_WAIT_OWNED || result == KZMKERNEL_WAIT_ABANDONED) << stops << ' ' << result;
     }
     EXPECT_GT(stops, 5);
 }

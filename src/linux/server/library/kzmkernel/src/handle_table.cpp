@@ -68,24 +68,6 @@ void give_up(Slot& slot) {
     drop_object(object);
 }
 
-/// Keeps the handlers of signals from what the thread remembers.
-class Inside {
-  public:
-    explicit Inside(Thread& thread) : thread_(thread) {
-        thread.is_inside.store(true, std::memory_order_relaxed);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-    }
-    ~Inside() {
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        thread_.is_inside.store(false, std::memory_order_relaxed);
-    }
-    Inside(const Inside&) = delete;
-    Inside& operator=(const Inside&) = delete;
-
-  private:
-    Thread& thread_;
-};
-
 void let_go(Thread& thread) {
     thread.handle = nullptr;
     MappedMutex* const mapped = std::exchange(thread.mapped, nullptr);
@@ -130,7 +112,7 @@ void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept 
     const Slot& slot = *use.slot_;
     const uint64_t state = slot.state.load(std::memory_order_relaxed);
     if ((state & open_bit) == 0 || !watch_end_of(thread)) return;
-    const Inside inside(thread);
+    thread.enter();
     let_go(thread);
     MappedMutex* const mapped = slot.object->mapped;
     mapped->users.fetch_add(1, std::memory_order_relaxed);
@@ -139,12 +121,14 @@ void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept 
     thread.mapped = mapped;
     thread.mutex = mapped->mutex;
     thread.handle = handle;
+    thread.leave();
 }
 
 void forget_last_mutex(Thread& thread) noexcept {
     if (thread.is_inside.load(std::memory_order_relaxed)) return;
-    const Inside inside(thread);
+    thread.enter();
     let_go(thread);
+    thread.leave();
 }
 
 void* open_handle(Object* object, bool writable) noexcept {

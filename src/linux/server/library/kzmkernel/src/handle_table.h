@@ -37,16 +37,15 @@ class LastMutexUse {
     LastMutexUse(Thread& thread, void* handle) noexcept : thread_(thread) {
         if (thread.is_inside.load(std::memory_order_relaxed)) [[unlikely]]
             return;
-        thread.is_inside.store(true, std::memory_order_relaxed);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
+        thread.enter();
         if (handle && thread.handle == handle && is_open(thread)) [[likely]] {
             found_ = true;
         } else {
-            leave();
+            thread.leave();
         }
     }
     ~LastMutexUse() {
-        if (found_) leave();
+        if (found_) thread_.leave();
     }
     LastMutexUse(const LastMutexUse&) = delete;
     LastMutexUse& operator=(const LastMutexUse&) = delete;
@@ -56,10 +55,6 @@ class LastMutexUse {
 
   private:
     static bool is_open(const Thread& thread) noexcept;
-    void leave() noexcept {
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        thread_.is_inside.store(false, std::memory_order_relaxed);
-    }
 
     Thread& thread_;
     bool found_ = false;

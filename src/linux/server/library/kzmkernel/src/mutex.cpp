@@ -18,9 +18,9 @@ constexpr auto relaxed = std::memory_order_relaxed;
 
 constexpr uint64_t ms_per_s = 1'000, ns_per_ms = 1'000'000;
 
-uint64_t now_ns(clockid_t clock) {
+uint64_t now_ns() {
     timespec now{};
-    clock_gettime(clock, &now);
+    clock_gettime(CLOCK_REALTIME, &now);
     return static_cast<uint64_t>(now.tv_sec) * ns_per_s + static_cast<uint64_t>(now.tv_nsec);
 }
 
@@ -70,7 +70,7 @@ uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcep
             return KZMKERNEL_WAIT_OWNED;
         case EOWNERDEAD:
             pthread_mutex_consistent(&lock_);
-            last_takeover_ns_.store(now_ns(CLOCK_REALTIME), relaxed);
+            last_takeover_ns_.store(now_ns(), relaxed);
             takeovers_.fetch_add(1, relaxed);
             name_owner(thread, time(nullptr));
             return KZMKERNEL_WAIT_ABANDONED;

@@ -37,6 +37,15 @@ struct Thread {
     /// Whether the thread is between the look at these and the end of what it does with the page. A signal's handler
     /// that comes then leaves them as they are.
     std::atomic<bool> is_inside;
+
+    void enter() noexcept {
+        is_inside.store(true, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    void leave() noexcept {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        is_inside.store(false, std::memory_order_relaxed);
+    }
 };
 
 inline uint64_t owner_number(uint32_t process, uint32_t thread) noexcept {

@@ -174,7 +174,8 @@ class Table {
     /// How many of `count` records lie wholly in the view. Records that do not follow one another (a step that is not
     /// above 0) have no places of their own: there are none.
     static int32_t visible(uint64_t view_size, const Strip& strip, int32_t count) noexcept {
-        const uint64_t last_start = view_size - sizeof(Record);  // a view is a page at least
+        static_assert(sizeof(Record) <= 4096);  // a view is a page at least
+        const uint64_t last_start = view_size - sizeof(Record);
         if (count <= 0 || strip.step <= 0 || strip.start > last_start) return 0;
         const uint64_t room = last_start - strip.start, step = static_cast<uint64_t>(strip.step);
         const uint64_t last = static_cast<uint64_t>(count) - 1;
