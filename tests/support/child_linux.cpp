@@ -77,7 +77,8 @@ class LinuxProcess final : public Child::Process {
     int wait() override {
         if (ended_) return status_;
         int status = 0;
-        while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+        // A stop is not an end: whoever steps a child sees it stop.
+        while ((waitpid(pid_, &status, 0) < 0 && errno == EINTR) || WIFSTOPPED(status)) {
         }
         ended_ = true;
         status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
