@@ -16,6 +16,7 @@ using model::Harness;
 
 /// A few servers and resources, so that there is something to be damaged.
 void fill(Harness& harness, std::mt19937_64& random) {
+    ASSERT_EQ(model::crowd(harness, static_cast<uint8_t>(random())).value_or(""), "");
     for (int i = 0; i < 60; ++i) {
         Call call;
         for (uint8_t& choice : call.choices) choice = static_cast<uint8_t>(random());

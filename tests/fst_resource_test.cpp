@@ -606,14 +606,36 @@ TEST_F(DamagedFstPids, TakeTheLastRecordThatLiesInTheView) {
     EXPECT_EQ(data, 4u);
 }
 
-TEST_F(DamagedFstPids, OfAKnownNameAreReadButNotUpdatedWhileTheTableCountsAsFull) {
-    poke_word(40, 999);
+TEST_F(DamagedFstPids, OfAKnownNameNeedNoRoomForAnotherRecord) {
+    for (const uint32_t count : {8u, 999u}) {
+        poke_word(40, count);
+        Bytes expected = region_bytes();
+        put(expected, pid_record(0) + 256, count, 4);
+        put(expected, pid_record(0) + 268, 4, 8);
+        log_of_last_call();
+        EXPECT_EQ(shmnm_setfstrscpid("ping", 0, count, 4), SHMNM_OK);
+        EXPECT_THAT(log_of_last_call(), ElementsAre(Enter(set_tag), Exit(set_tag, SHMNM_OK)));
+        EXPECT_EQ(region_bytes(), expected);
+        EXPECT_EQ(pid_of("ping"), count);
+        EXPECT_EQ(pid_of("pong"), 91u);
+    }
+}
+
+TEST_F(DamagedFstPids, LookAtTheCountBeforeTheNames) {
+    poke_word(40, 1000);
     const Bytes before = region_bytes();
     EXPECT_EQ(shmnm_setfstrscpid("ping", 0, 3, 4), SHMNM_ERR_COUNTOVER);
-    EXPECT_THAT(log_of_last_call(), ElementsAre(Enter(set_tag), Error(set_tag, "pid count is over(999)"),
+    EXPECT_THAT(log_of_last_call(), ElementsAre(Enter(set_tag), Error(set_tag, "pid count is over(1000)"),
                                                 Exit(set_tag, SHMNM_ERR_COUNTOVER)));
-    EXPECT_EQ(pid_of("ping"), 1u);
-    EXPECT_EQ(pid_of("pong"), 91u);
+    EXPECT_EQ(region_bytes(), before);
+}
+
+TEST_F(DamagedFstPids, OfABadKindLeaveAKnownNameAsItIsWhereNoOtherRecordFits) {
+    poke_word(40, 999);
+    const Bytes before = region_bytes();
+    EXPECT_EQ(shmnm_setfstrscpid("ping", 3, 3, 4), SHMNM_ERR_NOTINIT);
+    EXPECT_THAT(log_of_last_call(),
+                ElementsAre(Enter(set_tag), Error(set_tag, "invalid param"), Exit(set_tag, SHMNM_ERR_PARAM)));
     EXPECT_EQ(region_bytes(), before);
 }
 

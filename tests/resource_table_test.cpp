@@ -650,6 +650,25 @@ TEST_P(ResourceTable, AnswersNotInitFirstAndWritesNoLine) {
     EXPECT_EQ(word, 91u);
 }
 
+TEST_P(ResourceTable, LooksForAPairBeforeItLooksForRoomInTheView) {
+    shmnm_delete();
+    map_region({.servers = 1, .hb = 1, .np = 1});
+    ASSERT_EQ(view_size(), 4096u);
+    add("lan", "lan1");
+    ASSERT_EQ(shmnm_setmaxvalue_ex(1000, 1000, 1000), SHMNM_OK);  // a second record would start beyond the view
+    expect_failure(add_of("lan", "lan1"), twin().add_tag, "resource(lan1) already exist", SHMNM_ERR_EXIST);
+    expect_failure(add_of("lan", "lan2"), twin().add_tag, full(1), SHMNM_ERR_RSCOVER);
+    ASSERT_EQ(shmnm_setmaxvalue_ex(1000, 1, 1), SHMNM_OK);
+    expect_failure(add_of("lan", "lan1"), twin().add_tag, full(1), SHMNM_ERR_RSCOVER);
+}
+
+TEST_P(ResourceTable, LooksForAPairBeforeItLooksForRoomForTheStates) {
+    add("lan", "lan1");
+    poke_word(server_count, 100'000);
+    expect_failure(add_of("lan", "lan1"), twin().add_tag, "resource(lan1) already exist", SHMNM_ERR_EXIST);
+    expect_failure(add_of("lan", "lan2"), twin().add_tag, full(1), SHMNM_ERR_RSCOVER);
+}
+
 // ---- the two tables side by side ----
 
 class BothResourceTables : public test::RegionTest {};

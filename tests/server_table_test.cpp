@@ -648,6 +648,31 @@ TEST_F(ServerTable, ListsNamesOfAnyLength) {
     test::expect_listing(shmnm_enumnode, "_enumnode", {"", longest, "z"});
 }
 
+// ---- more servers than the view holds ----
+
+TEST_F(ServerTable, LooksForANameBeforeItLooksForRoomInTheView) {
+    shmnm_delete();
+    map_region({.servers = 1, .hb = 1, .np = 1});
+    ASSERT_EQ(shmnm_setmaxvalue_ex(1000, 1000, 1000), SHMNM_OK);
+    ASSERT_EQ(view_size(), 4096u);  // 1084 + 9 * 320 is 3964: 132 bytes are left
+    for (int32_t i = 0; i < 9; ++i) ASSERT_EQ(shmnm_addnode(("server" + std::to_string(i)).c_str(), i), SHMNM_OK);
+    const Bytes before = region_bytes();
+    for (const char* const name : {"server0", "server8"}) {
+        log_of_last_call();
+        EXPECT_EQ(shmnm_addnode(name, 99), SHMNM_ERR_EXIST);
+        EXPECT_THAT(log_of_last_call(),
+                    Fails("_addnode", std::string("server(") + name + ") already exist", SHMNM_ERR_EXIST));
+    }
+    EXPECT_EQ(shmnm_addnode("server9", 99), SHMNM_ERR_COUNTOVER);
+    EXPECT_THAT(log_of_last_call(), Fails("_addnode", "node count is over(9)", SHMNM_ERR_COUNTOVER));
+    ASSERT_EQ(shmnm_setmaxvalue_ex(9, 1000, 1000), SHMNM_OK);
+    log_of_last_call();
+    EXPECT_EQ(shmnm_addnode("server0", 99), SHMNM_ERR_COUNTOVER) << "the maximum comes first of all";
+    EXPECT_THAT(log_of_last_call(), Fails("_addnode", "node count is over(9)", SHMNM_ERR_COUNTOVER));
+    ASSERT_EQ(shmnm_setmaxvalue_ex(1000, 1000, 1000), SHMNM_OK);
+    EXPECT_EQ(region_bytes(), before);
+}
+
 // ---- the whole ----
 
 TEST_F(ServerTable, FindsNothingWhenItsCountIsNegative) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "plain_model/harness.h"
@@ -23,5 +24,8 @@ size_t calls_wanted(size_t calls);
 uint64_t seed_wanted();
 /// The counts of a region for any four bytes.
 Counts counts_of(uint8_t servers, uint8_t hb, uint8_t np, uint8_t fst);
+/// Half of the time, for any byte: raises the maxima far beyond what the view holds and adds so many servers that some
+/// of the following calls find no room for another record. @return what differs, if anything does
+std::optional<std::string> crowd(Harness& harness, uint8_t how);
 
 }  // namespace model

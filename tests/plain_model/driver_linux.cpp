@@ -50,8 +50,9 @@ Run run_random_calls() {
     for (params.seed = run.seed; calls_made < run.wanted; ++params.seed) {
         const auto result = rc::detail::checkTestable(
             [] {
-                const auto bytes = *rc::gen::container<std::array<uint8_t, 4>>(rc::gen::arbitrary<uint8_t>());
+                const auto bytes = *rc::gen::container<std::array<uint8_t, 5>>(rc::gen::arbitrary<uint8_t>());
                 Pair pair(counts_of(bytes[0], bytes[1], bytes[2], bytes[3]));
+                if (const auto difference = crowd(pair.harness, bytes[4])) RC_FAIL(*difference);
                 rc::state::check(Nothing{}, pair, rc::state::gen::execOneOfWithArgs<Step>());
             },
             rc::detail::TestMetadata{}, params);

@@ -21,7 +21,13 @@ Run run_random_calls() {
     const auto byte = [&] { return static_cast<uint8_t>(random()); };
     while (run.calls < run.wanted) {
         Harness harness(counts_of(byte(), byte(), byte(), byte()));
+        const uint8_t how = byte();
         std::ostringstream calls;
+        calls << "crowded by " << int{how} << "\n";
+        if (const auto difference = crowd(harness, how)) {
+            run.difference = *difference + "\nafter\n" + calls.str();
+            return run;
+        }
         for (size_t i = 0; i < sequence; ++i) {
             Call call;
             for (uint8_t& choice : call.choices) choice = byte();

@@ -408,6 +408,13 @@ Call call_of(size_t function, Call choices) {
     return choices;
 }
 
+Call call_of(std::string_view function, Call choices) {
+    const auto* const found = std::find_if(std::begin(functions), std::end(functions),
+                                           [&](const Function& candidate) { return candidate.name == function; });
+    if (found == std::end(functions)) throw std::logic_error("no such function: " + std::string(function));
+    return call_of(static_cast<size_t>(found - std::begin(functions)), choices);
+}
+
 std::ostream& operator<<(std::ostream& stream, const Call& call) {
     const Arguments in(call, 0);
     const auto shown = [](const char* text) {

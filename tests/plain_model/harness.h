@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "plain_model/model.h"
 
@@ -29,6 +30,8 @@ std::ostream& operator<<(std::ostream& stream, const Call& call);
 size_t function_count();
 /// A call of the function at an index, with arguments that follow from the other choices.
 Call call_of(size_t function, Call choices);
+/// The same for the function of this name, without its prefix.
+Call call_of(std::string_view function, Call choices);
 
 class Harness {
   public:

@@ -220,9 +220,9 @@ uint32_t Model::addnode(const char* name, int32_t pri) {
         const int32_t count = number(28);
         const std::string full = "node count is over(" + text(count) + ")";
         if (count >= number(8)) return fail(countover, full);
+        if (find_server(name) >= 0) return fail(exist, std::string("server(") + name + ") already exist");
         // A place that is not in the view counts as a full table.
         if (count < 0 || !inside(server(count), 320)) return fail(countover, full);
-        if (find_server(name) >= 0) return fail(exist, std::string("server(") + name + ") already exist");
         put_text(server(count), 256, name);
         view.at(static_cast<size_t>(server(count) + 255)) = 0;
         put(server(count) + 256, static_cast<uint32_t>(pri));
@@ -399,6 +399,8 @@ uint32_t Model::add(const char* function, Table table, const char* type, const c
         const int32_t count = number(table.count_at), servers = number(28);
         const std::string full = std::string(table.word) + " resource count is over(" + text(count) + ")";
         if (count >= number(table.limit_at)) return fail(rscover, full);
+        if (find_resource(table, type, name) >= 0)
+            return fail(exist, std::string("resource(") + name + ") already exist");
         // A place, or a word of it, that is not in the view counts as a full table.
         if (count < 0 || stride() <= 0 || table.start < 0 || !inside(resource(table, count), 584))
             return fail(rscover, full);
@@ -407,8 +409,6 @@ uint32_t Model::add(const char* function, Table table, const char* type, const c
             if (!inside(word(table, false, count, j), 4)) return fail(rscover, full);
             if (table.network && !inside(word(table, true, count, j), 4)) return fail(rscover, full);
         }
-        if (find_resource(table, type, name) >= 0)
-            return fail(exist, std::string("resource(") + name + ") already exist");
         const int64_t at = resource(table, count);
         put_text(at + 256, 32, type);
         view.at(static_cast<size_t>(at + 256 + 31)) = 0;
@@ -809,12 +809,16 @@ uint32_t Model::setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint6
         const int32_t count = number(40);
         const std::string full = "pid count is over(" + text(count) + ")";
         if (count >= number(24)) return fail(countover, full);
-        if (count < 0 || pid_start_ < 0 || !inside(pid_start_ + 324 * int64_t{count}, 324))
-            return fail(countover, full);
+        // As far as records lie in the view, whatever the count says.
+        const int32_t visible_count = visible(pid_start_, 324, 324, count);
         int32_t p = 0;
-        while (p < count && !same(pid_start_ + 324 * int64_t{p}, key.c_str())) ++p;
+        while (p < visible_count && !same(pid_start_ + 324 * int64_t{p}, key.c_str())) ++p;
+        const bool known = p < visible_count;
+        // Only a new name needs a place, and one that is not in the view counts as a full table.
+        if (!known && (count < 0 || pid_start_ < 0 || !inside(pid_start_ + 324 * int64_t{count}, 324)))
+            return fail(countover, full);
         const int64_t at = pid_start_ + 324 * int64_t{p};
-        if (p == count) {
+        if (!known) {
             put(40, static_cast<uint32_t>(count + 1));
             put_text(at, 256, key.c_str());
         }

@@ -64,14 +64,14 @@ Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name)
 uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {
     const char* const key = name ? name : "";
     const int32_t count = load(region.header().fst_pid_count);
-    auto* const free = free_place<shmnm_fst_pid>(region, pid_strip(region), count);
+    const auto full = [&] { return call.fail(SHMNM_ERR_COUNTOVER, "pid count is over(%d)", count); };
     // Deliberately before the lookup: in a full table not even a name that has a record can be updated.
-    if (count >= load(region.header().fst_pid_limit) || !free) {
-        return call.fail(SHMNM_ERR_COUNTOVER, "pid count is over(%d)", count);
-    }
+    if (count >= load(region.header().fst_pid_limit)) return full();
     shmnm_fst_pid* record = find(region, count, key).record;
     if (!record) {
-        record = free;
+        // A place that is not in the view counts as a full table.
+        record = free_place<shmnm_fst_pid>(region, pid_strip(region), count);
+        if (!record) return full();
         store(region.header().fst_pid_count, count + 1);
         put_text(record->name, sizeof record->name, key);
     }

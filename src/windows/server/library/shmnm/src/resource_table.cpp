@@ -12,12 +12,13 @@ uint32_t add_resource(Call call, const Region& region, const Kind& kind, const c
     if (!type || !name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
     const int32_t count = resources.count, server_count = load(region.header().server_count);
+    const auto full = [&] { return call.fail(SHMNM_ERR_RSCOVER, kind.full, count); };
+    if (count >= load(region.header().*kind.limit)) return full();
+    if (resources.find(type, name)) return call.fail(SHMNM_ERR_EXIST, "resource(%s) already exist", name);
+    // A place that is not wholly in the view counts as a full table.
     auto* const resource = free_place<shmnm_resource>(region, resources.strip, count);
     const StateRows rows(resources);
-    if (count >= load(region.header().*kind.limit) || !resource || !rows.hold(count, 0, int64_t{server_count} - 1)) {
-        return call.fail(SHMNM_ERR_RSCOVER, kind.full, count);
-    }
-    if (resources.find(type, name)) return call.fail(SHMNM_ERR_EXIST, "resource(%s) already exist", name);
+    if (!resource || !rows.hold(count, 0, int64_t{server_count} - 1)) return full();
 
     put_terminated(resource->type, sizeof resource->type, type);
     // Only the first 32 bytes of the name's field are ever written here.

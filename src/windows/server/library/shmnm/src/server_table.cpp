@@ -12,11 +12,12 @@ uint32_t add_server(Call call, const Region& region, const char* name, int32_t p
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Servers servers(region);
     const int32_t count = servers.count;
-    auto* const server = free_place<shmnm_server>(region, server_strip(region), count);
-    if (count >= load(region.header().max_servers) || !server) {
-        return call.fail(SHMNM_ERR_COUNTOVER, "node count is over(%d)", count);
-    }
+    const auto full = [&] { return call.fail(SHMNM_ERR_COUNTOVER, "node count is over(%d)", count); };
+    if (count >= load(region.header().max_servers)) return full();
     if (servers.named(name)) return call.fail(SHMNM_ERR_EXIST, "server(%s) already exist", name);
+    // A place that is not in the view counts as a full table.
+    auto* const server = free_place<shmnm_server>(region, server_strip(region), count);
+    if (!server) return full();
 
     put_terminated(server->name, sizeof server->name, name);
     store(server->pri, pri);
