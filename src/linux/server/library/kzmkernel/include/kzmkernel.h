@@ -116,6 +116,27 @@ KZMKERNEL_API int32_t kzmkernel_close(void* handle);
 /** Tells who owns a mutex and how often it was taken over. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info);
 
+/** Bytes of a mutex's note. */
+#define KZMKERNEL_NOTE_BYTES 1024
+
+/**
+ * The note of a mutex: KZMKERNEL_NOTE_BYTES of its page, zero at first, aligned to 8, that its owner may write for the
+ * owner after it. The note stays when an owner releases the mutex or ends.
+ *
+ * @return null when the calling thread does not own the mutex (288); otherwise valid until it releases it
+ */
+KZMKERNEL_API void* kzmkernel_note(void* mutex);
+
+/** Copies the note out, 8 bytes at a time, whoever owns the mutex meanwhile. @return nonzero on success */
+KZMKERNEL_API int32_t kzmkernel_note_read(void* mutex, void* note);
+
+/** The owner tells that it took the mutex only to look at what it guards. 288: not the owner. @return nonzero on
+ * success */
+KZMKERNEL_API int32_t kzmkernel_look_count(void* mutex);
+
+/** Tells how many takes were looks; whatever else `takes` counts was work. @return nonzero on success */
+KZMKERNEL_API int32_t kzmkernel_look_count_get(void* mutex, uint64_t* looks);
+
 /** @return a number that no other object of this kind has had since the machine started; 0: not a handle */
 KZMKERNEL_API uint64_t kzmkernel_object_number(void* handle);
 

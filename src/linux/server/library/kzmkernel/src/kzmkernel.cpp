@@ -58,6 +58,28 @@ uint32_t check(const Use& mutex) {
     return mutex->mapped->mutex->is_usable() ? 0 : KZMKERNEL_ERROR_ACCESS_DENIED;
 }
 
+int32_t refuse(uint32_t error) {
+    set_last_error(error);
+    return 0;
+}
+
+/// A mutex in use that the calling thread owns; otherwise empty, and the last error says why.
+class OwnedUse {
+  public:
+    explicit OwnedUse(void* mutex) : use_(mutex, Kind::mutex) {
+        uint32_t error = check(use_);
+        if (error == 0 && !use_->mapped->mutex->is_owned_by(this_thread())) error = KZMKERNEL_ERROR_NOT_OWNER;
+        if (error != 0) set_last_error(error);
+        owned_ = error == 0;
+    }
+    explicit operator bool() const { return owned_; }
+    Mutex* operator->() const { return use_->mapped->mutex; }
+
+  private:
+    const Use use_;
+    bool owned_ = false;
+};
+
 [[gnu::noinline]] uint32_t wait_in_use(void* mutex, uint32_t timeout_ms) {
     const Use use(mutex, Kind::mutex);
     uint32_t error = check(use);
@@ -154,11 +176,34 @@ int32_t kzmkernel_close(void* handle) {
 
 int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info) {
     const Use use(mutex, Kind::mutex);
-    if (!use || !info) {
-        set_last_error(use ? KZMKERNEL_ERROR_INVALID_PARAMETER : KZMKERNEL_ERROR_INVALID_HANDLE);
-        return 0;
-    }
+    if (!use || !info) return refuse(use ? KZMKERNEL_ERROR_INVALID_PARAMETER : KZMKERNEL_ERROR_INVALID_HANDLE);
     *info = use->mapped->mutex->info();
+    return 1;
+}
+
+void* kzmkernel_note(void* mutex) {
+    const OwnedUse use(mutex);
+    return use ? use->note() : nullptr;
+}
+
+int32_t kzmkernel_note_read(void* mutex, void* note) {
+    const Use use(mutex, Kind::mutex);
+    if (!use || !note) return refuse(use ? KZMKERNEL_ERROR_INVALID_PARAMETER : KZMKERNEL_ERROR_INVALID_HANDLE);
+    use->mapped->mutex->read_note(note);
+    return 1;
+}
+
+int32_t kzmkernel_look_count(void* mutex) {
+    const OwnedUse use(mutex);
+    if (!use) return 0;
+    use->count_look();
+    return 1;
+}
+
+int32_t kzmkernel_look_count_get(void* mutex, uint64_t* looks) {
+    const Use use(mutex, Kind::mutex);
+    if (!use || !looks) return refuse(use ? KZMKERNEL_ERROR_INVALID_PARAMETER : KZMKERNEL_ERROR_INVALID_HANDLE);
+    *looks = use->mapped->mutex->looks();
     return 1;
 }
 

@@ -75,20 +75,6 @@ bool must_stay_mapped(const MappedMutex& mapped) {
     return mapped.users.load(std::memory_order_acquire) != 0 || mapped.mutex->is_owned_by_this_process();
 }
 
-/// Gives back the memory of closed mutexes that no thread of this process needs any more.
-void forget_closed_mutexes() {
-    for (Object** at = &closed_mutexes; *at;) {
-        Object* const object = *at;
-        if (must_stay_mapped(*object->mapped)) {
-            at = &object->next;
-            continue;
-        }
-        *at = object->next;
-        unmap(object->mapped);
-        delete object;
-    }
-}
-
 /// Charges all of the memory now. It is done in steps, because a signal makes one start again.
 int allocate(int file, uint64_t size) {
     struct statvfs disk {};
@@ -290,6 +276,19 @@ void drop_object(Object* object) noexcept {
     }
     unmap(object->mapped);
     delete object;
+}
+
+void forget_closed_mutexes() noexcept {
+    for (Object** at = &closed_mutexes; *at;) {
+        Object* const object = *at;
+        if (must_stay_mapped(*object->mapped)) {
+            at = &object->next;
+            continue;
+        }
+        *at = object->next;
+        unmap(object->mapped);
+        delete object;
+    }
 }
 
 void forget_users_of_mutexes() noexcept {

@@ -44,7 +44,9 @@ uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& obje
 uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept;
 /// Gives up one handle. With the last one of the process the object goes; with the last of all processes its file.
 void drop_object(Object* object) noexcept;
-/// In the child of a fork, and at the end of the library: no thread keeps a mutex's page mapped.
+/// Gives back the pages of closed mutexes that no thread of this process needs any more.
+void forget_closed_mutexes() noexcept;
+/// In the child of a fork, where no other thread is left to keep a mutex's page mapped.
 void forget_users_of_mutexes() noexcept;
 
 }  // namespace kzmkernel

@@ -1,15 +1,14 @@
 #include "process.h"
 
 #include <pthread.h>
-#include <sys/auxv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <mutex>
 
 #include "handle_table.h"
+#include "object.h"
 
 namespace kzmkernel {
 namespace {
@@ -29,7 +28,7 @@ void after_fork_in_parent() {
 }
 void after_fork_in_child() {
     // Its thread ids are others, and so may be its process-id namespace.
-    self.tag = 0;
+    self.owner = 0;
     self.handle = nullptr;
     self.mapped = nullptr;
     own_namespace.store(0, std::memory_order_relaxed);
@@ -49,19 +48,11 @@ void after_fork_in_child() {
 }
 [[gnu::destructor]] void leave_threads() {
     if (has_end_of_thread) pthread_key_delete(end_of_thread);
+    forget_last_mutex(self);
+    // Pages that other threads keep stay mapped: a thread may be inside a wait while this one ends the process.
     if (!tables.try_lock()) return;
-    forget_users_of_mutexes();
+    forget_closed_mutexes();
     tables.unlock();
-}
-
-/// Made of what stays the same when this library is loaded again: the program's random bytes and the thread's
-/// descriptor.
-uint64_t tag_of_thread() {
-    uint64_t random = 0;
-    if (const unsigned long address = getauxval(AT_RANDOM)) {
-        std::memcpy(&random, reinterpret_cast<const void*>(address), sizeof random);
-    }
-    return (random ^ static_cast<uint64_t>(pthread_self())) | 1;
 }
 
 }  // namespace
@@ -85,9 +76,8 @@ Thread& thread_state() noexcept {
 
 Thread& this_thread() noexcept {
     Thread& thread = self;
-    if (thread.tag == 0) {
+    if (thread.owner == 0) {
         thread.owner = owner_number(static_cast<uint32_t>(getpid()), static_cast<uint32_t>(gettid()));
-        thread.tag = tag_of_thread();
     }
     return thread;
 }

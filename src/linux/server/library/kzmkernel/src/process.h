@@ -24,8 +24,7 @@ class Mutex;
 
 /// A thread: who it is, and which mutex it used last, so that the next use need not be counted for all to see.
 struct Thread {
-    uint64_t owner;  ///< its ids, as owner_number() joins them
-    uint64_t tag;    ///< tells threads apart that have the same ids one after the other; never 0
+    uint64_t owner;  ///< its ids, as owner_number() joins them; 0: not asked for yet
 
     /// The last mutex's handle, what its slot says as long as it is open, and its page, which it keeps mapped; null:
     /// none.
