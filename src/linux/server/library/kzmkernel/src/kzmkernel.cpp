@@ -6,6 +6,7 @@
 
 #include <ctime>
 
+#include "clock.h"
 #include "error.h"
 #include "handle_table.h"
 #include "mutex.h"
@@ -226,14 +227,7 @@ void kzmkernel_sleep(uint32_t milliseconds) {
     if (milliseconds == KZMKERNEL_INFINITE) {
         for (;;) pause();
     }
-    timespec end{};
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += static_cast<time_t>(milliseconds / 1'000);
-    end.tv_nsec += static_cast<long>(milliseconds % 1'000) * 1'000'000;
-    if (end.tv_nsec >= 1'000'000'000) {
-        ++end.tv_sec;
-        end.tv_nsec -= 1'000'000'000;
-    }
+    const timespec end = timespec_of(now_ns(CLOCK_MONOTONIC) + milliseconds * ns_per_ms);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) != 0) {
     }
 }

@@ -14,19 +14,8 @@ namespace {
 constexpr uint64_t most_depth = 0x80000000;  // as in Windows
 constexpr auto relaxed = std::memory_order_relaxed;
 
-constexpr uint64_t ns_per_ms = 1'000'000;
 /// Long enough to cost nothing, short enough for whoever waits beside a lock that became free unnoticed.
 constexpr uint64_t slice_ns = 500 * ns_per_ms;
-
-uint64_t now_ns(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<uint64_t>(now.tv_sec) * ns_per_s + static_cast<uint64_t>(now.tv_nsec);
-}
-
-timespec timespec_of(uint64_t ns) {
-    return {static_cast<time_t>(ns / ns_per_s), static_cast<long>(ns % ns_per_s)};
-}
 
 }  // namespace
 

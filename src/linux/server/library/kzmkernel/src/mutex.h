@@ -11,13 +11,12 @@
 #include <cstdint>
 #include <ctime>
 
+#include "clock.h"
 #include "kzmkernel.h"
 #include "mutex_page.h"
 #include "process.h"
 
 namespace kzmkernel {
-
-inline constexpr uint64_t ns_per_s = 1'000'000'000;
 
 class Mutex {
   public:

@@ -7,53 +7,15 @@
 #include <atomic>
 #include <mutex>
 
-#include "handle_table.h"
-#include "object.h"
-
 namespace kzmkernel {
 namespace {
 
 constinit std::mutex tables;
 constinit thread_local Thread self{};
-/// Its destructor is called with the Thread of one that ends.
+/// Its destructor is called with the Thread of a thread that ends.
 pthread_key_t end_of_thread;
 constinit bool has_end_of_thread = false;
 constinit std::atomic<uint64_t> own_namespace{0};
-
-void before_fork() {
-    tables.lock();
-}
-void after_fork_in_parent() {
-    tables.unlock();
-}
-void after_fork_in_child() {
-    // Its thread ids are others, and so may be its process-id namespace.
-    self.owner = 0;
-    self.handle = nullptr;
-    self.mapped = nullptr;
-    own_namespace.store(0, std::memory_order_relaxed);
-    forget_other_threads();
-    forget_users_of_mutexes();
-    tables.unlock();
-}
-
-// Registered for this library alone, so it is withdrawn when the library is unloaded.
-[[gnu::constructor]] void watch_forks() {
-    pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-}
-
-[[gnu::constructor]] void watch_threads() {
-    has_end_of_thread =
-        pthread_key_create(&end_of_thread, [](void* thread) { forget_last_mutex(*static_cast<Thread*>(thread)); }) == 0;
-}
-[[gnu::destructor]] void leave_threads() {
-    if (has_end_of_thread) pthread_key_delete(end_of_thread);
-    forget_last_mutex(self);
-    // Pages that other threads keep stay mapped: a thread may be inside a wait while this one ends the process.
-    if (!tables.try_lock()) return;
-    forget_closed_mutexes();
-    tables.unlock();
-}
 
 }  // namespace
 
@@ -84,6 +46,31 @@ Thread& this_thread() noexcept {
 
 bool watch_end_of(Thread& thread) noexcept {
     return has_end_of_thread && pthread_setspecific(end_of_thread, &thread) == 0;
+}
+
+void begin_watching_threads(void (*at_end)(void* thread)) noexcept {
+    has_end_of_thread = pthread_key_create(&end_of_thread, at_end) == 0;
+}
+
+void end_watching_threads() noexcept {
+    if (has_end_of_thread) pthread_key_delete(end_of_thread);
+}
+
+void become_child() noexcept {
+    self.owner = 0;
+    self.handle = nullptr;
+    self.mapped = nullptr;
+    own_namespace.store(0, std::memory_order_relaxed);
+}
+
+void lock_tables() noexcept {
+    tables.lock();
+}
+bool try_to_lock_tables() noexcept {
+    return tables.try_lock();
+}
+void unlock_tables() noexcept {
+    tables.unlock();
 }
 
 uint64_t process_id_namespace() noexcept {

@@ -1,5 +1,4 @@
-// What is one a process: the lock over its tables, and who this process and thread are. A child made by fork() starts
-// with the lock free, whatever other threads of its parent did meanwhile, and is somebody else.
+// What there is once per process: the lock over its tables, and who this process and its threads are.
 #pragma once
 
 #include <atomic>
@@ -61,10 +60,22 @@ inline uint32_t thread_of(uint64_t owner) noexcept {
 Thread& thread_state() noexcept;
 /// The calling thread.
 Thread& this_thread() noexcept;
-/// Lets the pages that threads keep mapped go when they end; false when that cannot be.
+/// Has begin_watching_threads()'s function called when this thread ends; false when that is impossible.
 bool watch_end_of(Thread& thread) noexcept;
 
 /// The inode of this process's process-id namespace; 0 when it cannot be told.
 uint64_t process_id_namespace() noexcept;
+
+// For the process's turning points (hooks.cpp).
+
+/// `at_end` is called with the Thread of each watched thread that ends.
+void begin_watching_threads(void (*at_end)(void* thread)) noexcept;
+void end_watching_threads() noexcept;
+/// In the child of a fork: its ids are others, and so may be its process-id namespace. It starts without a last mutex.
+void become_child() noexcept;
+/// What ProcessLock holds, where a fork begins in one function and ends in another.
+void lock_tables() noexcept;
+bool try_to_lock_tables() noexcept;
+void unlock_tables() noexcept;
 
 }  // namespace kzmkernel
