@@ -1,35 +1,34 @@
 # What every target of the project is compiled with: `shmnm_options` holds the warnings, the sanitizers and the hardening,
 # `shmnm_library()` makes one of the shared libraries with a fixed file name.
+if(MSVC)
+    message(FATAL_ERROR "the library needs g++ or clang; programs by Microsoft's compiler link to lib/kzmshmnm.lib")
+endif()
 add_library(shmnm_options INTERFACE)
 target_compile_features(shmnm_options INTERFACE cxx_std_20)
 target_compile_definitions(shmnm_options INTERFACE $<$<BOOL:${WIN32}>:WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0A00>)
 
-if(MSVC)
-    target_compile_options(shmnm_options INTERFACE /W4 /WX /permissive- /Zc:__cplusplus)
-else()
-    target_compile_options(
-        shmnm_options
-        INTERFACE -Wall
-                  -Wextra
-                  -Wpedantic
-                  -Wconversion
-                  -Wsign-conversion
-                  -Wshadow
-                  -Wundef
-                  -Wformat=2
-                  -Wcast-align
-                  -Wcast-qual
-                  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
-                  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
-                  $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
-                  -Werror
-                  -fstack-protector-strong)
-endif()
+target_compile_options(
+    shmnm_options
+    INTERFACE -Wall
+              -Wextra
+              -Wpedantic
+              -Wconversion
+              -Wsign-conversion
+              -Wshadow
+              -Wundef
+              -Wformat=2
+              -Wcast-align
+              -Wcast-qual
+              $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+              $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+              $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+              -Werror
+              -fstack-protector-strong)
 
 if(WIN32)
     enable_language(RC)
 endif()
-if(WIN32 AND NOT MSVC)
+if(WIN32)
     # The C++ run time is part of each file, so that nothing beside the system's own libraries is needed.
     target_link_options(shmnm_options INTERFACE -static -fstack-protector-strong -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat)
 elseif(UNIX)

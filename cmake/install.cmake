@@ -46,8 +46,6 @@ if(WIN32)
     list(SORT functions)
     list(JOIN functions "\n" functions)
     file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def CONTENT "LIBRARY kzmshmnm.dll\nEXPORTS\n@functions@\n" @ONLY)
-endif()
-if(WIN32 AND NOT MSVC)
     # What Microsoft's linker and lld-link take; the MinGW linker writes its own libkzmshmnm.dll.a.
     find_program(SHMNM_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
     if(NOT SHMNM_LLVM_DLLTOOL)
@@ -167,7 +165,7 @@ function(shmnm_install libdir runtime development tool)
             DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
             COMPONENT ${tool} ${ARGN})
     endif()
-    if(WIN32 AND NOT MSVC)
+    if(WIN32)
         install(
             FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
             DESTINATION ${libdir}
