@@ -9,6 +9,7 @@
  *  - Life     an object lives while any process holds a handle to it, however its holders end; then its name is free.
  *  - Refused  5: what lies under the name is no object, or another user's; a mutex of another process-id namespace.
  *             1006: the object lives, but its file or the folder of the files was removed or replaced.
+ *             170: for two seconds another process, which is stopped or hangs, kept others from the folder.
  *  - Fork     a child owns no mutex; its copies of the handles keep objects alive as long as it lives. exec closes
  * them.
  *  - Names    1 to 200 bytes without '/' and control characters, not beginning with a dot.
@@ -37,6 +38,7 @@ enum {
     KZMKERNEL_ERROR_INVALID_PARAMETER = 87,
     KZMKERNEL_ERROR_DISK_FULL = 112,
     KZMKERNEL_ERROR_INVALID_NAME = 123,
+    KZMKERNEL_ERROR_BUSY = 170, /**< a process that is stopped or hangs keeps others from the folder of the files */
     KZMKERNEL_ERROR_ALREADY_EXISTS = 183,
     KZMKERNEL_ERROR_NOT_OWNER = 288,
     KZMKERNEL_ERROR_INVALID_ADDRESS = 487,

@@ -1,14 +1,29 @@
 // The folder that holds a user's objects, and what tells a living object from the leftovers of a dead one.
 //
-// Gate. Whoever creates, opens or removes something holds an flock on the folder meanwhile; the kernel drops it with
-// its holder.
+// Three things lie in it or beside it, and each is locked only through a descriptor that no other user can have:
+//   folder    kzmkernel.UID, mode 0700: one file per object, named by kind and name;
+//   sibling   kzmkernel.UID.guard, mode 0600, empty: guards the folder as the folder guards the objects;
+//   gate      an flock on the folder, held by whoever looks at names or changes them, and for nothing longer: no memory
+//             is allocated meanwhile. It is waited for at most 2 s; then the call fails with 170.
+// The kernel drops all of these locks with the last copy of their descriptor, so with their holder.
 //
-// Guards. Each process that holds an object keeps two bytes of the *folder* read-locked (open file description locks,
-// which the kernel drops when the last copy of the descriptor is gone): one byte whose place is a hash of the object's
-// name and one whose place is a hash of the name, the file's inode and its size. The first locked: the name is alive,
-// whatever became of its file. Both locked: the file found under the name is still the living one. The folder is
-// guarded in the same way by two bytes of the memory disk's root, so that even a removed folder is noticed. Only read
-// locks can be had on a folder, so nobody can keep others from taking theirs.
+// Guards. Each process that holds an object keeps two bytes of the folder read-locked (open file description locks):
+// N, whose place is a hash of the object's name, and F, whose place is a hash of the name, the file's inode and its
+// size. N locked: the name is alive, whatever became of its file. F locked too: the file under the name is still the
+// living one. The folder has its own N and F in the sibling, held by everyone who is in the folder or holds an object.
+//
+// To enter (Gate::enter):
+//   E1  Open the parent; refuse it when others may remove names in it.
+//   E2  Open the folder. If it is missing: when its N is locked in the sibling and it is still missing, it was removed
+//       (1006); else make it, or fail with 2 when nothing is to be made.
+//   E3  Open the sibling, or make it. Refuse a folder or a sibling of another owner, mode, type or number of links.
+//   E4  Lock the gate; 170 after 2 s.
+//   E5  Look at the folder's N and F in the sibling. Only N is locked: another folder is the living one. Else lock
+//   both. E6  Both names must still lead to what was opened; else let all go and start over at E2. Only after that a
+//       difference seen in E5 counts (1006). Whoever made another folder meanwhile looked at N (E2) after this one's
+//       name was gone, so after E5, or came before E6: two folders never live at once.
+// If the sibling alone is removed, the next to enter makes it again and guards the same folder anew. If both are
+// removed, by their user or by root, while objects live, that is not noticed.
 #pragma once
 
 #include <sys/stat.h>
@@ -16,6 +31,8 @@
 #include <cstdint>
 
 #include "descriptor.h"
+#include "patience.h"
+#include "place.h"
 
 namespace kzmkernel {
 
@@ -42,15 +59,34 @@ class Gate {
     bool enter_again(int folder) noexcept;
     ~Gate() { leave(); }
 
+    /// Lets others in, but stays in the folder, which is guarded meanwhile.
+    void step_out() noexcept;
+    /// Goes on after step_out(). @return 0 or a Windows error number
+    uint32_t step_in() noexcept;
+
     int folder() const { return folder_.get(); }
     void leave() noexcept;
     /// Lets go of the gate but keeps the two descriptors, which carry the guards.
-    void leave_guarded(Descriptor& root, Descriptor& folder) noexcept;
+    void leave_guarded(Descriptor& sibling, Descriptor& folder) noexcept;
+
+    /// Waits, outside the gate, while another process makes an object of this name, so that its memory is not charged
+    /// twice; but not for long, since that process may be stopped. Others wait for this one until it leaves.
+    /// @return whether there was anything to wait for
+    bool wait_for_maker_of(const char* file_name) noexcept;
 
   private:
-    uint32_t open_folder(const char* name, bool make) noexcept;
+    uint32_t enter_once(bool make, bool& again) noexcept;
+    uint32_t open_folder(bool make, bool& again) noexcept;
+    uint32_t make_folder(bool make, bool& again) noexcept;
+    uint32_t open_sibling(bool& again) noexcept;
+    uint32_t lock() noexcept;
+    void stop_making() noexcept;
+    bool has_its_names(const struct stat& folder) const noexcept;
 
-    Descriptor root_, folder_;
+    Place place_;
+    Patience patience_{2 * ns_per_s};
+    Descriptor sibling_, folder_;
+    off_t making_ = 0;  ///< the byte of the sibling that is locked while an object is made; 0: none
 };
 
 /// Removes the files of dead objects. The gate must be held.

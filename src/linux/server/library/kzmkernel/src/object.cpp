@@ -10,6 +10,7 @@
 #include <new>
 
 #include "error.h"
+#include "explanation.h"
 #include "folder.h"
 #include "kzmkernel.h"
 
@@ -18,8 +19,6 @@ namespace {
 
 constexpr uint64_t allocation_step = 1u << 20;
 constexpr size_t longest_name = 200;
-/// No object's name begins with a dot. One is enough, since the gate is held while it is there.
-constexpr const char* unfinished = ".new";
 constexpr int open_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 /// The process's objects, and mutexes that were closed while a thread of this process owned them or had used them last.
@@ -90,47 +89,38 @@ int allocate(int file, uint64_t size) {
     return 0;
 }
 
-/// An object in the making. What it has of the disk and of the memory goes with it, unless finished.
+/// An object in the making: an unnamed file, which goes with the process, and with this unless it is given its name.
 class Building {
   public:
-    explicit Building(const Gate& gate) : gate_(gate) {}
-    ~Building() {
-        unmap(mapped_);
-        if (file_) unlinkat(gate_.folder(), unfinished, 0);
-    }
-    Building(const Building&) = delete;
-    Building& operator=(const Building&) = delete;
-
-    uint32_t build(Kind kind, const char* file_name, uint64_t size) {
-        unlinkat(gate_.folder(), unfinished, 0);
-        file_ = open_at(gate_.folder(), unfinished, open_flags | O_CREAT | O_EXCL, 0600);
+    uint32_t build(int folder, Kind kind, uint64_t size) {
+        file_ = open_at(folder, ".", O_RDWR | O_TMPFILE, 0600);
+        // A folder that has been removed takes no more files.
+        if (!file_ && errno == ENOENT) return KZMKERNEL_ERROR_FILE_INVALID;
         if (!file_ || fchmod(file_.get(), 0600) != 0) return windows_error(errno);
         if (const int error = allocate(file_.get(), size)) return windows_error(error);
-        if (kind == Kind::mutex) {
-            mapped_ = map_mutex(file_.get());
-            if (!mapped_) return windows_error(errno);
-            if (const uint32_t error = mapped_->mutex->prepare()) return error;
-        }
-        if (fstat(file_.get(), &status_) != 0 || !hold_alive(gate_.folder(), file_name, status_) ||
-            renameat(gate_.folder(), unfinished, gate_.folder(), file_name) != 0) {
-            return windows_error(errno);
-        }
-        return 0;
+        return kind == Kind::mutex ? prepare_mutex() : 0;
     }
 
-    void finish(Object& object) {
-        object.file = std::move(file_);
-        object.mapped = std::exchange(mapped_, nullptr);
-        object.device = status_.st_dev;
-        object.inode = status_.st_ino;
-        object.size = static_cast<uint64_t>(status_.st_size);
+    /// Gives it a name that is free. The gate must be held. Through /proc that needs no right beyond those of its user;
+    /// where /proc is missing it needs a new kernel or the rights of root.
+    uint32_t link(const Gate& gate, const char* file_name) const {
+        char unnamed[32];
+        std::snprintf(unnamed, sizeof unnamed, "/proc/self/fd/%d", file_.get());
+        const bool is_named = linkat(AT_FDCWD, unnamed, gate.folder(), file_name, AT_SYMLINK_FOLLOW) == 0 ||
+                              linkat(file_.get(), "", gate.folder(), file_name, AT_EMPTY_PATH) == 0;
+        return is_named ? 0 : windows_error(errno);
     }
 
   private:
-    const Gate& gate_;
+    uint32_t prepare_mutex() const {
+        MappedMutex* const mapped = map_mutex(file_.get());
+        if (!mapped) return windows_error(errno);
+        const uint32_t error = mapped->mutex->prepare();
+        unmap(mapped);
+        return error;
+    }
+
     Descriptor file_;
-    MappedMutex* mapped_ = nullptr;
-    struct stat status_ {};
 };
 
 /// Opens the living file of a name; 2: the name is free, a dead one's file may lie under it.
@@ -155,9 +145,10 @@ uint32_t open_file(const Gate& gate, const char* file_name, Descriptor& file, st
     return 0;
 }
 
-bool other_kind_lives(const Gate& gate, Kind kind, const char* name) {
-    char file_name[256];
-    file_name_of(kind == Kind::mutex ? Kind::mapping : Kind::mutex, name, file_name);
+bool other_kind_lives(const Gate& gate, const Object& object) {
+    char file_name[sizeof object.file_name];
+    std::memcpy(file_name, object.file_name, sizeof file_name);
+    file_name[0] = static_cast<char>(object.kind == Kind::mutex ? Kind::mapping : Kind::mutex);
     return life_of(gate.folder(), file_name, nullptr) != Life::dead;
 }
 
@@ -190,7 +181,7 @@ uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& o
 }
 
 uint32_t keep(Gate& gate, Object* made, Object*& object) {
-    gate.leave_guarded(made->root, made->folder);
+    gate.leave_guarded(made->sibling, made->folder);
     if (made->kind == Kind::mutex) made->file.reset();
     made->handles = 1;
     made->next = objects;
@@ -198,8 +189,54 @@ uint32_t keep(Gate& gate, Object* made, Object*& object) {
     return 0;
 }
 
+/// Looks for the living object of made's name, with the gate held. 183: `object` is it; 2: the name is free.
+/// @param[in,out] file  a dead object's file, which lay under the name and was removed; its memory is there until this
+///                      is closed
+uint32_t look(Gate& gate, Object* made, bool make, Object*& object, Descriptor& file) {
+    struct stat status {};
+    const uint32_t found = open_file(gate, made->file_name, file, status);
+    if (found == 0) {
+        if (Object* const known = find_in(objects, made->kind, status)) {
+            ++known->handles;
+            object = known;
+            return KZMKERNEL_ERROR_ALREADY_EXISTS;
+        }
+        if (const uint32_t error = adopt(gate, std::move(file), status, *made)) return error;
+        keep(gate, made, object);
+        return KZMKERNEL_ERROR_ALREADY_EXISTS;
+    }
+    if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
+    if (other_kind_lives(gate, *made)) return KZMKERNEL_ERROR_INVALID_HANDLE;
+    if (make && file && unlinkat(gate.folder(), made->file_name, 0) != 0) return windows_error(errno);
+    return found;
+}
+
+/// Makes an object of a name that was free. The gate is free, too, until the object has its memory.
+uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object) {
+    Building building;
+    if (const uint32_t error = building.build(gate.folder(), made->kind, size)) return error;
+    Descriptor dead;
+    if (const uint32_t error = gate.step_in()) return error;
+    const uint32_t found = look(gate, made, true, object, dead);
+    if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
+    if (const uint32_t error = building.link(gate, made->file_name)) return error;
+    // Opened by its name, which tools show then.
+    struct stat status {};
+    uint32_t error = 0;
+    Descriptor file = open_at(gate.folder(), made->file_name, open_flags);
+    if (!file || fstat(file.get(), &status) != 0) {
+        error = windows_error(errno);
+    } else {
+        error = adopt(gate, std::move(file), status, *made);
+    }
+    if (error == 0) return keep(gate, made, object);
+    unlinkat(gate.folder(), made->file_name, 0);
+    return error;
+}
+
 uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& object) {
     if (const uint32_t error = check_name(name)) return error;
+    forget_explanation();
     forget_closed_mutexes();
     Object* const made = new (std::nothrow) Object{};
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
@@ -209,29 +246,21 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& 
     const auto obtained = [&]() -> uint32_t {
         Gate gate;
         if (const uint32_t error = gate.enter(make)) return error;
-        Descriptor file;
-        struct stat status {};
-        const uint32_t found = open_file(gate, made->file_name, file, status);
-        if (found == 0) {
-            if (Object* const known = find_in(objects, kind, status)) {
-                ++known->handles;
-                object = known;
-                return KZMKERNEL_ERROR_ALREADY_EXISTS;
-            }
-            if (const uint32_t error = adopt(gate, std::move(file), status, *made)) return error;
-            keep(gate, made, object);
-            return KZMKERNEL_ERROR_ALREADY_EXISTS;
-        }
-        if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
-        if (other_kind_lives(gate, kind, name)) return KZMKERNEL_ERROR_INVALID_HANDLE;
-        if (!make) return found;
-
+        Descriptor dead;
+        uint32_t found = look(gate, made, make, object, dead);
+        if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND || !make) return found;
         // Who comes first clears up: that is often enough, and costs nothing later.
         if (!objects) remove_leftovers(gate);
-        Building building(gate);
-        if (const uint32_t error = building.build(kind, made->file_name, size)) return error;
-        building.finish(*made);
-        return keep(gate, made, object);
+        gate.step_out();
+        dead.reset();
+        if (gate.wait_for_maker_of(made->file_name)) {
+            if (const uint32_t error = gate.step_in()) return error;
+            found = look(gate, made, make, object, dead);
+            if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
+            gate.step_out();
+            dead.reset();
+        }
+        return make_new(gate, size, made, object);
     }();
     if (object != made) delete made;
     return obtained;
@@ -256,7 +285,7 @@ void drop_object(Object* object) noexcept {
     forget_closed_mutexes();
     unlink_from(objects, object);
     object->file.reset();
-    object->root.reset();
+    object->sibling.reset();
     {
         // A descriptor of its own: a forked child may share ours, and with it the gate's lock.
         Gate gate;

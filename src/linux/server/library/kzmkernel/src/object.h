@@ -1,4 +1,26 @@
-// Named objects: files in the folder, each of one kind. A process has one Object a living file, shared by its handles.
+// Named objects: files in the folder, each of one kind. A process has one Object per living file, shared by its
+// handles.
+//
+// To create (to open is C1, C2 and C7):
+//   C1  Enter the folder: folder.h, E1 to E6. The gate is held now.
+//   C2  Look at the name: its guards N and F, and the file under it. Held by somebody and the same file: it is the
+//   living
+//       object (C7). Held and another file or none: 1006. Not held: the name is free; a file under it is a dead
+//       object's and is removed. The first object of a process removes all dead files.
+//   C3  Step out of the gate. The folder stays guarded.
+//   C4  Lock the byte of this name's makers in the sibling, so that two creators do not both charge the memory. If
+//       another maker has it, wait until it is free, but at most 0.5 s; step in, look again (C2) and step out.
+//   C5  Make an unnamed file (O_TMPFILE), allocate it, prepare the mutex in it.
+//   C6  Step into the gate: 170 after 2 s of waiting in all, 1006 if the folder was removed meanwhile. Look again (C2):
+//       another process may have been first. If not, give the file its name.
+//   C7  Open the file, lock N and F, let go of the gate and the makers' byte.
+// Whoever is killed in C5 leaves nothing, in C6 a file without guards; whoever is stopped there holds nobody up but in
+// C6 and C7, where it holds the gate.
+//
+// To drop the last handle of the process:
+//   D1  Close the descriptors that carry the guards, but for the folder.
+//   D2  Lock the gate. Where that fails the file stays, as after a kill.
+//   D3  If nobody holds N now and the name still leads to this object's file, remove it.
 #pragma once
 
 #include <sys/types.h>
@@ -28,10 +50,10 @@ struct Object {
     char file_name[256];
     dev_t device;
     ino_t inode;
-    uint64_t size;            ///< bytes, whole pages
-    Descriptor root, folder;  ///< carry the guards
-    Descriptor file;          ///< of a mapping
-    MappedMutex* mapped;      ///< of a mutex
+    uint64_t size;               ///< bytes, whole pages
+    Descriptor sibling, folder;  ///< carry the guards
+    Descriptor file;             ///< of a mapping
+    MappedMutex* mapped;         ///< of a mutex
     uint32_t handles;
     Object* next;
 };

@@ -1,0 +1,47 @@
+#include "lock_list.h"
+
+#include <sys/sysmacros.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace kzmkernel {
+namespace {
+
+/// One line of the list. Lines of locks that are waited for have another form and are passed over.
+struct ListedLock {
+    char type[16];
+    int process;
+    unsigned major, minor;
+    unsigned long inode;
+    unsigned long long first;
+};
+
+bool is_lock_of(const ListedLock& lock, const struct stat& file) {
+    return lock.major == major(file.st_dev) && lock.minor == minor(file.st_dev) && lock.inode == file.st_ino;
+}
+
+/// The first lock of the list that `matches`; false when there is none.
+template <typename Matches>
+bool find_lock(ListedLock& lock, Matches matches) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> list(std::fopen("/proc/locks", "re"), std::fclose);
+    char line[256];
+    while (list && std::fgets(line, sizeof line, list.get())) {
+        const int fields = std::sscanf(line, "%*d: %15s %*s %*s %d %x:%x:%lu %llu", lock.type, &lock.process,
+                                       &lock.major, &lock.minor, &lock.inode, &lock.first);
+        if (fields == 6 && matches(lock)) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+pid_t process_that_locked(const struct stat& file) noexcept {
+    ListedLock lock{};
+    const bool found = find_lock(
+        lock, [&](const ListedLock& one) { return std::strcmp(one.type, "FLOCK") == 0 && is_lock_of(one, file); });
+    return found && lock.process > 0 ? lock.process : 0;
+}
+
+}  // namespace kzmkernel

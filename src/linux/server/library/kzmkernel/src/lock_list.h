@@ -1,0 +1,12 @@
+// The system's list of file locks, /proc/locks, which shows the locks of all users to all users.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace kzmkernel {
+
+/// The process that holds an flock on a file, or 0 when the list does not tell.
+pid_t process_that_locked(const struct stat& file) noexcept;
+
+}  // namespace kzmkernel

@@ -1,0 +1,183 @@
+// The gate of the folder of kernel objects: whoever stops, or is killed, while it creates an object holds nobody up for
+// longer than the two seconds that the gate is waited for.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <kzmkernel.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kernel_linux_tools.h"
+
+namespace {
+
+using namespace kernel_test;
+
+constexpr uint64_t large = 8u << 20;
+
+/// Whether nobody holds the gate.
+bool gate_is_free() {
+    const int again = open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool is_free = flock(again, LOCK_EX | LOCK_NB) == 0;
+    close(again);
+    return is_free;
+}
+
+void expect_existing(void* (*create)(const std::string&), const std::string& name) {
+    EXPECT_EQ(Handle(create(name)).error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
+}
+
+TEST(KernelGate, IsFreeWhileMemoryIsAllocated) {
+    const Handle other(create_mutex(object_name() + "other"));
+    Traced creator([] { EXPECT_EQ(Handle(create_mapping(object_name(), large)).error, 0u); });
+    int allocations = 0;
+    while (creator.step()) {
+        const std::vector<uint64_t> call = creator.entered();
+        if (call.empty() || call[0] != SYS_fallocate) continue;
+        ++allocations;
+        EXPECT_TRUE(gate_is_free());
+    }
+    EXPECT_EQ(creator.status(), 0);
+    EXPECT_EQ(allocations, 8);
+}
+
+TEST(KernelGate, OfACreatorStoppedWhileItAllocatesStopsNobody) {
+    const std::string name = object_name();
+    Traced creator([&] {
+        // Another process made it meanwhile.
+        const Handle mapping(create_mapping(name, large));
+        EXPECT_EQ(mapping.error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
+        EXPECT_EQ(map(mapping.value)[0], 'b');
+    });
+    creator.run_until_it_enters(SYS_fallocate);
+    expect_new(create_mutex, name + "other");
+    EXPECT_EQ(Handle(open_mapping(name)).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+    const Handle mapping(create_mapping(name, large));
+    ASSERT_EQ(mapping.error, 0u);
+    map(mapping.value)[0] = 'b';
+    while (creator.step()) {
+    }
+    EXPECT_EQ(creator.status(), 0);
+    expect_existing(create_page, name);
+}
+
+TEST(KernelGate, LetsOthersByACreatorThatIsStoppedAtAnyCallOutsideIt) {
+    const Handle living(create_mutex(object_name() + "living"));
+    int inside = 0, outside = 0;
+    bool ended = false;
+    for (int stops = 1; !ended && !HasFailure(); ++stops) {
+        Traced creator([] { Handle(create_mutex(object_name())).close(); });
+        for (int i = 0; i < stops && !ended; ++i) ended = !creator.step();
+        if (ended) break;
+        // Inside it holds up whoever comes, for two seconds each: another test looks at that.
+        ++(gate_is_free() ? outside : inside);
+        if (!gate_is_free()) continue;
+        expect_existing(create_mutex, object_name() + "living");
+        expect_new(create_mutex, object_name() + "new");
+    }
+    EXPECT_GT(inside, 10);
+    EXPECT_GT(outside, 10);
+}
+
+TEST(KernelGate, OfAKilledCreatorLeavesNothing) {
+    in_fork([] {
+        use_private_memory_disk();
+        { const Handle folder_maker(create_mutex(object_name())); }
+        Traced creator([] { create_mapping(object_name(), large); });
+        for (int i = 0; i < 3; ++i) creator.run_until_it_enters(SYS_fallocate);
+        creator.kill();
+        EXPECT_TRUE(fs::is_empty(folder()));
+        EXPECT_EQ(fs::space("/dev/shm").free, fs::space("/dev/shm").capacity);
+    });
+}
+
+// Two that create one object at once do not both charge its memory.
+TEST(KernelGate, LetsTwoCreatorsMakeOneObjectThatFillsTheDisk) {
+    in_fork([] {
+        use_private_memory_disk("size=10m");
+        Sign over;
+        Traced first([&] {
+            const Handle mapping(create_mapping(object_name(), large));
+            EXPECT_EQ(mapping.error, 0u);
+            over.await();
+        });
+        first.run_until_it_enters(SYS_fallocate);
+        Traced second([] {
+            EXPECT_EQ(Handle(create_mapping(object_name(), large)).error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
+        });
+        second.run_until_it_enters(SYS_clock_nanosleep);
+        first.run_until_it_enters(SYS_read);
+        while (second.step()) {
+        }
+        EXPECT_EQ(second.status(), 0);
+        over.give();
+        while (first.step()) {
+        }
+        EXPECT_EQ(first.status(), 0);
+    });
+}
+
+/// A process that holds the gate and does nothing.
+class Holder {
+  public:
+    Holder()
+        : process_([this] {
+              const int gate = open(folder().c_str(), O_RDONLY | O_DIRECTORY);
+              EXPECT_EQ(flock(gate, LOCK_EX), 0);
+              held_.give();
+              hang();
+          }) {
+        held_.await();
+    }
+    pid_t id() const { return process_.id(); }
+    void kill() { process_.kill(); }
+
+  private:
+    Sign held_;
+    Forked process_;
+};
+
+TEST(KernelGate, HeldByAStoppedProcessFailsEveryCallAfterTwoSeconds) {
+    in_fork([] {
+        use_private_memory_disk();
+        Handle living(create_mutex(object_name()));
+        const std::string other = object_name() + "other";
+        Holder holder;
+        for (void* (*const call)(const std::string&) : {create_mutex, open_mutex, create_page, open_mapping}) {
+            timespec begin{}, end{};
+            clock_gettime(CLOCK_MONOTONIC, &begin);
+            const Handle handle(call(other));
+            clock_gettime(CLOCK_MONOTONIC, &end);
+            EXPECT_EQ(handle.value, nullptr);
+            EXPECT_EQ(handle.error, uint32_t{KZMKERNEL_ERROR_BUSY});
+            EXPECT_GE(end.tv_sec - begin.tv_sec, 1);
+        }
+        // What is closed meanwhile is closed. Its file is known to be a dead object's later.
+        living.close();
+        EXPECT_TRUE(fs::exists(file_of_mutex(object_name())));
+        holder.kill();
+        expect_new(create_mutex, object_name());
+    });
+}
+
+TEST(KernelGate, IsTakenWhenItComesFreeInTime) {
+    in_fork([] {
+        use_private_memory_disk();
+        { const Handle folder_maker(create_mutex(object_name())); }
+        Holder holder;
+        Traced waiter([] { expect_new(create_mutex, object_name()); });
+        // It sleeps and tries again, and uses no processor meanwhile.
+        for (int i = 0; i < 3; ++i) waiter.run_until_it_enters(SYS_clock_nanosleep);
+        holder.kill();
+        while (waiter.step()) {
+        }
+        EXPECT_EQ(waiter.status(), 0);
+    });
+}
+
+}  // namespace
