@@ -2,10 +2,10 @@
 
 #include <aclapi.h>
 #include <gmock/gmock.h>
-#include <sddl.h>
 
 #include "kzmutil.h"
 #include "kzmutil_test_platform.h"
+#include "windows_users.h"
 
 namespace test {
 
@@ -46,26 +46,10 @@ std::vector<PathCase> path_cases() {
 
 namespace {
 
+using test::own_sid;
+using test::text_of;
 using testing::Pair;
 using testing::UnorderedElementsAre;
-
-std::string text_of(PSID sid) {
-    char* text = nullptr;
-    if (!ConvertSidToStringSidA(sid, &text)) return "no identifier";
-    const std::string copy = text;
-    LocalFree(text);
-    return copy;
-}
-
-std::string own_sid() {
-    HANDLE token = nullptr;
-    EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
-    alignas(TOKEN_USER) BYTE user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-    DWORD size = 0;
-    EXPECT_TRUE(GetTokenInformation(token, TokenUser, user, sizeof user, &size));
-    CloseHandle(token);
-    return text_of(reinterpret_cast<TOKEN_USER*>(user)->User.Sid);
-}
 
 /// Who may do what with an object, as it stands in the kernel; everything that there is reads as `all`.
 struct Security {

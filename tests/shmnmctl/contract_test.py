@@ -156,10 +156,24 @@ class Contract(ToolTest):
             self.expect(5, READING | LIVE | CHANGING | WATCHING)
             self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 5)
 
-    @contextlib.contextmanager
+    def test_5_when_others_may_write_to_the_region(self):
+        with self.objects_open_to_everyone():
+            self.expect(5, {"status": READING["status"], "set": CHANGING["set"]} | LIVE | WATCHING)
+            self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 5)
+
     def foreign_objects(self):
+        return self.unusable_objects("D:", lambda file: os.chown(file, 65534, 65534),
+                                     lambda file: os.chown(file, os.geteuid(), os.getegid()))
+
+    def objects_open_to_everyone(self):
+        return self.unusable_objects("D:(A;;GA;;;WD)", lambda file: file.chmod(0o666), lambda file: file.chmod(0o600))
+
+    @contextlib.contextmanager
+    def unusable_objects(self, access_list, spoil, mend):
+        """On Windows objects with that access list; on Linux those of a cluster, their files spoilt."""
         if support.PLATFORM == "windows":
-            holder = subprocess.Popen(support.program("denied_objects"), stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment)
+            holder = subprocess.Popen(support.program("planted_objects") + [access_list], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                      env=self.environment)
             self.assertEqual(holder.stdout.readline().strip(), b"ready")
             yield
             holder.communicate()
@@ -168,10 +182,10 @@ class Contract(ToolTest):
         files = list(pathlib.Path("/dev/shm").glob(f"*/*{self.environment['KZMUTIL_NAMESPACE']}*"))
         self.assertGreaterEqual(len(files), 2)
         for file in files:
-            os.chown(file, 65534, 65534)
+            spoil(file)
         yield
         for file in files:
-            os.chown(file, os.geteuid(), os.getegid())
+            mend(file)
 
     def test_5_for_a_file_that_is_no_dump(self):
         (self.folder / "cut").write_bytes(b"\0" * 1083)

@@ -9,6 +9,7 @@
  *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux. Children
  *             do not inherit those that a create gives.
  *  - Access   a new object admits the user who made it, on Windows administrators and the system too, and nobody else.
+ *             An existing one is refused (5) if it belongs to anybody else or, on Windows, anybody else may change it.
  *  - Threads  any thread may call any function.
  */
 #ifndef KZMUTIL_H
@@ -33,7 +34,7 @@ extern "C" {
  *
  * @param[in] flags  reserved: 0
  * @param[in] name   NUL-terminated, at least one byte, without the namespace
- * @return the mutex, or null: 87 a bad argument, 5 an object of another user, other numbers as the kernel gives them
+ * @return the mutex, or null: 87 a bad argument, 5 it is refused (see Access), other numbers as the kernel gives them
  */
 KZMUTIL_API void* KzmutilCreateNamedMutex(uint32_t flags, const char* name);
 
@@ -56,7 +57,7 @@ KZMUTIL_API void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, ui
  * @param[in] access   0xF001F: everything; 4: reading alone
  * @param[in] inherit  nonzero: on Windows, children that inherit handles inherit this one; no effect on Linux
  * @param[in] name     NUL-terminated, at least one byte, without the namespace
- * @return the mapping, or null: 2 when there is none
+ * @return the mapping, or null: 2 when there is none, 5 when it is refused (see Access)
  */
 KZMUTIL_API void* KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, const char* name);
 

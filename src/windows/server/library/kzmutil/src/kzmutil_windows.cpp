@@ -1,24 +1,14 @@
 #include <windows.h>
 
-#include <sddl.h>
-
-#include <memory>
+#include <utility>
 
 #include "platform.h"
+#include "security_windows.h"
 
 namespace kzmutil {
 namespace {
 
 const char in_this_library = 0;
-
-struct Close {
-    void operator()(HANDLE handle) const noexcept { CloseHandle(handle); }
-};
-struct Free {
-    void operator()(void* memory) const noexcept { LocalFree(memory); }
-};
-using Handle = std::unique_ptr<void, Close>;
-using Local = std::unique_ptr<void, Free>;
 
 /// Calls `fill(buffer, size)` with growing buffers. It returns the length of its text, or at least `size` if it did not
 /// fit. Empty when it returns 0.
@@ -35,56 +25,26 @@ std::string filled(Fill fill) {
     }
 }
 
-/// The token that this thread acts with: its own while it impersonates a user, else the process's.
-Handle effective_token() {
-    HANDLE token = nullptr;
-    if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return Handle(token);
-    if (GetLastError() != ERROR_NO_TOKEN || !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return {};
-    return Handle(token);
+HANDLE refused(Handle object) {
+    object.reset();
+    SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
 }
 
-/// The user's security identifier as text; empty on failure.
-std::string user_sid() {
-    const Handle token = effective_token();
-    struct {
-        TOKEN_USER user;
-        BYTE sid[SECURITY_MAX_SID_SIZE];
-    } owner;
-    DWORD size = 0;
-    char* text = nullptr;
-    if (!token || !GetTokenInformation(token.get(), TokenUser, &owner, sizeof owner, &size) ||
-        !ConvertSidToStringSidA(owner.user.User.Sid, &text)) {
-        return {};
-    }
-    const Local freed(text);
-    return text;
-}
-
-/// Owned by the user, who with the administrators and the system may do everything; closed to all others. Nothing is
-/// inherited from above. Null on failure.
-Local owner_administrators_and_system() {
-    const std::string sid = user_sid();
-    if (sid.empty()) return {};
-    const std::string text = "O:" + sid + "D:P(A;;GA;;;" + sid + ")(A;;GA;;;BA)(A;;GA;;;SY)";
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(text.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
-        return {};
-    }
-    return Local(descriptor);
-}
-
-/// Calls `create(attributes)`; only what it does itself decides about the last error.
+/// Calls `create(attributes)`; only what it does itself decides about the last error, unless the object existed and
+/// others may do more with it than `reading`: it is refused then.
 template <typename Create>
-HANDLE created(Create create) {
+HANDLE created(ACCESS_MASK reading, Create create) {
     Local descriptor = owner_administrators_and_system();
     if (!descriptor) return nullptr;
     SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), descriptor.get(), FALSE};
     SetLastError(ERROR_SUCCESS);
-    const HANDLE object = create(&attributes);
+    Handle object(create(&attributes));
     const DWORD error = GetLastError();
     descriptor.reset();
+    if (error == ERROR_ALREADY_EXISTS && !is_trusted(object.get(), reading)) return refused(std::move(object));
     SetLastError(error);
-    return object;
+    return object.release();
 }
 
 }  // namespace
@@ -119,18 +79,21 @@ size_t root_length(std::string_view path) noexcept {
 }
 
 void* create_mutex(const char* name) {
-    return created([&](SECURITY_ATTRIBUTES* attributes) { return CreateMutexA(attributes, FALSE, name); });
+    return created(reading_a_mutex,
+                   [&](SECURITY_ATTRIBUTES* attributes) { return CreateMutexA(attributes, FALSE, name); });
 }
 
 void* create_mapping(uint32_t protect, uint64_t size, const char* name) {
-    return created([&](SECURITY_ATTRIBUTES* attributes) {
+    return created(reading_a_mapping, [&](SECURITY_ATTRIBUTES* attributes) {
         return CreateFileMappingA(INVALID_HANDLE_VALUE, attributes, protect, static_cast<DWORD>(size >> 32),
                                   static_cast<DWORD>(size), name);
     });
 }
 
 void* open_mapping(uint32_t access, bool inherit, const char* name) {
-    return OpenFileMappingA(access, inherit, name);
+    Handle mapping(OpenFileMappingA(access | READ_CONTROL, inherit, name));
+    if (mapping && !is_trusted(mapping.get(), reading_a_mapping)) return refused(std::move(mapping));
+    return mapping.release();
 }
 
 }  // namespace kzmutil

@@ -1,5 +1,5 @@
-// Holds a region and a lock that nobody may open, as another user's would be: named by KZMUTIL_NAMESPACE, until
-// standard input ends.
+// Holds a region and a lock that shmnmctl must not use, named by KZMUTIL_NAMESPACE, until standard input ends. Its
+// argument is their access list, such as "D:" to let in nobody, as the objects of another user do.
 #include <windows.h>
 
 #include <sddl.h>
@@ -8,12 +8,12 @@
 #include <cstdlib>
 #include <string>
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc != 2) return 1;
     SECURITY_ATTRIBUTES attributes{};
     attributes.nLength = sizeof attributes;
-    // An empty list: no one is let in.
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA("D:", SDDL_REVISION_1, &attributes.lpSecurityDescriptor,
-                                                              nullptr)) {
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(argv[1], SDDL_REVISION_1,
+                                                              &attributes.lpSecurityDescriptor, nullptr)) {
         return 1;
     }
     const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");

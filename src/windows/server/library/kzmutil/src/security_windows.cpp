@@ -1,0 +1,100 @@
+#include "security_windows.h"
+
+#include <sddl.h>
+
+#include <string>
+#include <vector>
+
+namespace kzmutil {
+namespace {
+
+/// The token that this thread acts with: its own while it impersonates a user, else the process's. Null on failure.
+Handle effective_token() {
+    HANDLE token = nullptr;
+    if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return Handle(token);
+    if (GetLastError() != ERROR_NO_TOKEN || !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return {};
+    return Handle(token);
+}
+
+/// The user that this thread acts as.
+class User {
+  public:
+    User() {
+        const Handle token = effective_token();
+        DWORD size = 0;
+        known_ = token && GetTokenInformation(token.get(), TokenUser, &information_, sizeof information_, &size);
+    }
+    User(const User&) = delete;
+    User& operator=(const User&) = delete;
+    /// Null when the system did not tell.
+    PSID sid() const { return known_ ? information_.user.User.Sid : nullptr; }
+
+  private:
+    bool known_ = false;
+    struct {
+        TOKEN_USER user;
+        BYTE sid[SECURITY_MAX_SID_SIZE];
+    } information_;
+};
+
+/// Owner and list of an object as they are now, self-relative; empty on failure.
+std::vector<BYTE> security_of(HANDLE object) {
+    std::vector<BYTE> descriptor;
+    DWORD size = 0;
+    while (!GetKernelObjectSecurity(object, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, descriptor.data(),
+                                    static_cast<DWORD>(descriptor.size()), &size)) {
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || size <= descriptor.size()) return {};
+        descriptor.resize(size);
+    }
+    return descriptor;
+}
+
+bool is_ours(PSID sid, PSID user) {
+    return EqualSid(sid, user) || IsWellKnownSid(sid, WinBuiltinAdministratorsSid) ||
+           IsWellKnownSid(sid, WinLocalSystemSid);
+}
+
+/// Whether an entry of the list gives nobody else more than `reading`. A kind of entry that is not known may.
+bool is_harmless(ACE_HEADER& entry, PSID user, ACCESS_MASK reading) {
+    if (entry.AceFlags & INHERIT_ONLY_ACE || entry.AceType == ACCESS_DENIED_ACE_TYPE) return true;
+    if (entry.AceType != ACCESS_ALLOWED_ACE_TYPE) return false;
+    auto& allowed = reinterpret_cast<ACCESS_ALLOWED_ACE&>(entry);
+    return (allowed.Mask & ~reading) == 0 || is_ours(&allowed.SidStart, user);
+}
+
+}  // namespace
+
+Local owner_administrators_and_system() {
+    const User user;
+    char* sid = nullptr;
+    if (!user.sid() || !ConvertSidToStringSidA(user.sid(), &sid)) return {};
+    const Local freed(sid);
+    const std::string text = "O:" + std::string(sid) + "D:P(A;;GA;;;" + sid + ")(A;;GA;;;BA)(A;;GA;;;SY)";
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(text.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
+        return {};
+    }
+    return Local(descriptor);
+}
+
+bool is_trusted(HANDLE object, ACCESS_MASK reading) {
+    const User user;
+    std::vector<BYTE> descriptor = security_of(object);
+    if (!user.sid() || descriptor.empty()) return false;
+    PSID owner = nullptr;
+    BOOL present = FALSE, defaulted = FALSE;
+    if (!GetSecurityDescriptorOwner(descriptor.data(), &owner, &defaulted) || !owner || !is_ours(owner, user.sid())) {
+        return false;
+    }
+    PACL list = nullptr;  // stays null when there is none: the object is open to everyone then
+    if (!GetSecurityDescriptorDacl(descriptor.data(), &present, &list, &defaulted) || !present || !list) return false;
+    for (DWORD i = 0; i < list->AceCount; ++i) {
+        void* entry = nullptr;
+        if (!GetAce(list, i, &entry) || !is_harmless(*static_cast<ACE_HEADER*>(entry), user.sid(), reading)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace kzmutil
