@@ -1,6 +1,5 @@
 #include "configuration.h"
 
-#include "frame.h"
 #include "kzmutil.h"
 #include "kzmxml.h"
 
@@ -8,6 +7,14 @@ namespace shmnm {
 namespace {
 
 constexpr int32_t type_integer = 1;
+
+/// Reads a 32-bit number of a loaded policy. A failed read leaves `value` as it was. @return 0 on success
+int32_t read_number(const char* path, int32_t& value) {
+    int32_t read = 0, length = sizeof read;
+    const int32_t result = xmllib_get_value(path, type_integer, &read, &length);
+    if (result == 0) value = read;
+    return result;
+}
 
 /// Logs what a call of the configuration library returned, unless it is 0. @return whether it was 0
 template <typename... Context>
@@ -30,7 +37,7 @@ uint32_t read_counts(Call call, Counts& counts) {
                 {"/root/all/num/npr", counts.np},
                 {"/root/all/num/fstr", counts.fst}};
     for (const auto& [path, count] : keys) {
-        expect_success(call, read_count(path, count), "xmllib_get_value(%s) failed(ret:%d)", path);
+        expect_success(call, read_number(path, count), "xmllib_get_value(%s) failed(ret:%d)", path);
     }
     expect_success(call, xmllib_unload_policy("all"), "xmllib_unload_policy(all) failed(ret:%d)");
     // Nothing is read under this policy here; loading and unloading it, whatever the load says, is deliberate.
@@ -41,11 +48,14 @@ uint32_t read_counts(Call call, Counts& counts) {
 
 }  // namespace
 
-int32_t read_count(const char* path, int32_t& value) {
-    int32_t read = 0, length = sizeof read;
-    const int32_t result = xmllib_get_value(path, type_integer, &read, &length);
-    if (result == 0) value = read;
-    return result;
+LogSettings read_log_settings() {
+    LogSettings settings;
+    if (xmllib_load_policy("shmnm") == 0) {
+        read_number("/root/shmnm/log/level", settings.level);
+        read_number("/root/shmnm/log/size", settings.size);
+        xmllib_unload_policy("shmnm");
+    }
+    return settings;
 }
 
 uint32_t load_counts(Counts& counts) {

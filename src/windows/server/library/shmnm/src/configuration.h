@@ -1,18 +1,18 @@
-// What the library reads from the cluster configuration: single numbers, and the four counts that the layout follows
-// from.
+// What the library reads from the loaded cluster configuration: the four counts from which the layout follows, and how
+// the trace log is to be opened.
 #pragma once
 
 #include <cstdint>
 
+#include "frame.h"
 #include "region.h"
 
 namespace shmnm {
 
-/// Reads a 32-bit number of a loaded policy. A failed read leaves `value` as it was. @return 0 on success
-int32_t read_count(const char* path, int32_t& value);
+/// Reads how to open the log; each setting that cannot be read keeps its fallback.
+LogSettings read_log_settings();
 
-/// Reads the four counts under their policy; each that cannot be read keeps its fallback. The configuration must be
-/// loaded.
+/// Reads the four counts under their policy; each that cannot be read keeps its fallback.
 /// @return SHMNM_OK or SHMNM_ERR_INSTALLPATH
 uint32_t load_counts(Counts& counts);
 

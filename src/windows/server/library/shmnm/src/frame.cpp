@@ -4,11 +4,9 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "configuration.h"
 #include "kernel.h"
 #include "kzmlog.h"
 #include "kzmutil.h"
-#include "kzmxml.h"
 
 namespace shmnm {
 namespace {
@@ -37,19 +35,14 @@ void* region_mutex() {
     return mutex;
 }
 
-void open_log() {
-    {
-        const std::lock_guard guard(library_lock);
-        if (log_handle.load(std::memory_order_relaxed)) return;
-    }
-    int32_t level = 4, size = 1000000;
-    if (xmllib_load_policy("shmnm") == 0) {
-        read_count("/root/shmnm/log/level", level);
-        read_count("/root/shmnm/log/size", size);
-        xmllib_unload_policy("shmnm");
-    }
+bool is_log_open() {
+    return log_handle.load(std::memory_order_relaxed) != nullptr;
+}
+
+void open_log(const LogSettings& settings) {
     void* handle = nullptr;
-    kzmlog_open("shmnm", &handle, static_cast<uint32_t>(level), static_cast<uint32_t>(size), 0, "oru_kzmshmnm_log");
+    kzmlog_open("shmnm", &handle, static_cast<uint32_t>(settings.level), static_cast<uint32_t>(settings.size), 0,
+                "oru_kzmshmnm_log");
     log_handle.store(handle, std::memory_order_release);
 }
 

@@ -44,10 +44,17 @@ inline constexpr auto exit_lines = [] {
 }();
 
 /// Guards the mapping and the opening of the log. May be held while the log is closed, never the other way round.
+/// A companion that create or attach calls may call create, attach, detach and delete itself.
 extern std::recursive_mutex library_lock;
 
-/// Opens the log as the configuration says, unless it is open. The configuration must be loaded.
-void open_log();
+struct LogSettings {
+    int32_t level = 4;       ///< of the least important lines that are written
+    int32_t size = 1000000;  ///< in bytes; the log is rotated there
+};
+
+bool is_log_open();
+/// The library lock must be held and the log be closed. A log that cannot be opened stays closed.
+void open_log(const LogSettings& settings);
 void close_log();
 
 /// One call of an exported function: writes its lines under its name. Small enough to be handed on by value, in

@@ -46,7 +46,7 @@ uint32_t prepare(Call call, Counts& counts) {
         xmllib_term();
         return SHMNM_ERR_LOADCONFIG;
     }
-    open_log();
+    if (!is_log_open()) open_log(read_log_settings());
     call.enter();
     if (const uint32_t result = load_counts(counts); result != SHMNM_OK) {
         call.leave(call.fail(SHMNM_ERR_LOADINFO, "shmnm_loadinfo() failed(ret:%d)", result));
@@ -64,8 +64,8 @@ uint32_t prepare(Call call, Counts& counts) {
     return SHMNM_OK;
 }
 
-/// Ends a create or attach that failed after the log was opened. @return `result`
-uint32_t give_up(Call call, uint32_t result) {
+/// Ends a call, and with it the log. @return `result`
+uint32_t leave_and_close_log(Call call, uint32_t result) {
     call.leave(result);
     close_log();
     return result;
@@ -166,7 +166,7 @@ uint32_t shmnm_create(void) {
     if (const uint32_t result = prepare(call, counts); result != SHMNM_OK) return result;
     const Layout layout(counts);
     const std::optional<bool> is_new = create_mapping(call, layout.size);
-    if (!is_new) return give_up(call, SHMNM_ERR_CREATEMAP);
+    if (!is_new) return leave_and_close_log(call, SHMNM_ERR_CREATEMAP);
     if (const uint32_t result = map(call, create_handle, counts, layout, *is_new, "MapViewOfFile failed(errno:%d)");
         result != SHMNM_OK) {
         return result;
@@ -192,7 +192,7 @@ uint32_t shmnm_attach(void) {
     void* const handle = KzmutilOpenNamedFileMapping(all_access, 1, mapping_name);
     if (!handle) {
         call.fail(SHMNM_ERR_OPENMAP, "KzmutilOpenNamedFileMapping() failed(errno:%d)", kernel::last_error());
-        return give_up(call, SHMNM_ERR_OPENMAP);
+        return leave_and_close_log(call, SHMNM_ERR_OPENMAP);
     }
     attach_handle.assign(handle);
     if (const uint32_t result = map(call, attach_handle, counts, layout, false, "MapViewOfFile() failed(errno:%d)");
@@ -214,7 +214,7 @@ uint32_t shmnm_detach(void) {
     unmap(*region);
     attach_handle.close();
     already_init_warned = false;
-    return give_up(call, SHMNM_OK);
+    return leave_and_close_log(call, SHMNM_OK);
 }
 
 uint32_t shmnm_delete(void) {
@@ -222,10 +222,10 @@ uint32_t shmnm_delete(void) {
     const Call call{"_delete"};
     call.enter();
     const Region* const region = mapped_region();
-    if (!region) return give_up(call, call.fail(SHMNM_ERR_NOTINIT, "not init"));
+    if (!region) return leave_and_close_log(call, call.fail(SHMNM_ERR_NOTINIT, "not init"));
     unmap(*region);
     create_handle.close();
-    return give_up(call, SHMNM_OK);
+    return leave_and_close_log(call, SHMNM_OK);
 }
 
 uint32_t shmnm_clear(void) {

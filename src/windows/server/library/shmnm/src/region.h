@@ -213,11 +213,8 @@ constexpr Layout::Layout(const Counts& counts) noexcept {
     fst = np + sizeof(shmnm_resource) * n * s;
     fst_pids = fst + sizeof(shmnm_resource) * f;
     network = fst_pids + sizeof(shmnm_fst_pid) * f * s;
-
-    const auto narrow = [](int32_t count) { return static_cast<uint32_t>(count); };
-    size = 1084u + 4u * (narrow(counts.servers) *
-                             (80u + 148u * narrow(counts.hb) + 147u * narrow(counts.np) + 81u * narrow(counts.fst)) +
-                         146u * narrow(counts.fst));
+    // Deliberately more than the rows of the hb resources need.
+    size = static_cast<uint32_t>(network + sizeof(uint32_t) * (2 * h + n) * s);
 }
 
 }  // namespace shmnm
