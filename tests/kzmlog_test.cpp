@@ -641,23 +641,37 @@ TEST_F(KzmLogOfManyProcesses, WritesLongLinesWholeAndNothingBetweenThem) {
     for (const auto& [process, written] : numbers) EXPECT_EQ(written, consecutive(0, 150)) << process;
 }
 
+/// Writes numbered lines, each of which rotates the log, in two parts.
+CHILD(write_in_two_parts) {
+    void* const log = open_log(1);
+    report(0);
+    uint64_t number = 0;
+    for (int part = 0; part < 2; ++part) {
+        const uint64_t end = told();
+        uint64_t lost = 0;
+        for (; number < end; ++number) lost += write(log, std::to_string(number)) != 0;
+        report(lost);
+    }
+}
+
 TEST_F(KzmLogOfManyProcesses, LosesNoLineOfTheOthersWhenSomeAreKilledWhileTheyRotate) {
     constexpr uint64_t lines = 150;
     std::vector<Child> rotators;
     rotators.reserve(3);
     for (int i = 0; i < 3; ++i) rotators.push_back(start(rotate_for_ever));
     for (Child& rotator : rotators) rotator.reported();
-    Child writer = start(write_numbered_lines);
-    for (const uint64_t number : {lines, uint64_t{1}, uint64_t{0}}) writer.tell(number);
+    Child writer = start(write_in_two_parts);
     writer.reported();
-    writer.tell(0);
+    writer.tell(lines);
     for (Child& rotator : rotators) rotator.kill();
+    writer.tell(lines + 4);
+    EXPECT_EQ(writer.reported(), 0u);
     EXPECT_EQ(writer.reported(), 0u);
     std::vector<uint64_t> last;
     for (const LogLine& line : kept_lines()) {
         if (line.process == writer.process_id()) last.push_back(std::stoul(line.message));
     }
-    EXPECT_EQ(last, consecutive(lines - 4, lines));
+    EXPECT_EQ(last, consecutive(lines, lines + 4));
 }
 
 TEST_F(KzmLog, DropsOrWritesWholeWhatRacesWithAClose) {
@@ -765,6 +779,19 @@ TEST_F(KzmLog, IsNotOpenedWhereItsNameIsAFolders) {
     void* log = this;
     EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 5);
     EXPECT_EQ(log, nullptr);
+}
+
+TEST_F(KzmLog, IsNeverWrittenToAFileWithASecondName) {
+    void* log = open_log(1000);
+    EXPECT_EQ(write(log, "first"), 0);
+    install().write("elsewhere", "untouched\n");
+    std::filesystem::remove(file());
+    std::filesystem::create_hard_link(install().path() / "elsewhere", file());
+    EXPECT_EQ(write(log, "lost"), 5);
+    EXPECT_EQ(kzmlog_close(log), 0);
+    EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 5);
+    EXPECT_EQ(log, nullptr);
+    EXPECT_EQ(contents_of(install().path() / "elsewhere"), "untouched\n");
 }
 
 TEST_F(KzmLog, LosesLinesWhileItsFolderTakesNoFilesAndGoesOnAfterwards) {

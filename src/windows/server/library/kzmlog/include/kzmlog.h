@@ -26,6 +26,10 @@ extern "C" {
  * Opens the log of a module: the file log/MODULE.log below the installation path. Folder and file are made if they are
  * missing. A process may hold 64 logs open.
  *
+ * Nothing is ever written to a file that has a second name or is no regular file. On Linux nor is it to a symbolic link
+ * or another user's file; the log admits its user and readers of its group (0640), the lock its user alone (0600), and
+ * files that admit more are narrowed when they are opened.
+ *
  * @param[in]  module   names the file: letters, digits, '-', '_' and '.' (not as the first one), at most 31 bytes
  * @param[out] log      receives the handle; null after a failure
  * @param[in]  level    a message is written when its own level is not above this one
@@ -33,8 +37,8 @@ extern "C" {
  * three older generations are kept (MODULE.log.1 is the youngest)
  * @param[in]  flags    reserved: 0
  * @param[in]  channel  names the lock that rotation takes, the file log/CHANNEL.lock: as `module`, at most 63 bytes
- * @return 0; 87 a bad argument; 3 no such folder, and it cannot be made; 5 no access, or no regular file of that name;
- * 4 too many logs or files open; 8 no memory
+ * @return 0; 87 a bad argument; 3 no such folder, and it cannot be made; 5 no access, or a file of that name that is
+ * not written to; 4 too many logs or files open; 8 no memory
  */
 KZMLOG_API int32_t kzmlog_open(const char* module, void** log, uint32_t level, uint32_t size, uint32_t flags,
                                const char* channel);
@@ -55,7 +59,8 @@ KZMLOG_API int32_t kzmlog_close(void* log);
  *
  * A message above the log's level costs a comparison. What cannot be written (a full disk, a folder that does not take
  * files) is lost; the caller never fails by it, its errno or last error stays as it was. While another process rotates
- * the file a writer waits for it, but 50 ms at most; it writes to the old file then.
+ * the file a writer waits for it, but for less than 5 ms, and after a wait in vain not again until the lock was free:
+ * it writes to the old file, and the rotation is left to a later line.
  *
  * @param[in] log       the handle
  * @param[in] level     1 error, 2 warning, 4 information, 16 trace

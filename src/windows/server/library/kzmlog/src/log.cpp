@@ -1,6 +1,15 @@
 #include "log.h"
 
 namespace kzmlog {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A call may write several lines, and together they wait for less than 5 ms: one line waits in vain, those after it
+/// only try. The fifth millisecond is for a sleep that ends late.
+constexpr std::chrono::microseconds patience = 4ms;
+
+}  // namespace
 
 Log::Log(const std::string& folder, const std::string& module, const std::string& channel, uint32_t size)
     : folder_(absolute(folder) + "/log"), lock_(folder_ + '/' + channel + ".lock"), size_(size) {
@@ -32,21 +41,31 @@ bool Log::fits(const File& file, size_t bytes) const {
     return size_ == 0 || file.size() == 0 || file.size() + bytes - 1 <= size_;
 }
 
-/// Makes room for a line of so many bytes. The lock lets one process rotate and makes the others look again before they
-/// do. When it cannot be had in time the file simply goes on growing.
+bool Log::current_has_room(size_t bytes) const {
+    const File current(generations_[0].c_str());
+    return current.error() || fits(current, bytes);
+}
+
+/// Makes room for a line of so many bytes. The lock lets one process rotate; the others wait until there is room. When
+/// the lock cannot be had in time the file simply goes on growing.
 void Log::rotate(size_t bytes) const noexcept {
-    const FileLock lock(lock_.c_str());
-    if (!lock.held()) return;
-    {
-        const File current(generations_[0].c_str());
-        if (current.error() || fits(current, bytes)) return;
-    }
+    FileLock lock(lock_.c_str());
+    bool has_room = false;
+    const bool taken = succeeds_within(waited_in_vain_.load(std::memory_order_relaxed) ? 0us : patience, [&] {
+        has_room = current_has_room(bytes);
+        if (has_room) return Attempt::failed;
+        const Attempt result = lock.take();
+        if (result == Attempt::succeeded) has_room = current_has_room(bytes);
+        return has_room ? Attempt::failed : result;
+    });
+    waited_in_vain_.store(!taken && !has_room, std::memory_order_relaxed);
+    if (!taken) return;
     // A rotation that was killed half-way has left a gap. The generations move up to it and no further, so the oldest
     // one is given up only when there is no gap.
     size_t to = 1;
     while (to + 1 < generations_.size() && exists(generations_[to].c_str())) ++to;
     for (; to > 0; --to) {
-        if (!rename_over(generations_[to - 1].c_str(), generations_[to].c_str())) return;
+        if (!lock.rename_over(generations_[to - 1].c_str(), generations_[to].c_str())) return;
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -22,12 +23,14 @@ class Log {
 
   private:
     bool fits(const File& file, size_t bytes) const;
+    bool current_has_room(size_t bytes) const;
     void rotate(size_t bytes) const noexcept;
 
     std::string folder_;
     std::array<std::string, 4> generations_;  ///< the current file, then the older ones, the youngest first
     std::string lock_;
     uint64_t size_;
+    mutable std::atomic<bool> waited_in_vain_{false};  ///< for the lock, which has not been had since
 };
 
 }  // namespace kzmlog

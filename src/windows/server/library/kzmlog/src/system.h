@@ -2,6 +2,7 @@
 // renaming. Errors are Windows error numbers; nothing throws, except that a path may not fit into memory.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -26,7 +27,8 @@ enum Error : int32_t {
 /// the same calls.
 class File {
   public:
-    /// Opens the file, or makes it. What is no regular file is refused: it might block its writer.
+    /// Opens the file, or makes it. Only a regular file with no second name is opened, on Linux only one of this user:
+    /// anything else might block its writer or take lines that are not meant for it.
     explicit File(const char* path) noexcept;
     ~File();
     File(const File&) = delete;
@@ -45,19 +47,24 @@ class File {
     Error error_ = ok;
 };
 
+enum class Attempt { succeeded, busy, failed };
+
 /// A lock between processes, and between threads, that the system takes from a holder that ends.
 class FileLock {
   public:
-    /// Takes the lock, waiting a short while at most: a holder that is stopped must not stop others.
     explicit FileLock(const char* path) noexcept;
     ~FileLock();
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    bool held() const { return held_; }
+    /// Takes the lock if nobody holds it.
+    Attempt take() noexcept;
+    /// Renames a file; one that has the new name already is replaced. To take that one from the disk may last long, so
+    /// it is done after the lock is released, if the system lets it.
+    bool rename_over(const char* from, const char* to) noexcept;
 
   private:
-    intptr_t handle_ = -1;
+    intptr_t handle_ = -1, replaced_ = -1;
     bool held_ = false;
 };
 
@@ -75,8 +82,6 @@ class UndisturbedThread {
 };
 
 bool exists(const char* path) noexcept;
-/// Renames a file; one that has the new name already is replaced.
-bool rename_over(const char* from, const char* to) noexcept;
 /// Makes one folder; one that exists is left as it is.
 void make_folder(const char* path) noexcept;
 /// The path as it stays when the process changes its current folder.
@@ -87,21 +92,21 @@ uint32_t thread_id() noexcept;
 /// Minutes that local time is ahead of UTC at that second of the Unix epoch.
 int32_t utc_offset_minutes(int64_t seconds) noexcept;
 
-/// Lets others run, for so long; 0: for their turn only.
-void pause(uint32_t milliseconds) noexcept;
+/// Lets others run for a moment, but not for longer than `limit`.
+void pause(std::chrono::microseconds limit) noexcept;
 
-enum class Attempt { succeeded, busy, failed };
-
-/// Makes the attempt until it is no longer answered by `busy`, but for `patience_ms` at most.
+/// Makes the attempt until it is no longer answered by `busy`, at least once, or until the patience is over.
 template <class Function>
-bool succeeds_within(uint32_t patience_ms, Function attempt) {
-    constexpr uint32_t yields = 20;
-    for (uint32_t round = 0; round < yields + patience_ms; ++round) {
+bool succeeds_within(std::chrono::microseconds patience, Function attempt) {
+    using std::chrono::steady_clock;
+    const steady_clock::time_point end = steady_clock::now() + patience;
+    for (;;) {
         const Attempt result = attempt();
         if (result != Attempt::busy) return result == Attempt::succeeded;
-        pause(round < yields ? 0 : 1);
+        const steady_clock::duration left = end - steady_clock::now();
+        if (left <= left.zero()) return false;
+        pause(std::chrono::ceil<std::chrono::microseconds>(left));
     }
-    return false;
 }
 
 }  // namespace kzmlog

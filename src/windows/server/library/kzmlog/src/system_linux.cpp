@@ -1,11 +1,11 @@
 #include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -18,7 +18,8 @@
 namespace kzmlog {
 namespace {
 
-constexpr uint32_t rotation_patience_ms = 50;
+/// What others may do with the log, and with the lock of its rotation: who can open a file can hold its lock.
+constexpr mode_t log_mode = 0640, lock_mode = 0600;
 
 Error error_of(int number) {
     switch (number) {
@@ -47,13 +48,32 @@ Error error_of(int number) {
     }
 }
 
-/// Opens a regular file, or makes it. No link is followed. O_CREAT is left to a second step, since hardened kernels
-/// refuse it for files of other users that exist.
-int open_regular(const char* path, int flags) {
+bool is_own_file(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+/// Opens a regular file of this user that has one name, or makes it. No link is followed. What others may do with the
+/// file beyond `mode` is taken from them.
+/// @return its descriptor, or -1 and errno
+int open_own(const char* path, int flags, mode_t mode, struct stat& status) {
     flags |= O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    int descriptor = open(path, flags);
-    if (descriptor < 0 && errno == ENOENT) descriptor = open(path, flags | O_CREAT, 0644);
-    return descriptor;
+    bool removed = true;
+    // A rotation may remove the file between the two looks at it; its successor is tried then.
+    for (int round = 0; removed && round < 4; ++round) {
+        // O_CREAT is left to a second step: it locks the folder.
+        int descriptor = open(path, flags);
+        if (descriptor < 0 && errno == ENOENT) descriptor = open(path, flags | O_CREAT, mode);
+        if (descriptor < 0) return -1;
+        const bool known = fstat(descriptor, &status) == 0;
+        if (known && is_own_file(status)) {
+            if ((status.st_mode & ALLPERMS & ~mode) != 0) fchmod(descriptor, status.st_mode & mode);
+            return descriptor;
+        }
+        close(descriptor);
+        removed = known && status.st_nlink == 0;
+    }
+    errno = EACCES;
+    return -1;
 }
 
 uint64_t size_of(int descriptor) {
@@ -113,13 +133,10 @@ class NoSizeSignal {
 }  // namespace
 
 File::File(const char* path) noexcept {
-    const int descriptor = open_regular(path, O_RDWR | O_APPEND);
-    handle_ = descriptor;
     struct stat status {};
-    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+    handle_ = open_own(path, O_RDWR | O_APPEND, log_mode, status);
+    if (handle_ < 0) {
         error_ = error_of(errno);
-    } else if (!S_ISREG(status.st_mode)) {
-        error_ = access_denied;
     } else {
         size_ = static_cast<uint64_t>(status.st_size);
     }
@@ -147,19 +164,33 @@ Error File::append(std::string_view line) const noexcept {
 }
 
 FileLock::FileLock(const char* path) noexcept {
-    const int descriptor = open_regular(path, O_RDWR);
-    handle_ = descriptor;
-    held_ = descriptor >= 0 && succeeds_within(rotation_patience_ms, [descriptor] {
-                if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return Attempt::succeeded;
-                return errno == EWOULDBLOCK || errno == EINTR ? Attempt::busy : Attempt::failed;
-            });
+    struct stat status {};
+    handle_ = open_own(path, O_RDWR, lock_mode, status);
+}
+
+Attempt FileLock::take() noexcept {
+    held_ = handle_ >= 0 && flock(static_cast<int>(handle_), LOCK_EX | LOCK_NB) == 0;
+    if (held_) return Attempt::succeeded;
+    return handle_ >= 0 && (errno == EWOULDBLOCK || errno == EINTR) ? Attempt::busy : Attempt::failed;
 }
 
 FileLock::~FileLock() {
-    if (handle_ < 0) return;
     // A child forked at this moment has a copy of the descriptor, which must not keep the lock.
     if (held_) flock(static_cast<int>(handle_), LOCK_UN);
-    close(static_cast<int>(handle_));
+    if (handle_ >= 0) close(static_cast<int>(handle_));
+    if (replaced_ >= 0) close(static_cast<int>(replaced_));
+}
+
+// A file that is open loses its name alone. And since no name is replaced, no file system writes the renamed file to
+// the disk first, for milliseconds.
+bool FileLock::rename_over(const char* from, const char* to) noexcept {
+    const int replaced = open(to, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (replaced >= 0) {
+        if (replaced_ >= 0) close(static_cast<int>(replaced_));
+        replaced_ = replaced;
+        unlink(to);
+    }
+    return rename(from, to) == 0;
 }
 
 UndisturbedThread::UndisturbedThread() noexcept : last_error_(errno) {
@@ -174,10 +205,6 @@ UndisturbedThread::~UndisturbedThread() {
 bool exists(const char* path) noexcept {
     struct stat status {};
     return lstat(path, &status) == 0;
-}
-
-bool rename_over(const char* from, const char* to) noexcept {
-    return rename(from, to) == 0;
 }
 
 void make_folder(const char* path) noexcept {
@@ -203,13 +230,10 @@ int32_t utc_offset_minutes(int64_t seconds) noexcept {
     return localtime_r(&time, &local) ? static_cast<int32_t>(local.tm_gmtoff / 60) : 0;
 }
 
-void pause(uint32_t milliseconds) noexcept {
-    if (milliseconds == 0) {
-        sched_yield();
-    } else {
-        const timespec time{0, static_cast<long>(milliseconds) * 1'000'000};
-        nanosleep(&time, nullptr);
-    }
+void pause(std::chrono::microseconds limit) noexcept {
+    constexpr std::chrono::microseconds usual(100);
+    const timespec time{0, static_cast<long>(std::min(usual, limit).count()) * 1000};
+    nanosleep(&time, nullptr);
 }
 
 }  // namespace kzmlog

@@ -5,8 +5,8 @@
 namespace kzmlog {
 namespace {
 
-constexpr uint32_t rotation_patience_ms = 50;
-constexpr uint32_t append_patience_ms = 1000;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
 
 Error error_of(DWORD number) {
     switch (number) {
@@ -48,15 +48,19 @@ intptr_t open_shared(const char* path, DWORD access) {
 
 /// Locks a byte that lies far beyond the end of any file; closing the handle, by whatever way the process ends, unlocks
 /// it.
-bool lock(HANDLE file, uint32_t patience_ms) {
-    return succeeds_within(patience_ms, [file] {
-        OVERLAPPED place{};
-        place.OffsetHigh = 0x40000000;
-        if (LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &place)) {
-            return Attempt::succeeded;
-        }
-        return GetLastError() == ERROR_LOCK_VIOLATION ? Attempt::busy : Attempt::failed;
-    });
+Attempt try_to_lock(HANDLE file) {
+    OVERLAPPED place{};
+    place.OffsetHigh = 0x40000000;
+    if (LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &place)) {
+        return Attempt::succeeded;
+    }
+    return GetLastError() == ERROR_LOCK_VIOLATION ? Attempt::busy : Attempt::failed;
+}
+
+/// Whether the system finds the end of the file and appends there in one step.
+bool appends_in_one_step() {
+    static const bool is_wine = GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
+    return !is_wine;
 }
 
 bool ends_within_a_line(HANDLE file) {
@@ -77,15 +81,17 @@ int64_t ticks(const FILETIME& time) {
 }  // namespace
 
 File::File(const char* path) noexcept : handle_(open_shared(path, FILE_APPEND_DATA)) {
-    LARGE_INTEGER size{};
+    BY_HANDLE_FILE_INFORMATION found{};
     if (system_handle(handle_) == INVALID_HANDLE_VALUE) {
         error_ = error_of(GetLastError());
     } else if (GetFileType(system_handle(handle_)) != FILE_TYPE_DISK) {
         error_ = access_denied;
-    } else if (!GetFileSizeEx(system_handle(handle_), &size)) {
+    } else if (!GetFileInformationByHandle(system_handle(handle_), &found)) {
         error_ = error_of(GetLastError());
+    } else if (found.nNumberOfLinks > 1) {
+        error_ = access_denied;
     }
-    size_ = static_cast<uint64_t>(size.QuadPart);
+    size_ = uint64_t{found.nFileSizeHigh} << 32 | found.nFileSizeLow;
 }
 
 File::~File() {
@@ -94,11 +100,11 @@ File::~File() {
 
 // A handle with the right to append alone makes the system itself find the end of the file, in one step with the write.
 // Not every implementation of Windows does: wine looks for the end first and writes then, and lines of processes that
-// do so at once overwrite each other. So the append is made under a lock of the file's own as well. A holder that is
-// stopped within it delays others, but does not stop them: they append without it then.
+// do so at once overwrite each other. So the append is made under a lock of the file's own as well, and only wine waits
+// for it. A holder that is stopped within it delays others there, but does not stop them: they append without it then.
 Error File::append(std::string_view line) const noexcept {
     const HANDLE file = system_handle(handle_);
-    lock(file, append_patience_ms);
+    succeeds_within(milliseconds(appends_in_one_step() ? 0 : 1000), [file] { return try_to_lock(file); });
     if (!ends_within_a_line(file)) line.remove_prefix(1);
     DWORD written = 0;
     if (line.size() > MAXDWORD) return write_fault;
@@ -108,8 +114,13 @@ Error File::append(std::string_view line) const noexcept {
     return written == line.size() ? ok : disk_full;
 }
 
-FileLock::FileLock(const char* path) noexcept : handle_(open_shared(path, 0)) {
-    held_ = system_handle(handle_) != INVALID_HANDLE_VALUE && lock(system_handle(handle_), rotation_patience_ms);
+FileLock::FileLock(const char* path) noexcept : handle_(open_shared(path, 0)) {}
+
+Attempt FileLock::take() noexcept {
+    if (system_handle(handle_) == INVALID_HANDLE_VALUE) return Attempt::failed;
+    const Attempt result = try_to_lock(system_handle(handle_));
+    held_ = result == Attempt::succeeded;
+    return result;
 }
 
 FileLock::~FileLock() {
@@ -127,7 +138,7 @@ bool exists(const char* path) noexcept {
 
 // A file that someone still has open cannot be replaced (5), but newer systems free its name when it is deleted. A file
 // that cannot be renamed itself answers otherwise (32), and nothing is deleted for it.
-bool rename_over(const char* from, const char* to) noexcept {
+bool FileLock::rename_over(const char* from, const char* to) noexcept {
     if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING)) return true;
     return GetLastError() == ERROR_ACCESS_DENIED && DeleteFileA(to) && MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING);
 }
@@ -163,8 +174,9 @@ int32_t utc_offset_minutes(int64_t seconds) noexcept {
     return static_cast<int32_t>((ticks(time) - utc) / (60 * ticks_per_second));
 }
 
-void pause(uint32_t milliseconds) noexcept {
-    Sleep(milliseconds);
+void pause(microseconds limit) noexcept {
+    // The shortest sleep may last as long as the system's clock takes for a tick, which is up to 16 ms.
+    Sleep(limit > milliseconds(20) ? 1 : 0);
 }
 
 }  // namespace kzmlog
