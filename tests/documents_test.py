@@ -57,7 +57,7 @@ class Documents(unittest.TestCase):
     def test_every_error_of_the_tool_is_explained(self):
         text = (PROJECT / "docs/troubleshooting.md").read_text()
         errors = set()
-        for file in (PROJECT / "tools/shmnmctl/src").glob("*.cpp"):
+        for file in (PROJECT / "tools").rglob("*.cpp"):
             for before, literal in literals(file):
                 if re.search(r"Failure\(\s*Exit::\w+,[^\"]*$", before) and " " in literal:
                     errors.add(re.sub(r"\{\}", "...", literal))

@@ -18,13 +18,13 @@
 #include <type_traits>
 #include <vector>
 
-#include "escape.h"
+#include "picture/escape.h"
 #include "shmnm.h"
 
 namespace {
 
-using shmnmctl::escaped;
-using shmnmctl::unescaped;
+using picture::escaped;
+using picture::unescaped;
 
 struct Line {
     std::vector<std::string> inputs;

@@ -12,17 +12,19 @@
 #include <string>
 #include <vector>
 
-#include "failure.h"
-#include "findings.h"
-#include "picture.h"
-#include "picture_json.h"
+#include "picture/decode.h"
+#include "picture/failure.h"
+#include "picture/findings.h"
+#include "picture/json.h"
+#include "picture/keys.h"
+#include "picture/library_region.h"
 #include "picture_text.h"
 #include "shmnm.h"
-#include "shmnmctl/library_region.h"
-#include "words.h"
 
 namespace shmnmctl {
 namespace {
+
+using namespace picture;
 
 using test::below;
 using test::LibraryRegion;

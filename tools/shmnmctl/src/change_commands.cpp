@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "assignments.h"
 #include "context.h"
-#include "escape.h"
-#include "library.h"
-#include "picture.h"
+#include "picture/assignments.h"
+#include "picture/decode.h"
+#include "picture/escape.h"
+#include "picture/library.h"
 
 namespace shmnmctl {
 namespace {

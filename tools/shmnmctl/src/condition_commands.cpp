@@ -9,10 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "condition.h"
 #include "context.h"
-#include "escape.h"
-#include "platform.h"
+#include "picture/conditions.h"
+#include "picture/escape.h"
+#include "picture/platform.h"
+#include "session.h"
 
 namespace shmnmctl {
 namespace {
@@ -87,7 +88,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
         const uint64_t left_us = timeout_us - std::min(passed_us, timeout_us);
         return static_cast<uint32_t>(std::min((left_us + 999) / 1'000, most_ms));
     };
-    platform::catch_stop();
+    session::catch_stop();
     LiveRegion region(context.access);
     region.expect();
     for (;;) {
@@ -99,7 +100,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
         if (left_ms(1) == 0) {
             throw Failure(Exit::timeout, fmt::format("it did not hold within {}: {}", *options.timeout, unmet));
         }
-        if (platform::stopped_within(left_ms(options.interval_ms))) {
+        if (session::stopped_within(left_ms(options.interval_ms))) {
             throw Failure(Exit::failed, fmt::format("interrupted; it did not hold: {}", unmet));
         }
     }

@@ -23,14 +23,6 @@ void write_output(std::string_view text) {
                               error == EPIPE || error == EINVAL ? "its reader has closed it" : std::strerror(error)));
 }
 
-Json document(const char* kind) {
-    return Json{{"version", 1}, {"kind", kind}};
-}
-
-std::string line(const Json& document) {
-    return document.dump() + "\n";
-}
-
 void add_format(CLI::App& command, Context& context) {
     command.add_option("--format", context.format, "text or json")
         ->check(CLI::IsMember({"text", "json"}))

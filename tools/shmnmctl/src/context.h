@@ -2,20 +2,19 @@
 #pragma once
 
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
 #include <CLI/CLI.hpp>
 
-#include "failure.h"
-#include "live_region.h"
-#include "snapshot.h"
+#include "picture/failure.h"
+#include "picture/json.h"
+#include "picture/live.h"
+#include "picture/snapshot.h"
 
 namespace shmnmctl {
 
-/// Objects keep the order in which their members were added.
-using Json = nlohmann::ordered_json;
+using namespace picture;  // most of what the commands speak of
 
 struct Context {
     Access access;
@@ -33,11 +32,6 @@ Snapshot look(const Context& context);
 /// Writes to standard output and makes sure that it is written.
 /// @throws Failure  it is closed or full
 void write_output(std::string_view text);
-
-/// A document of a kind, with the version of the schema that it obeys.
-Json document(const char* kind);
-/// A document in one line with its end.
-std::string line(const Json& document);
 
 /// Options that several commands take.
 void add_format(CLI::App& command, Context& context);

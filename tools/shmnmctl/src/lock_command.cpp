@@ -5,8 +5,9 @@
 #include <vector>
 
 #include "context.h"
-#include "escape.h"
-#include "platform.h"
+#include "picture/escape.h"
+#include "picture/platform.h"
+#include "session.h"
 
 namespace shmnmctl {
 namespace {
@@ -15,7 +16,7 @@ Exit run_locked(const Context& context, const std::vector<std::string>& command)
     LiveRegion region(context.access);
     const Locked locked(region);
     // The command gets neither the lock nor its handle: it is this process that owns it until the command has ended.
-    return static_cast<Exit>(platform::run(command));
+    return static_cast<Exit>(session::run(command));
 }
 
 Json to_json(const platform::LockHolder& holder) {

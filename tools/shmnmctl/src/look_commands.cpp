@@ -7,10 +7,10 @@
 #include <memory>
 
 #include "context.h"
-#include "escape.h"
-#include "picture.h"
-#include "picture_json.h"
-#include "words.h"
+#include "picture/decode.h"
+#include "picture/escape.h"
+#include "picture/json.h"
+#include "picture/keys.h"
 
 namespace shmnmctl {
 namespace {

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "context.h"
-#include "escape.h"
-#include "failure.h"
-#include "platform.h"
+#include "picture/escape.h"
+#include "picture/failure.h"
+#include "session.h"
 
 namespace {
 
@@ -67,7 +67,7 @@ std::vector<std::string> arguments_of(int count, char** arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    platform::prepare();
+    session::prepare();
     CLI::App app("Sees, changes, waits on and checks the live picture of the cluster on this machine.", "shmnmctl");
     app.set_version_flag("--version", "shmnmctl " SHMNM_VERSION);
     app.require_subcommand(1);

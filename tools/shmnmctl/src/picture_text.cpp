@@ -6,11 +6,13 @@
 #include <unordered_map>
 #include <vector>
 
-#include "escape.h"
-#include "words.h"
+#include "picture/escape.h"
+#include "picture/keys.h"
 
 namespace shmnmctl {
 namespace {
+
+using namespace picture;
 
 enum class Tone { plain, heading, good, bad };
 

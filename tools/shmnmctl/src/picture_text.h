@@ -3,18 +3,17 @@
 
 #include <string>
 
-#include "picture.h"
-#include "snapshot.h"
+#include "picture/decode.h"
 
 namespace shmnmctl {
 
 struct TextStyle {
     int columns = 0;  ///< 0: as wide as it gets
     bool colors = false;
-    const Picture* before = nullptr;  ///< words that differ from this one's are marked
+    const picture::Picture* before = nullptr;  ///< words that differ from this one's are marked
 };
 
 /// Lines, each with its end.
-std::string to_text(const Picture& picture, const TextStyle& style);
+std::string to_text(const picture::Picture& picture, const TextStyle& style);
 
 }  // namespace shmnmctl

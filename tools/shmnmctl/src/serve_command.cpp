@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "context.h"
-#include "escape.h"
 #include "kzmutil.h"
-#include "library.h"
-#include "members.h"
-#include "platform.h"
+#include "picture/cluster_file.h"
+#include "picture/escape.h"
+#include "picture/library.h"
+#include "session.h"
 
 namespace shmnmctl {
 namespace {
@@ -97,20 +97,21 @@ void tell_that_it_is_ready(const Context& context, const ClusterFile& file) {
         return std::count_if(file.members.begin(), file.members.end(),
                              [=](const Member& member) { return member.kind == kind; });
     };
-    const auto servers = count(Member::Kind::server), hb = count(Member::Kind::hb), np = count(Member::Kind::np);
+    const auto servers = count(Member::Kind::server), hb_resources = count(Member::Kind::hb),
+               np_resources = count(Member::Kind::np);
     if (context.json()) {
         Json ready = document("serve");
         ready["ready"] = true;
         ready["region"] = full_name(mapping_name);
         ready["servers"] = servers;
-        ready["hb"] = hb;
-        ready["np"] = np;
+        ready["hb"] = hb_resources;
+        ready["np"] = np_resources;
         write_output(line(ready));
     } else {
         write_output(fmt::format("ready: {} with {} servers, {} hb and {} np resources\n", full_name(mapping_name),
-                                 servers, hb, np));
+                                 servers, hb_resources, np_resources));
     }
-    platform::notify_service_manager("READY=1");
+    session::notify_service_manager("READY=1");
 }
 
 Exit serve(const Context& context, const ServeOptions& options) {
@@ -123,15 +124,15 @@ Exit serve(const Context& context, const ServeOptions& options) {
                         "equal",
                         printable(options.file), to_text(file.counts), printable(installed), to_text(*configured)));
     }
-    platform::catch_stop();
+    session::catch_stop();
     LiveRegion region(context.access);
     region.mutex();
     create(installed);
     try {
         register_members(region, file.members);
         tell_that_it_is_ready(context, file);
-        platform::wait_for_stop(options.until_eof);
-        platform::notify_service_manager("STOPPING=1");
+        session::wait_for_stop(options.until_eof);
+        session::notify_service_manager("STOPPING=1");
         if (options.clean) take_out(region, file.members);
     } catch (...) {
         library().shmnm_delete();

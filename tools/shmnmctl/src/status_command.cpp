@@ -6,24 +6,25 @@
 #include <optional>
 
 #include "context.h"
-#include "escape.h"
-#include "picture.h"
-#include "picture_json.h"
+#include "picture/decode.h"
+#include "picture/escape.h"
+#include "picture/json.h"
+#include "picture/keys.h"
+#include "picture/platform.h"
 #include "picture_text.h"
-#include "platform.h"
-#include "words.h"
+#include "session.h"
 
 namespace shmnmctl {
 namespace {
 
 /// Colours are for terminals, unless NO_COLOR says no (any value but the empty one, as is the custom).
-bool wants_colors(const platform::Terminal& terminal) {
+bool wants_colors(const session::Terminal& terminal) {
     const char* const no_color = std::getenv("NO_COLOR");
-    return terminal.is_terminal && !(no_color && *no_color) && platform::enable_escapes();
+    return terminal.is_terminal && !(no_color && *no_color) && session::enable_escapes();
 }
 
 /// The width that text has: that of the terminal, or what COLUMNS says, or without limit.
-int columns(const platform::Terminal& terminal) {
+int columns(const session::Terminal& terminal) {
     if (terminal.columns > 0) return terminal.columns;
     const char* const variable = std::getenv("COLUMNS");
     const auto value = variable ? Value::parse(variable) : std::nullopt;
@@ -37,7 +38,7 @@ Exit show_once(const Context& context) {
     if (context.json()) {
         write_output(line(to_json(snapshot, picture)));
     } else {
-        const platform::Terminal terminal = platform::terminal();
+        const session::Terminal terminal = session::terminal();
         write_output(to_text(picture, {.columns = columns(terminal), .colors = wants_colors(terminal)}));
     }
     return Exit::done;
@@ -85,11 +86,11 @@ uint32_t interval_ms(const std::string& seconds) {
 Exit show_again_and_again(const Context& context, const std::string& seconds) {
     if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change; --watch is for the live region");
     const uint32_t interval = interval_ms(seconds);
-    platform::catch_stop();
+    session::catch_stop();
     LiveRegion region(context.access);
     region.expect();
     std::optional<Screen> screen;
-    if (!context.json() && platform::terminal().is_terminal && platform::enable_escapes()) screen.emplace();
+    if (!context.json() && session::terminal().is_terminal && session::enable_escapes()) screen.emplace();
     std::optional<Picture> shown;
     do {
         std::optional<Snapshot> snapshot;
@@ -102,7 +103,7 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
             problem = failure.what();
         }
         // Asked for at each draw: it may have been resized.
-        const platform::Terminal terminal = platform::terminal();
+        const session::Terminal terminal = session::terminal();
         std::string text = fmt::format("{}  every {} s\n", platform::to_text(platform::wall_clock_us()), seconds);
         if (snapshot) {
             Picture picture = decode(*snapshot);
@@ -128,7 +129,7 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
         } else {
             write_output(context.json() ? text : text + "\n");
         }
-    } while (!platform::stopped_within(interval));
+    } while (!session::stopped_within(interval));
     return Exit::done;
 }
 

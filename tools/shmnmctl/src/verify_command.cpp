@@ -2,7 +2,7 @@
 #include <fmt/format.h>
 
 #include "context.h"
-#include "findings.h"
+#include "picture/findings.h"
 
 namespace shmnmctl {
 namespace {

@@ -5,11 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "changes.h"
 #include "context.h"
-#include "picture_json.h"
-#include "platform.h"
-#include "words.h"
+#include "picture/changes.h"
+#include "picture/json.h"
+#include "picture/keys.h"
+#include "picture/platform.h"
+#include "session.h"
 
 namespace shmnmctl {
 namespace {
@@ -166,7 +167,7 @@ class Watch {
 Exit watch(const Context& context, const WatchOptions& options) {
     // A stop that is asked for while the lock does not come takes no longer than this.
     constexpr uint32_t longest_lock_ms = 1'000;
-    platform::catch_stop();
+    session::catch_stop();
     LiveRegion region(context.access);
     region.expect();
     Watch watch(context, options);
@@ -179,7 +180,7 @@ Exit watch(const Context& context, const WatchOptions& options) {
         }
         // One last look shows what had happened when the stop was asked for.
         if (stopped) break;
-        stopped = platform::stopped_within(options.interval_ms);
+        stopped = session::stopped_within(options.interval_ms);
     }
     watch.end();
     return Exit::done;

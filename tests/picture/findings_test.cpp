@@ -1,0 +1,161 @@
+// What verify finds: in whatever the library leaves behind, nothing; and of a healthy region each single byte that is
+// wrong.
+#include "picture/findings.h"
+
+#include <gmock/gmock.h>
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "picture/library_region.h"
+#include "shmnm.h"
+
+namespace picture {
+
+void PrintTo(const Finding& finding, std::ostream* stream) {
+    *stream << finding.offset << " " << finding.key << ": expected " << finding.expected << "; found " << finding.found;
+}
+
+namespace {
+
+using test::LibraryRegion;
+using test::Random;
+using testing::IsEmpty;
+using testing::Not;
+
+class HealthyRegion : public testing::TestWithParam<Counts> {};
+
+TEST_P(HealthyRegion, HasNoFindingWhateverWasCalled) {
+    Random random(test::seed());
+    LibraryRegion region(GetParam());
+    for (unsigned round = 0; round < test::share_of(60); ++round) {
+        region.call(random, test::below(random, 400));
+        ASSERT_THAT(findings(region.dump()), IsEmpty()) << "round " << round;
+    }
+}
+
+TEST_P(HealthyRegion, HasNoFindingOnceItIsFullAndWhenItIsEmptiedAgain) {
+    Random random(test::seed());
+    LibraryRegion region(GetParam());
+    region.fill();
+    ASSERT_THAT(findings(region.dump()), IsEmpty());
+    region.call(random, 3000);
+    ASSERT_THAT(findings(region.dump()), IsEmpty());
+    region.clear();
+    ASSERT_THAT(findings(region.dump()), IsEmpty());
+    region.call(random, 1000);
+    ASSERT_THAT(findings(region.dump()), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(, HealthyRegion,
+                         testing::Values(Counts{4, 3, 2, 1}, Counts{2, 1, 1, 0}, Counts{3, 5, 1, 4},
+                                         Counts{128, 16, 16, 1},
+                                         // One server: records reach into the next tables, here a little, into the
+                                         // description and the process ids of the fst resource, past whole tables.
+                                         Counts{1, 3, 2, 1}, Counts{1, 16, 200, 1}, Counts{1, 200, 1, 0},
+                                         Counts{1, 160, 160, 2}, Counts{1, 2, 300, 0}, Counts{1, 400, 3, 1}),
+                         [](const auto& instance) {
+                             const Counts& counts = instance.param;
+                             return "S" + std::to_string(counts.servers) + "H" + std::to_string(counts.hb) + "N" +
+                                    std::to_string(counts.np) + "F" + std::to_string(counts.fst);
+                         });
+
+/// What a change of one byte is to show.
+enum class Shown { nothing, at_the_byte, at_the_place };
+struct Expectation {
+    Shown shown;
+    uint64_t place = 0;
+};
+
+constexpr Expectation opaque{Shown::nothing}, stays_zero{Shown::at_the_byte};
+
+/// A byte at a distance from the start of a text field that takes `room` bytes, of which one is for the NUL if it must.
+Expectation in_text(const Snapshot& changed, uint64_t field, uint64_t at, uint64_t room, bool needs_nul) {
+    const uint64_t length = changed.text(field, room).size();
+    if (length == 0 || (length == room && needs_nul)) return {Shown::at_the_place, field};
+    // The text became longer or other.
+    if (at < field + length) return opaque;
+    if (at > field + length) return stays_zero;
+    // It ends earlier, and what was behind is no text any more.
+    const bool left = at + 1 < field + room && changed.bytes[at + 1] != 0;
+    return left ? Expectation{Shown::at_the_place, at + 1} : opaque;
+}
+
+/// For 4 servers of which 3 are in use, 3 hb resources of which 2, 2 np resources of which 1, 2 fst records, and 8
+/// records of process ids of which 3 are in use.
+Expectation expected(const Snapshot& changed, uint64_t at) {
+    constexpr uint64_t hb = 2364, np = 9372, fst = 14044, pids = 15212, network = 17804, step = 600;
+    const auto in_resource = [&](uint64_t table, uint64_t used) -> Expectation {
+        const uint64_t position = (at - table) / step, field = (at - table) % step, record = at - field;
+        if (position >= used) return stays_zero;
+        if (field < 32) return in_text(changed, record, at, 32, true);
+        if (field < 256) return stays_zero;
+        if (field < 288) return in_text(changed, record + 256, at, 32, true);
+        return field < 552 || field >= 584 ? opaque : stays_zero;
+    };
+    if (at < 8) return opaque;
+    if (at < 24) return {Shown::at_the_place, 8};
+    if (at < 44) return {Shown::at_the_place, at / 4 * 4};
+    if (at < 64) return opaque;
+    if (at < 1084) return stays_zero;
+    if (at < hb) {
+        const uint64_t position = (at - 1084) / 320, field = (at - 1084) % 320, record = at - field;
+        if (position >= 3) return stays_zero;
+        if (field < 256) return in_text(changed, record, at, 256, true);
+        return field < 272 || (field >= 276 && field < 292) ? opaque : stays_zero;
+    }
+    if (at < np) return in_resource(hb, 2);
+    if (at < fst) return in_resource(np, 1);
+    if (at < pids) {
+        const uint64_t field = at - fst;
+        return (field >= 288 && field < 544) || (field >= 548 && field < 552) ? opaque : stays_zero;
+    }
+    if (at < network) {
+        const uint64_t position = (at - pids) / 324, field = (at - pids) % 324, record = at - field;
+        if (position >= 3) return stays_zero;
+        if (field < 256) return in_text(changed, record, at, 256, false);
+        return field < 292 ? opaque : stays_zero;
+    }
+    return at < network + 48 ? opaque : stays_zero;
+}
+
+TEST(DamagedRegion, ShowsEachWrongByteByOneFinding) {
+    LibraryRegion region({4, 3, 2, 2});
+    for (const std::string& server : {std::string("alpha"), std::string(255, 'b'), std::string("c")}) {
+        ASSERT_EQ(shmnm_addnode(server.c_str(), 0), SHMNM_OK);
+        ASSERT_EQ(shmnm_setfstrscpid((server + server).c_str(), 2, 3, 4), SHMNM_OK);
+    }
+    ASSERT_EQ(shmnm_addhbrsc("lan", "lanhb1", 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_addhbrsc(std::string(31, 't').c_str(), "x", 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_addnprsc("ping", std::string(31, 'n').c_str(), 1), SHMNM_OK);
+    const Snapshot healthy = region.dump();
+    ASSERT_EQ(healthy.bytes.size(), 17932u);
+    ASSERT_THAT(findings(healthy), IsEmpty());
+
+    for (uint64_t at = 0; at < healthy.bytes.size(); ++at) {
+        for (const uint8_t byte : {uint8_t{0}, static_cast<uint8_t>(healthy.bytes[at] ^ 0xA5)}) {
+            if (byte == healthy.bytes[at]) continue;
+            Snapshot changed = healthy;
+            changed.bytes[at] = byte;
+            changed.counts = changed.header_counts();
+            const std::vector<Finding> found = findings(changed);
+            // A count that became 0 is in its range, and leaves records in slots that are free now.
+            if (at >= 28 && at < 44 && byte == 0) {
+                ASSERT_THAT(found, Not(IsEmpty())) << "offset " << at;
+                continue;
+            }
+            const Expectation expectation = expected(changed, at);
+            if (expectation.shown == Shown::nothing) {
+                ASSERT_THAT(found, IsEmpty()) << "offset " << at;
+            } else {
+                ASSERT_EQ(found.size(), 1u) << "offset " << at << testing::PrintToString(found);
+                ASSERT_EQ(found[0].offset, expectation.shown == Shown::at_the_byte ? at : expectation.place)
+                    << "offset " << at << testing::PrintToString(found);
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace picture

@@ -1,0 +1,37 @@
+// "set": what is to be written under which key, checked as a whole before anything is written.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "picture/decode.h"
+#include "picture/keys.h"
+
+namespace picture {
+
+struct Assignment {
+    std::string key;
+    Value value;
+};
+
+/// @throws Failure  the value is no number (usage)
+Assignment parse_assignment(const std::string& key, const std::string& value);
+
+/// Lines of a key, blanks and a value. Empty lines and those that begin with # say nothing.
+/// @throws Failure  a line is neither (usage); the message names its number
+std::vector<Assignment> parse_assignments(std::string_view text);
+
+/// A call of the library that is sure to be accepted.
+struct Step {
+    const char* function;
+    std::function<uint32_t()> call;
+};
+
+/// The calls that carry the assignments out, in their order. Nothing is called yet.
+/// @param[in] picture  the region as it is; must outlive the steps
+/// @throws Failure  a key does not exist (no), a value does not fit (usage), or a word cannot be set (failed)
+std::vector<Step> plan(const Picture& picture, const std::vector<Assignment>& assignments);
+
+}  // namespace picture

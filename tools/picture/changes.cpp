@@ -1,0 +1,31 @@
+#include "picture/changes.h"
+
+#include <unordered_map>
+
+namespace picture {
+
+std::vector<WordChange> changes(const std::vector<Word>& before, const std::vector<Word>& after,
+                                std::string_view prefix) {
+    std::unordered_map<std::string_view, const Word*> left;
+    for (const Word& word : before) {
+        if (is_below(word.key, prefix)) left.emplace(word.key, &word);
+    }
+    std::vector<WordChange> found;
+    for (const Word& word : after) {
+        if (!is_below(word.key, prefix)) continue;
+        const auto known = left.find(word.key);
+        if (known == left.end()) {
+            found.push_back({word.key, std::nullopt, word.value});
+            continue;
+        }
+        if (known->second->value != word.value) found.push_back({word.key, known->second->value, word.value});
+        left.erase(known);
+    }
+    if (left.empty()) return found;
+    for (const Word& word : before) {
+        if (left.contains(word.key)) found.push_back({word.key, word.value, std::nullopt});
+    }
+    return found;
+}
+
+}  // namespace picture

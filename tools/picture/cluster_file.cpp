@@ -1,0 +1,145 @@
+#include "picture/cluster_file.h"
+
+#include <fmt/format.h>
+
+#include <limits>
+#include <set>
+
+#include "document.h"
+#include "kzmutil.h"
+#include "picture/escape.h"
+#include "picture/failure.h"
+#include "picture/keys.h"
+
+namespace picture {
+namespace {
+
+constexpr size_t server_name_limit = 255, resource_text_limit = 31;
+
+/// Reads the elements of one file.
+class Reader {
+  public:
+    explicit Reader(const std::string& file) : file_(file) {}
+
+    [[noreturn]] void refuse(const std::string& why) const {
+        throw Failure(Exit::failed, fmt::format("{} is not taken: {}", printable(file_), why));
+    }
+
+    kzmxml::Element document() const {
+        kzmxml::Element document;
+        switch (kzmxml::read_document(file_, document)) {
+            case XMLLIB_OK:
+                return document;
+            case XMLLIB_ERR_FILE:
+                refuse("it cannot be read; put the cluster's configuration there, or name it with --config");
+            default:
+                refuse("it is no well-formed XML without a document type, or too large");
+        }
+    }
+
+    int32_t count(const kzmxml::Element& document, const char* path, int32_t fallback) const {
+        int32_t value = fallback;
+        const kzmxml::Element* const element = kzmxml::find(document, path);
+        return element && kzmxml::read_integer(*element, value) ? value : fallback;
+    }
+
+    Member member(const std::string& element, const kzmxml::Element& content) const {
+        Member member{};
+        if (element == "server") {
+            member.kind = Member::Kind::server;
+        } else if (element == "hb" || element == "np") {
+            member.kind = element == "hb" ? Member::Kind::hb : Member::Kind::np;
+            member.type = text(element, content, "type", resource_text_limit);
+        } else {
+            refuse(fmt::format("/root/cluster has an element {}; server, hb and np are known", printable(element)));
+        }
+        member.name = text(element, content, "name",
+                           member.kind == Member::Kind::server ? server_name_limit : resource_text_limit);
+        member.priority = priority(element, content, member.kind == Member::Kind::server);
+        // A member that stands in another one would not be registered.
+        for (const auto& [inner, ignored] : content) {
+            if (inner.starts_with('<')) continue;
+            refuse(fmt::format("the {} {} in /root/cluster has an element {} in it; members stand side by side",
+                               element, printable(member.name), printable(inner)));
+        }
+        return member;
+    }
+
+  private:
+    std::string text(const std::string& element, const kzmxml::Element& content, const char* attribute,
+                     size_t limit) const {
+        const auto value = content.get_optional<std::string>(fmt::format("<xmlattr>.{}", attribute));
+        if (!value || value->empty()) refuse(fmt::format("a {} in /root/cluster has no {}", element, attribute));
+        if (value->size() > limit) {
+            refuse(fmt::format("the {} \"{}\" of a {} in /root/cluster is longer than {} bytes", attribute,
+                               printable(*value), element, limit));
+        }
+        return *value;
+    }
+
+    int64_t priority(const std::string& element, const kzmxml::Element& content, bool is_signed) const {
+        const std::string value = text(element, content, "priority", resource_text_limit);
+        const auto parsed = Value::parse(value);
+        const auto narrow = parsed ? parsed->to_int32() : std::nullopt;
+        const auto wide = parsed && !is_signed ? parsed->to_uint32() : std::nullopt;
+        if (is_signed ? !narrow : !wide) {
+            refuse(fmt::format("the priority \"{}\" of a {} in /root/cluster is no 32-bit number", printable(value),
+                               element));
+        }
+        return is_signed ? int64_t{*narrow} : int64_t{*wide};
+    }
+
+    const std::string& file_;
+};
+
+void check_room(const Reader& reader, const ClusterFile& read) {
+    const struct {
+        Member::Kind kind;
+        const char* element;
+        int32_t limit;
+    } tables[] = {{Member::Kind::server, "server", read.counts.servers},
+                  {Member::Kind::hb, "hb", read.counts.hb},
+                  {Member::Kind::np, "np", read.counts.np}};
+    for (const auto& [kind, element, limit] : tables) {
+        std::set<std::pair<std::string, std::string>> names;
+        for (const Member& member : read.members) {
+            if (member.kind != kind) continue;
+            if (!names.insert({member.type, member.name}).second) {
+                reader.refuse(fmt::format("/root/cluster has the {} {} twice", element, printable(member.name)));
+            }
+        }
+        if (static_cast<int64_t>(names.size()) > limit) {
+            reader.refuse(fmt::format("/root/cluster has {} {} elements, and /root/all/num has room for {}",
+                                      names.size(), element, limit));
+        }
+    }
+}
+
+}  // namespace
+
+std::string installed_cluster_file() {
+    char path[1024];
+    if (!KzmutilGetInstallPath(path, sizeof path)) {
+        throw Failure(Exit::failed, "the installation path is not known; set KZM_INSTALL_PATH");
+    }
+    return std::string(path) + "/etc/cluster.xml";
+}
+
+ClusterFile read_cluster_file(const std::string& file) {
+    const Reader reader(file);
+    const kzmxml::Element document = reader.document();
+    ClusterFile read{
+        .counts = {reader.count(document, "/root/all/num/server", 128), reader.count(document, "/root/all/num/hbr", 16),
+                   reader.count(document, "/root/all/num/npr", 16), reader.count(document, "/root/all/num/fstr", 1)},
+        .members = {}};
+    if (const kzmxml::Element* const cluster = kzmxml::find(document, "/root/cluster")) {
+        for (const auto& [element, content] : *cluster) {
+            if (element.starts_with('<')) continue;  // the parser's own, such as attributes
+            read.members.push_back(reader.member(element, content));
+        }
+    }
+    check_room(reader, read);
+    return read;
+}
+
+}  // namespace picture

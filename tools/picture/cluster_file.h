@@ -1,0 +1,31 @@
+// The members of the cluster as the configuration file names them: what "serve" registers.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "picture/snapshot.h"
+
+namespace picture {
+
+struct Member {
+    enum class Kind { server, hb, np };
+    Kind kind;
+    std::string type;  ///< of a resource
+    std::string name;
+    int64_t priority = 0;
+};
+
+struct ClusterFile {
+    Counts counts;
+    std::vector<Member> members;  ///< in the order of the file
+};
+
+/// etc/cluster.xml below the installation path.
+std::string installed_cluster_file();
+
+/// @throws Failure  the file cannot be read, or an element of it is not as it should be; the line names the element
+ClusterFile read_cluster_file(const std::string& file);
+
+}  // namespace picture

@@ -1,0 +1,52 @@
+// Conditions on the words of the picture: "servers/alpha/nodestat=1 and all hb/*/*/svstat/* != 9".
+//
+//     condition  = term { "or" term }
+//     term       = factor { "and" factor }
+//     factor     = "not" factor | "(" condition ")" | "exists" PATTERN | [ "all" | "any" ] PATTERN OPERATOR VALUE
+//     OPERATOR   = "=" | "==" | "!=" | "<" | "<=" | ">" | ">="
+//
+// A pattern is a key in whose parts a * stands for any run of bytes. (A * in a name is written %2A.)
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "picture/keys.h"
+
+namespace picture {
+
+class Condition {
+  public:
+    /// @throws Failure  it is no condition (usage); the message shows the place
+    explicit Condition(std::string_view text);
+
+    /// A comparison of a key that does not exist does not hold, nor does "all" of none.
+    bool holds(const std::vector<Word>& words) const;
+
+    /// The parts that keep it from holding, each with the reason: "servers/alpha/nodestat=1 (it is 2)". Printable.
+    /// Empty when it holds.
+    std::string unmet(const std::vector<Word>& words) const;
+
+    /// A part of it, in the order in which it was written. What has parts of its own decides by them.
+    struct Part {
+        enum class Kind { all_of, one_of, none_of, exists, comparison };
+        using Compare = bool (*)(const Value&, const Value&);
+
+        Kind kind = Kind::comparison;
+        std::string text;         ///< as it was written
+        std::vector<Part> parts;  ///< of all_of, one_of and none_of, which has one
+        std::string pattern;      ///< of exists and comparison
+        bool of_all = false;      ///< of a comparison: each key of the pattern is compared, not some key
+        Compare compare = nullptr;
+        Value value;
+    };
+
+  private:
+    Part whole_;
+};
+
+/// Whether a key is one of those that a pattern stands for.
+bool matches(std::string_view pattern, std::string_view key);
+
+}  // namespace picture

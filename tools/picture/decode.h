@@ -1,0 +1,68 @@
+// The picture of the cluster, decoded from a copy of the region: the one decoder behind every output. It finds what the
+// library's functions would answer from the same bytes; where the bytes contradict themselves it shows no more than
+// they hold.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "picture/snapshot.h"
+#include "shmnm.h"
+
+namespace picture {
+
+struct Server {
+    std::string name;
+    int32_t pri = 0;
+    uint32_t nodestat = 0, nodestat_nw = 0, downnotifystat = 0, isolateflag = 0, pingstat = 0, holdstat = 0;
+    uint32_t dfailstatus = 0;
+    std::optional<uint32_t> combstat;  ///< none: the states have no combined one
+    uint64_t offset = 0;               ///< of the record
+
+    bool is_alive() const { return nodestat == 1; }
+};
+
+struct Resource {
+    std::string type, name;
+    uint32_t pri = 0, stat = 0;
+    std::string descript;           ///< 256 bytes without the zeros at their end
+    std::vector<uint32_t> svstat;   ///< by server position; shorter where the bytes end
+    std::vector<uint32_t> network;  ///< likewise; of an hb resource alone
+    uint64_t offset = 0;
+    uint64_t network_offset = 0;  ///< of its first network-wide word
+};
+
+struct FstPid {
+    std::string name;
+    std::array<uint32_t, 3> pid{};
+    std::array<uint64_t, 3> piddata{};
+    uint64_t offset = 0;
+};
+
+struct Fst {
+    uint32_t stat = 0;
+    std::string descript;
+    uint64_t offset = 0;
+};
+
+struct Picture {
+    shmnm_header header;
+    Layout layout;
+    std::vector<Server> servers;
+    std::vector<Resource> hb, np;
+    std::optional<Fst> fst;  ///< none: the region was laid out without
+    std::vector<FstPid> fst_pids;
+
+    bool is_any_alive() const;
+};
+
+/// Counts that the copy contradicts are followed for some hundred records, so that every copy is decoded soon.
+Picture decode(const Snapshot& snapshot);
+
+/// The combined state, by the table of shmnm_getnodecombstat().
+std::optional<uint32_t> combined_state(uint32_t nodestat, uint32_t waitstat, uint32_t isolateflag);
+
+}  // namespace picture

@@ -1,0 +1,443 @@
+#include "picture/findings.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+
+#include "picture/escape.h"
+#include "shmnm.h"
+
+namespace picture {
+namespace {
+
+constexpr uint64_t word_size = sizeof(uint32_t), record_size = sizeof(shmnm_resource);
+
+struct Range {
+    uint64_t begin, end;
+};
+/// Sorted by their begin; they may overlap.
+using Ranges = std::vector<Range>;
+
+Ranges intersections(const Range& range, const Ranges& others) {
+    Ranges common;
+    for (const Range& other : others) {
+        const Range both{std::max(range.begin, other.begin), std::min(range.end, other.end)};
+        if (both.begin < both.end) common.push_back(both);
+    }
+    std::sort(common.begin(), common.end(), [](const Range& a, const Range& b) { return a.begin < b.begin; });
+    return common;
+}
+
+bool touches(const Ranges& ranges, uint64_t begin, uint64_t end) {
+    return std::any_of(ranges.begin(), ranges.end(),
+                       [&](const Range& range) { return range.begin < end && begin < range.end; });
+}
+
+/// A text field of a record. The library writes its first `room` bytes; the others stay zero.
+struct Field {
+    const char* name;
+    uint64_t offset, size, room;
+    bool ends_in_room;  ///< a text that is too long is cut one byte short, for its NUL
+};
+constexpr Field server_name{"name", offsetof(shmnm_server, name), sizeof(shmnm_server::name), 256, true};
+constexpr Field resource_name{"name", offsetof(shmnm_resource, name), sizeof(shmnm_resource::name), 32, true};
+constexpr Field resource_type{"type", offsetof(shmnm_resource, type), sizeof(shmnm_resource::type), 32, true};
+constexpr Field pid_name{"name", offsetof(shmnm_fst_pid, name), sizeof(shmnm_fst_pid::name), 256, false};
+
+/// What a text field holds.
+struct Text {
+    std::optional<std::string> bytes;  ///< none: it is wrong, or another table may own it
+    bool cut = false;                  ///< as long as one that was cut: another one may be equal
+    std::optional<Finding> wrong;      ///< its key still without the record's
+};
+
+/// The slots of the hb or np table, and who else may have written to them.
+class Slots {
+  public:
+    /// @param[in] others  what other tables write to
+    Slots(uint64_t start, uint64_t step, uint64_t count, const Ranges& others)
+        : start_(start), step_(step), shared_(intersections({start, start + step * count}, others)) {
+        if (shared_.empty()) return;
+        std::array<int64_t, record_size + 1> last;
+        last.fill(-1);
+        for (const Range& range : shared_) {
+            // The last step of a range has each byte of a record that any of it has.
+            for (uint64_t at = std::max(range.begin, range.end - std::min(range.end, step_)); at < range.end; ++at) {
+                const uint64_t field = (at - start_) % step_;
+                if (field >= record_size) continue;
+                last[field] = std::max(last[field], static_cast<int64_t>((at - start_) / step_));
+            }
+        }
+        for (uint64_t begin = 0, end = 1; end <= record_size; ++end) {
+            if (last[end] == last[begin] && end < record_size) continue;
+            if (last[begin] >= 0) shared_fields_.push_back({{begin, end}, last[begin]});
+            begin = end;
+        }
+    }
+
+    uint64_t at(int32_t position) const { return start_ + step_ * static_cast<uint64_t>(position); }
+    const Ranges& shared() const { return shared_; }
+
+    /// What another table may have written to the record in use at a position: there, or at a later position, from
+    /// where removals have moved it down.
+    Ranges doubtful(int32_t position) const {
+        Ranges ranges;
+        for (const SharedField& field : shared_fields_) {
+            if (field.last < position) continue;
+            ranges.push_back({at(position) + field.bytes.begin, at(position) + field.bytes.end});
+        }
+        return ranges;
+    }
+
+  private:
+    struct SharedField {
+        Range bytes;   ///< of a record
+        int64_t last;  ///< the last position where they are shared
+    };
+
+    uint64_t start_, step_;
+    Ranges shared_;
+    std::vector<SharedField> shared_fields_;
+};
+
+class Search {
+  public:
+    explicit Search(const Snapshot& snapshot)
+        : snapshot_(snapshot),
+          header_counts_(snapshot.header_counts()),
+          layout_(snapshot.counts),
+          fits_(snapshot.bytes.size() == layout_.size),
+          placed_(fits_ && header_counts_ == snapshot.counts) {
+        std::memcpy(&header_, snapshot.bytes.data(), sizeof header_);
+    }
+
+    std::vector<Finding> run() {
+        maxima();
+        header();
+        servers();
+        if (placed_) {
+            const Owners owners = tables_that_overlap();
+            resources("hb", layout_.hb, layout_.np, header_.hb_count, snapshot_.counts.hb, owners.beside_hb);
+            resources("np", layout_.np, layout_.fst, header_.np_count, snapshot_.counts.np, owners.beside_np);
+            fst(owners.resources);
+            fst_pids(owners.resources);
+            network(owners.resources);
+        }
+        std::stable_sort(found_.begin(), found_.end(),
+                         [](const Finding& a, const Finding& b) { return a.offset < b.offset; });
+        return std::move(found_);
+    }
+
+  private:
+    /// Where tables write to that may reach into another one, which they do with a single server.
+    struct Owners {
+        Ranges resources, beside_hb, beside_np;
+    };
+
+    void add(uint64_t offset, std::string key, std::string expected, std::string found) {
+        found_.push_back({offset, std::move(key), std::move(expected), std::move(found)});
+    }
+
+    std::string size_of(const Counts& counts) const {
+        const uint64_t size = Layout(counts).size;
+        return size >= Layout::nowhere ? "beyond all memory" : fmt::format("{} bytes", size);
+    }
+
+    void maxima() {
+        const char* const held = snapshot_.live ? "mapping" : "file";
+        if (!fits_) {
+            add(offsetof(shmnm_header, max_servers), "header/maxima",
+                fmt::format("those of a {} of {} bytes", held, snapshot_.mapped),
+                fmt::format("{}: {}", to_text(header_counts_), size_of(header_counts_)));
+        } else {
+            const auto same = [&](const char* name, uint64_t offset, int32_t laid_out, int32_t in_header) {
+                if (laid_out == in_header) return;
+                add(offset, fmt::format("header/{}", name), fmt::format("{}, as the region is laid out", laid_out),
+                    fmt::format("{}", in_header));
+            };
+            const Counts &laid_out = snapshot_.counts, &named = header_counts_;
+            same("max_servers", offsetof(shmnm_header, max_servers), laid_out.servers, named.servers);
+            same("max_hb", offsetof(shmnm_header, max_hb), laid_out.hb, named.hb);
+            same("max_np", offsetof(shmnm_header, max_np), laid_out.np, named.np);
+            same("fst_count", offsetof(shmnm_header, fst_count), laid_out.fst, named.fst);
+        }
+        const std::optional<Counts>& configured = snapshot_.configured;
+        if (configured && !(fits_ && *configured == snapshot_.counts)) {
+            add(0, "region/size", fmt::format("{} ({}), as configured", size_of(*configured), to_text(*configured)),
+                fmt::format("{} bytes mapped", snapshot_.mapped));
+        }
+    }
+
+    static int64_t pid_limit(const Counts& counts) { return int64_t{counts.servers} * counts.fst; }
+
+    void header() {
+        const Counts &laid_out = snapshot_.counts, &named = header_counts_;
+        // While a maximum is in doubt its consequences are not told as well.
+        const int64_t limit = pid_limit(laid_out);
+        if (fits_ && header_.fst_pid_limit != limit && header_.fst_pid_limit != pid_limit(named)) {
+            add(offsetof(shmnm_header, fst_pid_limit), "header/fst_pid_limit",
+                fmt::format("{}, the servers times the fst resources", limit),
+                fmt::format("{}", header_.fst_pid_limit));
+        }
+        in_use("server_count", offsetof(shmnm_header, server_count), header_.server_count,
+               std::max(laid_out.servers, named.servers));
+        in_use("hb_count", offsetof(shmnm_header, hb_count), header_.hb_count, std::max(laid_out.hb, named.hb));
+        in_use("np_count", offsetof(shmnm_header, np_count), header_.np_count, std::max(laid_out.np, named.np));
+        in_use("fst_pid_count", offsetof(shmnm_header, fst_pid_count), header_.fst_pid_count,
+               std::max(limit, pid_limit(named)));
+        zero(offsetof(shmnm_header, reserved_64), sizeof header_.reserved_64, "header/reserved_64", reserved);
+    }
+
+    void in_use(const char* name, uint64_t offset, int32_t count, int64_t maximum) {
+        if (count >= 0 && (count <= maximum || !fits_)) return;
+        add(offset, fmt::format("header/{}", name), fits_ ? fmt::format("0 to {}", maximum) : std::string("0 or more"),
+            fmt::format("{}", count));
+    }
+
+    static constexpr const char* reserved = "zeros, as in every reserved field";
+    static constexpr const char* free_slot = "zeros, as in every free slot";
+    static constexpr const char* behind_slots = "zeros behind the last slot";
+
+    /// Finds a byte that is not zero, at most one.
+    void zero(uint64_t offset, uint64_t size, std::string key, const char* expected, const Ranges& except = {}) {
+        if (const auto at = first_not_zero(offset, offset + size, except)) {
+            add(*at, std::move(key), expected, byte(*at));
+        }
+    }
+    std::string byte(uint64_t at) const { return fmt::format("0x{:02X}", snapshot_.bytes[at]); }
+
+    std::optional<uint64_t> first_not_zero(uint64_t begin, uint64_t end, const Ranges& except) const {
+        end = std::min<uint64_t>(end, snapshot_.bytes.size());
+        for (const Range& range : except) {
+            if (range.begin >= end) break;
+            if (const auto at = first_not_zero(begin, range.begin)) return at;
+            begin = std::max(begin, range.end);
+        }
+        return first_not_zero(begin, end);
+    }
+    std::optional<uint64_t> first_not_zero(uint64_t begin, uint64_t end) const {
+        static constexpr uint8_t zeros[1024] = {};
+        const uint8_t* const bytes = snapshot_.bytes.data();
+        for (uint64_t size; begin < end; begin += size) {
+            size = std::min<uint64_t>(end - begin, sizeof zeros);
+            if (std::memcmp(bytes + begin, zeros, size) == 0) continue;
+            while (bytes[begin] == 0) ++begin;
+            return begin;
+        }
+        return std::nullopt;
+    }
+
+    Text text(uint64_t record, const Field& field, const Ranges& doubtful) const {
+        const uint64_t at = record + field.offset, end = at + field.size;
+        Text text;
+        const auto wrong = [&](uint64_t offset, std::string expected, std::string found) {
+            text.wrong = Finding{offset, field.name, std::move(expected), std::move(found)};
+        };
+        uint64_t length = field.room;
+        if (!touches(doubtful, at, at + field.room)) {
+            const uint64_t whole = snapshot_.text(at, field.size).size();
+            if (whole >= field.room && field.ends_in_room) {
+                wrong(at, fmt::format("a NUL within {} bytes", field.room),
+                      fmt::format("{} bytes without a NUL", whole));
+                return text;
+            }
+            if (whole == 0) {
+                wrong(at, "a text", "an empty one");
+                return text;
+            }
+            length = whole;
+            text.cut = length == field.room - (field.ends_in_room ? 1 : 0);
+            text.bytes = snapshot_.text(at, field.size);
+        }
+        if (const auto rest = first_not_zero(at + length, end, doubtful)) {
+            wrong(*rest, "zeros behind the text", byte(*rest));
+        }
+        return text;
+    }
+    void add(const std::string& record, const Text& text) {
+        if (!text.wrong) return;
+        add(text.wrong->offset, record + "/" + text.wrong->key, text.wrong->expected, text.wrong->found);
+    }
+
+    /// The names of a table, each once.
+    using Names = std::unordered_map<std::string, int32_t>;
+
+    /// Enters a name that is not allowed twice. Returns the position where it was before, or its own.
+    static int32_t first_with(Names& names, const std::string& name, bool cut, int32_t position) {
+        return cut ? position : names.emplace(name, position).first->second;
+    }
+
+    void servers() {
+        const int32_t count = header_.server_count;
+        if (count < 0 || count > snapshot_.counts.servers) return;
+        Names names;
+        for (int32_t i = 0; i < count; ++i) {
+            const uint64_t at = layout_.servers + sizeof(shmnm_server) * static_cast<uint64_t>(i);
+            if (!snapshot_.holds(at, sizeof(shmnm_server))) return;
+            server(at, i, names);
+        }
+        if (!fits_ || snapshot_.counts.servers != header_counts_.servers) return;
+        free_slots("servers", layout_.servers, sizeof(shmnm_server), count, snapshot_.counts.servers, {});
+    }
+    void server(uint64_t at, int32_t position, Names& names) {
+        std::string key = fmt::format("servers[{}]", position);
+        const Text name = text(at, server_name, {});
+        if (name.bytes) {
+            const int32_t first = first_with(names, *name.bytes, name.cut, position);
+            if (first != position) {
+                add(at, key + "/name", "a name of its own", fmt::format("the name of servers[{}]", first));
+            } else {
+                key = "servers/" + escaped(*name.bytes);
+            }
+        }
+        add(key, name);
+        zero(at + offsetof(shmnm_server, reserved_272), sizeof(shmnm_server::reserved_272), key + "/reserved_272",
+             reserved);
+        zero(at + offsetof(shmnm_server, reserved_292), sizeof(shmnm_server::reserved_292), key + "/reserved_292",
+             reserved);
+    }
+
+    /// Slots that lie in the copy: of tables without servers there may be more.
+    int32_t slots_held(uint64_t start, uint64_t step, int32_t slots) const {
+        const uint64_t size = snapshot_.bytes.size();
+        const uint64_t held = start < size ? (size - start + step - 1) / step : 0;
+        return static_cast<int32_t>(std::min<uint64_t>(held, static_cast<uint64_t>(slots)));
+    }
+
+    void free_slots(const char* table, uint64_t start, uint64_t step, int32_t count, int32_t slots,
+                    const Ranges& except) {
+        for (int32_t i = count; i < slots_held(start, step, slots); ++i) {
+            zero(start + step * static_cast<uint64_t>(i), step, fmt::format("{}[{}]", table, i), free_slot, except);
+        }
+    }
+
+    uint64_t resource_step() const { return record_size + word_size * static_cast<uint64_t>(snapshot_.counts.servers); }
+
+    Owners tables_that_overlap() const {
+        const auto all = [&](uint64_t start, int32_t slots) {
+            return Range{start, start + resource_step() * static_cast<uint64_t>(slots)};
+        };
+        const Counts& counts = snapshot_.counts;
+        const Range hb_table = all(layout_.hb, counts.hb), np_table = all(layout_.np, counts.np);
+        const uint64_t row = word_size * static_cast<uint64_t>(counts.servers);
+        const Range network{layout_.network, layout_.network + row * static_cast<uint64_t>(counts.hb)};
+        Ranges fst{{layout_.fst_pids, layout_.network}, network};
+        if (counts.fst > 0) {
+            const uint64_t descript = layout_.fst + offsetof(shmnm_resource, descript);
+            const uint64_t stat = layout_.fst + offsetof(shmnm_resource, stat);
+            fst.push_back({descript, descript + sizeof(shmnm_resource::descript)});
+            fst.push_back({stat, stat + word_size});
+        }
+        Owners owners{.resources = {hb_table, np_table}, .beside_hb = fst, .beside_np = fst};
+        owners.beside_hb.push_back(np_table);
+        owners.beside_np.push_back(hb_table);
+        return owners;
+    }
+
+    void resources(const char* table, uint64_t start, uint64_t end, int32_t count, int32_t slots,
+                   const Ranges& others) {
+        const uint64_t step = resource_step();
+        const int32_t held = slots_held(start, step, slots);
+        const Slots places(start, step, static_cast<uint64_t>(held), others);
+        if (count >= 0 && count <= slots) {
+            Names names;
+            for (int32_t i = 0; i < std::min(count, held); ++i) {
+                if (snapshot_.holds(places.at(i), record_size)) {
+                    resource(table, places.at(i), i, places.doubtful(i), names);
+                }
+            }
+            free_slots(table, start, step, count, slots, places.shared());
+        }
+        const uint64_t used = places.at(held);
+        if (used < end) zero(used, end - used, fmt::format("{}/rest", table), behind_slots);
+    }
+    void resource(const char* table, uint64_t at, int32_t position, const Ranges& doubtful, Names& names) {
+        std::string key = fmt::format("{}[{}]", table, position);
+        const Text name = text(at, resource_name, doubtful), type = text(at, resource_type, doubtful);
+        if (name.bytes && type.bytes) {
+            std::string both = *type.bytes;
+            both += '\0';
+            both += *name.bytes;
+            const int32_t first = first_with(names, both, name.cut || type.cut, position);
+            if (first != position) {
+                add(at, key + "/name", "a type and a name of its own", fmt::format("those of {}[{}]", table, first));
+            } else {
+                key = fmt::format("{}/{}/{}", table, escaped(*type.bytes), escaped(*name.bytes));
+            }
+        }
+        add(key, name);
+        add(key, type);
+        zero(at + offsetof(shmnm_resource, reserved_552), sizeof(shmnm_resource::reserved_552), key + "/reserved_552",
+             reserved, doubtful);
+    }
+
+    void fst(const Ranges& others) {
+        const int32_t slots = snapshot_.counts.fst;
+        const Ranges shared = intersections({layout_.fst, layout_.fst_pids}, others);
+        if (slots > 0) {
+            const auto unused = [&](const char* name, uint64_t field, uint64_t size) {
+                zero(layout_.fst + field, size, fmt::format("fst[0]/{}", name), reserved, shared);
+            };
+            unused("name", offsetof(shmnm_resource, name), sizeof(shmnm_resource::name));
+            unused("type", offsetof(shmnm_resource, type), sizeof(shmnm_resource::type));
+            unused("pri", offsetof(shmnm_resource, pri), sizeof(shmnm_resource::pri));
+            unused("reserved_552", offsetof(shmnm_resource, reserved_552), sizeof(shmnm_resource::reserved_552));
+        }
+        free_slots("fst", layout_.fst, record_size, 1, slots, shared);
+    }
+
+    void fst_pids(const Ranges& others) {
+        const int32_t count = header_.fst_pid_count;
+        const int64_t slots = pid_limit(snapshot_.counts);
+        if (count < 0 || count > slots) return;
+        const Ranges shared = intersections({layout_.fst_pids, layout_.network}, others);
+        Names names;
+        for (int32_t i = 0; i < count; ++i) {
+            fst_pid(layout_.fst_pids + sizeof(shmnm_fst_pid) * static_cast<uint64_t>(i), i, shared, names);
+        }
+        free_slots("fst/pids", layout_.fst_pids, sizeof(shmnm_fst_pid), count, static_cast<int32_t>(slots), shared);
+    }
+    void fst_pid(uint64_t at, int32_t position, const Ranges& shared, Names& names) {
+        std::string key = fmt::format("fst/pids[{}]", position);
+        const Text name = text(at, pid_name, shared);
+        if (name.bytes) {
+            const int32_t first = first_with(names, *name.bytes, name.cut, position);
+            if (first != position) {
+                add(at, key + "/name", "a name of its own", fmt::format("the name of fst/pids[{}]", first));
+            } else {
+                key = "fst/pids/" + escaped(*name.bytes);
+            }
+        }
+        add(key, name);
+        zero(at + offsetof(shmnm_fst_pid, reserved_292), sizeof(shmnm_fst_pid::reserved_292), key + "/reserved_292",
+             reserved, shared);
+    }
+
+    void network(const Ranges& others) {
+        const uint64_t row = word_size * static_cast<uint64_t>(snapshot_.counts.servers);
+        const uint64_t used = layout_.network + row * static_cast<uint64_t>(snapshot_.counts.hb);
+        zero(used, layout_.size - used, "network/rest", "zeros behind the last row",
+             intersections({used, layout_.size}, others));
+    }
+
+    const Snapshot& snapshot_;
+    const Counts header_counts_;
+    const Layout layout_;
+    const bool fits_;    ///< the copy is as large as the counts say
+    const bool placed_;  ///< and the header names these counts: it is known where everything lies
+    shmnm_header header_;
+    std::vector<Finding> found_;
+};
+
+}  // namespace
+
+std::vector<Finding> findings(const Snapshot& snapshot) {
+    return Search(snapshot).run();
+}
+
+}  // namespace picture

@@ -1,0 +1,29 @@
+// Where the areas of a region lie: it follows from four counts.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace picture {
+
+/// The four counts from which the places of the areas follow.
+struct Counts {
+    int32_t servers = 0, hb = 0, np = 0, fst = 0;
+
+    bool operator==(const Counts&) const = default;
+};
+
+/// "servers 16, hb 16, np 8, fst 1"
+std::string to_text(const Counts& counts);
+
+/// Distances from the region's start, in bytes. What a negative or an enormous count would place is at `nowhere`.
+struct Layout {
+    static constexpr uint64_t nowhere = UINT64_MAX / 4;
+
+    explicit Layout(const Counts& counts);
+
+    uint64_t servers, hb, np, fst, fst_pids, network;
+    uint64_t size;  ///< of the whole region
+};
+
+}  // namespace picture

@@ -1,0 +1,66 @@
+// The library, loaded when a command first needs it: so dumps are read and help is given without a kernel object being
+// made, and a refused lock is an error of this tool and not the end of a process that was about to start.
+#pragma once
+
+#include "shmnm.h"
+
+namespace picture {
+
+#define PICTURE_FUNCTIONS(X)   \
+    X(shmnm_create)            \
+    X(shmnm_attach)            \
+    X(shmnm_detach)            \
+    X(shmnm_delete)            \
+    X(shmnm_clear)             \
+    X(shmnm_rolock)            \
+    X(shmnm_rounlock)          \
+    X(shmnm_rwlock)            \
+    X(shmnm_rwunlock)          \
+    X(shmnm_setmaxvalue_ex)    \
+    X(shmnm_sethbinfo_ex)      \
+    X(shmnm_setwaitstat)       \
+    X(shmnm_setbwflag)         \
+    X(shmnm_setbwflagdisk)     \
+    X(shmnm_setclstat)         \
+    X(shmnm_addnode)           \
+    X(shmnm_rmnode)            \
+    X(shmnm_modifynode)        \
+    X(shmnm_setnodestat)       \
+    X(shmnm_setnodestat_nw)    \
+    X(shmnm_setdownnotifystat) \
+    X(shmnm_setisolateflag)    \
+    X(shmnm_setpingstat)       \
+    X(shmnm_setholdstat)       \
+    X(shmnm_addhbrsc)          \
+    X(shmnm_addnprsc)          \
+    X(shmnm_rmhbrsc)           \
+    X(shmnm_rmnprsc)           \
+    X(shmnm_modifyhbrsc)       \
+    X(shmnm_modifynprsc)       \
+    X(shmnm_sethbrscstat)      \
+    X(shmnm_setnprscstat)      \
+    X(shmnm_sethbrscsvstat)    \
+    X(shmnm_setnprscsvstat)    \
+    X(shmnm_sethbdescript)     \
+    X(shmnm_setnpdescript)     \
+    X(shmnm_setnpsimu)         \
+    X(shmnm_setrscsvstat_nw)   \
+    X(shmnm_setfstrscstat)     \
+    X(shmnm_setfstdescript)    \
+    X(shmnm_setfstrscpid)
+
+struct Library {
+#define PICTURE_FUNCTION(name) decltype(&::name) name;
+    PICTURE_FUNCTIONS(PICTURE_FUNCTION)
+#undef PICTURE_FUNCTION
+};
+
+/// Loads the library at the first call. The lock's mutex must have been obtained before, so that loading cannot fail
+/// for it.
+/// @throws Failure  the library, or a function of it, is missing
+const Library& library();
+
+/// What a result code of the library means.
+const char* meaning(uint32_t result);
+
+}  // namespace picture

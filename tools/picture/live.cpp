@@ -1,0 +1,274 @@
+#include "picture/live.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+#include "kzmutil.h"
+#include "kzmxml.h"
+#include "picture/escape.h"
+#include "picture/failure.h"
+#include "picture/platform.h"
+
+namespace picture {
+namespace {
+
+constexpr uint32_t map_read = 4, error_not_found = 2, error_access_denied = 5;
+constexpr uint64_t page = 4096;
+
+uint64_t in_pages(uint64_t size) {
+    return (size + page - 1) / page * page;
+}
+
+std::string advice(uint32_t error) {
+    if (error == error_access_denied) return "run this as the user who runs the cluster";
+    return "see the trace log and the system's log";
+}
+
+/// The integer at a path of the loaded configuration, or its fallback.
+int32_t count(const char* path, int32_t fallback) {
+    int32_t value = 0, length = sizeof value;
+    return xmllib_get_value(path, 1, &value, &length) == XMLLIB_OK ? value : fallback;
+}
+
+Failure no_region() {
+    return {Exit::no_region, fmt::format("no process holds the region {}; start the cluster, or \"shmnmctl serve\"",
+                                         full_name(mapping_name))};
+}
+
+}  // namespace
+
+std::string full_name(const char* name) {
+    const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
+    return printable((prefix ? prefix : "") + std::string(name));
+}
+
+std::string describe_holder(void* mutex) {
+    const auto holder = platform::lock_holder(mutex);
+    if (!holder) return "";
+    std::string text;
+    if (holder->process == 0) {
+        text = "nobody holds it now";
+    } else if (platform::has_ended(*holder)) {
+        text = fmt::format("nobody holds it now: process {} thread {} ended with it, and the next one takes it over",
+                           holder->process, holder->thread);
+    } else {
+        const auto process = platform::process(holder->process);
+        text = fmt::format("held by process {} thread {}", holder->process, holder->thread);
+        text += process ? fmt::format(" (\"{}\", {})", printable(process->command), process->state)
+                        : std::string(" (which has ended)");
+        text += fmt::format(" since {}", platform::to_text(holder->since_ns / 1'000));
+    }
+    text += fmt::format("; taken over {} {} from an owner that ended", holder->takeovers,
+                        holder->takeovers == 1 ? "time" : "times");
+    if (holder->takeovers > 0) {
+        text += fmt::format(", last at {}", platform::to_text(holder->last_takeover_ns / 1'000));
+    }
+    return text;
+}
+
+std::optional<Counts> configured_counts() {
+    if (xmllib_init("shmnmctl") != XMLLIB_OK) return std::nullopt;
+    std::optional<Counts> counts;
+    if (xmllib_load_config(0) == XMLLIB_OK) {
+        counts = Counts{128, 16, 16, 1};
+        if (xmllib_load_policy("all") == XMLLIB_OK) {
+            counts = Counts{count("/root/all/num/server", 128), count("/root/all/num/hbr", 16),
+                            count("/root/all/num/npr", 16), count("/root/all/num/fstr", 1)};
+            xmllib_unload_policy("all");
+        }
+        xmllib_unload_config();
+    }
+    xmllib_term();
+    return counts;
+}
+
+/// The region mapped for reading, as long as this lives.
+class LiveRegion::View {
+  public:
+    explicit View(void* mapping) : mapping_(mapping), base_(platform::map_for_reading(mapping)) {
+        if (!base_) {
+            const uint32_t error = platform::last_error();
+            platform::close(mapping_);
+            throw Failure(Exit::failed, fmt::format("the region {} cannot be mapped (error {}); {}",
+                                                    full_name(mapping_name), error, advice(error)));
+        }
+    }
+    ~View() {
+        platform::unmap(base_);
+        platform::close(mapping_);
+    }
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+
+    uint64_t size() const { return platform::view_size(base_); }
+    uint64_t object() const { return platform::object_number(mapping_); }
+
+    /// Touches each page, so that the copy does not wait for the system's page tables while it holds the lock.
+    void warm() const {
+        for (uint64_t at = 0; at < size(); at += page) static_cast<void>(load(at / sizeof(uint32_t)));
+    }
+    /// Copies all words, each in one piece.
+    void copy_to(std::vector<uint8_t>& bytes) const {
+        auto* const words = reinterpret_cast<uint32_t*>(bytes.data());
+        for (size_t i = 0; i < bytes.size() / sizeof *words; ++i) words[i] = load(i);
+    }
+
+  private:
+    uint32_t load(size_t index) const {
+        auto* const words = static_cast<uint32_t*>(const_cast<void*>(base_));
+        return std::atomic_ref<uint32_t>(words[index]).load(std::memory_order_relaxed);
+    }
+
+    void* mapping_;
+    const void* base_;
+};
+
+LiveRegion::LiveRegion(const Access& access) : access_(access) {}
+
+LiveRegion::~LiveRegion() {
+    if (mutex_) platform::close(mutex_);
+}
+
+void LiveRegion::tell(const char* what, const char* name) {
+    if (access_.verbose) fmt::print(stderr, "shmnmctl: opens the {} {}\n", what, full_name(name));
+}
+
+void* LiveRegion::mutex() {
+    if (mutex_) return mutex_;
+    tell("mutex", mutex_name);
+    mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
+    if (!mutex_) {
+        const uint32_t error = platform::last_error();
+        throw Failure(Exit::failed, fmt::format("the lock {} is refused (error {}); {}", full_name(mutex_name), error,
+                                                advice(error)));
+    }
+    return mutex_;
+}
+
+std::unique_ptr<LiveRegion::View> LiveRegion::open() {
+    if (!told_) tell("region", mapping_name);
+    told_ = true;
+    void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
+    if (mapping) return std::make_unique<View>(mapping);
+    const uint32_t error = platform::last_error();
+    if (error == error_not_found) return nullptr;
+    throw Failure(Exit::failed, fmt::format("the region {} is refused (error {}); {}", full_name(mapping_name), error,
+                                            advice(error)));
+}
+
+void LiveRegion::throw_no_lock(uint32_t timeout_ms) {
+    const std::string holder = describe_holder(mutex_);
+    throw Failure(Exit::timeout,
+                  fmt::format("the lock did not come within {} ms{}{}; wait longer with --lock-timeout, or see to its "
+                              "holder",
+                              timeout_ms, holder.empty() ? "" : ": ", holder));
+}
+
+void LiveRegion::lock() {
+    mutex();
+    if (library().shmnm_rwlock(access_.lock_timeout_ms) != SHMNM_OK) throw_no_lock(access_.lock_timeout_ms);
+}
+
+bool LiveRegion::try_lock() {
+    mutex();
+    return library().shmnm_rwlock(0) == SHMNM_OK;
+}
+
+void LiveRegion::unlock() {
+    library().shmnm_rwunlock();
+}
+
+Snapshot LiveRegion::copy_of(const View& view, const std::optional<Counts>& configured) const {
+    Snapshot snapshot;
+    snapshot.live = true;
+    snapshot.configured = configured;
+    snapshot.object = view.object();
+    snapshot.mapped = view.size();
+    snapshot.bytes.resize(snapshot.mapped);
+    return snapshot;
+}
+
+namespace {
+
+/// Settles by which counts the region was laid out: by the configuration's, if a region of that size is mapped, else by
+/// those in its header; and cuts the copy there.
+void settle_layout(Snapshot& snapshot) {
+    const auto fits = [&](const Counts& counts) { return in_pages(Layout(counts).size) == snapshot.mapped; };
+    const Counts header = snapshot.header_counts();
+    snapshot.counts = snapshot.configured && fits(*snapshot.configured) ? *snapshot.configured : header;
+    if (fits(snapshot.counts)) snapshot.bytes.resize(Layout(snapshot.counts).size);
+}
+
+}  // namespace
+
+std::optional<Snapshot> LiveRegion::try_copy(uint32_t lock_timeout_ms) {
+    const std::unique_ptr<View> view = open();
+    if (!view) return std::nullopt;
+    Snapshot snapshot = copy_of(*view, configured_counts());
+    void* const lock = mutex();
+    const Library& calls = library();
+    view->warm();
+    const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
+    if (calls.shmnm_rolock(timeout_ms) != SHMNM_OK) throw_no_lock(timeout_ms);
+    const uint64_t taken_us = platform::steady_clock_us();
+    view->copy_to(snapshot.bytes);
+    if (const auto holder = platform::lock_holder(lock)) snapshot.lock_takes = holder->takes;
+    calls.shmnm_rounlock();
+    snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
+    if (access_.verbose) fmt::print(stderr, "shmnmctl: held the lock for {} us\n", snapshot.lock_held_us);
+    settle_layout(snapshot);
+    return snapshot;
+}
+
+Snapshot LiveRegion::copy() {
+    if (auto snapshot = try_copy()) return std::move(*snapshot);
+    throw no_region();
+}
+
+void LiveRegion::expect() {
+    if (!open()) throw no_region();
+}
+
+Snapshot LiveRegion::copy_locked() {
+    const std::unique_ptr<View> view = open();
+    if (!view) throw no_region();
+    Snapshot snapshot = copy_of(*view, configured_counts());
+    view->copy_to(snapshot.bytes);
+    settle_layout(snapshot);
+    return snapshot;
+}
+
+Change::Change(LiveRegion& region, bool force) : region_(region) {
+    region_.expect();
+    region_.lock();
+    try {
+        before_ = region_.copy_locked();
+        const Counts header = before_.header_counts();
+        if (!force && before_.configured && *before_.configured != header) {
+            throw Failure(Exit::failed,
+                          fmt::format("nothing was changed: the region has {}, this machine's configuration has {}; "
+                                      "make them equal, or write the configuration's into the region with --force",
+                                      to_text(header), to_text(*before_.configured)));
+        }
+        expect_ok("shmnm_attach", library().shmnm_attach());
+    } catch (...) {
+        region_.unlock();
+        throw;
+    }
+}
+
+Change::~Change() {
+    library().shmnm_detach();
+    region_.unlock();
+}
+
+void expect_ok(const char* function, uint32_t result) {
+    if (result == SHMNM_OK) return;
+    throw Failure(Exit::failed, fmt::format("{} answered {}: {}", function, result, meaning(result)));
+}
+
+}  // namespace picture

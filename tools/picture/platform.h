@@ -1,0 +1,57 @@
+// What differs between Windows and Linux for copies of the region and changes of it, free of system headers.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace picture::platform {
+
+/// File name of the library, as the loader looks for it.
+extern const char* const library_file;
+
+/// Loads a shared library, from beside this program or where the system keeps them. @return null when that fails
+void* load_module(const char* file);
+/// A function of a loaded library; null when it has none of that name.
+void* symbol(void* module, const char* name);
+
+/// The reason for the last failure of a kernel call, as a Windows error number.
+uint32_t last_error();
+void close(void* handle);
+/// Maps all of a shared memory for reading. @return null when that fails
+const void* map_for_reading(void* mapping);
+void unmap(const void* view);
+/// Bytes of a view, in whole pages.
+uint64_t view_size(const void* view);
+/// A number that no other shared memory of this name has had; 0 where that is not known.
+uint64_t object_number(void* mapping);
+
+/// Who holds a lock, as far as the system tells. The fields are read one by one and may be of different moments.
+struct LockHolder {
+    uint32_t process = 0, thread = 0;  ///< 0: nobody
+    uint64_t since_ns = 0;             ///< nanoseconds since 1970
+    uint64_t takeovers = 0;            ///< how often a waiter got it from an owner that had ended
+    uint64_t last_takeover_ns = 0;     ///< when that was the last time; 0: never
+    uint64_t takes = 0;                ///< how often it was taken
+};
+/// Nothing where the system does not tell.
+std::optional<LockHolder> lock_holder(void* mutex);
+/// Whether the thread that is named has ended and left the lock to whoever asks next. Not for under the lock: it looks
+/// at the system's files.
+bool has_ended(const LockHolder& holder);
+
+struct Process {
+    std::string command;  ///< not escaped
+    std::string state;    ///< "running", "stopped", "ended but not waited for"
+};
+/// Nothing when there is no such process or it cannot be looked at.
+std::optional<Process> process(uint32_t id);
+
+/// Microseconds since 1970, and of a clock that nobody sets.
+uint64_t wall_clock_us();
+uint64_t steady_clock_us();
+
+/// "2026-03-01T12:34:56.789+01:00", local time.
+std::string to_text(uint64_t wall_clock_us);
+
+}  // namespace picture::platform

@@ -1,0 +1,138 @@
+#include "picture/platform.h"
+
+#include <dlfcn.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "kzmkernel.h"
+
+namespace picture::platform {
+namespace {
+
+constexpr uint32_t map_read = 4;
+
+std::string whole_file(const std::string& name) {
+    std::ifstream stream(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+uint64_t clock_us(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
+bool means_ended(char state) {
+    return state == 'Z' || state == 'X';
+}
+
+const char* state_text(char letter) {
+    switch (letter) {
+        case 'T':
+        case 't':
+            return "stopped";
+        case 'Z':
+        case 'X':
+            return "ended but not waited for";
+        default:
+            return "running";
+    }
+}
+
+}  // namespace
+
+const char* const library_file = "libkzmshmnm.so.1";
+
+void* load_module(const char* file) {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        if (void* const module = dlopen((program.parent_path() / file).c_str(), RTLD_NOW | RTLD_LOCAL)) return module;
+    }
+    return dlopen(file, RTLD_NOW | RTLD_LOCAL);
+}
+void* symbol(void* module, const char* name) {
+    return dlsym(module, name);
+}
+
+uint32_t last_error() {
+    return kzmkernel_last_error();
+}
+void close(void* handle) {
+    kzmkernel_close(handle);
+}
+const void* map_for_reading(void* mapping) {
+    return kzmkernel_map_view(mapping, map_read, 0, 0);
+}
+void unmap(const void* view) {
+    kzmkernel_unmap_view(view);
+}
+uint64_t view_size(const void* view) {
+    return kzmkernel_view_size(view);
+}
+uint64_t object_number(void* mapping) {
+    return kzmkernel_object_number(mapping);
+}
+
+std::optional<LockHolder> lock_holder(void* mutex) {
+    kzmkernel_mutex_info info{};
+    if (!kzmkernel_mutex_info_get(mutex, &info)) return std::nullopt;
+    return LockHolder{.process = info.owner_process,
+                      .thread = info.owner_thread,
+                      .since_ns = info.owned_since_ns,
+                      .takeovers = info.takeovers,
+                      .last_takeover_ns = info.last_takeover_ns,
+                      .takes = info.takes};
+}
+
+bool has_ended(const LockHolder& holder) {
+    if (holder.process == 0) return false;
+    if (tgkill(static_cast<pid_t>(holder.process), static_cast<pid_t>(holder.thread), 0) != 0) return errno == ESRCH;
+    const std::string stat = whole_file(fmt::format("/proc/{}/task/{}/stat", holder.process, holder.thread));
+    const size_t name_end = stat.rfind(") ");
+    return name_end != std::string::npos && name_end + 2 < stat.size() && means_ended(stat[name_end + 2]);
+}
+
+std::optional<Process> process(uint32_t id) {
+    const std::string folder = fmt::format("/proc/{}/", id);
+    const std::string stat = whole_file(folder + "stat");
+    const size_t name_end = stat.rfind(") ");
+    if (name_end == std::string::npos || name_end + 2 >= stat.size()) return std::nullopt;
+    std::string command = whole_file(folder + "cmdline");
+    while (command.ends_with('\0')) command.pop_back();
+    for (char& byte : command) {
+        if (byte == '\0') byte = ' ';
+    }
+    // A process that has ended has no command line left, but still its name.
+    if (command.empty()) {
+        const size_t name = stat.find('(');
+        command = stat.substr(name + 1, name_end - name - 1);
+    }
+    return Process{.command = command, .state = state_text(stat[name_end + 2])};
+}
+
+uint64_t wall_clock_us() {
+    return clock_us(CLOCK_REALTIME);
+}
+uint64_t steady_clock_us() {
+    return clock_us(CLOCK_MONOTONIC);
+}
+
+std::string to_text(uint64_t wall_clock_us) {
+    const auto seconds = static_cast<time_t>(wall_clock_us / 1'000'000);
+    tm local{};
+    localtime_r(&seconds, &local);
+    char date[32], offset[8];
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
+    std::strftime(offset, sizeof offset, "%z", &local);
+    return fmt::format("{}.{:03}{:.3}:{}", date, wall_clock_us / 1'000 % 1'000, offset, offset + 3);
+}
+
+}  // namespace picture::platform

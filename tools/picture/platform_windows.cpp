@@ -1,0 +1,80 @@
+#include "picture/platform.h"
+
+#include <windows.h>
+
+#include <fmt/format.h>
+
+namespace picture::platform {
+
+const char* const library_file = "kzmshmnm.dll";
+
+void* load_module(const char* file) {
+    return LoadLibraryA(file);
+}
+void* symbol(void* module, const char* name) {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
+}
+
+uint32_t last_error() {
+    return GetLastError();
+}
+void close(void* handle) {
+    CloseHandle(handle);
+}
+const void* map_for_reading(void* mapping) {
+    return MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+}
+void unmap(const void* view) {
+    UnmapViewOfFile(view);
+}
+uint64_t view_size(const void* view) {
+    MEMORY_BASIC_INFORMATION information{};
+    return VirtualQuery(view, &information, sizeof information) != 0 ? information.RegionSize : 0;
+}
+uint64_t object_number(void*) {
+    return 0;
+}
+
+std::optional<LockHolder> lock_holder(void*) {
+    return std::nullopt;
+}
+bool has_ended(const LockHolder&) {
+    return false;
+}
+std::optional<Process> process(uint32_t) {
+    return std::nullopt;
+}
+
+uint64_t wall_clock_us() {
+    constexpr uint64_t from_1601_to_1970 = 11'644'473'600'000'000;
+    FILETIME now{};
+    GetSystemTimePreciseAsFileTime(&now);
+    return ((uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime) / 10 - from_1601_to_1970;
+}
+
+uint64_t steady_clock_us() {
+    LARGE_INTEGER frequency{}, counter{};
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&counter);
+    const auto ticks = static_cast<uint64_t>(counter.QuadPart), a_second = static_cast<uint64_t>(frequency.QuadPart);
+    return ticks / a_second * 1'000'000 + ticks % a_second * 1'000'000 / a_second;
+}
+
+std::string to_text(uint64_t wall_clock_us) {
+    constexpr uint64_t from_1601_to_1970 = 11'644'473'600'000'000;
+    const uint64_t ticks = (wall_clock_us + from_1601_to_1970) * 10;
+    const FILETIME time{.dwLowDateTime = static_cast<DWORD>(ticks), .dwHighDateTime = static_cast<DWORD>(ticks >> 32)};
+    SYSTEMTIME utc{}, local{};
+    FileTimeToSystemTime(&time, &utc);
+    SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local);
+    FILETIME shifted{};
+    SystemTimeToFileTime(&local, &shifted);
+    const auto local_ticks = static_cast<int64_t>((uint64_t{shifted.dwHighDateTime} << 32) | shifted.dwLowDateTime);
+    const int64_t offset = (local_ticks / 10'000'000 - static_cast<int64_t>(ticks / 10'000'000)) / 60;
+    const int64_t minutes = offset < 0 ? -offset : offset;
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}:{:02}", local.wYear, local.wMonth, local.wDay,
+                       local.wHour, local.wMinute, local.wSecond, local.wMilliseconds, offset < 0 ? '-' : '+',
+                       minutes / 60, minutes % 60);
+}
+
+}  // namespace picture::platform

@@ -1,0 +1,67 @@
+#include "picture/snapshot.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include "picture/escape.h"
+#include "picture/failure.h"
+#include "shmnm.h"
+
+namespace picture {
+
+uint32_t Snapshot::word(uint64_t offset) const {
+    uint32_t value;
+    std::memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
+
+uint64_t Snapshot::long_word(uint64_t offset) const {
+    return word(offset) | uint64_t{word(offset + sizeof(uint32_t))} << 32;
+}
+
+std::string Snapshot::text(uint64_t offset, uint64_t size) const {
+    if (offset >= bytes.size()) return {};
+    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+    const auto limit = first + static_cast<std::ptrdiff_t>(std::min<uint64_t>(size, bytes.size() - offset));
+    return {first, std::find(first, limit, uint8_t{0})};
+}
+
+Counts Snapshot::header_counts() const {
+    return {number(offsetof(shmnm_header, max_servers)), number(offsetof(shmnm_header, max_hb)),
+            number(offsetof(shmnm_header, max_np)), number(offsetof(shmnm_header, fst_count))};
+}
+
+Snapshot read_dump(const std::string& file) {
+    const auto refuse = [&](const std::string& why) {
+        throw Failure(Exit::failed, fmt::format("{} is not read: {}", printable(file), why));
+    };
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) refuse("it is a folder; name a file written by \"shmnmctl dump\"");
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream) refuse(fmt::format("{}; name a file written by \"shmnmctl dump\"", std::strerror(errno)));
+
+    Snapshot snapshot;
+    char part[1 << 16];
+    while (stream) {
+        stream.read(part, sizeof part);
+        snapshot.bytes.insert(snapshot.bytes.end(), part, part + stream.gcount());
+        if (snapshot.bytes.size() > std::numeric_limits<uint32_t>::max()) refuse("no region is larger than 2^32 bytes");
+    }
+    if (stream.bad()) refuse("reading failed part-way");
+    if (snapshot.bytes.size() < sizeof(shmnm_header)) {
+        refuse(fmt::format("it has {} bytes, and the header alone has {}; it was cut, or is no dump",
+                           snapshot.bytes.size(), sizeof(shmnm_header)));
+    }
+    snapshot.mapped = snapshot.bytes.size();
+    snapshot.counts = snapshot.header_counts();
+    return snapshot;
+}
+
+}  // namespace picture

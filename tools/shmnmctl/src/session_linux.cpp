@@ -1,0 +1,200 @@
+#include "session.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "picture/escape.h"
+#include "picture/failure.h"
+#include "picture/platform.h"
+
+namespace shmnmctl::session {
+namespace {
+
+using picture::Exit;
+using picture::Failure;
+using picture::printable;
+
+/// What the signal handlers write to. A byte: 's' to stop, 'w' for another size of the terminal.
+std::array<int, 2> signal_pipe{-1, -1};
+volatile sig_atomic_t running_child = 0;
+
+/// Whether prepare() found them ignored.
+bool pipe_was_ignored = false, size_limit_was_ignored = false;
+
+void announce(char what) {
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = write(signal_pipe[1], &what, 1);
+    errno = error;
+}
+
+void on_stop(int) {
+    announce('s');
+}
+void on_resize(int) {
+    announce('w');
+}
+void pass_on(int signal) {
+    if (running_child > 0) kill(running_child, signal);
+}
+
+void handle(int signal, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
+}
+
+bool is_ignored(int signal) {
+    struct sigaction action {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
+Terminal terminal() {
+    if (isatty(STDOUT_FILENO) == 0) return {};
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return {.is_terminal = true};
+    return {.is_terminal = true, .columns = size.ws_col, .rows = size.ws_row};
+}
+
+bool enable_escapes() {
+    const char* const kind = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) != 0 && kind && std::strcmp(kind, "dumb") != 0;
+}
+
+void prepare() {
+    pipe_was_ignored = is_ignored(SIGPIPE);
+    size_limit_was_ignored = is_ignored(SIGXFSZ);
+    handle(SIGPIPE, SIG_IGN);
+    handle(SIGXFSZ, SIG_IGN);
+    // Else the next file that is opened would be taken for it.
+    if (fcntl(STDIN_FILENO, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDONLY));
+}
+
+void catch_stop() {
+    if (signal_pipe[0] >= 0) return;
+    if (pipe2(signal_pipe.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw Failure(Exit::failed, fmt::format("signals cannot be waited for: {}", std::strerror(errno)));
+    }
+    handle(SIGINT, on_stop);
+    handle(SIGTERM, on_stop);
+    handle(SIGHUP, on_stop);
+    handle(SIGWINCH, on_resize);
+}
+
+bool stopped_within(uint32_t milliseconds) {
+    const uint64_t end = picture::platform::steady_clock_us() + uint64_t{milliseconds} * 1'000;
+    pollfd signals{.fd = signal_pipe[0], .events = POLLIN, .revents = 0};
+    for (;;) {
+        const uint64_t now = picture::platform::steady_clock_us();
+        const int left = now >= end ? 0 : static_cast<int>((end - now + 999) / 1'000);
+        const int ready = poll(&signals, 1, left);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return false;
+        char what = 0;
+        bool resized = false;
+        while (read(signal_pipe[0], &what, 1) == 1) {
+            if (what == 's') return true;
+            resized = true;
+        }
+        if (resized) return false;
+    }
+}
+
+void wait_for_stop(bool or_end_of_input) {
+    std::array<pollfd, 2> sources{pollfd{.fd = signal_pipe[0], .events = POLLIN, .revents = 0},
+                                  pollfd{.fd = or_end_of_input ? STDIN_FILENO : -1, .events = POLLIN, .revents = 0}};
+    char input[512];
+    for (;;) {
+        if (poll(sources.data(), sources.size(), -1) < 0) continue;
+        if (sources[0].revents != 0 && stopped_within(0)) return;
+        if (sources[1].revents != 0 && read(STDIN_FILENO, input, sizeof input) <= 0) return;
+    }
+}
+
+int run(const std::vector<std::string>& command) {
+    std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
+    for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+
+    // The command begins with the signals as they were before prepare().
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    if (!pipe_was_ignored) sigaddset(&defaults, SIGPIPE);
+    if (!size_limit_was_ignored) sigaddset(&defaults, SIGXFSZ);
+    for (const int signal : {SIGINT, SIGQUIT}) {
+        if (!is_ignored(signal)) sigaddset(&defaults, signal);
+    }
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+
+    handle(SIGINT, SIG_IGN);
+    handle(SIGQUIT, SIG_IGN);
+    sigset_t passed_on, before;
+    sigemptyset(&passed_on);
+    sigaddset(&passed_on, SIGTERM);
+    sigaddset(&passed_on, SIGHUP);
+    // Neither comes between the start of the child and its number.
+    sigprocmask(SIG_BLOCK, &passed_on, &before);
+    posix_spawnattr_setsigmask(&attributes, &before);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    pid_t child = 0;
+    const int error = posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
+    if (error == 0) {
+        running_child = child;
+        for (const int signal : {SIGTERM, SIGHUP}) {
+            if (!is_ignored(signal)) handle(signal, pass_on);
+        }
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0) {
+        throw Failure(Exit::failed, fmt::format("{} cannot be run: {}", printable(command[0]), std::strerror(error)));
+    }
+    // Its number is its own until it has been waited for: no signal is passed on to another process of that number.
+    siginfo_t ended{};
+    while (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    running_child = 0;
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+void notify_service_manager(const std::string& state) {
+    const char* const name = std::getenv("NOTIFY_SOCKET");
+    if (!name || (name[0] != '/' && name[0] != '@')) return;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = std::strlen(name);
+    if (length >= sizeof address.sun_path) return;
+    std::memcpy(address.sun_path, name, length);
+    // An abstract socket has a NUL for its first byte.
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return;
+    [[maybe_unused]] const ssize_t sent =
+        sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+               static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+    ::close(descriptor);
+}
+
+}  // namespace shmnmctl::session

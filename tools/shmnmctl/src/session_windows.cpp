@@ -1,0 +1,151 @@
+#include "session.h"
+
+#include <windows.h>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <io.h>
+
+#include <cstdio>
+
+#include "picture/escape.h"
+#include "picture/failure.h"
+
+// A * in an argument is for a condition; the run time must not look for files of that name.
+extern "C" {
+extern int _dowildcard;
+int _dowildcard = 0;
+}
+
+namespace shmnmctl::session {
+namespace {
+
+using picture::Exit;
+using picture::Failure;
+using picture::printable;
+
+HANDLE stop_event = nullptr;
+
+/// The system ends the process when the handler of these returns, or after some seconds: main() needs that time.
+void leave_time_to_main(DWORD event) {
+    if (event == CTRL_CLOSE_EVENT || event == CTRL_LOGOFF_EVENT || event == CTRL_SHUTDOWN_EVENT) Sleep(INFINITE);
+}
+
+BOOL WINAPI on_console_event(DWORD event) {
+    SetEvent(stop_event);
+    leave_time_to_main(event);
+    return TRUE;
+}
+
+/// The command gets the event as well, and main() waits for its end.
+BOOL WINAPI leave_to_command(DWORD event) {
+    leave_time_to_main(event);
+    return TRUE;
+}
+
+/// An argument as a program's own command line takes it apart again: quotes around it, quotes in it and the backslashes
+/// before any quote escaped by a backslash each.
+std::wstring quoted(const std::wstring& argument) {
+    std::wstring text = L"\"";
+    size_t backslashes = 0;
+    for (const wchar_t letter : argument) {
+        if (letter == L'\\') {
+            ++backslashes;
+            continue;
+        }
+        if (letter == L'"') backslashes = 2 * backslashes + 1;
+        text.append(backslashes, L'\\');
+        backslashes = 0;
+        text += letter;
+    }
+    text.append(2 * backslashes, L'\\');
+    return text + L"\"";
+}
+
+std::wstring wide(const std::string& text) {
+    const int length = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring result(static_cast<size_t>(length), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), result.data(), length);
+    return result;
+}
+
+}  // namespace
+
+Terminal terminal() {
+    CONSOLE_SCREEN_BUFFER_INFO information{};
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    if (GetFileType(output) != FILE_TYPE_CHAR || !GetConsoleScreenBufferInfo(output, &information)) return {};
+    // A console goes on to the next line when the last column is written to, so that one is left free.
+    return {.is_terminal = true,
+            .columns = information.srWindow.Right - information.srWindow.Left,
+            .rows = information.srWindow.Bottom - information.srWindow.Top + 1};
+}
+
+bool enable_escapes() {
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    return GetConsoleMode(output, &mode) && SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+}
+
+void prepare() {
+    _setmode(_fileno(stdout), _O_BINARY);
+    _setmode(_fileno(stderr), _O_BINARY);
+    // Not every C run time writes at once what goes to a pipe here.
+    std::setvbuf(stderr, nullptr, _IONBF, 0);
+}
+
+void catch_stop() {
+    if (stop_event) return;
+    stop_event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (!stop_event || !SetConsoleCtrlHandler(on_console_event, TRUE)) {
+        throw Failure(Exit::failed, fmt::format("console events cannot be waited for (error {})", GetLastError()));
+    }
+}
+
+bool stopped_within(uint32_t milliseconds) {
+    return WaitForSingleObject(stop_event, milliseconds) == WAIT_OBJECT_0;
+}
+
+void wait_for_stop(bool or_end_of_input) {
+    if (or_end_of_input) {
+        // A pipe cannot be waited on beside an event, so a thread reads it; it ends with the process.
+        const HANDLE reader = CreateThread(
+            nullptr, 0,
+            [](void*) -> DWORD {
+                char input[512];
+                DWORD size = 0;
+                while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), input, sizeof input, &size, nullptr) && size > 0) {
+                }
+                SetEvent(stop_event);
+                return 0;
+            },
+            nullptr, 0, nullptr);
+        if (reader) CloseHandle(reader);
+    }
+    WaitForSingleObject(stop_event, INFINITE);
+}
+
+int run(const std::vector<std::string>& command) {
+    std::wstring line;
+    for (const std::string& argument : command) {
+        if (!line.empty()) line += L' ';
+        line += quoted(wide(argument));
+    }
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION child{};
+    SetConsoleCtrlHandler(leave_to_command, TRUE);
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
+        throw Failure(Exit::failed, fmt::format("{} cannot be run (error {})", printable(command[0]), GetLastError()));
+    }
+    CloseHandle(child.hThread);
+    WaitForSingleObject(child.hProcess, INFINITE);
+    DWORD status = 0;
+    GetExitCodeProcess(child.hProcess, &status);
+    CloseHandle(child.hProcess);
+    return static_cast<int>(status);
+}
+
+void notify_service_manager(const std::string&) {}
+
+}  // namespace shmnmctl::session
