@@ -180,4 +180,25 @@ TEST(KernelGate, IsTakenWhenItComesFreeInTime) {
     });
 }
 
+// Unnamed files are named through /proc.
+TEST(KernelGate, OfACreatorThatWasKilledWhereProcIsMissingLeavesNothingForLong) {
+    in_fork([] {
+        use_private_memory_disk();
+        ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
+        // Root could do without /proc.
+        ASSERT_EQ(setresgid(54321, 54321, 54321) + setresuid(54321, 54321, 54321), 0) << "run this as root";
+        const auto create = [] { EXPECT_EQ(Handle(create_mapping(object_name(), large)).error, 0u); };
+        Traced killed(create), living(create);
+        for (Traced* const creator : {&killed, &living}) creator->run_until_it_enters(SYS_fallocate);
+        killed.kill();
+        expect_new(create_page, object_name() + "other");
+        // What the living creator makes is there, that of the killed one is not.
+        EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 1);
+        while (living.step()) {
+        }
+        EXPECT_EQ(living.status(), 0);
+        EXPECT_TRUE(fs::is_empty(folder()));
+    });
+}
+
 }  // namespace

@@ -1,7 +1,8 @@
-// A file descriptor that is closed with its owner.
+// File descriptors that are closed with their owner.
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <utility>
@@ -42,5 +43,47 @@ inline Descriptor open_at(int folder, const char* name, int flags, mode_t mode =
     }
     return opened;
 }
+
+/// A descriptor that is kept for long. A program that closes all of its descriptors, as daemons do, closes this one
+/// too, and its number may soon be another file's. So it is used and closed only as long as it is what it was.
+class KeptDescriptor {
+  public:
+    KeptDescriptor() = default;
+    KeptDescriptor& operator=(Descriptor fresh) noexcept {
+        reset();
+        struct stat found {};
+        if (!fresh || fstat(fresh.get(), &found) != 0) return *this;
+        kept_ = std::move(fresh);
+        device_ = found.st_dev;
+        inode_ = found.st_ino;
+        return *this;
+    }
+    ~KeptDescriptor() { reset(); }
+    KeptDescriptor(const KeptDescriptor&) = delete;
+    KeptDescriptor& operator=(const KeptDescriptor&) = delete;
+
+    int get() const { return kept_.get(); }
+    /// Whether it is what it was. If not, its number is forgotten, since the next file that is opened may get it.
+    bool is_there() noexcept {
+        struct stat found {};
+        if (kept_ && (fstat(kept_.get(), &found) != 0 || found.st_dev != device_ || found.st_ino != inode_)) {
+            kept_.release();
+        }
+        return static_cast<bool>(kept_);
+    }
+    bool is(const struct stat& file) noexcept { return is_there() && device_ == file.st_dev && inode_ == file.st_ino; }
+    void reset() noexcept {
+        if (is_there()) kept_.reset();
+    }
+    /// To be called with each number that the system has just given away: who had noted it has lost it.
+    void forget(int number) noexcept {
+        if (number == kept_.get()) kept_.release();
+    }
+
+  private:
+    Descriptor kept_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
 
 }  // namespace kzmkernel

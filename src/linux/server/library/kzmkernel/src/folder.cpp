@@ -4,6 +4,7 @@
 #include <sys/file.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <utility>
 
@@ -16,7 +17,6 @@ namespace kzmkernel {
 namespace {
 
 constexpr mode_t folder_mode = 0700, file_mode = 0600, all_permissions = 0777;
-constexpr int sibling_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 /// FNV-1a, with the bits of the result mixed once more.
 class Hash {
@@ -186,7 +186,7 @@ uint32_t Gate::open_folder(bool make, bool& again) noexcept {
 }
 
 uint32_t Gate::make_folder(bool make, bool& again) noexcept {
-    const Descriptor sibling = open_at(place_.parent(), place_.sibling(), sibling_flags);
+    const Descriptor sibling = open_at(place_.parent(), place_.sibling(), object_flags);
     if (sibling && life_of(sibling.get(), place_.folder(), nullptr) != Life::dead) {
         // Somebody may have made it since. If it is missing now too, it was removed.
         struct stat found {};
@@ -201,9 +201,9 @@ uint32_t Gate::make_folder(bool make, bool& again) noexcept {
 
 uint32_t Gate::open_sibling(bool& again) noexcept {
     const int parent = place_.parent();
-    sibling_ = open_at(parent, place_.sibling(), sibling_flags);
+    sibling_ = open_at(parent, place_.sibling(), object_flags);
     if (!sibling_ && errno == ENOENT) {
-        sibling_ = open_at(parent, place_.sibling(), sibling_flags | O_CREAT | O_EXCL, file_mode);
+        sibling_ = open_at(parent, place_.sibling(), object_flags | O_CREAT | O_EXCL, file_mode);
         again = !sibling_ && errno == EEXIST;
         if (again) return 0;
         if (sibling_ && fchmod(sibling_.get(), file_mode) != 0) return windows_error(errno);
@@ -264,7 +264,7 @@ void Gate::leave() noexcept {
     sibling_.reset();
 }
 
-void Gate::leave_guarded(Descriptor& sibling, Descriptor& folder) noexcept {
+void Gate::leave_guarded(KeptDescriptor& sibling, KeptDescriptor& folder) noexcept {
     stop_making();
     step_out();
     sibling = std::move(sibling_);
@@ -291,18 +291,43 @@ bool is_proper_file(const struct stat& file) noexcept {
            (file.st_mode & ~static_cast<mode_t>(S_IFMT)) == file_mode;
 }
 
-void remove_leftovers(const Gate& gate) noexcept {
+bool is_used_by_others(int file, Patience patience) noexcept {
+    // A lease is for files that nobody else has. Whoever opens the file in this moment has the holder of the lease
+    // told, by a signal that is ignored unless the program handles it.
+    do {
+        if (fcntl(file, F_SETSIG, SIGURG) != 0 || fcntl(file, F_SETLEASE, F_WRLCK) == 0) {
+            fcntl(file, F_SETLEASE, F_UNLCK);
+            return false;
+        }
+        // Where there are no leases nothing is known.
+        if (errno != EAGAIN) return false;
+    } while (patience.wait());
+    return true;
+}
+
+// Views keep the open file description that they were mapped from, and with it its locks.
+void mark_as_viewed(int file) noexcept {
+    read_lock(file, 0);
+}
+
+bool is_marked_as_viewed(int file) noexcept {
+    return is_read_locked(file, 0);
+}
+
+void remove_leftovers(const Gate& gate, RemovedFiles& removed) noexcept {
     Descriptor again = open_at(gate.folder(), ".", O_RDONLY | O_DIRECTORY);
     DIR* const listing = again ? fdopendir(again.get()) : nullptr;
     if (!listing) return;
     again.release();
     while (const dirent* const entry = readdir(listing)) {
         struct stat found {};
-        // Only what is to become an object has a name that begins with a dot, as earlier versions made it.
-        if (fstatat(gate.folder(), entry->d_name, &found, AT_SYMLINK_NOFOLLOW) != 0 || !is_proper_file(found)) {
+        if (fstatat(gate.folder(), entry->d_name, &found, AT_SYMLINK_NOFOLLOW) != 0 || !is_proper_file(found) ||
+            life_of(gate.folder(), entry->d_name, &found) != Life::dead) {
             continue;
         }
-        if (life_of(gate.folder(), entry->d_name, &found) == Life::dead) unlinkat(gate.folder(), entry->d_name, 0);
+        Descriptor file = open_at(gate.folder(), entry->d_name, object_flags);
+        if (!file || is_used_by_others(file.get(), Patience{0})) continue;
+        if (unlinkat(gate.folder(), entry->d_name, 0) == 0) removed.add(std::move(file));
     }
     closedir(listing);
 }

@@ -30,11 +30,15 @@
 
 #include <cstdint>
 
+#include "clock.h"
 #include "descriptor.h"
 #include "patience.h"
 #include "place.h"
 
 namespace kzmkernel {
+
+/// How all files in the folder, and the sibling, are opened.
+inline constexpr int object_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 enum class Life {
     dead,     ///< nobody holds the name
@@ -49,6 +53,31 @@ Life life_of(int folder, const char* name, const struct stat* file) noexcept;
 /// Locks a name's two bytes for as long as the folder's descriptor, or a copy of it, is open; false and errno on
 /// failure.
 bool hold_alive(int folder, const char* name, const struct stat& file) noexcept;
+
+/// Whether another process has a file open or mapped. What this process has mapped counts as well, and so does what it
+/// has open besides `file`. A process that has just been killed may take a moment to let go; it is waited for.
+bool is_used_by_others(int file, Patience patience) noexcept;
+
+/// A process that keeps views of a mapping without a handle does not keep it alive. It leaves a mark, which lasts as
+/// long as the views, so that it is not taken for one that has lost its guards.
+void mark_as_viewed(int file) noexcept;
+bool is_marked_as_viewed(int file) noexcept;
+
+/// Files without a name, whose memory is given back when this ends.
+class RemovedFiles {
+  public:
+    void add(Descriptor file) noexcept {
+        if (count_ < capacity) files_[count_++] = std::move(file);
+    }
+    void let_go() noexcept {
+        while (count_ > 0) files_[--count_].reset();
+    }
+
+  private:
+    static constexpr size_t capacity = 32;
+    Descriptor files_[capacity];
+    size_t count_ = 0;
+};
 
 /// The folder with its gate held, until this object's end.
 class Gate {
@@ -65,9 +94,10 @@ class Gate {
     uint32_t step_in() noexcept;
 
     int folder() const { return folder_.get(); }
+    int sibling() const { return sibling_.get(); }
     void leave() noexcept;
     /// Lets go of the gate but keeps the two descriptors, which carry the guards.
-    void leave_guarded(Descriptor& sibling, Descriptor& folder) noexcept;
+    void leave_guarded(KeptDescriptor& sibling, KeptDescriptor& folder) noexcept;
 
     /// Waits, outside the gate, while another process makes an object of this name, so that its memory is not charged
     /// twice; but not for long, since that process may be stopped. Others wait for this one until it leaves.
@@ -90,7 +120,7 @@ class Gate {
 };
 
 /// Removes the files of dead objects. The gate must be held.
-void remove_leftovers(const Gate& gate) noexcept;
+void remove_leftovers(const Gate& gate, RemovedFiles& removed) noexcept;
 
 /// Whether that is a file as objects have it: regular, ours, with one link, readable and writable for us alone.
 bool is_proper_file(const struct stat& file) noexcept;

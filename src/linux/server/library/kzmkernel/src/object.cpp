@@ -13,13 +13,13 @@
 #include "explanation.h"
 #include "folder.h"
 #include "kzmkernel.h"
+#include "view.h"
 
 namespace kzmkernel {
 namespace {
 
 constexpr uint64_t allocation_step = 1u << 20;
 constexpr size_t longest_name = 200;
-constexpr int open_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 /// The process's objects, and mutexes that were closed while a thread of this process owned them or had used them last.
 constinit Object* objects = nullptr;
@@ -90,10 +90,18 @@ int allocate(int file, uint64_t size) {
 }
 
 /// An object in the making: an unnamed file, which goes with the process, and with this unless it is given its name.
+/// Where that cannot be done later, since /proc is missing, it has a name of its own until then.
 class Building {
   public:
-    uint32_t build(int folder, Kind kind, uint64_t size) {
-        file_ = open_at(folder, ".", O_RDWR | O_TMPFILE, 0600);
+    explicit Building(const Gate& gate) : gate_(gate) {}
+    ~Building() {
+        if (own_name_[0] != '\0') unlinkat(gate_.folder(), own_name_, 0);
+    }
+    Building(const Building&) = delete;
+    Building& operator=(const Building&) = delete;
+
+    uint32_t build(Kind kind, uint64_t size) {
+        make_file();
         // A folder that has been removed takes no more files.
         if (!file_ && errno == ENOENT) return KZMKERNEL_ERROR_FILE_INVALID;
         if (!file_ || fchmod(file_.get(), 0600) != 0) return windows_error(errno);
@@ -101,17 +109,35 @@ class Building {
         return kind == Kind::mutex ? prepare_mutex() : 0;
     }
 
-    /// Gives it a name that is free. The gate must be held. Through /proc that needs no right beyond those of its user;
-    /// where /proc is missing it needs a new kernel or the rights of root.
-    uint32_t link(const Gate& gate, const char* file_name) const {
+    /// Gives it a name that is free. The gate must be held.
+    uint32_t name(const char* file_name) {
+        const int folder = gate_.folder();
         char unnamed[32];
-        std::snprintf(unnamed, sizeof unnamed, "/proc/self/fd/%d", file_.get());
-        const bool is_named = linkat(AT_FDCWD, unnamed, gate.folder(), file_name, AT_SYMLINK_FOLLOW) == 0 ||
-                              linkat(file_.get(), "", gate.folder(), file_name, AT_EMPTY_PATH) == 0;
-        return is_named ? 0 : windows_error(errno);
+        std::snprintf(unnamed, sizeof unnamed, "%s/%d", descriptors, file_.get());
+        const bool is_named = own_name_[0] != '\0'
+                                  ? renameat(folder, own_name_, folder, file_name) == 0
+                                  : linkat(AT_FDCWD, unnamed, folder, file_name, AT_SYMLINK_FOLLOW) == 0;
+        if (!is_named) return windows_error(errno);
+        own_name_[0] = '\0';
+        return 0;
     }
 
   private:
+    /// Links to files that are open, so that naming an unnamed one needs no more rights than its user has.
+    static constexpr const char* descriptors = "/proc/self/fd";
+
+    void make_file() {
+        constexpr int most_tries = 100;
+        if (access(descriptors, X_OK) == 0) file_ = open_at(gate_.folder(), ".", O_RDWR | O_TMPFILE, 0600);
+        // No object's name begins with a dot.
+        for (int i = 0; i < most_tries && !file_; ++i) {
+            std::snprintf(own_name_, sizeof own_name_, ".new.%d.%d", getpid(), i);
+            file_ = open_at(gate_.folder(), own_name_, object_flags | O_CREAT | O_EXCL, 0600);
+            if (!file_) own_name_[0] = '\0';
+            if (!file_ && errno != EEXIST) return;
+        }
+    }
+
     uint32_t prepare_mutex() const {
         MappedMutex* const mapped = map_mutex(file_.get());
         if (!mapped) return windows_error(errno);
@@ -120,12 +146,24 @@ class Building {
         return error;
     }
 
+    const Gate& gate_;
     Descriptor file_;
+    char own_name_[32]{};
 };
 
-/// Opens the living file of a name; 2: the name is free, a dead one's file may lie under it.
-uint32_t open_file(const Gate& gate, const char* file_name, Descriptor& file, struct stat& status) {
-    file = open_at(gate.folder(), file_name, open_flags);
+/// Whether a file that nobody guards is in use all the same: a program that closes all of its descriptors loses its
+/// guards and goes on using the memory.
+bool is_in_use(Kind kind, int file, const struct stat& status) {
+    if (find_in(objects, kind, status)) return true;
+    // What this process alone has kept of an object would look like another process's use of it.
+    if (find_in(closed_mutexes, kind, status) || is_viewed_here(status.st_dev, status.st_ino)) return false;
+    if (status.st_size == 0 || static_cast<uint64_t>(status.st_size) % page != 0) return false;
+    return is_used_by_others(file, Patience{10 * ns_per_ms}) && !is_marked_as_viewed(file);
+}
+
+/// Opens the living file of a name; 2: the name is free, and if a dead object's file lies under it, that is open.
+uint32_t open_file(const Gate& gate, Kind kind, const char* file_name, Descriptor& file, struct stat& status) {
+    file = open_at(gate.folder(), file_name, object_flags);
     if (!file) {
         const int error = errno;
         if (error != ENOENT) return windows_error(error);
@@ -136,7 +174,7 @@ uint32_t open_file(const Gate& gate, const char* file_name, Descriptor& file, st
     if (!is_proper_file(status)) return KZMKERNEL_ERROR_ACCESS_DENIED;
     switch (life_of(gate.folder(), file_name, &status)) {
         case Life::dead:
-            return KZMKERNEL_ERROR_FILE_NOT_FOUND;
+            return is_in_use(kind, file.get(), status) ? 0 : KZMKERNEL_ERROR_FILE_NOT_FOUND;
         case Life::replaced:
             return KZMKERNEL_ERROR_FILE_INVALID;
         case Life::alive:
@@ -146,10 +184,14 @@ uint32_t open_file(const Gate& gate, const char* file_name, Descriptor& file, st
 }
 
 bool other_kind_lives(const Gate& gate, const Object& object) {
+    const Kind other = object.kind == Kind::mutex ? Kind::mapping : Kind::mutex;
     char file_name[sizeof object.file_name];
     std::memcpy(file_name, object.file_name, sizeof file_name);
-    file_name[0] = static_cast<char>(object.kind == Kind::mutex ? Kind::mapping : Kind::mutex);
-    return life_of(gate.folder(), file_name, nullptr) != Life::dead;
+    file_name[0] = static_cast<char>(other);
+    if (life_of(gate.folder(), file_name, nullptr) != Life::dead) return true;
+    Descriptor file;
+    struct stat status {};
+    return open_file(gate, other, file_name, file, status) == 0;
 }
 
 /// Makes this process's Object of a living file that it does not hold yet.
@@ -180,23 +222,56 @@ uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& o
     return hold_alive(gate.folder(), object.file_name, status) ? 0 : windows_error(errno);
 }
 
+/// The system has given a number away, so this object has it no more.
+void forget_number(Object& object, int number) {
+    for (KeptDescriptor* const kept : {&object.sibling, &object.folder, &object.file}) kept->forget(number);
+}
+
+/// The same with the numbers of an object, for all others.
+void forget_numbers_of(const Object& object) {
+    for (Object* other = objects; other; other = other->next) {
+        if (other == &object) continue;
+        for (const KeptDescriptor* const kept : {&object.sibling, &object.folder, &object.file}) {
+            forget_number(*other, kept->get());
+        }
+    }
+}
+
 uint32_t keep(Gate& gate, Object* made, Object*& object) {
     gate.leave_guarded(made->sibling, made->folder);
-    if (made->kind == Kind::mutex) made->file.reset();
+    forget_numbers_of(*made);
     made->handles = 1;
     made->next = objects;
     objects = object = made;
     return 0;
 }
 
+/// Guards an object of this process anew if its program has closed what carried the guards, or if the sibling was
+/// removed.
+uint32_t guard_again(Gate& gate, Object& object, Descriptor file, const struct stat& status) {
+    struct stat sibling {};
+    if (fstat(gate.sibling(), &sibling) != 0) return windows_error(errno);
+    for (const int number : {gate.sibling(), gate.folder(), file.get()}) forget_number(object, number);
+    if (object.folder.is_there() && object.sibling.is(sibling) &&
+        (object.kind == Kind::mutex || object.file.is_there())) {
+        return 0;
+    }
+    if (!hold_alive(gate.folder(), object.file_name, status)) return windows_error(errno);
+    gate.leave_guarded(object.sibling, object.folder);
+    if (object.kind == Kind::mapping) object.file = std::move(file);
+    forget_numbers_of(object);
+    return 0;
+}
+
 /// Looks for the living object of made's name, with the gate held. 183: `object` is it; 2: the name is free.
-/// @param[in,out] file  a dead object's file, which lay under the name and was removed; its memory is there until this
-///                      is closed
-uint32_t look(Gate& gate, Object* made, bool make, Object*& object, Descriptor& file) {
+/// Where an object is to be made, a dead one's file is removed.
+uint32_t look(Gate& gate, Object* made, bool make, Object*& object, RemovedFiles& removed) {
+    Descriptor file;
     struct stat status {};
-    const uint32_t found = open_file(gate, made->file_name, file, status);
+    const uint32_t found = open_file(gate, made->kind, made->file_name, file, status);
     if (found == 0) {
         if (Object* const known = find_in(objects, made->kind, status)) {
+            if (const uint32_t error = guard_again(gate, *known, std::move(file), status)) return error;
             ++known->handles;
             object = known;
             return KZMKERNEL_ERROR_ALREADY_EXISTS;
@@ -207,23 +282,25 @@ uint32_t look(Gate& gate, Object* made, bool make, Object*& object, Descriptor& 
     }
     if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
     if (other_kind_lives(gate, *made)) return KZMKERNEL_ERROR_INVALID_HANDLE;
-    if (make && file && unlinkat(gate.folder(), made->file_name, 0) != 0) return windows_error(errno);
+    if (make && file) {
+        if (unlinkat(gate.folder(), made->file_name, 0) != 0) return windows_error(errno);
+        removed.add(std::move(file));
+    }
     return found;
 }
 
 /// Makes an object of a name that was free. The gate is free, too, until the object has its memory.
-uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object) {
-    Building building;
-    if (const uint32_t error = building.build(gate.folder(), made->kind, size)) return error;
-    Descriptor dead;
+uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object, RemovedFiles& removed) {
+    Building building(gate);
+    if (const uint32_t error = building.build(made->kind, size)) return error;
     if (const uint32_t error = gate.step_in()) return error;
-    const uint32_t found = look(gate, made, true, object, dead);
+    const uint32_t found = look(gate, made, true, object, removed);
     if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
-    if (const uint32_t error = building.link(gate, made->file_name)) return error;
+    if (const uint32_t error = building.name(made->file_name)) return error;
     // Opened by its name, which tools show then.
     struct stat status {};
     uint32_t error = 0;
-    Descriptor file = open_at(gate.folder(), made->file_name, open_flags);
+    Descriptor file = open_at(gate.folder(), made->file_name, object_flags);
     if (!file || fstat(file.get(), &status) != 0) {
         error = windows_error(errno);
     } else {
@@ -244,26 +321,44 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& 
     file_name_of(kind, name, made->file_name);
 
     const auto obtained = [&]() -> uint32_t {
+        RemovedFiles removed;  // let go of after the gate
         Gate gate;
         if (const uint32_t error = gate.enter(make)) return error;
-        Descriptor dead;
-        uint32_t found = look(gate, made, make, object, dead);
+        uint32_t found = look(gate, made, make, object, removed);
         if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND || !make) return found;
         // Who comes first clears up: that is often enough, and costs nothing later.
-        if (!objects) remove_leftovers(gate);
+        if (!objects) remove_leftovers(gate, removed);
         gate.step_out();
-        dead.reset();
+        removed.let_go();
         if (gate.wait_for_maker_of(made->file_name)) {
             if (const uint32_t error = gate.step_in()) return error;
-            found = look(gate, made, make, object, dead);
+            found = look(gate, made, make, object, removed);
             if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
             gate.step_out();
-            dead.reset();
+            removed.let_go();
         }
-        return make_new(gate, size, made, object);
+        return make_new(gate, size, made, object, removed);
     }();
     if (object != made) delete made;
     return obtained;
+}
+
+/// Removes the file of an object that this process has given up, if no other process has it. Where the gate cannot be
+/// had the file stays, as after a kill: the next creator knows that it is dead.
+void remove_file_of(Object& object) {
+    RemovedFiles removed;  // let go of after the gate
+    // A descriptor of its own: a forked child may share ours, and with it the gate's lock.
+    Gate gate;
+    if (!(object.folder.is_there() ? gate.enter_again(object.folder.get()) : gate.enter(false) == 0)) return;
+    object.folder.reset();
+    Descriptor file = open_at(gate.folder(), object.file_name, object_flags);
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0 || status.st_ino != object.inode ||
+        life_of(gate.folder(), object.file_name, nullptr) != Life::dead || is_in_use(object.kind, file.get(), status)) {
+        return;
+    }
+    unlinkat(gate.folder(), object.file_name, 0);
+    removed.add(std::move(file));
 }
 
 }  // namespace
@@ -284,27 +379,18 @@ void drop_object(Object* object) noexcept {
     if (--object->handles > 0) return;
     forget_closed_mutexes();
     unlink_from(objects, object);
+    if (object->file.is_there() && is_viewed_here(object->device, object->inode)) mark_as_viewed(object->file.get());
     object->file.reset();
     object->sibling.reset();
-    {
-        // A descriptor of its own: a forked child may share ours, and with it the gate's lock.
-        Gate gate;
-        const bool entered = gate.enter_again(object->folder.get());
-        object->folder.reset();
-        struct stat status {};
-        // Where the gate cannot be had the file stays, as after a kill: the next creator knows that it is dead.
-        if (entered && fstatat(gate.folder(), object->file_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            status.st_ino == object->inode && life_of(gate.folder(), object->file_name, nullptr) == Life::dead) {
-            unlinkat(gate.folder(), object->file_name, 0);
-        }
-    }
-    if (object->mapped && must_stay_mapped(*object->mapped)) {
+    const bool is_mutex = object->kind == Kind::mutex;
+    if (is_mutex && must_stay_mapped(*object->mapped)) {
         object->next = closed_mutexes;
         closed_mutexes = object;
-        return;
+    } else if (is_mutex) {
+        unmap(std::exchange(object->mapped, nullptr));
     }
-    unmap(object->mapped);
-    delete object;
+    remove_file_of(*object);
+    if (!object->mapped) delete object;
 }
 
 void forget_closed_mutexes() noexcept {

@@ -3,24 +3,33 @@
 //
 // To create (to open is C1, C2 and C7):
 //   C1  Enter the folder: folder.h, E1 to E6. The gate is held now.
-//   C2  Look at the name: its guards N and F, and the file under it. Held by somebody and the same file: it is the
-//   living
-//       object (C7). Held and another file or none: 1006. Not held: the name is free; a file under it is a dead
-//       object's and is removed. The first object of a process removes all dead files.
+//   C2  Look at the name: its guards N and F, and the file under it. Held by somebody and the same file: it is
+//       the living object (C7). Held and another file or none: 1006. Not held, but the file is in use: its users
+//       have lost their guards, and it is the living object (C7). Else the name is free; a file under it is a
+//       dead object's and is removed. The first object of a process removes all dead files.
 //   C3  Step out of the gate. The folder stays guarded.
-//   C4  Lock the byte of this name's makers in the sibling, so that two creators do not both charge the memory. If
-//       another maker has it, wait until it is free, but at most 0.5 s; step in, look again (C2) and step out.
-//   C5  Make an unnamed file (O_TMPFILE), allocate it, prepare the mutex in it.
-//   C6  Step into the gate: 170 after 2 s of waiting in all, 1006 if the folder was removed meanwhile. Look again (C2):
-//       another process may have been first. If not, give the file its name.
-//   C7  Open the file, lock N and F, let go of the gate and the makers' byte.
-// Whoever is killed in C5 leaves nothing, in C6 a file without guards; whoever is stopped there holds nobody up but in
-// C6 and C7, where it holds the gate.
+//   C4  Lock the byte of this name's makers in the sibling, so that two creators do not both charge the memory.
+//       If another maker has it, wait until it is free, but at most 0.5 s; step in, look again (C2) and step out.
+//   C5  Make an unnamed file (O_TMPFILE), allocate it, prepare the mutex in it. Without /proc, by which an
+//       unnamed file is named later, it is called .new.PID.N until then; such a file is dead when nobody has it
+//       open.
+//   C6  Step into the gate: 170 after 2 s of waiting in all, 1006 if the folder was removed meanwhile. Look again
+//       (C2): another process may have been first. If not, give the file its name.
+//   C7  Open the file, lock N and F, let go of the gate and of the makers' byte. If this process has the object
+//       already, that is used; its guards are locked anew if they are gone, and those of this call are given up.
+// Whoever is killed in C5 leaves nothing, in C6 a file without guards; whoever is stopped holds others up in C2,
+// C6 and C7 alone, where it holds the gate.
 //
 // To drop the last handle of the process:
-//   D1  Close the descriptors that carry the guards, but for the folder.
-//   D2  Lock the gate. Where that fails the file stays, as after a kill.
-//   D3  If nobody holds N now and the name still leads to this object's file, remove it.
+//   D1  If views of it stay, read-lock byte 0 of the file on the description that they are mapped from: the mark.
+//       Close the file and the sibling.
+//   D2  Lock the gate; enter the folder anew (E1 to E6) if its descriptor is gone. Where that fails the file
+//       stays, as after a kill. Close the folder, and with it the last of this process's guards.
+//   D3  If nobody holds N now, the name still leads to this object's file, and that is not in use, remove it.
+//
+// In use (C2 and D3, of a file that nobody guards): this process has an Object of it; or this process has none of
+// its memory mapped, a write lease on it is refused for 10 ms, so that another process has it open or mapped, and
+// the file has no mark.
 #pragma once
 
 #include <sys/types.h>
@@ -50,10 +59,10 @@ struct Object {
     char file_name[256];
     dev_t device;
     ino_t inode;
-    uint64_t size;               ///< bytes, whole pages
-    Descriptor sibling, folder;  ///< carry the guards
-    Descriptor file;             ///< of a mapping
-    MappedMutex* mapped;         ///< of a mutex
+    uint64_t size;                   ///< bytes, whole pages
+    KeptDescriptor sibling, folder;  ///< carry the guards
+    KeptDescriptor file;             ///< of a mapping
+    MappedMutex* mapped;             ///< of a mutex
     uint32_t handles;
     Object* next;
 };

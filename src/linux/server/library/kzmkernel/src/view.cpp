@@ -18,6 +18,8 @@ constexpr uint64_t granularity = 65536;
 struct View {
     void* address;
     size_t size;
+    dev_t device;
+    ino_t inode;
     View* next;
 };
 
@@ -31,14 +33,16 @@ View** place_of(const void* address) {
 
 }  // namespace
 
-uint32_t map_view(const Object& mapping, bool writable, uint64_t offset, size_t length, void*& view) noexcept {
+uint32_t map_view(Object& mapping, bool writable, uint64_t offset, size_t length, void*& view) noexcept {
     if (offset % granularity != 0) return KZMKERNEL_ERROR_MAPPED_ALIGNMENT;
     if (offset >= mapping.size || length > mapping.size - offset) return KZMKERNEL_ERROR_ACCESS_DENIED;
     const uint64_t wanted = length != 0 ? length : mapping.size - offset;
     const size_t size = (wanted + page - 1) / page * page;
 
     const ProcessLock locked;
-    View* const made = new (std::nothrow) View{nullptr, size, views};
+    // The program may have closed it, and its number may be another file's.
+    if (!mapping.file.is_there()) return KZMKERNEL_ERROR_INVALID_HANDLE;
+    View* const made = new (std::nothrow) View{nullptr, size, mapping.device, mapping.inode, views};
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
     made->address = mmap(nullptr, size, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, mapping.file.get(),
                          static_cast<off_t>(offset));
@@ -61,6 +65,13 @@ bool unmap_view(const void* view) noexcept {
     munmap(found->address, found->size);
     delete found;
     return true;
+}
+
+// Called with the process's lock held.
+bool is_viewed_here(dev_t device, ino_t inode) noexcept {
+    const View* view = views;
+    while (view && !(view->device == device && view->inode == inode)) view = view->next;
+    return view != nullptr;
 }
 
 size_t view_size(const void* view) noexcept {

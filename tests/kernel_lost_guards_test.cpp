@@ -1,0 +1,250 @@
+// Programs that close all of their descriptors, as daemons do, and with them what guards their objects, but go on using
+// the objects.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <kzmkernel.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kernel_linux_tools.h"
+
+namespace {
+
+using namespace kernel_test;
+
+void close_all_descriptors() {
+    ASSERT_EQ(close_range(STDERR_FILENO + 1, UINT_MAX, 0), 0);
+}
+
+/// How many descriptors of a process lead to a file.
+int descriptors_of(pid_t process, const fs::path& file) {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+        std::error_code error;
+        count += fs::read_symlink(entry.path(), error) == file;
+    }
+    return count;
+}
+
+/// A process that does something and then stops, until it is to go on. It has no descriptors left to signal with.
+class Stopping {
+  public:
+    explicit Stopping(const std::function<void()>& body) : process_(body) {
+        int status = 0;
+        if (waitpid(process_.id(), &status, WUNTRACED) != process_.id() || !WIFSTOPPED(status)) {
+            throw std::runtime_error("it did not stop");
+        }
+    }
+    static void stop() { raise(SIGSTOP); }
+    int go_on_to_its_end() {
+        ::kill(process_.id(), SIGCONT);
+        return process_.wait();
+    }
+    pid_t id() const { return process_.id(); }
+    void kill() { process_.kill(); }
+
+  private:
+    Forked process_;
+};
+
+constexpr uint32_t existed = KZMKERNEL_ERROR_ALREADY_EXISTS;
+
+TEST(KernelLostGuards, OfAnOwnerLeaveTheMutexOneAndItsOwnerTheOwner) {
+    Stopping daemon([] {
+        void* const mutex = create_mutex(object_name());
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        close_all_descriptors();
+        Stopping::stop();
+        EXPECT_TRUE(kzmkernel_release(mutex));
+        Stopping::stop();
+    });
+    const Handle mutex(create_mutex(object_name()));
+    EXPECT_EQ(mutex.error, existed);
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_TIMEOUT});
+    EXPECT_EQ(info_of(mutex.value).owner_process, static_cast<uint32_t>(daemon.id()));
+    ::kill(daemon.id(), SIGCONT);
+    EXPECT_EQ(kzmkernel_wait(mutex.value, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+}
+
+class KernelLostGuardsOf : public testing::TestWithParam<Kind> {
+  protected:
+    static void* create() { return GetParam().create(object_name()); }
+    static void* open() { return GetParam().open(object_name()); }
+    static void lose_guards() {
+        EXPECT_NE(create(), nullptr);
+        if (GetParam().file == file_of_mapping) {
+            const Handle opened(open());
+            map(opened.value)[0] = 'd';
+        }
+        close_all_descriptors();
+        Stopping::stop();
+    }
+    static void expect_living(void* (*obtain)()) {
+        Handle handle(obtain());
+        ASSERT_NE(handle.value, nullptr);
+        if (obtain == create) {
+            EXPECT_EQ(handle.error, existed);
+        }
+        if (GetParam().file == file_of_mapping) {
+            char* const view = map(handle.value);
+            EXPECT_EQ(view[0], 'd');
+            kzmkernel_unmap_view(view);
+        }
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Kinds, KernelLostGuardsOf, testing::ValuesIn(kinds),
+                         [](const auto& instance) { return std::string(instance.param.name); });
+
+TEST_P(KernelLostGuardsOf, ADaemonLeaveItsObjectForOneProcessAfterTheOther) {
+    Stopping daemon(lose_guards);
+    // Whoever creates its first object clears up, and the last to leave removes the file: neither takes this one.
+    { const Handle other(create_mutex(object_name() + "other")); }
+    expect_living(create);
+    expect_living(open);
+    in_fork([] { expect_living(create); });
+    daemon.kill();
+    EXPECT_EQ(Handle(open()).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+    expect_new(GetParam().create, object_name());
+}
+
+TEST_P(KernelLostGuardsOf, AForkedChildLeaveTheObjectOfItsParentThatEnded) {
+    Sign child_is_alone, over;
+    Forked parent([&] {
+        void* const handle = create();
+        if (GetParam().file == file_of_mapping) map(handle)[0] = 'd';
+        if (fork() == 0) {
+            // What tells the test must stay.
+            for (int descriptor = STDERR_FILENO + 1; descriptor < 100; ++descriptor) {
+                struct stat found {};
+                if (fstat(descriptor, &found) == 0 && !S_ISFIFO(found.st_mode)) close(descriptor);
+            }
+            child_is_alone.give();
+            over.await();
+            _exit(0);
+        }
+        child_is_alone.await();
+        kzmkernel_close(handle);
+        child_is_alone.give();
+        hang();
+    });
+    child_is_alone.await();
+    parent.kill();
+    expect_living(create);
+    over.give();
+}
+
+TEST_P(KernelLostGuardsOf, AProcessAreLockedAnewWhenItOpensTheObjectAgain) {
+    Stopping daemon([] {
+        const Handle first(create());
+        const uint64_t number = kzmkernel_object_number(first.value);
+        close_all_descriptors();
+        const Handle second(create());
+        EXPECT_EQ(second.error, existed);
+        EXPECT_EQ(kzmkernel_object_number(second.value), number);
+        Stopping::stop();
+    });
+    EXPECT_EQ(descriptors_of(daemon.id(), folder()), 1);
+    EXPECT_EQ(descriptors_of(daemon.id(), folder().string() + ".guard"), 1);
+    EXPECT_EQ(Handle(create()).error, existed);
+    EXPECT_EQ(daemon.go_on_to_its_end(), 0);
+    EXPECT_FALSE(fs::exists(GetParam().file(object_name())));
+}
+
+TEST_P(KernelLostGuardsOf, ADaemonDoNotLeaveTheFileWhenItClosesItsHandle) {
+    in_fork([] {
+        Handle handle(create());
+        close_all_descriptors();
+        handle.close();
+        EXPECT_FALSE(fs::exists(GetParam().file(object_name())));
+        expect_new(GetParam().create, object_name());
+    });
+}
+
+TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForTheFilesThatGetTheirNumbers) {
+    in_fork([] {
+        Handle handle(create());
+        close_all_descriptors();
+        std::vector<int> own;
+        for (int i = 0; i < 5; ++i) own.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(own[0], STDERR_FILENO + 1);
+        handle.close();
+        for (const int descriptor : own) EXPECT_GE(fcntl(descriptor, F_GETFD), 0) << descriptor;
+    });
+}
+
+TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForThoseOfItsNextObject) {
+    in_fork([] {
+        Handle lost(create());
+        close_all_descriptors();
+        const Handle next(GetParam().create(object_name() + "next"));
+        EXPECT_EQ(descriptors_of(getpid(), folder()), 1);
+        lost.close();
+        EXPECT_EQ(descriptors_of(getpid(), folder()), 1);
+        EXPECT_EQ(descriptors_of(getpid(), folder().string() + ".guard"), 1);
+        if (GetParam().file == file_of_mapping) {
+            EXPECT_NE(map(next.value), nullptr);
+        }
+    });
+}
+
+TEST(KernelLostGuards, WithTheFileOfAMappingFailTheNextView) {
+    in_fork([] {
+        const Handle mapping(create_mapping(object_name()));
+        map(mapping.value)[0] = 'v';
+        close_all_descriptors();
+        const int own = ::open("/dev/zero", O_RDWR | O_CLOEXEC);
+        for (int i = 0; i < 3; ++i) dup(own);
+        EXPECT_EQ(map(mapping.value), nullptr);
+        EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+        // Opened again it has its file again.
+        const Handle again(open_mapping(object_name()));
+        EXPECT_EQ(map(again.value)[0], 'v');
+        EXPECT_EQ(map(mapping.value)[0], 'v');
+    });
+}
+
+// As in Windows, an object ends with its last handle.
+TEST(KernelLostGuards, AreToldFromViewsThatAreKeptWithoutAHandle) {
+    Stopping viewer([] {
+        Handle mapping(create_mapping(object_name()));
+        char* const view = map(mapping.value);
+        view[0] = 'v';
+        mapping.close();
+        EXPECT_EQ(view[0], 'v');
+        Stopping::stop();
+        EXPECT_EQ(view[0], 'v');
+    });
+    expect_new(create_page, object_name());
+    EXPECT_EQ(viewer.go_on_to_its_end(), 0);
+}
+
+TEST(KernelLostGuards, AreToldFromViewsThatOutliveTheHandlesOfAllProcesses) {
+    Sign created, viewed;
+    Forked holder([&] {
+        const Handle mapping(create_mapping(object_name()));
+        created.give();
+        viewed.await();
+    });
+    created.await();
+    const Stopping viewer([] {
+        Handle opened(open_mapping(object_name()));
+        map(opened.value)[0] = 'v';
+        opened.close();
+        Stopping::stop();
+    });
+    viewed.give();
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_FALSE(fs::exists(file_of_mapping(object_name())));
+    expect_new(create_page, object_name());
+}
+
+}  // namespace
