@@ -1,10 +1,12 @@
 #include "object.h"
 
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -89,6 +91,24 @@ int allocate(int file, uint64_t size) {
     return 0;
 }
 
+/// The same without SIGXFSZ, which the system sends to a thread that goes beyond the limit of file sizes (ulimit -f),
+/// and which ends the process.
+int allocate_without_signal(int file, uint64_t size) {
+    sigset_t limit, before, pending;
+    sigemptyset(&limit);
+    sigaddset(&limit, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &limit, &before);
+    sigpending(&pending);
+    const int error = allocate(file, size);
+    // One that was pending before is the program's.
+    if (error == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
+        const timespec no_time{};
+        sigtimedwait(&limit, nullptr, &no_time);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return error;
+}
+
 /// An object in the making: an unnamed file, which goes with the process, and with this unless it is given its name.
 /// Where that cannot be done later, since /proc is missing, it has a name of its own until then.
 class Building {
@@ -105,7 +125,11 @@ class Building {
         // A folder that has been removed takes no more files.
         if (!file_ && errno == ENOENT) return KZMKERNEL_ERROR_FILE_INVALID;
         if (!file_ || fchmod(file_.get(), 0600) != 0) return windows_error(errno);
-        if (const int error = allocate(file_.get(), size)) return windows_error(error);
+        if (const int error = allocate_without_signal(file_.get(), size)) {
+            return explained(windows_error(error), "cannot allocate %llu bytes: %s%s",
+                             static_cast<unsigned long long>(size), std::strerror(error),
+                             error == EFBIG ? ": raise the limit of file sizes (ulimit -f)" : "");
+        }
         return kind == Kind::mutex ? prepare_mutex() : 0;
     }
 
