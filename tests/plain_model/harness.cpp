@@ -17,6 +17,8 @@
 namespace model {
 namespace {
 
+constexpr size_t text_count = 20;
+
 const std::string* texts() {
     static const std::string all[] = {"a",
                                       "b",
@@ -33,8 +35,12 @@ const std::string* texts() {
                                       std::string(300, 's'),
                                       "server001",
                                       "server002",
-                                      "server0010000000"};
-    static_assert(std::size(all) == 16);
+                                      "server0010000000",
+                                      std::string(292, 's'),
+                                      std::string(293, 's'),
+                                      std::string(330, 's'),
+                                      std::string(1000, 's')};
+    static_assert(std::size(all) == text_count);
     return all;
 }
 
@@ -64,7 +70,7 @@ class Arguments {
     const char* text(size_t i) const {
         const uint8_t choice = choices_.at(i);
         if (choice >= 248) return nullptr;
-        return texts()[choice < 160 ? choice % 6 : choice % 16].c_str();
+        return texts()[choice < 128 ? choice % 6 : choice % text_count].c_str();
     }
     const char* name() const { return text(2); }
     const char* type() const { return text(3); }
@@ -73,7 +79,7 @@ class Arguments {
         return all[choices_[4] % std::size(all)];
     }
     uint32_t value() const {
-        static const uint32_t all[] = {0, 1, 2, 3, 4, 5, 0x80000000, 0xFFFFFFFF, 0x12345678};
+        static const uint32_t all[] = {0, 1, 2, 3, 4, 5, 0x80000000, 0xFFFFFFFF, 0x12345678, 0x73737373, 0x73007373};
         return all[choices_[5] % std::size(all)];
     }
     uint64_t data() const { return uint64_t{value()} << 32 | choices_[6]; }
@@ -82,7 +88,7 @@ class Arguments {
         return all[choices_.at(i) < 200 ? choices_.at(i) % 8 : choices_.at(i) % 16];
     }
     int32_t index() const {
-        static const int32_t all[] = {0, 1, 2, 3, 4, 0, 1, 5, 7, -1, -2, -30, -400, INT32_MAX, INT32_MIN, 6};
+        static const int32_t all[] = {0, 1, 2, 3, 4, 0, 1, 5, 7, -1, -2, -30, -400, INT32_MAX, INT32_MIN, 6, -60, -150};
         return all[choices_[4] % std::size(all)];
     }
     int32_t kind() const {

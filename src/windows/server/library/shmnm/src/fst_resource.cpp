@@ -1,8 +1,8 @@
 // The fst resource: the state word and description of the first fst record, and the process ids by name, three of them
 // each with a 64-bit value.
+#include "ascending_text.h"
 #include "frame.h"
 #include "resource_description.h"
-#include "text_key.h"
 
 namespace shmnm {
 namespace {
@@ -55,10 +55,7 @@ Strip pid_strip(const Region& region) {
 }
 
 Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name) {
-    const TextKey key(name);
-    return Table<shmnm_fst_pid>(region, pid_strip(region), count).first([&](const shmnm_fst_pid& record) {
-        return key.equals(record.name, region.end());
-    });
+    return find_named(region, Table<shmnm_fst_pid>(region, pid_strip(region), count), name);
 }
 
 uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {

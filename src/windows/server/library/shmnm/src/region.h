@@ -131,6 +131,8 @@ class Table {
     }
 
     int32_t count() const noexcept { return count_; }
+    /// Whether each record ends before the next one begins.
+    bool apart() const noexcept { return step_ >= static_cast<int64_t>(sizeof(Record)); }
     Record& operator[](int32_t position) const noexcept { return at(first_ + position * step_); }
 
     /// The first record, in order of position, that `matches`.
@@ -138,15 +140,18 @@ class Table {
     Found<Record> first(const Matches& matches) const noexcept {
         return from(first_, 0, matches);
     }
-    /// The first one that `may_match`, as few do, and `matches`.
-    template <typename MayMatch, typename Matches>
-    [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches) const noexcept {
+    /// The first one that `may_match`, as few do, and `matches`. After one that only may, `others` looks in the
+    /// positions from the next one on, or returns nothing to have that done here.
+    template <typename MayMatch, typename Matches, typename Others>
+    [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches,
+                                               const Others& others) const noexcept {
         uint8_t* place = first_;
         for (int32_t position = 0;;) {
             const Found<Record> found = from(place, position, may_match);
             if (!found || matches(*found.record)) return found;
-            place = reinterpret_cast<uint8_t*>(found.record) + step_;
             position = found.position + 1;
+            if (const auto other = others(position)) return *other;
+            place = reinterpret_cast<uint8_t*>(found.record) + step_;
         }
     }
 

@@ -22,21 +22,58 @@ uint32_t get_resource_state(Call call, const Region& region, const Kind& kind, c
     return SHMNM_OK;
 }
 
+/// A type to look for in a healthy table, where nothing that is set can change a type.
+struct HealthyType {
+    bool equals(const char* field) const noexcept { return key.equals(field, end); }
+    void were_set(const uint32_t*, const uint32_t*, uint32_t) const noexcept {}
+
+    TextKey key;
+    const uint8_t* end;
+};
+
+/// Sets the state of each resource of a type.
+template <typename Type>
+void set_own_states(const Resources& resources, Type type, uint32_t stat) noexcept {
+    for (int32_t position = 0; position < resources.records.count(); ++position) {
+        shmnm_resource& resource = resources.records[position];
+        if (!type.equals(resource.type)) continue;
+        store(resource.stat, stat);
+        type.were_set(&resource.stat, &resource.stat + 1, stat);
+    }
+}
+
+/// Sets the states of each resource of a type on all servers. Rows may lie over one another: each word is set once.
+template <typename Type>
+void set_rows(const Resources& resources, Type type, uint64_t row_size, uint32_t stat) noexcept {
+    const Region& region = resources.region;
+    const Strip rows = resources.rows(resources.kind.states);
+    uint64_t set = 0;
+    for (int32_t position = 0; position < resources.records.count(); ++position) {
+        if (!type.equals(resources.records[position].type)) continue;
+        const uint64_t row = rows.at(position), begin = std::max(row, set), end = row + region.clipped(row, row_size);
+        if (begin >= end) continue;
+        for (set = begin; set < end; set += sizeof(uint32_t)) store(*region.word(set), stat);
+        type.were_set(region.word(begin), region.word(end), stat);
+    }
+}
+
 uint32_t set_states_of_type(Call call, const Region& region, const Kind& kind, const char* type, uint32_t stat) {
     if (!type) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const Resources resources(region, kind);
-    const TextKey key(type);
-    for (int32_t position = 0; position < resources.records.count(); ++position) {
-        shmnm_resource& resource = resources.records[position];
-        if (key.equals(resource.type, region.end())) store(resource.stat, stat);
+    const HealthyType healthy{TextKey(type), region.end()};
+    const bool reads_on = may_read_on(resources.records, healthy.key);
+    if (reads_on) [[unlikely]] {
+        set_own_states(resources, AscendingText(region, type), stat);
+    } else {
+        set_own_states(resources, healthy, stat);
     }
+    // Each type is tested again, after whatever has been set by then.
     const int32_t servers = load(region.header().server_count);
     const uint64_t row_size = servers > 0 ? sizeof(uint32_t) * static_cast<uint64_t>(servers) : 0;
-    const Strip rows = resources.rows(kind.states);
-    for (int32_t position = 0; position < resources.records.count(); ++position) {
-        if (!key.equals(resources.records[position].type, region.end())) continue;
-        const uint64_t begin = rows.at(position), end = begin + region.clipped(begin, row_size);
-        for (uint64_t offset = begin; offset < end; offset += sizeof(uint32_t)) store(*region.word(offset), stat);
+    if (reads_on || static_cast<uint64_t>(resources.strip.step) < sizeof(shmnm_resource) + row_size) [[unlikely]] {
+        set_rows(resources, AscendingText(region, type), row_size, stat);
+    } else {
+        set_rows(resources, healthy, row_size, stat);
     }
     return SHMNM_OK;
 }

@@ -78,11 +78,19 @@ uint32_t list_types(Call call, const Region& region, const Kind& kind, char* buf
 }
 
 uint32_t list_names(Call call, const Region& region, const Kind& kind, const char* type, char* buf, uint32_t* size) {
+    const Resources resources(region, kind);
     const TextKey key(type);
     const auto name_of = [&](const shmnm_resource& resource) {
         return key.equals(resource.type, region.end()) ? resource.name : nullptr;
     };
-    return list_texts(call, region, Resources(region, kind).records, name_of, buf, size);
+    if (!type || !may_read_on(resources.records, key)) {
+        return list_texts(call, region, resources.records, name_of, buf, size);
+    }
+    AscendingText text(region, type);
+    const auto name_of_ascending = [&](const shmnm_resource& resource) {
+        return text.equals(resource.type) ? resource.name : nullptr;
+    };
+    return list_texts(call, region, resources.records, name_of_ascending, buf, size);
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 // resources on each server lie.
 #pragma once
 
+#include "ascending_text.h"
 #include "frame.h"
+#include "overlapping_rows.h"
 #include "region.h"
 #include "text_key.h"
 
@@ -57,7 +59,11 @@ inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server)
         return key.equals_around(resource.name, region.end()) &&
                (!type || holds_text(resource.type, region.end(), type));
     };
-    return records.first(may_match, matches);
+    const auto others = [&](int32_t next) -> std::optional<Found<shmnm_resource>> {
+        if (!may_read_on(records, key)) return std::nullopt;
+        return find_ascending(region, records, next, type, name);
+    };
+    return records.first(may_match, matches, others);
 }
 /// The same, for those whom a call more costs nothing.
 inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
@@ -115,6 +121,15 @@ class StateRows {
         for (size_t i = 0; i < count_; ++i) {
             store(*region_.word(offset(i, resource, to)), load(*region_.word(offset(i, resource, from))));
         }
+    }
+    /// Where the words on a server lie, counted in words from the region's start.
+    WordGrids from(int64_t server) const noexcept {
+        WordGrids grids{.count = count_};
+        for (size_t i = 0; i < count_; ++i) {
+            constexpr int64_t size = sizeof(uint32_t);
+            grids.rows[i] = {static_cast<int64_t>(offset(i, 0, server)) / size, strips_[i].step / size};
+        }
+        return grids;
     }
 
   private:

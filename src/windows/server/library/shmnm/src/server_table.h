@@ -1,8 +1,8 @@
 // The server table, for those who look servers up in it.
 #pragma once
 
+#include "ascending_text.h"
 #include "region.h"
-#include "text_key.h"
 
 namespace shmnm {
 
@@ -16,11 +16,7 @@ struct Servers {
         : region(mapping), count(load(mapping.header().server_count)), records(mapping, server_strip(mapping), count) {}
 
     /// The first server of this name.
-    Found<shmnm_server> named(const char* name) const noexcept {
-        const TextKey key(name);
-        return records.first([&](const shmnm_server& server) { return key.may_equal(server.name); },
-                             [&](const shmnm_server& server) { return key.equals_around(server.name, region.end()); });
-    }
+    Found<shmnm_server> named(const char* name) const noexcept { return find_named(region, records, name); }
     /// The first server of this priority.
     Found<shmnm_server> of_priority(int32_t pri) const noexcept {
         return records.first([=](const shmnm_server& server) { return load(server.pri) == pri; });

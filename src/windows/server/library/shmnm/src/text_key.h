@@ -31,6 +31,8 @@ class TextKey {
             middle_ = word<uint32_t>(text + size_ - 4) >> 8 * (8 - size_);
         }
     }
+    /// Whether the text with its NUL has at most that many bytes.
+    bool fits(size_t size) const noexcept { return size_ <= size; }
     /// Whether a field holds exactly this text. At least 12 bytes from `field` and all up to `end` may be read.
     bool equals(const char* field, const uint8_t* end) const noexcept {
         return may_equal(field) && equals_around(field, end);
