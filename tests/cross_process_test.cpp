@@ -247,6 +247,15 @@ TEST_F(CrossProcess, EveryProcessWritesOneTraceLog) {
     EXPECT_THAT(lines, HasSubstr("SIZE:"));
 }
 
+TEST_F(CrossProcess, ALogThatCanNoLongerBeWrittenToIsNoErrorOfACall) {
+    ASSERT_EQ(shmnm_create(), SHMNM_OK);
+    std::filesystem::remove(folder_.path() / "log" / "shmnm.log");
+    std::filesystem::create_directory(folder_.path() / "log" / "shmnm.log");
+    EXPECT_EQ(shmnm_setclstat(11), SHMNM_OK);
+    EXPECT_EQ(clstat(), 11u);
+    EXPECT_EQ(shmnm_delete(), SHMNM_OK);
+}
+
 TEST_F(CrossProcess, AMissingConfigurationIsReported) {
     std::filesystem::remove(folder_.path() / "etc" / "cluster.xml");
     EXPECT_EQ(shmnm_create(), SHMNM_ERR_LOADCONFIG);

@@ -5,6 +5,7 @@
 
 #include "kzmutil.h"
 #include "kzmutil_test_platform.h"
+#include "support/child.h"
 #include "windows_users.h"
 
 namespace test {
@@ -102,6 +103,27 @@ TEST(SecurityOnWindows, AdmitsTheOwnerAdministratorsAndTheSystemToAMappingAndNob
                 UnorderedElementsAre(Pair(own_sid(), SECTION_ALL_ACCESS), Pair(administrators, SECTION_ALL_ACCESS),
                                      Pair(the_system, SECTION_ALL_ACCESS)));
     CloseHandle(mapping);
+}
+
+TEST(SessionsOnWindows, HaveTheirOwnNamesBesideTheGlobalOnes) {
+    const std::string name = "session-" + std::to_string(GetCurrentProcessId());
+    const test::ScopedEnvironment global("KZMUTIL_NAMESPACE", "Global\\");
+    const HANDLE made = KzmutilCreateNamedFileMapping(INVALID_HANDLE_VALUE, 4, 0, 4096, name.c_str());
+    ASSERT_TRUE(made);
+    const HANDLE opened = KzmutilOpenNamedFileMapping(0xF001F, 0, name.c_str());
+    EXPECT_TRUE(opened);
+    {
+        const test::ScopedEnvironment session("KZMUTIL_NAMESPACE", "Local\\");
+        EXPECT_FALSE(KzmutilOpenNamedFileMapping(0xF001F, 0, name.c_str()));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    }
+    {
+        const test::ScopedEnvironment none("KZMUTIL_NAMESPACE", nullptr);
+        EXPECT_FALSE(KzmutilOpenNamedFileMapping(0xF001F, 0, name.c_str()));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    }
+    CloseHandle(opened);
+    CloseHandle(made);
 }
 
 bool is_inheritable(HANDLE object) {
