@@ -1,4 +1,5 @@
 """serve: the creator of the region, as a service and in scripts."""
+import os
 import signal
 import socket
 import subprocess
@@ -28,6 +29,12 @@ class ServeTest(ToolTest):
     def end(self, process):
         process.stdin.close()
         self.assertEqual(process.wait(), 0)
+
+    def refused(self, *arguments):
+        result = self.tool("serve", *arguments)
+        self.assertEqual((result.status, result.out), (5, ""), result)
+        self.assertEqual(self.tool("status").status, 3)
+        return result.err
 
 
 class Serving(ServeTest):
@@ -88,12 +95,6 @@ class Serving(ServeTest):
         self.assertIn("servers/delta/pri 0", self.tool("list").lines)
         self.end(process)
 
-    def refused(self, *arguments):
-        result = self.tool("serve", *arguments)
-        self.assertEqual((result.status, result.out), (5, ""), result)
-        self.assertEqual(self.tool("status").status, 3)
-        return result.err
-
     def test_members_that_are_not_as_they_should_be_are_refused_before_there_is_a_region(self):
         for members, said in (
             ('<server priority="1"/>', "a server in /root/cluster has no name"),
@@ -125,6 +126,13 @@ class Serving(ServeTest):
         error = self.refused("--config", path(file))
         self.assertIn("shmnm_create answered 12", error)
         self.assertIn(f"put the configuration at {self.environment['KZM_INSTALL_PATH']}", error)
+
+    def test_a_folder_in_the_place_of_the_file_is_refused(self):
+        file = self.folder / "etc/cluster.xml"
+        file.unlink()
+        file.mkdir()
+        error = self.refused()
+        self.assertIn("it is not a regular file; put the cluster's configuration there", error)
 
     def test_a_file_with_other_counts_than_the_installed_one_is_refused(self):
         file = self.folder / "members.xml"
@@ -166,6 +174,21 @@ class ServingOnLinux(ServeTest):
                 process.send_signal(request)
                 self.assertEqual(process.wait(), 0)
                 self.assertEqual(self.tool("status").status, 3)
+
+    def test_what_would_block_its_reader_is_refused_at_once(self):
+        file = self.folder / "etc/cluster.xml"
+        file.unlink()
+        os.mkfifo(file)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+            listener.bind(str(self.folder / "socket"))
+            for special in (file, self.folder / "socket", "/dev/zero", "/dev/ptmx"):
+                with self.subTest(special):
+                    for arguments in ((), ("--config", str(special))):
+                        if special != file and not arguments:
+                            file.unlink()
+                            file.symlink_to(special)
+                        error = self.refused(*arguments)
+                        self.assertIn("it is not a regular file; put the cluster's configuration there", error)
 
     def test_the_end_of_its_input_alone_does_not_end_it(self):
         process = self.start("serve", stdin=subprocess.DEVNULL)

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <limits>
 #include <set>
 
@@ -31,7 +32,8 @@ class Reader {
             case XMLLIB_OK:
                 return document;
             case XMLLIB_ERR_FILE:
-                refuse("it cannot be read; put the cluster's configuration there, or name it with --config");
+                refuse(fmt::format("{}; put the cluster's configuration there, or name it with --config",
+                                   is_something_else() ? "it is not a regular file" : "it cannot be read"));
             default:
                 refuse("it is no well-formed XML without a document type, or too large");
         }
@@ -66,6 +68,12 @@ class Reader {
     }
 
   private:
+    bool is_something_else() const {
+        std::error_code unknown;
+        const auto status = std::filesystem::status(file_, unknown);
+        return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+    }
+
     std::string text(const std::string& element, const kzmxml::Element& content, const char* attribute,
                      size_t limit) const {
         const auto value = content.get_optional<std::string>(fmt::format("<xmlattr>.{}", attribute));

@@ -12,9 +12,9 @@
  *  - Scope    what is initialised and loaded belongs to the process, not to a thread or a module.
  *  - Threads  any thread may call any function.
  *
- * The file is one well-formed XML document of at most 16 MiB, 256 levels of elements and 100,000 elements and
- * attributes, without a document type: there are no entities beside the five predefined ones, and nothing outside the
- * file is read.
+ * The file is a regular file, or a link to one; a FIFO, a device, a socket or a folder is refused at once. It is one
+ * well-formed XML document of at most 16 MiB, 256 levels of elements and 100,000 elements and attributes, without a
+ * document type: there are no entities beside the five predefined ones, and nothing outside the file is read.
  */
 #ifndef KZMXML_H
 #define KZMXML_H
@@ -33,7 +33,7 @@ enum {
     XMLLIB_OK = 0,
     XMLLIB_ERR_PARAM = 1,    /**< a null or unsupported argument */
     XMLLIB_ERR_ORDER = 2,    /**< what the call needs or ends is not initialised or loaded */
-    XMLLIB_ERR_FILE = 3,     /**< the file is missing, unreadable or larger than 16 MiB */
+    XMLLIB_ERR_FILE = 3,     /**< the file is missing, unreadable, no regular file or larger than 16 MiB */
     XMLLIB_ERR_FORMAT = 4,   /**< the file is no document as described above */
     XMLLIB_ERR_NOTFOUND = 5, /**< no such policy, or no such element in a loaded policy */
     XMLLIB_ERR_VALUE = 6,    /**< the element's text is no 32-bit integer */

@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <boost/property_tree/detail/xml_parser_read_rapidxml.hpp>
 #include <charconv>
-#include <cstdio>
-#include <memory>
 #include <utility>
 
+#include "file.h"
 #include "well_formed.h"
 
 namespace kzmxml {
@@ -14,26 +13,6 @@ namespace {
 
 /// The key under which the parser keeps an element's attributes. No element can have such a name.
 constexpr const char* attributes_key = "<xmlattr>";
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-/// Not by a stream, which is much to set up for a file of one page.
-/// @return whether the whole file is in `text`
-bool read_file(const std::string& path, std::string& text) {
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
-    if (!file) return false;
-    std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    char part[4096];
-    size_t bytes;
-    do {
-        bytes = std::fread(part, 1, sizeof part, file.get());
-        text.append(part, bytes);
-        if (text.size() > size_limit) return false;
-    } while (bytes == sizeof part);
-    return !std::ferror(file.get());
-}
 
 const Element* child(const Element& element, std::string_view name) {
     const auto found =
@@ -72,7 +51,7 @@ int32_t parse_document(std::string text, Element& document) {
 
 int32_t read_document(const std::string& file, Element& document) {
     std::string text;
-    return read_file(file, text) ? parse_document(std::move(text), document) : XMLLIB_ERR_FILE;
+    return read_file(file, size_limit, text) ? parse_document(std::move(text), document) : XMLLIB_ERR_FILE;
 }
 
 const Element* find(const Element& document, std::string_view path) {

@@ -1,0 +1,43 @@
+#include "file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace kzmxml {
+namespace {
+
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ >= 0) close(number_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int number() const { return number_; }
+
+  private:
+    int number_;
+};
+
+}  // namespace
+
+bool read_file(const std::string& path, size_t limit, std::string& text) {
+    // Without O_NONBLOCK to open a FIFO waits for its writer.
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (file.number() < 0 || fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    char part[4096];
+    for (;;) {
+        const ssize_t bytes = read(file.number(), part, sizeof part);
+        if (bytes < 0 && errno == EINTR) continue;
+        if (bytes <= 0) return bytes == 0;
+        text.append(part, static_cast<size_t>(bytes));
+        if (text.size() > limit) return false;
+    }
+}
+
+}  // namespace kzmxml
