@@ -10,6 +10,8 @@
  *             do not inherit those that a create gives.
  *  - Access   a new object admits the user who made it, on Windows administrators and the system too, and nobody else.
  *             An existing one is refused (5) if it belongs to anybody else or, on Windows, anybody else may change it.
+ *  - Setuid   on Linux a program with more rights than its caller (setuid, file capabilities) reads every variable as
+ *             unset.
  *  - Threads  any thread may call any function.
  */
 #ifndef KZMUTIL_H

@@ -30,7 +30,8 @@ void set_last_error(uint32_t error) noexcept {
 }
 
 std::string environment(const char* name) {
-    const char* const value = std::getenv(name);
+    // A program with more rights than its caller does not let the caller choose.
+    const char* const value = secure_getenv(name);
     return value ? value : "";
 }
 

@@ -12,7 +12,8 @@ namespace kzmutil {
 uint32_t last_error() noexcept;
 void set_last_error(uint32_t error) noexcept;
 
-/// A variable of the environment as it is now; empty when it is unset.
+/// A variable of the environment as it is now; empty when it is unset, and in a program with more rights than its
+/// caller.
 std::string environment(const char* name);
 /// The absolute path of the file that this library was loaded from.
 std::string own_file();
