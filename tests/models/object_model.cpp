@@ -31,7 +31,7 @@ enum ObjectMutant : unsigned {
     gate_is_not_held_while_naming,
     gate_is_waited_for_without_limit,
     memory_is_allocated_inside_the_gate,
-    gate_goes_before_the_guard,
+    name_is_guarded_before_it_is_given,
     guard_is_taken_after_the_gate,
     second_look_is_left_out,
     leftover_is_taken_for_living,
@@ -44,7 +44,7 @@ constexpr Mutant mutants[] = {
     {"gate_is_not_held_while_naming", no_false_alarm},
     {"gate_is_waited_for_without_limit", waits_end},
     {"memory_is_allocated_inside_the_gate", gate_is_for_names},
-    {"gate_goes_before_the_guard", no_false_alarm},
+    {"name_is_guarded_before_it_is_given", no_false_alarm},
     {"guard_is_taken_after_the_gate", no_false_alarm},
     {"second_look_is_left_out", keeps_its_name},
     {"leftover_is_taken_for_living", dead_is_dead},
@@ -66,8 +66,8 @@ enum class At : uint8_t {
     step_out,       ///< is to let go of the gate
     allocate,       ///< is to make an unnamed file with all of its memory
     step_in,        ///< is to lock the gate again
-    guard_new,      ///< is to guard the name with the new file
     link,           ///< is to give the new file the name
+    guard_new,      ///< is to guard the name with the new file
     adopt,          ///< is to map the living file
     guard_adopted,  ///< is to guard the name with it
     leave,          ///< is to let go of the gate and then has the object
@@ -87,14 +87,13 @@ struct Process {
     At at = At::idle;
     bool creates = false;  ///< not only opens
     bool in_gate = false;
-    bool one_descriptor = false;  ///< the gate and the guard are locks of one, so the kernel drops them in one go
-    uint8_t found = 0;            ///< the file that lay under the name
-    uint8_t makes = 0;            ///< the unnamed file that it prepared
-    uint8_t maps = 0;             ///< the file that it uses
-    uint8_t guards = 0;           ///< the file that it holds the name with
-    bool has_made = false;        ///< was told that the object is new
-    bool bare = false;            ///< has closed all of its descriptors
-    bool stopped = false;         ///< for ever
+    uint8_t found = 0;      ///< the file that lay under the name
+    uint8_t makes = 0;      ///< the unnamed file that it prepared
+    uint8_t maps = 0;       ///< the file that it uses
+    uint8_t guards = 0;     ///< the file that it holds the name with
+    bool has_made = false;  ///< was told that the object is new
+    bool bare = false;      ///< has closed all of its descriptors
+    bool stopped = false;   ///< for ever
     bool operator==(const Process&) const = default;
 };
 
@@ -286,7 +285,6 @@ class ObjectLife {
         const auto enter_or = [&](At inside, At refused) {
             if (gate_is_free(state)) {
                 self.in_gate = true;
-                self.one_descriptor = self.at != At::close_enter && mutant_ != gate_goes_before_the_guard;
                 return go(inside, "locks the gate");
             }
             if (mutant_ == gate_is_waited_for_without_limit) return;
@@ -326,23 +324,24 @@ class ObjectLife {
                 self.found = 0;
                 return go(nobody_lives(self), "removes the dead file");
             case At::step_out:
-                self.in_gate = self.one_descriptor = false;
+                self.in_gate = false;
                 self.found = 0;
                 if (!self.creates) self = {};
                 return go(self.creates ? At::allocate : At::idle, "lets go of the gate");
             case At::allocate:
                 self.makes = self.maps = new_file(state);
-                return go(self.in_gate ? At::guard_new : At::step_in, "makes an unnamed file");
+                return go(self.in_gate ? At::link : At::step_in, "makes an unnamed file");
             case At::step_in:
                 if (mutant_ == gate_is_not_held_while_naming) return go(At::open_name, "does not lock the gate");
-                return enter_or(mutant_ == second_look_is_left_out ? At::guard_new : At::open_name, At::idle);
-            case At::guard_new:
-                if (mutant_ == guard_is_taken_after_the_gate) return go(At::link, "leaves the guard for later");
-                self.guards = self.makes;
-                return go(At::link, "guards the name with the new file");
+                return enter_or(mutant_ == second_look_is_left_out ? At::link : At::open_name, At::idle);
             case At::link:
                 next.name = self.makes;
-                return go(At::leave, "gives the new file the name");
+                return go(self.guards != 0 || mutant_ == guard_is_taken_after_the_gate ? At::leave : At::guard_new,
+                          "gives the new file the name");
+            case At::guard_new:
+                self.guards = self.makes;
+                return go(mutant_ == name_is_guarded_before_it_is_given ? At::link : At::leave,
+                          "guards the name with the new file");
             case At::adopt:
                 self.maps = self.found;
                 self.makes = 0;
@@ -357,15 +356,12 @@ class ObjectLife {
                 return go(At::uses, "guards the name and has the object");
 
             case At::uses:
-                if (self.bare) {
-                    self = {};
-                    return take(next, {me, "unmaps the file", true});
-                }
                 self.at = At::close_unmap;
                 return take(next, {me, "begins to close the object", true});
             case At::close_unmap:
                 self.found = self.maps;  // it knows its file, also without it
                 self.maps = 0;
+                self.has_made = self.bare = false;
                 return go(At::close_enter, "unmaps the file");
             case At::close_enter:
                 return enter_or(mutant_ == last_out_looks_before_it_lets_go ? At::close_look : At::close_guard,
@@ -398,7 +394,7 @@ class ObjectLife {
 
     /// Where a look leads that found no living object.
     At nobody_lives(const Process& self) const {
-        if (self.makes != 0) return At::guard_new;
+        if (self.makes != 0) return mutant_ == name_is_guarded_before_it_is_given ? At::guard_new : At::link;
         if (mutant_ == memory_is_allocated_inside_the_gate && self.creates) return At::allocate;
         return At::step_out;
     }
@@ -406,7 +402,7 @@ class ObjectLife {
     template <typename Take>
     void leave(State next, uint8_t me, const Take& take) const {
         Process& self = next.processes[me - 1];
-        self.in_gate = self.one_descriptor = false;
+        self.in_gate = false;
         self.has_made = self.makes != 0;
         self.found = self.makes = 0;
         self.creates = false;
@@ -436,11 +432,10 @@ class ObjectLife {
         }
         if (self.guards != 0) {
             next.processes[me - 1].guards = 0;
-            if (self.one_descriptor) next.processes[me - 1].in_gate = false;
             take(next, {me, "loses its guard"});
             next = state;
         }
-        if (self.in_gate && !(self.one_descriptor && self.guards != 0)) {
+        if (self.in_gate) {
             next.processes[me - 1].in_gate = false;
             take(next, {me, "loses the gate"});
             next = state;
