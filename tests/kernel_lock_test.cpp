@@ -39,23 +39,6 @@ std::vector<uint64_t> ends_of_sleeps(Traced& process) {
     return ends;
 }
 
-/// How often another process calls the kernel for the lock while it takes and releases it a hundred times.
-int calls_to_futex_of_100_takes(void* mutex) {
-    Traced other([mutex] {
-        for (int i = 0; i < 100; ++i) {
-            EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-            EXPECT_TRUE(kzmkernel_release(mutex));
-        }
-    });
-    int calls = 0;
-    while (other.step()) {
-        const std::vector<uint64_t> call = other.entered();
-        if (!call.empty() && call[0] == SYS_futex) ++calls;
-    }
-    EXPECT_EQ(other.status(), 0);
-    return calls;
-}
-
 uint64_t monotonic_ns() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
