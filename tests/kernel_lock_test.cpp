@@ -122,6 +122,25 @@ TEST(KernelWait, ThatFindsTheLockFreeAtItsEndOwnsIt) {
     EXPECT_EQ(waiter.status(), 0);
 }
 
+TEST(KernelWait, EndsInTimeBesideAStoppedOwnerWhoKeepsTheLock) {
+    const Handle mutex(create_mutex(object_name()));
+    Sign owned, go_on;
+    Forked owner([&] {
+        EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        owned.give();
+        go_on.await();
+        EXPECT_TRUE(kzmkernel_release(mutex.value));
+    });
+    owned.await();
+    ASSERT_EQ(kill(owner.id(), SIGSTOP), 0);
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 20), uint32_t{KZMKERNEL_WAIT_TIMEOUT});
+    ASSERT_EQ(kill(owner.id(), SIGCONT), 0);
+    go_on.give();
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 20'000), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+    EXPECT_EQ(owner.wait(), 0);
+}
+
 TEST(KernelWait, FindsTheLockFreeAlthoughTheReleaserWasStoppedBeforeItWokeAnybody) {
     const Handle mutex(create_mutex(object_name()));
     Traced owner([&] {
