@@ -245,8 +245,10 @@ TEST(KernelLockReplay, ReleaseByANamesakeTakesNothingFromTheOwnerWhereverItIsHel
     make_its_next_steps(namesake);
     ASSERT_EQ(lock.word(), 0u);
 
+    // Instrumented code has many more instructions; after each sixteenth is enough there.
+    const uint64_t slowness = 16 / test::share_of(16);
     Stepper::State end = Stepper::State::held;
-    for (uint64_t steps = 0; end != Stepper::State::at_end; ++steps) {
+    for (uint64_t steps = 0; end != Stepper::State::at_end; steps += slowness * slowness) {
         lock.set_rest(names_namesake);
         Watched word(lock.word_bytes());
         ASSERT_TRUE(owner.step_until_changed(word));
@@ -334,8 +336,8 @@ CHILD(is_ended_by_its_second_thread) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
     // What is written there at the end of the process, after all libraries have ended, blocks: nobody reads it.
-    const std::vector<char> fill(static_cast<size_t>(fcntl(ends[1], F_GETPIPE_SZ)));
-    if (write(ends[1], fill.data(), fill.size()) != static_cast<ssize_t>(fill.size())) std::abort();
+    static const char fill[page]{};
+    if (fcntl(ends[1], F_SETPIPE_SZ, page) != page || write(ends[1], fill, page) != page) std::abort();
     std::fputs("last", fdopen(ends[1], "w"));
     std::atomic<pid_t> id{0};
     std::atomic<bool> has_begun{false};
