@@ -10,6 +10,7 @@
 #include <unordered_map>
 
 #include "picture/escape.h"
+#include "picture/interrupted.h"
 #include "shmnm.h"
 
 namespace picture {
@@ -117,6 +118,7 @@ class Search {
     }
 
     std::vector<Finding> run() {
+        interrupted();
         maxima();
         header();
         servers();
@@ -146,6 +148,15 @@ class Search {
     std::string size_of(const Counts& counts) const {
         const uint64_t size = Layout(counts).size;
         return size >= Layout::nowhere ? "beyond all memory" : fmt::format("{} bytes", size);
+    }
+
+    /// What a killed process has left, by its own note.
+    void interrupted() {
+        for (const Interrupted& one : interrupted_in(snapshot_)) {
+            add(0, "region/changes",
+                one.superseded ? "whole changes" : "whole changes (\"shmnmctl repair\" completes this one)",
+                sentence(one));
+        }
     }
 
     void maxima() {

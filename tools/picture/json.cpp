@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "picture/escape.h"
+#include "picture/interrupted.h"
 
 namespace picture {
 namespace {
@@ -143,6 +144,7 @@ Json to_json(const Snapshot& snapshot, const Picture& picture) {
     status["np"] = resources(picture.np, false);
     status["simulation"] = simulation(picture);
     status["fst"] = fst(picture);
+    status["interrupted"] = to_json(interrupted_in(snapshot));
     return status;
 }
 

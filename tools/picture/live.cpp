@@ -16,7 +16,7 @@
 namespace picture {
 namespace {
 
-constexpr uint32_t map_read = 4, error_not_found = 2, error_access_denied = 5;
+constexpr uint32_t map_read = 4, all_access = 0xF001F, error_not_found = 2, error_access_denied = 5;
 constexpr uint64_t page = 4096;
 
 uint64_t in_pages(uint64_t size) {
@@ -44,6 +44,13 @@ Failure no_region() {
 std::string full_name(const char* name) {
     const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
     return printable((prefix ? prefix : "") + std::string(name));
+}
+
+uint64_t live_object() {
+    void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
+    const uint64_t number = mapping ? platform::object_number(mapping) : 0;
+    if (mapping) platform::close(mapping);
+    return number;
 }
 
 std::string describe_holder(void* mutex) {
@@ -217,6 +224,8 @@ std::optional<Snapshot> LiveRegion::try_copy(uint32_t lock_timeout_ms) {
     const uint64_t taken_us = platform::steady_clock_us();
     view->copy_to(snapshot.bytes);
     if (const auto holder = platform::lock_holder(lock)) snapshot.lock_takes = holder->takes;
+    snapshot.note = platform::note(lock);
+    platform::count_look(lock);
     calls.shmnm_rounlock();
     snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
     if (access_.verbose) fmt::print(stderr, "shmnmctl: held the lock for {} us\n", snapshot.lock_held_us);
@@ -240,6 +249,27 @@ Snapshot LiveRegion::copy_locked() {
     view->copy_to(snapshot.bytes);
     settle_layout(snapshot);
     return snapshot;
+}
+
+WritableRegion::WritableRegion()
+    : mapping_(KzmutilOpenNamedFileMapping(all_access, 0, mapping_name)),
+      base_(mapping_ ? static_cast<uint8_t*>(platform::map_for_writing(mapping_)) : nullptr) {
+    if (base_) return;
+    const uint32_t error = platform::last_error();
+    if (mapping_) platform::close(mapping_);
+    if (error == error_not_found) throw no_region();
+    throw Failure(Exit::failed, fmt::format("the region {} cannot be mapped to be written to (error {}); {}",
+                                            full_name(mapping_name), error, advice(error)));
+}
+WritableRegion::~WritableRegion() {
+    platform::unmap(base_);
+    platform::close(mapping_);
+}
+uint64_t WritableRegion::size() const {
+    return platform::view_size(base_);
+}
+uint64_t WritableRegion::object() const {
+    return platform::object_number(mapping_);
 }
 
 Change::Change(LiveRegion& region, bool force) : region_(region) {

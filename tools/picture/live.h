@@ -25,6 +25,9 @@ std::string full_name(const char* name);
 /// Who holds the lock and how often it was taken over, in one line; "" where nothing is known.
 std::string describe_holder(void* mutex);
 
+/// The live region's number; 0: there is none, or it has no number.
+uint64_t live_object();
+
 /// The four counts of this machine's configuration, as the library would read them; nothing when there is none.
 std::optional<Counts> configured_counts();
 
@@ -70,6 +73,24 @@ class LiveRegion {
     Access access_;
     void* mutex_ = nullptr;
     bool told_ = false;
+};
+
+/// The live region mapped to be written to by other means than the library's calls, as long as this lives.
+class WritableRegion {
+  public:
+    /// @throws Failure  there is no region, or it is refused
+    WritableRegion();
+    ~WritableRegion();
+    WritableRegion(const WritableRegion&) = delete;
+    WritableRegion& operator=(const WritableRegion&) = delete;
+
+    uint8_t* base() const { return base_; }
+    uint64_t size() const;
+    uint64_t object() const;
+
+  private:
+    void* mapping_;
+    uint8_t* base_;
 };
 
 /// The lock, taken to write. It is given back with this.

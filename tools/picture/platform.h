@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "note.h"
+
 namespace picture::platform {
 
 /// File name of the library, as the loader looks for it.
@@ -25,6 +27,8 @@ void unmap(const void* view);
 uint64_t view_size(const void* view);
 /// A number that no other shared memory of this name has had; 0 where that is not known.
 uint64_t object_number(void* mapping);
+/// Maps all of a shared memory for reading and writing. @return null when that fails
+void* map_for_writing(void* mapping);
 
 /// Who holds a lock, as far as the system tells. The fields are read one by one and may be of different moments.
 struct LockHolder {
@@ -33,9 +37,16 @@ struct LockHolder {
     uint64_t takeovers = 0;            ///< how often a waiter got it from an owner that had ended
     uint64_t last_takeover_ns = 0;     ///< when that was the last time; 0: never
     uint64_t takes = 0;                ///< how often it was taken
+    uint64_t looks = 0;                ///< how many of these takes only looked
 };
 /// Nothing where the system does not tell.
 std::optional<LockHolder> lock_holder(void* mutex);
+/// A copy of the note that owners of the lock leave for those after them; nothing where the system keeps none.
+std::optional<shmnm::Note> note(void* mutex);
+/// That note itself, for this thread, which owns the lock; null where the system keeps none.
+void* own_note(void* mutex);
+/// This thread, which owns the lock, has taken it only to look.
+void count_look(void* mutex);
 /// Whether the thread that is named has ended and left the lock to whoever asks next. Not for under the lock: it looks
 /// at the system's files.
 bool has_ended(const LockHolder& holder);

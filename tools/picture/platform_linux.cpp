@@ -71,6 +71,10 @@ void close(void* handle) {
 const void* map_for_reading(void* mapping) {
     return kzmkernel_map_view(mapping, map_read, 0, 0);
 }
+void* map_for_writing(void* mapping) {
+    constexpr uint32_t map_write = 2;
+    return kzmkernel_map_view(mapping, map_write, 0, 0);
+}
 void unmap(const void* view) {
     kzmkernel_unmap_view(view);
 }
@@ -84,12 +88,28 @@ uint64_t object_number(void* mapping) {
 std::optional<LockHolder> lock_holder(void* mutex) {
     kzmkernel_mutex_info info{};
     if (!kzmkernel_mutex_info_get(mutex, &info)) return std::nullopt;
+    uint64_t looks = 0;
+    kzmkernel_look_count_get(mutex, &looks);
     return LockHolder{.process = info.owner_process,
                       .thread = info.owner_thread,
                       .since_ns = info.owned_since_ns,
                       .takeovers = info.takeovers,
                       .last_takeover_ns = info.last_takeover_ns,
-                      .takes = info.takes};
+                      .takes = info.takes,
+                      .looks = looks};
+}
+
+std::optional<shmnm::Note> note(void* mutex) {
+    static_assert(sizeof(shmnm::Note) == KZMKERNEL_NOTE_BYTES);
+    shmnm::Note copy;
+    if (!kzmkernel_note_read(mutex, &copy)) return std::nullopt;
+    return copy;
+}
+void* own_note(void* mutex) {
+    return kzmkernel_note(mutex);
+}
+void count_look(void* mutex) {
+    kzmkernel_look_count(mutex);
 }
 
 bool has_ended(const LockHolder& holder) {

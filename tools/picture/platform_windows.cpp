@@ -24,6 +24,9 @@ void close(void* handle) {
 const void* map_for_reading(void* mapping) {
     return MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
 }
+void* map_for_writing(void* mapping) {
+    return MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, 0);
+}
 void unmap(const void* view) {
     UnmapViewOfFile(view);
 }
@@ -38,6 +41,13 @@ uint64_t object_number(void*) {
 std::optional<LockHolder> lock_holder(void*) {
     return std::nullopt;
 }
+std::optional<shmnm::Note> note(void*) {
+    return std::nullopt;
+}
+void* own_note(void*) {
+    return nullptr;
+}
+void count_look(void*) {}
 bool has_ended(const LockHolder&) {
     return false;
 }

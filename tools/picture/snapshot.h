@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "note.h"
 #include "picture/layout.h"
 
 namespace picture {
@@ -20,6 +21,7 @@ struct Snapshot {
     std::optional<uint64_t> lock_takes;  ///< how often the lock had been taken, with this time; where that is counted
     uint64_t lock_held_us = 0;           ///< for how long the copy held the lock; microseconds
     uint64_t object = 0;                 ///< another region has another number; 0 where that is not known
+    std::optional<shmnm::Note> note;     ///< of the live region's lock, where there is one
 
     bool holds(uint64_t offset, uint64_t size) const { return offset <= bytes.size() && size <= bytes.size() - offset; }
     /// The word at a place that the copy holds.

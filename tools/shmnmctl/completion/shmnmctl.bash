@@ -44,7 +44,7 @@ _shmnmctl() {
         return
     fi
     case "${command[*]}" in
-        "") choices="status list get set add remove modify describe simulate clear query wait watch verify dump lock serve" ;;
+        "") choices="status list get set add remove modify describe simulate clear query wait watch verify repair dump lock serve" ;;
         add) choices="server hb np fst" ;;
         remove | modify) choices="server hb np" ;;
         describe) choices="hb np fst" ;;

@@ -43,6 +43,7 @@ void add_status_command(CLI::App& app, Context& context);      // status
 void add_looking_commands(CLI::App& app, Context& context);    // list, get, dump
 void add_changing_commands(CLI::App& app, Context& context);   // set, add, remove, modify, describe, simulate, clear
 void add_verify_command(CLI::App& app, Context& context);      // verify
+void add_repair_command(CLI::App& app, Context& context);      // repair
 void add_condition_commands(CLI::App& app, Context& context);  // query, wait
 void add_watch_command(CLI::App& app, Context& context);       // watch
 void add_lock_command(CLI::App& app, Context& context);        // lock

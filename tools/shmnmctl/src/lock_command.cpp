@@ -6,6 +6,7 @@
 
 #include "context.h"
 #include "picture/escape.h"
+#include "picture/interrupted.h"
 #include "picture/platform.h"
 #include "session.h"
 
@@ -45,12 +46,15 @@ Exit tell_who(const Context& context) {
         // One that ended with the lock is told too.
         answer["holder"] = holder && holder->process != 0 ? to_json(*holder) : Json();
         answer["takeovers"] = holder ? Json(holder->takeovers) : Json();
+        answer["interrupted"] = to_json(interrupted_changes_unlocked(region.mutex(), live_object()));
         write_output(line(answer));
     } else {
-        const std::string known = describe_holder(region.mutex());
-        write_output((known.empty() ? std::string(held ? "held; this system does not tell by whom" : "nobody holds it")
-                                    : known) +
-                     "\n");
+        std::string text = describe_holder(region.mutex());
+        if (text.empty()) text = held ? "held; this system does not tell by whom" : "nobody holds it";
+        for (const Interrupted& one : interrupted_changes_unlocked(region.mutex(), live_object())) {
+            text += "\n" + sentence(one);
+        }
+        write_output(text + "\n");
     }
     return held ? Exit::done : Exit::no;
 }

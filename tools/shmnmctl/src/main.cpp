@@ -83,6 +83,7 @@ int main(int argc, char** argv) {
     add_looking_commands(app, context);
     add_changing_commands(app, context);
     add_verify_command(app, context);
+    add_repair_command(app, context);
     add_condition_commands(app, context);
     add_watch_command(app, context);
     add_lock_command(app, context);

@@ -8,6 +8,7 @@
 #include "context.h"
 #include "picture/decode.h"
 #include "picture/escape.h"
+#include "picture/interrupted.h"
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/platform.h"
@@ -32,6 +33,14 @@ int columns(const session::Terminal& terminal) {
     return std::max(number.value_or(0), 0);
 }
 
+/// What a killed process has left, before all else; "" where nothing is known of such.
+std::string warnings(const Snapshot& snapshot) {
+    std::string text;
+    for (const Interrupted& one : interrupted_in(snapshot))
+        text += "! " + sentence(one) + "; see \"shmnmctl verify\"\n";
+    return text;
+}
+
 Exit show_once(const Context& context) {
     const Snapshot snapshot = look(context);
     const Picture picture = decode(snapshot);
@@ -39,7 +48,8 @@ Exit show_once(const Context& context) {
         write_output(line(to_json(snapshot, picture)));
     } else {
         const session::Terminal terminal = session::terminal();
-        write_output(to_text(picture, {.columns = columns(terminal), .colors = wants_colors(terminal)}));
+        write_output(warnings(snapshot) +
+                     to_text(picture, {.columns = columns(terminal), .colors = wants_colors(terminal)}));
     }
     return Exit::done;
 }
@@ -109,9 +119,10 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
             Picture picture = decode(*snapshot);
             if (context.json()) text = line(to_json(*snapshot, picture));
             if (!context.json()) {
-                text += "\n" + to_text(picture, {.columns = columns(terminal),
-                                                 .colors = wants_colors(terminal),
-                                                 .before = shown ? &*shown : &picture});
+                text += "\n" + warnings(*snapshot) +
+                        to_text(picture, {.columns = columns(terminal),
+                                          .colors = wants_colors(terminal),
+                                          .before = shown ? &*shown : &picture});
             }
             shown = std::move(picture);
         } else {

@@ -1,5 +1,6 @@
 // The header's values: the three maximum values, the hb info pair, and four state words. Stored and read, never
 // interpreted.
+#include "change_note.h"
 #include "frame.h"
 
 namespace shmnm {
@@ -7,9 +8,8 @@ namespace {
 
 uint32_t set_max_values(Call call, const Region& region, int32_t servers, int32_t hb, int32_t np) {
     if (servers < 1 || hb < 1 || np < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    store(region.header().max_servers, servers);
-    store(region.header().max_hb, hb);
-    store(region.header().max_np, np);
+    const ChangeNote note(region, true, {.call = NotedCall::setmaxvalue, .words = {servers, hb, np}});
+    write_maxima(region, servers, hb, np);
     return SHMNM_OK;
 }
 
@@ -23,8 +23,8 @@ uint32_t get_max_values(Call call, const Region& region, uint32_t* servers, uint
 
 uint32_t set_hb_info(Call call, const Region& region, int32_t a, int32_t b) {
     if (a < 1 || b < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    store(region.header().hbinfo_a, a);
-    store(region.header().hbinfo_b, b);
+    static_assert(offsetof(shmnm_header, hbinfo_b) == 0 && offsetof(shmnm_header, hbinfo_a) == 4);
+    store_pair(&region.header(), {static_cast<uint32_t>(b), static_cast<uint32_t>(a)});
     return SHMNM_OK;
 }
 

@@ -1,6 +1,7 @@
 // The fst resource: the state word and description of the first fst record, and the process ids by name, three of them
 // each with a 64-bit value.
 #include "ascending_text.h"
+#include "change_note.h"
 #include "frame.h"
 #include "resource_description.h"
 
@@ -34,6 +35,8 @@ uint32_t set_bytes(Call call, const Region& region, const void* descript, int32_
     if (!descript || len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     shmnm_resource* const fst = first_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
+    const ChangeNote note(region, true,
+                          {.call = NotedCall::setfstdescript, .data = descript, .size = static_cast<size_t>(len)});
     put_description(*fst, descript, len);
     return SHMNM_OK;
 }
@@ -44,10 +47,6 @@ uint32_t get_bytes(Call call, const Region& region, void* descript, const int32_
     if (!fst) return SHMNM_ERR_NOTFOUND;
     get_description(descript, *fst, *len);
     return SHMNM_OK;
-}
-
-constexpr bool is_kind(int32_t kind) {
-    return kind >= 0 && kind < 3;
 }
 
 Strip pid_strip(const Region& region) {
@@ -64,26 +63,37 @@ uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind
     const auto full = [&] { return call.fail(SHMNM_ERR_COUNTOVER, "pid count is over(%d)", count); };
     // Deliberately before the lookup: in a full table not even a name that has a record can be updated.
     if (count >= load(region.header().fst_pid_limit)) return full();
-    shmnm_fst_pid* record = find(region, count, key).record;
-    if (!record) {
-        // A place that is not in the view counts as a full table.
-        record = free_place<shmnm_fst_pid>(region, pid_strip(region), count);
-        if (!record) return full();
+    const Found<shmnm_fst_pid> found = find(region, count, key);
+    shmnm_fst_pid* const record = found ? found.record : free_place<shmnm_fst_pid>(region, pid_strip(region), count);
+    // A place that is not in the view counts as a full table.
+    if (!record) return full();
+    const bool regular = is_regular(region);
+    const ChangeNote note(region, regular && (!found || is_pid_kind(kind)),
+                          {.call = found ? NotedCall::setfstpid : NotedCall::addfstpid,
+                           .position = found ? found.position : count,
+                           .name = key,
+                           .words = {kind, static_cast<int32_t>(pid)},
+                           .value = piddata});
+    if (!found) {
+        // All that the count is about to show is there before it.
+        if (regular) {
+            put_text(record->name, sizeof record->name, key);
+            if (is_pid_kind(kind)) write_process_id(*record, kind, pid, piddata);
+            keep_order();
+        }
         store(region.header().fst_pid_count, count + 1);
         put_text(record->name, sizeof record->name, key);
     }
     // Deliberately after the lookup: the record of a new name stays in use.
-    if (!is_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    store(record->pid[kind], pid);
-    store(record->piddata[kind][0], static_cast<uint32_t>(piddata));
-    store(record->piddata[kind][1], static_cast<uint32_t>(piddata >> 32));
+    if (!is_pid_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    write_process_id(*record, kind, pid, piddata);
     return SHMNM_OK;
 }
 
 uint32_t get_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata) {
     const auto record = find(region, load(region.header().fst_pid_count), name ? name : "");
     if (!record) return SHMNM_OK;
-    if (!is_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    if (!is_pid_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     if (pid) *pid = load(record->pid[kind]);
     if (piddata) *piddata = load(record->piddata[kind][0]) | uint64_t{load(record->piddata[kind][1])} << 32;
     return SHMNM_OK;

@@ -1,6 +1,7 @@
 #include "kernel.h"
 
 #include <kzmkernel.h>
+#include <unistd.h>
 
 namespace shmnm::kernel {
 
@@ -15,11 +16,29 @@ void unmap_view(const void* view) noexcept {
     kzmkernel_unmap_view(view);
 }
 
+uint64_t object_number(void* mapping) noexcept {
+    return kzmkernel_object_number(mapping);
+}
+
 uint32_t wait(void* mutex, uint32_t timeout_ms) noexcept {
     return kzmkernel_wait(mutex, timeout_ms);
 }
 bool release(void* mutex) noexcept {
     return kzmkernel_release(mutex) != 0;
+}
+
+Notepad notepad(void* mutex) noexcept {
+    const uint32_t error = kzmkernel_last_error();
+    void* const note = kzmkernel_note(mutex);
+    if (!note) {
+        kzmkernel_set_last_error(error);
+        return {};
+    }
+    kzmkernel_mutex_info info{};
+    kzmkernel_mutex_info_get(mutex, &info);
+    uint64_t looks = 0;
+    kzmkernel_look_count_get(mutex, &looks);
+    return {note, static_cast<uint32_t>(getpid()), info.takes, looks};
 }
 
 bool close(void* handle) noexcept {

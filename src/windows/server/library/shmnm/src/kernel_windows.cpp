@@ -17,11 +17,20 @@ void unmap_view(const void* view) noexcept {
     UnmapViewOfFile(view);
 }
 
+uint64_t object_number(void*) noexcept {
+    return 0;
+}
+
 uint32_t wait(void* mutex, uint32_t timeout_ms) noexcept {
     return WaitForSingleObject(mutex, timeout_ms);
 }
 bool release(void* mutex) noexcept {
     return ReleaseMutex(mutex) != 0;
+}
+
+// The system's mutex has no memory that its owner could write to.
+Notepad notepad(void*) noexcept {
+    return {};
 }
 
 bool close(void* handle) noexcept {

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 
+#include "change_note.h"
 #include "configuration.h"
 #include "frame.h"
 #include "kernel.h"
@@ -91,7 +92,7 @@ uint32_t map(Call call, MappingHandle& handle, const Counts& counts, const Layou
     store(header.fst_count, counts.fst);
     const uint32_t fst_pid_limit = static_cast<uint32_t>(counts.servers) * static_cast<uint32_t>(counts.fst);
     store(header.fst_pid_limit, static_cast<int32_t>(fst_pid_limit));
-    publish_region(view, view_size, layout);
+    publish_region({view, view_size, counts, layout, kernel::object_number(handle.get())});
     return SHMNM_OK;
 }
 
@@ -130,7 +131,9 @@ void unmap(const Region& region) {
 }
 
 uint32_t clear(Call call, const Region& region) {
-    std::memset(region.base, 0, std::min<size_t>(region.layout.size, region.view_size));
+    const ChangeNote note(region, true, {.call = NotedCall::clear});
+    clear_region(region);
+    note.forget_older();
     call.log(Level::information, "shmnm clear.");
     return SHMNM_OK;
 }

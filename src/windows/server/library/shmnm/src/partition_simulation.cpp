@@ -1,6 +1,7 @@
 // The simulation of a network partition: a word for the cluster and one for each server, both 0 or 1.
 #include <algorithm>
 
+#include "change_note.h"
 #include "frame.h"
 #include "server_table.h"
 
@@ -23,6 +24,7 @@ uint32_t accepted(Call call, uint32_t wanted, int32_t pri) {
 }
 
 uint32_t set_simulation(Call call, const Region& region, uint32_t flag, const uint32_t* nodefail, int32_t count) {
+    const ChangeNote note(region, true, {.call = NotedCall::setnpsimu});
     const bool on = flag == 1;
     const Servers servers(region);
     for (int32_t position = 0; position < servers.records.count(); ++position) {

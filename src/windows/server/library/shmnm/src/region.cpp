@@ -32,8 +32,8 @@ const Region* mapped_region() noexcept {
     return published.load(std::memory_order_acquire);
 }
 
-void publish_region(uint8_t* view, size_t view_size, const Layout& layout) noexcept {
-    mapping_of_process = {view, view_size, layout};
+void publish_region(const Region& region) noexcept {
+    mapping_of_process = region;
     published.store(&mapping_of_process, std::memory_order_release);
 }
 

@@ -37,6 +37,21 @@ void store(Word& word, Word value) noexcept {
     std::atomic_ref<Word>(word).store(value, std::memory_order_relaxed);
 }
 
+/// What was written before this stays before what is written after it: for threads that look on, and for whoever finds
+/// the region when this process is killed in between.
+inline void keep_order() noexcept {
+    std::atomic_thread_fence(std::memory_order_acq_rel);
+}
+
+/// Stores two words of the region in one instruction, so that a process that is killed has stored both or none.
+struct Pair {
+    uint32_t first, second;
+};
+[[gnu::no_sanitize_thread]] inline void store_pair(void* place, Pair pair) noexcept {
+    using Both [[gnu::aligned(4), gnu::may_alias]] = uint64_t;
+    *static_cast<volatile Both*>(place) = uint64_t{pair.second} << 32 | pair.first;
+}
+
 /// Block operations on words of the region, a word at a time, upwards.
 template <typename Word>
 void copy_words(Word* to, const Word* from, size_t count) noexcept {
@@ -55,16 +70,37 @@ inline size_t text_length(const char* text, size_t limit) noexcept {
     const void* const nul = std::memchr(text, 0, limit);
     return nul ? static_cast<size_t>(static_cast<const char*>(nul) - text) : limit;
 }
+/// Writes bytes over the first ones of a field, a word at a time. The bytes after them stay.
+inline void put_bytes(void* field, const void* bytes, size_t size) noexcept {
+    auto* const words = static_cast<uint32_t*>(field);
+    const auto* const from = static_cast<const uint8_t*>(bytes);
+    for (size_t at = 0; at < size; at += sizeof *words) {
+        uint32_t& place = words[at / sizeof *words];
+        const size_t left = size - at;
+        uint32_t word = left < sizeof word ? load(place) : 0;
+        std::memcpy(&word, from + at, left < sizeof word ? left : sizeof word);
+        store(place, word);
+    }
+}
+/// Writes the first `length` bytes of a text into a field, a word at a time, zero-padded.
+inline void put_padded(char* field, size_t size, const char* text, size_t length) noexcept {
+    auto* const words = reinterpret_cast<uint32_t*>(field);
+    size_t at = 0;
+    for (; at < length; at += sizeof *words) {
+        uint32_t word = 0;
+        const size_t left = length - at;
+        std::memcpy(&word, text + at, left < sizeof word ? left : sizeof word);
+        store(words[at / sizeof word], word);
+    }
+    if (at < size) zero_words(field + at, size - at);
+}
 /// Writes a text into a field of `size` bytes, zero-padded. A text that fills the field is cut and has no NUL there.
 inline void put_text(char* field, size_t size, const char* text) noexcept {
-    const size_t length = text_length(text, size);
-    std::memcpy(field, text, length);
-    std::memset(field + length, 0, size - length);
+    put_padded(field, size, text, text_length(text, size));
 }
 /// The same, but the field's last byte is always NUL.
 inline void put_terminated(char* field, size_t size, const char* text) noexcept {
-    put_text(field, size - 1, text);
-    field[size - 1] = 0;
+    put_padded(field, size, text, text_length(text, size - 1));
 }
 /// Copies a field of `size` bytes out, up to and with its NUL, if it has one.
 inline void get_text(char* text, const char* field, size_t size) noexcept {
@@ -77,7 +113,9 @@ inline void get_text(char* text, const char* field, size_t size) noexcept {
 struct Region {
     uint8_t* base = nullptr;
     size_t view_size = 0;  ///< bytes mapped: whole pages, so the header always fits
-    Layout layout;
+    Counts counts;         ///< those that it was mapped by
+    Layout layout;         ///< which follows from them
+    uint64_t object = 0;   ///< another region has another number; 0 where the system has none
 
     shmnm_header& header() const noexcept { return *reinterpret_cast<shmnm_header*>(base); }
     const uint8_t* end() const noexcept { return base + view_size; }
@@ -205,7 +243,7 @@ Record* free_place(const Region& region, const Strip& strip, int32_t count) noex
 /// The region, or null while it is not mapped in this process.
 const Region* mapped_region() noexcept;
 /// Publishes a mapped view to the exports of this process, or takes it back. The caller holds the library lock.
-void publish_region(uint8_t* view, size_t view_size, const Layout& layout) noexcept;
+void publish_region(const Region& region) noexcept;
 void withdraw_region() noexcept;
 
 constexpr Layout::Layout(const Counts& counts) noexcept {

@@ -1,6 +1,7 @@
 // The description bytes of the hb and np resources.
 #include "resource_description.h"
 
+#include "change_note.h"
 #include "resource_table.h"
 
 namespace shmnm {
@@ -18,6 +19,13 @@ uint32_t set(Call call, const Region& region, const Kind& kind, const char* type
     if (!type || !name || !data || len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = find_described(region, kind, type, name);
     if (!resource) return not_found(call, type, name);
+    const ChangeNote note(region, true,
+                          {.call = kind.network ? NotedCall::sethbdescript : NotedCall::setnpdescript,
+                           .position = resource.position,
+                           .type = type,
+                           .name = name,
+                           .data = data,
+                           .size = static_cast<size_t>(len)});
     put_description(*resource.record, data, len);
     return SHMNM_OK;
 }

@@ -9,7 +9,7 @@ namespace shmnm {
 
 /// Both take a size above 0. Bytes of the field behind it stay as they are.
 inline void put_description(shmnm_resource& resource, const void* data, int32_t size) noexcept {
-    std::memcpy(resource.descript, data, std::min(static_cast<size_t>(size), sizeof resource.descript));
+    put_bytes(resource.descript, data, std::min(static_cast<size_t>(size), sizeof resource.descript));
 }
 inline void get_description(void* data, const shmnm_resource& resource, int32_t size) noexcept {
     std::memcpy(data, resource.descript, std::min(static_cast<size_t>(size), sizeof resource.descript));

@@ -1,4 +1,5 @@
 // The state word of a resource, its state words on each server, and the setting of all states of one type.
+#include "change_note.h"
 #include "state_grid.h"
 
 namespace shmnm {
@@ -59,6 +60,8 @@ void set_rows(const Resources& resources, Type type, uint64_t row_size, uint32_t
 
 uint32_t set_states_of_type(Call call, const Region& region, const Kind& kind, const char* type, uint32_t stat) {
     if (!type) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const ChangeNote note(region, true,
+                          {.call = kind.network ? NotedCall::settypehbstat : NotedCall::settypenpstat, .type = type});
     const Resources resources(region, kind);
     const HealthyType healthy{TextKey(type), region.end()};
     const bool reads_on = may_read_on(resources.records, healthy.key);

@@ -2,6 +2,7 @@
 // type and by name. An hb resource's row of network-wide states comes and goes with it.
 #include "resource_table.h"
 
+#include "change_note.h"
 #include "text_list.h"
 
 namespace shmnm {
@@ -20,12 +21,19 @@ uint32_t add_resource(Call call, const Region& region, const Kind& kind, const c
     const StateRows rows(resources);
     if (!resource || !rows.hold(count, 0, int64_t{server_count} - 1)) return full();
 
-    put_terminated(resource->type, sizeof resource->type, type);
-    // Only the first 32 bytes of the name's field are ever written here.
-    put_terminated(resource->name, 32, name);
-    store(resource->pri, pri);
+    const bool regular = is_regular(region);
+    const ChangeNote note(region, regular,
+                          {.call = kind.network ? NotedCall::addhbrsc : NotedCall::addnprsc,
+                           .position = count,
+                           .type = type,
+                           .name = name,
+                           .words = {static_cast<int32_t>(pri)}});
+    // All that the count is about to show is there before it.
+    if (regular) open_row(rows, count, server_count);
+    write_resource(*resource, type, name, pri);
+    keep_order();
     store(region.header().*kind.count, count + 1);
-    for (int32_t server = 0; server < server_count; ++server) rows.open(count, server);
+    open_row(rows, count, server_count);
     return SHMNM_OK;
 }
 
@@ -35,6 +43,16 @@ uint32_t remove_resource(Call call, const Region& region, const Kind& kind, cons
     const auto resource = resources.find(type, name);
     if (!resource) return not_found(call, type, name);
 
+    const bool regular = is_regular(region);
+    const ChangeNote note(region, regular,
+                          {.call = kind.network ? NotedCall::rmhbrsc : NotedCall::rmnprsc,
+                           .position = resource.position,
+                           .type = type,
+                           .name = name});
+    if (regular) {
+        take_out_resource(resources, resource.position, resources.count, note.progress(), {});
+        return SHMNM_OK;
+    }
     // The network-wide row that no other row moves onto keeps its values, deliberately.
     zero_place(region, resources.strip, resource.position);
     bool moved = true;

@@ -2,7 +2,7 @@
 // every resource; modified, listed, and looked up by name and by priority.
 #include "server_table.h"
 
-#include "frame.h"
+#include "server_columns.h"
 #include "text_list.h"
 
 namespace shmnm {
@@ -19,18 +19,20 @@ uint32_t add_server(Call call, const Region& region, const char* name, int32_t p
     auto* const server = free_place<shmnm_server>(region, server_strip(region), count);
     if (!server) return full();
 
-    put_terminated(server->name, sizeof server->name, name);
-    store(server->pri, pri);
-    store(server->nodestat, opened_state);
-    store(server->nodestat_nw, opened_state);
-    store(server->downnotifystat, uint32_t{0});
+    const bool regular = is_regular(region);
+    const ChangeNote note(region, regular,
+                          {.call = NotedCall::addnode, .position = count, .name = name, .words = {pri}});
+    // All that the count is about to show is there before it.
+    if (regular) open_columns_early(region, count);
+    write_server(*server, name, pri);
+    keep_order();
     store(region.header().server_count, count + 1);
 
     // A column that does not open leaves the server in the table, deliberately.
-    if (const uint32_t result = shmnm_addhbrscsvstat(count); result != SHMNM_OK) {
+    if (const uint32_t result = add_hb_column(count, note); result != SHMNM_OK) {
         return call.fail(SHMNM_ERR_ADDSVSTAT, "shmnm_addhbrscsvstat() failed(ret:%d)", result);
     }
-    if (const uint32_t result = shmnm_addnprscsvstat(count); result != SHMNM_OK) {
+    if (const uint32_t result = add_np_column(count, note); result != SHMNM_OK) {
         return call.fail(SHMNM_ERR_ADDSVSTAT, "shmnm_addnprscsvstat() failed(ret:%d)", result);
     }
     return SHMNM_OK;
@@ -42,17 +44,23 @@ uint32_t remove_server(Call call, const Region& region, const char* name) {
     const auto server = servers.named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
 
-    const Strip strip = server_strip(region);
-    int32_t position = server.position;
-    zero_place(region, strip, position);
-    while (position < servers.count - 1 && take_next(region, strip, position)) ++position;
-    store(region.header().server_count, servers.count - 1);
+    const bool regular = is_regular(region);
+    const ChangeNote note(region, regular, {.call = NotedCall::rmnode, .position = server.position, .name = name});
+    if (regular) {
+        take_out_server(region, server.position, servers.count, note.progress(), {});
+    } else {
+        const Strip strip = server_strip(region);
+        int32_t position = server.position;
+        zero_place(region, strip, position);
+        while (position < servers.count - 1 && take_next(region, strip, position)) ++position;
+        store(region.header().server_count, servers.count - 1);
+    }
 
     // A column that does not close leaves the server removed, deliberately.
-    if (const uint32_t result = shmnm_rmhbrscsvstat(server.position); result != SHMNM_OK) {
+    if (const uint32_t result = remove_hb_column(server.position, note); result != SHMNM_OK) {
         return call.fail(SHMNM_ERR_RMSVSTAT, "shmnm_rmhbrscsvstat() failed(ret:%d)", result);
     }
-    if (const uint32_t result = shmnm_rmnprscsvstat(server.position); result != SHMNM_OK) {
+    if (const uint32_t result = remove_np_column(server.position, note); result != SHMNM_OK) {
         return call.fail(SHMNM_ERR_RMSVSTAT, "shmnm_rmnprscsvstat() failed(ret:%d)", result);
     }
     return SHMNM_OK;

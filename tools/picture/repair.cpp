@@ -1,0 +1,90 @@
+#include "picture/repair.h"
+
+#include <fmt/format.h>
+
+#include "change_steps.h"
+#include "picture/failure.h"
+#include "picture/live.h"
+#include "picture/platform.h"
+
+namespace picture {
+namespace {
+
+using shmnm::Note;
+
+[[noreturn]] void refuse(const std::string& why) {
+    throw Failure(Exit::failed, "nothing was changed: " + why);
+}
+
+/// Takes of the lock since the noted one that were not a tool's look.
+uint64_t later_takes(const platform::LockHolder& holder, const Note& note) {
+    return holder.takes - note.takes - (holder.looks - note.looks);
+}
+
+void complete(Note& note, const WritableRegion& writable, const platform::LockHolder& holder, bool force) {
+    const shmnm::Counts counts{note.servers, note.hb, note.np, note.fst};
+    const shmnm::Region region{writable.base(), writable.size(), counts, shmnm::Layout(counts), writable.object()};
+    if (const uint64_t takes = later_takes(holder, note); takes > 0 && !force) {
+        refuse(
+            fmt::format("the lock was taken {} {} since {}, so values may have been set in the wrong places; look "
+                        "at the region, then complete the change with --force or drop its note with --discard",
+                        takes, takes == 1 ? "time" : "times", sentence(interrupted_changes(note, note.object).back())));
+    }
+    if (!shmnm::can_complete(region, note)) {
+        refuse(
+            "the change cannot be completed from its note; put the region right by other commands, then drop the "
+            "note with --discard");
+    }
+    // If this process is killed too, the next one finds the note as if the first had just been.
+    note.takes = holder.takes;
+    note.looks = holder.looks;
+    shmnm::complete(region, note);
+}
+
+void close(Note& note) {
+    shmnm::keep_order();
+    shmnm::store(note.state, Note::closed);
+}
+
+}  // namespace
+
+Repaired repair(const Access& access, bool force, bool discard) {
+    LiveRegion region(access);
+    region.expect();
+    const Locked locked(region);
+    const WritableRegion writable;
+    // One that is refused has only looked, and one that is not leaves no note.
+    platform::count_look(region.mutex());
+    const auto holder = platform::lock_holder(region.mutex());
+    auto* const note = static_cast<Note*>(platform::own_note(region.mutex()));
+    if (!note || !holder) {
+        throw Failure(Exit::failed,
+                      "this system keeps no note of changes; \"shmnmctl verify\" finds what the bytes alone can tell");
+    }
+    if (note->state > Note::open || note->superseded.state > Note::open) {
+        refuse("the note is of another version of the library; use the shmnmctl that belongs to it");
+    }
+    Repaired outcome;
+    const std::vector<Interrupted> all = interrupted_changes(*note, writable.object());
+    if (discard) {
+        close(*note);
+        shmnm::store(note->superseded.state, Note::closed);
+        outcome.discarded = all;
+        return outcome;
+    }
+    if (note->state == Note::open && note->object != writable.object()) {
+        refuse("the note is of a region that has ended; drop it with --discard");
+    }
+    if (note->state == Note::open) {
+        complete(*note, writable, *holder, force);
+        outcome.completed.push_back(all.back());
+        close(*note);
+    } else if (!all.empty()) {
+        refuse(sentence(all[0]) +
+               ", so it cannot be completed any more; put the region right by other commands, then "
+               "drop the note with --discard");
+    }
+    return outcome;
+}
+
+}  // namespace picture
