@@ -4,6 +4,7 @@
 // The lock's own word decides everything: whose the mutex is, and whether it is free. Nothing in the page is written
 // before the word has said that this thread owns it. Waiters sleep in slices and look for themselves after each, so no
 // waiter depends on being woken: whatever other processes do or leave undone, killed or stopped, a free lock is found.
+// docs/lock-protocol.md tells it step by step.
 #pragma once
 
 #include <linux/futex.h>
