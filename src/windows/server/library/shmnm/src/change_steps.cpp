@@ -169,10 +169,10 @@ void write_process_id(shmnm_fst_pid& record, int32_t kind, uint32_t pid, uint64_
     store(record.pid[kind], pid);
 }
 
-void write_maxima(const Region& region, int32_t servers, int32_t hb_resources, int32_t np_resources) noexcept {
+void write_maxima(const Region& region, int32_t servers, int32_t max_hb, int32_t max_np) noexcept {
     store(region.header().max_servers, servers);
-    store(region.header().max_hb, hb_resources);
-    store(region.header().max_np, np_resources);
+    store(region.header().max_hb, max_hb);
+    store(region.header().max_np, max_np);
 }
 
 void clear_region(const Region& region) noexcept {

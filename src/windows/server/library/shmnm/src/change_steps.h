@@ -59,7 +59,7 @@ constexpr bool is_pid_kind(int32_t kind) noexcept {
     return kind >= 0 && kind < 3;
 }
 void write_process_id(shmnm_fst_pid& record, int32_t kind, uint32_t pid, uint64_t piddata) noexcept;
-void write_maxima(const Region& region, int32_t servers, int32_t hb, int32_t np) noexcept;
+void write_maxima(const Region& region, int32_t servers, int32_t max_hb, int32_t max_np) noexcept;
 void clear_region(const Region& region) noexcept;
 
 /// Whether complete() knows how to make the noted change, and the region is one in which it may be made.

@@ -6,18 +6,18 @@
 namespace shmnm {
 namespace {
 
-uint32_t set_max_values(Call call, const Region& region, int32_t servers, int32_t hb, int32_t np) {
-    if (servers < 1 || hb < 1 || np < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    const ChangeNote note(region, true, {.call = NotedCall::setmaxvalue, .words = {servers, hb, np}});
-    write_maxima(region, servers, hb, np);
+uint32_t set_max_values(Call call, const Region& region, int32_t servers, int32_t max_hb, int32_t max_np) {
+    if (servers < 1 || max_hb < 1 || max_np < 1) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+    const ChangeNote note(region, true, {.call = NotedCall::setmaxvalue, .words = {servers, max_hb, max_np}});
+    write_maxima(region, servers, max_hb, max_np);
     return SHMNM_OK;
 }
 
-uint32_t get_max_values(Call call, const Region& region, uint32_t* servers, uint32_t* hb, uint32_t* np) {
-    if (!servers || !hb || !np) return call.fail(SHMNM_ERR_PARAM, "invalid param");
+uint32_t get_max_values(Call call, const Region& region, uint32_t* servers, uint32_t* max_hb, uint32_t* max_np) {
+    if (!servers || !max_hb || !max_np) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *servers = static_cast<uint32_t>(load(region.header().max_servers));
-    *hb = static_cast<uint32_t>(load(region.header().max_hb));
-    *np = static_cast<uint32_t>(load(region.header().max_np));
+    *max_hb = static_cast<uint32_t>(load(region.header().max_hb));
+    *max_np = static_cast<uint32_t>(load(region.header().max_np));
     return SHMNM_OK;
 }
 
@@ -53,11 +53,11 @@ uint32_t get_word(Call call, const Region& region, Word word, uint32_t* value) {
 
 using namespace shmnm;
 
-uint32_t shmnm_setmaxvalue_ex(int32_t servers, int32_t hb, int32_t np) {
-    return framed<set_max_values>("_setmaxvalue_ex", servers, hb, np);
+uint32_t shmnm_setmaxvalue_ex(int32_t servers, int32_t max_hb, int32_t max_np) {
+    return framed<set_max_values>("_setmaxvalue_ex", servers, max_hb, max_np);
 }
-uint32_t shmnm_getmaxvalue_ex(uint32_t* servers, uint32_t* hb, uint32_t* np) {
-    return framed<get_max_values>("_getmaxvalue_ex", servers, hb, np);
+uint32_t shmnm_getmaxvalue_ex(uint32_t* servers, uint32_t* max_hb, uint32_t* max_np) {
+    return framed<get_max_values>("_getmaxvalue_ex", servers, max_hb, max_np);
 }
 uint32_t shmnm_sethbinfo_ex(int32_t a, int32_t b) {
     return framed<set_hb_info>("_sethbinfo_ex", a, b);
