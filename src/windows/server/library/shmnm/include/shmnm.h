@@ -2,31 +2,32 @@
  * @file shmnm.h
  * The live picture of a machine's failover cluster, in one region of memory that all its processes share.
  *
- * One process creates the region from the cluster configuration, every other one attaches to it; then all of them set
- * and read servers, hb (heartbeat) and np (network-partition) resources, a state word for every pair of them, and a few
- * cluster-wide values.
+ * One process creates the region from the cluster configuration; the other processes attach to it. All of them can then
+ * set and read the servers, the hb (heartbeat) and np (network-partition) resources, the state of each resource on each
+ * server, and a few cluster-wide values.
  *
  * What holds for every function unless it says otherwise:
- *  - Result: SHMNM_OK or one SHMNM_ERR_ code; nothing is thrown, there is no other error channel.
- *  - Order: an unmapped region (SHMNM_ERR_NOTINIT) is reported before a bad argument (SHMNM_ERR_PARAM), a bad argument
- *    before all else.
+ *  - Result: SHMNM_OK or one SHMNM_ERR_ code. Functions throw nothing; there is no other error channel.
+ *  - Order: an unmapped region (SHMNM_ERR_NOTINIT) is reported before a bad argument (SHMNM_ERR_PARAM), and a bad
+ *    argument before any other error.
  *  - Failure: leaves the region and the caller's outputs as they were.
- *  - Locks: none is taken: hold shmnm_rwlock() or shmnm_rolock() around what must be consistent.
+ *  - Locks: no function takes the lock for you. Hold shmnm_rwlock() or shmnm_rolock() around steps that must be
+ *    consistent.
  *  - Threads: any thread may call any function. A thread must not unmap the region (shmnm_detach(), shmnm_delete())
- *    while another one of its process is within a call that uses it.
- *  - Memory: every buffer is the caller's; no pointer is kept, none into the region is given out.
+ *    while another thread of its process is inside a call that uses it.
+ *  - Memory: the caller owns every buffer. The library keeps no pointer and hands out no pointer into the region.
  *  - Text: NUL-terminated bytes, compared byte for byte, never converted.
- *  - States: opaque 32-bit words. 2 is what the library itself writes into every state that it opens.
- *  - Limits: bytes beyond the mapped view are never touched, whatever the region's counts say: what would have to be
- *    read there is not found, what would have to be added there finds its table full, a listing ends there.
- *  - Log: every call writes an entry and an exit line at level 16, each failure a line at level 1.
+ *  - States: opaque 32-bit words. The library itself writes 2 into every state of a new server or resource.
+ *  - Limits: no call touches a byte beyond the mapped view, whatever the region's counts say. A record that would lie
+ *    there is not found, a table that would grow into it is full, and a listing ends at the view's end.
+ *  - Log: every call writes an entry line and an exit line at level 16, and a failure writes a line at level 1.
  *
- * Arguments that mean the same wherever nothing else is said of them:
- *  - `value`, `stat`, `flag`: (in) the word to store; (out) where the word that is read is put
+ * Arguments that mean the same unless a function says otherwise:
+ *  - `value`, `stat`, `flag`: (in) the word to store; (out) receives the word
  */
 
-/* The manual pages are made from these comments. "As f()" or "otherwise as f()" in a function's first sentence lets it
- * share the page of f(), with all that is said there of arguments and results. */
+/* The manual pages are generated from these comments. "As f()" or "otherwise as f()" in a function's first sentence
+ * puts the function on the page of f(), whose arguments and results then apply to it too. */
 #ifndef SHMNM_H
 #define SHMNM_H
 
@@ -34,7 +35,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/** Stands before each function that the library exports. */
+/** Marks each function that the library exports. */
 #if defined(_WIN32) && defined(KZMSHMNM_BUILD)
 #define SHMNM_API __declspec(dllexport)
 #elif defined(_WIN32)
@@ -74,7 +75,7 @@ extern "C" {
     X(SHMNM_ERR_LOCK, 17, "the time-out passed before the lock was free")                               \
     X(SHMNM_ERR_INSTALLPATH, 19, "the installation path is not known; callers see SHMNM_ERR_LOADINFO")
 
-/** What the functions return, as SHMNM_RESULTS lists it. */
+/** The result codes listed in SHMNM_RESULTS. */
 enum shmnm_result {
 #define SHMNM_RESULT(name, value, meaning) name = value,
     SHMNM_RESULTS(SHMNM_RESULT)
@@ -86,8 +87,8 @@ enum shmnm_result {
 /**
  * @defgroup shmnm_format The region's format
  *
- * With S the maximum number of servers, H of hb resources, N of np resources and F the number of fst resources, the
- * region holds, one behind the other:
+ * S is the maximum number of servers, H of hb resources and N of np resources; F is the number of fst resources. The
+ * region holds, one after the other:
  *
  *     header                1084 bytes
  *     server table          S records of 320 bytes
@@ -97,8 +98,8 @@ enum shmnm_result {
  *     fst process-id table  S * F records of 324 bytes
  *     network-wide states   (2 * H + N) * S words; hb resource r on server p has word r * S + p
  *
- * Records are packed: the first `count` of a table are in use, in the order in which they were added. All numbers are
- * little-endian.
+ * Records are packed: the first `count` records of a table are in use, in the order in which they were added. All
+ * numbers are little-endian.
  * @{
  */
 
@@ -106,16 +107,16 @@ enum shmnm_result {
 typedef struct shmnm_header {
     int32_t hbinfo_b;          /**< the second value of shmnm_sethbinfo_ex() */
     int32_t hbinfo_a;          /**< the first value of shmnm_sethbinfo_ex() */
-    int32_t max_servers;       /**< S as the record code takes it: the length of every per-server array */
-    int32_t max_hb;            /**< H: the limit that an add tests */
-    int32_t max_np;            /**< N: the limit that an add tests */
+    int32_t max_servers;       /**< S as calls read it: the length of every per-server array */
+    int32_t max_hb;            /**< H: the limit that an addition is tested against */
+    int32_t max_np;            /**< N: the limit that an addition is tested against */
     int32_t fst_count;         /**< F */
     int32_t fst_pid_limit;     /**< S * F */
     int32_t server_count;      /**< servers in use */
     int32_t hb_count;          /**< hb resources in use */
     int32_t np_count;          /**< np resources in use */
     int32_t fst_pid_count;     /**< names with process ids in use */
-    uint32_t waitstat;         /**< opaque, but for shmnm_getnodecombstat() */
+    uint32_t waitstat;         /**< opaque, except to shmnm_getnodecombstat() */
     uint32_t bwflag;           /**< opaque */
     uint32_t bwflagdisk;       /**< opaque */
     uint32_t clstat;           /**< opaque */
@@ -123,15 +124,15 @@ typedef struct shmnm_header {
     uint8_t reserved_64[1020]; /**< always zero */
 } shmnm_header;
 
-/** One server, 320 bytes. The place of a record is the server's position. */
+/** One server, 320 bytes. The index of the record in the table is the server's position. */
 typedef struct shmnm_server {
     char name[256];           /**< NUL-terminated, zero-padded */
     int32_t pri;              /**< given by the caller, need not be unique; the svid of the resource functions */
-    uint32_t nodestat;        /**< 1 is alive to shmnm_chkalivesv(); 2 in a new record */
+    uint32_t nodestat;        /**< shmnm_chkalivesv() takes 1 for alive; 2 in a new record */
     uint32_t nodestat_nw;     /**< opaque; 2 in a new record */
     uint32_t downnotifystat;  /**< opaque; 0 in a new record */
     uint8_t reserved_272[4];  /**< always zero */
-    uint32_t isolateflag;     /**< opaque, but for shmnm_getnodecombstat() */
+    uint32_t isolateflag;     /**< opaque, except to shmnm_getnodecombstat() */
     uint32_t pingstat;        /**< opaque */
     uint32_t holdstat;        /**< opaque */
     uint32_t dfailstatus;     /**< 1 while this server is simulated as failed, else 0 */
@@ -151,9 +152,9 @@ typedef struct shmnm_resource {
 
 /** The process ids of one name, 324 bytes. Nothing pads the 64-bit values, which lie on 4-byte boundaries. */
 typedef struct shmnm_fst_pid {
-    char name[256];           /**< zero-padded; NUL-terminated while shorter than the field */
-    uint32_t pid[3];          /**< one of each kind */
-    uint32_t piddata[3][2];   /**< a 64-bit value of each kind, its low word first */
+    char name[256];           /**< zero-padded; NUL-terminated unless it fills the field */
+    uint32_t pid[3];          /**< one per kind */
+    uint32_t piddata[3][2];   /**< one 64-bit value per kind, its low word first */
     uint8_t reserved_292[32]; /**< always zero */
 } shmnm_fst_pid;
 
@@ -213,23 +214,23 @@ static_assert(sizeof(shmnm_fst_pid) == 324, "shmnm_fst_pid resized");
  * @defgroup shmnm_life The region's life
  *
  * @par Locks
- * Creates, attaches, detaches and deletes of one process are done one after the other. The lock of all processes is not
- * taken.
+ * Within one process, create, attach, detach and delete calls run one at a time. They do not take the cross-process
+ * lock.
  * @{
  */
 
 /**
  * Creates the region from the cluster configuration and maps it.
  *
- * If the region exists it is mapped, and its contents stay. Only a region made new is zero-filled. In both cases the
- * configured counts are written into the header: the configuration is the authority at every mapping. A process that is
- * mapped already gets SHMNM_OK, and nothing changes. Does not count as an attach: one shmnm_detach() unmaps the region,
- * and only shmnm_delete() closes the handle obtained here.
+ * If the region exists already, it is mapped and its contents stay. A new region is filled with zeros. In both cases
+ * the configured counts are written into the header: the configuration is the authority at every mapping. A process
+ * that has mapped the region already gets SHMNM_OK, and nothing changes. Creating does not count as attaching: one
+ * shmnm_detach() unmaps the region, and only shmnm_delete() closes the handle obtained here.
  *
  * @retval SHMNM_ERR_XMLINIT     the configuration library does not start; no log line
  * @retval SHMNM_ERR_LOADCONFIG  the configuration cannot be loaded; no log line
  * @retval SHMNM_ERR_LOADINFO    the installation path is not known
- * @retval SHMNM_ERR_CREATEMAP   five attempts failed, each followed by a second of waiting
+ * @retval SHMNM_ERR_CREATEMAP   five attempts failed; the call waits one second after each
  * @retval SHMNM_ERR_MAPVIEW     the region was created but could not be mapped
  * @pre None: the region need not be mapped.
  */
@@ -238,43 +239,43 @@ SHMNM_API uint32_t shmnm_create(void);
 /**
  * Maps the region that another process created.
  *
- * Further calls only count; as many calls of shmnm_detach() unmap it. Where the areas start follows from this process's
- * own configuration, and its counts are written into the header; a configuration that differs from the creator's goes
- * unnoticed.
+ * Further calls only raise a count; the region is unmapped after the same number of shmnm_detach() calls. This
+ * process's own configuration determines where the areas start, and its counts are written into the header. The library
+ * does not notice a configuration that differs from the creator's.
  *
  * @retval SHMNM_ERR_XMLINIT     the configuration library does not start; no log line
  * @retval SHMNM_ERR_LOADCONFIG  the configuration cannot be loaded; no log line
  * @retval SHMNM_ERR_LOADINFO    the installation path is not known
- * @retval SHMNM_ERR_OPENMAP     there is no region, or it may not be opened
+ * @retval SHMNM_ERR_OPENMAP     there is no region, or this process may not open it
  * @retval SHMNM_ERR_MAPVIEW     the region could not be mapped
  * @pre None: the region need not be mapped.
  */
 SHMNM_API uint32_t shmnm_attach(void);
 
 /**
- * Takes back one attach; the last one unmaps the region.
+ * Undoes one attach; undoing the last attach unmaps the region.
  *
- * The last one also closes the handle obtained by shmnm_attach() and the log. After a shmnm_create() a single call
- * unmaps at once, and the handle obtained by create stays open, deliberately.
+ * The last detach also closes the log and the handle obtained by shmnm_attach(). After shmnm_create() a single detach
+ * unmaps the region at once, and the handle obtained by shmnm_create() stays open, deliberately.
  */
 SHMNM_API uint32_t shmnm_detach(void);
 
 /**
  * Unmaps the region and closes the handle obtained by shmnm_create().
  *
- * Closes the log as well, this also when nothing is mapped. The region itself lives on while any process holds a
- * handle. The count of attaches is left as it is, deliberately.
+ * Closes the log as well, even when nothing is mapped. The region itself lives on while any process holds a handle. The
+ * count of attaches stays as it is, deliberately.
  */
 SHMNM_API uint32_t shmnm_delete(void);
 
 /**
- * Fills the whole region with zero.
+ * Fills the whole region with zeros.
  *
- * The maximum values and counts of its header are included: until the next create, attach or shmnm_setmaxvalue_ex()
- * nothing can be added. Writes no entry line, deliberately.
+ * The header's maximum values and counts become zero too, so nothing can be added until the next shmnm_create(),
+ * shmnm_attach() or shmnm_setmaxvalue_ex(). Writes no entry line, deliberately.
  *
  * @par Locks
- * None is taken: hold shmnm_rwlock().
+ * Takes no lock: hold shmnm_rwlock().
  */
 SHMNM_API uint32_t shmnm_clear(void);
 
@@ -282,13 +283,13 @@ SHMNM_API uint32_t shmnm_clear(void);
  * Copies the region's raw bytes.
  *
  * @param[out]    buf   receives the bytes; null: ask for the size
- * @param[in,out] size  bytes that `buf` can hold; set to the region's size when `buf` is null, else left as it is
+ * @param[in,out] size  bytes that `buf` can hold; set to the region's size if `buf` is null, otherwise left as it is
  * @retval SHMNM_ERR_PARAM   `size` is null
  * @retval SHMNM_ERR_BUFFER  *size, signed, is below the region's size
- * @note A mapping smaller than the size that follows from this process's configuration ends early: zeros fill `buf` up.
+ * @note If the mapping is smaller than this process's configuration asks for, the missing bytes are zeros in `buf`.
  *
  * @par Locks
- * None is taken: hold shmnm_rolock() for a copy that is consistent.
+ * Takes no lock: hold shmnm_rolock() for a consistent copy.
  */
 SHMNM_API uint32_t shmnm_dump(uint8_t* buf, int32_t* size);
 
@@ -297,30 +298,31 @@ SHMNM_API uint32_t shmnm_dump(uint8_t* buf, int32_t* size);
 /**
  * @defgroup shmnm_lock The lock
  *
- * One mutex for all processes; reading and writing calls take the same one. It belongs to the thread that took it,
- * which may take it again and releases it as often. The lock of an owner that ended is simply taken over.
+ * One mutex for all processes; the functions for reading and for writing take the same mutex. It belongs to the thread
+ * that took it. That thread may take it again and must release it as often as it took it. If the owner ends, the lock
+ * passes to the next thread that takes it.
  *
  * @pre None: the region need not be mapped.
  *
  * @par Locks
- * This is the lock that makes what all other functions read and write consistent.
+ * Hold this lock around calls of the other functions whose reads and writes must be consistent.
  * @{
  */
 
 /**
- * Takes the lock, to read.
+ * Takes the lock for reading.
  *
  * @param[in] timeout_ms  milliseconds to wait at most; 0 does not wait, 0xFFFFFFFF waits without limit
- * @retval SHMNM_ERR_LOCK  the time passed; every other outcome is SHMNM_OK, deliberately
+ * @retval SHMNM_ERR_LOCK  the time-out passed; every other outcome is SHMNM_OK, deliberately
  */
 SHMNM_API uint32_t shmnm_rolock(uint32_t timeout_ms);
 /**
  * Releases the lock taken by shmnm_rolock().
  *
- * Always SHMNM_OK, also when this thread does not own it.
+ * Always returns SHMNM_OK, even if this thread does not own the lock.
  */
 SHMNM_API uint32_t shmnm_rounlock(void);
-/** Takes the lock, to write; otherwise as shmnm_rolock(). */
+/** Takes the lock for writing; otherwise as shmnm_rolock(). */
 SHMNM_API uint32_t shmnm_rwlock(uint32_t timeout_ms);
 /** Releases the lock taken by shmnm_rwlock(); otherwise as shmnm_rounlock(). */
 SHMNM_API uint32_t shmnm_rwunlock(void);
@@ -335,10 +337,10 @@ SHMNM_API uint32_t shmnm_rwunlock(void);
 /**
  * Sets the three maximum values of the header.
  *
- * Nothing moves: the record code takes its stride and its limits from them, so values other than the configured ones
- * change how the region is read. The next create or attach writes them anew.
+ * No record moves. All calls take the distance between records and the tables' limits from these values, so values
+ * other than the configured ones change how the region is read. The next create or attach overwrites them.
  *
- * @param[in] servers, hb, np  each at least 1, in this order; no upper bound is tested
+ * @param[in] servers, hb, np  each at least 1, in this order; there is no upper limit
  * @retval SHMNM_ERR_PARAM  one of them is below 1
  */
 SHMNM_API uint32_t shmnm_setmaxvalue_ex(int32_t servers, int32_t hb, int32_t np);
@@ -360,12 +362,12 @@ SHMNM_API uint32_t shmnm_sethbinfo_ex(int32_t a, int32_t b);
 /**
  * Gets the hb info pair.
  *
- * @param[out] a, b  the values, as shmnm_sethbinfo_ex() took them
+ * @param[out] a, b  the values given to shmnm_sethbinfo_ex()
  * @retval SHMNM_ERR_PARAM  a pointer is null
  */
 SHMNM_API uint32_t shmnm_gethbinfo_ex(uint32_t* a, uint32_t* b);
 
-/** Sets the wait state, which shmnm_getnodecombstat() reads. Any value. */
+/** Sets the wait state, which shmnm_getnodecombstat() reads, to any value. */
 SHMNM_API uint32_t shmnm_setwaitstat(uint32_t value);
 /** Gets the wait state. @retval SHMNM_ERR_PARAM  `value` is null */
 SHMNM_API uint32_t shmnm_getwaitstat(uint32_t* value);
@@ -387,51 +389,51 @@ SHMNM_API uint32_t shmnm_getclstat(uint32_t* value);
 /**
  * @defgroup shmnm_servers Servers
  *
- * A server is known to callers by its name or, to the functions of the resources, by its priority. In the region it has
- * a position, its place in the table, which is also the index of its word in every resource's row of states. The
- * lookups take the first match in order of position. Hold the lock to write around the three functions that change the
- * table.
+ * Callers identify a server by its name or, in the functions for resources, by its priority. In the region a server has
+ * a position: its index in the table, which is also the index of its word in every resource's row of states. A lookup
+ * takes the first match in order of position. Hold shmnm_rwlock() around the three functions that change the table.
  *
- * Arguments that mean the same wherever nothing else is said of them:
+ * Arguments that mean the same unless a function says otherwise:
  *  - `name`: the server's name
- *  - `pri`: (in) the server's priority; (out) where it is put
+ *  - `pri`: (in) the server's priority; (out) receives the server's priority
  * @{
  */
 
 /**
- * Adds a server behind the last one.
+ * Appends a server to the table.
  *
- * Its nodestat and nodestat_nw are 2, its downnotifystat 0, its other words as the free place holds them (0), and a 2
- * is set for it in every resource's rows.
+ * Its nodestat and nodestat_nw become 2 and its downnotifystat 0. Its other words keep the value of the free slot (0).
+ * Its state becomes 2 in every resource's rows.
  *
- * @param[in] name  cut to 255 bytes, silently; a longer name is then not found by its whole text, not even here
+ * @param[in] name  cut to 255 bytes without a warning; lookups, including the test for an existing server, do not find
+ *                  the longer name
  * @param[in] pri   any value; several servers may have the same
  * @retval SHMNM_ERR_PARAM      `name` is null
  * @retval SHMNM_ERR_COUNTOVER  there are as many servers as the header allows, or more; tested before the names
  * @retval SHMNM_ERR_EXIST      a server of that name exists
  * @retval SHMNM_ERR_ADDSVSTAT  shmnm_addhbrscsvstat() or shmnm_addnprscsvstat() failed; the server stays in the table,
  *                              deliberately
- * @note shmnm_addhbrscsvstat() and shmnm_addnprscsvstat(), which it calls, write entry and exit lines of their own.
+ * @note It calls shmnm_addhbrscsvstat() and shmnm_addnprscsvstat(), which write their own entry and exit lines.
  */
 SHMNM_API uint32_t shmnm_addnode(const char* name, int32_t pri);
 
 /**
  * Removes a server.
  *
- * Those behind it move down one position, with their states in every resource's rows.
+ * The servers after it move down one position, and so do their states in every resource's rows.
  *
  * @retval SHMNM_ERR_PARAM     `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
- * @retval SHMNM_ERR_RMSVSTAT  shmnm_rmhbrscsvstat() or shmnm_rmnprscsvstat() failed; the server is removed all the
- *                             same, deliberately
- * @note shmnm_rmhbrscsvstat() and shmnm_rmnprscsvstat(), which it calls, write entry and exit lines of their own.
+ * @retval SHMNM_ERR_RMSVSTAT  shmnm_rmhbrscsvstat() or shmnm_rmnprscsvstat() failed; the server is removed anyway,
+ *                             deliberately
+ * @note It calls shmnm_rmhbrscsvstat() and shmnm_rmnprscsvstat(), which write their own entry and exit lines.
  */
 SHMNM_API uint32_t shmnm_rmnode(const char* name);
 
 /**
- * Gives a server another priority.
+ * Changes the priority of a server.
  *
- * Another server may have the same. The position stays.
+ * Another server may have the same priority. The server's position stays.
  *
  * @retval SHMNM_ERR_PARAM     `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
@@ -441,16 +443,16 @@ SHMNM_API uint32_t shmnm_modifynode(const char* name, int32_t pri);
 /**
  * Lists the names of the servers, in order of position.
  *
- * @param[out]    buf   the names, each with its NUL, then one NUL more (no names: two NULs); null: measure only
+ * @param[out]    buf   the names, each with its NUL, then one more NUL (no names: two NULs); null: measure only
  * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
  * @retval SHMNM_ERR_PARAM   `size` is null
- * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the names that fitted, not closed; `size` is as it
- *                           was; no error line
+ * @retval SHMNM_ERR_BUFFER  too small, or 2^31 or more; `buf` keeps the names that fitted, without the final NUL, and
+ *                           `size` stays as it was; no error line
  */
 SHMNM_API uint32_t shmnm_enumnode(char* buf, uint32_t* size);
 
 /**
- * Gets the priority of the first server of a name.
+ * Gets the priority of the first server with a name.
  *
  * @retval SHMNM_ERR_PARAM     `name` or `pri` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
@@ -458,11 +460,11 @@ SHMNM_API uint32_t shmnm_enumnode(char* buf, uint32_t* size);
 SHMNM_API uint32_t shmnm_getnodepri(const char* name, int32_t* pri);
 
 /**
- * Gets the name of the first server of a priority.
+ * Gets the name of the first server with a priority.
  *
  * The output is the first argument.
  *
- * @param[out] name  256 bytes; the name with its NUL, the rest stays as it is
+ * @param[out] name  256 bytes; receives the name with its NUL, and the rest stays as it is
  * @retval SHMNM_ERR_PARAM     `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that priority
  */
@@ -473,10 +475,10 @@ SHMNM_API uint32_t shmnm_getnodename(char* name, int32_t pri);
 /**
  * @defgroup shmnm_server_states States of a server
  *
- * Six words, set and read by the server's name, any value in each; what they say of the server together; and whether
- * anyone is alive.
+ * Each server has six words. They are set and read by the server's name and take any value. Two more functions combine
+ * them: one for the state of one server, the other to test whether any server is alive.
  *
- * Arguments that mean the same wherever nothing else is said of them:
+ * Arguments that mean the same unless a function says otherwise:
  *  - `name`: the server's name
  * @{
  */
@@ -484,7 +486,7 @@ SHMNM_API uint32_t shmnm_getnodename(char* name, int32_t pri);
 /**
  * Sets a server's state.
  *
- * 1 is what shmnm_chkalivesv() takes for alive, 2 is that of a new server.
+ * shmnm_chkalivesv() takes 1 for alive. A new server has 2.
  *
  * @retval SHMNM_ERR_PARAM     `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
@@ -497,7 +499,7 @@ SHMNM_API uint32_t shmnm_setnodestat(const char* name, uint32_t stat);
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
  */
 SHMNM_API uint32_t shmnm_getnodestat(const char* name, uint32_t* stat);
-/** Sets a server's network-wide state; otherwise as shmnm_setnodestat(). 2 is that of a new server. */
+/** Sets a server's network-wide state; otherwise as shmnm_setnodestat(). A new server has 2. */
 SHMNM_API uint32_t shmnm_setnodestat_nw(const char* name, uint32_t stat);
 /** Gets a server's network-wide state; otherwise as shmnm_getnodestat(). */
 SHMNM_API uint32_t shmnm_getnodestat_nw(const char* name, uint32_t* stat);
@@ -519,14 +521,14 @@ SHMNM_API uint32_t shmnm_setholdstat(const char* name, uint32_t stat);
 SHMNM_API uint32_t shmnm_getholdstat(const char* name, uint32_t* stat);
 
 /**
- * Gets a server's state combined with isolation flag and wait state.
+ * Gets a server's state combined with its isolation flag and the cluster's wait state.
  *
- * The isolation flag is the server's own, the wait state the cluster's:
+ * It follows from this table:
  *
  *     state  wait state   isolation flag  combined
  *     1      0 or 1       0               1
  *     1      0 or 1       1               0x10
- *     1      0 or 1       other           none: stat keeps what it held, deliberately
+ *     1      0 or 1       other           none: stat keeps its value, deliberately
  *     1      2            any             0x10002
  *     1      3 and more   any             9
  *     2      0 or 3       any             2
@@ -534,19 +536,19 @@ SHMNM_API uint32_t shmnm_getholdstat(const char* name, uint32_t* stat);
  *     2      other        any             9
  *     other  any          any             9
  *
- * @param[in,out] stat  preset it, for the row that leaves it alone
+ * @param[in,out] stat  the combined state; set it before the call, because one row leaves it alone
  * @retval SHMNM_ERR_PARAM     `name` or `stat` is null
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
  */
 SHMNM_API uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat);
 
 /**
- * Tells whether any server, or any but one, is alive.
+ * Tests whether any server, or any server except one, is alive.
  *
- * Alive is a server whose state is 1.
+ * A server is alive if its state is 1.
  *
- * @param[in]  name  the server that does not count; null: all count. A name that no server has is no error.
- * @param[out] flag  1 if there is one, else 0
+ * @param[in]  name  the server to leave out; null: none is left out. An unknown name is no error.
+ * @param[out] flag  1 if a server is alive, otherwise 0
  * @retval SHMNM_ERR_PARAM  `flag` is null
  * @note Writes a line at level 4, "flag:%d" or "flag(%s):%d", whose number is the low half of the pointer `flag` and
  * not what it points to, deliberately.
@@ -558,24 +560,25 @@ SHMNM_API uint32_t shmnm_chkalivesv(const char* name, uint32_t* flag);
 /**
  * @defgroup shmnm_resources Resources
  *
- * The hb and the np functions are twins on two tables. A resource is known by its type and its name together; the same
- * name may exist under several types. The lookups take the first match in order of position. Where a type may be null
- * it stands for any type, and not-found lines show it as "-".
+ * The hb and the np functions do the same on two tables. A resource is identified by its type and its name together;
+ * the same name may exist under several types. A lookup takes the first match in order of position. Where a function
+ * accepts a null type it means any type, and the log's not-found lines show it as "-".
  *
- * Arguments that mean the same wherever nothing else is said of them:
+ * Arguments that mean the same unless a function says otherwise:
  *  - `type`: the resource's type
  *  - `name`: the resource's name
- *  - `pri`: (in) the resource's priority; (out) where it is put
+ *  - `pri`: (in) the resource's priority; (out) receives the resource's priority
  * @{
  */
 
 /**
- * Adds an hb resource behind the last one.
+ * Appends an hb resource to the table.
  *
- * A 2 is set for every server in its row of states. An hb resource's row of network-wide states is opened likewise. The
- * resource's own state is left as the free place holds it: 0.
+ * Its state becomes 2 on every server, and so does its network-wide state. The resource's own state keeps the value of
+ * the free slot: 0.
  *
- * @param[in] type, name  each cut to 31 bytes, silently; a longer text is then not found by its whole, not even here
+ * @param[in] type, name  each cut to 31 bytes without a warning; lookups, including the test for an existing resource,
+ *                        do not find the longer text
  * @param[in] pri         opaque
  * @retval SHMNM_ERR_PARAM    `type` or `name` is null; empty texts are accepted
  * @retval SHMNM_ERR_RSCOVER  there are as many resources as the header allows, or more; tested before the names
@@ -588,8 +591,9 @@ SHMNM_API uint32_t shmnm_addnprsc(const char* type, const char* name, uint32_t p
 /**
  * Removes an hb resource.
  *
- * Those behind it move down one position, with all they hold, and with their network-wide rows. The last place of the
- * table is left zero; but if the removed resource was the last, its network-wide row keeps its values, deliberately.
+ * The resources after it move down one position with all their contents and their rows of network-wide states. The slot
+ * that becomes free is zeroed; but if the removed resource was the last, its row of network-wide states keeps its
+ * values, deliberately.
  *
  * @retval SHMNM_ERR_PARAM     `type` or `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no such resource
@@ -599,7 +603,7 @@ SHMNM_API uint32_t shmnm_rmhbrsc(const char* type, const char* name);
 SHMNM_API uint32_t shmnm_rmnprsc(const char* type, const char* name);
 
 /**
- * Gives an hb resource another priority.
+ * Changes the priority of an hb resource.
  *
  * @retval SHMNM_ERR_PARAM     `type` or `name` is null
  * @retval SHMNM_ERR_NOTFOUND  no such resource
@@ -619,12 +623,12 @@ SHMNM_API uint32_t shmnm_gethbrscpri(const char* type, const char* name, uint32_
 SHMNM_API uint32_t shmnm_getnprscpri(const char* type, const char* name, uint32_t* pri);
 
 /**
- * Gets the type of the first hb resource of a name.
+ * Gets the type of the first hb resource with a name.
  *
  * The output is the first argument.
  *
- * @param[out] type  32 bytes; the type with its NUL, the rest stays as it is. Not checked: null only tells whether
- *                   there is such a resource.
+ * @param[out] type  32 bytes; receives the type with its NUL, and the rest stays as it is. May be null: the result code
+ *                   alone then tells whether the resource exists.
  * @retval SHMNM_ERR_PARAM     `name` is null or empty
  * @retval SHMNM_ERR_NOTFOUND  no resource has that name
  */
@@ -635,13 +639,13 @@ SHMNM_API uint32_t shmnm_getnprscinfo(char* type, const char* name);
 /**
  * Lists the type of every hb resource, in order of position.
  *
- * A type that several resources have comes several times, deliberately.
+ * A type that several resources have is listed several times, deliberately.
  *
- * @param[out]    buf   the types, each with its NUL, then one NUL more (no types: two NULs); null: measure only
+ * @param[out]    buf   the types, each with its NUL, then one more NUL (no types: two NULs); null: measure only
  * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
  * @retval SHMNM_ERR_PARAM   `size` is null
- * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the types that fitted, not closed; `size` is as it
- *                           was; no error line
+ * @retval SHMNM_ERR_BUFFER  too small, or 2^31 or more; `buf` keeps the types that fitted, without the final NUL, and
+ *                           `size` stays as it was; no error line
  */
 SHMNM_API uint32_t shmnm_enumhbtype(char* buf, uint32_t* size);
 /** As shmnm_enumhbtype(), for np. */
@@ -651,11 +655,11 @@ SHMNM_API uint32_t shmnm_enumnptype(char* buf, uint32_t* size);
  * Lists the names of the hb resources, in order of position.
  *
  * @param[in]     type  only resources of this type; null: of every type
- * @param[out]    buf   the names, each with its NUL, then one NUL more (no names: two NULs); null: measure only
+ * @param[out]    buf   the names, each with its NUL, then one more NUL (no names: two NULs); null: measure only
  * @param[in,out] size  bytes that `buf` can hold, below 2^31; on success the bytes used or, when measuring, needed
  * @retval SHMNM_ERR_PARAM   `size` is null
- * @retval SHMNM_ERR_BUFFER  too small, or 2^31 and more: `buf` keeps the names that fitted, not closed; `size` is as it
- *                           was; no error line
+ * @retval SHMNM_ERR_BUFFER  too small, or 2^31 or more; `buf` keeps the names that fitted, without the final NUL, and
+ *                           `size` stays as it was; no error line
  * @note One pass over the table. While shmnm_rolock() is held, a measured size still fits at the next call.
  */
 SHMNM_API uint32_t shmnm_enumhbrsc(const char* type, char* buf, uint32_t* size);
@@ -667,9 +671,9 @@ SHMNM_API uint32_t shmnm_enumnprsc(const char* type, char* buf, uint32_t* size);
 /**
  * @defgroup shmnm_resource_states States of a resource
  *
- * A word of the resource's own, and one for each server. The servers are meant by their priority.
+ * A resource has one state of its own and one state per server. These functions identify a server by its priority.
  *
- * Arguments that mean the same wherever nothing else is said of them:
+ * Arguments that mean the same unless a function says otherwise:
  *  - `type`: the resource's type
  *  - `name`: the resource's name
  * @{
@@ -701,9 +705,9 @@ SHMNM_API uint32_t shmnm_getnprscstat(const char* type, const char* name, uint32
  * Sets an hb resource's state on a server.
  *
  * @param[in] type  may be null
- * @param[in] svid  the server's priority; the first server that has it is meant
+ * @param[in] svid  the server's priority; if several servers share it, the first of them counts
  * @retval SHMNM_ERR_PARAM     `name` is null
- * @retval SHMNM_ERR_NOTFOUND  no such server, which is looked up first, or no such resource
+ * @retval SHMNM_ERR_NOTFOUND  no such server (looked up first) or no such resource
  */
 SHMNM_API uint32_t shmnm_sethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t stat);
 /** As shmnm_sethbrscsvstat(), for np. */
@@ -713,10 +717,10 @@ SHMNM_API uint32_t shmnm_setnprscsvstat(const char* type, const char* name, int3
  * Gets an hb resource's state on a server.
  *
  * @param[in]  type  may be null
- * @param[in]  svid  the server's priority; the first server that has it is meant
- * @param[out] stat  not checked: null only tells whether there are such a server and such a resource
+ * @param[in]  svid  the server's priority; if several servers share it, the first of them counts
+ * @param[out] stat  may be null: the result code alone then tells whether the server and the resource exist
  * @retval SHMNM_ERR_PARAM     `name` is null
- * @retval SHMNM_ERR_NOTFOUND  no such server, which is looked up first, or no such resource
+ * @retval SHMNM_ERR_NOTFOUND  no such server (looked up first) or no such resource
  */
 SHMNM_API uint32_t shmnm_gethbrscsvstat(const char* type, const char* name, int32_t svid, uint32_t* stat);
 /** As shmnm_gethbrscsvstat(), for np. */
@@ -725,12 +729,12 @@ SHMNM_API uint32_t shmnm_getnprscsvstat(const char* type, const char* name, int3
 /**
  * Lists an hb resource's states on all servers.
  *
- * They come in order of the servers' positions.
+ * The states are in the order of the servers' positions.
  *
  * @param[in]     type  may be null
- * @param[out]    buf   one word a server; null: ask for the size, which also succeeds for a resource that does not
+ * @param[out]    buf   one word per server; null: ask for the size, which also succeeds for a resource that does not
  *                      exist
- * @param[in,out] size  bytes that `buf` can hold; on success 4 bytes a server
+ * @param[in,out] size  bytes that `buf` can hold; on success 4 bytes per server
  * @retval SHMNM_ERR_PARAM     `name` or `size` is null
  * @retval SHMNM_ERR_BUFFER    too small, tested before the lookup; no error line
  * @retval SHMNM_ERR_NOTFOUND  no such resource
@@ -742,13 +746,13 @@ SHMNM_API uint32_t shmnm_enumnprscsvstat(const char* type, const char* name, uin
 /**
  * Lists the states of all hb resources on a server.
  *
- * They come in order of the resources' positions.
+ * The states are in the order of the resources' positions.
  *
  * @param[in]     svname  the server's name
- * @param[out]    buf     one word a resource; null: ask for the size, which also succeeds for a server that does not
+ * @param[out]    buf     one word per resource; null: ask for the size, which also succeeds for a server that does not
  *                        exist
- * @param[in,out] size    bytes that `buf` can hold; set to 4 bytes a resource when `buf` is null, else left as it is,
- *                        deliberately unlike shmnm_enumhbrscsvstat()
+ * @param[in,out] size    bytes that `buf` can hold; set to 4 bytes per resource if `buf` is null, otherwise left as it
+ *                        is, deliberately unlike shmnm_enumhbrscsvstat()
  * @retval SHMNM_ERR_PARAM     `svname` or `size` is null
  * @retval SHMNM_ERR_BUFFER    too small, tested before the lookup; no error line
  * @retval SHMNM_ERR_NOTFOUND  no server has that name
@@ -760,7 +764,7 @@ SHMNM_API uint32_t shmnm_enumsvnprscstat(const char* svname, uint32_t* buf, uint
 /**
  * Sets all states of every hb resource of a type.
  *
- * First each resource's own state, then its state on every server. That there is none of that type is no error.
+ * Sets each resource's own state first, then its state on every server. If no resource has the type, that is no error.
  * Network-wide states stay as they are.
  *
  * @retval SHMNM_ERR_PARAM  `type` is null
@@ -774,11 +778,11 @@ SHMNM_API uint32_t shmnm_settypenpstat(const char* type, uint32_t stat);
 /**
  * @defgroup shmnm_descriptions Descriptions of resources
  *
- * 256 free bytes a resource; no NUL is added or expected. The records are taken to lie 584 bytes apart, as if no states
- * followed each, deliberately: only the resource at position 0 is met at its true place, the others are in practice not
- * found until a removal brings them there.
+ * Each resource has 256 free bytes; no NUL is added or expected. These functions search for records 584 bytes apart, as
+ * if no states followed each record, deliberately. So they find the resource at position 0; they do not in practice
+ * find any other resource until removals have moved it to position 0.
  *
- * Arguments that mean the same wherever nothing else is said of them:
+ * Arguments that mean the same unless a function says otherwise:
  *  - `type`: the resource's type
  *  - `name`: the resource's name
  * @{
@@ -788,9 +792,9 @@ SHMNM_API uint32_t shmnm_settypenpstat(const char* type, uint32_t stat);
  * Sets an hb resource's description.
  *
  * @param[in] data  the bytes
- * @param[in] len   bytes in `data`, above 0; at most 256 are stored. Those stored earlier behind them stay.
+ * @param[in] len   bytes in `data`, above 0; at most 256 are stored. Bytes stored earlier after them stay.
  * @retval SHMNM_ERR_PARAM     a pointer is null, or `len` is below 1
- * @retval SHMNM_ERR_NOTFOUND  no such resource at the places that are searched
+ * @retval SHMNM_ERR_NOTFOUND  no such resource where the function searches
  */
 SHMNM_API uint32_t shmnm_sethbdescript(const char* type, const char* name, const void* data, int32_t len);
 /** As shmnm_sethbdescript(), for np. */
@@ -802,7 +806,7 @@ SHMNM_API uint32_t shmnm_setnpdescript(const char* type, const char* name, const
  * @param[out] buf   the bytes, without a NUL of its own
  * @param[in]  size  points to the bytes that `buf` can hold, above 0; at most 256 are copied. Null counts as 0.
  * @retval SHMNM_ERR_PARAM     a pointer is null, or *size is below 1
- * @retval SHMNM_ERR_NOTFOUND  no such resource at the places that are searched
+ * @retval SHMNM_ERR_NOTFOUND  no such resource where the function searches
  */
 SHMNM_API uint32_t shmnm_gethbdescript(const char* type, const char* name, void* buf, const int32_t* size);
 /** As shmnm_gethbdescript(), for np. */
@@ -813,20 +817,21 @@ SHMNM_API uint32_t shmnm_getnpdescript(const char* type, const char* name, void*
 /**
  * @defgroup shmnm_columns Server columns of the resource tables
  *
- * shmnm_addnode() and shmnm_rmnode() call these, so that a server's position stays the index of its word in every row.
- * An index below 0 is followed literally, to the words before the rows, as long as these lie in the mapped view.
+ * shmnm_addnode() and shmnm_rmnode() call these functions, so that a server's position stays the index of its word in
+ * every row. An index below 0 is taken literally: it reaches the words before each row, as long as these lie in the
+ * mapped view.
  *
  * @par Locks
- * None is taken: hold shmnm_rwlock().
+ * Takes no lock: hold shmnm_rwlock().
  * @{
  */
 
 /**
  * Opens the column of a new server in every hb resource's rows.
  *
- * Later words move up, the new one is 2. To be called when the server has been counted. The move stops one word short,
- * deliberately: for an index below the last two, the last server's words are not written and those of the one before
- * are lost.
+ * Later words move up, and the new word becomes 2. Call it after the count of servers has been raised. The move stops
+ * one word short, deliberately: for an index below the last two, the words of the last server are not written, and the
+ * words of the server before it are lost.
  *
  * @param[in] index  the server's position
  * @retval SHMNM_ERR_INDEX  `index` is not below the number of servers, or the column leaves the view; nothing is
@@ -839,9 +844,10 @@ SHMNM_API uint32_t shmnm_addnprscsvstat(int32_t index);
 /**
  * Closes the column of a removed server in every hb resource's rows.
  *
- * Later words move down, and the last one stays where it also was. To be called when the server is no longer counted.
+ * Later words move down; the last word also stays in its old place. Call it after the count of servers has been
+ * lowered.
  *
- * @param[in] index  the position that the server had; may equal the number of servers left, deliberately
+ * @param[in] index  the server's former position; may equal the number of servers left, deliberately
  * @retval SHMNM_ERR_INDEX  `index` is above the number of servers, or the column leaves the view; nothing is changed
  */
 SHMNM_API uint32_t shmnm_rmhbrscsvstat(int32_t index);
@@ -853,38 +859,40 @@ SHMNM_API uint32_t shmnm_rmnprscsvstat(int32_t index);
 /**
  * @defgroup shmnm_simulation Simulated network partition
  *
- * One word for the cluster and one for each server, each 0 or 1. The callers' arrays are indexed by server priority.
+ * The cluster has one word and so has each server; each word is 0 or 1. The callers' arrays are indexed by server
+ * priority.
  * @{
  */
 
 /**
  * Switches the simulation of a network partition on or off.
  *
- * @param[in] flag      1: on; 0: off, all words 0; any other value counts as 0 and is warned of
- * @param[in] nodefail  the word of each server by its priority; one that is neither 0 nor 1 counts as 0 and is warned
- *                      of. Null: 0 for all. Looked at only when `flag` is 1.
- * @param[in] count     entries in `nodefail`; a server whose priority is no index into it gets 0
- * @note Never fails on a mapped region. Writes a line for each server, then one for the cluster: at level 4, warnings
- * at level 2. The cluster's word is stored last.
+ * @param[in] flag      1: on; 0: off, all words become 0; any other value counts as 0, with a warning
+ * @param[in] nodefail  the word of each server, indexed by its priority; any value but 0 and 1 counts as 0, with a
+ *                      warning. Null: 0 for all. Used only if `flag` is 1.
+ * @param[in] count     entries in `nodefail`; a server whose priority is outside of them gets 0
+ * @note Never fails on a mapped region. Writes one line per server, then one line for the cluster, at level 4; warnings
+ * are at level 2. The cluster's word is stored last.
  */
 SHMNM_API uint32_t shmnm_setnpsimu(uint32_t flag, const uint32_t* nodefail, int32_t count);
 
 /**
  * Gets whether a network partition is simulated, for the cluster and each server.
  *
- * @param[out] flag      the cluster's word; not checked: null is skipped
- * @param[out] nodefail  while the simulation is on: the word of each server by its priority (of two servers with the
- *                       same one the later), 0 in the entries of no server; otherwise left as it is
+ * @param[out] flag      the cluster's word; may be null
+ * @param[out] nodefail  while the simulation is on: the word of each server, indexed by its priority, and 0 where no
+ *                       server has that priority. If two servers share a priority, the word of the later server counts.
+ *                       While it is off: left as it is
  * @param[in]  count     entries in `nodefail`, at least as many as there are servers
  * @retval SHMNM_ERR_PARAM  `nodefail` is null, or `count` is below the number of servers
- * @note A server whose priority is no index into `nodefail` is left out, with a warning at level 2.
+ * @note A server whose priority lies outside `nodefail` is left out, with a warning at level 2.
  */
 SHMNM_API uint32_t shmnm_getnpsimu(uint32_t* flag, uint32_t* nodefail, int32_t count);
 
 /**
  * Gets whether a network partition is simulated, for the cluster alone.
  *
- * @param[out] flag  the cluster's word; not checked: null is skipped
+ * @param[out] flag  the cluster's word; may be null
  */
 SHMNM_API uint32_t shmnm_getnpsimuflag(uint32_t* flag);
 
@@ -893,7 +901,7 @@ SHMNM_API uint32_t shmnm_getnpsimuflag(uint32_t* flag);
 /**
  * @defgroup shmnm_network_states Network-wide states of the hb resources
  *
- * A second state for every pair of an hb resource and a server, in an area of its own. A new resource or server has 2.
+ * Every hb resource has a second state on every server, kept in a separate area. It is 2 for a new resource or server.
  * @{
  */
 
@@ -911,13 +919,14 @@ SHMNM_API uint32_t shmnm_enumsvrscstat_nw(const char* svname, uint32_t* buf, uin
 /**
  * @defgroup shmnm_fst The fst resource
  *
- * A state and a description, both in the first fst record, and process ids by name. Where the region was laid out
- * without fst records, state and description answer SHMNM_ERR_NOTFOUND, without an error line.
+ * The fst resource has a state and a description, both in the first fst record, and process ids by name. If the region
+ * was laid out without fst records, the functions for the state and the description return SHMNM_ERR_NOTFOUND without
+ * an error line.
  * @{
  */
 
 /**
- * Sets the state of the fst resource. Any value.
+ * Sets the state of the fst resource to any value.
  *
  * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
  */
@@ -934,7 +943,7 @@ SHMNM_API uint32_t shmnm_getfstrscstat(uint32_t* stat);
  * Sets the description of the fst resource.
  *
  * @param[in] descript  the bytes
- * @param[in] len       bytes in `descript`, above 0; at most 256 are stored. Those stored earlier behind them stay.
+ * @param[in] len       bytes in `descript`, above 0; at most 256 are stored. Bytes stored earlier after them stay.
  * @retval SHMNM_ERR_PARAM     `descript` is null, or `len` is below 1
  * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
  */
@@ -953,30 +962,32 @@ SHMNM_API uint32_t shmnm_getfstdescript(void* descript, const int32_t* len);
 /**
  * Sets the process id of one kind under a name, and the value beside it.
  *
- * A name that is new gets a record, which it keeps for the life of the region.
+ * A new name gets a record and keeps it for the life of the region.
  *
- * @param[in] name     cut to 256 bytes, silently and then without a NUL; not checked: null is the empty name
+ * @param[in] name     cut to 256 bytes without a warning; stored without a NUL if it fills them; null is the
+ *                     empty name
  * @param[in] kind     0, 1 or 2
  * @param[in] pid      opaque
  * @param[in] piddata  opaque
- * @retval SHMNM_ERR_COUNTOVER  the table is full, tested before `kind`; then a name that has a record cannot be updated
+ * @retval SHMNM_ERR_COUNTOVER  the table is full, tested before `kind`; a name that has a record cannot be updated then
  *                              either, deliberately
- * @retval SHMNM_ERR_NOTINIT    `kind` is none of the three, deliberately (the exit line shows SHMNM_ERR_PARAM); a new
- *                              name has its record all the same
+ * @retval SHMNM_ERR_NOTINIT    `kind` is not 0, 1 or 2, deliberately (the exit line shows SHMNM_ERR_PARAM); a new name
+ *                              gets its record anyway
  */
 SHMNM_API uint32_t shmnm_setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint64_t piddata);
 
 /**
  * Gets the process id of one kind under a name, and the value beside it.
  *
- * A name without a record is no error: SHMNM_OK, whatever `kind` is, and the outputs keep what they held, so preset
- * them.
+ * A name without a record is no error: the call returns SHMNM_OK, whatever `kind` is, and leaves the outputs as they
+ * were. Set them before the call.
  *
- * @param[in]  name          not checked: null is the empty name
+ * @param[in]  name          null is the empty name
  * @param[in]  kind          0, 1 or 2
- * @param[out] pid, piddata  not checked: null is skipped
- * @retval SHMNM_ERR_NOTINIT  the name has a record but `kind` is none of the three, deliberately (the exit line shows
+ * @param[out] pid, piddata  each may be null
+ * @retval SHMNM_ERR_NOTINIT  the name has a record but `kind` is not 0, 1 or 2, deliberately (the exit line shows
  *                            SHMNM_ERR_PARAM)
+
  */
 SHMNM_API uint32_t shmnm_getfstrscpid(const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata);
 
