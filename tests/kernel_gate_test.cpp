@@ -155,6 +155,9 @@ TEST(KernelGate, HeldByAStoppedProcessFailsEveryCallAfterTwoSeconds) {
             clock_gettime(CLOCK_MONOTONIC, &end);
             EXPECT_EQ(handle.value, nullptr);
             EXPECT_EQ(handle.error, uint32_t{KZMKERNEL_ERROR_BUSY});
+            const std::string id = std::to_string(holder.id());
+            EXPECT_EQ(kzmkernel_explanation(), "process " + id + " does not let go of " + folder().string() +
+                                                   ": let it go on (kill -CONT " + id + ") or end it");
             EXPECT_GE(end.tv_sec - begin.tv_sec, 1);
         }
         // What is closed meanwhile is closed. Its file is known to be a dead object's later.

@@ -15,6 +15,8 @@
 #include <string>
 
 #include "kernel_linux_tools.h"
+#include "support/child.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -130,6 +132,185 @@ TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingMakeNobodyUseIt) {
             expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
         });
     }
+}
+
+constexpr const char* advice = ": remove it, or set KZMKERNEL_FOLDER to another folder in all processes";
+
+TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingAreNamed) {
+    for (const auto plant : plants) {
+        in_fork([plant] {
+            use_private_memory_disk();
+            as_other_user(plant);
+            const fs::path planted = fs::directory_iterator("/dev/shm")->path();
+            EXPECT_EQ(create_mutex(object_name()), nullptr);
+            EXPECT_EQ(kzmkernel_explanation(), planted.string() + " belongs to user 54321, not to you" + advice);
+            kzmkernel_set_last_error(KZMKERNEL_ERROR_NOT_OWNER);
+            EXPECT_STREQ(kzmkernel_explanation(), "") << "of another failure";
+            fs::remove(planted);
+            expect_new(create_mutex, object_name());
+            EXPECT_STREQ(kzmkernel_explanation(), "");
+        });
+    }
+}
+
+/// Has KZMKERNEL_FOLDER set in a process with a memory disk of its own.
+void with_folder(const char* place, const std::function<void()>& body) {
+    in_fork([&] {
+        use_private_memory_disk();
+        const test::ScopedEnvironment variable("KZMKERNEL_FOLDER", place);
+        body();
+    });
+}
+
+TEST(KernelFolderVariable, NamesAnotherFolderWithItsSibling) {
+    with_folder("/dev/shm/ours//", [] {
+        as_other_user(plant_folder);
+        const Handle mutex(create_mutex(object_name()));
+        EXPECT_EQ(mutex.error, 0u);
+        EXPECT_TRUE(fs::exists("/dev/shm/ours/m." + object_name()));
+        EXPECT_TRUE(fs::exists("/dev/shm/ours.guard"));
+        EXPECT_EQ(Handle(open_mutex(object_name())).error, 0u);
+    });
+}
+
+TEST(KernelFolderVariable, IsNoneWhenItIsEmpty) {
+    with_folder("", [] {
+        expect_new(create_mutex, object_name());
+        EXPECT_TRUE(fs::exists(folder()));
+    });
+}
+
+TEST(KernelFolderVariable, RefusesWhatIsNotTheFullPathOfAFolder) {
+    for (const char* const place : {"ours", "./ours", "/", "/dev/shm/.", "/dev/shm/..", "//"}) {
+        with_folder(place, [place] {
+            expect_refused(KZMKERNEL_ERROR_INVALID_NAME);
+            EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("KZMKERNEL_FOLDER=" + std::string(place)));
+        });
+    }
+    with_folder(("/dev/shm/" + std::string(300, 'n')).c_str(), [] { expect_refused(KZMKERNEL_ERROR_INVALID_NAME); });
+    with_folder("/dev/shm/missing/ours", [] {
+        EXPECT_EQ(Handle(create_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+        EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("cannot open /dev/shm/missing/: "));
+    });
+}
+
+TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
+    with_folder("/dev/shm/parent/ours", [] {
+        fs::create_directory("/dev/shm/parent");
+        for (const unsigned mode : {0777u, 0770u, 0702u}) {
+            ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
+            expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("in /dev/shm/parent/ other users may remove"));
+        }
+        for (const unsigned mode : {0700u, 0755u, 01777u}) {
+            ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
+            expect_new(create_mutex, object_name());
+        }
+        // Its owner may remove everything.
+        for (const unsigned mode : {0755u, 01777u}) {
+            ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
+            ASSERT_EQ(chown("/dev/shm/parent", other_user, other_user), 0);
+            expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+        }
+    });
+}
+
+TEST(KernelFolderVariable, RefusesAFolderOfAnotherUser) {
+    with_folder("/dev/shm/ours", [] {
+        as_other_user([] { mkdir("/dev/shm/ours", 0700); });
+        expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+        EXPECT_EQ(kzmkernel_explanation(), std::string("/dev/shm/ours belongs to user 54321, not to you") + advice);
+    });
+}
+
+// Its caller's environment is not to be trusted.
+TEST(KernelFolderVariable, IsIgnoredByAProgramWithMoreRightsThanItsCaller) {
+    with_folder("/dev/shm/chosen", [] {
+        const test::TemporaryFolder place;
+        const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
+        const fs::path program = place.path() / "program", library = place.path() / "library.so";
+        fs::copy_file(here / "setuid_creator", program);
+        fs::copy_file(here / "libkzmkernel.so", library);
+        ASSERT_EQ(chmod(place.path().c_str(), 0755), 0);
+        ASSERT_EQ(chmod(program.c_str(), 04755), 0);
+        for (const std::string name : {"first", "second"}) {
+            as_other_user([&] {
+                execl(program.c_str(), "program", library.c_str(), name.c_str(), nullptr);
+                FAIL() << strerror(errno);
+            });
+        }
+        EXPECT_TRUE(fs::exists("/dev/shm/kzmkernel.0.guard"));
+        EXPECT_FALSE(fs::exists("/dev/shm/chosen"));
+    });
+}
+
+TEST(KernelExplanation, NamesWhateverIsInTheWay) {
+    in_fork([] {
+        use_private_memory_disk();
+        const auto explanation = [] {
+            EXPECT_EQ(create_mutex(object_name()), nullptr);
+            return std::string(kzmkernel_explanation());
+        };
+        const std::string file = file_of_mutex(object_name());
+        { const Handle maker(create_mutex(object_name())); }
+        ASSERT_EQ(chmod(folder().c_str(), 0755), 0);
+        EXPECT_EQ(explanation(), "/dev/shm/kzmkernel.0 has the mode 0755: set it to 0700 (chmod)");
+        ASSERT_EQ(chmod(folder().c_str(), 0700), 0);
+        ASSERT_EQ(chmod(sibling().c_str(), 04600), 0);
+        EXPECT_EQ(explanation(), "/dev/shm/kzmkernel.0.guard has the mode 4600: set it to 0600 (chmod)");
+        ASSERT_EQ(chmod(sibling().c_str(), 0600), 0);
+        fs::create_hard_link(sibling(), "/dev/shm/second");
+        EXPECT_EQ(explanation(), std::string("/dev/shm/kzmkernel.0.guard has a second link") + advice);
+        fs::remove("/dev/shm/second");
+        fs::create_directory(file);
+        EXPECT_EQ(explanation(), file + " is not a file" + advice);
+        fs::remove(file);
+
+        Handle living(create_mutex(object_name()));
+        fs::remove(file);
+        in_fork([&] {
+            EXPECT_EQ(explanation(), file +
+                                         " was removed or replaced while processes use the object: end all of them and "
+                                         "start again");
+            fs::remove_all(folder());
+            EXPECT_EQ(explanation(),
+                      "/dev/shm/kzmkernel.0 was removed or replaced while processes use its objects: end all "
+                      "of them and start again");
+        });
+        living.close();
+        ASSERT_EQ(chmod("/dev/shm", 0777), 0);
+        EXPECT_EQ(explanation(),
+                  "in /dev/shm/ other users may remove your folder: give it to root and set its sticky bit (chmod +t)");
+    });
+}
+
+// The system's list of locks tells everybody who has what.
+
+TEST(KernelOtherUsers, WhoHoldAMappingAreFoundAsLongAsTheyDo) {
+    const std::string name = object_name();
+    in_fork([&] {
+        use_private_memory_disk();
+        Handle mapping(create_mapping(name));
+        const Handle mutex(create_mutex(name + "mutex"));
+        uint32_t user = 7;
+        EXPECT_FALSE(kzmkernel_find_other_user(name.c_str(), &user)) << "it is one's own";
+        const auto expect_found = [&](bool is_held) {
+            as_other_user([&] {
+                uint32_t found = 7;
+                EXPECT_EQ(kzmkernel_find_other_user(name.c_str(), &found) != 0, is_held);
+                EXPECT_EQ(found, is_held ? 0u : 7u);
+                EXPECT_FALSE(kzmkernel_find_other_user((name + "mutex").c_str(), &found));
+                EXPECT_FALSE(kzmkernel_find_other_user((name + "2").c_str(), &found));
+                EXPECT_FALSE(kzmkernel_find_other_user(nullptr, &found));
+                EXPECT_FALSE(kzmkernel_find_other_user(name.c_str(), nullptr));
+            });
+        };
+        expect_found(true);
+        mapping.close();
+        EXPECT_TRUE(fs::exists(folder()));
+        expect_found(false);
+        EXPECT_EQ(user, 7u);
+    });
 }
 
 // A write lease makes whoever opens the file wait for the owner of the lease.

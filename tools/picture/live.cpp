@@ -23,9 +23,28 @@ uint64_t in_pages(uint64_t size) {
     return (size + page - 1) / page * page;
 }
 
-std::string advice(uint32_t error) {
-    if (error == error_access_denied) return "run this as the user who runs the cluster";
-    return "see the trace log and the system's log";
+/// What the kernel's last failure was and what to do about it.
+std::string reason() {
+    const uint32_t error = platform::last_error();
+    if (const std::string known = platform::explanation(); !known.empty()) {
+        return fmt::format("(error {}): {}", error, printable(known));
+    }
+    return fmt::format("(error {}); {}", error,
+                       error == error_access_denied ? "run this as the user who runs the cluster"
+                                                    : "see the trace log and the system's log");
+}
+
+std::string with_prefix(const char* name) {
+    const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
+    return (prefix ? prefix : "") + std::string(name);
+}
+
+/// @throws Failure  the region lives, but for another user
+void refuse_region_of_another_user() {
+    const auto user = platform::other_user_of(with_prefix(mapping_name));
+    if (!user) return;
+    throw Failure(Exit::failed, fmt::format("the region {} belongs to user {}; run this as that user",
+                                            full_name(mapping_name), printable(*user)));
 }
 
 /// The integer at a path of the loaded configuration, or its fallback.
@@ -35,6 +54,7 @@ int32_t count(const char* path, int32_t fallback) {
 }
 
 Failure no_region() {
+    refuse_region_of_another_user();
     return {Exit::no_region, fmt::format("no process holds the region {}; start the cluster, or \"shmnmctl serve\"",
                                          full_name(mapping_name))};
 }
@@ -42,8 +62,7 @@ Failure no_region() {
 }  // namespace
 
 std::string full_name(const char* name) {
-    const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
-    return printable((prefix ? prefix : "") + std::string(name));
+    return printable(with_prefix(name));
 }
 
 uint64_t live_object() {
@@ -98,10 +117,9 @@ class LiveRegion::View {
   public:
     explicit View(void* mapping) : mapping_(mapping), base_(platform::map_for_reading(mapping)) {
         if (!base_) {
-            const uint32_t error = platform::last_error();
+            const std::string why = reason();
             platform::close(mapping_);
-            throw Failure(Exit::failed, fmt::format("the region {} cannot be mapped (error {}); {}",
-                                                    full_name(mapping_name), error, advice(error)));
+            throw Failure(Exit::failed, fmt::format("the region {} cannot be mapped {}", full_name(mapping_name), why));
         }
     }
     ~View() {
@@ -149,9 +167,7 @@ void* LiveRegion::mutex() {
     tell("mutex", mutex_name);
     mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
     if (!mutex_) {
-        const uint32_t error = platform::last_error();
-        throw Failure(Exit::failed, fmt::format("the lock {} is refused (error {}); {}", full_name(mutex_name), error,
-                                                advice(error)));
+        throw Failure(Exit::failed, fmt::format("the lock {} is refused {}", full_name(mutex_name), reason()));
     }
     return mutex_;
 }
@@ -161,10 +177,8 @@ std::unique_ptr<LiveRegion::View> LiveRegion::open() {
     told_ = true;
     void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
     if (mapping) return std::make_unique<View>(mapping);
-    const uint32_t error = platform::last_error();
-    if (error == error_not_found) return nullptr;
-    throw Failure(Exit::failed, fmt::format("the region {} is refused (error {}); {}", full_name(mapping_name), error,
-                                            advice(error)));
+    if (platform::last_error() == error_not_found) return nullptr;
+    throw Failure(Exit::failed, fmt::format("the region {} is refused {}", full_name(mapping_name), reason()));
 }
 
 void LiveRegion::throw_no_lock(uint32_t timeout_ms) {
@@ -238,6 +252,11 @@ Snapshot LiveRegion::copy() {
     throw no_region();
 }
 
+void LiveRegion::expect_own() {
+    if (void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name)) return platform::close(mapping);
+    if (platform::last_error() == error_not_found) refuse_region_of_another_user();
+}
+
 void LiveRegion::expect() {
     if (!open()) throw no_region();
 }
@@ -255,11 +274,12 @@ WritableRegion::WritableRegion()
     : mapping_(KzmutilOpenNamedFileMapping(all_access, 0, mapping_name)),
       base_(mapping_ ? static_cast<uint8_t*>(platform::map_for_writing(mapping_)) : nullptr) {
     if (base_) return;
-    const uint32_t error = platform::last_error();
+    const bool is_missing = platform::last_error() == error_not_found;
+    const std::string why = reason();
     if (mapping_) platform::close(mapping_);
-    if (error == error_not_found) throw no_region();
-    throw Failure(Exit::failed, fmt::format("the region {} cannot be mapped to be written to (error {}); {}",
-                                            full_name(mapping_name), error, advice(error)));
+    if (is_missing) throw no_region();
+    throw Failure(Exit::failed,
+                  fmt::format("the region {} cannot be mapped to be written to {}", full_name(mapping_name), why));
 }
 WritableRegion::~WritableRegion() {
     platform::unmap(base_);

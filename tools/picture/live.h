@@ -49,6 +49,8 @@ class LiveRegion {
 
     /// Needs no lock. @throws Failure  there is no region
     void expect();
+    /// For what needs the lock alone. @throws Failure  there is no region for this user, but one for another
+    void expect_own();
 
     /// As copy(), for a caller that holds the lock.
     Snapshot copy_locked();

@@ -19,6 +19,10 @@ void* symbol(void* module, const char* name);
 
 /// The reason for the last failure of a kernel call, as a Windows error number.
 uint32_t last_error();
+/// The same in words, with what to do about it; "" where no more than the number is known.
+std::string explanation();
+/// The user, other than this one, for whom shared memory of this name lives, as far as the system tells.
+std::optional<std::string> other_user_of(const std::string& mapping);
 void close(void* handle);
 /// Maps all of a shared memory for reading. @return null when that fails
 const void* map_for_reading(void* mapping);

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fmt/format.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,6 +65,15 @@ void* symbol(void* module, const char* name) {
 
 uint32_t last_error() {
     return kzmkernel_last_error();
+}
+std::string explanation() {
+    return kzmkernel_explanation();
+}
+std::optional<std::string> other_user_of(const std::string& mapping) {
+    uint32_t user = 0;
+    if (kzmkernel_find_other_user(mapping.c_str(), &user) == 0) return std::nullopt;
+    const passwd* const known = getpwuid(user);
+    return known ? fmt::format("{} ({})", known->pw_name, user) : fmt::format("{}", user);
 }
 void close(void* handle) {
     kzmkernel_close(handle);

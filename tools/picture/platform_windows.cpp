@@ -18,6 +18,13 @@ void* symbol(void* module, const char* name) {
 uint32_t last_error() {
     return GetLastError();
 }
+std::string explanation() {
+    return "";
+}
+/// Objects of other sessions cannot be looked for.
+std::optional<std::string> other_user_of(const std::string&) {
+    return std::nullopt;
+}
 void close(void* handle) {
     CloseHandle(handle);
 }

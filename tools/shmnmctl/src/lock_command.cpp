@@ -15,6 +15,7 @@ namespace {
 
 Exit run_locked(const Context& context, const std::vector<std::string>& command) {
     LiveRegion region(context.access);
+    region.expect_own();
     const Locked locked(region);
     // The command gets neither the lock nor its handle: it is this process that owns it until the command has ended.
     return static_cast<Exit>(session::run(command));
@@ -36,6 +37,7 @@ Json to_json(const platform::LockHolder& holder) {
 
 Exit tell_who(const Context& context) {
     LiveRegion region(context.access);
+    region.expect_own();
     const auto holder = platform::lock_holder(region.mutex());
     // Where the system does not tell who has it, it tells whether anyone has.
     const bool held = holder ? holder->process != 0 && !platform::has_ended(*holder) : !region.try_lock();

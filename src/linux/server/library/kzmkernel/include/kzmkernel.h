@@ -12,6 +12,8 @@
  *             170: for two seconds another process, which is stopped or hangs, kept others from the folder.
  *  - Fork     a child owns no mutex; its copies of the handles keep objects alive as long as it lives. exec closes
  * them.
+ *  - Folder   the files lie in /dev/shm/kzmkernel.UID, or in the folder that the environment variable KZMKERNEL_FOLDER
+ *             names, which must be the same in all processes; programs with more rights than their caller ignore it.
  *  - Names    1 to 200 bytes without '/' and control characters, not beginning with a dot.
  *  - Threads  any thread may call any function.
  */
@@ -141,6 +143,23 @@ KZMKERNEL_API int32_t kzmkernel_look_count_get(void* mutex, uint64_t* looks);
 
 /** @return a number that no other object of this kind has had since the machine started; 0: not a handle */
 KZMKERNEL_API uint64_t kzmkernel_object_number(void* handle);
+
+/**
+ * Says in one line why this thread's last create or open failed and what to do: whose folder is in the way, which
+ * process does not let go of it.
+ *
+ * @return text that stays until this thread's next create or open; "": nothing is known beyond the last error
+ */
+KZMKERNEL_API const char* kzmkernel_explanation(void);
+
+/**
+ * Looks whether a mapping of this name lives in the folder of another user. Their folders are looked for where they are
+ * without KZMKERNEL_FOLDER; the system's list of locks tells which objects are held.
+ *
+ * @param[out] user  the user's id
+ * @return nonzero when there is one
+ */
+KZMKERNEL_API int32_t kzmkernel_find_other_user(const char* mapping, uint32_t* user);
 
 KZMKERNEL_API uint32_t kzmkernel_last_error(void);
 KZMKERNEL_API void kzmkernel_set_last_error(uint32_t error);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -34,12 +35,6 @@ class Hash {
   private:
     uint64_t value_ = 0xCBF29CE484222325;
 };
-
-off_t name_place(const char* name) {
-    Hash hash;
-    hash.add(name, std::strlen(name) + 1);
-    return hash.place();
-}
 
 /// The byte of the sibling that a process locks while it makes an object of a name.
 off_t maker_place(const char* name) {
@@ -129,6 +124,12 @@ bool leads_to(int parent, const char* name, const struct stat& opened) {
 }
 
 }  // namespace
+
+off_t name_place(const char* name) noexcept {
+    Hash hash;
+    hash.add(name, std::strlen(name) + 1);
+    return hash.place();
+}
 
 Life life_of(int folder, const char* name, const struct stat* file) noexcept {
     const off_t place = name_place(name);
@@ -242,6 +243,19 @@ bool Gate::has_its_names(const struct stat& folder) const noexcept {
 bool Gate::enter_again(int folder) noexcept {
     folder_ = open_at(folder, ".", O_RDONLY | O_DIRECTORY);
     return folder_ && lock() == 0;
+}
+
+uint32_t Gate::refuse_file(const char* file_name) const noexcept {
+    char path[PATH_MAX + NAME_MAX];
+    std::snprintf(path, sizeof path, "%s/%s", place_.folder_path(), file_name);
+    return refuse(folder_.get(), file_name, path, S_IFREG, file_mode);
+}
+
+uint32_t Gate::explain_replaced(const char* file_name) const noexcept {
+    return explained(
+        KZMKERNEL_ERROR_FILE_INVALID,
+        "%.200s/%s was removed or replaced while processes use the object: end all of them and start again",
+        place_.folder_path(), file_name);
 }
 
 // The gate is unlocked, not only closed: a child that another thread has just started may hold a copy until its exec.

@@ -46,6 +46,9 @@ enum class Life {
     replaced  ///< held, but its file was removed or replaced
 };
 
+/// The byte N of a name.
+off_t name_place(const char* name) noexcept;
+
 /// Tells whether a name in a folder is held by anyone. `file` is what lies under the name, null when nothing does. The
 /// folder's gate must be held.
 Life life_of(int folder, const char* name, const struct stat* file) noexcept;
@@ -92,6 +95,11 @@ class Gate {
     void step_out() noexcept;
     /// Goes on after step_out(). @return 0 or a Windows error number
     uint32_t step_in() noexcept;
+
+    /// Says why a file in the folder is not taken for an object. @return 5
+    uint32_t refuse_file(const char* file_name) const noexcept;
+    /// Says that an object lives without this file. @return 1006
+    uint32_t explain_replaced(const char* file_name) const noexcept;
 
     int folder() const { return folder_.get(); }
     int sibling() const { return sibling_.get(); }

@@ -8,9 +8,11 @@
 
 #include "clock.h"
 #include "error.h"
+#include "explanation.h"
 #include "handle_table.h"
 #include "mutex.h"
 #include "object.h"
+#include "other_users.h"
 #include "process.h"
 #include "view.h"
 
@@ -214,6 +216,17 @@ uint64_t kzmkernel_object_number(void* handle) {
     }
     set_last_error(KZMKERNEL_ERROR_INVALID_HANDLE);
     return 0;
+}
+
+const char* kzmkernel_explanation(void) {
+    return explanation_of(last_error());
+}
+
+int32_t kzmkernel_find_other_user(const char* mapping, uint32_t* user) {
+    uid_t found = 0;
+    if (!mapping || !user || !find_other_user(mapping, found)) return 0;
+    *user = found;
+    return 1;
 }
 
 uint32_t kzmkernel_last_error(void) {

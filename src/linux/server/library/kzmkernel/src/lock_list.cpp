@@ -44,4 +44,12 @@ pid_t process_that_locked(const struct stat& file) noexcept {
     return found && lock.process > 0 ? lock.process : 0;
 }
 
+bool is_listed_as_locked(const struct stat& file, off_t place) noexcept {
+    ListedLock lock{};
+    return find_lock(lock, [&](const ListedLock& one) {
+        return std::strcmp(one.type, "OFDLCK") == 0 && is_lock_of(one, file) &&
+               one.first == static_cast<unsigned long long>(place);
+    });
+}
+
 }  // namespace kzmkernel

@@ -37,10 +37,6 @@ uint32_t check_name(const char* name) {
     return well_formed ? 0 : KZMKERNEL_ERROR_INVALID_NAME;
 }
 
-void file_name_of(Kind kind, const char* name, char (&result)[256]) {
-    std::snprintf(result, sizeof result, "%c.%s", static_cast<char>(kind), name);
-}
-
 bool unlink_from(Object*& list, const Object* object) {
     for (Object** at = &list; *at; at = &(*at)->next) {
         if (*at != object) continue;
@@ -190,17 +186,20 @@ uint32_t open_file(const Gate& gate, Kind kind, const char* file_name, Descripto
     file = open_at(gate.folder(), file_name, object_flags);
     if (!file) {
         const int error = errno;
-        if (error != ENOENT) return windows_error(error);
-        return life_of(gate.folder(), file_name, nullptr) == Life::dead ? KZMKERNEL_ERROR_FILE_NOT_FOUND
-                                                                        : KZMKERNEL_ERROR_FILE_INVALID;
+        if (error != ENOENT) {
+            const uint32_t refused = windows_error(error);
+            return refused == KZMKERNEL_ERROR_ACCESS_DENIED ? gate.refuse_file(file_name) : refused;
+        }
+        if (life_of(gate.folder(), file_name, nullptr) != Life::dead) return gate.explain_replaced(file_name);
+        return KZMKERNEL_ERROR_FILE_NOT_FOUND;
     }
     if (fstat(file.get(), &status) != 0) return windows_error(errno);
-    if (!is_proper_file(status)) return KZMKERNEL_ERROR_ACCESS_DENIED;
+    if (!is_proper_file(status)) return gate.refuse_file(file_name);
     switch (life_of(gate.folder(), file_name, &status)) {
         case Life::dead:
             return is_in_use(kind, file.get(), status) ? 0 : KZMKERNEL_ERROR_FILE_NOT_FOUND;
         case Life::replaced:
-            return KZMKERNEL_ERROR_FILE_INVALID;
+            return gate.explain_replaced(file_name);
         case Life::alive:
             break;
     }
@@ -386,6 +385,10 @@ void remove_file_of(Object& object) {
 }
 
 }  // namespace
+
+void file_name_of(Kind kind, const char* name, char (&result)[file_name_size]) noexcept {
+    std::snprintf(result, sizeof result, "%c.%s", static_cast<char>(kind), name);
+}
 
 uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& object) noexcept {
     if (size > static_cast<uint64_t>(INT64_MAX) - page) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;

@@ -35,6 +35,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "descriptor.h"
@@ -54,9 +55,13 @@ struct MappedMutex {
     std::atomic<uint32_t> users;
 };
 
+inline constexpr size_t file_name_size = 256;
+/// The name of an object's file.
+void file_name_of(Kind kind, const char* name, char (&result)[file_name_size]) noexcept;
+
 struct Object {
     Kind kind;
-    char file_name[256];
+    char file_name[file_name_size];
     dev_t device;
     ino_t inode;
     uint64_t size;                   ///< bytes, whole pages

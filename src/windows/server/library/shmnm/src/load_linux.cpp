@@ -2,9 +2,11 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "frame.h"
 #include "kernel.h"
+#include "kzmkernel.h"
 
 namespace {
 
@@ -13,10 +15,16 @@ constexpr int status_not_loaded = 127;  // as the dynamic loader ends a program 
 [[gnu::constructor]] void process_attach() {
     if (shmnm::load_library()) return;
     // GCOVR_EXCL_START: run by tests, but a process that ends by _exit() leaves no coverage behind
-    char line[128];
-    const int length = std::snprintf(line, sizeof line, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error %u)\n",
-                                     shmnm::kernel::last_error());
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
+    const uint32_t error = shmnm::kernel::last_error();
+    const char* const explanation = kzmkernel_explanation();
+    char line[640];
+    if (*explanation) {
+        std::snprintf(line, sizeof line, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error %u): %s\n", error,
+                      explanation);
+    } else {
+        std::snprintf(line, sizeof line, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error %u)\n", error);
+    }
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, std::strlen(line));
     _exit(status_not_loaded);
     // GCOVR_EXCL_STOP
 }

@@ -1,0 +1,82 @@
+"""The tool where another user has the region, or is in the way of one's own. Run as root: the tests act as two users."""
+import fcntl
+import os
+import pathlib
+import shutil
+import subprocess
+
+import support
+from support import Result, ToolTest
+
+OTHER_USER = 54321
+PLANTED = ": remove it, or set KZMKERNEL_FOLDER to another folder in all processes\n"
+
+
+class OtherUsers(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.region_name = self.environment["KZMUTIL_NAMESPACE"] + "oru_kzmshmnm_map"
+        # The other user may not be allowed to look into the build's folder.
+        self.programs = self.folder / "bin"
+        self.programs.mkdir()
+        self.folder.chmod(0o755)
+        for file in [support.FOLDER / "shmnmctl", *support.FOLDER.glob("libkzm*.so*")]:
+            shutil.copy(file, self.programs)
+
+    def tool_of_other_user(self, *arguments):
+        done = subprocess.run([self.programs / "shmnmctl", *arguments], capture_output=True, env=self.environment, stdin=subprocess.DEVNULL,
+                              timeout=60, user=OTHER_USER, group=OTHER_USER, extra_groups=[])
+        return Result(done.returncode, done.stdout, done.stderr.decode())
+
+    def private_folder(self):
+        """A folder of kernel objects that no other test uses."""
+        folder = pathlib.Path(f"/dev/shm/{self.region_name}")
+        self.environment["KZMKERNEL_FOLDER"] = str(folder)
+        self.addCleanup(pathlib.Path(f"{folder}.guard").unlink, missing_ok=True)
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        return folder
+
+    def test_a_region_of_another_user_is_told_as_such_by_every_command(self):
+        self.cluster()
+        for command in (["status"], ["status", "--watch", "0.1"], ["list", "servers"], ["get", "cluster/clstat"], ["dump", "-"], ["verify"],
+                        ["set", "cluster/clstat", "1"], ["clear", "--yes"], ["query", "cluster/alive=1"], ["wait", "cluster/alive=1"], ["watch"],
+                        ["lock", "--who"], ["lock", "--", "true"]):
+            with self.subTest(command):
+                result = self.tool_of_other_user(*command)
+                self.assertEqual((result.status, result.raw), (5, b""))
+                self.assertEqual(result.err, f"shmnmctl: the region {self.region_name} belongs to user root (0); run this as that user\n")
+
+    def test_a_region_of_another_user_that_has_ended_is_none(self):
+        self.cluster().end()
+        self.assertTrue(pathlib.Path("/dev/shm/kzmkernel.0").is_dir())
+        result = self.tool_of_other_user("status")
+        self.assertEqual((result.status, result.err), (3, f'shmnmctl: no process holds the region {self.region_name}; start the cluster, or "shmnmctl serve"\n'))
+
+    def test_a_folder_of_another_user_is_named(self):
+        folder = self.private_folder()
+        folder.mkdir(mode=0o700)
+        os.chown(folder, OTHER_USER, OTHER_USER)
+        for command in (["status"], ["lock", "--who"], ["set", "cluster/clstat", "1"]):
+            with self.subTest(command):
+                result = self.tool(*command)
+                self.assertEqual(result.status, 5)
+                self.assertIn(f"is refused (error 5): {folder} belongs to user {OTHER_USER}, not to you{PLANTED}", result.err)
+        started = subprocess.run(support.program("api_caller"), stdin=subprocess.DEVNULL, capture_output=True, env=self.environment)
+        self.assertEqual((started.returncode, started.stderr.decode()),
+                         (127, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error 5): "
+                               f"{folder} belongs to user {OTHER_USER}, not to you{PLANTED}"))
+
+    def test_a_process_that_does_not_let_go_of_the_folder_is_named(self):
+        folder = self.private_folder()
+        self.cluster()
+        gate = os.open(folder, os.O_RDONLY)
+        self.addCleanup(os.close, gate)
+        fcntl.flock(gate, fcntl.LOCK_EX)
+        result = self.tool("lock", "--who")
+        self.assertEqual((result.status, result.err), (
+            5, f"shmnmctl: the lock {self.environment['KZMUTIL_NAMESPACE']}oru_kzmshmnm_lock is refused (error 170): process {os.getpid()} does not let go of {folder}: "
+               f"let it go on (kill -CONT {os.getpid()}) or end it\n"))
+
+
+if __name__ == "__main__":
+    support.main()
