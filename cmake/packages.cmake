@@ -52,6 +52,12 @@ endif()"
             COMPONENT ${package} EXCLUDE_FROM_ALL)
     endforeach()
 
+    install(
+        FILES ${packaging}/shmnm.tmpfiles
+        DESTINATION lib/tmpfiles.d
+        RENAME shmnm.conf
+        COMPONENT libshmnm1 EXCLUDE_FROM_ALL)
+
     set(CPACK_GENERATOR DEB)
     set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
     set(CPACK_COMPONENTS_ALL ${packages})
@@ -71,7 +77,8 @@ endif()"
 all processes of a machine: servers, heartbeat and network-partition resources,\nthe state of every pair of them.")
     set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_NAME libshmnm1)
     set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_SECTION libs)
-    set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_CONTROL_EXTRA ${packaging}/symbols ${packaging}/shlibs ${packaging}/triggers)
+    set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_CONTROL_EXTRA ${packaging}/postinst ${packaging}/symbols ${packaging}/shlibs
+        ${packaging}/triggers)
     set(CPACK_COMPONENT_LIBSHMNM1_DESCRIPTION
         "live picture of a failover cluster in shared memory\n${what}\n.\nThis package has the library and its companions.")
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_NAME libshmnm-dev)

@@ -1,10 +1,16 @@
-# cpack gives every package with shared libraries scripts that run ldconfig. The trigger does that once for all packages.
+# cpack gives every package with shared libraries scripts that run ldconfig. The trigger does that once for all packages. The
+# library's package has a postinst of its own.
 foreach(package ${CPACK_PACKAGE_FILES})
     set(folder ${CPACK_TEMPORARY_DIRECTORY}/repacked)
     file(REMOVE_RECURSE ${folder})
     execute_process(COMMAND dpkg-deb --raw-extract ${package} ${folder} COMMAND_ERROR_IS_FATAL ANY)
-    if(EXISTS ${folder}/DEBIAN/postinst)
-        file(REMOVE ${folder}/DEBIAN/postinst ${folder}/DEBIAN/postrm)
-        execute_process(COMMAND dpkg-deb --root-owner-group --build ${folder} ${package} OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
-    endif()
+    foreach(script postinst postrm)
+        if(EXISTS ${folder}/DEBIAN/${script})
+            file(READ ${folder}/DEBIAN/${script} text)
+            if(text MATCHES ldconfig)
+                file(REMOVE ${folder}/DEBIAN/${script})
+            endif()
+        endif()
+    endforeach()
+    execute_process(COMMAND dpkg-deb --root-owner-group --build ${folder} ${package} OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
