@@ -1,18 +1,21 @@
 // The gate of the folder of kernel objects: whoever stops, or is killed, while it creates an object holds nobody up for
 // longer than the two seconds that the gate is waited for.
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <kzmkernel.h>
 #include <sys/file.h>
-#include <sys/stat.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
-#include "kernel_linux_tools.h"
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
+#include "support/memory_disk_linux.h"
+#include "support/other_user_linux.h"
+#include "support/traced_linux.h"
 
 namespace {
 
@@ -130,7 +133,7 @@ class Holder {
               const int gate = open(folder().c_str(), O_RDONLY | O_DIRECTORY);
               EXPECT_EQ(flock(gate, LOCK_EX), 0);
               held_.give();
-              hang();
+              pause_forever();
           }) {
         held_.await();
     }
@@ -189,7 +192,7 @@ TEST(KernelGate, OfACreatorThatWasKilledWhereProcIsMissingLeavesNothingForLong) 
         use_private_memory_disk();
         ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
         // Root could do without /proc.
-        ASSERT_EQ(setresgid(54321, 54321, 54321) + setresuid(54321, 54321, 54321), 0) << "run this as root";
+        become(spare_user());
         const auto create = [] { EXPECT_EQ(Handle(create_mapping(object_name(), large)).error, 0u); };
         Traced killed(create), living(create);
         for (Traced* const creator : {&killed, &living}) creator->run_until_it_enters(SYS_fallocate);

@@ -1,15 +1,29 @@
 // The interleavings that broke an earlier protocol of the lock, on the real code: processes are held between two
 // instructions of a call, and killed there. docs/lock-protocol.md numbers the scenarios.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <kzmkernel.h>
 #include <linux/futex.h>
+#include <pthread.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <span>
+#include <stdexcept>
+#include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
-#include "kernel_linux_tools.h"
+#include "support/child.h"
+#include "support/kernel_linux.h"
+#include "support/sleepers_linux.h"
 #include "support/stepper_linux.h"
 
 namespace {
@@ -96,8 +110,7 @@ class Sleeper {
     explicit Sleeper(const std::string& name) : child_(test::start(waits, name)) { child_.reported(); }
     void fall_asleep() {
         child_.tell(1);
-        const auto id = static_cast<pid_t>(child_.process_id());
-        until_it_sleeps_in_a_futex(id, id);
+        wait_until_asleep_in(SYS_futex, static_cast<pid_t>(child_.process_id()));
     }
     uint64_t result() { return child_.reported(); }
 
@@ -362,11 +375,10 @@ CHILD(is_ended_by_its_second_thread) {
 TEST(KernelLockReplay, ThreadThatEndsTheProcessLeavesThePageToAThreadInsideACall) {
     const Lock lock;
     Stepper process(is_ended_by_its_second_thread, object_name());
-    const std::string thread = std::to_string(process.addresses().at(0));
+    const auto thread = static_cast<pid_t>(process.addresses().at(0));
     ASSERT_TRUE(process.step_to(process.addresses().at(1)));
     process.child().tell(1);
-    const fs::path call = "/proc/" + std::to_string(process.child().process_id()) + "/task/" + thread + "/syscall";
-    while (test::contents_of(call).rfind(std::to_string(SYS_write) + " ", 0) != 0) std::this_thread::yield();
+    wait_until_asleep_in(SYS_write, static_cast<pid_t>(process.child().process_id()), thread);
     process.run();
     EXPECT_EQ(process.wait(), Stepper::State::at_end) << "it was ended by a signal";
     EXPECT_EQ(lock.owner(), process.child().process_id());

@@ -1,20 +1,20 @@
 // Programs that close all of their descriptors, as daemons do, and with them what guards their objects, but go on using
 // the objects.
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <kzmkernel.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "kernel_linux_tools.h"
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
 
 namespace {
 
@@ -134,7 +134,7 @@ TEST_P(KernelLostGuardsOf, AForkedChildLeaveTheObjectOfItsParentThatEnded) {
         child_is_alone.await();
         kzmkernel_close(handle);
         child_is_alone.give();
-        hang();
+        pause_forever();
     });
     child_is_alone.await();
     parent.kill();

@@ -4,7 +4,6 @@
 #include <kzmkernel.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,36 +13,21 @@
 #include <functional>
 #include <string>
 
-#include "kernel_linux_tools.h"
 #include "support/child.h"
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
+#include "support/memory_disk_linux.h"
+#include "support/other_user_linux.h"
 #include "support/temporary_folder.h"
 
 namespace {
 
 using namespace kernel_test;
 
-constexpr uid_t other_user = 54321;
-
-fs::path sibling() {
-    return folder().string() + ".guard";
-}
-
-void become_other_user() {
-    ASSERT_EQ(setresgid(other_user, other_user, other_user), 0) << "run this as root: " << strerror(errno);
-    ASSERT_EQ(setresuid(other_user, other_user, other_user), 0) << "run this as root: " << strerror(errno);
-}
+const uid_t other_user = spare_user();
 
 void as_other_user(const std::function<void()>& body) {
-    in_fork([&] {
-        become_other_user();
-        body();
-    });
-}
-
-/// Create and open of a mutex fail with this error.
-void expect_refused(uint32_t error) {
-    EXPECT_EQ(Handle(create_mutex(object_name())).error, error);
-    EXPECT_EQ(Handle(open_mutex(object_name())).error, error);
+    in_fork_as(other_user, body);
 }
 
 TEST(KernelOtherUsers, CannotKeepAnybodyFromStartingByLockingTheMemoryDisk) {
@@ -51,7 +35,7 @@ TEST(KernelOtherUsers, CannotKeepAnybodyFromStartingByLockingTheMemoryDisk) {
         use_private_memory_disk();
         Sign locked;
         Forked attacker([&] {
-            become_other_user();
+            become(other_user);
             const int disk = open("/dev/shm", O_RDONLY | O_DIRECTORY);
             struct flock everything {};
             everything.l_type = F_RDLCK;
@@ -59,7 +43,7 @@ TEST(KernelOtherUsers, CannotKeepAnybodyFromStartingByLockingTheMemoryDisk) {
             EXPECT_EQ(fcntl(disk, F_SETLK, &everything), 0);
             EXPECT_EQ(flock(disk, LOCK_EX), 0);
             locked.give();
-            hang();
+            pause_forever();
         });
         locked.await();
         expect_new(create_mutex, object_name());
@@ -129,7 +113,7 @@ TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingMakeNobodyUseIt) {
         in_fork([plant] {
             use_private_memory_disk();
             as_other_user(plant);
-            expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
         });
     }
 }
@@ -143,7 +127,8 @@ TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingAreNamed) {
             as_other_user(plant);
             const fs::path planted = fs::directory_iterator("/dev/shm")->path();
             EXPECT_EQ(create_mutex(object_name()), nullptr);
-            EXPECT_EQ(kzmkernel_explanation(), planted.string() + " belongs to user 54321, not to you" + advice);
+            EXPECT_EQ(kzmkernel_explanation(),
+                      planted.string() + " belongs to user " + std::to_string(other_user) + ", not to you" + advice);
             kzmkernel_set_last_error(KZMKERNEL_ERROR_NOT_OWNER);
             EXPECT_STREQ(kzmkernel_explanation(), "") << "of another failure";
             fs::remove(planted);
@@ -183,11 +168,12 @@ TEST(KernelFolderVariable, IsNoneWhenItIsEmpty) {
 TEST(KernelFolderVariable, RefusesWhatIsNotTheFullPathOfAFolder) {
     for (const char* const place : {"ours", "./ours", "/", "/dev/shm/.", "/dev/shm/..", "//"}) {
         with_folder(place, [place] {
-            expect_refused(KZMKERNEL_ERROR_INVALID_NAME);
+            expect_mutex_refused(KZMKERNEL_ERROR_INVALID_NAME);
             EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("KZMKERNEL_FOLDER=" + std::string(place)));
         });
     }
-    with_folder(("/dev/shm/" + std::string(300, 'n')).c_str(), [] { expect_refused(KZMKERNEL_ERROR_INVALID_NAME); });
+    with_folder(("/dev/shm/" + std::string(300, 'n')).c_str(),
+                [] { expect_mutex_refused(KZMKERNEL_ERROR_INVALID_NAME); });
     with_folder("/dev/shm/missing/ours", [] {
         EXPECT_EQ(Handle(create_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
         EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("cannot open /dev/shm/missing/: "));
@@ -199,7 +185,7 @@ TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
         fs::create_directory("/dev/shm/parent");
         for (const unsigned mode : {0777u, 0770u, 0702u}) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
-            expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
             EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("in /dev/shm/parent/ other users may remove"));
         }
         for (const unsigned mode : {0700u, 0755u, 01777u}) {
@@ -210,7 +196,7 @@ TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
         for (const unsigned mode : {0755u, 01777u}) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
             ASSERT_EQ(chown("/dev/shm/parent", other_user, other_user), 0);
-            expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
         }
     });
 }
@@ -218,8 +204,9 @@ TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
 TEST(KernelFolderVariable, RefusesAFolderOfAnotherUser) {
     with_folder("/dev/shm/ours", [] {
         as_other_user([] { mkdir("/dev/shm/ours", 0700); });
-        expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
-        EXPECT_EQ(kzmkernel_explanation(), std::string("/dev/shm/ours belongs to user 54321, not to you") + advice);
+        expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+        EXPECT_EQ(kzmkernel_explanation(),
+                  "/dev/shm/ours belongs to user " + std::to_string(other_user) + ", not to you" + advice);
     });
 }
 
@@ -319,159 +306,15 @@ TEST(KernelOtherUsers, CannotHoldAnybodyUpWithALeaseOnAPlantedSibling) {
         use_private_memory_disk();
         Sign leased;
         Forked attacker([&] {
-            become_other_user();
+            become(other_user);
             const int planted = open("/dev/shm/kzmkernel.0.guard", O_RDWR | O_CREAT | O_EXCL, 0666);
             signal(SIGIO, SIG_IGN);
             EXPECT_EQ(fcntl(planted, F_SETLEASE, F_WRLCK), 0) << strerror(errno);
             leased.give();
-            hang();
+            pause_forever();
         });
         leased.await();
-        expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
-    });
-}
-
-// One's own folder and sibling.
-
-TEST(KernelSibling, IsAnEmptyFileForItsUserAloneUnderAnyUmask) {
-    for (const mode_t mask : {0000u, 0177u, 0277u, 0777u}) {
-        in_fork([mask] {
-            use_private_memory_disk();
-            umask(mask);
-            const Handle mutex(create_mutex(object_name()));
-            EXPECT_EQ(mutex.error, 0u);
-            struct stat found {};
-            ASSERT_EQ(stat(sibling().c_str(), &found), 0);
-            EXPECT_EQ(found.st_mode, static_cast<mode_t>(S_IFREG | 0600));
-            EXPECT_EQ(found.st_uid, geteuid());
-            EXPECT_EQ(found.st_size, 0);
-        });
-    }
-}
-
-TEST(KernelSibling, OfAnotherModeOrWithASecondLinkIsRefused) {
-    in_fork([] {
-        use_private_memory_disk();
-        { const Handle maker(create_mutex(object_name())); }
-        for (const unsigned mode : {0640u, 0602u, 0700u, 04600u}) {
-            ASSERT_EQ(chmod(sibling().c_str(), mode), 0);
-            expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
-        }
-        // Fewer permissions than ours are what a creator leaves that was killed in between.
-        for (const unsigned mode : {0000u, 0200u, 0400u}) {
-            ASSERT_EQ(chmod(sibling().c_str(), mode), 0);
-            expect_new(create_mutex, object_name());
-        }
-        fs::create_hard_link(sibling(), "/dev/shm/second");
-        expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
-        fs::remove("/dev/shm/second");
-        expect_new(create_mutex, object_name());
-    });
-}
-
-TEST(KernelSibling, RemovedAloneIsMadeAgainAndTheObjectsStay) {
-    in_fork([] {
-        use_private_memory_disk();
-        Sign held;
-        Forked holder([&] {
-            create_mutex(object_name());
-            held.give();
-            hang();
-        });
-        held.await();
-        fs::remove(sibling());
-        const Handle opened(create_mutex(object_name()));
-        EXPECT_EQ(opened.error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
-        EXPECT_TRUE(fs::exists(sibling()));
-        // The new one guards the folder as the first one did.
-        fs::remove_all(folder());
-        in_fork([] { expect_refused(KZMKERNEL_ERROR_FILE_INVALID); });
-    });
-}
-
-TEST(KernelSibling, RemovedWithItsFolderWhileNobodyHoldsThemIsMadeAgain) {
-    in_fork([] {
-        use_private_memory_disk();
-        { const Handle handle(create_mutex(object_name())); }
-        fs::remove_all(folder());
-        fs::remove(sibling());
-        EXPECT_EQ(Handle(open_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
-        EXPECT_FALSE(fs::exists(folder()));
-        EXPECT_FALSE(fs::exists(sibling()));
-        expect_new(create_mutex, object_name());
-    });
-}
-
-// A second process comes after the removal, wherever the first one stands.
-TEST(KernelFolder, RemovedAtAnyStepOfACreatorNeverHoldsASecondObject) {
-    in_fork([] {
-        use_private_memory_disk();
-        bool ended = false;
-        int noticed = 0, stops = 1;
-        for (; !ended && !HasFailure(); ++stops) {
-            fs::remove_all(folder());
-            fs::remove(sibling());
-            // Its answer is its number of the object, or 0 when it was refused, at the call of getppid().
-            Traced creator([&] {
-                const Handle mutex(create_mutex(object_name()));
-                const uint64_t number = mutex.value ? kzmkernel_object_number(mutex.value) : 0;
-                syscall(SYS_getppid, number);
-            });
-            const auto is_done = [&] {
-                const std::vector<uint64_t> call = creator.entered();
-                return !call.empty() && call[0] == SYS_getppid;
-            };
-            for (int i = 0; i < stops && !ended; ++i) ended = !creator.step() || is_done();
-            fs::remove_all(folder());
-            const Handle second(create_mutex(object_name()));
-            while (!is_done()) ASSERT_TRUE(creator.step());
-            const uint64_t first_number = creator.entered().at(1);
-            if (second.value && first_number != 0) {
-                EXPECT_EQ(first_number, kzmkernel_object_number(second.value)) << "two objects at stop " << stops;
-            }
-            noticed += second.error == KZMKERNEL_ERROR_FILE_INVALID;
-            while (creator.step()) {
-            }
-            EXPECT_EQ(creator.status(), 0);
-        }
-        EXPECT_GT(stops, 40);
-        EXPECT_GT(noticed, 0);
-    });
-}
-
-// Each has looked at its own folder and found that no other one lives.
-TEST(KernelFolder, RemovedBetweenTwoCreatorsThatAreInTheirFoldersHoldsOneObject) {
-    in_fork([] {
-        use_private_memory_disk();
-        Sign over;
-        const auto create = [&] {
-            const Handle mutex(create_mutex(object_name()));
-            syscall(SYS_getppid, kzmkernel_object_number(mutex.value));
-            over.await();
-        };
-        Traced first(create), second(create);
-        const auto run_to = [](Traced& creator, uint64_t number, uint64_t other) {
-            while (creator.step()) {
-                const std::vector<uint64_t> call = creator.entered();
-                if (!call.empty() && (call[0] == number || call[0] == other)) return;
-            }
-            FAIL() << "ended";
-        };
-        const auto run_to_its_locks = [&](Traced& creator) {
-            do {
-                run_to(creator, SYS_fcntl, SYS_fcntl);
-            } while (!testing::Test::HasFailure() && creator.entered().at(2) != F_OFD_SETLK);
-        };
-        run_to_its_locks(first);
-        fs::remove_all(folder());
-        run_to_its_locks(second);
-        // Where the first one waits for the second it sleeps.
-        run_to(first, SYS_getppid, SYS_clock_nanosleep);
-        run_to(second, SYS_getppid, SYS_getppid);
-        while (!HasFailure() && first.entered().at(0) != SYS_getppid) run_to(first, SYS_getppid, SYS_clock_nanosleep);
-        ASSERT_FALSE(HasFailure());
-        EXPECT_EQ(first.entered().at(1), second.entered().at(1));
-        EXPECT_NE(first.entered().at(1), 0u);
+        expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
     });
 }
 

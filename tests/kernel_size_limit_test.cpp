@@ -1,5 +1,6 @@
 // Objects that are larger than the process's limit of file sizes (ulimit -f): they are not created, and the signal of
 // that limit, which would end the process, is not sent to it.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <kzmkernel.h>
 #include <sys/resource.h>
@@ -7,13 +8,13 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <string>
 #include <thread>
 
-#include "kernel_linux_tools.h"
 #include "shmnm.h"
 #include "support/child.h"
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
 #include "support/temporary_folder.h"
 
 namespace {

@@ -5,7 +5,6 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +17,7 @@
 
 #include "kzmlog.h"
 #include "kzmlog_test_platform.h"
+#include "support/forked_linux.h"
 
 namespace test {
 
@@ -96,16 +96,16 @@ TEST_F(KzmLog, KeepsTheErrnoOfItsCaller) {
 TEST_F(KzmLog, IsWrittenByAForkedChildToo) {
     void* const log = open_log();
     EXPECT_EQ(write(log, "parent"), 0);
-    const pid_t child = fork();
-    if (child == 0) _exit(write(log, "child") == 0 && kzmlog_close(log) == 0 ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    Forked child([log] {
+        EXPECT_EQ(write(log, "child"), 0);
+        EXPECT_EQ(kzmlog_close(log), 0);
+    });
+    EXPECT_EQ(child.wait(), 0);
     EXPECT_EQ(write(log, "parent again"), 0);
     const std::vector<LogLine> lines = parsed(text());
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0].process, process_id());
-    EXPECT_EQ(lines[1].process, static_cast<uint32_t>(child));
+    EXPECT_EQ(lines[1].process, static_cast<uint32_t>(child.id()));
     EXPECT_EQ(lines[1].message, "child");
     EXPECT_EQ(lines[2].process, process_id());
     kzmlog_close(log);
@@ -123,13 +123,10 @@ CHILD(fork_while_others_write) {
     }
     uint64_t failed = 0;
     for (int i = 0; i < 30; ++i) {
-        const pid_t child = fork();
         // Writes, and closes a log that a thread of the parent may have been writing just now.
-        if (child == 0) _exit(write(log, "forked") == 0 && kzmlog_close(log) == 0 && write(log, "") == 6 ? 0 : 1);
-        int status = -1;
-        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-        }
-        failed += status != 0;
+        Forked child(
+            [log] { _exit(write(log, "forked") == 0 && kzmlog_close(log) == 0 && write(log, "") == 6 ? 0 : 1); });
+        failed += child.wait() != 0;
     }
     stop = true;
     for (std::thread& writer : writers) writer.join();

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +8,7 @@
 #include <stdexcept>
 
 #include "support/child_platform.h"
+#include "support/forked_linux.h"
 
 namespace test {
 namespace {
@@ -76,13 +76,8 @@ class LinuxProcess final : public Child::Process {
     }
     int wait() override {
         if (ended_) return status_;
-        int status = 0;
-        // A stop is not an end: whoever steps a child sees it stop.
-        while ((waitpid(pid_, &status, 0) < 0 && errno == EINTR) || WIFSTOPPED(status)) {
-        }
         ended_ = true;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return status_;
+        return status_ = wait_for_end(pid_);
     }
     uint32_t id() const override { return static_cast<uint32_t>(pid_); }
 

@@ -1,23 +1,20 @@
 // Other users of the machine, for tests that run as root: numbers that no account has.
 #pragma once
 
-#include <grp.h>
-#include <unistd.h>
+#include <sys/types.h>
 
-#include <cstdlib>
+#include <functional>
 
 namespace test {
 
-/// A user, and the group of that number, that only this process uses: `which` tells several of them apart.
-inline uid_t spare_user(unsigned which = 0) {
-    return 20'000 + static_cast<uid_t>(getpid()) % 10'000 * 4 + which;
-}
+/// A user, and the group of that number, that only this process uses: `which` tells several of them apart. Forked
+/// children get others, so ask before the fork.
+uid_t spare_user(unsigned which = 0);
 
 /// In a child: becomes that user for good. Ends the process when it may not, which only root may.
-inline void become(uid_t user) {
-    if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 || setresuid(user, user, user) != 0) {
-        std::abort();
-    }
-}
+void become(uid_t user);
+
+/// Runs a part of a test in a child that is another user's.
+void in_fork_as(uid_t user, const std::function<void()>& body);
 
 }  // namespace test

@@ -10,19 +10,17 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/ptrace_linux.h"
+
 namespace test {
 namespace {
 
 constexpr uint64_t no_more_addresses = 0;
 
-[[noreturn]] void fail(const char* what) {
-    throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
-}
-
 /// The siginfo code of a trap that an int3 instruction made; a single step has another one.
 bool came_from_int3(pid_t process) {
     siginfo_t information{};
-    if (ptrace(PTRACE_GETSIGINFO, process, nullptr, &information) != 0) fail("PTRACE_GETSIGINFO");
+    if (ptrace(PTRACE_GETSIGINFO, process, nullptr, &information) != 0) throw_system_error("PTRACE_GETSIGINFO");
     return information.si_code == SI_KERNEL;
 }
 
@@ -52,7 +50,7 @@ bool Watched::changed() {
 }
 
 Stepper::Stepper(const ChildBody& body, std::string_view argument) : child_(start(body, argument)) {
-    if (ptrace(PTRACE_SEIZE, id(), nullptr, PTRACE_O_EXITKILL) != 0) fail("PTRACE_SEIZE");
+    if (ptrace(PTRACE_SEIZE, id(), nullptr, PTRACE_O_EXITKILL) != 0) throw_system_error("PTRACE_SEIZE");
     await_begin();
 }
 
@@ -78,7 +76,8 @@ int Stepper::id() const {
 void Stepper::resume(int request) {
     if (state_ != State::held && state_ != State::at_end) throw std::logic_error("the child is not held");
     request_ = request;
-    if (ptrace(static_cast<__ptrace_request>(request), id(), nullptr, static_cast<long>(signal_)) != 0) fail("ptrace");
+    if (ptrace(static_cast<__ptrace_request>(request), id(), nullptr, static_cast<long>(signal_)) != 0)
+        throw_system_error("ptrace");
     signal_ = 0;
     state_ = State::running;
 }
@@ -95,10 +94,11 @@ Stepper::State Stepper::wait() {
     while (state_ == State::running) {
         siginfo_t stop{};
         // An end is left for Child to reap.
-        if (waitid(P_PID, static_cast<id_t>(id()), &stop, WEXITED | WSTOPPED | WNOWAIT) != 0) fail("waitid");
+        if (waitid(P_PID, static_cast<id_t>(id()), &stop, WEXITED | WSTOPPED | WNOWAIT) != 0)
+            throw_system_error("waitid");
         if (stop.si_code != CLD_TRAPPED && stop.si_code != CLD_STOPPED) return state_ = State::ended;
         int status = 0;
-        if (waitpid(id(), &status, __WALL) < 0) fail("waitpid");
+        if (waitpid(id(), &status, __WALL) < 0) throw_system_error("waitpid");
         state_ = State::held;
         const int signal = WSTOPSIG(status);
         if (status >> 16 == PTRACE_EVENT_STOP) {
@@ -154,7 +154,7 @@ bool Stepper::run_to(uint64_t wanted) {
     user_regs_struct there = registers();
     if (there.rip != wanted + 1) return false;
     there.rip = wanted;
-    if (ptrace(PTRACE_SETREGS, id(), nullptr, &there) != 0) fail("PTRACE_SETREGS");
+    set_registers(id(), there);
     state_ = State::held;
     return true;
 }
@@ -171,7 +171,7 @@ bool Stepper::step_to_system_call(long number) {
 
 Stepper::State Stepper::hold() {
     if (state_ != State::running) return state_;
-    if (ptrace(PTRACE_INTERRUPT, id(), nullptr, nullptr) != 0 && errno != ESRCH) fail("PTRACE_INTERRUPT");
+    if (ptrace(PTRACE_INTERRUPT, id(), nullptr, nullptr) != 0 && errno != ESRCH) throw_system_error("PTRACE_INTERRUPT");
     holding_ = true;
     wait();
     holding_ = false;
@@ -190,30 +190,22 @@ void Stepper::wait_until_asleep() {
 }
 
 user_regs_struct Stepper::registers() const {
-    user_regs_struct result{};
-    if (ptrace(PTRACE_GETREGS, id(), nullptr, &result) != 0) fail("PTRACE_GETREGS");
-    return result;
+    return registers_of(id());
 }
 uint64_t Stepper::address() const {
-    errno = 0;
-    const long result = ptrace(PTRACE_PEEKUSER, id(), offsetof(user, regs.rip), nullptr);
-    if (errno != 0) fail("PTRACE_PEEKUSER");
-    return static_cast<uint64_t>(result);
+    return registers().rip;
 }
 uint64_t Stepper::peek(uint64_t where) const {
-    errno = 0;
-    const long result = ptrace(PTRACE_PEEKTEXT, id(), where, nullptr);
-    if (errno != 0) fail("PTRACE_PEEKTEXT");
-    return static_cast<uint64_t>(result);
+    return test::peek(id(), where);
 }
 void Stepper::poke(uint64_t where, uint64_t word) {
-    if (ptrace(PTRACE_POKETEXT, id(), where, word) != 0) fail("PTRACE_POKETEXT");
+    test::poke(id(), where, word);
 }
 
 void Stepper::let_go() {
     hold();
     if (state_ == State::ended) return;
-    if (ptrace(PTRACE_DETACH, id(), nullptr, static_cast<long>(signal_)) != 0) fail("PTRACE_DETACH");
+    if (ptrace(PTRACE_DETACH, id(), nullptr, static_cast<long>(signal_)) != 0) throw_system_error("PTRACE_DETACH");
     state_ = State::running;
 }
 

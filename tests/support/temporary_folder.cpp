@@ -23,7 +23,11 @@ TemporaryFolder::~TemporaryFolder() {
 
 void TemporaryFolder::write(const std::filesystem::path& name, std::string_view contents) const {
     std::filesystem::create_directories((path_ / name).parent_path());
-    std::ofstream(path_ / name, std::ios::binary) << contents;
+    write_text(path_ / name, contents);
+}
+
+void write_text(const std::filesystem::path& file, std::string_view text) {
+    std::ofstream(file, std::ios::binary) << text;
 }
 
 std::string contents_of(const std::filesystem::path& file) {

@@ -23,6 +23,8 @@ class TemporaryFolder {
     std::filesystem::path path_;
 };
 
+/// Writes a text file, or into one that is there.
+void write_text(const std::filesystem::path& file, std::string_view text);
 /// A file's contents, byte for byte; empty when there is none.
 std::string contents_of(const std::filesystem::path& file);
 

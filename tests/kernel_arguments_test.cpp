@@ -1,0 +1,106 @@
+// The names and arguments that kzmkernel takes and refuses, and the numbers that tell its objects apart.
+#include <gtest/gtest.h>
+#include <kzmkernel.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
+
+namespace {
+
+using namespace kernel_test;
+
+TEST(KernelName, MayHave200Bytes) {
+    const std::string name = object_name(), longest = name + std::string(200 - name.size(), 'n');
+    EXPECT_EQ(Handle(create_mutex(longest)).error, 0u);
+    EXPECT_EQ(Handle(create_mapping(longest)).error, 0u);
+}
+
+TEST(KernelName, ThatIsNoneIsRefused) {
+    for (const std::string& name :
+         {std::string(), std::string(201, 'n'), std::string("."), std::string(".new"), std::string("../x"),
+          std::string("a/b"), std::string("a\nb"), std::string("a\x7F")}) {
+        EXPECT_EQ(Handle(create_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_INVALID_NAME}) << name;
+        EXPECT_EQ(Handle(open_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_INVALID_NAME}) << name;
+        EXPECT_EQ(Handle(create_mapping(name)).error, uint32_t{KZMKERNEL_ERROR_INVALID_NAME}) << name;
+        EXPECT_EQ(Handle(open_mapping(name)).error, uint32_t{KZMKERNEL_ERROR_INVALID_NAME}) << name;
+    }
+    EXPECT_EQ(Handle(kzmkernel_create_mutex(nullptr)).error, uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
+}
+
+TEST(KernelName, MayHaveAnyOtherBytes) {
+    const Handle handle(create_mutex(object_name() + " Global\\\xC3\xA4\xFF.new"));
+    EXPECT_EQ(handle.error, 0u);
+}
+
+TEST(KernelMappingArguments, AreChecked) {
+    const std::string name = object_name();
+    EXPECT_EQ(Handle(kzmkernel_create_mapping(2, page, name.c_str())).error,
+              uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(Handle(kzmkernel_open_mapping(0, name.c_str())).error, uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
+    const Handle mapping(create_mapping(name, uint64_t{3} * 65536));
+    const auto error_of = [&](uint32_t access, uint64_t offset, size_t length) {
+        EXPECT_EQ(kzmkernel_map_view(mapping.value, access, offset, length), nullptr);
+        return kzmkernel_last_error();
+    };
+    EXPECT_EQ(error_of(0, 0, 0), uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(error_of(2, page, 0), uint32_t{KZMKERNEL_ERROR_MAPPED_ALIGNMENT});
+    EXPECT_EQ(error_of(2, uint64_t{3} * 65536, 0), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+    EXPECT_EQ(error_of(2, 65536, 2 * 65536 + 1), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+    EXPECT_EQ(error_of(2, 0, SIZE_MAX), uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+    char* const whole = map(mapping.value);
+    auto* const part = static_cast<char*>(kzmkernel_map_view(mapping.value, 2, 65536, page + 1));
+    EXPECT_EQ(kzmkernel_view_size(part), 2 * page);
+    part[0] = 'p';
+    EXPECT_EQ(whole[65536], 'p');
+    EXPECT_EQ(kzmkernel_view_size(whole + page), 0u);
+    EXPECT_FALSE(kzmkernel_unmap_view(whole + page));
+    EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_ADDRESS});
+    EXPECT_TRUE(kzmkernel_unmap_view(part));
+    EXPECT_FALSE(kzmkernel_unmap_view(part));
+    EXPECT_EQ(kzmkernel_view_size(part), 0u);
+    EXPECT_TRUE(kzmkernel_unmap_view(whole));
+}
+
+TEST(KernelMutexOpen, FindsOnlyWhatLives) {
+    const std::string name = object_name();
+    EXPECT_EQ(Handle(open_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+    const Handle created(create_mutex(name));
+    kzmkernel_set_last_error(77);
+    const Handle opened(open_mutex(name));
+    EXPECT_NE(opened.value, nullptr);
+    EXPECT_EQ(opened.error, 77u);
+    EXPECT_EQ(kzmkernel_wait(created.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_release(opened.value));
+}
+
+TEST(KernelObjectNumber, IsOneForAllHandlesAndProcessesAndAnotherForItsSuccessor) {
+    Handle mapping(create_mapping(object_name()));
+    const uint64_t number = kzmkernel_object_number(mapping.value);
+    EXPECT_NE(number, 0u);
+    Handle again(create_mapping(object_name()));
+    EXPECT_EQ(kzmkernel_object_number(again.value), number);
+    Forked other([&] {
+        const Handle opened(kzmkernel_open_mapping(4, object_name().c_str()));
+        _exit(kzmkernel_object_number(opened.value) == number ? 0 : 1);
+    });
+    EXPECT_EQ(other.wait(), 0);
+    const Handle another(create_mapping(object_name() + "2"));
+    EXPECT_NE(kzmkernel_object_number(another.value), number);
+    mapping.close();
+    again.close();
+    const Handle successor(create_mapping(object_name()));
+    EXPECT_EQ(successor.error, 0u);
+    EXPECT_NE(kzmkernel_object_number(successor.value), number);
+}
+
+TEST(KernelObjectNumber, NeedsAnOpenHandle) {
+    EXPECT_EQ(kzmkernel_object_number(nullptr), 0u);
+    EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+    const Handle mutex(create_mutex(object_name()));
+    EXPECT_NE(kzmkernel_object_number(mutex.value), 0u);
+}
+
+}  // namespace

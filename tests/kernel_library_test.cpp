@@ -1,0 +1,91 @@
+// kzmkernel is unloaded and loaded again.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <kzmkernel.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
+#include "support/temporary_folder.h"
+
+namespace {
+
+using namespace kernel_test;
+
+/// A second copy of the library, which can be loaded and unloaded.
+class LoadedCopy {
+  public:
+    LoadedCopy() : file_(folder_.path() / "libkzmkernel.so") {
+        // The libraries of the build lie beside its programs.
+        const fs::path original = fs::read_symlink("/proc/self/exe").parent_path() / "libkzmkernel.so";
+        fs::copy_file(original, file_);
+        load();
+    }
+    void load() { library_ = dlopen(file_.c_str(), RTLD_NOW | RTLD_LOCAL); }
+    void unload() { dlclose(std::exchange(library_, nullptr)); }
+    bool is_loaded() const { return test::contents_of("/proc/self/maps").find(file_.string()) != std::string::npos; }
+    template <typename Function>
+    Function* function(const char* name) const {
+        return reinterpret_cast<Function*>(dlsym(library_, name));
+    }
+
+  private:
+    test::TemporaryFolder folder_;
+    fs::path file_;
+    void* library_ = nullptr;
+};
+#define FUNCTION_OF(copy, name) (copy).function<decltype(name)>(#name)
+
+TEST(KernelLibrary, IsUnloadedAfterUse) {
+    const std::string name = object_name();
+    LoadedCopy copy;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(copy.is_loaded());
+        void* const mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+        ASSERT_NE(mutex, nullptr);
+        std::thread([&] {
+            EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+            EXPECT_FALSE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+            EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_last_error)(), uint32_t{KZMKERNEL_ERROR_NOT_OWNER});
+        }).join();
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        copy.unload();
+        EXPECT_FALSE(copy.is_loaded());
+        in_fork([] {});  // its fork handlers are gone
+        copy.load();
+    }
+    copy.unload();
+}
+
+TEST(KernelLibrary, FindsItsThreadsLocksAgainWhenItIsLoadedAgain) {
+    // The lock's memory stays with the process, which therefore is one that ends.
+    in_fork([] {
+        const std::string name = object_name();
+        const Handle holder(create_mutex(name));
+        LoadedCopy copy;
+        void* mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+        ASSERT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        copy.unload();
+        ASSERT_FALSE(copy.is_loaded());
+        copy.load();
+        mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+        EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+        std::thread([&] { EXPECT_EQ(kzmkernel_wait(holder.value, 0), uint32_t{KZMKERNEL_WAIT_TIMEOUT}); }).join();
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+        std::thread([&] {
+            EXPECT_EQ(kzmkernel_wait(holder.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(kzmkernel_release(holder.value));
+        }).join();
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        copy.unload();
+    });
+}
+
+}  // namespace

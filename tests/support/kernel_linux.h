@@ -1,0 +1,95 @@
+// What tests of kzmkernel share: the objects of the running test and their files, and waiters that sleep for a mutex.
+#pragma once
+
+#include <kzmkernel.h>
+
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <string>
+
+#include "support/sleepers_linux.h"
+
+namespace kernel_test {
+
+namespace fs = std::filesystem;
+using namespace test;
+
+inline constexpr uint32_t for_everything = 0xF001F;
+inline constexpr size_t page = 4096, kib = 1024;
+
+/// A name of the running test's own.
+std::string object_name();
+
+fs::path folder();
+/// The file that guards the folder.
+fs::path sibling();
+fs::path file_of_mutex(const std::string& name);
+fs::path file_of_mapping(const std::string& name);
+
+/// An object's handle, closed with its owner, and the last error that its making left.
+struct Handle {
+    explicit Handle(void* made) : value(made), error(kzmkernel_last_error()) {}
+    ~Handle() { close(); }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    void close();
+    void* value;
+    uint32_t error;
+};
+
+void* create_mutex(const std::string& name);
+void* open_mutex(const std::string& name);
+void* create_mapping(const std::string& name, uint64_t size = page);
+/// A mapping of one page.
+void* create_page(const std::string& name);
+void* open_mapping(const std::string& name);
+char* map(void* mapping);
+
+/// Mutexes and mappings, for what they have in common.
+struct Kind {
+    const char* name;
+    void* (*create)(const std::string& name);
+    void* (*open)(const std::string& name);
+    fs::path (*file)(const std::string& name);
+};
+inline constexpr Kind kinds[] = {{"Mutex", create_mutex, open_mutex, file_of_mutex},
+                                 {"Mapping", create_page, open_mapping, file_of_mapping}};
+
+/// Creates an object and checks that there was none of its name.
+void expect_new(void* (*create)(const std::string&), const std::string& name);
+
+/// Creates and opens the running test's mutex and checks that both fail with this error.
+void expect_mutex_refused(uint32_t error);
+
+kzmkernel_mutex_info info_of(void* mutex);
+
+uint64_t clock_ns(clockid_t clock);
+
+/// Where this process has a file mapped.
+uint8_t* mapped_page_of(const fs::path& file);
+
+/// How often another process calls the kernel for a mutex while it takes and releases it a hundred times.
+int calls_to_futex_of_100_takes(void* mutex);
+
+/// A thread that waits for a mutex, asleep once this is made, and releases it when it had it.
+class SleepingWaiter {
+  public:
+    explicit SleepingWaiter(void* mutex);
+    /// Waits for the result of the wait.
+    uint32_t result();
+
+  private:
+    uint32_t result_ = KZMKERNEL_WAIT_FAILED;
+    SleepingThread thread_;
+};
+
+/// Two that waited for the caller's mutex, which is released: the first has been woken and stands on its way out of the
+/// kernel.
+struct WokenAndSleeping {
+    explicit WokenAndSleeping(void* mutex);
+    SleepingProcess woken;
+    SleepingWaiter sleeping;
+};
+
+}  // namespace kernel_test

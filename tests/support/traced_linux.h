@@ -1,0 +1,45 @@
+// Runs a forked child from one system call to the next, sees the calls and makes them fail. Linux on x86-64.
+// stepper_linux.h runs children instruction by instruction.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "support/forked_linux.h"
+
+namespace test {
+
+/// Its child begins stopped, before the function that it runs.
+class Traced {
+  public:
+    explicit Traced(const std::function<void()>& body);
+
+    /// Lets it go on to where it enters or leaves a system call.
+    void go();
+    /// Waits until it stands there; false when it ended.
+    bool stands();
+    /// Both.
+    bool step();
+    /// The call that it enters: its number and its arguments; nothing when it does not enter one.
+    std::vector<uint64_t> entered() const;
+    /// Throws when it ends without that call.
+    void run_until_it_enters(uint64_t number);
+    /// 8 bytes of its memory.
+    uint64_t word_at(uint64_t address) const;
+    /// Where it enters a system call: makes the call fail instead.
+    void fail_call(int error);
+
+    pid_t id() const { return child_.id(); }
+    void kill() { child_.kill(); }
+    /// Of a child that ended, as waitpid() gives it.
+    int status() const { return status_; }
+
+  private:
+    Forked child_;
+    int status_ = 0;
+};
+
+}  // namespace test
