@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -148,6 +149,13 @@ class Holder {
     Forked process_;
 };
 
+std::string busy_text(pid_t holder) {
+    char text[200];
+    std::snprintf(text, sizeof text, "process %d does not let go of %s: let it go on (kill -CONT %d) or end it", holder,
+                  folder().c_str(), holder);
+    return text;
+}
+
 TEST(KernelGate, HeldByAStoppedProcessFailsEveryCallAfterTwoSeconds) {
     in_fork([] {
         use_private_memory_disk();
@@ -161,9 +169,7 @@ TEST(KernelGate, HeldByAStoppedProcessFailsEveryCallAfterTwoSeconds) {
             clock_gettime(CLOCK_MONOTONIC, &end);
             EXPECT_EQ(handle.value, nullptr);
             EXPECT_EQ(handle.error, uint32_t{KZMKERNEL_ERROR_BUSY});
-            const std::string id = std::to_string(holder.id());
-            EXPECT_EQ(kzmkernel_explanation(), "process " + id + " does not let go of " + folder().string() +
-                                                   ": let it go on (kill -CONT " + id + ") or end it");
+            EXPECT_EQ(kzmkernel_explanation(), busy_text(holder.id()));
             EXPECT_GE(end.tv_sec - begin.tv_sec, 1);
         }
         // What is closed meanwhile is closed. Its file is known to be a dead object's later.

@@ -174,6 +174,7 @@ TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForTheFilesThatGetTheirNumbers) {
         Handle handle(create());
         close_all_descriptors();
         std::vector<int> own;
+        own.reserve(5);
         for (int i = 0; i < 5; ++i) own.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
         EXPECT_EQ(own[0], STDERR_FILENO + 1);
         handle.close();
