@@ -62,6 +62,8 @@ KERNEL_WAITS = ("lock", "locked_set", "picture")
 PROCESSES = 5
 PATIENCE_S = 20
 GOOD_PATH_CALLS = 1_000_000
+# Regions that each function is tried on, and how long its slowest call may take.
+WORST_HEADER_TRIES, WORST_HEADER_MS = 120, 100
 HAMMER_MS, HAMMER_ROUNDS = 100, 15
 ATTACH_PROCESSES, ATTACHES = 11, 20
 
@@ -351,6 +353,16 @@ def good_path(result, folder):
     result.add("good_path", text, "0, 0, 0", allocations == system_calls == locks == 0)
 
 
+def worst_header(result, folder):
+    with Installation() as installation:
+        lines = installation.output_of(folder / "worst_header_bench", WORST_HEADER_TRIES).splitlines()
+    tried = sorted(((float(line.split()[1]), line) for line in lines), reverse=True)
+    result.figures["worst_header"] = [line for _, line in tried]
+    ms, worst = tried[0]
+    text = f"{len(tried)} calls, each on {WORST_HEADER_TRIES} damaged regions: {ms:.0f} ms at most, {worst.split()[0]}"
+    result.add("worst_header", text, f"<= {WORST_HEADER_MS} ms", ms <= WORST_HEADER_MS)
+
+
 def cells_of(result):
     """The table as texts: its heads, then a line each."""
     shown = [peer for peer in PEERS if any(peer in row["peers"] for row in result.rows)]
@@ -467,6 +479,7 @@ def main():
             "owner_killed": lambda: owner_killed(result, arguments.folder),
             "load, private memory": lambda: load_and_memory(result, arguments.folder),
             "good_path": lambda: good_path(result, arguments.folder),
+            "worst_header": lambda: worst_header(result, arguments.folder),
         }
     for names, do in subjects.items():
         if re.search(arguments.row, names):

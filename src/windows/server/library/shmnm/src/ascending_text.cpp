@@ -46,16 +46,4 @@ bool AscendingText::repeats_value(size_t from, size_t to) noexcept {
     return alike_end_ >= to;
 }
 
-Found<shmnm_resource> find_ascending(const Region& region, const Table<shmnm_resource>& resources, int32_t position,
-                                     const char* type, const char* name) noexcept {
-    AscendingText of_name(region, name);
-    std::optional<AscendingText> of_type;
-    if (type) of_type.emplace(region, type);
-    for (; position < resources.count(); ++position) {
-        shmnm_resource& resource = resources[position];
-        if (of_name.equals(resource.name) && (!of_type || of_type->equals(resource.type))) return {&resource, position};
-    }
-    return {};
-}
-
 }  // namespace shmnm

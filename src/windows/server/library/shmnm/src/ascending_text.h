@@ -3,8 +3,6 @@
 // Healthy tables are searched by a TextKey, which costs less as long as each text ends within its record.
 #pragma once
 
-#include <optional>
-
 #include "region.h"
 #include "text_key.h"
 
@@ -48,31 +46,11 @@ bool may_read_on(const Table<Record>& records, const TextKey& key) noexcept {
     return !records.apart() || !key.fits(sizeof(Record));
 }
 
-/// The first record of this name from a position on.
+/// The first record of a name that may be so long that comparisons read on.
 template <typename Record>
-[[gnu::cold, gnu::noinline]] Found<Record> find_ascending(const Region& region, const Table<Record>& records,
-                                                          int32_t position, const char* name) noexcept {
+Found<Record> find_ascending(const Region& region, const Table<Record>& records, const char* name) noexcept {
     AscendingText text(region, name);
-    for (; position < records.count(); ++position) {
-        if (text.equals(records[position].name)) return {&records[position], position};
-    }
-    return {};
-}
-/// The same for a resource of this type (null: of any type) and name.
-Found<shmnm_resource> find_ascending(const Region& region, const Table<shmnm_resource>& resources, int32_t position,
-                                     const char* type, const char* name) noexcept;
-
-/// The first record of a name.
-template <typename Record>
-[[gnu::always_inline]] inline Found<Record> find_named(const Region& region, const Table<Record>& records,
-                                                       const char* name) noexcept {
-    const TextKey key(name);
-    return records.first([&](const Record& record) { return key.may_equal(record.name); },
-                         [&](const Record& record) { return key.equals_around(record.name, region.end()); },
-                         [&](int32_t next) -> std::optional<Found<Record>> {
-                             if (!may_read_on(records, key)) return std::nullopt;
-                             return find_ascending(region, records, next, name);
-                         });
+    return records.first([&](const Record& record) { return text.equals(record.name); });
 }
 
 }  // namespace shmnm

@@ -54,7 +54,11 @@ Strip pid_strip(const Region& region) {
 }
 
 Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name) {
-    return find_named(region, Table<shmnm_fst_pid>(region, pid_strip(region), count), name);
+    const Table<shmnm_fst_pid> records(region, pid_strip(region), count);
+    const TextKey key(name);
+    if (!key.fits(sizeof(shmnm_fst_pid))) [[unlikely]]
+        return find_ascending(region, records, name);
+    return records.first([&](const shmnm_fst_pid& record) { return key.equals(record.name, region.end()); });
 }
 
 uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {

@@ -178,19 +178,24 @@ class Table {
     Found<Record> first(const Matches& matches) const noexcept {
         return from(first_, 0, matches);
     }
-    /// The first one that `may_match`, as few do, and `matches`. After one that only may, `others` looks in the
-    /// positions from the next one on, or returns nothing to have that done here.
-    template <typename MayMatch, typename Matches, typename Others>
-    [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches,
-                                               const Others& others) const noexcept {
+    /// The first one that `may_match`, as few do, and `matches`.
+    template <typename MayMatch, typename Matches>
+    [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches) const noexcept {
         uint8_t* place = first_;
         for (int32_t position = 0;;) {
             const Found<Record> found = from(place, position, may_match);
             if (!found || matches(*found.record)) return found;
-            position = found.position + 1;
-            if (const auto other = others(position)) return *other;
             place = reinterpret_cast<uint8_t*>(found.record) + step_;
+            position = found.position + 1;
         }
+    }
+
+    /// The same, but if the first one that may match does not, `later` returns the first one from the next position on.
+    template <typename MayMatch, typename Matches, typename Later>
+    [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches,
+                                               const Later& later) const noexcept {
+        const Found<Record> found = from(first_, 0, may_match);
+        return !found || matches(*found.record) ? found : later(found.position + 1);
     }
 
   private:

@@ -6,6 +6,27 @@
 #include "text_list.h"
 
 namespace shmnm {
+
+Found<shmnm_resource> find_later(const Region& region, Table<shmnm_resource> records, int32_t position,
+                                 const char* type, const char* name) noexcept {
+    const TextKey key(name);
+    if (!may_read_on(records, key)) {
+        for (; position < records.count(); ++position) {
+            shmnm_resource& resource = records[position];
+            if (!key.equals(resource.name, region.end())) continue;
+            if (!type || holds_text(resource.type, region.end(), type)) return {&resource, position};
+        }
+        return {};
+    }
+    AscendingText ascending_name(region, name), ascending_type(region, type ? type : "");
+    for (; position < records.count(); ++position) {
+        shmnm_resource& resource = records[position];
+        if (!ascending_name.equals(resource.name)) continue;
+        if (!type || ascending_type.equals(resource.type)) return {&resource, position};
+    }
+    return {};
+}
+
 namespace {
 
 uint32_t add_resource(Call call, const Region& region, const Kind& kind, const char* type, const char* name,

@@ -48,6 +48,10 @@ inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server)
     return rows.at(resource) + sizeof(uint32_t) * static_cast<uint64_t>(server);
 }
 
+/// The first of these records, from a position on, with this type (null: of any type) and name.
+Found<shmnm_resource> find_later(const Region& region, Table<shmnm_resource> records, int32_t position,
+                                 const char* type, const char* name) noexcept;
+
 /// The first of these records with this type (null: of any type) and name. Which text is compared first makes no
 /// difference to the outcome; names differ more often.
 [[gnu::always_inline]] inline Found<shmnm_resource> find_here(const Region& region,
@@ -59,11 +63,8 @@ inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server)
         return key.equals_around(resource.name, region.end()) &&
                (!type || holds_text(resource.type, region.end(), type));
     };
-    const auto others = [&](int32_t next) -> std::optional<Found<shmnm_resource>> {
-        if (!may_read_on(records, key)) return std::nullopt;
-        return find_ascending(region, records, next, type, name);
-    };
-    return records.first(may_match, matches, others);
+    const auto later = [&](int32_t next) { return find_later(region, records, next, type, name); };
+    return records.first(may_match, matches, later);
 }
 /// The same, for those whom a call more costs nothing.
 inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,

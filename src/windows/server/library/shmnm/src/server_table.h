@@ -16,7 +16,17 @@ struct Servers {
         : region(mapping), count(load(mapping.header().server_count)), records(mapping, server_strip(mapping), count) {}
 
     /// The first server of this name.
-    Found<shmnm_server> named(const char* name) const noexcept { return find_named(region, records, name); }
+    Found<shmnm_server> named(const char* name) const noexcept {
+        const TextKey key(name);
+        if (!key.fits(sizeof(shmnm_server))) [[unlikely]]
+            return long_named(name);
+        return records.first([&](const shmnm_server& server) { return key.may_equal(server.name); },
+                             [&](const shmnm_server& server) { return key.equals_around(server.name, region.end()); });
+    }
+    /// The same in linear time, however much of a name records without a NUL hold.
+    [[gnu::cold, gnu::noinline]] Found<shmnm_server> long_named(const char* name) const noexcept {
+        return find_ascending(region, records, name);
+    }
     /// The first server of this priority.
     Found<shmnm_server> of_priority(int32_t pri) const noexcept {
         return records.first([=](const shmnm_server& server) { return load(server.pri) == pri; });
