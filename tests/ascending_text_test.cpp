@@ -54,7 +54,7 @@ std::string random_text(View& view) {
     return text;
 }
 
-TEST(AscendingText, IsFoundInTheFieldsThatHoldIt) {
+TEST(AscendingText, IsFoundInEveryFieldThatHoldsIt) {
     std::mt19937_64 random(1);
     size_t found = 0;
     for (unsigned round = 0; round < test::share_of(1'000); ++round) {
@@ -71,7 +71,7 @@ TEST(AscendingText, IsFoundInTheFieldsThatHoldIt) {
     EXPECT_GT(found, test::share_of(500));
 }
 
-TEST(AscendingText, IsFoundInFieldsThatWereSetOnTheWay) {
+TEST(AscendingText, IsFoundInFieldsSetDuringTheSearch) {
     static const uint32_t values[] = {0x73737373, 0x73737373, 0x73007373, 0x00737373, 0x74737373, 2, 0};
     std::mt19937_64 random(1);
     size_t found = 0;

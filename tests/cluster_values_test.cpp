@@ -14,7 +14,7 @@ class ClusterValues : public test::RegionTest {
     ClusterValues() { map_region({.servers = 2, .hb = 1, .np = 1}); }
 };
 
-TEST_F(ClusterValues, SetTheThreeMaximumValuesWithoutMovingAnything) {
+TEST_F(ClusterValues, SetTheThreeMaximumValuesAndMoveNoRecord) {
     Bytes expected = region_bytes();
     expected[8] = 200;
     expected[12] = 30;
@@ -33,7 +33,7 @@ TEST_F(ClusterValues, SetTheThreeMaximumValuesWithoutMovingAnything) {
     EXPECT_EQ(size, 1084 + 2 * 320 + 2 * 592 + 2 * 588 + 2 * 324 + 584) << "the size stays the mapped one";
 }
 
-TEST_F(ClusterValues, TakeMaximumValuesFromOneWithoutAnUpperBound) {
+TEST_F(ClusterValues, AcceptMaximumValuesOfOneAndAboveWithoutAnUpperBound) {
     EXPECT_EQ(shmnm_setmaxvalue_ex(1, 1, 1), SHMNM_OK);
     EXPECT_EQ(shmnm_setmaxvalue_ex(INT32_MAX, INT32_MAX, INT32_MAX), SHMNM_OK);
     EXPECT_EQ(word_at(8), 0x7FFFFFFFu);
@@ -64,7 +64,7 @@ TEST_F(ClusterValues, NeedAllThreePointersForTheMaximumValues) {
     EXPECT_THAT((std::vector{a, b, c}), ElementsAre(91u, 92u, 93u));
 }
 
-TEST_F(ClusterValues, HoldTheHbInfoPairInReverse) {
+TEST_F(ClusterValues, StoreTheHbInfoPairInReverseOrder) {
     Bytes expected = region_bytes();
     expected[0] = 7;
     expected[4] = 3;
@@ -111,7 +111,7 @@ TEST_F(ClusterValues, ReadZeroAfterAClear) {
     EXPECT_THAT((std::vector{a, b, c}), ElementsAre(0u, 0u, 0u));
 }
 
-TEST_F(ClusterValues, AnswerNotInitBeforeTheyLookAtTheirArguments) {
+TEST_F(ClusterValues, ReportNotInitBeforeTheyCheckTheirArguments) {
     shmnm_delete();
     EXPECT_EQ(shmnm_setmaxvalue_ex(0, 0, 0), SHMNM_ERR_NOTINIT);
     EXPECT_EQ(shmnm_getmaxvalue_ex(nullptr, nullptr, nullptr), SHMNM_ERR_NOTINIT);
@@ -142,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(
                     StateWord{shmnm_setclstat, shmnm_getclstat, "shmnm_setclstat", "shmnm_getclstat", 56}),
     [](const auto& instance) { return "at" + std::to_string(instance.param.offset); });
 
-TEST_P(StateWords, TakeAnyValueAndGiveItBack) {
+TEST_P(StateWords, StoreAnyValueAndReturnIt) {
     for (const uint32_t value : {0u, 1u, 2u, 0x80000000u, 0xFFFFFFFFu, 0u}) {
         Bytes expected = region_bytes();
         for (size_t i = 0; i < 4; ++i) expected[word().offset + i] = static_cast<uint8_t>(value >> 8 * i);
@@ -157,13 +157,13 @@ TEST_P(StateWords, TakeAnyValueAndGiveItBack) {
     }
 }
 
-TEST_P(StateWords, NeedAPointerToBeRead) {
+TEST_P(StateWords, CannotBeReadWithoutAPointer) {
     EXPECT_EQ(word().get(nullptr), SHMNM_ERR_PARAM);
     EXPECT_THAT(log_of_last_call(), ElementsAre(Enter(word().get_tag), Error(word().get_tag, "invalid param"),
                                                 Exit(word().get_tag, SHMNM_ERR_PARAM)));
 }
 
-TEST_P(StateWords, AnswerNotInitFirst) {
+TEST_P(StateWords, ReportNotInitFirst) {
     shmnm_delete();
     EXPECT_EQ(word().get(nullptr), SHMNM_ERR_NOTINIT);
     EXPECT_EQ(word().set(1), SHMNM_ERR_NOTINIT);

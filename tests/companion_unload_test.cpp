@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(Companion, UtilityLeavesTheProcessWhenItIsUnloaded) {
+TEST(Companion, UnloadsKzmutilFromTheProcess) {
     ASSERT_FALSE(test::DynamicLibrary::in_process("kzmutil"));
     for (int round = 0; round < 3; ++round) {
         const test::DynamicLibrary library(test::own_folder() + KZMUTIL_LIBRARY);
@@ -23,7 +23,7 @@ TEST(Companion, UtilityLeavesTheProcessWhenItIsUnloaded) {
     EXPECT_FALSE(test::DynamicLibrary::in_process("kzmutil"));
 }
 
-TEST(Companion, ConfigurationLeavesTheProcessWhenItIsUnloaded) {
+TEST(Companion, UnloadsKzmxmlFromTheProcess) {
     const test::TemporaryFolder folder;
     const test::ScopedEnvironment install_path("KZM_INSTALL_PATH", folder.string().c_str());
     folder.write("etc/cluster.xml", "<root><all><n>1</n></all></root>");
@@ -41,7 +41,7 @@ TEST(Companion, ConfigurationLeavesTheProcessWhenItIsUnloaded) {
     EXPECT_FALSE(test::DynamicLibrary::in_process("kzmxml"));
 }
 
-TEST(Companion, LogLeavesTheProcessWhenItIsUnloaded) {
+TEST(Companion, UnloadsKzmlogFromTheProcess) {
     const test::TemporaryFolder folder;
     const test::ScopedEnvironment install_path("KZM_INSTALL_PATH", folder.string().c_str());
     ASSERT_FALSE(test::DynamicLibrary::in_process(KZMLOG_LIBRARY));

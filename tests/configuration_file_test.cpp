@@ -34,13 +34,13 @@ class ConfigurationPlace : public testing::Test {
     ScopedEnvironment install_path_{"KZM_INSTALL_PATH", folder_.string().c_str()};
 };
 
-TEST_F(ConfigurationPlace, OfAPipeIsRefusedAlsoWhenADocumentCouldBeReadFromIt) {
+TEST_F(ConfigurationPlace, RefusesAPipeEvenIfADocumentCouldBeReadFromIt) {
     const test::PipedDocument pipe(folder().path(), document);
     const ScopedEnvironment install_path("KZM_INSTALL_PATH", pipe.install_path().c_str());
     expect_refused();
 }
 
-TEST_F(ConfigurationPlace, OfWhateverIsNoRegularFileIsRefusedAtOnceAndWritesNoLog) {
+TEST_F(ConfigurationPlace, RefusesAnythingButARegularFileAtOnceAndWritesNoLog) {
     std::filesystem::create_directories(place().parent_path());
     for (const test::Special& special : test::specials()) {
         SCOPED_TRACE(special.name);
@@ -51,7 +51,7 @@ TEST_F(ConfigurationPlace, OfWhateverIsNoRegularFileIsRefusedAtOnceAndWritesNoLo
     EXPECT_FALSE(std::filesystem::exists(folder().path() / "log"));
 }
 
-TEST_F(ConfigurationPlace, MayBeALinkToARegularFile) {
+TEST_F(ConfigurationPlace, AcceptsALinkToARegularFile) {
     folder().write("elsewhere/file", document);
     std::filesystem::create_directories(place().parent_path());
     test::link_file(folder().path() / "elsewhere" / "file", place());

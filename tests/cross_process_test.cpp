@@ -71,11 +71,11 @@ TEST_F(CrossProcess, AllProcessesSeeOneRegion) {
     EXPECT_EQ(shmnm_detach(), SHMNM_OK);
 }
 
-TEST_F(CrossProcess, AnAttachNeedsARegion) {
+TEST_F(CrossProcess, AttachFailsWithoutARegion) {
     EXPECT_EQ(shmnm_attach(), SHMNM_ERR_OPENMAP);
 }
 
-TEST_F(CrossProcess, ASecondCreatorUsesTheRegionAndKeepsItsContents) {
+TEST_F(CrossProcess, SecondCreateUsesTheRegionAndKeepsItsContents) {
     Child first = start(creator);
     ASSERT_EQ(first.reported(), SHMNM_OK);
     ASSERT_EQ(first.reported(), 0u);
@@ -95,7 +95,7 @@ TEST_F(CrossProcess, ASecondCreatorUsesTheRegionAndKeepsItsContents) {
     EXPECT_EQ(shmnm_detach(), SHMNM_OK);
 }
 
-TEST_F(CrossProcess, TheContentsSurviveTheCreator) {
+TEST_F(CrossProcess, ContentsSurviveTheCreator) {
     Child first = start(creator);
     ASSERT_EQ(first.reported(), SHMNM_OK);
     ASSERT_EQ(first.reported(), 0u);
@@ -110,7 +110,7 @@ TEST_F(CrossProcess, TheContentsSurviveTheCreator) {
     EXPECT_EQ(third.reported(), 11u);
 }
 
-TEST_F(CrossProcess, TheRegionIsGoneAndZeroAgainOnceItsLastHolderWasKilled) {
+TEST_F(CrossProcess, RegionEndsWithItsLastKilledHolderAndTheNextOneIsZero) {
     {
         Child first = start(creator);
         ASSERT_EQ(first.reported(), SHMNM_OK);
@@ -154,7 +154,7 @@ CHILD(creates_and_deletes) {
     test::hang();
 }
 
-TEST_F(CrossProcess, DeleteInTheOnlyHolderEndsTheRegionWhileItsProcessLives) {
+TEST_F(CrossProcess, DeleteByTheOnlyHolderEndsTheRegion) {
     Child first = start(creates_and_deletes);
     ASSERT_EQ(first.reported(), SHMNM_OK);
     ASSERT_EQ(first.reported(), SHMNM_OK);
@@ -174,7 +174,7 @@ CHILD(locker) {
     }
 }
 
-TEST_F(CrossProcess, TheLockOfAnotherProcessTimesOut) {
+TEST_F(CrossProcess, TakingALockThatAnotherProcessHoldsTimesOut) {
     Child owner = start(locker);
     owner.tell(1);
     ASSERT_EQ(owner.reported(), 1u);
@@ -200,7 +200,7 @@ TEST_F(CrossProcess, TwoTakesNeedTwoUnlocks) {
     EXPECT_EQ(shmnm_rwunlock(), SHMNM_OK);
 }
 
-TEST_F(CrossProcess, TheLockIsTakenOverFromAKilledOwner) {
+TEST_F(CrossProcess, LockIsTakenOverFromAKilledOwner) {
     Child owner = start(locker);
     owner.tell(2);
     ASSERT_EQ(owner.reported(), 2u);
@@ -219,7 +219,7 @@ CHILD(waiter) {
     test::hang();
 }
 
-TEST_F(CrossProcess, AWaitWithoutLimitEndsWhenTheOwnerIsKilled) {
+TEST_F(CrossProcess, WaitWithoutALimitEndsWhenTheOwnerIsKilled) {
     Child owner = start(locker);
     owner.tell(1);
     ASSERT_EQ(owner.reported(), 1u);
@@ -230,7 +230,7 @@ TEST_F(CrossProcess, AWaitWithoutLimitEndsWhenTheOwnerIsKilled) {
     EXPECT_EQ(shmnm_rwlock(0), SHMNM_ERR_LOCK);
 }
 
-TEST_F(CrossProcess, EveryProcessWritesOneTraceLog) {
+TEST_F(CrossProcess, AllProcessesWriteToOneTraceLog) {
     Child first = start(creator);
     ASSERT_EQ(first.reported(), SHMNM_OK);
     ASSERT_EQ(first.reported(), 0u);
@@ -247,7 +247,7 @@ TEST_F(CrossProcess, EveryProcessWritesOneTraceLog) {
     EXPECT_THAT(lines, HasSubstr("SIZE:"));
 }
 
-TEST_F(CrossProcess, ALogThatCanNoLongerBeWrittenToIsNoErrorOfACall) {
+TEST_F(CrossProcess, CallsSucceedWhenTheLogCanNoLongerBeWritten) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     std::filesystem::remove(folder_.path() / "log" / "shmnm.log");
     std::filesystem::create_directory(folder_.path() / "log" / "shmnm.log");
@@ -256,7 +256,7 @@ TEST_F(CrossProcess, ALogThatCanNoLongerBeWrittenToIsNoErrorOfACall) {
     EXPECT_EQ(shmnm_delete(), SHMNM_OK);
 }
 
-TEST_F(CrossProcess, AMissingConfigurationIsReported) {
+TEST_F(CrossProcess, MissingConfigurationIsReported) {
     std::filesystem::remove(folder_.path() / "etc" / "cluster.xml");
     EXPECT_EQ(shmnm_create(), SHMNM_ERR_LOADCONFIG);
     EXPECT_EQ(log(), "") << "the log was not opened";

@@ -146,7 +146,7 @@ Call long_choices(std::mt19937_64& random) {
     return call;
 }
 
-TEST(DamagedRegion, MakesNoCallFaultAndNoneWriteBeyondTheView) {
+TEST(DamagedRegion, CausesNoFaultAndNoWriteBeyondTheView) {
     const uint64_t seed = model::seed_wanted();
     std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -163,7 +163,7 @@ TEST(DamagedRegion, MakesNoCallFaultAndNoneWriteBeyondTheView) {
     }
 }
 
-TEST(DamagedRegion, IsAnsweredAsPlainlyWhereRecordsLieOverOneAnother) {
+TEST(DamagedRegion, GivesTheModelsAnswersWhereRecordsOverlap) {
     const uint64_t seed = model::seed_wanted();
     std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
     SCOPED_TRACE("seed " + std::to_string(seed));

@@ -12,7 +12,7 @@ using fakes::Exit;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(ResultCodes, HaveTheirNumbers) {
+TEST(ResultCodes, HaveTheNumbersThatCallersKnow) {
     EXPECT_EQ(SHMNM_OK, 0);
     EXPECT_EQ(SHMNM_ERR_NOTINIT, 1);
     EXPECT_EQ(SHMNM_ERR_PARAM, 2);
@@ -53,7 +53,7 @@ TEST_F(Frame, WritesNothingBeforeTheLogIsOpen) {
     EXPECT_THAT(companion_calls(), IsEmpty());
 }
 
-TEST_F(Frame, SaysNotInitBetweenEntryAndExitWhileTheLogIsOpen) {
+TEST_F(Frame, LogsNotInitBetweenEntryAndExitWhileTheLogIsOpen) {
     // While a create loads its counts, the log is open and nothing is mapped yet.
     uint32_t result = SHMNM_OK;
     std::vector<fakes::LogLine> lines;
@@ -69,7 +69,7 @@ TEST_F(Frame, SaysNotInitBetweenEntryAndExitWhileTheLogIsOpen) {
                                    Exit("_getwaitstat", SHMNM_ERR_NOTINIT)));
 }
 
-TEST_F(Frame, SaysNotInitInClearAndDumpToo) {
+TEST_F(Frame, LogsNotInitInClearAndDumpToo) {
     std::vector<fakes::LogLine> clear_lines, dump_lines;
     fake.on_call = [&](const std::string& call) {
         if (call != "xmllib_load_policy(all)") return;
@@ -84,7 +84,7 @@ TEST_F(Frame, SaysNotInitInClearAndDumpToo) {
     EXPECT_THAT(dump_lines, ElementsAre(Enter("_dump"), Error("_dump", "not init"), Exit("_dump", SHMNM_ERR_NOTINIT)));
 }
 
-TEST_F(Frame, SaysNotInitInDetachAndDeleteAndClosesTheLogInDeleteAlone) {
+TEST_F(Frame, LogsNotInitInDetachAndDeleteAndClosesTheLogOnlyInDelete) {
     std::vector<fakes::LogLine> detach_lines, delete_lines;
     fake.on_call = [&](const std::string& call) {
         if (call != "xmllib_load_policy(all)") return;
@@ -105,7 +105,7 @@ TEST_F(Frame, SaysNotInitInDetachAndDeleteAndClosesTheLogInDeleteAlone) {
     EXPECT_THAT(log_of_last_call(), IsEmpty()) << "the log was closed in the middle of the create";
 }
 
-TEST_F(Frame, NamesTheLineThatAMessageComesFrom) {
+TEST_F(Frame, LogsTheSourceLineOfAMessage) {
     map_region({.servers = 1, .hb = 1, .np = 1});
     EXPECT_EQ(shmnm_getwaitstat(nullptr), SHMNM_ERR_PARAM);
     EXPECT_EQ(shmnm_getclstat(nullptr), SHMNM_ERR_PARAM);
@@ -116,7 +116,7 @@ TEST_F(Frame, NamesTheLineThatAMessageComesFrom) {
     EXPECT_NE(lines[0].line, lines[3].line) << "another export, another place";
 }
 
-TEST_F(Frame, WritesMessagesOfEachLengthBelow4096BytesWhole) {
+TEST_F(Frame, WritesMessagesShorterThan4096BytesWhole) {
     map_region({.servers = 1, .hb = 1, .np = 1});
     const std::string around = "name: not found";
     for (const size_t length : {size_t{0}, size_t{1}, size_t{300}, 4095 - around.size()}) {

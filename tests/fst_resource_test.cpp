@@ -37,7 +37,7 @@ class FstResource : public test::RegionTest {
 
 // ---- the state ----
 
-TEST_F(FstResource, HoldsAnyStateAndGivesItBack) {
+TEST_F(FstResource, StoresAnyStateAndReturnsIt) {
     for (const uint32_t value : {1u, 2u, 0x80000000u, 0xFFFFFFFFu, 0u}) {
         Bytes expected = region_bytes();
         put(expected, state_word, value, 4);
@@ -53,7 +53,7 @@ TEST_F(FstResource, HoldsAnyStateAndGivesItBack) {
     }
 }
 
-TEST_F(FstResource, NeedsAPlaceToStoreItsState) {
+TEST_F(FstResource, NeedsAnOutputForItsState) {
     EXPECT_EQ(shmnm_getfstrscstat(nullptr), SHMNM_ERR_PARAM);
     EXPECT_THAT(log_of_last_call(), ElementsAre(Enter("_getfstrscstat"), Error("_getfstrscstat", "invalid param"),
                                                 Exit("_getfstrscstat", SHMNM_ERR_PARAM)));
@@ -61,7 +61,7 @@ TEST_F(FstResource, NeedsAPlaceToStoreItsState) {
 
 // ---- the description ----
 
-TEST_F(FstResource, KeepsTheBytesBehindAShorterDescription) {
+TEST_F(FstResource, KeepsTheBytesAfterAShorterDescription) {
     Bytes expected = region_bytes();
     put(expected, description, "abcdef");
     EXPECT_EQ(shmnm_setfstdescript("abcdef", 6), SHMNM_OK);
@@ -80,7 +80,7 @@ TEST_F(FstResource, KeepsTheBytesBehindAShorterDescription) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(FstResource, TakesADescriptionAsBytesWithoutATerminator) {
+TEST_F(FstResource, StoresADescriptionAsBytesWithoutATerminator) {
     const uint8_t bytes[] = {0, 0xFF, 0, 1};
     Bytes expected = region_bytes();
     std::copy(std::begin(bytes), std::end(bytes), expected.begin() + description);
@@ -120,7 +120,7 @@ TEST_F(FstResource, CutsADescriptionAt256Bytes) {
     }
 }
 
-TEST_F(FstResource, RefusesADescriptionOfNoBytes) {
+TEST_F(FstResource, RefusesAnEmptyDescription) {
     ASSERT_EQ(shmnm_setfstdescript("before", 6), SHMNM_OK);
     const Bytes before = region_bytes();
     const std::pair<const char*, int32_t> refused[] = {
@@ -152,7 +152,7 @@ TEST_F(FstResource, RefusesADescriptionOfNoBytes) {
 
 class FstResourceCount : public test::RegionTest {};
 
-TEST_F(FstResourceCount, OfNoneMeansThatStateAndDescriptionAreNotThere) {
+TEST_F(FstResourceCount, LeavesNoStateOrDescriptionIfItIsZero) {
     for (const int32_t count : {0, -1}) {
         map_region({.servers = 30, .hb = 2, .np = 2, .fst = count});
         poke_word(20, 5);  // what the header says later changes nothing
@@ -184,7 +184,7 @@ TEST_F(FstResourceCount, OfNoneMeansThatStateAndDescriptionAreNotThere) {
     }
 }
 
-TEST_F(FstResourceCount, OfNoneLeavesNoRoomForProcessIds) {
+TEST_F(FstResourceCount, LeavesNoRoomForProcessIdsIfItIsZero) {
     map_region({.servers = 3, .hb = 2, .np = 2, .fst = 0});
     const Bytes before = region_bytes();
     EXPECT_EQ(shmnm_setfstrscpid("ping", 0, 1, 2), SHMNM_ERR_COUNTOVER);
@@ -193,7 +193,7 @@ TEST_F(FstResourceCount, OfNoneLeavesNoRoomForProcessIds) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(FstResourceCount, OfTwoLeavesTheSecondRecordAloneAndMakesRoomForTwiceTheProcessIds) {
+TEST_F(FstResourceCount, DoublesTheProcessIdsAndLeavesTheSecondRecordUnusedIfItIsTwo) {
     map_region({.servers = 1, .hb = 0, .np = 0, .fst = 2});
     Bytes expected = region_bytes();
     put(expected, 1404 + 548, 7, 4);
@@ -210,7 +210,7 @@ TEST_F(FstResourceCount, OfTwoLeavesTheSecondRecordAloneAndMakesRoomForTwiceTheP
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(FstResourceCount, IsTheOneOfTheMappingNotOfTheHeader) {
+TEST_F(FstResourceCount, ComesFromTheMappingAndNotFromTheHeader) {
     map_region({.servers = 3, .hb = 2, .np = 2, .fst = 1});
     poke_word(20, 0);
     EXPECT_EQ(shmnm_setfstrscstat(7), SHMNM_OK);
@@ -219,7 +219,7 @@ TEST_F(FstResourceCount, IsTheOneOfTheMappingNotOfTheHeader) {
     EXPECT_EQ(state, 7u);
 }
 
-TEST_F(FstResourceCount, DoesNotHelpWhenTheRecordLiesBeyondTheView) {
+TEST_F(FstResourceCount, GivesNoAccessToARecordBeyondTheView) {
     map_region({.servers = 219'984, .hb = 16, .np = 16, .fst = 1});  // 1988 bytes, since the size wraps
     const Bytes before = region_bytes();
     uint32_t state = 91;
@@ -250,7 +250,7 @@ class FstPidKind : public FstResource, public testing::WithParamInterface<Kind> 
 INSTANTIATE_TEST_SUITE_P(Kinds, FstPidKind, testing::Values(Kind{0, 256, 268}, Kind{1, 260, 276}, Kind{2, 264, 284}),
                          [](const auto& instance) { return "kind" + std::to_string(instance.param.number); });
 
-TEST_P(FstPidKind, HasAPlaceOfItsOwnInTheRecordOfANewName) {
+TEST_P(FstPidKind, IsStoredInItsOwnFieldOfANewRecord) {
     const auto& [kind, pid, piddata] = GetParam();
     Bytes expected = region_bytes();
     put(expected, 40, 1, 4);
@@ -270,7 +270,7 @@ TEST_P(FstPidKind, HasAPlaceOfItsOwnInTheRecordOfANewName) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_P(FstPidKind, IsUpdatedWithoutTouchingTheOthers) {
+TEST_P(FstPidKind, IsUpdatedWithoutTouchingOtherKinds) {
     const auto& [kind, pid, piddata] = GetParam();
     for (const int32_t other : {0, 1, 2}) {
         ASSERT_EQ(shmnm_setfstrscpid("ping", other, 0x01010101, 0x0202020202020202), SHMNM_OK);
@@ -283,7 +283,7 @@ TEST_P(FstPidKind, IsUpdatedWithoutTouchingTheOthers) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_P(FstPidKind, IsReadFromItsOwnPlace) {
+TEST_P(FstPidKind, IsReadFromItsOwnField) {
     const auto& [kind, pid, piddata] = GetParam();
     ASSERT_EQ(shmnm_setfstrscpid("ping", kind, 1, 1), SHMNM_OK);
     for (size_t i = 0; i < 9; ++i) poke_word(pid_record(0) + 256 + 4 * i, 0x10 + static_cast<uint32_t>(i));
@@ -295,7 +295,7 @@ TEST_P(FstPidKind, IsReadFromItsOwnPlace) {
     EXPECT_EQ(read_data, (word + 1) << 32 | word);
 }
 
-TEST_P(FstPidKind, IsReadAsFarAsTheCallerHasPlacesForIt) {
+TEST_P(FstPidKind, IsReadIntoTheOutputsThatTheCallerPasses) {
     const int32_t kind = GetParam().number;
     ASSERT_EQ(shmnm_setfstrscpid("ping", kind, 5, 6), SHMNM_OK);
     uint32_t pid = 91;
@@ -321,7 +321,7 @@ class FstPids : public FstResource {
     }
 };
 
-TEST_F(FstPids, AreKeptUnderTheirNamesInTheOrderOfArrival) {
+TEST_F(FstPids, AreStoredByNameInTheOrderOfArrival) {
     Bytes expected = region_bytes();
     put(expected, 40, 2, 4);
     put(expected, pid_record(0), "beta");
@@ -338,7 +338,7 @@ TEST_F(FstPids, AreKeptUnderTheirNamesInTheOrderOfArrival) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(FstPids, OfANewNameTakeTheRestOfTheirRecordAsItIs) {
+TEST_F(FstPids, KeepTheRestOfTheRecordOfANewName) {
     poke(pid_record(0), Bytes(324, 0xFF));
     Bytes expected = region_bytes();
     put(expected, 40, 1, 4);
@@ -350,7 +350,7 @@ TEST_F(FstPids, OfANewNameTakeTheRestOfTheirRecordAsItIs) {
     EXPECT_EQ(region_bytes(), expected) << "the whole field of the name is filled with zeros, nothing else";
 }
 
-TEST_F(FstPids, TellNamesApartByteForByte) {
+TEST_F(FstPids, DistinguishNamesByEveryByte) {
     ASSERT_EQ(shmnm_setfstrscpid("ping", 0, 1, 0), SHMNM_OK);
     ASSERT_EQ(shmnm_setfstrscpid("Ping", 0, 2, 0), SHMNM_OK);
     EXPECT_EQ(pid_of("ping"), 1u);
@@ -358,7 +358,7 @@ TEST_F(FstPids, TellNamesApartByteForByte) {
     for (const char* const name : {"pin", "ping1", "PING", ""}) EXPECT_EQ(pid_of(name), 91u) << name;
 }
 
-TEST_F(FstPids, OfAnUnknownNameAreNothingAndNoError) {
+TEST_F(FstPids, AreNoneAndNoErrorForAnUnknownName) {
     for (const bool empty : {true, false}) {
         if (!empty) {
             ASSERT_EQ(shmnm_setfstrscpid("ping", 0, 1, 2), SHMNM_OK);
@@ -377,7 +377,7 @@ TEST_F(FstPids, OfAnUnknownNameAreNothingAndNoError) {
     }
 }
 
-TEST_F(FstPids, OfABadKindReturnOneWhereTwoIsTraced) {
+TEST_F(FstPids, ReturnOneAndTraceTwoForABadKind) {
     ASSERT_EQ(shmnm_setfstrscpid("ping", 0, 1, 2), SHMNM_OK);
     const Bytes before = region_bytes();
     for (const int32_t kind : {3, -1, INT_MAX, INT_MIN}) {
@@ -394,7 +394,7 @@ TEST_F(FstPids, OfABadKindReturnOneWhereTwoIsTraced) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(FstPids, OfABadKindLeaveTheRecordOfANewNameInUse) {
+TEST_F(FstPids, UseARecordForANewNameEvenIfTheKindIsBad) {
     Bytes expected = region_bytes();
     put(expected, 40, 1, 4);
     put(expected, pid_record(0), "ping");
@@ -428,7 +428,7 @@ TEST_F(FstPids, AreRefusedOnceAllRecordsAreInUseEvenForAKnownName) {
     EXPECT_EQ(pid_of("gamma"), 91u);
 }
 
-TEST_F(FstPids, HaveNoRoomAfterAClearUntilTheRegionIsMappedAnew) {
+TEST_F(FstPids, HaveNoRoomAfterAClearUntilTheRegionIsMappedAgain) {
     ASSERT_EQ(shmnm_setfstrscpid("ping", 0, 1, 2), SHMNM_OK);
     ASSERT_EQ(shmnm_clear(), SHMNM_OK);
     EXPECT_EQ(pid_of("ping"), 91u);
@@ -446,7 +446,7 @@ TEST_F(FstPids, HaveNoRoomAfterAClearUntilTheRegionIsMappedAnew) {
     EXPECT_EQ(pid_of("ping"), 5u);
 }
 
-TEST_F(FstPids, FollowTheCapacityInTheHeader) {
+TEST_F(FstPids, AreLimitedByTheCapacityInTheHeader) {
     poke_word(24, 1);
     EXPECT_EQ(shmnm_setfstrscpid("one", 0, 1, 0), SHMNM_OK);
     EXPECT_EQ(shmnm_setfstrscpid("two", 0, 2, 0), SHMNM_ERR_COUNTOVER);
@@ -459,7 +459,7 @@ TEST_F(FstPids, FollowTheCapacityInTheHeader) {
                                                 Exit(set_tag, SHMNM_ERR_COUNTOVER)));
 }
 
-TEST_F(FstPids, OfANullNameAreThoseOfTheEmptyOne) {
+TEST_F(FstPids, TreatANullNameAsTheEmptyName) {
     Bytes expected = region_bytes();
     put(expected, 40, 1, 4);
     put(expected, pid_record(0) + 256, 5, 4);
@@ -476,7 +476,7 @@ TEST_F(FstPids, OfANullNameAreThoseOfTheEmptyOne) {
 
 // ---- names that fill their field ----
 
-TEST_F(FstPids, OfANameOf255BytesAreFoundAgain) {
+TEST_F(FstPids, AreFoundByANameOf255Bytes) {
     const std::string name(255, 'n');
     Bytes expected = region_bytes();
     put(expected, 40, 1, 4);
@@ -489,7 +489,7 @@ TEST_F(FstPids, OfANameOf255BytesAreFoundAgain) {
     EXPECT_EQ(pid_of(std::string(254, 'n').c_str()), 91u);
 }
 
-TEST_F(FstPids, OfANameOf256BytesAreFoundWhileAZeroByteFollowsIt) {
+TEST_F(FstPids, AreFoundByANameOf256BytesWhileAZeroByteFollowsIt) {
     const std::string name(256, 'n');
     Bytes expected = region_bytes();
     put(expected, 40, 1, 4);
@@ -507,7 +507,7 @@ TEST_F(FstPids, OfANameOf256BytesAreFoundWhileAZeroByteFollowsIt) {
     EXPECT_EQ(pid_of(std::string(257, 'n').c_str()), 91u);
 }
 
-TEST_F(FstPids, OfANameOf256BytesAreLostOnceTheProcessIdReadsAsPartOfTheName) {
+TEST_F(FstPids, AreLostUnderANameOf256BytesOnceTheProcessIdReadsAsPartOfIt) {
     const std::string name(256, 'n');
     Bytes expected = region_bytes();
     put(expected, 40, 2, 4);
@@ -521,7 +521,7 @@ TEST_F(FstPids, OfANameOf256BytesAreLostOnceTheProcessIdReadsAsPartOfTheName) {
     EXPECT_EQ(region_bytes(), expected) << "so the name gets a second record";
 }
 
-TEST_F(FstPids, OfALongerNameAreStoredCutTo256BytesAndNotFoundUnderIt) {
+TEST_F(FstPids, AreStoredUnderALongNameCutTo256BytesAndNotFoundByIt) {
     for (const size_t length : {size_t{257}, size_t{300}}) {
         shmnm_delete();
         map_region({.servers = 3, .hb = 2, .np = 2, .fst = 1});
@@ -544,7 +544,7 @@ TEST_F(FstPids, OfALongerNameAreStoredCutTo256BytesAndNotFoundUnderIt) {
     }
 }
 
-TEST_F(FstPids, AnswerNotInitBeforeTheyLookAtTheirArguments) {
+TEST_F(FstPids, ReportNotInitBeforeTheyCheckTheirArguments) {
     shmnm_delete();
     log_of_last_call();
     uint32_t word = 91;
@@ -594,7 +594,7 @@ TEST_F(DamagedFstPids, HaveNoRoomForANewNameBeyondTheView) {
     }
 }
 
-TEST_F(DamagedFstPids, TakeTheLastRecordThatLiesInTheView) {
+TEST_F(DamagedFstPids, UseTheLastRecordInTheView) {
     poke_word(40, 7);
     EXPECT_EQ(shmnm_setfstrscpid("pong", 2, 3, 4), SHMNM_OK);
     EXPECT_EQ(word_at(40), 8u);
@@ -606,7 +606,7 @@ TEST_F(DamagedFstPids, TakeTheLastRecordThatLiesInTheView) {
     EXPECT_EQ(data, 4u);
 }
 
-TEST_F(DamagedFstPids, OfAKnownNameNeedNoRoomForAnotherRecord) {
+TEST_F(DamagedFstPids, NeedNoRoomForAnotherRecordIfTheNameIsKnown) {
     for (const uint32_t count : {8u, 999u}) {
         poke_word(40, count);
         Bytes expected = region_bytes();
@@ -621,7 +621,7 @@ TEST_F(DamagedFstPids, OfAKnownNameNeedNoRoomForAnotherRecord) {
     }
 }
 
-TEST_F(DamagedFstPids, LookAtTheCountBeforeTheNames) {
+TEST_F(DamagedFstPids, CheckTheCountBeforeTheNames) {
     poke_word(40, 1000);
     const Bytes before = region_bytes();
     EXPECT_EQ(shmnm_setfstrscpid("ping", 0, 3, 4), SHMNM_ERR_COUNTOVER);
@@ -630,7 +630,7 @@ TEST_F(DamagedFstPids, LookAtTheCountBeforeTheNames) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(DamagedFstPids, OfABadKindLeaveAKnownNameAsItIsWhereNoOtherRecordFits) {
+TEST_F(DamagedFstPids, KeepAKnownNameForABadKindWhereNoOtherRecordFits) {
     poke_word(40, 999);
     const Bytes before = region_bytes();
     EXPECT_EQ(shmnm_setfstrscpid("ping", 3, 3, 4), SHMNM_ERR_NOTINIT);
@@ -639,7 +639,7 @@ TEST_F(DamagedFstPids, OfABadKindLeaveAKnownNameAsItIsWhereNoOtherRecordFits) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(DamagedFstPids, AreNotThereWhenTheirCountIsNegative) {
+TEST_F(DamagedFstPids, AreNoneWhenTheirCountIsNegative) {
     poke_word(40, 0xFFFFFFFF);
     EXPECT_EQ(pid_of("ping"), 91u);
 }

@@ -81,7 +81,7 @@ class GoldenRegion : public test::RegionTest {
     }
 };
 
-TEST_F(GoldenRegion, HasTheFormatsBytes) {
+TEST_F(GoldenRegion, IsWhatTheLibraryWritesByteForByte) {
     fill();
     Bytes expected = golden();
     ASSERT_EQ(expected.size(), 10680u);
@@ -93,7 +93,7 @@ TEST_F(GoldenRegion, HasTheFormatsBytes) {
     EXPECT_EQ(region_bytes(), expected) << "and nothing behind the region";
 }
 
-TEST_F(GoldenRegion, IsUnderstoodByTheGetters) {
+TEST_F(GoldenRegion, IsReadCorrectlyByTheGetters) {
     Bytes bytes = golden();
     ASSERT_EQ(bytes.size(), 10680u);
     poke(0, bytes);

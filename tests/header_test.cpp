@@ -145,13 +145,13 @@ constexpr bool is_plain = std::is_trivial_v<Record>&& std::is_standard_layout_v<
 static_assert(is_plain<shmnm_header> && is_plain<shmnm_server> && is_plain<shmnm_resource> && is_plain<shmnm_fst_pid>);
 static_assert(alignof(shmnm_header) == 4 && alignof(shmnm_fst_pid) == 4, "nothing is on 8-byte boundaries");
 
-TEST(Header, NamesTheFunctionsByWhichTheLibraryIsLoadedAtRunTime) {
+TEST(Header, DeclaresTheExportedFunctionsUnderTheirNames) {
     const test::DynamicLibrary library(test::own_folder() + SHMNM_LIBRARY);
     ASSERT_TRUE(library.loaded()) << library.error();
     for (const auto& [name, address] : functions) EXPECT_EQ(library.function<void()>(name), address) << name;
 }
 
-TEST(Header, HasAMeaningForEachResult) {
+TEST(Header, ExplainsEachResult) {
     std::vector<std::string> meanings;
 #define RESULT(name, value, meaning) \
     static_assert(name == value);    \

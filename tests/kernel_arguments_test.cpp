@@ -12,13 +12,13 @@ namespace {
 
 using namespace kernel_test;
 
-TEST(KernelName, MayHave200Bytes) {
+TEST(KernelName, AcceptsUpTo200Bytes) {
     const std::string name = object_name(), longest = name + std::string(200 - name.size(), 'n');
     EXPECT_EQ(Handle(create_mutex(longest)).error, 0u);
     EXPECT_EQ(Handle(create_mapping(longest)).error, 0u);
 }
 
-TEST(KernelName, ThatIsNoneIsRefused) {
+TEST(KernelName, RefusesAnInvalidName) {
     for (const std::string& name :
          {std::string(), std::string(201, 'n'), std::string("."), std::string(".new"), std::string("../x"),
           std::string("a/b"), std::string("a\nb"), std::string("a\x7F")}) {
@@ -30,7 +30,7 @@ TEST(KernelName, ThatIsNoneIsRefused) {
     EXPECT_EQ(Handle(kzmkernel_create_mutex(nullptr)).error, uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
 }
 
-TEST(KernelName, MayHaveAnyOtherBytes) {
+TEST(KernelName, AcceptsAllOtherBytes) {
     const Handle handle(create_mutex(object_name() + " Global\\\xC3\xA4\xFF.new"));
     EXPECT_EQ(handle.error, 0u);
 }
@@ -64,7 +64,7 @@ TEST(KernelMappingArguments, AreChecked) {
     EXPECT_TRUE(kzmkernel_unmap_view(whole));
 }
 
-TEST(KernelMutexOpen, FindsOnlyWhatLives) {
+TEST(KernelMutexOpen, FindsOnlyAMutexThatExists) {
     const std::string name = object_name();
     EXPECT_EQ(Handle(open_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
     const Handle created(create_mutex(name));
@@ -76,7 +76,7 @@ TEST(KernelMutexOpen, FindsOnlyWhatLives) {
     EXPECT_TRUE(kzmkernel_release(opened.value));
 }
 
-TEST(KernelObjectNumber, IsOneForAllHandlesAndProcessesAndAnotherForItsSuccessor) {
+TEST(KernelObjectNumber, IsTheSameForAllHandlesAndDifferentForTheNextObject) {
     Handle mapping(create_mapping(object_name()));
     const uint64_t number = kzmkernel_object_number(mapping.value);
     EXPECT_NE(number, 0u);
@@ -96,7 +96,7 @@ TEST(KernelObjectNumber, IsOneForAllHandlesAndProcessesAndAnotherForItsSuccessor
     EXPECT_NE(kzmkernel_object_number(successor.value), number);
 }
 
-TEST(KernelObjectNumber, NeedsAnOpenHandle) {
+TEST(KernelObjectNumber, IsZeroWithoutAnOpenHandle) {
     EXPECT_EQ(kzmkernel_object_number(nullptr), 0u);
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
     const Handle mutex(create_mutex(object_name()));

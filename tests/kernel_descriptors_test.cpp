@@ -16,7 +16,7 @@ namespace {
 
 using namespace kernel_test;
 
-TEST(KernelDescriptors, NeverTakeThePlaceOfAClosedStandardStream) {
+TEST(KernelDescriptors, NeverGetTheNumberOfAClosedStandardStream) {
     in_fork([] {
         const std::string name = object_name();
         for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(stream);
@@ -28,7 +28,7 @@ TEST(KernelDescriptors, NeverTakeThePlaceOfAClosedStandardStream) {
     });
 }
 
-TEST(KernelDescriptors, ThatHaveRunOutFailWith4AndStopNobody) {
+TEST(KernelDescriptors, FailCallsWith4WhenNoneIsLeftAndBlockNobody) {
     const std::string name = object_name();
     in_fork([&] {
         const Handle mapping(create_mapping(name));
@@ -51,7 +51,7 @@ TEST(KernelDescriptors, ThatHaveRunOutFailWith4AndStopNobody) {
 }
 
 // Each count of free descriptors fails another step.
-TEST(KernelDescriptors, ThatRunOutHalfWayLeaveNothing) {
+TEST(KernelDescriptors, LeaveNothingBehindWhenTheyRunOutHalfWay) {
     in_fork([] {
         use_private_memory_disk();
         const std::string name = object_name();

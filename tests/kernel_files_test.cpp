@@ -84,7 +84,7 @@ int KernelFiles::start_fresh(uint32_t error) {
     return start(expect_error, GetParam().name + (" " + std::to_string(error) + " ") + object_name()).wait();
 }
 
-TEST_P(KernelFiles, AreForTheirUserAlone) {
+TEST_P(KernelFiles, AreAccessibleToTheirUserOnly) {
     in_fork([] {
         use_private_memory_disk();
         const Handle handle(create());
@@ -97,7 +97,7 @@ TEST_P(KernelFiles, AreForTheirUserAlone) {
     });
 }
 
-TEST_P(KernelFiles, AreMadeTheSameUnderAnyUmask) {
+TEST_P(KernelFiles, HaveTheSameModesUnderAnyUmask) {
     for (const mode_t mask : {0000u, 0177u, 0277u, 0777u}) {
         in_fork([mask] {
             use_private_memory_disk();
@@ -124,7 +124,7 @@ TEST_P(KernelFiles, AreRemovedWithTheLastHandle) {
     EXPECT_FALSE(fs::exists(file()));
 }
 
-TEST_P(KernelFiles, OfDeadHoldersAreRemovedByTheFirstCreatorOfAnyObject) {
+TEST_P(KernelFiles, AreRemovedByTheNextCreatorWhenTheirHoldersDied) {
     in_fork([] {
         use_private_memory_disk();
         Sign held;
@@ -141,7 +141,7 @@ TEST_P(KernelFiles, OfDeadHoldersAreRemovedByTheFirstCreatorOfAnyObject) {
     });
 }
 
-TEST_P(KernelFiles, OfSize0AreReplacedWhenNobodyHoldsThem) {
+TEST_P(KernelFiles, AreReplacedWhenTheyAreEmptyAndNobodyHoldsThem) {
     { const Handle folder_maker(create()); }
     make_proper_file(file(), 0);
     const Handle opened(open());
@@ -149,7 +149,7 @@ TEST_P(KernelFiles, OfSize0AreReplacedWhenNobodyHoldsThem) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelFiles, LeftByAKilledCreatorAreReplaced) {
+TEST_P(KernelFiles, AreReplacedWhenAKilledCreatorLeftThem) {
     { const Handle folder_maker(create()); }
     make_proper_file(folder() / ".new", 100);
     make_proper_file(file(), 3 * page);
@@ -159,7 +159,7 @@ TEST_P(KernelFiles, LeftByAKilledCreatorAreReplaced) {
     EXPECT_EQ(fs::file_size(file()), page);
 }
 
-TEST_P(KernelFiles, WithAWiderModeAreRefused) {
+TEST_P(KernelFiles, AreRefusedWithAWiderMode) {
     { const Handle folder_maker(create()); }
     for (const unsigned mode : {0660u, 0604u, 0700u, 04600u}) {
         make_proper_file(file(), page);
@@ -170,7 +170,7 @@ TEST_P(KernelFiles, WithAWiderModeAreRefused) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelFiles, WithASecondLinkAreRefused) {
+TEST_P(KernelFiles, AreRefusedWithASecondLink) {
     { const Handle folder_maker(create()); }
     make_proper_file(file(), page);
     const fs::path second = file().string() + "-second";
@@ -180,7 +180,7 @@ TEST_P(KernelFiles, WithASecondLinkAreRefused) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelFiles, ThatAreSymbolicLinksAreRefusedAndNotFollowed) {
+TEST_P(KernelFiles, AreRefusedAndNotFollowedIfTheyAreSymbolicLinks) {
     { const Handle folder_maker(create()); }
     const test::TemporaryFolder elsewhere;
     for (const fs::path& target : {elsewhere.path() / "made", elsewhere.path() / "there"}) {
@@ -193,7 +193,7 @@ TEST_P(KernelFiles, ThatAreSymbolicLinksAreRefusedAndNotFollowed) {
     EXPECT_EQ(test::contents_of(elsewhere.path() / "there"), std::string(page, 'x'));
 }
 
-TEST_P(KernelFiles, ThatAreNoRegularFilesAreRefusedAtOnce) {
+TEST_P(KernelFiles, AreRefusedAtOnceUnlessTheyAreRegularFiles) {
     { const Handle folder_maker(create()); }
     ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
     expect_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
@@ -208,7 +208,7 @@ TEST_P(KernelFiles, ThatAreNoRegularFilesAreRefusedAtOnce) {
     fs::remove(file());
 }
 
-TEST_P(KernelFiles, OfAnotherUserAreRefused) {
+TEST_P(KernelFiles, AreRefusedWhenAnotherUserOwnsThem) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle folder_maker(create()); }
@@ -218,7 +218,7 @@ TEST_P(KernelFiles, OfAnotherUserAreRefused) {
     });
 }
 
-TEST_P(KernelFiles, InAFolderOfAnotherUserAreRefused) {
+TEST_P(KernelFiles, AreRefusedInAFolderOfAnotherUser) {
     in_fork([] {
         use_private_memory_disk();
         fs::create_directory(folder());
@@ -228,7 +228,7 @@ TEST_P(KernelFiles, InAFolderOfAnotherUserAreRefused) {
     });
 }
 
-TEST_P(KernelFiles, InAFolderOpenToOthersAreRefused) {
+TEST_P(KernelFiles, AreRefusedInAFolderOpenToOthers) {
     in_fork([] {
         use_private_memory_disk();
         fs::create_directory(folder());
@@ -244,7 +244,7 @@ TEST_P(KernelFiles, InAFolderOpenToOthersAreRefused) {
     });
 }
 
-TEST_P(KernelFiles, InAFolderThatIsALinkAreRefused) {
+TEST_P(KernelFiles, AreRefusedInAFolderThatIsALink) {
     in_fork([] {
         use_private_memory_disk();
         fs::create_directory("/dev/shm/elsewhere");
@@ -258,7 +258,7 @@ TEST_P(KernelFiles, InAFolderThatIsALinkAreRefused) {
     });
 }
 
-TEST_P(KernelFiles, OnADiskWhereOthersMayReplaceTheFolderAreRefused) {
+TEST_P(KernelFiles, AreRefusedWhereOthersMayReplaceTheFolder) {
     in_fork([] {
         use_private_memory_disk();
         ASSERT_EQ(chmod("/dev/shm", 0777), 0);
@@ -268,7 +268,7 @@ TEST_P(KernelFiles, OnADiskWhereOthersMayReplaceTheFolderAreRefused) {
 
 // The file under a living object.
 
-TEST_P(KernelFiles, RemovedUnderALivingObjectAreNoticed) {
+TEST_P(KernelFiles, FailTheNextOpenWhenRemovedUnderALivingObject) {
     Handle holder(create());
     ASSERT_EQ(holder.error, 0u);
     fs::remove(file());
@@ -277,7 +277,7 @@ TEST_P(KernelFiles, RemovedUnderALivingObjectAreNoticed) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelFiles, ReplacedUnderALivingObjectAreNoticed) {
+TEST_P(KernelFiles, FailTheNextOpenWhenReplacedUnderALivingObject) {
     Handle holder(create());
     fs::remove(file());
     make_proper_file(file(), page);
@@ -286,7 +286,7 @@ TEST_P(KernelFiles, ReplacedUnderALivingObjectAreNoticed) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelFiles, OfTwoLivingObjectsThatWereExchangedAreNoticed) {
+TEST_P(KernelFiles, FailTheNextOpenWhenSwappedBetweenTwoLivingObjects) {
     const std::string name = object_name(), other_name = name + "2";
     Handle holder(create()), other(GetParam().create(other_name));
     const fs::path other_file = GetParam().file(other_name);
@@ -301,7 +301,7 @@ TEST_P(KernelFiles, OfTwoLivingObjectsThatWereExchangedAreNoticed) {
     EXPECT_EQ(again.error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
 }
 
-TEST_P(KernelFiles, CutShortUnderALivingObjectAreNoticed) {
+TEST_P(KernelFiles, FailTheNextOpenWhenResizedUnderALivingObject) {
     const Handle holder(create());
     for (const size_t size : {size_t{0}, size_t{1}, 2 * page}) {
         fs::resize_file(file(), size);
@@ -309,7 +309,7 @@ TEST_P(KernelFiles, CutShortUnderALivingObjectAreNoticed) {
     }
 }
 
-TEST_P(KernelFiles, LinkedASecondTimeUnderALivingObjectAreRefused) {
+TEST_P(KernelFiles, FailTheNextOpenWhenLinkedAgainUnderALivingObject) {
     const Handle holder(create());
     const fs::path second = file().string() + "-second";
     fs::create_hard_link(file(), second);
@@ -319,7 +319,7 @@ TEST_P(KernelFiles, LinkedASecondTimeUnderALivingObjectAreRefused) {
     EXPECT_EQ(again.error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
 }
 
-TEST_P(KernelFiles, RemovedWithTheirFolderAreNoticed) {
+TEST_P(KernelFiles, FailTheNextOpenWhenRemovedWithTheirFolder) {
     in_fork([] {
         use_private_memory_disk();
         Handle holder(create());
@@ -336,7 +336,7 @@ TEST_P(KernelFiles, RemovedWithTheirFolderAreNoticed) {
 }
 
 // Folders are never removed by the library, so they may be by others once nobody holds anything.
-TEST_P(KernelFiles, AreMadeAgainWhenTheirFolderWasRemovedWhileNobodyHeldThem) {
+TEST_P(KernelFiles, AreMadeAgainAfterTheirUnusedFolderWasRemoved) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle handle(create()); }
@@ -348,7 +348,7 @@ TEST_P(KernelFiles, AreMadeAgainWhenTheirFolderWasRemovedWhileNobodyHeldThem) {
     });
 }
 
-TEST_P(KernelFiles, AreMadeOnceBySimultaneousCreatorsWithTheirFolder) {
+TEST_P(KernelFiles, AreCreatedOnceBySimultaneousCreators) {
     in_fork([] {
         use_private_memory_disk();
         constexpr int creators = 4;

@@ -19,7 +19,7 @@ namespace {
 
 using namespace kernel_test;
 
-TEST(KernelSibling, IsAnEmptyFileForItsUserAloneUnderAnyUmask) {
+TEST(KernelSibling, IsAnEmptyFileForItsUserOnlyUnderAnyUmask) {
     for (const mode_t mask : {0000u, 0177u, 0277u, 0777u}) {
         in_fork([mask] {
             use_private_memory_disk();
@@ -35,7 +35,7 @@ TEST(KernelSibling, IsAnEmptyFileForItsUserAloneUnderAnyUmask) {
     }
 }
 
-TEST(KernelSibling, OfAnotherModeOrWithASecondLinkIsRefused) {
+TEST(KernelSibling, IsRefusedWithAWiderModeOrASecondLink) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle maker(create_mutex(object_name())); }
@@ -55,7 +55,7 @@ TEST(KernelSibling, OfAnotherModeOrWithASecondLinkIsRefused) {
     });
 }
 
-TEST(KernelSibling, RemovedAloneIsMadeAgainAndTheObjectsStay) {
+TEST(KernelSibling, IsMadeAgainWhenOnlyItIsRemovedAndTheObjectsStay) {
     in_fork([] {
         use_private_memory_disk();
         Sign held;
@@ -75,7 +75,7 @@ TEST(KernelSibling, RemovedAloneIsMadeAgainAndTheObjectsStay) {
     });
 }
 
-TEST(KernelSibling, RemovedWithItsFolderWhileNobodyHoldsThemIsMadeAgain) {
+TEST(KernelSibling, IsMadeAgainAfterItsUnusedFolderWasRemovedWithIt) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle handle(create_mutex(object_name())); }
@@ -89,7 +89,7 @@ TEST(KernelSibling, RemovedWithItsFolderWhileNobodyHoldsThemIsMadeAgain) {
 }
 
 // A second process comes after the removal, wherever the first one stands.
-TEST(KernelFolder, RemovedAtAnyStepOfACreatorNeverHoldsASecondObject) {
+TEST(KernelFolder, NeverHoldsASecondObjectIfRemovedAtAnyStepOfACreator) {
     in_fork([] {
         use_private_memory_disk();
         bool ended = false;
@@ -126,7 +126,7 @@ TEST(KernelFolder, RemovedAtAnyStepOfACreatorNeverHoldsASecondObject) {
 }
 
 // Each has looked at its own folder and found that no other one lives.
-TEST(KernelFolder, RemovedBetweenTwoCreatorsThatAreInTheirFoldersHoldsOneObject) {
+TEST(KernelFolder, HoldsOneObjectIfRemovedBetweenTwoCreators) {
     in_fork([] {
         use_private_memory_disk();
         Sign over;

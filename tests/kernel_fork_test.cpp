@@ -33,7 +33,7 @@ TEST(KernelFork, ChildOwnsNoLock) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-TEST(KernelFork, ChildOfAnOwnerTakesTheLockLikeAnybody) {
+TEST(KernelFork, ChildOfAnOwnerWaitsForTheLockLikeAnyOtherProcess) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Sign ready;
@@ -48,11 +48,11 @@ TEST(KernelFork, ChildOfAnOwnerTakesTheLockLikeAnybody) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-class KernelForkOf : public testing::TestWithParam<Kind> {};
-INSTANTIATE_TEST_SUITE_P(Kinds, KernelForkOf, testing::ValuesIn(kinds),
+class KernelForkedHandle : public testing::TestWithParam<Kind> {};
+INSTANTIATE_TEST_SUITE_P(Kinds, KernelForkedHandle, testing::ValuesIn(kinds),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
-TEST_P(KernelForkOf, ChildKeepsAnObjectAliveAsLongAsItLives) {
+TEST_P(KernelForkedHandle, KeepsTheObjectAliveAsLongAsTheChildLives) {
     Handle handle(GetParam().create(object_name()));
     Forked child(pause_forever);
     handle.close();
@@ -61,14 +61,14 @@ TEST_P(KernelForkOf, ChildKeepsAnObjectAliveAsLongAsItLives) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelForkOf, ChildThatClosesItsCopyLeavesTheParents) {
+TEST_P(KernelForkedHandle, StaysOpenInTheParentWhenTheChildClosesIt) {
     const Handle handle(GetParam().create(object_name()));
     in_fork([&] { EXPECT_TRUE(kzmkernel_close(handle.value)); });
     EXPECT_TRUE(fs::exists(GetParam().file(object_name())));
     EXPECT_EQ(Handle(GetParam().create(object_name())).error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
 }
 
-TEST_P(KernelForkOf, ChildThatClosesLastRemovesTheFile) {
+TEST_P(KernelForkedHandle, RemovesTheFileWhenTheChildClosesItLast) {
     Handle handle(GetParam().create(object_name()));
     Sign parent_closed;
     Forked child([&] {
@@ -82,7 +82,7 @@ TEST_P(KernelForkOf, ChildThatClosesLastRemovesTheFile) {
     EXPECT_FALSE(fs::exists(GetParam().file(object_name())));
 }
 
-TEST_P(KernelForkOf, HandlesAreClosedByExec) {
+TEST_P(KernelForkedHandle, IsClosedByExec) {
     Handle handle(GetParam().create(object_name()));
     Sign executed;
     int blocked[2];
@@ -118,7 +118,7 @@ TEST(KernelFork, ExecOfAnOwnerAbandonsItsLock) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-TEST(KernelFork, ChildIsNotHeldUpByWhatOtherThreadsWereDoing) {
+TEST(KernelFork, ChildIsNotBlockedByWhatOtherThreadsWereDoing) {
     const std::string name = object_name();
     std::atomic<bool> over{false};
     std::vector<std::thread> threads;
@@ -150,7 +150,7 @@ TEST(KernelFork, ChildIsNotHeldUpByWhatOtherThreadsWereDoing) {
     expect_new(create_mutex, name + "shared");
 }
 
-TEST(KernelFork, ChildEndsAnObjectThatAThreadOfItsParentWaitedFor) {
+TEST(KernelFork, ChildCanCloseAMutexThatItsParentWaitsFor) {
     const std::string name = object_name();
     void* const mutex = create_mutex(name);
     ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});

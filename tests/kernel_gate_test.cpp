@@ -53,7 +53,7 @@ TEST(KernelGate, IsFreeWhileMemoryIsAllocated) {
     });
 }
 
-TEST(KernelGate, OfACreatorStoppedWhileItAllocatesStopsNobody) {
+TEST(KernelGate, IsNotHeldByACreatorStoppedWhileItAllocates) {
     const std::string name = object_name();
     Traced creator([&] {
         // Another process made it meanwhile.
@@ -73,7 +73,7 @@ TEST(KernelGate, OfACreatorStoppedWhileItAllocatesStopsNobody) {
     expect_existing(create_page, name);
 }
 
-TEST(KernelGate, LetsOthersByACreatorThatIsStoppedAtAnyCallOutsideIt) {
+TEST(KernelGate, LetsOthersPassWhenACreatorIsStoppedOutsideIt) {
     const Handle living(create_mutex(object_name() + "living"));
     int inside = 0, outside = 0;
     bool ended = false;
@@ -91,7 +91,7 @@ TEST(KernelGate, LetsOthersByACreatorThatIsStoppedAtAnyCallOutsideIt) {
     EXPECT_GT(outside, 10);
 }
 
-TEST(KernelGate, OfAKilledCreatorLeavesNothing) {
+TEST(KernelGate, LeavesNothingOfAKilledCreator) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle folder_maker(create_mutex(object_name())); }
@@ -156,7 +156,7 @@ std::string busy_text(pid_t holder) {
     return text;
 }
 
-TEST(KernelGate, HeldByAStoppedProcessFailsEveryCallAfterTwoSeconds) {
+TEST(KernelGate, FailsEveryCallAfterTwoSecondsWhenAStoppedProcessHoldsIt) {
     in_fork([] {
         use_private_memory_disk();
         Handle living(create_mutex(object_name()));
@@ -180,7 +180,7 @@ TEST(KernelGate, HeldByAStoppedProcessFailsEveryCallAfterTwoSeconds) {
     });
 }
 
-TEST(KernelGate, IsTakenWhenItComesFreeInTime) {
+TEST(KernelGate, IsTakenWhenItBecomesFreeInTime) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle folder_maker(create_mutex(object_name())); }
@@ -196,7 +196,7 @@ TEST(KernelGate, IsTakenWhenItComesFreeInTime) {
 }
 
 // Unnamed files are named through /proc.
-TEST(KernelGate, OfACreatorThatWasKilledWhereProcIsMissingLeavesNothingForLong) {
+TEST(KernelGate, LetsTheNextCreatorCleanUpWhatAKilledOneLeftWithoutProc) {
     in_fork([] {
         use_private_memory_disk();
         ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);

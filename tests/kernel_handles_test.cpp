@@ -19,7 +19,7 @@ namespace {
 
 using namespace kernel_test;
 
-TEST(KernelHandles, OfTheWholeTableAreAllDifferentAndThenFailWith4) {
+TEST(KernelHandles, AreAllDifferentAndFailWith4WhenTheTableIsFull) {
     const std::string name = object_name();
     std::set<void*> handles;
     void* last = nullptr;
@@ -36,7 +36,7 @@ TEST(KernelHandles, OfTheWholeTableAreAllDifferentAndThenFailWith4) {
     }
 }
 
-TEST(KernelHandles, WithAnyBitChangedAreInvented) {
+TEST(KernelHandles, AreInvalidWithAnyBitChanged) {
     const Handle mutex(create_mutex(object_name()));
     const auto number = reinterpret_cast<uintptr_t>(mutex.value);
     for (int bit = 0; bit < 64; ++bit) {
@@ -49,7 +49,7 @@ TEST(KernelHandles, WithAnyBitChangedAreInvented) {
     EXPECT_FALSE(kzmkernel_close(reinterpret_cast<void*>(UINTPTR_MAX)));
 }
 
-TEST(KernelHandles, MayBeUsedAndClosedByManyThreadsAtOnce) {
+TEST(KernelHandles, CanBeUsedAndClosedByManyThreadsAtOnce) {
     const std::string name = object_name();
     constexpr size_t places = 8;
     std::array<std::atomic<void*>, places> shared{};
@@ -101,7 +101,7 @@ size_t mappings_of(const std::string& file) {
     return count;
 }
 
-TEST(KernelHandles, OfMutexesThatThreadsUsedLastMayBeClosedAndTheirPagesAreGivenBack) {
+TEST(KernelHandles, FreeTheirPageWhenClosedAfterAnotherThreadUsedThem) {
     const std::string name = object_name();
     Sign used, closed;
     void* const mutex = create_mutex(name);
@@ -126,7 +126,7 @@ TEST(KernelHandles, OfMutexesThatThreadsUsedLastMayBeClosedAndTheirPagesAreGiven
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
 }
 
-TEST(KernelHandles, OfManyMutexesUsedInTurnAreToldApart) {
+TEST(KernelHandles, AreDistinguishedWhenMutexesAreUsedInTurn) {
     const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(kzmkernel_wait(first.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});

@@ -40,7 +40,7 @@ class LoadedCopy {
 };
 #define FUNCTION_OF(copy, name) (copy).function<decltype(name)>(#name)
 
-TEST(KernelLibrary, IsUnloadedAfterUse) {
+TEST(KernelLibrary, CanBeUnloadedAfterUse) {
     const std::string name = object_name();
     LoadedCopy copy;
     for (int round = 0; round < 2; ++round) {
@@ -62,7 +62,7 @@ TEST(KernelLibrary, IsUnloadedAfterUse) {
     copy.unload();
 }
 
-TEST(KernelLibrary, FindsItsThreadsLocksAgainWhenItIsLoadedAgain) {
+TEST(KernelLibrary, KeepsTheLocksOfItsThreadsAcrossAReload) {
     // The lock's memory stays with the process, which therefore is one that ends.
     in_fork([] {
         const std::string name = object_name();

@@ -249,7 +249,7 @@ void make_its_next_steps(Stepper& process) {
 
 // Scenario 8: N has the id of an owner that died, whose name stands in the page. N releases what it does not own, held
 // up anywhere, while O, which has just taken the lock, writes its name.
-TEST(KernelLockReplay, ReleaseByANamesakeTakesNothingFromTheOwnerWhereverItIsHeldUp) {
+TEST(KernelLockReplay, ReleaseByANamesakeNeverFreesTheLockOfTheOwner) {
     const Lock lock;
     Stepper namesake(is_refused_releases, object_name()), owner(takes_and_releases, object_name());
     namesake.run();
@@ -320,7 +320,7 @@ TEST(KernelLockReplay, NoCallLeavesAnOperationPending) {
 }
 
 // Scenario 10: two waiters are killed, before or while they sleep.
-TEST(KernelLockReplay, KilledWaitersMakeNoLaterReleaseCallTheKernel) {
+TEST(KernelLockReplay, KilledWaitersCostLaterReleasesNoSystemCall) {
     const Lock lock;
     for (const bool once_it_wrote : {true, false}) {
         ASSERT_EQ(lock.take(), uint32_t{KZMKERNEL_WAIT_OWNED});
@@ -372,7 +372,7 @@ CHILD(is_ended_by_its_second_thread) {
 }
 
 // Scenario 11: W1 is inside a call while another thread ends the process.
-TEST(KernelLockReplay, ThreadThatEndsTheProcessLeavesThePageToAThreadInsideACall) {
+TEST(KernelLockReplay, ExitByOneThreadKeepsThePageForAThreadInsideACall) {
     const Lock lock;
     Stepper process(is_ended_by_its_second_thread, object_name());
     const auto thread = static_cast<pid_t>(process.addresses().at(0));

@@ -44,7 +44,7 @@ std::vector<Sleep> sleeps_of(Traced& process) {
 }
 
 // A clock that is set cannot reach a sleep that the kernel counts on the monotonic clock.
-TEST(KernelWait, SleepsInSlicesOfHalfASecondThatEndWhenTheWaitDoes) {
+TEST(KernelWait, SleepsInSlicesOfHalfASecondAndEndsInTime) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     constexpr uint64_t ms = 1'000'000;
@@ -64,7 +64,7 @@ TEST(KernelWait, SleepsInSlicesOfHalfASecondThatEndWhenTheWaitDoes) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-TEST(KernelWait, ShorterThanASliceIsOneSleep) {
+TEST(KernelWait, SleepsOnceIfItIsShorterThanASlice) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Traced waiter([&] { EXPECT_EQ(kzmkernel_wait(mutex.value, 150), uint32_t{KZMKERNEL_WAIT_TIMEOUT}); });
@@ -73,7 +73,7 @@ TEST(KernelWait, ShorterThanASliceIsOneSleep) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-TEST(KernelWait, WithoutLimitSleepsInSlicesToo) {
+TEST(KernelWait, SleepsInSlicesWithoutATimeLimitToo) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Traced waiter([&] {
@@ -92,7 +92,7 @@ TEST(KernelWait, WithoutLimitSleepsInSlicesToo) {
 }
 
 // The last look of a wait comes after its time.
-TEST(KernelWait, ThatFindsTheLockFreeAtItsEndOwnsIt) {
+TEST(KernelWait, OwnsALockThatIsFreeAtItsLastLook) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     Traced waiter([&] {
@@ -107,7 +107,7 @@ TEST(KernelWait, ThatFindsTheLockFreeAtItsEndOwnsIt) {
     EXPECT_EQ(waiter.status(), 0);
 }
 
-TEST(KernelWait, EndsInTimeBesideAStoppedOwnerWhoKeepsTheLock) {
+TEST(KernelWait, TimesOutWhileAStoppedOwnerKeepsTheLock) {
     const Handle mutex(create_mutex(object_name()));
     Sign owned, go_on;
     Forked owner([&] {
@@ -126,7 +126,7 @@ TEST(KernelWait, EndsInTimeBesideAStoppedOwnerWhoKeepsTheLock) {
     EXPECT_EQ(owner.wait(), 0);
 }
 
-TEST(KernelWait, FindsTheLockFreeAlthoughTheReleaserWasStoppedBeforeItWokeAnybody) {
+TEST(KernelWait, GetsTheLockWhenTheReleaserIsStoppedBeforeItWakesAnybody) {
     const Handle mutex(create_mutex(object_name()));
     Traced owner([&] {
         kzmkernel_wait(mutex.value, 0);
@@ -139,7 +139,7 @@ TEST(KernelWait, FindsTheLockFreeAlthoughTheReleaserWasStoppedBeforeItWokeAnybod
     EXPECT_EQ(waiter.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
-TEST(KernelWait, FindsTheLockFreeAlthoughTheWokenWaiterWasStopped) {
+TEST(KernelWait, GetsTheLockWhenTheWokenWaiterIsStopped) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     WokenAndSleeping waiters(mutex.value);  // the woken one stays where it is
@@ -148,7 +148,7 @@ TEST(KernelWait, FindsTheLockFreeAlthoughTheWokenWaiterWasStopped) {
 
 // The C library leaves a pointer to the lock behind when a timed lock runs out of time, and the kernel follows it when
 // the thread ends.
-TEST(KernelWait, ThatTimedOutLetsTheKernelWriteNothingWhereTheMutexWas) {
+TEST(KernelWait, LeavesNoPointerForTheKernelAfterATimeOut) {
     const std::string name = object_name();
     Sign owned, never;
     Forked owner([&] {
@@ -179,7 +179,7 @@ TEST(KernelWait, ThatTimedOutLetsTheKernelWriteNothingWhereTheMutexWas) {
     munmap(in_its_place, page);
 }
 
-TEST(KernelWait, IsNotForgottenWhenTheWaiterThatWasWokenIsKilled) {
+TEST(KernelWait, GetsTheLockWhenTheWokenWaiterIsKilled) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     WokenAndSleeping waiters(mutex.value);
@@ -189,7 +189,7 @@ TEST(KernelWait, IsNotForgottenWhenTheWaiterThatWasWokenIsKilled) {
     EXPECT_EQ(waiters.sleeping.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
-TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
+TEST(KernelWait, GetsTheLockWhenTheReleaserIsKilledBeforeItWakesAnybody) {
     const Handle mutex(create_mutex(object_name()));
     Traced owner([&] {
         kzmkernel_wait(mutex.value, 0);
@@ -206,7 +206,7 @@ TEST(KernelWait, IsNotForgottenWhenWhoeverWasToWakeItIsKilledBefore) {
     EXPECT_EQ(waiter.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
-TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken) {
+TEST(KernelWait, GetsTheLockWhenAnOwnerThatOvertookTheWokenWaiterIsKilled) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     WokenAndSleeping waiters(mutex.value);
@@ -223,7 +223,7 @@ TEST(KernelWait, IsNotForgottenWhenTheOwnerIsKilledThatTookTheLockBeforeTheWoken
 }
 
 // Whoever is killed leaves its name in the page, and a later process may get the same ids.
-TEST(KernelRelease, IsRefusedToANamesakeOfTheOwnerThatOwnsNothing) {
+TEST(KernelRelease, IsRefusedToANamesakeOfTheOwner) {
     const Handle mutex(create_mutex(object_name()));
     std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
     for (const int takes : {1, 2}) {
@@ -247,7 +247,7 @@ TEST(KernelRelease, IsRefusedToANamesakeOfTheOwnerThatOwnsNothing) {
 }
 
 // Its name may stand in the page while the lock's next owner has not written its own there.
-TEST(KernelRelease, ByANamesakeOfADeadOwnerDoesNotTouchTheLockOfTheRealOne) {
+TEST(KernelRelease, IsRefusedToANamesakeOfADeadOwnerAndChangesNothing) {
     const Handle mutex(create_mutex(object_name()));
     std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
     constexpr std::streamoff after_the_lock = 56;
@@ -276,7 +276,7 @@ TEST(KernelRelease, ByANamesakeOfADeadOwnerDoesNotTouchTheLockOfTheRealOne) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-TEST(KernelRelease, CostsNoCallToTheKernelAfterWaitersWereKilled) {
+TEST(KernelRelease, MakesNoSystemCallAfterWaitersWereKilled) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     for (int waiter = 0; waiter < 2; ++waiter) {
@@ -300,7 +300,7 @@ TEST(KernelRelease, WakesAWaiterOnceHoweverOftenTheLockIsTakenBeforeItRuns) {
     EXPECT_EQ(waiter.status(), 0);
 }
 
-TEST(KernelWait, GoesOnWhenItsHandleIsClosedMeanwhile) {
+TEST(KernelWait, ContinuesWhenItsHandleIsClosed) {
     const Handle mutex(create_mutex(object_name()));
     void* const closed = create_mutex(object_name());
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
@@ -316,7 +316,7 @@ TEST(KernelWait, GoesOnWhenItsHandleIsClosedMeanwhile) {
     waiter.join();
 }
 
-TEST(KernelWait, KeepsAnObjectAliveWhoseLastHandleIsClosedMeanwhile) {
+TEST(KernelWait, KeepsTheMutexAliveWhenItsLastHandleIsClosed) {
     const std::string name = object_name();
     void* const mutex = create_mutex(name);
     ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});

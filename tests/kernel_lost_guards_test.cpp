@@ -57,7 +57,7 @@ class Stopping {
 
 constexpr uint32_t existed = KZMKERNEL_ERROR_ALREADY_EXISTS;
 
-TEST(KernelLostGuards, OfAnOwnerLeaveTheMutexOneAndItsOwnerTheOwner) {
+TEST(KernelLostGuards, LeaveTheMutexToItsOwner) {
     Stopping daemon([] {
         void* const mutex = create_mutex(object_name());
         EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
@@ -75,7 +75,7 @@ TEST(KernelLostGuards, OfAnOwnerLeaveTheMutexOneAndItsOwnerTheOwner) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-class KernelLostGuardsOf : public testing::TestWithParam<Kind> {
+class KernelObjectWithLostGuards : public testing::TestWithParam<Kind> {
   protected:
     static void* create() { return GetParam().create(object_name()); }
     static void* open() { return GetParam().open(object_name()); }
@@ -101,10 +101,10 @@ class KernelLostGuardsOf : public testing::TestWithParam<Kind> {
         }
     }
 };
-INSTANTIATE_TEST_SUITE_P(Kinds, KernelLostGuardsOf, testing::ValuesIn(kinds),
+INSTANTIATE_TEST_SUITE_P(Kinds, KernelObjectWithLostGuards, testing::ValuesIn(kinds),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
-TEST_P(KernelLostGuardsOf, ADaemonLeaveItsObjectForOneProcessAfterTheOther) {
+TEST_P(KernelObjectWithLostGuards, StaysOneObjectForAllLaterProcesses) {
     Stopping daemon(lose_guards);
     // Whoever creates its first object clears up, and the last to leave removes the file: neither takes this one.
     { const Handle other(create_mutex(object_name() + "other")); }
@@ -116,7 +116,7 @@ TEST_P(KernelLostGuardsOf, ADaemonLeaveItsObjectForOneProcessAfterTheOther) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST_P(KernelLostGuardsOf, AForkedChildLeaveTheObjectOfItsParentThatEnded) {
+TEST_P(KernelObjectWithLostGuards, StaysAliveInAForkedChildAfterItsParentEnded) {
     Sign child_is_alone, over;
     Forked parent([&] {
         void* const handle = create();
@@ -142,7 +142,7 @@ TEST_P(KernelLostGuardsOf, AForkedChildLeaveTheObjectOfItsParentThatEnded) {
     over.give();
 }
 
-TEST_P(KernelLostGuardsOf, AProcessAreLockedAnewWhenItOpensTheObjectAgain) {
+TEST_P(KernelObjectWithLostGuards, IsGuardedAgainWhenItsProcessOpensItAgain) {
     Stopping daemon([] {
         const Handle first(create());
         const uint64_t number = kzmkernel_object_number(first.value);
@@ -159,7 +159,7 @@ TEST_P(KernelLostGuardsOf, AProcessAreLockedAnewWhenItOpensTheObjectAgain) {
     EXPECT_FALSE(fs::exists(GetParam().file(object_name())));
 }
 
-TEST_P(KernelLostGuardsOf, ADaemonDoNotLeaveTheFileWhenItClosesItsHandle) {
+TEST_P(KernelObjectWithLostGuards, RemovesItsFileWhenItsHandleIsClosed) {
     in_fork([] {
         Handle handle(create());
         close_all_descriptors();
@@ -169,7 +169,7 @@ TEST_P(KernelLostGuardsOf, ADaemonDoNotLeaveTheFileWhenItClosesItsHandle) {
     });
 }
 
-TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForTheFilesThatGetTheirNumbers) {
+TEST_P(KernelObjectWithLostGuards, ClosesNoFileThatGotTheNumberOfAGuard) {
     in_fork([] {
         Handle handle(create());
         close_all_descriptors();
@@ -182,7 +182,7 @@ TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForTheFilesThatGetTheirNumbers) {
     });
 }
 
-TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForThoseOfItsNextObject) {
+TEST_P(KernelObjectWithLostGuards, ClosesNoGuardOfTheNextObject) {
     in_fork([] {
         Handle lost(create());
         close_all_descriptors();
@@ -197,7 +197,7 @@ TEST_P(KernelLostGuardsOf, ADaemonAreNotTakenForThoseOfItsNextObject) {
     });
 }
 
-TEST(KernelLostGuards, WithTheFileOfAMappingFailTheNextView) {
+TEST(KernelLostGuards, FailTheNextViewOfAMappingThatLostItsFileToo) {
     in_fork([] {
         const Handle mapping(create_mapping(object_name()));
         map(mapping.value)[0] = 'v';
@@ -214,7 +214,7 @@ TEST(KernelLostGuards, WithTheFileOfAMappingFailTheNextView) {
 }
 
 // As in Windows, an object ends with its last handle.
-TEST(KernelLostGuards, AreToldFromViewsThatAreKeptWithoutAHandle) {
+TEST(KernelLostGuards, AreNotConfusedWithViewsKeptWithoutAHandle) {
     Stopping viewer([] {
         Handle mapping(create_mapping(object_name()));
         char* const view = map(mapping.value);
@@ -228,7 +228,7 @@ TEST(KernelLostGuards, AreToldFromViewsThatAreKeptWithoutAHandle) {
     EXPECT_EQ(viewer.go_on_to_its_end(), 0);
 }
 
-TEST(KernelLostGuards, AreToldFromViewsThatOutliveTheHandlesOfAllProcesses) {
+TEST(KernelLostGuards, AreNotConfusedWithViewsThatOutliveAllHandles) {
     Sign created, viewed;
     Forked holder([&] {
         const Handle mapping(create_mapping(object_name()));

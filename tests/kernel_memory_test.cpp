@@ -22,7 +22,7 @@ namespace {
 
 using namespace kernel_test;
 
-TEST(KernelMemory, ThatIsNotThereFailsTheCreateAndLeavesNothing) {
+TEST(KernelMemory, FailsTheCreateWhenItIsShortAndLeavesNothing) {
     in_fork([] {
         use_private_memory_disk("size=256k");
         const std::string name = object_name();
@@ -47,7 +47,7 @@ TEST(KernelMemory, ThatIsNotThereFailsTheCreateAndLeavesNothing) {
     });
 }
 
-TEST(KernelMemory, OfADeadObjectIsThereForTheNext) {
+TEST(KernelMemory, IsFreedByADeadObjectForTheNextOne) {
     in_fork([] {
         use_private_memory_disk("size=256k");
         Sign held;
@@ -62,7 +62,7 @@ TEST(KernelMemory, OfADeadObjectIsThereForTheNext) {
     });
 }
 
-TEST(KernelMemory, ThatEndsInTheMiddleOfAnAllocationFailsTheCreate) {
+TEST(KernelMemory, FailsTheCreateWhenItRunsOutDuringTheAllocation) {
     in_fork([] {
         // What is free is asked for first, so only one who takes the rest meanwhile makes an allocation fail half-way:
         // a limit on the size of files does the same to order.
@@ -77,7 +77,7 @@ TEST(KernelMemory, ThatEndsInTheMiddleOfAnAllocationFailsTheCreate) {
 }
 
 // Kernels differ in whether a signal ends an allocation, so the calls are made to fail from outside.
-TEST(KernelMemory, IsAllocatedWhileSignalsEndTheCalls) {
+TEST(KernelMemory, IsAllocatedEvenIfSignalsInterruptTheCalls) {
     constexpr uint64_t size = 5u << 20;
     Traced creator([&] {
         const Handle mapping(create_mapping(object_name(), size));

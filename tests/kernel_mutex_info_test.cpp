@@ -29,7 +29,7 @@ uint64_t this_second_ns() {
     return static_cast<uint64_t>(std::time(nullptr)) * 1'000'000'000;
 }
 
-TEST(KernelMutexInfo, NamesTheOwnerAndWhenItTookIt) {
+TEST(KernelMutexInfo, NamesTheOwnerAndTheTimeOfItsTake) {
     const Handle mutex(create_mutex(object_name()));
     EXPECT_EQ(info_of(mutex.value).owner_process, 0u);
     EXPECT_EQ(info_of(mutex.value).takeovers, 0u);
@@ -78,7 +78,7 @@ TEST(KernelMutexInfo, CountsAndDatesTakeOvers) {
     }
 }
 
-TEST(KernelMutexInfo, CountsHowOftenItWasTakenByWhomeverButNotHowOftenItsOwnerTookItAgain) {
+TEST(KernelMutexInfo, CountsTheTakesOfAllOwnersButNoRecursiveTakes) {
     const Handle mutex(create_mutex(object_name()));
     EXPECT_EQ(info_of(mutex.value).takes, 0u);
     kzmkernel_wait(mutex.value, 0);
@@ -95,7 +95,7 @@ TEST(KernelMutexInfo, CountsHowOftenItWasTakenByWhomeverButNotHowOftenItsOwnerTo
     EXPECT_EQ(info_of(mutex.value).takes, 3u);
 }
 
-TEST(KernelMutexInfo, NeedsAnOpenMutexAndAPlace) {
+TEST(KernelMutexInfo, FailsWithoutAnOpenMutexOrAnOutput) {
     const Handle mutex(create_mutex(object_name() + "1")), mapping(create_mapping(object_name() + "2"));
     kzmkernel_mutex_info info{};
     EXPECT_FALSE(kzmkernel_mutex_info_get(mutex.value, nullptr));
@@ -106,7 +106,7 @@ TEST(KernelMutexInfo, NeedsAnOpenMutexAndAPlace) {
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
 }
 
-TEST(KernelMutexPage, HasItsFieldsWhereOtherBuildsLookForThem) {
+TEST(KernelMutexPage, HasItsFieldsAtFixedOffsets) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
@@ -150,10 +150,10 @@ CHILD(expect_refused_mutex) {
     std::_Exit(refused ? 0 : 1);
 }
 
-class KernelMutexPageOf : public testing::TestWithParam<std::streamoff> {};
-INSTANTIATE_TEST_SUITE_P(SignatureNamespaceVersionAndSize, KernelMutexPageOf, testing::Values(0, 8, 56, 60));
+class KernelMutexPageVersion : public testing::TestWithParam<std::streamoff> {};
+INSTANTIATE_TEST_SUITE_P(SignatureNamespaceVersionAndSize, KernelMutexPageVersion, testing::Values(0, 8, 56, 60));
 
-TEST_P(KernelMutexPageOf, AnotherVersionIsRefused) {
+TEST_P(KernelMutexPageVersion, IsRefusedWhenItDiffers) {
     std::string name = object_name();
     const Handle mutex(create_mutex(name));
     std::fstream file(file_of_mutex(name), std::ios::binary | std::ios::in | std::ios::out);
@@ -168,7 +168,7 @@ TEST_P(KernelMutexPageOf, AnotherVersionIsRefused) {
 
 // Whoever may write the page can end all who use the mutex by damaging the pointers of its list, which the C library
 // and the kernel follow. What stands beside them is only counted and compared.
-TEST(KernelMutexPage, ToleratesAnyDamageOfTheLocksWordAndTheCounters) {
+TEST(KernelMutexPage, SurvivesAnyDamageToTheLockWordAndTheCounters) {
     std::mt19937 random(22);
     for (int round = 0; round < 100; ++round) {
         Forked user([&] {
@@ -190,7 +190,7 @@ TEST(KernelMutexPage, ToleratesAnyDamageOfTheLocksWordAndTheCounters) {
     }
 }
 
-TEST(KernelNote, StaysWithTheMutexWhenItsWriterReleasesItOrEnds) {
+TEST(KernelNote, IsKeptWhenItsWriterReleasesTheMutexOrEnds) {
     const std::string name = object_name();
     const Handle mutex(create_mutex(name));
     std::array<char, KZMKERNEL_NOTE_BYTES> note{};
@@ -218,7 +218,7 @@ TEST(KernelNote, StaysWithTheMutexWhenItsWriterReleasesItOrEnds) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
-TEST(KernelNote, IsForTheOwnerAlone) {
+TEST(KernelNote, CanBeWrittenOnlyByTheOwner) {
     const Handle mutex(create_mutex(object_name())), mapping(create_mapping(object_name() + "2"));
     std::array<char, KZMKERNEL_NOTE_BYTES> note{};
     EXPECT_EQ(kzmkernel_note(mutex.value), nullptr);
@@ -238,7 +238,7 @@ TEST(KernelNote, IsForTheOwnerAlone) {
     EXPECT_EQ(kzmkernel_note(mutex.value), nullptr);
 }
 
-TEST(KernelLooks, AreCountedBesideTheTakesByTheOwnerAlone) {
+TEST(KernelLooks, AreCountedOnlyByTheOwnerAndApartFromTakes) {
     const Handle mutex(create_mutex(object_name()));
     const auto looks = [&] {
         uint64_t count = 777;

@@ -15,7 +15,7 @@ namespace {
 
 using namespace kernel_test;
 
-TEST(KernelProcessNamespace, OfAnotherProcessRefusesItsMutexes) {
+TEST(KernelProcessNamespace, RefusesMutexesOfAnotherNamespace) {
     const std::string name = object_name();
     const Handle mutex(create_mutex(name));
     const Handle mapping(create_mapping(name + "m"));
@@ -44,7 +44,7 @@ TEST(KernelProcessNamespace, OfAnotherProcessRefusesItsMutexes) {
     EXPECT_EQ(Handle(open_mutex(name)).error == KZMKERNEL_ERROR_ACCESS_DENIED, false);
 }
 
-TEST(KernelProcessNamespace, ThatCannotBeToldRefusesMutexes) {
+TEST(KernelProcessNamespace, RefusesMutexesWhenItCannotBeDetermined) {
     in_fork([] {
         use_private_memory_disk();
         ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);

@@ -31,7 +31,7 @@ void as_other_user(const std::function<void()>& body) {
     in_fork_as(other_user, body);
 }
 
-TEST(KernelOtherUsers, CannotKeepAnybodyFromStartingByLockingTheMemoryDisk) {
+TEST(KernelOtherUsers, CannotBlockOthersByLockingTheMemoryDisk) {
     in_fork([] {
         use_private_memory_disk();
         Sign locked;
@@ -52,7 +52,7 @@ TEST(KernelOtherUsers, CannotKeepAnybodyFromStartingByLockingTheMemoryDisk) {
     });
 }
 
-TEST(KernelOtherUsers, CanOpenNothingThatIsLocked) {
+TEST(KernelOtherUsers, CannotOpenAnythingThatTheLibraryLocks) {
     in_fork([] {
         use_private_memory_disk();
         const Handle mutex(create_mutex(object_name()));
@@ -67,7 +67,7 @@ TEST(KernelOtherUsers, CanOpenNothingThatIsLocked) {
     });
 }
 
-TEST(KernelOtherUsers, HaveObjectsOfTheirOwnUnderTheSameNames) {
+TEST(KernelOtherUsers, HaveTheirOwnObjectsUnderTheSameNames) {
     const std::string name = object_name();
     const Handle mapping(create_mapping(name));
     ASSERT_EQ(mapping.error, 0u);
@@ -109,7 +109,7 @@ constexpr void (*plants[])() = {plant_folder,          plant_file_for_folder,   
                                 plant_sibling,         plant_folder_for_sibling, plant_fifo_for_sibling,
                                 plant_link_for_sibling};
 
-TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingMakeNobodyUseIt) {
+TEST(KernelOtherUsers, CannotMakeAnybodyUseAPlantedFolderOrSibling) {
     for (const auto plant : plants) {
         in_fork([plant] {
             use_private_memory_disk();
@@ -121,7 +121,7 @@ TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingMakeNobodyUseIt) {
 
 constexpr const char* advice = ": remove it, or set KZMKERNEL_FOLDER to another folder in all processes";
 
-TEST(KernelOtherUsers, ThatPlantAFolderOrItsSiblingAreNamed) {
+TEST(KernelOtherUsers, AreNamedWhenTheyPlantAFolderOrItsSibling) {
     for (const auto plant : plants) {
         in_fork([plant] {
             use_private_memory_disk();
@@ -148,7 +148,7 @@ void with_folder(const char* place, const std::function<void()>& body) {
     });
 }
 
-TEST(KernelFolderVariable, NamesAnotherFolderWithItsSibling) {
+TEST(KernelFolderVariable, ChoosesAnotherFolderAndItsSibling) {
     with_folder("/dev/shm/ours//", [] {
         as_other_user(plant_folder);
         const Handle mutex(create_mutex(object_name()));
@@ -159,14 +159,14 @@ TEST(KernelFolderVariable, NamesAnotherFolderWithItsSibling) {
     });
 }
 
-TEST(KernelFolderVariable, IsNoneWhenItIsEmpty) {
+TEST(KernelFolderVariable, IsIgnoredWhenItIsEmpty) {
     with_folder("", [] {
         expect_new(create_mutex, object_name());
         EXPECT_TRUE(fs::exists(folder()));
     });
 }
 
-TEST(KernelFolderVariable, RefusesWhatIsNotTheFullPathOfAFolder) {
+TEST(KernelFolderVariable, RefusesAnythingButTheFullPathOfAFolder) {
     for (const char* const place : {"ours", "./ours", "/", "/dev/shm/.", "/dev/shm/..", "//"}) {
         with_folder(place, [place] {
             expect_mutex_refused(KZMKERNEL_ERROR_INVALID_NAME);
@@ -234,7 +234,7 @@ TEST(KernelFolderVariable, IsIgnoredByAProgramWithMoreRightsThanItsCaller) {
     });
 }
 
-TEST(KernelExplanation, NamesWhateverIsInTheWay) {
+TEST(KernelExplanation, NamesTheObstacleAndTheRemedy) {
     in_fork([] {
         use_private_memory_disk();
         const auto explanation = [] {
@@ -276,7 +276,7 @@ TEST(KernelExplanation, NamesWhateverIsInTheWay) {
 
 // The system's list of locks tells everybody who has what.
 
-TEST(KernelOtherUsers, WhoHoldAMappingAreFoundAsLongAsTheyDo) {
+TEST(KernelOtherUsers, AreFoundWhileTheyHoldAMapping) {
     const std::string name = object_name();
     in_fork([&] {
         use_private_memory_disk();
@@ -304,7 +304,7 @@ TEST(KernelOtherUsers, WhoHoldAMappingAreFoundAsLongAsTheyDo) {
 }
 
 // A write lease makes whoever opens the file wait for the owner of the lease.
-TEST(KernelOtherUsers, CannotHoldAnybodyUpWithALeaseOnAPlantedSibling) {
+TEST(KernelOtherUsers, CannotDelayOthersWithALeaseOnAPlantedSibling) {
     in_fork([] {
         use_private_memory_disk();
         Sign leased;

@@ -57,7 +57,7 @@ void count_signal(int) {
     ++signals_taken;
 }
 
-TEST(KernelSizeLimit, FailsTheCreateAndEndsNoProcess) {
+TEST(KernelSizeLimit, FailsTheCreateAndKillsNoProcess) {
     in_fork([] {
         limit_files_to(limit);
         expect_no_room();
@@ -83,7 +83,7 @@ TEST(KernelSizeLimit, CallsNoHandlerOfTheProgram) {
     });
 }
 
-TEST(KernelSizeLimit, LeavesASignalThatWasPendingForTheProgram) {
+TEST(KernelSizeLimit, LeavesAPendingSignalToTheProgram) {
     for (const bool of_process : {false, true}) {
         in_fork([of_process] {
             limit_files_to(limit);
@@ -122,7 +122,7 @@ CHILD(create_a_region_beyond_the_limit) {
     test::report(shmnm_create());
 }
 
-TEST(KernelSizeLimit, FailsTheCreateOfARegionWithALineInTheLog) {
+TEST(KernelSizeLimit, FailsTheCreateOfARegionAndLogsIt) {
     const test::TemporaryFolder folder;
     const test::ScopedEnvironment path("KZM_INSTALL_PATH", folder.string().c_str());
     folder.write("etc/cluster.xml", "<root><all><num><server>1000</server></num></all></root>");

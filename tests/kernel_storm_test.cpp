@@ -143,7 +143,7 @@ class Watchdog {
     std::thread thread_;
 };
 
-TEST(KernelStorm, HasOneOwnerAtATimeAndForgetsNobody) {
+TEST(KernelStorm, HasOneOwnerAtATimeAndForgetsNoWaiter) {
     const unsigned seed = chosen_seed();
     std::cout << "KERNEL_STORM_SEED=" << seed << std::endl;
     std::minstd_rand random(seed);

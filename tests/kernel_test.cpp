@@ -146,7 +146,7 @@ CHILD(create_when_told) {
     }
 }
 
-TEST_P(KernelObject, LeavesLastErrorAt0WhenNewEvenIfItWas183) {
+TEST_P(KernelObject, SetsTheLastErrorTo0WhenNewEvenIfItWas183) {
     test::set_last_error(kernel::error_already_exists);
     const Handle handle(create());
     ASSERT_NE(handle.get(), nullptr);
@@ -204,7 +204,7 @@ TEST_P(KernelObject, LivesOnInAnotherProcessWhenItsCreatorIsKilled) {
     EXPECT_EQ(kernel::last_error(), 183u);
 }
 
-TEST_P(KernelObject, EndsWithTheExitOfAHolderThatDidNotClose) {
+TEST_P(KernelObject, EndsWhenItsHolderExitsWithoutClosingIt) {
     Child holder = start(create_and_exit, argument());
     ASSERT_EQ(holder.reported(), 0u);
     EXPECT_EQ(holder.wait(), 0);
@@ -247,7 +247,7 @@ TEST_P(KernelObject, IsNewToExactlyOneOfManySimultaneousCreators) {
     }
 }
 
-TEST_P(KernelObject, ClosedHandleFailsWith6) {
+TEST_P(KernelObject, FailsWith6ThroughAClosedHandle) {
     Handle handle(create());
     void* const stale = handle.get();
     ASSERT_TRUE(handle.close());
@@ -285,7 +285,7 @@ TEST_P(InventedHandle, FailsWith6) {
     EXPECT_EQ(kernel::last_error(), error_invalid_handle);
 }
 
-TEST(KernelNames, MutexAndMappingShareOneSpace) {
+TEST(KernelNames, AreSharedByMutexesAndMappings) {
     const Handle mapping(test::create_mapping(page, object_name("mapping").c_str()));
     EXPECT_EQ(test::create_mutex(object_name("mapping").c_str()), nullptr);
     EXPECT_EQ(kernel::last_error(), error_invalid_handle);
@@ -296,14 +296,14 @@ TEST(KernelNames, MutexAndMappingShareOneSpace) {
     EXPECT_EQ(kernel::last_error(), error_invalid_handle);
 }
 
-TEST(KernelNames, KindIsFreeAgainWithTheOtherObjectsEnd) {
+TEST(KernelNames, CanNameTheOtherKindAfterTheObjectEnded) {
     { const Handle mapping(test::create_mapping(page, object_name().c_str())); }
     const Handle mutex(test::create_mutex(object_name().c_str()));
     EXPECT_NE(mutex.get(), nullptr);
     EXPECT_EQ(kernel::last_error(), 0u);
 }
 
-TEST(KernelHandle, OfTheWrongKindFails) {
+TEST(KernelHandle, FailsForTheWrongKindOfObject) {
     const Handle mapping(test::create_mapping(page, object_name("mapping").c_str()));
     const Handle mutex(test::create_mutex(object_name("mutex").c_str()));
     test::set_last_error(0);
@@ -381,7 +381,7 @@ TEST(KernelMapping, IsSharedBetweenProcesses) {
     EXPECT_EQ(view[page - 1], 0x5A);
 }
 
-TEST(KernelMapping, OfKilledHoldersIsZeroFilledAgain) {
+TEST(KernelMapping, IsZeroFilledAgainAfterItsHoldersWereKilled) {
     Child writer = start(write_and_hang, object_name());
     ASSERT_EQ(writer.reported(), 0u);
     writer.kill();
@@ -393,7 +393,7 @@ TEST(KernelMapping, OfKilledHoldersIsZeroFilledAgain) {
     EXPECT_TRUE(is_zero(view.get(), page));
 }
 
-TEST(KernelMapping, OfAClosedHolderIsZeroFilledAgain) {
+TEST(KernelMapping, IsZeroFilledAgainAfterItsHolderClosedIt) {
     {
         const Handle mapping(test::create_mapping(page, object_name().c_str()));
         const View view(kernel::map_view(mapping.get()));
@@ -421,7 +421,7 @@ TEST(KernelMapping, KeepsItsSizeWhenItIsCreatedAgain) {
     EXPECT_EQ(kernel::view_size(view.get()), page);
 }
 
-TEST(KernelMapping, TakesTheSizeOfItsNextCreatorOnceItHasEnded) {
+TEST(KernelMapping, HasTheSizeOfItsNextCreatorAfterItEnded) {
     { const Handle small(test::create_mapping(page, object_name().c_str())); }
     const Handle large(test::create_mapping(16 * page, object_name().c_str()));
     ASSERT_EQ(kernel::last_error(), 0u);
@@ -442,7 +442,7 @@ class KernelMappingSize : public testing::TestWithParam<uint64_t> {};
 INSTANTIATE_TEST_SUITE_P(Sizes, KernelMappingSize,
                          testing::Values(1, page - 1, page, page + 1, 65536, 100'000, 50'000'001));
 
-TEST_P(KernelMappingSize, IsMappedInWholePagesThatCanAllBeWritten) {
+TEST_P(KernelMappingSize, IsRoundedUpToWholeWritablePages) {
     std::string name = object_name();
     std::replace(name.begin(), name.end(), '/', '-');
     const Handle mapping(test::create_mapping(GetParam(), name.c_str()));
@@ -458,7 +458,7 @@ class KernelMappingOf4GiB : public testing::TestWithParam<uint64_t> {};
 INSTANTIATE_TEST_SUITE_P(Sizes, KernelMappingOf4GiB, testing::Values(0xFFFFFFFF, 0x100000001));
 
 // A machine need not have that much memory, but then it must say so at once, and leave the name free.
-TEST_P(KernelMappingOf4GiB, IsMadeWholeOrRefused) {
+TEST_P(KernelMappingOf4GiB, IsCreatedWholeOrRefused) {
     std::string name = object_name();
     std::replace(name.begin(), name.end(), '/', '-');
     {
@@ -500,7 +500,7 @@ TEST(KernelView, StaysWhenAnotherViewIsUnmapped) {
     EXPECT_EQ(view[1], 8);
 }
 
-TEST(KernelView, IsNotHadForWritingFromAHandleForReading) {
+TEST(KernelView, CannotBeWritableThroughAReadOnlyHandle) {
     const Handle mapping(test::create_mapping(page, object_name().c_str()));
     const Handle reading(test::open_mapping(for_reading, object_name().c_str()));
     ASSERT_NE(reading.get(), nullptr);
@@ -508,7 +508,7 @@ TEST(KernelView, IsNotHadForWritingFromAHandleForReading) {
     EXPECT_EQ(kernel::last_error(), error_access_denied);
 }
 
-TEST(KernelView, ForReadingSeesTheBytesOfOthersAndCannotBeWritten) {
+TEST(KernelView, ShowsTheBytesOfOthersAndCannotBeWrittenWhenReadOnly) {
     const Handle mapping(test::create_mapping(page, object_name().c_str()));
     const View view(kernel::map_view(mapping.get()));
     view[0] = 42;
@@ -574,7 +574,7 @@ TEST_F(KernelMutex, IsOwnedByOneProcessOnly) {
     EXPECT_EQ(kernel::wait(mutex.get(), 20), timed_out);
 }
 
-TEST_F(KernelMutex, IsOneThroughAllItsHandles) {
+TEST_F(KernelMutex, IsTheSameThroughAllItsHandles) {
     const Handle other(test::create_mutex(name.c_str()));
     ASSERT_EQ(kernel::wait(mutex.get(), 0), owned);
     EXPECT_EQ(kernel::wait(other.get(), 0), owned);
@@ -599,7 +599,7 @@ TEST_F(KernelMutex, NeedsAsManyReleasesAsItWasTaken) {
     EXPECT_EQ(kernel::last_error(), error_not_owner);
 }
 
-TEST_F(KernelMutex, IsNotReleasedByAThreadThatDoesNotOwnIt) {
+TEST_F(KernelMutex, CannotBeReleasedByAThreadThatDoesNotOwnIt) {
     const Attempt free = try_release(mutex.get());
     EXPECT_FALSE(free.done);
     EXPECT_EQ(free.error, error_not_owner);
@@ -611,7 +611,7 @@ TEST_F(KernelMutex, IsNotReleasedByAThreadThatDoesNotOwnIt) {
     EXPECT_TRUE(kernel::release(mutex.get()));
 }
 
-TEST_F(KernelMutex, IsNotReleasedByAProcessThatDoesNotOwnIt) {
+TEST_F(KernelMutex, CannotBeReleasedByAProcessThatDoesNotOwnIt) {
     ASSERT_EQ(kernel::wait(mutex.get(), 0), owned);
     Child other = start(release_without_owning, name);
     EXPECT_EQ(other.reported(), 0u);
@@ -620,7 +620,7 @@ TEST_F(KernelMutex, IsNotReleasedByAProcessThatDoesNotOwnIt) {
     EXPECT_TRUE(kernel::release(mutex.get()));
 }
 
-TEST_F(KernelMutex, WaitWithoutTimeEndsAtOnceAndLeavesTheLastError) {
+TEST_F(KernelMutex, EndsAWaitOfZeroTimeAtOnceAndKeepsTheLastError) {
     Child owner = start(lock_and_hang, name);
     ASSERT_EQ(owner.reported(), owned);
     test::set_last_error(no_last_error);
@@ -630,7 +630,7 @@ TEST_F(KernelMutex, WaitWithoutTimeEndsAtOnceAndLeavesTheLastError) {
     EXPECT_EQ(kernel::last_error(), no_last_error);
 }
 
-TEST_F(KernelMutex, WaitTakesItsWholeTimeAndLeavesTheLastError) {
+TEST_F(KernelMutex, EndsAWaitAfterItsWholeTimeAndKeepsTheLastError) {
     Child owner = start(lock_and_hang, name);
     ASSERT_EQ(owner.reported(), owned);
     test::set_last_error(no_last_error);
@@ -643,7 +643,7 @@ TEST_F(KernelMutex, WaitTakesItsWholeTimeAndLeavesTheLastError) {
     EXPECT_EQ(kernel::last_error(), no_last_error);
 }
 
-TEST_F(KernelMutex, WaitOfSeveralWeeksIsNotOver) {
+TEST_F(KernelMutex, DoesNotEndAWaitOfSeveralWeeks) {
     ASSERT_EQ(kernel::wait(mutex.get(), 0), owned);
     std::atomic<uint32_t> result{failed};
     std::thread waiter([&] {
@@ -682,7 +682,7 @@ TEST_F(KernelMutex, IsHandedToAWaitingProcess) {
     EXPECT_EQ(waiter.reported(), 1u);
 }
 
-TEST_F(KernelMutex, OfAnEndedThreadIsHandedOnAsAbandonedOnce) {
+TEST_F(KernelMutex, IsAbandonedOnceWhenItsOwnerThreadEnds) {
     ASSERT_EQ(in_another_thread(try_wait, mutex.get()), owned);
     EXPECT_EQ(kernel::wait(mutex.get(), 0), abandoned);
     EXPECT_TRUE(kernel::release(mutex.get()));
@@ -690,7 +690,7 @@ TEST_F(KernelMutex, OfAnEndedThreadIsHandedOnAsAbandonedOnce) {
     EXPECT_TRUE(kernel::release(mutex.get()));
 }
 
-TEST_F(KernelMutex, OfAThreadThatTookItTwiceIsAbandonedAsAWhole) {
+TEST_F(KernelMutex, IsAbandonedCompletelyByAThreadThatTookItTwice) {
     std::thread([&] {
         EXPECT_EQ(kernel::wait(mutex.get(), 0), owned);
         EXPECT_EQ(kernel::wait(mutex.get(), 0), owned);
@@ -702,7 +702,7 @@ TEST_F(KernelMutex, OfAThreadThatTookItTwiceIsAbandonedAsAWhole) {
     EXPECT_EQ(in_another_thread(try_and_give_back, mutex.get()), owned);
 }
 
-TEST_F(KernelMutex, TakenOverIsRecursiveAgain) {
+TEST_F(KernelMutex, IsRecursiveAgainAfterATakeOver) {
     ASSERT_EQ(in_another_thread(try_wait, mutex.get()), owned);
     EXPECT_EQ(kernel::wait(mutex.get(), 0), abandoned);
     EXPECT_EQ(kernel::wait(mutex.get(), 0), owned);
@@ -711,7 +711,7 @@ TEST_F(KernelMutex, TakenOverIsRecursiveAgain) {
     EXPECT_TRUE(kernel::release(mutex.get()));
 }
 
-TEST_F(KernelMutex, OfAKilledProcessIsHandedOnAsAbandonedOnce) {
+TEST_F(KernelMutex, IsAbandonedOnceWhenItsOwnerProcessIsKilled) {
     Child owner = start(lock_and_hang, name);
     ASSERT_EQ(owner.reported(), owned);
     owner.kill();
@@ -721,7 +721,7 @@ TEST_F(KernelMutex, OfAKilledProcessIsHandedOnAsAbandonedOnce) {
     EXPECT_TRUE(kernel::release(mutex.get()));
 }
 
-TEST_F(KernelMutex, OfAProcessThatExitedIsHandedOnAsAbandoned) {
+TEST_F(KernelMutex, IsAbandonedWhenItsOwnerProcessExits) {
     Child owner = start(lock_and_exit, name);
     ASSERT_EQ(owner.reported(), owned);
     EXPECT_EQ(owner.wait(), 0);
@@ -769,7 +769,7 @@ TEST_F(KernelMutex, IsReportedAsAbandonedToExactlyOneOfItsWaiters) {
     EXPECT_EQ(reports, 1);
 }
 
-TEST_F(KernelMutex, ClosedByItsOwnerStaysOwnedUntilTheOwnerEnds) {
+TEST_F(KernelMutex, StaysOwnedAfterItsOwnerClosesItUntilTheOwnerEnds) {
     Child owner = start(lock_then_close_and_hang, name);
     ASSERT_EQ(owner.reported(), owned);
     ASSERT_EQ(owner.reported(), 1u);
@@ -779,7 +779,7 @@ TEST_F(KernelMutex, ClosedByItsOwnerStaysOwnedUntilTheOwnerEnds) {
     EXPECT_TRUE(kernel::release(mutex.get()));
 }
 
-TEST_F(KernelMutex, ClosedByItsOwnerIsStillItsOwnWhenItIsOpenedAgain) {
+TEST_F(KernelMutex, IsStillOwnedAfterItsOwnerClosesAndReopensIt) {
     Child other = start(wait_and_release, name);
     ASSERT_EQ(other.reported(), 1u);
     ASSERT_EQ(other.reported(), owned);
@@ -801,7 +801,7 @@ TEST_F(KernelMutex, ClosedByItsOwnerIsStillItsOwnWhenItIsOpenedAgain) {
     EXPECT_FALSE(kernel::release(again.get()));
 }
 
-TEST_F(KernelMutex, WhoseLastHandleIsClosedWhileOwnedIsANewOneAfterwards) {
+TEST_F(KernelMutex, IsNewAfterItsLastHandleIsClosedWhileOwned) {
     const std::string other = name + "2";
     for (int round = 0; round < 3; ++round) {
         Handle handle(test::create_mutex(other.c_str()));
@@ -813,7 +813,7 @@ TEST_F(KernelMutex, WhoseLastHandleIsClosedWhileOwnedIsANewOneAfterwards) {
     EXPECT_EQ(in_another_thread(try_and_give_back, handle.get()), owned);
 }
 
-TEST_F(KernelMutex, ClosedAtAnyMomentOfAWaitEndsInOwnershipOrIn6) {
+TEST_F(KernelMutex, EndsAWaitInOwnershipOrError6WhenItIsClosed) {
     for (int round = 0; round < 200; ++round) {
         void* const handle = test::create_mutex(name.c_str());
         ASSERT_EQ(kernel::wait(mutex.get(), 0), owned);
@@ -833,7 +833,7 @@ TEST_F(KernelMutex, ClosedAtAnyMomentOfAWaitEndsInOwnershipOrIn6) {
     }
 }
 
-TEST(KernelSleep, LastsItsTime) {
+TEST(KernelSleep, LastsAtLeastTheGivenTime) {
     for (const uint32_t time_ms : {0u, 1u, 30u, 1020u}) {
         const auto begin = steady_clock::now();
         kernel::sleep(time_ms);

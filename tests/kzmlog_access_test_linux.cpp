@@ -77,7 +77,7 @@ struct Attack {
     bool reads = child.reported() != 0, writes = child.reported() != 0, holds_the_lock = child.reported() != 0;
 };
 
-TEST_F(KzmLogAccess, IsForItsUserAloneUnderAnyMask) {
+TEST_F(KzmLogAccess, IsLimitedToItsUserUnderAnyUmask) {
     const ScopedMask none(0);
     void* const log = open_log(1);
     for (const char* const line : {"a", "b"}) EXPECT_EQ(write(log, line), 0);
@@ -93,7 +93,7 @@ TEST_F(KzmLogAccess, IsForItsUserAloneUnderAnyMask) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLogAccess, IsTakenFromOthersWhenFilesOfAnOlderVersionAreOpened) {
+TEST_F(KzmLogAccess, IsNarrowedWhenFilesOfAnOlderVersionAreOpened) {
     left("shmnm.log", 0666, getuid(), "");
     left(lock_name, 0644, getuid(), "");
     void* const log = open_log(1);
@@ -107,7 +107,7 @@ TEST_F(KzmLogAccess, IsTakenFromOthersWhenFilesOfAnOlderVersionAreOpened) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLogAccess, StaysNarrowerThanUsualWhereItsUserMadeItSo) {
+TEST_F(KzmLogAccess, StaysNarrowerIfItsUserMadeItSo) {
     left("shmnm.log", 0600, getuid(), "");
     void* const log = open_log();
     EXPECT_EQ(write(log, "a"), 0);
@@ -115,7 +115,7 @@ TEST_F(KzmLogAccess, StaysNarrowerThanUsualWhereItsUserMadeItSo) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLogAccess, OfAnotherUserWhoHoldsALockFileOfAnOlderVersionPutsOnlyRotationOff) {
+TEST_F(KzmLogAccess, DelaysOnlyRotationWhenAnotherUserHoldsAnOldLockFile) {
     left(lock_name, 0644, getuid(), "");
     void* const log = open_log(1);
     Attack attack(spare_user());
@@ -137,7 +137,7 @@ CHILD(hold_the_lock_until_stopped) {
     hang();
 }
 
-TEST_F(KzmLogAccess, OfAStoppedProcessToTheLockPutsOnlyRotationOff) {
+TEST_F(KzmLogAccess, DelaysOnlyRotationWhenAStoppedProcessHoldsTheLock) {
     void* const log = open_log(1);
     Child holder = start(hold_the_lock_until_stopped);
     holder.reported();
@@ -150,7 +150,7 @@ TEST_F(KzmLogAccess, OfAStoppedProcessToTheLockPutsOnlyRotationOff) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLogAccess, ToAFileOfAnotherUserIsNotUsed) {
+TEST_F(KzmLogAccess, RefusesALogFileOfAnotherUser) {
     void* log = open_log(1);
     EXPECT_EQ(kzmlog_close(log), 0);
     left("shmnm.log", 0666, spare_user(), "theirs\n");
@@ -160,7 +160,7 @@ TEST_F(KzmLogAccess, ToAFileOfAnotherUserIsNotUsed) {
     EXPECT_EQ(mode_of(file()), 0666u);
 }
 
-TEST_F(KzmLogAccess, ToALogThatBecameAnotherUsersEnds) {
+TEST_F(KzmLogAccess, EndsWhenTheLogFileBecomesAnotherUsers) {
     void* const log = open_log(1);
     EXPECT_EQ(write(log, "a"), 0);
     ASSERT_EQ(chown(file().c_str(), spare_user(), spare_user()), 0);
@@ -172,7 +172,7 @@ TEST_F(KzmLogAccess, ToALogThatBecameAnotherUsersEnds) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLogAccess, ToALockFileOfAnotherUserIsNotUsed) {
+TEST_F(KzmLogAccess, IgnoresALockFileOfAnotherUser) {
     left(lock_name, 0666, spare_user(), "");
     void* const log = open_log(1);
     for (const char* const line : {"a", "b"}) EXPECT_EQ(write(log, line), 0);
@@ -200,7 +200,7 @@ void make_socket(const char* path) {
     close(socket_);
 }
 
-TEST_F(KzmLogAccess, ToWhatIsNoRegularFileIsNotUsedAndBlocksNobody) {
+TEST_F(KzmLogAccess, RefusesAnythingButARegularFileAndBlocksNobody) {
     for (const auto make : {make_link, make_pipe, make_device, make_socket}) {
         void* const log = open_log(1);
         EXPECT_EQ(write(log, "a"), 0);

@@ -162,7 +162,7 @@ TEST_F(KzmLog, WritesOneLineWithAllItsFields) {
     EXPECT_EQ(kzmlog_close(log), 0);
 }
 
-TEST_F(KzmLog, TellsThreadsApart) {
+TEST_F(KzmLog, DistinguishesThreads) {
     void* const log = open_log();
     EXPECT_EQ(write(log, "first"), 0);
     EXPECT_EQ(write(log, "second"), 0);
@@ -185,7 +185,7 @@ TEST_F(KzmLog, NamesTheKnownLevelsAndNumbersTheOthers) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, DropsWhatIsAboveItsLevel) {
+TEST_F(KzmLog, DropsLinesAboveItsLevel) {
     void* const log = open_log(0, 4);
     for (const uint32_t level : {16u, 5u, 4u, 2u, 1u}) {
         EXPECT_EQ(kzmlog_write(log, level, 0, "f", 1, "g", std::to_string(level).c_str()), 0);
@@ -194,7 +194,7 @@ TEST_F(KzmLog, DropsWhatIsAboveItsLevel) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, ReadsNullTextsAsEmpty) {
+TEST_F(KzmLog, WritesNullTextsAsEmpty) {
     void* const log = open_log();
     EXPECT_EQ(kzmlog_write(log, 4, 0, nullptr, -1, nullptr, nullptr), 0);
     const std::vector<LogLine> lines = parsed(text());
@@ -206,7 +206,7 @@ TEST_F(KzmLog, ReadsNullTextsAsEmpty) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, EscapesWhateverCouldForgeALine) {
+TEST_F(KzmLog, EscapesBytesThatCouldForgeALine) {
     void* const log = open_log();
     const std::string forged = "x\n2026-01-01T00:00:00.000+00:00 1 1 ERROR f g:1 forged\r\t\x1b[2J\x7f\\n";
     EXPECT_EQ(kzmlog_write(log, 4, 0, "a b\n:1", 3, "f\ng h", forged.c_str()), 0);
@@ -276,7 +276,7 @@ TEST_F(KzmLog, WritesAMessageOfAnyLengthWhole) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, AppendsToWhatIsThere) {
+TEST_F(KzmLog, AppendsToAnExistingFile) {
     void* log = open_log();
     EXPECT_EQ(write(log, "first"), 0);
     EXPECT_EQ(kzmlog_close(log), 0);
@@ -286,7 +286,7 @@ TEST_F(KzmLog, AppendsToWhatIsThere) {
     EXPECT_THAT(messages(text()), ElementsAre("first", "second"));
 }
 
-TEST_F(KzmLog, ClosesALineThatWasCutBeforeItWritesTheNextOne) {
+TEST_F(KzmLog, EndsATruncatedLineBeforeItWritesTheNextOne) {
     void* const log = open_log();
     EXPECT_EQ(write(log, "first"), 0);
     std::ofstream(file(), std::ios::binary | std::ios::app) << "cut off";
@@ -299,7 +299,7 @@ TEST_F(KzmLog, ClosesALineThatWasCutBeforeItWritesTheNextOne) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, KeepsTwoLogsApart) {
+TEST_F(KzmLog, KeepsTwoLogsSeparate) {
     void *first = nullptr, *second = nullptr;
     ASSERT_EQ(kzmlog_open("shmnm", &first, 4, 0, 0, "channel"), 0);
     ASSERT_EQ(kzmlog_open("other-1.x", &second, 1, 0, 0, "channel"), 0);
@@ -338,7 +338,7 @@ TEST_F(KzmLog, RefusesBadArguments) {
     EXPECT_EQ(text((longest + ".log").c_str()), "");
 }
 
-TEST_F(KzmLog, RefusesHandlesThatAreNoOpenLog) {
+TEST_F(KzmLog, RefusesHandlesOfNoOpenLog) {
     void* const log = open_log();
     const auto handle = reinterpret_cast<uintptr_t>(log);
     for (const uintptr_t invented : {uintptr_t{0}, uintptr_t{1}, uintptr_t{5}, uintptr_t{63}, handle + 1, handle + 64,
@@ -355,7 +355,7 @@ TEST_F(KzmLog, RefusesHandlesThatAreNoOpenLog) {
     EXPECT_EQ(text(), "");
 }
 
-TEST_F(KzmLog, RefusesALineThatItsLevelWouldDropOnceTheLogIsClosed) {
+TEST_F(KzmLog, RefusesEvenADroppedLineOnceTheLogIsClosed) {
     const auto dropped = [](void* log) { return kzmlog_write(log, 16, 0, "f", 1, "g", "dropped"); };
     EXPECT_EQ(dropped(nullptr), invalid_handle);
     void* const first = open_log(0, 4);
@@ -372,7 +372,7 @@ TEST_F(KzmLog, RefusesALineThatItsLevelWouldDropOnceTheLogIsClosed) {
     EXPECT_EQ(text(), "");
 }
 
-TEST_F(KzmLog, DropsByTheLevelOfEachOfManyLogs) {
+TEST_F(KzmLog, AppliesTheLevelOfEachOfManyLogs) {
     std::vector<void*> logs;
     logs.reserve(64);
     for (uint32_t level = 0; level < 64; ++level) logs.push_back(open_log(0, level));
@@ -390,7 +390,7 @@ TEST_F(KzmLog, DropsByTheLevelOfEachOfManyLogs) {
     for (void* const log : logs) EXPECT_EQ(kzmlog_close(log), 0);
 }
 
-TEST_F(KzmLog, GivesAHandleOutOnlyOnce) {
+TEST_F(KzmLog, NeverReturnsTheSameHandleTwice) {
     std::set<void*> given;
     for (int i = 0; i < 200; ++i) {
         void* const log = open_log();
@@ -433,7 +433,7 @@ TEST_F(KzmLog, RotatesBeforeItsSizeIsExceededAndKeepsThreeGenerations) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, GivesALineLongerThanItsSizeAFileOfItsOwn) {
+TEST_F(KzmLog, WritesALineLongerThanItsSizeToAFileOfItsOwn) {
     void* const log = open_log(1);
     const std::string first(5000, 'a'), second(5000, 'b');
     EXPECT_EQ(write(log, first), 0);
@@ -486,7 +486,7 @@ TEST_F(KzmLog, FillsTheGapThatAKilledRotationLeftInTheFirstGeneration) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, MakesTheCurrentFileThatAKilledRotationLeftMissing) {
+TEST_F(KzmLog, CreatesTheCurrentFileIfAKilledRotationLeftItMissing) {
     void* const log = open_log(1);
     EXPECT_EQ(write(log, "old"), 0);
     std::filesystem::rename(file(), file("shmnm.log.1"));
@@ -524,7 +524,7 @@ CHILD(rotate_for_ever) {
     for (;;) write(log, "child");
 }
 
-TEST_F(KzmLog, GoesOnAfterARotatorWasKilled) {
+TEST_F(KzmLog, RotatesAgainAfterARotatingProcessWasKilled) {
     void* const log = open_log(1);
     for (int round = 0; round < 6; ++round) {
         Child rotator = start(rotate_for_ever);
@@ -614,7 +614,7 @@ TEST_F(KzmLogOfManyProcesses, LosesNoLineAndRotatesOnceForEachOverflow) {
     EXPECT_FALSE(std::filesystem::exists(file("shmnm.log.3")));
 }
 
-TEST_F(KzmLogOfManyProcesses, KeepsTheYoungestLinesOfEachWithinTheSize) {
+TEST_F(KzmLogOfManyProcesses, KeepsTheLatestLinesOfEachProcessWithinTheSize) {
     constexpr uint64_t lines = 500, size = 15'000;
     const std::set<uint32_t> ids = let_write(8, lines, size, 30);
     const auto numbers = numbers_by_process(kept_lines(), 30);
@@ -634,7 +634,7 @@ TEST_F(KzmLogOfManyProcesses, KeepsTheYoungestLinesOfEachWithinTheSize) {
     EXPECT_THAT(names, ElementsAre("oru_kzmshmnm_log.lock", "shmnm.log", "shmnm.log.1", "shmnm.log.2", "shmnm.log.3"));
 }
 
-TEST_F(KzmLogOfManyProcesses, WritesLongLinesWholeAndNothingBetweenThem) {
+TEST_F(KzmLogOfManyProcesses, WritesLongLinesWholeAndUninterrupted) {
     const std::set<uint32_t> ids = let_write(8, 150, 0, 6'000);
     const auto numbers = numbers_by_process(kept_lines(), 6'000);
     EXPECT_EQ(numbers.size(), ids.size());
@@ -654,7 +654,7 @@ CHILD(write_in_two_parts) {
     }
 }
 
-TEST_F(KzmLogOfManyProcesses, LosesNoLineOfTheOthersWhenSomeAreKilledWhileTheyRotate) {
+TEST_F(KzmLogOfManyProcesses, LosesNoLineOfOthersWhenRotatingProcessesAreKilled) {
     constexpr uint64_t lines = 150;
     std::vector<Child> rotators;
     rotators.reserve(3);
@@ -674,7 +674,7 @@ TEST_F(KzmLogOfManyProcesses, LosesNoLineOfTheOthersWhenSomeAreKilledWhileTheyRo
     EXPECT_EQ(last, consecutive(lines, lines + 4));
 }
 
-TEST_F(KzmLog, DropsOrWritesWholeWhatRacesWithAClose) {
+TEST_F(KzmLog, DropsOrWritesWholeALineThatRacesWithAClose) {
     std::atomic<void*> log{nullptr};
     std::atomic<bool> stop{false};
     std::array<int, 3> written{};
@@ -705,7 +705,7 @@ TEST_F(KzmLog, DropsOrWritesWholeWhatRacesWithAClose) {
     EXPECT_GE(lines.size(), 150u);
 }
 
-TEST_F(KzmLog, TakesNoLineOfAClosedLogForOneThatAnOpenOneDrops) {
+TEST_F(KzmLog, RefusesLinesOfAClosedLogWhileAnotherLogOpens) {
     void* const closed = open_log(0, 4);
     EXPECT_EQ(kzmlog_close(closed), 0);
     std::atomic<bool> stop{false};
@@ -721,7 +721,7 @@ TEST_F(KzmLog, TakesNoLineOfAClosedLogForOneThatAnOpenOneDrops) {
     EXPECT_EQ(text(), "");
 }
 
-TEST_F(KzmLog, IsWrittenByManyThreadsAtOnceThroughItsRotations) {
+TEST_F(KzmLog, CanBeWrittenByManyThreadsAcrossRotations) {
     void* const log = open_log(20'000);
     std::vector<std::thread> writers;
     writers.reserve(4);
@@ -744,7 +744,7 @@ TEST_F(KzmLog, IsWrittenByManyThreadsAtOnceThroughItsRotations) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, MakesItsFileAgainWhenItWasRemoved) {
+TEST_F(KzmLog, CreatesItsFileAgainAfterItWasRemoved) {
     void* const log = open_log();
     EXPECT_EQ(write(log, "removed"), 0);
     ASSERT_TRUE(std::filesystem::remove(file()));
@@ -756,7 +756,7 @@ TEST_F(KzmLog, MakesItsFileAgainWhenItWasRemoved) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, FollowsItsNameWhenTheFileIsRenamed) {
+TEST_F(KzmLog, CreatesANewFileAfterItsFileWasRenamed) {
     void* const log = open_log();
     EXPECT_EQ(write(log, "old"), 0);
     std::filesystem::rename(file(), file("saved"));
@@ -766,7 +766,7 @@ TEST_F(KzmLog, FollowsItsNameWhenTheFileIsRenamed) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, IsNotOpenedWhereNoFolderCanBe) {
+TEST_F(KzmLog, CannotBeOpenedWhereItsFolderCannotBeMade) {
     install().write("a-file", "x");
     const ScopedEnvironment elsewhere("KZM_INSTALL_PATH", (install().path() / "a-file").string().c_str());
     void* log = this;
@@ -774,14 +774,14 @@ TEST_F(KzmLog, IsNotOpenedWhereNoFolderCanBe) {
     EXPECT_EQ(log, nullptr);
 }
 
-TEST_F(KzmLog, IsNotOpenedWhereItsNameIsAFolders) {
+TEST_F(KzmLog, CannotBeOpenedIfAFolderHasItsName) {
     std::filesystem::create_directories(file());
     void* log = this;
     EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 5);
     EXPECT_EQ(log, nullptr);
 }
 
-TEST_F(KzmLog, IsNeverWrittenToAFileWithASecondName) {
+TEST_F(KzmLog, NeverWritesToAFileWithASecondName) {
     void* log = open_log(1000);
     EXPECT_EQ(write(log, "first"), 0);
     install().write("elsewhere", "untouched\n");
@@ -794,7 +794,7 @@ TEST_F(KzmLog, IsNeverWrittenToAFileWithASecondName) {
     EXPECT_EQ(contents_of(install().path() / "elsewhere"), "untouched\n");
 }
 
-TEST_F(KzmLog, LosesLinesWhileItsFolderTakesNoFilesAndGoesOnAfterwards) {
+TEST_F(KzmLog, LosesLinesOnlyWhileItsFolderAcceptsNoFiles) {
     void* const log = open_log(1000);
     std::filesystem::remove_all(folder());
     install().write("log", "in the way");
@@ -806,7 +806,7 @@ TEST_F(KzmLog, LosesLinesWhileItsFolderTakesNoFilesAndGoesOnAfterwards) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, GoesOnGrowingWhenItCannotBeRotated) {
+TEST_F(KzmLog, KeepsGrowingWhileItCannotBeRotated) {
     std::filesystem::create_directories(file("oru_kzmshmnm_log.lock"));
     void* const log = open_log(1);
     for (const char* const line : {"a", "b", "c"}) EXPECT_EQ(write(log, line), 0);

@@ -57,7 +57,7 @@ TEST_F(KzmLog, LeavesNoDescriptorOpenBetweenTwoLines) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, GivesItsDescriptorToNoOtherProgram) {
+TEST_F(KzmLog, PassesItsDescriptorToNoOtherProgram) {
     void* const log = open_log(1);
     std::atomic<bool> stop{false};
     std::thread writer([log, &stop] {
@@ -93,7 +93,7 @@ TEST_F(KzmLog, KeepsTheErrnoOfItsCaller) {
     EXPECT_EQ(errno, 77);
 }
 
-TEST_F(KzmLog, IsWrittenByAForkedChildToo) {
+TEST_F(KzmLog, CanBeWrittenByAForkedChild) {
     void* const log = open_log();
     EXPECT_EQ(write(log, "parent"), 0);
     Forked child([log] {
@@ -134,7 +134,7 @@ CHILD(fork_while_others_write) {
     report(failed);
 }
 
-TEST_F(KzmLog, IsWrittenAndClosedByAChildForkedInTheMiddleOfAWrite) {
+TEST_F(KzmLog, CanBeWrittenAndClosedByAChildForkedDuringAWrite) {
     EXPECT_EQ(start(fork_while_others_write).reported(), 0u);
     for (const std::string& message : kept_messages()) EXPECT_TRUE(message == "thread" || message == "forked");
 }
@@ -162,7 +162,7 @@ CHILD(fill_the_disk) {
     report(static_cast<uint64_t>(write(log, "room again")));
 }
 
-TEST_F(KzmLog, LosesLinesOnAFullDiskButNeitherItsCallerNorTheNextLine) {
+TEST_F(KzmLog, LosesOnlyTheLinesThatDoNotFitOnAFullDisk) {
     Child child = start(fill_the_disk);
     const uint64_t written = child.reported();
     EXPECT_EQ(child.reported(), 112u);
@@ -198,7 +198,7 @@ CHILD(run_out_of_descriptors) {
     report(static_cast<uint64_t>(write(log, "kept")));
 }
 
-TEST_F(KzmLog, LosesLinesWhileTheProcessHasNoDescriptorLeft) {
+TEST_F(KzmLog, LosesLinesOnlyWhileTheProcessHasNoDescriptorLeft) {
     Child child = start(run_out_of_descriptors);
     EXPECT_EQ(child.reported(), 4u);
     EXPECT_EQ(child.reported(), 0u);
@@ -232,7 +232,7 @@ TEST_F(KzmLog, StaysWhereItWasOpenedWhenTheCurrentFolderChanges) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, DefersTheCancellationOfItsThread) {
+TEST_F(KzmLog, DefersTheCancellationOfTheWritingThread) {
     void* const log = open_log();
     std::atomic<int> result{-1};
     std::thread thread([log, &result] {
@@ -250,7 +250,7 @@ CHILD(write_in_another_zone) {
     write(open_log(), "x");
 }
 
-TEST_F(KzmLog, WritesLocalTimeWithItsOffset) {
+TEST_F(KzmLog, WritesLocalTimeWithItsOffsetFromUtc) {
     for (const auto& [zone, offset] :
          {std::pair{"EAST-05:30", 330}, std::pair{"WEST+09:15", -555}, std::pair{"UTC0", 0}}) {
         const ScopedEnvironment variable("TZ", zone);

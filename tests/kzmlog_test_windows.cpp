@@ -58,7 +58,7 @@ TEST_F(KzmLog, KeepsTheLastErrorOfItsCaller) {
     EXPECT_EQ(GetLastError(), 4711u);
 }
 
-TEST_F(KzmLog, IsRotatedWhileAReaderThatAllowsItHasItOpen) {
+TEST_F(KzmLog, RotatesWhileAReaderThatAllowsItHasTheFileOpen) {
     void* const log = open_log(1);
     EXPECT_EQ(write(log, "first"), 0);
     const HANDLE reader =
@@ -70,7 +70,7 @@ TEST_F(KzmLog, IsRotatedWhileAReaderThatAllowsItHasItOpen) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, WaitsWithItsRotationForAReaderThatForbidsItAndLosesNothing) {
+TEST_F(KzmLog, DelaysItsRotationForAReaderThatForbidsItAndLosesNothing) {
     void* const log = open_log(1);
     for (const char* const line : {"a", "b", "c", "d"}) EXPECT_EQ(write(log, line), 0);
     const HANDLE reader = open_file(file("shmnm.log.1").string(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
@@ -95,7 +95,7 @@ TEST_F(KzmLog, KeepsItsOldestGenerationWhileTheNextOneCannotBeRenamed) {
 
 // Whether the name of a deleted file is free while someone has it open depends on the system: either the rotation takes
 // place or it waits, and what is not given up by it is kept.
-TEST_F(KzmLog, LosesNothingButItsOldestGenerationWhileSomeoneReadsThatOne) {
+TEST_F(KzmLog, LosesOnlyItsOldestGenerationWhileAReaderHasItOpen) {
     void* const log = open_log(1);
     for (const char* const line : {"a", "b", "c", "d"}) EXPECT_EQ(write(log, line), 0);
     const HANDLE reader =
@@ -108,7 +108,7 @@ TEST_F(KzmLog, LosesNothingButItsOldestGenerationWhileSomeoneReadsThatOne) {
     kzmlog_close(log);
 }
 
-TEST_F(KzmLog, IsNoDevice) {
+TEST_F(KzmLog, RefusesTheNameOfADevice) {
     void* log = nullptr;
     const int32_t result = kzmlog_open("NUL", &log, 4, 0, 0, "channel");
     // Newer systems make a file of that name, older ones open the device, which is refused.

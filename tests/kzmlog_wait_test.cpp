@@ -84,7 +84,7 @@ class KzmLogWait : public testing::Test {
     int lock_ = -1;
 };
 
-TEST_F(KzmLogWait, IsUnderFiveMillisecondsForAllLinesOfACallTogether) {
+TEST_F(KzmLogWait, TakesUnderFiveMillisecondsForAllLinesOfACall) {
     hold_the_lock();
     const int64_t first = time_for(1);
     EXPECT_GT(first, 0) << "the log does not sleep by this clock";
@@ -93,7 +93,7 @@ TEST_F(KzmLogWait, IsUnderFiveMillisecondsForAllLinesOfACallTogether) {
     EXPECT_EQ(lines_in("shmnm.log"), 102) << "a line was lost";
 }
 
-TEST_F(KzmLogWait, IsMadeAgainOnceTheLockWasFree) {
+TEST_F(KzmLogWait, IsMadeAgainForALockThatWasFreeMeanwhile) {
     hold_the_lock();
     time_for(3);
     release_the_lock();
@@ -108,7 +108,7 @@ TEST_F(KzmLogWait, IsMadeAgainOnceTheLockWasFree) {
     EXPECT_EQ(lines_in("shmnm.log"), 12);
 }
 
-TEST_F(KzmLogWait, IsNotNeededForALockThatIsFree) {
+TEST_F(KzmLogWait, IsNotMadeForALockThatIsFree) {
     EXPECT_EQ(time_for(3), 0);
     EXPECT_EQ(lines_in("shmnm.log.3"), 1);
     EXPECT_EQ(lines_in("shmnm.log"), 1);

@@ -67,7 +67,7 @@ struct InstallPath {
     std::string buffer;
 };
 
-TEST(NamedObjects, LeaveTheLastErrorAtZeroWhenTheyAreNewAndAt183WhenTheyExisted) {
+TEST(NamedObjects, SetTheLastErrorTo0WhenNewAndTo183WhenTheyExisted) {
     const Object new_mutex = mutex("told-apart");
     EXPECT_TRUE(new_mutex);
     EXPECT_EQ(new_mutex.error(), 0u);
@@ -89,7 +89,7 @@ TEST(NamedObjects, AreNewWhateverTheLastErrorWasBefore) {
     EXPECT_EQ(b.error(), 0u);
 }
 
-TEST(NamedObjects, OfTwoNamespacesDoNotMeet) {
+TEST(NamedObjects, AreSeparateInTwoNamespaces) {
     const ScopedEnvironment first("KZMUTIL_NAMESPACE", (std::to_string(test::process_id()) + "-first-").c_str());
     const Object mutex_of_first = mutex("shared"), mapping_of_first = mapping("shared-mapping");
     ASSERT_TRUE(mutex_of_first && mapping_of_first);
@@ -106,7 +106,7 @@ TEST(NamedObjects, OfTwoNamespacesDoNotMeet) {
     EXPECT_TRUE(opened("shared-mapping"));
 }
 
-TEST(NamedObjects, GoByTheNamespaceAndTheNameInTheKernel) {
+TEST(NamedObjects, AreNamedByNamespaceAndNameInTheKernel) {
     const std::string space = std::to_string(test::process_id()) + "-kernel-";
     const ScopedEnvironment set("KZMUTIL_NAMESPACE", space.c_str());
     const Object made = mapping("known"), made_mutex = mutex("known-mutex");
@@ -115,7 +115,7 @@ TEST(NamedObjects, GoByTheNamespaceAndTheNameInTheKernel) {
     EXPECT_EQ(Object(test::create_mutex((space + "known-mutex").c_str())).error(), exists);
 }
 
-TEST(NamedObjects, GoByTheirBareNamesWithoutANamespace) {
+TEST(NamedObjects, HaveTheirBareNamesWithoutANamespace) {
     const std::string name = "kzmutil-test-" + std::to_string(test::process_id());
     const ScopedEnvironment unset("KZMUTIL_NAMESPACE", nullptr);
     const Object made = mapping(name.c_str());
@@ -127,7 +127,7 @@ CHILD(create_and_tell) {
     const Object made = mapping("met-by-a-child");
     test::report(made.error());
 }
-TEST(NamedObjects, AreMetByOtherProcessesOfTheNamespace) {
+TEST(NamedObjects, AreSharedByTheProcessesOfANamespace) {
     const Object made = mapping("met-by-a-child");
     ASSERT_TRUE(made);
     EXPECT_EQ(test::start(create_and_tell).reported(), exists);
@@ -179,7 +179,7 @@ TEST(NamedObjects, LeaveNoHandleBehindWhenTheyCannotBeMadeOrOpened) {
     EXPECT_EQ(test::open_handles(), before);
 }
 
-TEST(NamedObjects, TellTheKernelsReasonOfARefusal) {
+TEST(NamedObjects, ReportTheKernelsReasonForARefusal) {
     const Object refused = mutex(test::impossible_name);
     EXPECT_FALSE(refused);
     EXPECT_NE(refused.error(), untouched);
@@ -237,13 +237,13 @@ TEST(NamedMapping, IsRefusedForAFileOrAnyOtherProtectionOrNoSize) {
     EXPECT_EQ(opened("refused").error(), not_found);
 }
 
-TEST(NamedMapping, TakesTheUpperHalfOfItsSize) {
+TEST(NamedMapping, UsesTheUpperHalfOfItsSize) {
     // 2^62 bytes: no machine has them, so an upper half that is lost shows as a success.
     const Object refused(KzmutilCreateNamedFileMapping(no_file, read_write, 1u << 30, 4096, "huge"));
     EXPECT_FALSE(refused);
 }
 
-TEST(OpenedMapping, IsNotFoundBeforeItIsMadeAndAfterItIsGone) {
+TEST(OpenedMapping, IsNotFoundBeforeItIsCreatedOrAfterItEnded) {
     EXPECT_EQ(opened("comes-and-goes").error(), not_found);
     { const Object made = mapping("comes-and-goes"); }
     const Object refused = opened("comes-and-goes");
@@ -258,7 +258,7 @@ TEST(OpenedMapping, LeavesTheLastErrorAsItWas) {
     EXPECT_EQ(again.error(), untouched);
 }
 
-TEST(OpenedMapping, ForReadingCannotBeMappedForWriting) {
+TEST(OpenedMapping, CannotBeMappedForWritingIfOpenedForReading) {
     const Object made = mapping("read-only");
     const Object for_reading = opened("read-only", reading);
     ASSERT_TRUE(made && for_reading);
@@ -277,21 +277,21 @@ TEST(InstallPath, IsTheParentOfTheLibrarysFolderByDefault) {
     }
 }
 
-TEST(InstallPath, IsTheOneInTheEnvironmentWithoutTrailingSeparators) {
+TEST(InstallPath, ComesFromTheEnvironmentWithoutTrailingSeparators) {
     for (const auto& [given, expected] : test::path_cases()) {
         const ScopedEnvironment set("KZM_INSTALL_PATH", given);
         EXPECT_EQ(InstallPath(4096).text(), expected) << given;
     }
 }
 
-TEST(InstallPath, MayBeLong) {
+TEST(InstallPath, CanBeLong) {
     const std::string given(20'000, 'x');
     const ScopedEnvironment set("KZM_INSTALL_PATH", given.c_str());
     EXPECT_EQ(InstallPath(20'001).text(), given);
     EXPECT_EQ(InstallPath(20'000).error, too_small);
 }
 
-TEST(InstallPath, IsWrittenWholeIntoABufferThatJustFitsAndNotAtAllIntoASmallerOne) {
+TEST(InstallPath, FitsABufferOfExactlyItsSizeAndNoSmallerOne) {
     const ScopedEnvironment set("KZM_INSTALL_PATH", "/opt/kzm");
     const InstallPath fits(9);
     EXPECT_EQ(fits.result, 1);

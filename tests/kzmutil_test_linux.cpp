@@ -58,7 +58,7 @@ CHILD(load_by_a_relative_path) {
     test::report_text(install_path_by("./libkzmutil.so", "/"));
 }
 
-TEST(InstallPathOnLinux, IsRightForALibraryLoadedByARelativePathFromAnotherFolder) {
+TEST(InstallPathOnLinux, IsCorrectForALibraryLoadedByARelativePath) {
     const test::TemporaryFolder folder;
     fs::create_directory(folder.path() / "lib");
     for (const char* name : {"libkzmutil.so", "libkzmkernel.so"})

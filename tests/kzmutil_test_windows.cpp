@@ -83,7 +83,7 @@ struct Security {
 
 constexpr const char *administrators = "S-1-5-32-544", *the_system = "S-1-5-18";
 
-TEST(SecurityOnWindows, AdmitsTheOwnerAdministratorsAndTheSystemToAMutexAndNobodyElse) {
+TEST(SecurityOnWindows, GrantsAMutexOnlyToItsOwnerAdministratorsAndTheSystem) {
     const HANDLE mutex = KzmutilCreateNamedMutex(0, "secured-mutex");
     ASSERT_TRUE(mutex);
     const Security security(mutex, MUTEX_ALL_ACCESS);
@@ -94,7 +94,7 @@ TEST(SecurityOnWindows, AdmitsTheOwnerAdministratorsAndTheSystemToAMutexAndNobod
     CloseHandle(mutex);
 }
 
-TEST(SecurityOnWindows, AdmitsTheOwnerAdministratorsAndTheSystemToAMappingAndNobodyElse) {
+TEST(SecurityOnWindows, GrantsAMappingOnlyToItsOwnerAdministratorsAndTheSystem) {
     const HANDLE mapping = KzmutilCreateNamedFileMapping(INVALID_HANDLE_VALUE, 4, 0, 4096, "secured-mapping");
     ASSERT_TRUE(mapping);
     const Security security(mapping, SECTION_ALL_ACCESS);

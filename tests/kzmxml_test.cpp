@@ -123,7 +123,7 @@ TEST(ConfigurationCodes, AreTheNumbersThatCallersKnow) {
                 ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8));
 }
 
-TEST_F(Configuration, IsReadInTheOrderInWhichTheLibraryCalls) {
+TEST_F(Configuration, CanBeReadByTheLibrarysSequenceOfCalls) {
     write(valid);
     EXPECT_EQ(xmllib_init("shmnm"), XMLLIB_OK);
     EXPECT_EQ(xmllib_load_config(0), XMLLIB_OK);
@@ -141,7 +141,7 @@ TEST_F(Configuration, IsReadInTheOrderInWhichTheLibraryCalls) {
     EXPECT_EQ(xmllib_term(), XMLLIB_OK);
 }
 
-TEST_F(Configuration, OfTheExampleCanBeRead) {
+TEST_F(Configuration, CanBeReadFromTheExample) {
     const ScopedEnvironment example("KZM_INSTALL_PATH", (test::own_folder() + "../examples").c_str());
     ASSERT_EQ(xmllib_init("test"), XMLLIB_OK);
     ASSERT_EQ(xmllib_load_config(0), XMLLIB_OK);
@@ -212,7 +212,7 @@ TEST_F(Configuration, StaysLoadedUntilTheLastUnload) {
     EXPECT_EQ(xmllib_unload_config(), XMLLIB_ERR_ORDER);
 }
 
-TEST_F(Configuration, IsForgottenByTheLastTermWithAllThatWasLoaded) {
+TEST_F(Configuration, IsForgottenByTheLastTermEvenIfLoaded) {
     load_with_policies(valid);
     ASSERT_EQ(xmllib_term(), XMLLIB_OK);
     ASSERT_EQ(xmllib_init("test"), XMLLIB_OK);
@@ -241,7 +241,7 @@ TEST_F(Configuration, IsReadAgainOnlyAfterTheLastUnload) {
     EXPECT_EQ(value_of("/root/all/n"), is(2));
 }
 
-TEST_F(Configuration, IsUsedByManyThreadsAtOnce) {
+TEST_F(Configuration, CanBeUsedByManyThreadsAtOnce) {
     write(valid);
     std::array<int, 4> surprises{};
     std::vector<std::thread> threads;
@@ -280,20 +280,20 @@ TEST_F(ConfigurationFile, IsReportedWhenItIsAFolder) {
     EXPECT_EQ(xmllib_load_config(0), XMLLIB_ERR_FILE);
 }
 
-TEST_F(ConfigurationFile, IsNotLookedForWhereAnInstallationPathIsTooLong) {
+TEST_F(ConfigurationFile, IsNotFoundIfTheInstallationPathIsTooLong) {
     const ScopedEnvironment long_path("KZM_INSTALL_PATH", std::string(20'000, 'x').c_str());
     ASSERT_EQ(xmllib_init("test"), XMLLIB_OK);
     EXPECT_EQ(xmllib_load_config(0), XMLLIB_ERR_FILE);
 }
 
-TEST_F(ConfigurationFile, CanBeMendedAndLoadedAfterAFailure) {
+TEST_F(ConfigurationFile, CanBeCorrectedAndLoadedAfterAFailure) {
     ASSERT_EQ(load("<root>"), XMLLIB_ERR_FORMAT);
     write(valid);
     EXPECT_EQ(xmllib_load_config(0), XMLLIB_OK);
     EXPECT_EQ(xmllib_load_policy("all"), XMLLIB_OK);
 }
 
-TEST_F(ConfigurationFile, MayBeOf16MebibytesAndNotAByteMore) {
+TEST_F(ConfigurationFile, CanHave16MebibytesAndNotAByteMore) {
     const std::string start = "<root>", end = "</root>";
     const std::string fits = start + std::string((16u << 20) - start.size() - end.size(), ' ') + end;
     EXPECT_EQ(outcome(fits), XMLLIB_OK);
@@ -307,7 +307,7 @@ TEST_F(ConfigurationFile, IsRefusedWhenItIsHuge) {
     EXPECT_EQ(xmllib_load_config(0), XMLLIB_ERR_FILE);
 }
 
-TEST_F(ConfigurationFile, MayNest256ElementsAndNoMore) {
+TEST_F(ConfigurationFile, CanNest256ElementsAndNoMore) {
     EXPECT_EQ(outcome(nested(256)), XMLLIB_OK);
     EXPECT_EQ(outcome(nested(257)), XMLLIB_ERR_FORMAT);
     EXPECT_EQ(outcome(nested(100'000)), XMLLIB_ERR_FORMAT);
@@ -316,12 +316,12 @@ TEST_F(ConfigurationFile, MayNest256ElementsAndNoMore) {
     EXPECT_EQ(outcome("<root b='" + repeated("<a b='", 100'000)), XMLLIB_ERR_FORMAT);
 }
 
-TEST_F(ConfigurationFile, MayHold100000ElementsAndAttributesAndNoMore) {
+TEST_F(ConfigurationFile, CanHold100000ElementsAndAttributesAndNoMore) {
     EXPECT_EQ(outcome("<root>" + repeated("<a b=''/>", 49'999) + "<c/></root>"), XMLLIB_OK);
     EXPECT_EQ(outcome("<root>" + repeated("<a b=''/>", 49'999) + "<c/><d/></root>"), XMLLIB_ERR_FORMAT);
 }
 
-TEST_F(ConfigurationFile, WithADocumentTypeIsRefused) {
+TEST_F(ConfigurationFile, IsRefusedWithADocumentType) {
     EXPECT_EQ(outcome("<!DOCTYPE root><root/>"), XMLLIB_ERR_FORMAT);
     EXPECT_EQ(outcome("<!DOCTYPE root [<!ENTITY n '1'>]><root><all><n>&n;</n></all></root>"), XMLLIB_ERR_FORMAT);
     EXPECT_EQ(outcome("<!DOCTYPE root SYSTEM 'root.dtd'><root/>"), XMLLIB_ERR_FORMAT);
@@ -428,7 +428,7 @@ TEST_F(ConfigurationFile, IsRefusedWhenItIsNotWellFormed) {
     }
 }
 
-TEST_F(ConfigurationFile, IsTakenInEveryWellFormedShape) {
+TEST_F(ConfigurationFile, IsAcceptedInEveryWellFormedShape) {
     for (const char* text : {
              "<root/>",
              "<root />",
@@ -445,7 +445,7 @@ TEST_F(ConfigurationFile, IsTakenInEveryWellFormedShape) {
     }
 }
 
-TEST_F(ConfigurationFile, CutShortAnywhereIsRefused) {
+TEST_F(ConfigurationFile, IsRefusedIfCutShortAnywhere) {
     const std::string text(valid);
     const size_t end = text.find_last_of('>') + 1;
     for (size_t length = 0; length < end; ++length) {
@@ -453,7 +453,7 @@ TEST_F(ConfigurationFile, CutShortAnywhereIsRefused) {
     }
 }
 
-TEST_F(ConfigurationFile, DamagedAtRandomNeverBreaksTheCaller) {
+TEST_F(ConfigurationFile, NeverCrashesTheCallerIfDamagedAtRandom) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     RecordProperty("seed", std::to_string(seed));
@@ -560,7 +560,7 @@ TEST_F(ConfigurationValue, IsADecimalIntegerOf32Bits) {
     EXPECT_EQ(read("<!-- forty-two -->42<!-- 43 -->"), is(42));
 }
 
-TEST_F(ConfigurationValue, IsNothingElse) {
+TEST_F(ConfigurationValue, IsRefusedUnlessItIsADecimalIntegerOf32Bits) {
     for (const char* text :
          {"",    " ",    "12x",          "x12",        "1 2",         "1,000",      "1.0",
           "1e3", "0x10", "10h",          "2147483648", "-2147483649", "4294967296", "99999999999999999999999999",
@@ -575,7 +575,7 @@ TEST_F(ConfigurationValue, DoesNotDependOnAttributes) {
     EXPECT_EQ(value_of("/root/all/n"), is(1));
 }
 
-TEST_F(ConfigurationValue, IsFoundByItsWholePathAlone) {
+TEST_F(ConfigurationValue, IsFoundOnlyByItsWholePath) {
     load_with_policies("<root><all at='1'><a.b>1</a.b><n>2</n><!-- 3 --><a><b>4</b></a></all><n>5</n></root>");
     EXPECT_EQ(value_of("/root/all/a.b"), is(1));
     EXPECT_EQ(value_of("/root/all/a/b"), is(4));
@@ -616,7 +616,7 @@ TEST_F(ConfigurationValue, IsFoundByItsWholePathAlone) {
     EXPECT_EQ(value_of(("/root/all" + repeated("/n", 100'000)).c_str()), fails(XMLLIB_ERR_NOTFOUND));
 }
 
-TEST_F(ConfigurationValue, OfAPolicyItselfCanBeRead) {
+TEST_F(ConfigurationValue, CanBeReadFromThePolicyElementItself) {
     load_with_policies("<root><all>9</all></root>");
     EXPECT_EQ(value_of("/root/all"), is(9));
 }
@@ -637,7 +637,7 @@ TEST_F(ConfigurationValue, NeedsFourBytes) {
     }
 }
 
-TEST_F(ConfigurationValue, TakesFourBytesOfALargerBufferWhereverItLies) {
+TEST_F(ConfigurationValue, WritesFourBytesOfALargerBufferAtAnyAddress) {
     load_with_policies(valid);
     std::array<unsigned char, 9> buffer;
     buffer.fill('#');

@@ -91,7 +91,7 @@ TEST_P(CreateAndAttach, CallTheCompanionsInOrder) {
                             "xmllib_unload_config()", "xmllib_term()", GetParam().asks_for_mapping));
 }
 
-TEST_P(CreateAndAttach, WriteTheirLinesInOrder) {
+TEST_P(CreateAndAttach, LogTheirLinesInOrder) {
     EXPECT_EQ(map(), SHMNM_OK);
     EXPECT_THAT(log_of_last_call(), testing::ElementsAreArray(lines_from_counts_on({}, 2'500'740)));
 }
@@ -107,7 +107,7 @@ TEST_P(CreateAndAttach, WriteTheConfiguredCountsIntoTheHeaderAndKeepTheRest) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_P(CreateAndAttach, FailWithoutATraceWhenTheConfigurationLibraryDoesNotStart) {
+TEST_P(CreateAndAttach, FailAndLeaveNothingWhenTheConfigurationLibraryDoesNotStart) {
     fake.results["xmllib_init(shmnm)"] = 3;
     EXPECT_EQ(map(), SHMNM_ERR_XMLINIT);
     EXPECT_THAT(companion_calls(), ElementsAre("xmllib_init(shmnm)"));
@@ -115,7 +115,7 @@ TEST_P(CreateAndAttach, FailWithoutATraceWhenTheConfigurationLibraryDoesNotStart
     EXPECT_EQ(shmnm_setwaitstat(1), SHMNM_ERR_NOTINIT);
 }
 
-TEST_P(CreateAndAttach, FailWithoutATraceWhenTheConfigurationCannotBeLoaded) {
+TEST_P(CreateAndAttach, FailAndLeaveNothingWhenTheConfigurationCannotBeLoaded) {
     fake.results["xmllib_load_config(0)"] = 3;
     EXPECT_EQ(map(), SHMNM_ERR_LOADCONFIG);
     EXPECT_THAT(companion_calls(), ElementsAre("xmllib_init(shmnm)", "xmllib_load_config(0)", "xmllib_term()"));
@@ -136,7 +136,7 @@ TEST_P(CreateAndAttach, FailWhenTheInstallationPathIsNotKnown) {
     EXPECT_EQ(shmnm_setwaitstat(1), SHMNM_ERR_NOTINIT);
 }
 
-TEST_P(CreateAndAttach, TakeTheFallbackCountsWithoutThePolicyAll) {
+TEST_P(CreateAndAttach, UseTheFallbackCountsWithoutThePolicyNamedAll) {
     fake.results["xmllib_load_policy(all)"] = 7;
     EXPECT_EQ(map(), SHMNM_OK);
     EXPECT_THAT(log_of_last_call(),
@@ -150,7 +150,7 @@ TEST_P(CreateAndAttach, TakeTheFallbackCountsWithoutThePolicyAll) {
     EXPECT_EQ(word_at(24), 128u);
 }
 
-TEST_P(CreateAndAttach, UnloadTheConfigurationAlsoWithoutThePolicyAll) {
+TEST_P(CreateAndAttach, UnloadTheConfigurationEvenWithoutThePolicyNamedAll) {
     fake.results["xmllib_load_policy(all)"] = 7;
     EXPECT_EQ(map(), SHMNM_OK);
     EXPECT_THAT(
@@ -167,7 +167,7 @@ struct CountRead {
     uint32_t fallback;
 };
 
-TEST_P(CreateAndAttach, TakeTheFallbackOfEachCountThatCannotBeRead) {
+TEST_P(CreateAndAttach, UseTheFallbackOfEachCountThatCannotBeRead) {
     const CountRead reads[] = {{server_read, "/root/all/num/server", 8, 128},
                                {hb_read, "/root/all/num/hbr", 12, 16},
                                {np_read, "/root/all/num/npr", 16, 16},
@@ -190,7 +190,7 @@ TEST_P(CreateAndAttach, TakeTheFallbackOfEachCountThatCannotBeRead) {
     }
 }
 
-TEST_P(CreateAndAttach, TakeNumbersAsTheConfigurationGivesThem) {
+TEST_P(CreateAndAttach, UseTheConfiguredNumbersUnchecked) {
     configure({.servers = 0, .hb = -1, .np = 7, .fst = -2});
     EXPECT_EQ(map(), SHMNM_OK);
     EXPECT_EQ(word_at(8), 0u);
@@ -198,7 +198,7 @@ TEST_P(CreateAndAttach, TakeNumbersAsTheConfigurationGivesThem) {
     EXPECT_EQ(word_at(20), 0xFFFFFFFEu);
 }
 
-TEST_P(CreateAndAttach, OnlyLogWhatFailsBehindTheCounts) {
+TEST_P(CreateAndAttach, OnlyLogWhatFailsAfterTheCounts) {
     fake.results["xmllib_unload_policy(all)"] = 1;
     fake.results["xmllib_load_policy(shmnm)"] = 2;
     fake.results["xmllib_unload_policy(shmnm)"] = 3;
@@ -216,7 +216,7 @@ TEST_P(CreateAndAttach, OnlyLogWhatFailsBehindTheCounts) {
     EXPECT_THAT(lines.back(), Exit(tag(), SHMNM_OK));
 }
 
-TEST_P(CreateAndAttach, UnloadThePolicyShmnmOnceMoreEvenWhenItsLoadFailed) {
+TEST_P(CreateAndAttach, UnloadThePolicyNamedShmnmEvenIfItsLoadFailed) {
     fake.results["xmllib_load_policy(shmnm)"] = 2;
     EXPECT_EQ(map(), SHMNM_OK);
     // The log's own policy is not unloaded after its load failed, the empty pair behind the counts is.
@@ -275,7 +275,7 @@ TEST_P(CreateAndAttach, WorkWithoutALogThatCannotBeOpened) {
     EXPECT_THAT(log_of_last_call(), IsEmpty());
 }
 
-TEST_P(CreateAndAttach, TakeAHandleForAnOpenLogWhateverTheResult) {
+TEST_P(CreateAndAttach, TreatAnyHandleAsAnOpenLogWhateverTheResult) {
     fake.log_open_result = 5;
     EXPECT_EQ(map(), SHMNM_OK);
     EXPECT_THAT(log_of_last_call(), testing::ElementsAreArray(lines_from_counts_on({}, 2'500'740)));
@@ -292,7 +292,7 @@ TEST_P(CreateAndAttach, DoNotOpenALogThatIsOpen) {
 
 class Create : public test::RegionTest {};
 
-TEST_F(Create, SaysThatTheRegionIsNewAndFillsItWithZero) {
+TEST_F(Create, LogsThatTheRegionIsNewAndFillsItWithZeros) {
     EXPECT_EQ(shmnm_create(), SHMNM_OK);
     EXPECT_THAT(log_of_last_call(), ElementsAre(Enter("_create"), Enter("_loadinfo"), Exit("_loadinfo", SHMNM_OK),
                                                 Information("_create", "KzmutilCreateNamedFileMapping(new)"),
@@ -322,7 +322,7 @@ TEST_F(Create, DoesNotCountAsAnAttach) {
     EXPECT_EQ(shmnm_setwaitstat(1), SHMNM_ERR_NOTINIT);
 }
 
-TEST_F(Create, KeepsWhatAnExistingRegionHoldsAndWritesTheCountsAnew) {
+TEST_F(Create, KeepsTheContentsOfAnExistingRegionAndRewritesTheCounts) {
     const OtherHolder other_process(2'500'740);
     map_region({.servers = 4, .hb = 2, .np = 2});
     ASSERT_EQ(shmnm_setclstat(77), SHMNM_OK);
@@ -336,7 +336,7 @@ TEST_F(Create, KeepsWhatAnExistingRegionHoldsAndWritesTheCountsAnew) {
     EXPECT_EQ(word_at(24), 10u);
 }
 
-TEST_F(Create, TakesTheRegionForNewWhateverTheLastErrorWasBefore) {
+TEST_F(Create, RecognisesANewRegionWhateverTheLastErrorWas) {
     test::set_last_error(183);
     EXPECT_EQ(shmnm_create(), SHMNM_OK);
     EXPECT_THAT(log_of_last_call(), testing::Contains(Information("_create", "KzmutilCreateNamedFileMapping(new)")));
@@ -453,7 +453,7 @@ TEST_F(DetachAndDelete, DetachOnceForEachAttach) {
     EXPECT_FALSE(still_open(0));
 }
 
-TEST_F(DetachAndDelete, AnswerNotInitWhileNothingIsMapped) {
+TEST_F(DetachAndDelete, ReportNotInitWhileNothingIsMapped) {
     EXPECT_EQ(shmnm_detach(), SHMNM_ERR_NOTINIT);
     EXPECT_EQ(shmnm_delete(), SHMNM_ERR_NOTINIT);
     EXPECT_THAT(log_of_last_call(), IsEmpty()) << "the log is not open";
@@ -471,7 +471,7 @@ TEST_F(DetachAndDelete, DetachUnmapsACreatedRegionAtOnceAndKeepsItsHandleOpen) {
     EXPECT_THAT(log_of_last_call(), testing::Contains(Information("_create", "KzmutilCreateNamedFileMapping(use)")));
 }
 
-TEST_F(DetachAndDelete, AHandleThatIsReplacedWhileOpenStaysOpen) {
+TEST_F(DetachAndDelete, LeaveAReplacedHandleOpen) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     ASSERT_EQ(shmnm_setclstat(5), SHMNM_OK);
     ASSERT_EQ(shmnm_detach(), SHMNM_OK);
@@ -485,7 +485,7 @@ TEST_F(DetachAndDelete, AHandleThatIsReplacedWhileOpenStaysOpen) {
     EXPECT_EQ(word_at(56), 5u);
 }
 
-TEST_F(DetachAndDelete, AFailedCreateLeavesTheHandleOfAnEarlierOneOpen) {
+TEST_F(DetachAndDelete, LeaveTheEarlierHandleOpenAfterAFailedCreate) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     ASSERT_EQ(shmnm_detach(), SHMNM_OK);
     fake.hand_out_unmappable = true;
@@ -536,7 +536,7 @@ TEST_F(DetachAndDelete, DeleteLeavesTheCountOfAttachesAsItWas) {
     EXPECT_FALSE(mapped());
 }
 
-TEST_F(DetachAndDelete, DeleteLeavesTheWarningOfARepeatedAttachSpoken) {
+TEST_F(DetachAndDelete, DeleteDoesNotRenewTheWarningOfARepeatedAttach) {
     const OtherHolder other_process(2'500'740);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
@@ -547,7 +547,7 @@ TEST_F(DetachAndDelete, DeleteLeavesTheWarningOfARepeatedAttachSpoken) {
     EXPECT_THAT(log_of_last_call(), ElementsAre(Enter("_attach"), Exit("_attach", SHMNM_OK)));
 }
 
-TEST_F(DetachAndDelete, StaleHandlesAreNeverClosedAgain) {
+TEST_F(DetachAndDelete, NeverCloseAStaleHandleAgain) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     ASSERT_EQ(shmnm_delete(), SHMNM_OK);
     // Numbers of closed handles may name other objects by now.
@@ -557,7 +557,7 @@ TEST_F(DetachAndDelete, StaleHandlesAreNeverClosedAgain) {
     ASSERT_EQ(shmnm_attach(), SHMNM_OK) << "the region is still held";
 }
 
-TEST_F(DetachAndDelete, NothingIsWrittenToTheLogOnceItIsClosed) {
+TEST_F(DetachAndDelete, WriteNothingToTheLogOnceItIsClosed) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     ASSERT_EQ(shmnm_delete(), SHMNM_OK);
     log_of_last_call();
@@ -605,7 +605,7 @@ TEST_F(DetachAndDelete, ThreadsThatCreateAndDeleteAtOnceMapOneRegion) {
 
 class Clear : public test::RegionTest {};
 
-TEST_F(Clear, FillsTheWholeRegionWithZeroAndWritesNoEntryLine) {
+TEST_F(Clear, FillsTheWholeRegionWithZerosAndLogsNoEntryLine) {
     map_region({.servers = 3, .hb = 2, .np = 2, .fst = 1});
     int32_t size = 0;
     ASSERT_EQ(shmnm_dump(nullptr, &size), SHMNM_OK);
@@ -629,11 +629,11 @@ TEST_F(Clear, LeavesMaximumValuesOfZero) {
     EXPECT_EQ(np, 0u);
 }
 
-TEST_F(Clear, AnswersNotInitWhileNothingIsMapped) {
+TEST_F(Clear, ReportsNotInitWhileNothingIsMapped) {
     EXPECT_EQ(shmnm_clear(), SHMNM_ERR_NOTINIT);
 }
 
-TEST_F(Clear, EndsWithAMappingThatIsSmallerThanTheConfiguredRegion) {
+TEST_F(Clear, StopsAtTheEndOfAMappingSmallerThanConfigured) {
     const OtherHolder other_process(8192);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
     poke(0, Bytes(8192, 0xA5));
@@ -645,7 +645,7 @@ TEST_F(Clear, EndsWithAMappingThatIsSmallerThanTheConfiguredRegion) {
 
 class Dump : public test::RegionTest {};
 
-TEST_F(Dump, TellsTheSize) {
+TEST_F(Dump, ReportsTheSize) {
     map_region();
     int32_t size = -5;
     EXPECT_EQ(shmnm_dump(nullptr, &size), SHMNM_OK);
@@ -653,7 +653,7 @@ TEST_F(Dump, TellsTheSize) {
     EXPECT_THAT(log_of_last_call(), ElementsAre(Enter("_dump"), Exit("_dump", SHMNM_OK)));
 }
 
-TEST_F(Dump, CopiesTheRegionAndNotAByteMore) {
+TEST_F(Dump, CopiesTheRegionAndNoByteMore) {
     map_region({.servers = 3, .hb = 2, .np = 2, .fst = 1});
     ASSERT_EQ(shmnm_setclstat(0x12345678), SHMNM_OK);
     int32_t size = 0;
@@ -704,11 +704,11 @@ TEST_F(Dump, RefusesANullSize) {
     EXPECT_EQ(byte, 0xC3);
 }
 
-TEST_F(Dump, AnswersNotInitBeforeItLooksAtItsArguments) {
+TEST_F(Dump, ReportsNotInitBeforeItChecksItsArguments) {
     EXPECT_EQ(shmnm_dump(nullptr, nullptr), SHMNM_ERR_NOTINIT);
 }
 
-TEST_F(Dump, FillsUpWithZerosWhereTheMappingIsSmallerThanTheConfiguredRegion) {
+TEST_F(Dump, PadsAMappingSmallerThanConfiguredWithZeros) {
     const OtherHolder other_process(8192);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
     poke(8188, {1, 2, 3, 4});

@@ -23,7 +23,7 @@ std::string library_path() {
 using ResultFunction = uint32_t();
 using LockFunction = uint32_t(uint32_t);
 
-TEST(Loading, AnswersNotInitUntilARegionIsMapped) {
+TEST(Loading, ReportsNotInitUntilARegionIsMapped) {
     const DynamicLibrary library(library_path());
     ASSERT_TRUE(library.loaded()) << library.error();
     EXPECT_EQ(library.function<ResultFunction>("shmnm_detach")(), 1u);
@@ -46,7 +46,7 @@ TEST(Loading, OpensTheLockThatAnotherProcessMadeFirst) {
     EXPECT_EQ(library.function<ResultFunction>("shmnm_rwunlock")(), 0u);
 }
 
-TEST(Unloading, ReallyUnloadsTheLibraryAndClosesTheMutex) {
+TEST(Unloading, UnloadsTheLibraryAndClosesTheMutex) {
     {
         const DynamicLibrary library(library_path());
         ASSERT_TRUE(library.loaded()) << library.error();
@@ -67,7 +67,7 @@ CHILD(loads_without_a_mutex) {
     test::report(library.loaded() ? 2 : 3);
 }
 
-TEST(Loading, IsRefusedWithoutTheMutex) {
+TEST(Loading, FailsWithoutTheMutex) {
     const test::TemporaryFolder folder;
     const std::string errors = (folder.path() / "errors").string();
     const test::ScopedEnvironment no_mutex("FAKE_KZMUTIL_NO_MUTEX", "1");

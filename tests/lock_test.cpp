@@ -51,7 +51,7 @@ TEST_P(Lock, IsTakenAndReleased) {
                                                 Enter(GetParam().give_tag), Exit(GetParam().give_tag, SHMNM_OK)));
 }
 
-TEST_P(Lock, IsOneForReadersAndWriters) {
+TEST_P(Lock, IsTheSameForReadersAndWriters) {
     ASSERT_EQ(shmnm_rolock(0), SHMNM_OK);
     EXPECT_EQ(take_in_another_thread(0), SHMNM_ERR_LOCK);
     // Either unlock releases what either lock has taken.
@@ -59,7 +59,7 @@ TEST_P(Lock, IsOneForReadersAndWriters) {
     EXPECT_EQ(take_in_another_thread(0), SHMNM_OK);
 }
 
-TEST_P(Lock, TellsOfATimeOutWithTheThreadsLastError) {
+TEST_P(Lock, LogsATimeOutWithTheThreadsLastError) {
     ASSERT_EQ(take(0), SHMNM_OK);
     log_of_last_call();
     EXPECT_EQ(take_in_another_thread(0, 42), SHMNM_ERR_LOCK);
@@ -80,7 +80,7 @@ TEST_P(Lock, IsTakenTwiceByItsOwnerAndReleasedTwice) {
     EXPECT_EQ(take_in_another_thread(0), SHMNM_OK);
 }
 
-TEST_P(Lock, IsReleasedByItsOwnerAlone) {
+TEST_P(Lock, CanBeReleasedOnlyByItsOwner) {
     EXPECT_EQ(give(), SHMNM_OK) << "nobody owns it";
     ASSERT_EQ(take(0), SHMNM_OK);
     std::thread([&] { EXPECT_EQ(give(), SHMNM_OK); }).join();

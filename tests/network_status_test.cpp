@@ -75,7 +75,7 @@ TEST_F(NetworkStatus, IsSetAndReadForEachPairOfResourceAndServer) {
     }
 }
 
-TEST_F(NetworkStatus, TakesAnyValue) {
+TEST_F(NetworkStatus, CanBeAnyValue) {
     add_servers();
     add_resources();
     for (const uint32_t value : {0u, 1u, 2u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
@@ -87,7 +87,7 @@ TEST_F(NetworkStatus, TakesAnyValue) {
     }
 }
 
-TEST_F(NetworkStatus, OfANewResourceIsTwoOnEveryServer) {
+TEST_F(NetworkStatus, IsTwoOnEveryServerForANewResource) {
     add_servers();
     poke_word(rows, 77);
     add_resources();
@@ -98,7 +98,7 @@ TEST_F(NetworkStatus, OfANewResourceIsTwoOnEveryServer) {
     }
 }
 
-TEST_F(NetworkStatus, OfANewServerIsTwoForEveryResource) {
+TEST_F(NetworkStatus, IsTwoForEveryResourceOnANewServer) {
     add_resources();
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     fill_rows();
@@ -112,7 +112,7 @@ TEST_F(NetworkStatus, OfANewServerIsTwoForEveryResource) {
     EXPECT_EQ(disk, 21u) << "the other server's state stays";
 }
 
-TEST_F(NetworkStatus, FollowsItsServerWhenOneBeforeItIsRemoved) {
+TEST_F(NetworkStatus, MovesWithItsServerWhenAnEarlierOneIsRemoved) {
     add_servers();
     add_resources();
     ASSERT_EQ(shmnm_setrscsvstat_nw("lan", "lan1", 30, 0x1234), SHMNM_OK);
@@ -127,7 +127,7 @@ TEST_F(NetworkStatus, FollowsItsServerWhenOneBeforeItIsRemoved) {
     EXPECT_EQ(word_at(rows + 16), 0x5678u);
 }
 
-TEST_F(NetworkStatus, FollowsItsResourceWhenOneBeforeItIsRemoved) {
+TEST_F(NetworkStatus, MovesWithItsResourceWhenAnEarlierOneIsRemoved) {
     add_servers();
     add_resources();
     fill_rows();
@@ -138,7 +138,7 @@ TEST_F(NetworkStatus, FollowsItsResourceWhenOneBeforeItIsRemoved) {
     EXPECT_EQ(word_at(rows + 4), 22u);
 }
 
-TEST_F(NetworkStatus, OfTheFirstOfTwoServersOfOnePriority) {
+TEST_F(NetworkStatus, IsThatOnTheFirstOfTwoServersWithOnePriority) {
     ASSERT_EQ(shmnm_addnode("alpha", 5), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("beta", 20), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("gamma", 20), SHMNM_OK);
@@ -152,7 +152,7 @@ TEST_F(NetworkStatus, OfTheFirstOfTwoServersOfOnePriority) {
     EXPECT_EQ(read, 99u);
 }
 
-TEST_F(NetworkStatus, TakesEveryNumberAsAPriority) {
+TEST_F(NetworkStatus, AcceptsAnyNumberAsAPriority) {
     const int32_t priorities[] = {INT32_MIN, -1, INT32_MAX};
     ASSERT_EQ(shmnm_addnode("alpha", priorities[0]), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("beta", priorities[1]), SHMNM_OK);
@@ -166,7 +166,7 @@ TEST_F(NetworkStatus, TakesEveryNumberAsAPriority) {
     }
 }
 
-TEST_F(NetworkStatus, OfTheFirstResourceOfThatNameWhenTheTypeIsNull) {
+TEST_F(NetworkStatus, IsThatOfTheFirstResourceOfThatNameWhenTheTypeIsNull) {
     add_servers();
     ASSERT_EQ(shmnm_addhbrsc("lan", "one", 1), SHMNM_OK);
     ASSERT_EQ(shmnm_addhbrsc("disk", "one", 2), SHMNM_OK);
@@ -189,7 +189,7 @@ TEST_F(NetworkStatus, OfTheFirstResourceOfThatNameWhenTheTypeIsNull) {
     EXPECT_THAT(words, ElementsAre(21u, 22u, 23u));
 }
 
-TEST_F(NetworkStatus, IsSetBehindTheWholeAreaOfTheOtherTables) {
+TEST_F(NetworkStatus, IsStoredAfterTheWholeAreaOfTheOtherTables) {
     shmnm_delete();
     map_region();
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
@@ -201,7 +201,7 @@ TEST_F(NetworkStatus, IsSetBehindTheWholeAreaOfTheOtherTables) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(NetworkStatus, IsNotThereForAnUnknownServer) {
+TEST_F(NetworkStatus, IsNotFoundForAnUnknownServer) {
     add_servers();
     add_resources();
     const Bytes before = region_bytes();
@@ -216,7 +216,7 @@ TEST_F(NetworkStatus, IsNotThereForAnUnknownServer) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(NetworkStatus, IsNotThereForAnUnknownResource) {
+TEST_F(NetworkStatus, IsNotFoundForAnUnknownResource) {
     add_servers();
     add_resources();
     ASSERT_EQ(shmnm_addnprsc("ping", "ping1", 1), SHMNM_OK);
@@ -245,7 +245,7 @@ TEST_F(NetworkStatus, IsNotThereForAnUnknownResource) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(NetworkStatus, IsNotThereForAnyPriorityWithoutAServer) {
+TEST_F(NetworkStatus, IsNotFoundForAPriorityWithoutAServer) {
     add_resources();
     const Bytes before = region_bytes();
     for (const int32_t priority : {0, 10, -1}) {
@@ -262,13 +262,13 @@ TEST_F(NetworkStatus, IsNotThereForAnyPriorityWithoutAServer) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(NetworkStatus, IsReportedOnceWhenServerAndResourceAreBothUnknown) {
+TEST_F(NetworkStatus, FailsOnceWhenServerAndResourceAreBothUnknown) {
     EXPECT_EQ(shmnm_setrscsvstat_nw(nullptr, "nothing", 7, 99), SHMNM_ERR_NOTFOUND);
     EXPECT_THAT(log_of_last_call(), ElementsAre(Enter(set_tag), Error(set_tag, "type:-,name:nothing,svid:7 not found"),
                                                 Exit(set_tag, SHMNM_ERR_NOTFOUND)));
 }
 
-TEST_F(NetworkStatus, NeedsANameButNeitherATypeNorAPlaceToStoreIt) {
+TEST_F(NetworkStatus, NeedsANameButNeitherATypeNorAnOutput) {
     add_servers();
     add_resources();
     const Bytes before = region_bytes();
@@ -289,7 +289,7 @@ TEST_F(NetworkStatus, NeedsANameButNeitherATypeNorAPlaceToStoreIt) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(NetworkStatus, LiesElsewhereOnceTheMaximumOfServersIsAnother) {
+TEST_F(NetworkStatus, IsStoredElsewhereAfterTheMaximumOfServersChanges) {
     add_servers();
     ASSERT_EQ(shmnm_addhbrsc("lan", "lan1", 1), SHMNM_OK);
     fill_rows();
@@ -323,7 +323,7 @@ TEST_F(NetworkStatus, IsListedForAResourceInTheOrderOfTheServers) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(NetworkStatus, OfARowTellsTheBytesUsedOfALargerBuffer) {
+TEST_F(NetworkStatus, ReportsTheBytesThatARowUsesOfALargerBuffer) {
     add_servers();
     add_resources();
     fill_rows();
@@ -337,7 +337,7 @@ TEST_F(NetworkStatus, OfARowTellsTheBytesUsedOfALargerBuffer) {
     }
 }
 
-TEST_F(NetworkStatus, OfARowHasAWordForEachRegisteredServerOnly) {
+TEST_F(NetworkStatus, HasOneWordPerRegisteredServerInARow) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("beta", 20), SHMNM_OK);
     add_resources();
@@ -349,7 +349,7 @@ TEST_F(NetworkStatus, OfARowHasAWordForEachRegisteredServerOnly) {
     EXPECT_EQ(size, 8u);
 }
 
-TEST_F(NetworkStatus, OfARowIsMeasuredWithoutALookAtTheName) {
+TEST_F(NetworkStatus, IsMeasuredForARowWithoutLookingUpTheName) {
     add_servers();
     const std::pair<const char*, const char*> any[] = {{"lan", "lan1"}, {nullptr, "no such resource"}, {"", ""}};
     for (const auto& [type, name] : any) {
@@ -361,7 +361,7 @@ TEST_F(NetworkStatus, OfARowIsMeasuredWithoutALookAtTheName) {
     }
 }
 
-TEST_F(NetworkStatus, OfARowIsRefusedForAShortBufferBeforeTheNameIsLookedUp) {
+TEST_F(NetworkStatus, RefusesAShortBufferForARowBeforeLookingUpTheName) {
     add_servers();
     add_resources();
     for (const char* const name : {"lan1", "no such resource"}) {
@@ -378,7 +378,7 @@ TEST_F(NetworkStatus, OfARowIsRefusedForAShortBufferBeforeTheNameIsLookedUp) {
     }
 }
 
-TEST_F(NetworkStatus, OfARowIsNotThereForAnUnknownResource) {
+TEST_F(NetworkStatus, HasNoRowForAnUnknownResource) {
     add_servers();
     add_resources();
     const std::pair<const char*, const char*> unknown[] = {{"lan", "type:lan,name:disk1 not found"},
@@ -399,7 +399,7 @@ TEST_F(NetworkStatus, OfARowIsNotThereForAnUnknownResource) {
     EXPECT_TRUE(row.guards_are_whole());
 }
 
-TEST_F(NetworkStatus, OfARowIsEmptyWithoutAServer) {
+TEST_F(NetworkStatus, HasAnEmptyRowWithoutAServer) {
     add_resources();
     fill_rows();
     uint32_t size = 91;
@@ -420,7 +420,7 @@ TEST_F(NetworkStatus, OfARowIsEmptyWithoutAServer) {
     EXPECT_TRUE(row.guards_are_whole());
 }
 
-TEST_F(NetworkStatus, OfARowNeedsANameAndASize) {
+TEST_F(NetworkStatus, NeedsANameAndASizeToListARow) {
     add_servers();
     add_resources();
     GuardedBuffer<uint32_t> row(3, 91, 92);
@@ -458,7 +458,7 @@ TEST_F(NetworkStatus, IsListedForAServerInTheOrderOfTheResources) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(NetworkStatus, OfAColumnLeavesTheSizeAsItWasGiven) {
+TEST_F(NetworkStatus, LeavesTheSizeUnchangedWhenItListsAColumn) {
     add_servers();
     add_resources();
     fill_rows();
@@ -472,7 +472,7 @@ TEST_F(NetworkStatus, OfAColumnLeavesTheSizeAsItWasGiven) {
     }
 }
 
-TEST_F(NetworkStatus, OfAColumnIsMeasuredWithoutALookAtTheName) {
+TEST_F(NetworkStatus, IsMeasuredForAColumnWithoutLookingUpTheName) {
     add_resources();
     for (const char* const server : {"alpha", ""}) {
         uint32_t size = 91;
@@ -483,7 +483,7 @@ TEST_F(NetworkStatus, OfAColumnIsMeasuredWithoutALookAtTheName) {
     }
 }
 
-TEST_F(NetworkStatus, OfAColumnIsRefusedForAShortBufferBeforeTheNameIsLookedUp) {
+TEST_F(NetworkStatus, RefusesAShortBufferForAColumnBeforeLookingUpTheName) {
     add_servers();
     add_resources();
     for (const char* const server : {"alpha", "no such server"}) {
@@ -500,7 +500,7 @@ TEST_F(NetworkStatus, OfAColumnIsRefusedForAShortBufferBeforeTheNameIsLookedUp) 
     }
 }
 
-TEST_F(NetworkStatus, OfAColumnIsNotThereForAnUnknownServer) {
+TEST_F(NetworkStatus, HasNoColumnForAnUnknownServer) {
     add_servers();
     add_resources();
     GuardedBuffer<uint32_t> column(2, 91, 92);
@@ -517,7 +517,7 @@ TEST_F(NetworkStatus, OfAColumnIsNotThereForAnUnknownServer) {
     EXPECT_TRUE(column.guards_are_whole());
 }
 
-TEST_F(NetworkStatus, OfAColumnIsEmptyWithoutAResource) {
+TEST_F(NetworkStatus, HasAnEmptyColumnWithoutAResource) {
     add_servers();
     fill_rows();
     uint32_t size = 91;
@@ -537,7 +537,7 @@ TEST_F(NetworkStatus, OfAColumnIsEmptyWithoutAResource) {
     EXPECT_TRUE(column.guards_are_whole());
 }
 
-TEST_F(NetworkStatus, OfAColumnNeedsAServerAndASize) {
+TEST_F(NetworkStatus, NeedsAServerAndASizeToListAColumn) {
     add_servers();
     add_resources();
     GuardedBuffer<uint32_t> column(2, 91, 92);
@@ -556,7 +556,7 @@ TEST_F(NetworkStatus, OfAColumnNeedsAServerAndASize) {
     EXPECT_TRUE(column.guards_are_whole());
 }
 
-TEST_F(NetworkStatus, AnswersNotInitBeforeItLooksAtItsArguments) {
+TEST_F(NetworkStatus, ReportsNotInitBeforeItChecksItsArguments) {
     shmnm_delete();
     log_of_last_call();
     uint32_t value = 91, size = 4;
@@ -593,7 +593,7 @@ class DamagedNetworkStatus : public NetworkStatus {
     }
 };
 
-TEST_F(DamagedNetworkStatus, IsNotThereBeyondTheView) {
+TEST_F(DamagedNetworkStatus, IsNotFoundBeyondTheView) {
     move_the_second_row_away();
     const Bytes before = region_bytes();
     EXPECT_EQ(shmnm_setrscsvstat_nw("disk", "disk1", 10, 99), SHMNM_ERR_NOTFOUND);
@@ -608,7 +608,7 @@ TEST_F(DamagedNetworkStatus, IsNotThereBeyondTheView) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(DamagedNetworkStatus, OfARowBeyondTheViewIsEmpty) {
+TEST_F(DamagedNetworkStatus, HasAnEmptyRowBeyondTheView) {
     move_the_second_row_away();
     GuardedBuffer<uint32_t> row(3, 91, 92);
     uint32_t size = 12;
@@ -618,7 +618,7 @@ TEST_F(DamagedNetworkStatus, OfARowBeyondTheViewIsEmpty) {
     EXPECT_TRUE(row.guards_are_whole());
 }
 
-TEST_F(DamagedNetworkStatus, OfAColumnEndsWithTheView) {
+TEST_F(DamagedNetworkStatus, EndsAColumnWhereTheViewEnds) {
     move_the_second_row_away();
     GuardedBuffer<uint32_t> column(2, 91, 92);
     uint32_t size = 8;
@@ -628,7 +628,7 @@ TEST_F(DamagedNetworkStatus, OfAColumnEndsWithTheView) {
     EXPECT_TRUE(column.guards_are_whole());
 }
 
-TEST_F(DamagedNetworkStatus, OfARowEndsWithTheView) {
+TEST_F(DamagedNetworkStatus, EndsARowWhereTheViewEnds) {
     poke_word(28, 1000);
     GuardedBuffer<uint32_t> row(1000, 91, 92);
     uint32_t size = 91;
@@ -647,7 +647,7 @@ TEST_F(DamagedNetworkStatus, OfARowEndsWithTheView) {
     EXPECT_TRUE(row.guards_are_whole());
 }
 
-TEST_F(DamagedNetworkStatus, StaysWithinABufferThatAWrappedCountCallsLargeEnough) {
+TEST_F(DamagedNetworkStatus, StaysWithinTheBufferWhenACountWrapsAround) {
     poke_word(28, 0x40000001);
     GuardedBuffer<uint32_t> row(1, 91, 92);
     uint32_t size = 91;
@@ -693,7 +693,7 @@ TEST_F(DamagedNetworkStatus, HasNoCellsWhenACountIsNegative) {
     EXPECT_TRUE(cells.guards_are_whole());
 }
 
-TEST_F(DamagedNetworkStatus, IsNotThereForAResourceThatHasNoPlaceOfItsOwn) {
+TEST_F(DamagedNetworkStatus, IsNotFoundWhenRecordsHaveNoBytes) {
     poke_word(8, 0xFFFFFF6E);  // -146: records of no bytes
     const Bytes before = region_bytes();
     uint32_t read = 91;

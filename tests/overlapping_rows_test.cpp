@@ -81,11 +81,11 @@ void expect_same(const All& all, const Each& each) {
     }
 }
 
-TEST(OverlappingRows, EndAsIfEachHadBeenShiftedDownInItsTurn) {
+TEST(OverlappingRows, AreShiftedDownAsIfOneAfterAnother) {
     expect_same(shmnm::shift_rows_down, shift_each_row_down);
 }
 
-TEST(OverlappingRows, EndAsIfEachHadBeenShiftedUpInItsTurn) {
+TEST(OverlappingRows, AreShiftedUpAsIfOneAfterAnother) {
     expect_same(shmnm::shift_rows_up, shift_each_row_up);
 }
 

@@ -74,7 +74,7 @@ TEST_F(PartitionSimulation, SetsEveryServerFromTheArrayByItsPriorityAndThenTheCl
     EXPECT_TRUE(nodefail.guards_are_whole());
 }
 
-TEST_F(PartitionSimulation, TakesPrioritiesAsPlacesInTheArrayWhateverTheOrderOfTheServers) {
+TEST_F(PartitionSimulation, UsesPrioritiesAsIndexesOfTheArray) {
     add_servers({2, 0, 1});
     const Bytes expected = region_with(1, {1, 0, 1});
     const uint32_t nodefail[] = {0, 1, 1};
@@ -87,7 +87,7 @@ TEST_F(PartitionSimulation, TakesPrioritiesAsPlacesInTheArrayWhateverTheOrderOfT
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(PartitionSimulation, GivesServersOfOnePriorityTheSameState) {
+TEST_F(PartitionSimulation, SetsServersWithOnePriorityToTheSameState) {
     add_servers({1, 1, 0});
     const uint32_t nodefail[] = {0, 1};
     EXPECT_EQ(shmnm_setnpsimu(1, nodefail, 2), SHMNM_OK);
@@ -123,7 +123,7 @@ TEST_F(PartitionSimulation, ClearsEveryServerWhenItIsSwitchedOnWithoutAnArray) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(PartitionSimulation, TakesNothingFromAnArrayOfNoEntries) {
+TEST_F(PartitionSimulation, ReadsNothingFromAnEmptyArray) {
     add_servers({0, 1, 2});
     for (const int32_t count : {0, -1, INT_MIN}) {
         poke_words(0, {1, 1, 1});
@@ -140,7 +140,7 @@ TEST_F(PartitionSimulation, TakesNothingFromAnArrayOfNoEntries) {
     }
 }
 
-TEST_F(PartitionSimulation, ReadsNothingInFrontOfTheArrayForANegativePriority) {
+TEST_F(PartitionSimulation, ReadsNothingBeforeTheArrayForANegativePriority) {
     add_servers({-1, 1, INT32_MIN});
     poke_words(0, {1, 0, 1});
     const Bytes expected = region_with(1, {0, 1, 0});
@@ -157,7 +157,7 @@ TEST_F(PartitionSimulation, ReadsNothingInFrontOfTheArrayForANegativePriority) {
     EXPECT_TRUE(nodefail.guards_are_whole());
 }
 
-TEST_F(PartitionSimulation, IsSwitchedOffByZeroWithoutALookAtTheArray) {
+TEST_F(PartitionSimulation, IsSwitchedOffByZeroWithoutReadingTheArray) {
     add_servers({0, 1, 2});
     poke_words(1, {1, 0, 1});
     const Bytes expected = region_with(0, {0, 0, 0});
@@ -174,7 +174,7 @@ TEST_F(PartitionSimulation, IsSwitchedOffByZeroWithoutALookAtTheArray) {
     EXPECT_EQ(shmnm_setnpsimu(0, nullptr, -5), SHMNM_OK);
 }
 
-TEST_F(PartitionSimulation, IsSwitchedOffByEveryFlagOtherThanOneWithAWarning) {
+TEST_F(PartitionSimulation, IsSwitchedOffWithAWarningByAnyOtherFlag) {
     add_servers({0, 1, 2});
     const std::pair<uint32_t, const char*> flags[] = {{2, "invalid cluster dfailstatus(2), set 0."},
                                                       {0x7FFFFFFF, "invalid cluster dfailstatus(2147483647), set 0."},
@@ -226,7 +226,7 @@ TEST_F(PartitionSimulation, WritesTheClusterLastAfterAllServers) {
     }
 }
 
-TEST_F(PartitionSimulation, LeavesTheSpaceOfServersThatAreNotRegisteredAlone) {
+TEST_F(PartitionSimulation, LeavesUnusedServerRecordsAlone) {
     add_servers({0, 1});
     poke_words(0, {0, 0, 9});
     const Bytes expected = region_with(1, {1, 1, 9});
@@ -235,7 +235,7 @@ TEST_F(PartitionSimulation, LeavesTheSpaceOfServersThatAreNotRegisteredAlone) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(PartitionSimulation, GivesANewServerZero) {
+TEST_F(PartitionSimulation, StartsAtZeroForANewServer) {
     add_servers({0});
     const uint32_t nodefail[] = {1, 1};
     ASSERT_EQ(shmnm_setnpsimu(1, nodefail, 2), SHMNM_OK);
@@ -284,7 +284,7 @@ TEST_F(PartitionSimulation, LeavesTheArrayAsItIsWhileItIsOff) {
     }
 }
 
-TEST_F(PartitionSimulation, SkipsAServerWhosePriorityTheArrayDoesNotReach) {
+TEST_F(PartitionSimulation, SkipsAServerWhosePriorityIsBeyondTheArray) {
     add_servers({0, 3, 1});
     poke_words(1, {1, 1, 0});
     GuardedBuffer<uint32_t> read(3, 91, 92);
@@ -298,7 +298,7 @@ TEST_F(PartitionSimulation, SkipsAServerWhosePriorityTheArrayDoesNotReach) {
     EXPECT_TRUE(read.guards_are_whole());
 }
 
-TEST_F(PartitionSimulation, WritesNothingOutsideOfTheArrayForAPriorityThatIsNegativeOrLarge) {
+TEST_F(PartitionSimulation, WritesNothingOutsideTheArrayForANegativeOrLargePriority) {
     add_servers({-1, INT32_MAX, INT32_MIN});
     poke_words(1, {1, 0xFFFFFFFF, 7});
     GuardedBuffer<uint32_t> read(3, 91, 92);
@@ -314,7 +314,7 @@ TEST_F(PartitionSimulation, WritesNothingOutsideOfTheArrayForAPriorityThatIsNega
     EXPECT_TRUE(read.guards_are_whole());
 }
 
-TEST_F(PartitionSimulation, GivesTheLaterOfTwoServersOfOnePriority) {
+TEST_F(PartitionSimulation, ReturnsTheLaterOfTwoServersWithOnePriority) {
     add_servers({0, 1, 1});
     poke_words(1, {0, 1, 0});
     uint32_t read[] = {91, 92, 93}, flag = 94;
@@ -325,7 +325,7 @@ TEST_F(PartitionSimulation, GivesTheLaterOfTwoServersOfOnePriority) {
     EXPECT_THAT(read, ElementsAre(0u, 1u, 0u));
 }
 
-TEST_F(PartitionSimulation, GivesWhateverTheServersWordHolds) {
+TEST_F(PartitionSimulation, ReturnsAnyValueThatTheServersWordHolds) {
     add_servers({0});
     poke_words(1, {0xCAFEBABE});
     uint32_t read[] = {91}, flag = 92;
@@ -333,7 +333,7 @@ TEST_F(PartitionSimulation, GivesWhateverTheServersWordHolds) {
     EXPECT_THAT(read, ElementsAre(0xCAFEBABEu));
 }
 
-TEST_F(PartitionSimulation, IsNotReadWithoutAnArrayOrIntoOneThatIsShorterThanTheServers) {
+TEST_F(PartitionSimulation, CannotBeReadIntoAMissingOrShortArray) {
     add_servers({0, 1, 2});
     poke_words(1, {1, 1, 1});
     const Bytes before = region_bytes();
@@ -358,7 +358,7 @@ TEST_F(PartitionSimulation, IsNotReadWithoutAnArrayOrIntoOneThatIsShorterThanThe
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(PartitionSimulation, AcceptsAnArrayOfNoEntriesWhenThereIsNoServer) {
+TEST_F(PartitionSimulation, AcceptsAnEmptyArrayWhenThereIsNoServer) {
     GuardedBuffer<uint32_t> read(1, 91, 92);
     for (const uint32_t cluster : {0u, 1u}) {
         poke_words(cluster, {});
@@ -376,7 +376,7 @@ TEST_F(PartitionSimulation, AcceptsAnArrayOfNoEntriesWhenThereIsNoServer) {
     EXPECT_TRUE(read.guards_are_whole());
 }
 
-TEST_F(PartitionSimulation, DoesAllElseWhenTheFlagIsNotWanted) {
+TEST_F(PartitionSimulation, CanBeReadWithoutTheFlag) {
     add_servers({0, 1});
     poke_words(1, {1, 1});
     uint32_t read[] = {91, 92, 93};
@@ -400,7 +400,7 @@ TEST_F(PartitionSimulation, IsOffAgainAfterAClear) {
     EXPECT_EQ(word_at(node_words[1]), 0u);
 }
 
-TEST_F(PartitionSimulation, AnswersNotInitBeforeItLooksAtItsArguments) {
+TEST_F(PartitionSimulation, ReportsNotInitBeforeItChecksItsArguments) {
     shmnm_delete();
     log_of_last_call();
     uint32_t flag = 91, read[] = {92, 93};
@@ -434,7 +434,7 @@ class DamagedPartitionSimulation : public PartitionSimulation {
     }
 };
 
-TEST_F(DamagedPartitionSimulation, IsSetForTheServersThatLieInTheView) {
+TEST_F(DamagedPartitionSimulation, IsSetOnlyForServersInTheView) {
     Bytes expected = region_bytes();
     expected[60] = 1;
     for (size_t i = 0; i < visible_servers; ++i) {
@@ -449,7 +449,7 @@ TEST_F(DamagedPartitionSimulation, IsSetForTheServersThatLieInTheView) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(DamagedPartitionSimulation, IsReadFromTheServersThatLieInTheView) {
+TEST_F(DamagedPartitionSimulation, IsReadOnlyFromServersInTheView) {
     poke_word(60, 1);
     for (size_t i = 0; i < visible_servers; ++i) poke_word(1084 + 320 * i + 256, static_cast<uint32_t>(i + 1));
     const Bytes before = region_bytes();

@@ -195,7 +195,7 @@ class PlantedObject : public testing::TestWithParam<Call> {
     Child planter_ = test::start(planter_of_all, GetParam().is_mutex ? "mutex" : "mapping");
 };
 
-TEST_P(PlantedObject, IsRefusedAndNotHeldWhenOthersOwnItOrMayChangeIt) {
+TEST_P(PlantedObject, IsRefusedAndNotHeldIfOthersOwnItOrCanChangeIt) {
     const std::vector<Case> cases = cases_open_to_others(GetParam().is_mutex);
     for (const Case& one : cases) {
         SetLastError(untouched);
@@ -208,7 +208,7 @@ TEST_P(PlantedObject, IsRefusedAndNotHeldWhenOthersOwnItOrMayChangeIt) {
     for (const Case& one : cases) EXPECT_TRUE(is_free(GetParam().is_mutex, one.says)) << one.says;
 }
 
-TEST_P(PlantedObject, IsUsedWhenItIsOursAndOthersMayReadItAtMost) {
+TEST_P(PlantedObject, IsUsedIfItIsOursAndOthersCanOnlyReadIt) {
     for (const Case& one : closed_to_others) {
         SetLastError(untouched);
         void* const object = GetParam().make(one.says);
@@ -241,7 +241,7 @@ std::string library_path() {
 
 class PlantedLock : public testing::TestWithParam<const char*> {};
 
-TEST_P(PlantedLock, RefusesTheLoadOfTheLibraryWhileItIsThere) {
+TEST_P(PlantedLock, KeepsTheLibraryFromLoading) {
     Child child = planted("mutex", lock_name, GetParam());
     EXPECT_FALSE(DynamicLibrary(library_path()).loaded());
     child.kill();
@@ -251,14 +251,14 @@ TEST_P(PlantedLock, RefusesTheLoadOfTheLibraryWhileItIsThere) {
 INSTANTIATE_TEST_SUITE_P(Securities, PlantedLock,
                          testing::Values(null_list, "O:MED:(A;;GA;;;ME)(A;;GW;;;WD)", "O:BUD:(A;;GA;;;ME)"));
 
-TEST(PlantedLock, EndsAProgramThatIsLinkedToTheLibraryBeforeItBegins) {
+TEST(PlantedLock, EndsALinkedProgramBeforeItBegins) {
     const Child child = planted("mutex", lock_name, null_list);
     const test::ProgramResult result = test::run_program(test::own_folder() + SHMNM_TUTORIAL, "alpha");
     EXPECT_EQ(static_cast<uint32_t>(result.status), 0xC0000142u);
     EXPECT_EQ(result.output, "");
 }
 
-TEST(PlantedLock, OfThisUserIsTheLibrarysLock) {
+TEST(PlantedLock, IsUsedAsTheLockIfThisUserMadeIt) {
     const Child child = planted("mutex", lock_name, "O:MED:(A;;GA;;;ME)");
     EXPECT_TRUE(DynamicLibrary(library_path()).loaded());
 }
@@ -288,7 +288,7 @@ class PlantedRegion : public testing::Test {
     DynamicLibrary library_{library_path()};
 };
 
-TEST_F(PlantedRegion, IsNeitherCreatedNorAttachedToNorWrittenToWhenOthersMayWriteToIt) {
+TEST_F(PlantedRegion, IsRefusedAndNotWrittenIfOthersCanWriteToIt) {
     const Child child = planted("mapping", region_name, null_list);
     ASSERT_TRUE(library_.loaded());
     EXPECT_EQ(call("shmnm_create"), 6u);
@@ -300,7 +300,7 @@ TEST_F(PlantedRegion, IsNeitherCreatedNorAttachedToNorWrittenToWhenOthersMayWrit
     EXPECT_EQ(bytes_of(region_name), std::string(4096, '#'));
 }
 
-TEST_F(PlantedRegion, OfThisUserIsUsedAsFarAsItGoesWhenItIsSmallerThanConfigured) {
+TEST_F(PlantedRegion, IsUsedAsFarAsItGoesIfThisUserMadeItTooSmall) {
     const Child child = planted("mapping", region_name, "O:MED:(A;;GA;;;ME)");
     ASSERT_TRUE(library_.loaded());
     for (const char* const map : {"shmnm_create", "shmnm_attach"}) {

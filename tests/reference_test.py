@@ -69,7 +69,7 @@ class Manual(unittest.TestCase):
                 text = file.read_text()
                 yield text, re.findall(r"^\.Fo (\w+)$", text, re.M)
 
-    def test_each_exported_name_has_a_page_and_nothing_else_has(self):
+    def test_each_exported_name_and_nothing_else_has_a_page(self):
         self.assertEqual(len(interface.KZMSHMNM), 91)
         self.assertEqual(set(FUNCTIONS), interface.KZMSHMNM)
         self.assertEqual({file.name for file in PAGES.iterdir()}, {f"{name}.3" for name in interface.KZMSHMNM | RECORDS | {"shmnm"}})
@@ -83,7 +83,7 @@ class Manual(unittest.TestCase):
         remarks = [line for line in lint.stdout.splitlines() if not re.search(r"STYLE: (operating system explicitly specified|referenced manual not found)", line)]
         self.assertEqual(remarks, [])
 
-    def test_the_linter_would_say_what_it_dislikes(self):
+    def test_the_linter_reports_a_malformed_page(self):
         text = self.page("shmnm_create").replace(".Sh NAME", ".Sh NAMES")
         lint = run("mandoc", "-T", "lint", "-W", "warning", input=text)
         self.assertIn("WARNING", lint.stdout)
@@ -96,7 +96,7 @@ class Manual(unittest.TestCase):
                 self.assertTrue((BUILD / f"man/man{section}/{name}.{section}").exists(), f"{file.name} refers to {name}({section})")
         self.assertGreater(references, 500)
 
-    def test_synopses_are_the_declarations(self):
+    def test_each_synopsis_matches_the_declaration(self):
         found = {}
         for text, names in self.each_page():
             for type, name, arguments in re.findall(r"^\.Ft (.*)\n\.Fo (\w+)\n((?:\.Fa .*\n)*)\.Fc$", part(text, "SYNOPSIS"), re.M):
@@ -107,7 +107,7 @@ class Manual(unittest.TestCase):
         self.assertEqual(found, {name: [re.sub(r"\* (\w+)$", r"*\1", f"{type} {argument}") for type, argument in arguments] or ["void"]
                                  for name, arguments in FUNCTIONS.items()})
 
-    def test_each_argument_is_told_and_no_other_and_outputs_are_told_as_such(self):
+    def test_each_argument_is_documented_and_outputs_are_marked(self):
         for text, names in self.each_page():
             declared = {name: type for function in names for type, name in FUNCTIONS[function]}
             with self.subTest(names[0]):
@@ -122,14 +122,14 @@ class Manual(unittest.TestCase):
                 for name, type in declared.items():
                     self.assertEqual("out" in told[name], type.endswith("*") and not type.startswith("const "), f"{type} {name}")
 
-    def test_result_codes_have_their_numbers(self):
+    def test_result_codes_are_listed_with_their_numbers(self):
         overview = dict(re.findall(r"^\.It Dv (SHMNM_\w+) Pq (\d+)$", part(self.page("shmnm"), "RETURN VALUES"), re.M))
         self.assertEqual(overview, {name: str(value) for name, value in RESULTS.items()})
         for text, names in self.each_page():
             for name, value in re.findall(r"Dv (SHMNM_\w+) Pq (\d+)", part(text, "RETURN VALUES")):
                 self.assertEqual(int(value), RESULTS[name], names[0])
 
-    def test_pages_name_the_unmapped_region_exactly_where_the_library_reports_it(self):
+    def test_pages_mention_an_unmapped_region_exactly_where_the_library_reports_it(self):
         folder = tempfile.mkdtemp(prefix="shmnm-reference-")
         self.addCleanup(shutil.rmtree, folder)
         os.environ |= {"KZM_INSTALL_PATH": folder, "KZMUTIL_NAMESPACE": f"reference-{os.getpid()}-"}
@@ -144,7 +144,7 @@ class Manual(unittest.TestCase):
         self.assertEqual(told, reported)
         self.assertEqual(len(told), 85)
 
-    def test_every_page_tells_of_locks_and_threads_and_leads_to_the_overview(self):
+    def test_every_page_covers_locks_and_threads_and_links_to_the_overview(self):
         for text, names in self.each_page():
             with self.subTest(names[0]):
                 self.assertIn("lock", part(text, "Locks and threads"))
@@ -189,17 +189,17 @@ class Reference(unittest.TestCase):
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("shmnm_more", done.stdout)
 
-    def test_an_argument_that_is_told_under_another_name_is_refused(self):
+    def test_an_argument_documented_under_another_name_is_refused(self):
         done = self.make("@param[in] timeout_ms  milliseconds", "@param[in] timeout  milliseconds")
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("timeout", done.stdout)
 
-    def test_an_argument_that_nothing_is_said_of_is_refused(self):
+    def test_an_undocumented_argument_is_refused(self):
         done = self.make("shmnm_rolock(uint32_t timeout_ms);", "shmnm_rolock(uint32_t timeout_ms, uint32_t reason);")
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("reason", done.stdout)
 
-    def test_an_output_that_is_told_as_an_input_is_refused(self):
+    def test_an_output_documented_as_an_input_is_refused(self):
         done = self.make("@param[out]    buf   receives the bytes; null", "@param[in]     buf   receives the bytes; null")
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("buf is in", done.stdout)

@@ -37,7 +37,7 @@ INSTANTIATE_TEST_SUITE_P(Counts, RegionSize,
 constexpr shmnm::Counts fallback;
 static_assert(fallback.servers == 128 && fallback.hb == 16 && fallback.np == 16 && fallback.fst == 1);
 
-TEST(RegionLayout, PlacesTheAreasOfTheFallbackCounts) {
+TEST(RegionLayout, PlacesTheAreasForTheFallbackCounts) {
     constexpr Layout layout(fallback);
     EXPECT_EQ(layout.size, 2'500'740u);
     EXPECT_EQ(layout.servers, 1'084u);
@@ -49,14 +49,14 @@ TEST(RegionLayout, PlacesTheAreasOfTheFallbackCounts) {
     EXPECT_EQ(layout.network + uint64_t{4} * (2 * 16 + 16) * 128, layout.size);
 }
 
-TEST(RegionLayout, LeavesNothingBetweenTheNpTableAndTheNetworkWideStatesWithoutAnFstResource) {
+TEST(RegionLayout, HasNoGapAfterTheNpTableWithoutAnFstResource) {
     constexpr Layout layout(shmnm::Counts{4, 2, 3, 0});
     EXPECT_EQ(layout.fst, layout.fst_pids);
     EXPECT_EQ(layout.fst, layout.network);
     EXPECT_EQ(layout.network, 1084u + 320 * 4 + 584 * 2 * 4 + 584 * 3 * 4);
 }
 
-TEST(RegionLayout, PlacesAreasInSixtyFourBitsWhereTheSizeHasWrapped) {
+TEST(RegionLayout, ComputesOffsetsIn64BitsWhereTheSizeHasWrapped) {
     constexpr Layout layout(shmnm::Counts{223'697, 16, 16, 0});
     EXPECT_EQ(layout.size, 16'188u);
     EXPECT_EQ(layout.hb, 1084u + 320u * 223'697u);
@@ -64,7 +64,7 @@ TEST(RegionLayout, PlacesAreasInSixtyFourBitsWhereTheSizeHasWrapped) {
     EXPECT_EQ(layout.network, 1084u + 320u * 223'697u + 2 * 584ull * 16 * 223'697);
 }
 
-TEST(RegionLayout, TakesTheCountsAsSignedNumbers) {
+TEST(RegionLayout, TreatsTheCountsAsSignedNumbers) {
     constexpr Layout layout(shmnm::Counts{-1, 2, 0, 0});
     EXPECT_EQ(static_cast<int64_t>(layout.hb), 1084 - 320);
     EXPECT_EQ(static_cast<int64_t>(layout.np), 1084 - 320 - 584 * 2);
@@ -72,7 +72,7 @@ TEST(RegionLayout, TakesTheCountsAsSignedNumbers) {
 
 class Region : public test::RegionTest {};
 
-TEST_F(Region, IsZeroButForTheConfiguredCountsWhenItIsNew) {
+TEST_F(Region, IsZeroExceptForTheConfiguredCountsWhenNew) {
     map_region({.servers = 5, .hb = 3, .np = 2, .fst = 4});
     test::Bytes expected(view_size());
     expected[8] = 5;
@@ -83,7 +83,7 @@ TEST_F(Region, IsZeroButForTheConfiguredCountsWhenItIsNew) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
-TEST_F(Region, HoldsTheWrappedProductOfServersAndFstResources) {
+TEST_F(Region, StoresTheWrappedProductOfServersAndFstResources) {
     map_region({.servers = 0, .hb = 1, .np = 1, .fst = 7});
     EXPECT_EQ(word_at(24), 0u);
     shmnm_delete();
@@ -92,7 +92,7 @@ TEST_F(Region, HoldsTheWrappedProductOfServersAndFstResources) {
     EXPECT_EQ(word_at(24), 0u);
 }
 
-TEST_F(Region, CannotBeCreatedWithASizeThatWrapsToNothing) {
+TEST_F(Region, CannotBeCreatedWithASizeThatWrapsToZero) {
     static_assert(Layout(shmnm::Counts{440'949'975, 1, 1, 0}).size == 0);
     configure({.servers = 440'949'975, .hb = 1, .np = 1, .fst = 0});
     EXPECT_EQ(shmnm_create(), SHMNM_ERR_CREATEMAP);

@@ -58,7 +58,7 @@ INSTANTIATE_TEST_SUITE_P(Of, ResourceDescription, testing::Values(hb, np), test:
 
 // ---- the first record ----
 
-TEST_P(ResourceDescription, IsWrittenAsLongAsItIsUpTo256Bytes) {
+TEST_P(ResourceDescription, IsStoredUpTo256Bytes) {
     add("lan", "lan1");
     for (const int32_t length : {1, 10, 255, 256, 257, 300, INT32_MAX}) {
         SCOPED_TRACE(length);
@@ -71,7 +71,7 @@ TEST_P(ResourceDescription, IsWrittenAsLongAsItIsUpTo256Bytes) {
     }
 }
 
-TEST_P(ResourceDescription, LeavesWhatALongerOneHadBehindIt) {
+TEST_P(ResourceDescription, KeepsTheRestOfALongerEarlierDescription) {
     add("lan", "lan1");
     const Bytes older = test::pattern(20, 1), newer = test::pattern(10, 2);
     expect_set("lan", "lan1", older, description(0));
@@ -83,7 +83,7 @@ TEST_P(ResourceDescription, LeavesWhatALongerOneHadBehindIt) {
     EXPECT_EQ(expected[10], older[10]);
 }
 
-TEST_P(ResourceDescription, IsAnyBytes) {
+TEST_P(ResourceDescription, CanHoldAnyBytes) {
     add("lan", "lan1");
     Bytes data(256);
     for (size_t i = 0; i < 256; ++i) data[i] = static_cast<uint8_t>(i);
@@ -93,7 +93,7 @@ TEST_P(ResourceDescription, IsAnyBytes) {
     expect_read("lan", "lan1", Bytes(256));
 }
 
-TEST_P(ResourceDescription, IsReadAsFarAsAskedUpTo256Bytes) {
+TEST_P(ResourceDescription, IsReadUpToTheRequestedSizeAnd256Bytes) {
     add("lan", "lan1");
     const Bytes data = test::pattern(256, 3);
     expect_set("lan", "lan1", data, description(0));
@@ -119,7 +119,7 @@ TEST_P(ResourceDescription, IsZeroInANewResource) {
     expect_read("lan", "lan1", Bytes(256));
 }
 
-TEST_P(ResourceDescription, StaysInItsTable) {
+TEST_P(ResourceDescription, BelongsToOneTableOnly) {
     add("lan", "lan1");
     const Twin& other = twin().has_network_rows ? np : hb;
     ASSERT_EQ(other.add("lan", "lan1", 1), SHMNM_OK);
@@ -144,7 +144,7 @@ TEST_P(ResourceDescription, IsNotFoundForTheSecondResource) {
     expect_set("lan", "lan1", test::pattern(256, 1), description(0));
 }
 
-TEST_P(ResourceDescription, ComesInReachWhenItsResourceBecomesTheFirst) {
+TEST_P(ResourceDescription, IsFoundOnceItsResourceBecomesTheFirst) {
     add("lan", "lan1");
     add("disk", "disk1");
     const Bytes data = test::pattern(256, 1);
@@ -155,7 +155,7 @@ TEST_P(ResourceDescription, ComesInReachWhenItsResourceBecomesTheFirst) {
     expect_set("disk", "disk1", test::pattern(256, 2), description(0));
 }
 
-TEST_P(ResourceDescription, OfTheSecondResourceIsLookedForAmongTheStatesOfTheFirst) {
+TEST_P(ResourceDescription, IsSearchedForAmongTheStatesOfTheFirstResource) {
     add_servers();
     add("lan", "lan1");
     add("disk", "disk1");
@@ -172,7 +172,7 @@ TEST_P(ResourceDescription, OfTheSecondResourceIsLookedForAmongTheStatesOfTheFir
     expect_missing("ping", "ping1");
 }
 
-TEST_P(ResourceDescription, OfEmptyTextsIsFoundAtTheShiftedPlaces) {
+TEST_P(ResourceDescription, IsFoundAtShiftedOffsetsForEmptyTexts) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     add("lan", "lan1");
     add("disk", "disk1");
@@ -189,7 +189,7 @@ TEST_P(ResourceDescription, OfEmptyTextsIsFoundAtTheShiftedPlaces) {
     expect_set("", "", test::pattern(256, 3), record(1) + 264);
 }
 
-TEST_P(ResourceDescription, IsThatOfTheFirstPlaceThatMatches) {
+TEST_P(ResourceDescription, IsThatOfTheFirstMatch) {
     add("lan", "lan1");
     add("disk", "disk1");
     poke(record(0) + 584, {'l', 'a', 'n', '1', 0});
@@ -197,7 +197,7 @@ TEST_P(ResourceDescription, IsThatOfTheFirstPlaceThatMatches) {
     expect_set("lan", "lan1", test::pattern(256, 1), description(0));
 }
 
-TEST_P(ResourceDescription, NeedsBothTextsOfAPlaceToMatch) {
+TEST_P(ResourceDescription, IsFoundOnlyIfBothTypeAndNameMatch) {
     add("lan", "lan1");
     add("disk", "disk1");
     poke(record(0) + 584, {'p', 'i', 'n', 'g', '1', 0});
@@ -206,7 +206,7 @@ TEST_P(ResourceDescription, NeedsBothTextsOfAPlaceToMatch) {
     expect_missing("ping", "lan1");
 }
 
-TEST_P(ResourceDescription, StepsAlikeWhateverTheMaximumOfServersIs) {
+TEST_P(ResourceDescription, IsSearchedWithOneStrideWhateverTheMaximumOfServers) {
     add("lan", "lan1");
     add("disk", "disk1");
     ASSERT_EQ(shmnm_setmaxvalue_ex(9, 3, 3), SHMNM_OK);
@@ -227,7 +227,7 @@ TEST_P(ResourceDescription, IsFoundForEveryResourceOnlyIfRecordsHaveNoStates) {
 
 // ---- refusals ----
 
-TEST_P(ResourceDescription, IsNotFoundWithoutExactlyThatPair) {
+TEST_P(ResourceDescription, IsNotFoundUnderASimilarTypeOrName) {
     expect_missing("lan", "lan1");
     expect_missing("", "");
     add("lan", "lan1");
@@ -237,7 +237,7 @@ TEST_P(ResourceDescription, IsNotFoundWithoutExactlyThatPair) {
     for (const auto& [type, name] : missing) expect_missing(type, name);
 }
 
-TEST_P(ResourceDescription, IsNotFoundUnderTextsThatWereCut) {
+TEST_P(ResourceDescription, IsNotFoundUnderTruncatedTexts) {
     const std::string text(32, 'x'), cut(31, 'x');
     add(text.c_str(), text.c_str());
     expect_missing(text.c_str(), text.c_str());
@@ -245,7 +245,7 @@ TEST_P(ResourceDescription, IsNotFoundUnderTextsThatWereCut) {
     expect_set(cut.c_str(), cut.c_str(), test::pattern(256, 1), description(0));
 }
 
-TEST_P(ResourceDescription, NeedsTextsAndDataAndALengthToBeSet) {
+TEST_P(ResourceDescription, NeedsATypeANameDataAndALengthToBeSet) {
     add("lan", "lan1");
     const Bytes data = test::pattern(16, 1);
     const struct {
@@ -262,7 +262,7 @@ TEST_P(ResourceDescription, NeedsTextsAndDataAndALengthToBeSet) {
     }
 }
 
-TEST_P(ResourceDescription, NeedsTextsAndABufferAndASizeToBeRead) {
+TEST_P(ResourceDescription, NeedsATypeANameABufferAndASizeToBeRead) {
     add("lan", "lan1");
     GuardedBuffer<uint8_t> read(16, '#', '+');
     const int32_t enough = 16, none = 0, negative = -1, most_negative = INT32_MIN;
@@ -283,7 +283,7 @@ TEST_P(ResourceDescription, NeedsTextsAndABufferAndASizeToBeRead) {
     EXPECT_TRUE(read.guards_are_whole());
 }
 
-TEST_P(ResourceDescription, AnswersNotInitFirstAndWritesNoLine) {
+TEST_P(ResourceDescription, ReportsNotInitFirstAndLogsNothing) {
     shmnm_delete();
     log_of_last_call();
     uint8_t byte = 91;

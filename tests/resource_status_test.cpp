@@ -88,7 +88,7 @@ INSTANTIATE_TEST_SUITE_P(Of, ResourceStatus, testing::Values(hb, np), test::kind
 
 // ---- the state of a resource ----
 
-TEST_P(ResourceStatus, IsAnyValueOfAResource) {
+TEST_P(ResourceStatus, CanBeAnyValueForAResource) {
     add_resources();
     const std::pair<const char*, const char*> pairs[] = {{"lan", "one"}, {"disk", "one"}, {"disk", "disk1"}};
     for (size_t position = 0; position < 3; ++position) {
@@ -100,7 +100,7 @@ TEST_P(ResourceStatus, IsAnyValueOfAResource) {
     }
 }
 
-TEST_P(ResourceStatus, IsZeroInAnUnusedPlace) {
+TEST_P(ResourceStatus, IsZeroInAnUnusedRecord) {
     add("lan", "one");
     expect_value([&](uint32_t* read) { return twin().get("lan", "one", read); }, twin().get_tag, 0);
 }
@@ -114,7 +114,7 @@ TEST_P(ResourceStatus, IsThatOfTheFirstResourceOfThatNameWhenTheTypeIsNull) {
     expect_value([&](uint32_t* read) { return twin().get("disk", "one", read); }, twin().get_tag, 0);
 }
 
-TEST_P(ResourceStatus, IsNotThereWithoutTheResource) {
+TEST_P(ResourceStatus, IsNotFoundWithoutTheResource) {
     uint32_t read = 91;
     const auto expect_missing = [&] {
         for (const auto& [t, n, printed] : missing) {
@@ -133,7 +133,7 @@ TEST_P(ResourceStatus, IsNotThereWithoutTheResource) {
     EXPECT_EQ(read, 91u);
 }
 
-TEST_P(ResourceStatus, IsNotFoundUnderTextsThatWereCut) {
+TEST_P(ResourceStatus, IsNotFoundUnderTruncatedTexts) {
     const std::string text(32, 'x'), cut(31, 'x');
     add(text.c_str(), text.c_str());
     expect_failure([&] { return twin().set(text.c_str(), text.c_str(), 5); }, twin().set_tag,
@@ -143,7 +143,7 @@ TEST_P(ResourceStatus, IsNotFoundUnderTextsThatWereCut) {
     expect_one_word([&] { return twin().set(cut.c_str(), cut.c_str(), 5); }, twin().set_tag, state(0), 5);
 }
 
-TEST_P(ResourceStatus, NeedsANameAndAPlaceToStoreIt) {
+TEST_P(ResourceStatus, NeedsANameAndAnOutput) {
     add_resources();
     uint32_t read = 91;
     for (const char* const type : {"lan", static_cast<const char*>(nullptr)}) {
@@ -160,7 +160,7 @@ TEST_P(ResourceStatus, NeedsANameAndAPlaceToStoreIt) {
 
 // ---- its state on a server ----
 
-TEST_P(ResourceStatus, IsAnyValueOfAResourceOnAServer) {
+TEST_P(ResourceStatus, CanBeAnyValueForAResourceOnAServer) {
     add_servers();
     add_resources();
     const std::pair<const char*, const char*> pairs[] = {{"lan", "one"}, {"disk", "one"}, {"disk", "disk1"}};
@@ -179,7 +179,7 @@ TEST_P(ResourceStatus, IsAnyValueOfAResourceOnAServer) {
     }
 }
 
-TEST_P(ResourceStatus, IsTwoOnEachServerAtFirst) {
+TEST_P(ResourceStatus, IsInitiallyTwoOnEachServer) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     add("lan", "one");
     ASSERT_EQ(shmnm_addnode("beta", 20), SHMNM_OK);
@@ -201,7 +201,7 @@ TEST_P(ResourceStatus, IsThatOnTheFirstServerOfThePriority) {
                  twin().get_on_server_tag, 9);
 }
 
-TEST_P(ResourceStatus, TakesEveryNumberAsAPriority) {
+TEST_P(ResourceStatus, AcceptsAnyNumberAsAPriority) {
     const int32_t priorities[] = {INT32_MIN, -1, INT32_MAX};
     for (size_t server = 0; server < 3; ++server) {
         ASSERT_EQ(shmnm_addnode(std::to_string(server).c_str(), priorities[server]), SHMNM_OK);
@@ -213,7 +213,7 @@ TEST_P(ResourceStatus, TakesEveryNumberAsAPriority) {
     }
 }
 
-TEST_P(ResourceStatus, OnAServerIsThatOfTheFirstResourceOfThatNameWhenTheTypeIsNull) {
+TEST_P(ResourceStatus, IsThatOfTheFirstResourceOnAServerWhenTheTypeIsNull) {
     add_servers();
     add_resources();
     expect_one_word([&] { return twin().set_on_server(nullptr, "one", 30, 5); }, twin().set_on_server_tag,
@@ -224,7 +224,7 @@ TEST_P(ResourceStatus, OnAServerIsThatOfTheFirstResourceOfThatNameWhenTheTypeIsN
                  twin().get_on_server_tag, 2);
 }
 
-TEST_P(ResourceStatus, OnAServerNeedsTheServerAlsoWhenTheResourceIsThere) {
+TEST_P(ResourceStatus, NeedsTheServerEvenIfTheResourceExists) {
     add_servers();
     add_resources();
     const std::pair<int32_t, const char*> unknown[] = {{0, "svid:0"},
@@ -249,7 +249,7 @@ TEST_P(ResourceStatus, OnAServerNeedsTheServerAlsoWhenTheResourceIsThere) {
     EXPECT_EQ(read, 91u);
 }
 
-TEST_P(ResourceStatus, OnAServerNeedsTheResource) {
+TEST_P(ResourceStatus, NeedsTheResourceEvenIfTheServerExists) {
     add_servers();
     uint32_t read = 91;
     const auto expect_missing = [&](int32_t svid) {
@@ -269,7 +269,7 @@ TEST_P(ResourceStatus, OnAServerNeedsTheResource) {
     EXPECT_EQ(read, 91u);
 }
 
-TEST_P(ResourceStatus, OnAServerNeedsANameButNoPlaceToStoreIt) {
+TEST_P(ResourceStatus, NeedsANameButNoOutputOnAServer) {
     add_servers();
     add_resources();
     uint32_t read = 91;
@@ -293,7 +293,7 @@ TEST_P(ResourceStatus, OnAServerNeedsANameButNoPlaceToStoreIt) {
                    "type:lan,name:one,svid:40 not found", SHMNM_ERR_NOTFOUND);
 }
 
-TEST_P(ResourceStatus, OnAServerLiesElsewhereOnceTheMaximumOfServersIsAnother) {
+TEST_P(ResourceStatus, IsStoredElsewhereAfterTheMaximumOfServersChanges) {
     add_servers();
     add("lan", "lan1");
     ASSERT_EQ(shmnm_setmaxvalue_ex(9, 3, 3), SHMNM_OK);
@@ -337,7 +337,7 @@ TEST_P(ResourceStatus, IsListedForTheFirstResourceOfThatNameWhenTheTypeIsNull) {
     EXPECT_THAT(states, ElementsAre(30u, 31u, 32u));
 }
 
-TEST_P(ResourceStatus, IsMeasuredForAResourceWhetherItIsThereOrNot) {
+TEST_P(ResourceStatus, IsMeasuredForAResourceWhetherItExistsOrNot) {
     uint32_t size = 91;
     EXPECT_EQ(twin().list_servers("lan", "one", nullptr, &size), SHMNM_OK);
     EXPECT_EQ(size, 0u) << "no server";
@@ -354,7 +354,7 @@ TEST_P(ResourceStatus, IsMeasuredForAResourceWhetherItIsThereOrNot) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_P(ResourceStatus, IsNotListedForAResourceInAShortBufferWhetherItIsThereOrNot) {
+TEST_P(ResourceStatus, IsNotListedForAResourceInAShortBufferWhetherItExistsOrNot) {
     add_servers();
     add_resources();
     fill_states();
@@ -391,7 +391,7 @@ TEST_P(ResourceStatus, IsNotListedWithoutTheResource) {
     EXPECT_EQ(size, 12u);
 }
 
-TEST_P(ResourceStatus, IsListedAsNothingWithoutAServer) {
+TEST_P(ResourceStatus, IsAnEmptyListForAResourceWithoutAServer) {
     add_resources();
     fill_states();
     for (const uint32_t given : {0u, 4u}) {
@@ -436,7 +436,7 @@ class LongRow : public test::RegionTest, public testing::WithParamInterface<Twin
 };
 INSTANTIATE_TEST_SUITE_P(Of, LongRow, testing::Values(hb, np), test::kind_of_instance);
 
-TEST_P(LongRow, HasAWordForEachServerOfAnyNumberOfThem) {
+TEST_P(LongRow, HasOneWordPerServerForAnyNumberOfServers) {
     for (uint32_t resource = 0; resource < resources; ++resource) {
         ASSERT_EQ(GetParam().add("lan", std::to_string(resource).c_str(), 1), SHMNM_OK);
         for (uint32_t server = 0; server < servers; ++server) {
@@ -458,7 +458,7 @@ TEST_P(LongRow, HasAWordForEachServerOfAnyNumberOfThem) {
     }
 }
 
-TEST_P(LongRow, IsSetAWordAtATimeForServersFarBack) {
+TEST_P(LongRow, IsSetAndReadOneWordAtATime) {
     for (uint32_t server = 0; server < servers; ++server) {
         ASSERT_EQ(shmnm_addnode(("server" + std::to_string(server)).c_str(), static_cast<int32_t>(server)), SHMNM_OK);
     }
@@ -511,7 +511,7 @@ TEST_P(ResourceStatus, IsListedForAServerInTheOrderOfTheResources) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_P(ResourceStatus, IsMeasuredForAServerWhetherItIsThereOrNot) {
+TEST_P(ResourceStatus, IsMeasuredForAServerWhetherItExistsOrNot) {
     uint32_t size = 91;
     EXPECT_EQ(twin().list_resources("alpha", nullptr, &size), SHMNM_OK);
     EXPECT_EQ(size, 0u) << "no resource";
@@ -532,7 +532,7 @@ TEST_P(ResourceStatus, IsMeasuredForAServerWhetherItIsThereOrNot) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_P(ResourceStatus, IsNotListedForAServerInAShortBufferWhetherItIsThereOrNot) {
+TEST_P(ResourceStatus, IsNotListedForAServerInAShortBufferWhetherItExistsOrNot) {
     add_servers();
     add_resources();
     for (const char* const name : {"alpha", "delta"}) {
@@ -549,7 +549,7 @@ TEST_P(ResourceStatus, IsNotListedForAServerInAShortBufferWhetherItIsThereOrNot)
     }
 }
 
-TEST_P(ResourceStatus, IsNotListedForAServerThatIsNotThere) {
+TEST_P(ResourceStatus, IsNotListedForAnUnknownServer) {
     GuardedBuffer<uint32_t> states(3, 91, 92);
     uint32_t size = 12;
     const auto expect_missing = [&](const std::string& name) {
@@ -565,7 +565,7 @@ TEST_P(ResourceStatus, IsNotListedForAServerThatIsNotThere) {
     EXPECT_EQ(size, 12u);
 }
 
-TEST_P(ResourceStatus, IsListedForAServerAsNothingWithoutAResource) {
+TEST_P(ResourceStatus, IsAnEmptyListForAServerWithoutAResource) {
     add_servers();
     for (const uint32_t given : {0u, 4u}) {
         GuardedBuffer<uint32_t> states(1, 91, 92);
@@ -632,7 +632,7 @@ TEST_P(ResourceStatus, IsSetForNothingWhenNoResourceHasTheType) {
     expect_no_change(std::string(32, 'x'));
 }
 
-TEST_P(ResourceStatus, IsSetForAsManyServersAsThereAre) {
+TEST_P(ResourceStatus, IsSetForRegisteredServersOnly) {
     add_resources();
     const Bytes unset = region_bytes();
     for (uint32_t servers = 0; servers <= 6; ++servers) {
@@ -645,13 +645,13 @@ TEST_P(ResourceStatus, IsSetForAsManyServersAsThereAre) {
     }
 }
 
-TEST_P(ResourceStatus, NeedsATypeToBeSetForAllOfIt) {
+TEST_P(ResourceStatus, NeedsATypeToBeSetForAllItsResources) {
     add_servers();
     add_resources();
     expect_failure([&] { return twin().set_type(nullptr, 5); }, twin().set_type_tag, "invalid param", SHMNM_ERR_PARAM);
 }
 
-TEST_P(ResourceStatus, IsSetForAllResourcesOfATypeBeforeItIsForTheirServers) {
+TEST_P(ResourceStatus, IsSetForAllResourcesOfATypeBeforeAnyOfTheirServers) {
     add("lan", "lan1");
     add("lan", "lan2");
     add("disk", "disk1");
@@ -668,7 +668,7 @@ TEST_P(ResourceStatus, IsSetForAllResourcesOfATypeBeforeItIsForTheirServers) {
 
 // ---- counts that are not true ----
 
-TEST_P(ResourceStatus, IsMeasuredByTheCountsAsTheyAre) {
+TEST_P(ResourceStatus, IsMeasuredByTheStoredCounts) {
     add("lan", "one");
     poke_word(server_count, 0xFFFFFFFF);
     poke_word(twin().count_at, 0x40000001);
@@ -681,7 +681,7 @@ TEST_P(ResourceStatus, IsMeasuredByTheCountsAsTheyAre) {
 
 // ---- not mapped ----
 
-TEST_P(ResourceStatus, AnswersNotInitFirstAndWritesNoLine) {
+TEST_P(ResourceStatus, ReportsNotInitFirstAndLogsNothing) {
     shmnm_delete();
     log_of_last_call();
     uint32_t word = 91, size = 92;

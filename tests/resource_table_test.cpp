@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Of, ResourceTable, testing::Values(hb, np), test::kind_
 
 // ---- adding ----
 
-TEST_P(ResourceTable, AddsEachResourceBehindTheLastOne) {
+TEST_P(ResourceTable, AddsEachResourceAfterTheLastOne) {
     const struct {
         const char *type, *name;
         uint32_t pri;
@@ -84,7 +84,7 @@ TEST_P(ResourceTable, AddsEachResourceBehindTheLastOne) {
     }
 }
 
-TEST_P(ResourceTable, OpensTheStatesOfANewResourceForTheServersThatAreThere) {
+TEST_P(ResourceTable, OpensTheStatesOfANewResourceForRegisteredServers) {
     add_servers();
     add("lan", "lan1");
     for (const size_t position : {size_t{1}, size_t{2}}) {
@@ -98,7 +98,7 @@ TEST_P(ResourceTable, OpensTheStatesOfANewResourceForTheServersThatAreThere) {
     }
 }
 
-TEST_P(ResourceTable, WritesOnlyWhatANewResourceIsGiven) {
+TEST_P(ResourceTable, WritesOnlyTheFieldsOfANewResource) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     poke(record(0), test::pattern(608, 1));
     poke(network_row(0), test::pattern(24, 2));
@@ -133,14 +133,14 @@ TEST_P(ResourceTable, RefusesOneMoreThanTheMaximum) {
     expect_failure(add_of("lan", "lan4"), twin().add_tag, full(3), SHMNM_ERR_RSCOVER);
 }
 
-TEST_P(ResourceTable, LooksAtTheCountBeforeTheNames) {
+TEST_P(ResourceTable, ChecksTheCountBeforeTheNames) {
     add("lan", "lan1");
     add("lan", "lan2");
     add("lan", "lan3");
     expect_failure(add_of("lan", "lan2"), twin().add_tag, full(3), SHMNM_ERR_RSCOVER);
 }
 
-TEST_P(ResourceTable, TakesANewResourceLastOnceOneIsRemovedFromAFullTable) {
+TEST_P(ResourceTable, AddsANewResourceLastAfterARemovalFromAFullTable) {
     add("lan", "lan1");
     add("lan", "lan2");
     add("lan", "lan3");
@@ -160,7 +160,7 @@ TEST_P(ResourceTable, IsFullAtOnceWhenTheMaximumIsLowered) {
     }
 }
 
-TEST_P(ResourceTable, TakesMoreAtOnceWhenTheMaximumIsRaised) {
+TEST_P(ResourceTable, AcceptsMoreAtOnceWhenTheMaximumIsRaised) {
     add("lan", "lan1");
     add("lan", "lan2");
     add("lan", "lan3");
@@ -172,14 +172,14 @@ TEST_P(ResourceTable, TakesMoreAtOnceWhenTheMaximumIsRaised) {
     expect_failure(add_of("lan", "lan5"), twin().add_tag, full(4), SHMNM_ERR_RSCOVER);
 }
 
-TEST_P(ResourceTable, RefusesAPairThatIsThere) {
+TEST_P(ResourceTable, RefusesATypeAndNameThatExist) {
     add("lan", "lan1");
     add("disk", "disk1");
     expect_failure(add_of("lan", "lan1"), twin().add_tag, "resource(lan1) already exist", SHMNM_ERR_EXIST);
     expect_failure(add_of("disk", "disk1"), twin().add_tag, "resource(disk1) already exist", SHMNM_ERR_EXIST);
 }
 
-TEST_P(ResourceTable, TakesOneNameUnderSeveralTypes) {
+TEST_P(ResourceTable, AcceptsOneNameUnderSeveralTypes) {
     add("lan", "one", 1);
     add("disk", "one", 2);
     add("", "one", 3);
@@ -190,7 +190,7 @@ TEST_P(ResourceTable, TakesOneNameUnderSeveralTypes) {
     expect_failure(add_of("disk", "one"), twin().add_tag, "resource(one) already exist", SHMNM_ERR_EXIST);
 }
 
-TEST_P(ResourceTable, TellsTextsApartByEveryByteAndTheirLength) {
+TEST_P(ResourceTable, DistinguishesTextsByEveryByteAndTheirLength) {
     const char* const texts[] = {"lan",
                                  "Lan",
                                  "la",
@@ -240,7 +240,7 @@ TEST_P(ResourceTable, FindsTextsOfAnyLengthAndNoneThatDifferInOneByte) {
     }
 }
 
-TEST_P(ResourceTable, WritesTextsIntoItsLinesAsTheyAre) {
+TEST_P(ResourceTable, LogsTextsUnchanged) {
     add("%d%s", "100%d%s%n");
     expect_failure(add_of("%d%s", "100%d%s%n"), twin().add_tag, "resource(100%d%s%n) already exist", SHMNM_ERR_EXIST);
     expect_failure([this] { return twin().remove("%n", "%s"); }, twin().remove_tag, "type:%n,name:%s not found",
@@ -260,7 +260,7 @@ TEST_P(ResourceTable, KeepsTextsOf31BytesWhole) {
     }
 }
 
-TEST_P(ResourceTable, CutsLongerTextsTo31BytesAndFindsOnlyTheCutOnes) {
+TEST_P(ResourceTable, CutsLongerTextsTo31BytesAndFindsOnlyTheCutTexts) {
     const std::string cut_type = std::string(30, 't') + 'T', cut_name = std::string(30, 'n') + 'N';
     for (const size_t length : {32u, 33u, 257u, 300u}) {
         const std::string long_type = cut_type + std::string(length - 31, 'T');
@@ -323,7 +323,7 @@ TEST_P(ResourceTable, ClosesTheGapOfARemovedResource) {
     }
 }
 
-TEST_P(ResourceTable, LeavesTheNetworkRowOfTheLastResourceAsItWas) {
+TEST_P(ResourceTable, LeavesTheNetworkRowOfTheLastResourceUnchanged) {
     add("lan", "lan1");
     add("lan", "lan2");
     for (const size_t position : {size_t{1}, size_t{0}}) {
@@ -339,7 +339,7 @@ TEST_P(ResourceTable, LeavesTheNetworkRowOfTheLastResourceAsItWas) {
     }
 }
 
-TEST_P(ResourceTable, OpensAnOldNetworkRowForRegisteredServersOnly) {
+TEST_P(ResourceTable, ReopensANetworkRowForRegisteredServersOnly) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     add("lan", "lan1");
     fill_record(0);
@@ -382,7 +382,7 @@ TEST_P(ResourceTable, FindsNothingInAnEmptyTable) {
     }
 }
 
-TEST_P(ResourceTable, FindsNoPairThatIsNotThere) {
+TEST_P(ResourceTable, FindsNoUnknownTypeAndName) {
     // The other table has what this one lacks.
     const Twin& other = twin().has_network_rows ? np : hb;
     ASSERT_EQ(other.add("lan", "lan2", 1), SHMNM_OK);
@@ -441,7 +441,7 @@ TEST_P(ResourceTable, NeedsEveryArgumentForAPriority) {
 
 // ---- the type of a name ----
 
-TEST_P(ResourceTable, GivesTheTypeOfTheFirstResourceOfAName) {
+TEST_P(ResourceTable, ReturnsTheTypeOfTheFirstResourceOfAName) {
     add("disk", "disk1");
     add("lan", "one");
     add("ping", "one");
@@ -458,7 +458,7 @@ TEST_P(ResourceTable, GivesTheTypeOfTheFirstResourceOfAName) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_P(ResourceTable, GivesAtMost32BytesOfAType) {
+TEST_P(ResourceTable, ReturnsAtMost32BytesOfAType) {
     const std::string longest(31, 't');
     add(longest.c_str(), "one");
     GuardedBuffer<char> buffer(32, '#', '+');
@@ -471,7 +471,7 @@ TEST_P(ResourceTable, GivesAtMost32BytesOfAType) {
     EXPECT_TRUE(buffer.guards_are_whole());
 }
 
-TEST_P(ResourceTable, GivesNoTypeOfANameThatIsNotThere) {
+TEST_P(ResourceTable, ReturnsNoTypeForAnUnknownName) {
     char type[32] = "untouched";
     const auto type_of = [&](const char* name) { return [&, name] { return twin().type_of(type, name); }; };
     expect_failure(type_of("lan1"), twin().type_of_tag, "name:lan1 not found", SHMNM_ERR_NOTFOUND);
@@ -486,7 +486,7 @@ TEST_P(ResourceTable, GivesNoTypeOfANameThatIsNotThere) {
     EXPECT_STREQ(type, "untouched");
 }
 
-TEST_P(ResourceTable, NeedsANameThatIsNotEmptyForAType) {
+TEST_P(ResourceTable, NeedsANonEmptyNameToReturnAType) {
     add("lan", "");
     char type[32] = "untouched";
     expect_failure([&] { return twin().type_of(type, nullptr); }, twin().type_of_tag, "invalid param", SHMNM_ERR_PARAM);
@@ -495,7 +495,7 @@ TEST_P(ResourceTable, NeedsANameThatIsNotEmptyForAType) {
     EXPECT_STREQ(type, "untouched");
 }
 
-TEST_P(ResourceTable, LooksForATypeAlsoWithoutAPlaceToStoreIt) {
+TEST_P(ResourceTable, LooksUpATypeEvenWithoutAnOutput) {
     add("lan", "lan1");
     const Bytes before = region_bytes();
     EXPECT_EQ(twin().type_of(nullptr, "lan1"), SHMNM_OK);
@@ -522,7 +522,7 @@ TEST_P(ResourceTable, ListsATypeForEveryResource) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_P(ResourceTable, ListsItsNamesInTheOrderOfTheirPlaces) {
+TEST_P(ResourceTable, ListsItsNamesInTheOrderOfTheirPositions) {
     add("lan", "lan1");
     add("disk", "disk1");
     add("lan", "lan2");
@@ -586,7 +586,7 @@ TEST_P(ResourceTable, ListsWhatIsLeftAfterARemoval) {
 
 // ---- a maximum of servers that is not the one of the layout ----
 
-TEST_P(ResourceTable, ReadsItsRecordsElsewhereOnceTheMaximumOfServersIsAnother) {
+TEST_P(ResourceTable, ReadsItsRecordsElsewhereAfterTheMaximumOfServersChanges) {
     add("lan", "lan1", 11);
     add("1234lan", "5678lan2", 22);
     poke_word(state(1), 33);
@@ -626,7 +626,7 @@ TEST_P(ResourceTable, FindsNothingWhenItsCountIsNegative) {
     expect_failure(add_of("lan", "lan2"), twin().add_tag, full(-1), SHMNM_ERR_RSCOVER);
 }
 
-TEST_P(ResourceTable, AnswersNotInitFirstAndWritesNoLine) {
+TEST_P(ResourceTable, ReportsNotInitFirstAndLogsNothing) {
     shmnm_delete();
     log_of_last_call();
     char text[32] = "untouched";
@@ -650,7 +650,7 @@ TEST_P(ResourceTable, AnswersNotInitFirstAndWritesNoLine) {
     EXPECT_EQ(word, 91u);
 }
 
-TEST_P(ResourceTable, LooksForAPairBeforeItLooksForRoomInTheView) {
+TEST_P(ResourceTable, ChecksForADuplicateBeforeRoomInTheView) {
     shmnm_delete();
     map_region({.servers = 1, .hb = 1, .np = 1});
     ASSERT_EQ(view_size(), 4096u);
@@ -662,7 +662,7 @@ TEST_P(ResourceTable, LooksForAPairBeforeItLooksForRoomInTheView) {
     expect_failure(add_of("lan", "lan1"), twin().add_tag, full(1), SHMNM_ERR_RSCOVER);
 }
 
-TEST_P(ResourceTable, LooksForAPairBeforeItLooksForRoomForTheStates) {
+TEST_P(ResourceTable, ChecksForADuplicateBeforeRoomForTheStates) {
     add("lan", "lan1");
     poke_word(server_count, 100'000);
     expect_failure(add_of("lan", "lan1"), twin().add_tag, "resource(lan1) already exist", SHMNM_ERR_EXIST);
@@ -673,7 +673,7 @@ TEST_P(ResourceTable, LooksForAPairBeforeItLooksForRoomForTheStates) {
 
 class BothResourceTables : public test::RegionTest {};
 
-TEST_F(BothResourceTables, ShareNothingButTheirTexts) {
+TEST_F(BothResourceTables, AreIndependentEvenForEqualTypesAndNames) {
     map_region({.servers = 6, .hb = 3, .np = 3});
     ASSERT_EQ(shmnm_addhbrsc("lan", "one", 1), SHMNM_OK);
     ASSERT_EQ(shmnm_addnprsc("lan", "one", 2), SHMNM_OK);

@@ -104,7 +104,7 @@ TEST_P(ServerColumns, AreMovedUpForAServerInBetweenButNotIntoTheLastColumn) {
     }
 }
 
-TEST_P(ServerColumns, AreNotOpenedFromTheServerCountOn) {
+TEST_P(ServerColumns, AreNotOpenedAtOrAfterTheServerCount) {
     for (const int32_t servers : {0, 3, 6}) {
         set_server_count(servers);
         for (const int32_t index : {servers, servers + 1, INT32_MAX}) {
@@ -119,7 +119,7 @@ TEST_P(ServerColumns, AreNotOpenedFromTheServerCountOn) {
 
 // ---- closing ----
 
-TEST_P(ServerColumns, AreMovedDownOverThatOfARemovedServer) {
+TEST_P(ServerColumns, AreMovedDownOverTheColumnOfARemovedServer) {
     const Move moves[] = {{5, 0, {1, 2, 3, 4, 5, 5}}, {5, 1, {0, 2, 3, 4, 5, 5}}, {5, 4, {0, 1, 2, 3, 5, 5}},
                           {3, 1, {0, 2, 3, 3, 4, 5}}, {2, 0, {1, 2, 2, 3, 4, 5}}, {1, 0, {1, 1, 2, 3, 4, 5}}};
     const Bytes first = region_bytes();
@@ -131,14 +131,14 @@ TEST_P(ServerColumns, AreMovedDownOverThatOfARemovedServer) {
     }
 }
 
-TEST_P(ServerColumns, StayAsTheyAreWhenTheLastServerIsRemoved) {
+TEST_P(ServerColumns, StayUnchangedWhenTheLastServerIsRemoved) {
     for (const int32_t servers : {0, 1, 3, 5, 6}) {
         set_server_count(servers);
         expect_success(closing(servers), twin().close_tag, region_bytes());
     }
 }
 
-TEST_P(ServerColumns, AreNotClosedBehindTheServerCount) {
+TEST_P(ServerColumns, AreNotClosedAfterTheServerCount) {
     for (const int32_t servers : {0, 3, 6}) {
         set_server_count(servers);
         for (const int32_t index : {servers + 1, servers + 2, INT32_MAX}) {
@@ -150,7 +150,7 @@ TEST_P(ServerColumns, AreNotClosedBehindTheServerCount) {
     expect_failure(closing(-4), twin().close_tag, "invalid index(-4)", SHMNM_ERR_INDEX);
 }
 
-TEST_P(ServerColumns, TakeTheWordBehindTheirRowWhenAllServersAreStillThere) {
+TEST_P(ServerColumns, TakeTheWordAfterTheirRowWhenNoServerIsRemoved) {
     set_server_count(6);
     poke(record(3), {'n', 'e', 'x', 't'});
     poke_word(network_row(3), 0x7478656F);
@@ -165,7 +165,7 @@ TEST_P(ServerColumns, TakeTheWordBehindTheirRowWhenAllServersAreStillThere) {
 
 // ---- both ----
 
-TEST_P(ServerColumns, FollowTheirServersThroughAddsAndARemoval) {
+TEST_P(ServerColumns, MoveWithTheirServersThroughAddsAndARemoval) {
     add_servers();
     for (size_t position = 0; position < 3; ++position) {
         for (size_t server = 0; server < 3; ++server) {
@@ -184,7 +184,7 @@ TEST_P(ServerColumns, FollowTheirServersThroughAddsAndARemoval) {
     }
 }
 
-TEST_P(ServerColumns, AreNothingInATableWithoutResources) {
+TEST_P(ServerColumns, DoNotExistInATableWithoutResources) {
     poke_word(twin().count_at, 0);
     set_server_count(3);
     for (const int32_t index : {INT32_MIN, -1, 0, 1, 2}) {
@@ -199,7 +199,7 @@ TEST_P(ServerColumns, AreNothingInATableWithoutResources) {
     expect_success(closing(0), twin().close_tag, region_bytes());
 }
 
-TEST_P(ServerColumns, AreThoseOfTheResourcesInUseOnly) {
+TEST_P(ServerColumns, ExistOnlyForResourcesInUse) {
     poke_word(twin().count_at, 1);
     set_server_count(3);
     Bytes expected = region_bytes();
@@ -211,7 +211,7 @@ TEST_P(ServerColumns, AreThoseOfTheResourcesInUseOnly) {
     expect_success(closing(2), twin().close_tag, expected);
 }
 
-TEST_P(ServerColumns, LieElsewhereOnceTheMaximumOfServersIsAnother) {
+TEST_P(ServerColumns, AreStoredElsewhereAfterTheMaximumOfServersChanges) {
     ASSERT_EQ(shmnm_setmaxvalue_ex(4, 3, 3), SHMNM_OK);
     set_server_count(3);
     const Bytes before = region_bytes();
@@ -237,7 +237,7 @@ TEST_P(ServerColumns, LieElsewhereOnceTheMaximumOfServersIsAnother) {
 
 // ---- indexes below 0 ----
 
-TEST_P(ServerColumns, AreFollowedBelowTheirRowWhenTheyAreOpened) {
+TEST_P(ServerColumns, AreOpenedOneWordBeforeTheirRow) {
     set_server_count(5);
     for (size_t position = 0; position < 3; ++position) poke_word(record(position) + 580, 7);
     poke_word(network_row(0) - 4, 8);
@@ -252,7 +252,7 @@ TEST_P(ServerColumns, AreFollowedBelowTheirRowWhenTheyAreOpened) {
     expect_success(opening(-1), twin().open_tag, expected);
 }
 
-TEST_P(ServerColumns, AreFollowedBelowTheirRowWhenTheyAreClosed) {
+TEST_P(ServerColumns, AreClosedOneWordBeforeTheirRow) {
     set_server_count(5);
     Bytes expected = region_with_rows({1, 2, 3, 4, 5, 5});
     for (size_t position = 0; position < 3; ++position) {
@@ -263,7 +263,7 @@ TEST_P(ServerColumns, AreFollowedBelowTheirRowWhenTheyAreClosed) {
     expect_success(closing(-1), twin().close_tag, expected);
 }
 
-TEST_P(ServerColumns, AreNotFollowedOutOfTheRegion) {
+TEST_P(ServerColumns, RefuseAnIndexOutsideTheRegion) {
     set_server_count(5);
     for (const int32_t index : {-100'000, INT32_MIN + 1, INT32_MIN}) {
         const std::string line = "invalid index(" + std::to_string(index) + ")";
@@ -274,7 +274,7 @@ TEST_P(ServerColumns, AreNotFollowedOutOfTheRegion) {
 
 // ---- not mapped ----
 
-TEST_P(ServerColumns, AnswerNotInitFirstAndWriteNoLine) {
+TEST_P(ServerColumns, ReportNotInitFirstAndLogNothing) {
     shmnm_delete();
     log_of_last_call();
     for (const int32_t index : {INT32_MIN, -1, 0, INT32_MAX}) {

@@ -62,14 +62,14 @@ INSTANTIATE_TEST_SUITE_P(
                     Word{shmnm_setholdstat, shmnm_getholdstat, "_setholdstat", "_getholdstat", 284, 0, "holdstat"}),
     [](const auto& instance) { return std::string(instance.param.field); });
 
-TEST_P(ServerWords, HaveTheirFirstValuesInANewServer) {
+TEST_P(ServerWords, HaveTheirInitialValuesInANewServer) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     uint32_t value = 91;
     EXPECT_EQ(word().get("alpha", &value), SHMNM_OK);
     EXPECT_EQ(value, word().first);
 }
 
-TEST_P(ServerWords, TakeAnyValueAndGiveItBack) {
+TEST_P(ServerWords, StoreAnyValueAndReturnIt) {
     add_servers();
     const char* const names[] = {"alpha", "beta", "gamma"};
     for (size_t position = 0; position < 3; ++position) {
@@ -113,7 +113,7 @@ TEST_P(ServerWords, AreThoseOfTheFirstServerOfThatName) {
     EXPECT_EQ(value, 7u);
 }
 
-TEST_P(ServerWords, AreNotThereWithoutAServerOfExactlyThatName) {
+TEST_P(ServerWords, AreNotFoundWithoutAServerOfExactlyThatName) {
     const auto expect_not_found = [this](const std::string& name) {
         const Bytes before = region_bytes();
         const std::string line = "name:" + name + " not found";
@@ -132,7 +132,7 @@ TEST_P(ServerWords, AreNotThereWithoutAServerOfExactlyThatName) {
     expect_not_found(std::string(300, 'a'));
 }
 
-TEST_P(ServerWords, NeedANameAndAPlaceToStoreThem) {
+TEST_P(ServerWords, NeedANameAndAnOutput) {
     add_servers();
     const Bytes before = region_bytes();
     uint32_t value = 91;
@@ -148,7 +148,7 @@ TEST_P(ServerWords, NeedANameAndAPlaceToStoreThem) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_P(ServerWords, AnswerNotInitFirstAndWriteNoLine) {
+TEST_P(ServerWords, ReportNotInitFirstAndLogNothing) {
     shmnm_delete();
     log_of_last_call();
     uint32_t value = 91;
@@ -168,7 +168,7 @@ struct Combination {
     std::optional<uint32_t> combined;
 };
 
-TEST_F(ServerStatus, IsCombinedOfTheStateTheWaitAndTheIsolation) {
+TEST_F(ServerStatus, CombinesTheStateTheWaitAndTheIsolation) {
     add_servers();
     const std::vector<uint32_t> any{0, 1, 2, 5, 0x80000000, 0xFFFFFFFF};
     const Combination combinations[] = {
@@ -202,7 +202,7 @@ TEST_F(ServerStatus, IsCombinedOfTheStateTheWaitAndTheIsolation) {
     }
 }
 
-TEST_F(ServerStatus, IsCombinedWithoutAChange) {
+TEST_F(ServerStatus, IsCombinedWithoutChangingAnything) {
     add_servers();
     ASSERT_EQ(shmnm_setnodestat("alpha", 1), SHMNM_OK);
     const Bytes before = region_bytes();
@@ -214,7 +214,7 @@ TEST_F(ServerStatus, IsCombinedWithoutAChange) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerStatus, IsNotCombinedWithoutAServerOrAPlaceToStoreIt) {
+TEST_F(ServerStatus, NeedsAServerAndAnOutput) {
     uint32_t state = 91;
     EXPECT_EQ(shmnm_getnodecombstat("alpha", &state), SHMNM_ERR_NOTFOUND);
     EXPECT_THAT(log_of_last_call(), Fails("_getnodecombstat", "name:alpha not found", SHMNM_ERR_NOTFOUND));
@@ -257,7 +257,7 @@ class Liveness : public ServerStatus {
     }
 };
 
-TEST_F(Liveness, IsNobodysInAnEmptyTable) {
+TEST_F(Liveness, IsFalseInAnEmptyTable) {
     EXPECT_EQ(alive_without(nullptr), 0u);
     EXPECT_EQ(alive_without("alpha"), 0u);
     EXPECT_EQ(alive_without(""), 0u);
@@ -273,7 +273,7 @@ TEST_F(Liveness, IsThatOfTheOnlyServerUnlessItIsExcluded) {
         EXPECT_EQ(alive_without(other), 1u) << other;
 }
 
-TEST_F(Liveness, IsFoundAtAnyPlace) {
+TEST_F(Liveness, IsFoundAtAnyPosition) {
     add_servers();
     const char* const names[] = {"alpha", "beta", "gamma"};
     for (const char* const alive : names) {
@@ -287,7 +287,7 @@ TEST_F(Liveness, IsFoundAtAnyPlace) {
     for (const char* const excluded : names) EXPECT_EQ(alive_without(excluded), 1u);
 }
 
-TEST_F(Liveness, IsAStateOfExactlyOne) {
+TEST_F(Liveness, NeedsAStateOfExactlyOne) {
     add_servers();
     for (const uint32_t state : {0u, 2u, 3u, 0x101u, 0x10001u, 0x80000001u, 0xFFFFFFFFu}) {
         ASSERT_EQ(shmnm_setnodestat("beta", state), SHMNM_OK);
@@ -300,7 +300,7 @@ TEST_F(Liveness, IsAStateOfExactlyOne) {
     EXPECT_EQ(alive_without(nullptr), 0u);
 }
 
-TEST_F(Liveness, LeavesOutEveryServerOfTheExcludedName) {
+TEST_F(Liveness, IgnoresEveryServerOfTheExcludedName) {
     add_servers();
     poke(server(2), {'b', 'e', 't', 'a', 0});
     poke_word(server(1) + 260, 1);
@@ -309,19 +309,19 @@ TEST_F(Liveness, LeavesOutEveryServerOfTheExcludedName) {
     EXPECT_EQ(alive_without(nullptr), 1u);
 }
 
-TEST_F(Liveness, DoesNotCountFreePlaces) {
+TEST_F(Liveness, IgnoresUnusedRecords) {
     add_servers();
     poke_word(server(3) + 260, 1);
     EXPECT_EQ(alive_without(nullptr), 0u);
 }
 
-TEST_F(Liveness, WritesTheExcludedNameIntoItsLineAsItIs) {
+TEST_F(Liveness, LogsTheExcludedNameUnchanged) {
     ASSERT_EQ(shmnm_addnode("100%d%s%n", 10), SHMNM_OK);
     ASSERT_EQ(shmnm_setnodestat("100%d%s%n", 1), SHMNM_OK);
     EXPECT_EQ(alive_without("100%d%s%n"), 0u);
 }
 
-TEST_F(Liveness, NeedsAPlaceForTheFlag) {
+TEST_F(Liveness, NeedsAnOutputForTheFlag) {
     add_servers();
     const Bytes before = region_bytes();
     for (const char* const name : {"alpha", "delta", static_cast<const char*>(nullptr)}) {
@@ -333,7 +333,7 @@ TEST_F(Liveness, NeedsAPlaceForTheFlag) {
 
 // ---- not mapped ----
 
-TEST_F(ServerStatus, AnswersNotInitFirstAndWritesNoLine) {
+TEST_F(ServerStatus, ReportsNotInitFirstAndLogsNothing) {
     shmnm_delete();
     log_of_last_call();
     uint32_t value = 91;

@@ -59,7 +59,7 @@ class ServerTable : public test::RegionTest {
 
 // ---- adding ----
 
-TEST_F(ServerTable, AddsEachServerBehindTheLastOne) {
+TEST_F(ServerTable, AddsEachServerAfterTheLastOne) {
     const std::pair<const char*, int32_t> added[] = {{"alpha", 10}, {"beta", -1}, {"gamma", INT32_MIN}};
     Bytes expected = region_bytes();
     for (size_t position = 0; position < 3; ++position) {
@@ -73,7 +73,7 @@ TEST_F(ServerTable, AddsEachServerBehindTheLastOne) {
     }
 }
 
-TEST_F(ServerTable, WritesOnlyWhatANewServerIsGiven) {
+TEST_F(ServerTable, WritesOnlyTheFieldsOfANewServer) {
     poke(server(0), test::pattern(320, 1));
     Bytes expected = region_bytes();
     put_new_server(expected, 0, "alpha", 10);
@@ -121,7 +121,7 @@ TEST_F(ServerTable, RefusesOneMoreThanTheMaximum) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, LooksAtTheCountBeforeTheNames) {
+TEST_F(ServerTable, ChecksTheCountBeforeTheNames) {
     add_servers();
     const Bytes before = region_bytes();
     EXPECT_EQ(shmnm_addnode("beta", 20), SHMNM_ERR_COUNTOVER);
@@ -129,7 +129,7 @@ TEST_F(ServerTable, LooksAtTheCountBeforeTheNames) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, TakesANewServerLastOnceOneIsRemovedFromAFullTable) {
+TEST_F(ServerTable, AddsANewServerLastAfterARemovalFromAFullTable) {
     add_servers();
     ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
     Bytes expected = region_bytes();
@@ -155,7 +155,7 @@ TEST_F(ServerTable, IsFullAtOnceWhenTheMaximumIsLowered) {
     }
 }
 
-TEST_F(ServerTable, TakesTheMaximumForASignedNumber) {
+TEST_F(ServerTable, TreatsTheMaximumAsASignedNumber) {
     for (const uint32_t maximum : {0u, 0xFFFFFFFFu, 0x80000000u}) {
         poke_word(8, maximum);
         log_of_last_call();
@@ -176,7 +176,7 @@ TEST_F(ServerTable, GrowsIntoTheNextAreaWhenTheMaximumIsRaised) {
     EXPECT_EQ(std::memcmp(region_bytes().data() + hb, "delta", 6), 0) << "where the hb table starts";
 }
 
-TEST_F(ServerTable, RefusesANameThatIsThere) {
+TEST_F(ServerTable, RefusesANameThatExists) {
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("beta", 20), SHMNM_OK);
     const Bytes before = region_bytes();
@@ -190,7 +190,7 @@ TEST_F(ServerTable, RefusesANameThatIsThere) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, TellsNamesApartByEveryByteAndTheirLength) {
+TEST_F(ServerTable, DistinguishesNamesByEveryByteAndTheirLength) {
     ASSERT_EQ(shmnm_setmaxvalue_ex(40, 3, 3), SHMNM_OK);
     const char* const names[] = {"alpha",
                                  "Alpha",
@@ -232,7 +232,7 @@ TEST_F(ServerTable, FindsANameOfAnyLengthAndNoneThatDiffersInOneByte) {
     }
 }
 
-TEST_F(ServerTable, FindsEachServerOfAnyNumberOfThem) {
+TEST_F(ServerTable, FindsEachOfAnyNumberOfServers) {
     ASSERT_EQ(shmnm_setmaxvalue_ex(13, 3, 3), SHMNM_OK);
     const auto name_of = [](int32_t position) { return "server0" + std::to_string(position); };
     for (int32_t count = 0; count < 13; ++count) {
@@ -250,7 +250,7 @@ TEST_F(ServerTable, FindsEachServerOfAnyNumberOfThem) {
     }
 }
 
-TEST_F(ServerTable, WritesNamesIntoItsLinesAsTheyAre) {
+TEST_F(ServerTable, LogsNamesUnchanged) {
     ASSERT_EQ(shmnm_addnode("100%d%s%n", 1), SHMNM_OK);
     log_of_last_call();
     EXPECT_EQ(shmnm_addnode("100%d%s%n", 1), SHMNM_ERR_EXIST);
@@ -275,7 +275,7 @@ TEST_F(ServerTable, KeepsANameOf255BytesWhole) {
     }
 }
 
-TEST_F(ServerTable, CutsALongerNameTo255BytesAndFindsOnlyTheCutOne) {
+TEST_F(ServerTable, CutsALongerNameTo255BytesAndFindsOnlyTheCutName) {
     for (const size_t length : {256u, 257u, 300u}) {
         const std::string name = std::string(254, 'a') + std::string(length - 254, 'b');
         const std::string cut = std::string(254, 'a') + 'b';
@@ -314,7 +314,7 @@ int32_t maximum_that_ends_the_view_at(size_t view_size, size_t table) {
     return static_cast<int32_t>((view_size - table - 584 - 584) / 4);
 }
 
-TEST_F(ServerTable, KeepsTheServerWhoseHbColumnCannotBeOpened) {
+TEST_F(ServerTable, KeepsTheServerEvenIfItsHbColumnCannotBeOpened) {
     ASSERT_EQ(shmnm_setmaxvalue_ex(maximum_that_ends_the_view_at(view_size(), hb), 3, 3), SHMNM_OK);
     poke_word(hb_count, 2);
     poke_word(np_count, 1);
@@ -331,7 +331,7 @@ TEST_F(ServerTable, KeepsTheServerWhoseHbColumnCannotBeOpened) {
     EXPECT_EQ(region_bytes(), expected) << "the np side is not touched";
 }
 
-TEST_F(ServerTable, KeepsTheServerWhoseNpColumnCannotBeOpened) {
+TEST_F(ServerTable, KeepsTheServerEvenIfItsNpColumnCannotBeOpened) {
     ASSERT_EQ(shmnm_setmaxvalue_ex(maximum_that_ends_the_view_at(view_size(), np), 3, 3), SHMNM_OK);
     poke_word(hb_count, 1);
     poke_word(np_count, 2);
@@ -378,7 +378,7 @@ TEST_F(ServerTable, ClosesTheGapOfARemovedServer) {
     }
 }
 
-TEST_F(ServerTable, IsAsItWasAtFirstOnceItsOnlyServerIsRemoved) {
+TEST_F(ServerTable, IsAsBeforeAfterItsOnlyServerIsRemoved) {
     const Bytes before = region_bytes();
     ASSERT_EQ(shmnm_addnode("alpha", 10), SHMNM_OK);
     log_of_last_call();
@@ -419,7 +419,7 @@ TEST_F(ServerTable, NeedsANameToRemoveAServer) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, RemovesNoServerThatIsNotThere) {
+TEST_F(ServerTable, RemovesNoUnknownServer) {
     const Bytes empty = region_bytes();
     EXPECT_EQ(shmnm_rmnode("alpha"), SHMNM_ERR_NOTFOUND);
     EXPECT_THAT(log_of_last_call(), Fails("_rmnode", "name:alpha not found", SHMNM_ERR_NOTFOUND));
@@ -435,7 +435,7 @@ TEST_F(ServerTable, RemovesNoServerThatIsNotThere) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, HasRemovedTheServerWhoseHbColumnCannotBeClosed) {
+TEST_F(ServerTable, RemovesTheServerEvenIfItsHbColumnCannotBeClosed) {
     add_servers();
     ASSERT_EQ(shmnm_setmaxvalue_ex(maximum_that_ends_the_view_at(view_size(), hb), 3, 3), SHMNM_OK);
     poke_word(hb_count, 2);
@@ -454,7 +454,7 @@ TEST_F(ServerTable, HasRemovedTheServerWhoseHbColumnCannotBeClosed) {
     EXPECT_EQ(region_bytes(), expected) << "the np side is not touched";
 }
 
-TEST_F(ServerTable, HasRemovedTheServerWhoseNpColumnCannotBeClosed) {
+TEST_F(ServerTable, RemovesTheServerEvenIfItsNpColumnCannotBeClosed) {
     add_servers();
     ASSERT_EQ(shmnm_setmaxvalue_ex(maximum_that_ends_the_view_at(view_size(), np), 3, 3), SHMNM_OK);
     poke_word(hb_count, 1);
@@ -497,7 +497,7 @@ TEST_F(ServerTable, ChangesThePriorityOfAServerAndNothingElse) {
     }
 }
 
-TEST_F(ServerTable, ChangesNoPriorityWithoutAServer) {
+TEST_F(ServerTable, ChangesNoPriorityOfAnUnknownServer) {
     const Bytes empty = region_bytes();
     EXPECT_EQ(shmnm_modifynode("alpha", 1), SHMNM_ERR_NOTFOUND);
     EXPECT_THAT(log_of_last_call(), Fails("_modifynode", "name:alpha not found", SHMNM_ERR_NOTFOUND));
@@ -511,7 +511,7 @@ TEST_F(ServerTable, ChangesNoPriorityWithoutAServer) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, GivesThePriorityOfAServer) {
+TEST_F(ServerTable, ReturnsThePriorityOfAServer) {
     add_servers();
     const Bytes before = region_bytes();
     const std::pair<const char*, int32_t> servers_there[] = {{"alpha", 10}, {"beta", 20}, {"gamma", 30}};
@@ -526,7 +526,7 @@ TEST_F(ServerTable, GivesThePriorityOfAServer) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, GivesNoPriorityWithoutAServer) {
+TEST_F(ServerTable, ReturnsNoPriorityOfAnUnknownServer) {
     int32_t pri = 91;
     EXPECT_EQ(shmnm_getnodepri("alpha", &pri), SHMNM_ERR_NOTFOUND);
     EXPECT_THAT(log_of_last_call(), Fails("_getnodepri", "name:alpha not found", SHMNM_ERR_NOTFOUND));
@@ -545,7 +545,7 @@ TEST_F(ServerTable, GivesNoPriorityWithoutAServer) {
 
 // ---- names by priority ----
 
-TEST_F(ServerTable, GivesTheNameOfThePriority) {
+TEST_F(ServerTable, ReturnsTheNameOfTheServerWithAPriority) {
     ASSERT_EQ(shmnm_addnode("alpha", INT32_MIN), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("beta", -1), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("gamma", INT32_MAX), SHMNM_OK);
@@ -562,7 +562,7 @@ TEST_F(ServerTable, GivesTheNameOfThePriority) {
     EXPECT_EQ(region_bytes(), before);
 }
 
-TEST_F(ServerTable, GivesTheFirstOfTwoServersOfOnePriority) {
+TEST_F(ServerTable, ReturnsTheFirstOfTwoServersWithOnePriority) {
     ASSERT_EQ(shmnm_addnode("alpha", 5), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("gamma", 20), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("beta", 20), SHMNM_OK);
@@ -574,7 +574,7 @@ TEST_F(ServerTable, GivesTheFirstOfTwoServersOfOnePriority) {
     EXPECT_STREQ(name, "beta");
 }
 
-TEST_F(ServerTable, GivesAtMost256BytesOfAName) {
+TEST_F(ServerTable, ReturnsAtMost256BytesOfAName) {
     const std::string longest(255, 'a');
     ASSERT_EQ(shmnm_addnode(longest.c_str(), 1), SHMNM_OK);
     GuardedBuffer<char> buffer(256, '#', '+');
@@ -588,7 +588,7 @@ TEST_F(ServerTable, GivesAtMost256BytesOfAName) {
     EXPECT_TRUE(buffer.guards_are_whole());
 }
 
-TEST_F(ServerTable, GivesNoNameForAPriorityWithoutAServer) {
+TEST_F(ServerTable, ReturnsNoNameForAPriorityWithoutAServer) {
     GuardedBuffer<char> buffer(256, '#', '+');
     EXPECT_EQ(shmnm_getnodename(buffer.data(), 0), SHMNM_ERR_NOTFOUND) << "free places do not count";
     EXPECT_THAT(log_of_last_call(), Fails("_getnodename", "pri:0 not found", SHMNM_ERR_NOTFOUND));
@@ -613,7 +613,7 @@ TEST_F(ServerTable, GivesNoNameForAPriorityWithoutAServer) {
 
 // ---- listing ----
 
-TEST_F(ServerTable, ListsItsNamesInTheOrderOfTheirPlaces) {
+TEST_F(ServerTable, ListsItsNamesInTheOrderOfTheirPositions) {
     add_servers();
     const Bytes before = region_bytes();
     uint32_t size = 0;
@@ -650,7 +650,7 @@ TEST_F(ServerTable, ListsNamesOfAnyLength) {
 
 // ---- more servers than the view holds ----
 
-TEST_F(ServerTable, LooksForANameBeforeItLooksForRoomInTheView) {
+TEST_F(ServerTable, ChecksForADuplicateBeforeRoomInTheView) {
     shmnm_delete();
     map_region({.servers = 1, .hb = 1, .np = 1});
     ASSERT_EQ(shmnm_setmaxvalue_ex(1000, 1000, 1000), SHMNM_OK);
@@ -701,7 +701,7 @@ TEST_F(ServerTable, IsEmptyAfterAClear) {
     EXPECT_EQ(shmnm_addnode("alpha", 10), SHMNM_ERR_COUNTOVER) << "the maximum is cleared too";
 }
 
-TEST_F(ServerTable, AnswersNotInitFirstAndWritesNoLine) {
+TEST_F(ServerTable, ReportsNotInitFirstAndLogsNothing) {
     shmnm_delete();
     log_of_last_call();
     char text[256] = "untouched";

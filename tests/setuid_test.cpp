@@ -133,7 +133,7 @@ TEST_F(SetuidProgram, IgnoresEveryVariableOfItsCaller) {
     EXPECT_TRUE(fs::is_empty(callers() / "kernel"));
 }
 
-TEST_F(SetuidProgram, MakesItsLogForItsOwnUserAlone) {
+TEST_F(SetuidProgram, MakesItsLogForItsOwnUserOnly) {
     EXPECT_THAT(lines_of_a_call(), lines_of_a_privileged_program("0"));
     struct stat found {};
     ASSERT_EQ(stat(log().c_str(), &found), 0);
@@ -142,7 +142,7 @@ TEST_F(SetuidProgram, MakesItsLogForItsOwnUserAlone) {
 }
 
 /// What the caller, who may write in the folder of the log, can put there to have somebody else's file written to.
-TEST_F(SetuidProgram, AppendsNothingToWhatItsCallerPutsInThePlaceOfTheLog) {
+TEST_F(SetuidProgram, AppendsNothingToAFileThatItsCallerPutInPlaceOfTheLog) {
     give(log().parent_path(), privileged, 0777);
     const fs::path precious = log().parent_path() / "precious";
     const std::vector<void (*)(const fs::path&, const fs::path&)> attacks{

@@ -38,7 +38,7 @@ TEST_F(Tutorial, MarksItsServerAndListsAll) {
     EXPECT_EQ(shmnm_delete(), SHMNM_OK);
 }
 
-TEST_F(Tutorial, TellsOfAServerThatIsNotThere) {
+TEST_F(Tutorial, ReportsAMissingServer) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     const test::ProgramResult result = tutorial("omega");
     EXPECT_EQ(result.status, 1);
@@ -46,11 +46,11 @@ TEST_F(Tutorial, TellsOfAServerThatIsNotThere) {
     EXPECT_EQ(shmnm_delete(), SHMNM_OK);
 }
 
-TEST_F(Tutorial, EndsWithoutARegion) {
+TEST_F(Tutorial, FailsWithoutARegion) {
     EXPECT_EQ(tutorial("beta").status, 1);
 }
 
-TEST_F(Tutorial, SaysHowItIsUsed) {
+TEST_F(Tutorial, PrintsItsUsage) {
     EXPECT_EQ(tutorial("").status, 2);
 }
 

@@ -216,7 +216,7 @@ class WholeMachine : public testing::Test {
     std::mt19937 random_{seed_};
 };
 
-TEST_F(WholeMachine, KeepsWhatCompletedCallsWroteWhenProcessesAreKilled) {
+TEST_F(WholeMachine, KeepsTheResultsOfCompletedCallsWhenProcessesAreKilled) {
     std::vector<Child> survivors;
     for (int number = 0; number < machine::survivors; ++number) {
         survivors.push_back(test::start(survivor, std::to_string(number)));
@@ -237,7 +237,7 @@ TEST_F(WholeMachine, KeepsWhatCompletedCallsWroteWhenProcessesAreKilled) {
     EXPECT_EQ(shmnm_rwunlock(), SHMNM_OK);
 }
 
-TEST_F(WholeMachine, DecodesAndGoesOnWhenProcessesAreKilledWhileTheyAddAndRemove) {
+TEST_F(WholeMachine, StaysUsableWhenProcessesAreKilledWhileTheyAddAndRemove) {
     for (int kill = 0; kill < machine::kills; ++kill) {
         SCOPED_TRACE("kill " + std::to_string(kill));
         std::vector<Child> builders;

@@ -18,7 +18,7 @@ class Interface(unittest.TestCase):
     def test_the_library_has_91_functions(self):
         self.assertEqual(len(interface.KZMSHMNM), 91)
 
-    def test_the_header_declares_just_these(self):
+    def test_the_header_declares_exactly_these_functions(self):
         with open(HEADER, encoding="utf-8") as file:
             declared = re.findall(r"^SHMNM_API uint32_t (\w+)\(", file.read(), re.M)
         self.assertEqual(len(declared), 91)
@@ -44,12 +44,12 @@ class Linux(unittest.TestCase):
         self.assertEqual({name for name in imports if re.match("Kzmutil|xmllib|kzmlog", name)}, companions)
         self.assertLessEqual({name for name in imports if name.startswith("kzmkernel")}, interface.KZMKERNEL)
 
-    def test_the_library_needs_the_companions_and_the_run_times(self):
+    def test_the_library_depends_on_the_companions_and_the_run_times(self):
         needed = set(self.library("kzmshmnm").needed)
         self.assertEqual(needed - self.run_times,
                          {"libkzmutil.so", "libkzmxml.so", "libkzmlog.so", "libkzmkernel.so"})
 
-    def test_the_companions_need_what_lies_below_them(self):
+    def test_each_companion_depends_only_on_the_layers_below(self):
         below = {"kzmkernel": set(), "kzmutil": {"libkzmkernel.so"}, "kzmxml": {"libkzmutil.so"},
                  "kzmlog": {"libkzmutil.so"}}
         for name, libraries in below.items():
@@ -64,7 +64,7 @@ class Linux(unittest.TestCase):
                 self.assertEqual(library.soname, [f"lib{name}.so"])
                 self.assertEqual(library.run_path, ["$ORIGIN"])
 
-    def test_programs_need_the_version_of_the_library_s_interface(self):
+    def test_programs_depend_on_the_version_of_the_library_s_interface(self):
         library = self.library("kzmshmnm")
         self.assertEqual(library.soname, ["libkzmshmnm.so." + version.split(".")[0]])
         self.assertEqual(library.run_path, ["$ORIGIN"])
@@ -88,7 +88,7 @@ class Windows(unittest.TestCase):
         self.assertEqual(companions, {"kzmutil.dll": interface.KZMUTIL, "kzmxml.dll": interface.KZMXML,
                                       "kzmlog.dll": interface.KZMLOG})
 
-    def test_the_companions_need_what_lies_below_them(self):
+    def test_each_companion_depends_only_on_the_layers_below(self):
         below = {"kzmutil": set(), "kzmxml": {"kzmutil.dll"}, "kzmlog": {"kzmutil.dll"}}
         for name, libraries in below.items():
             with self.subTest(name):

@@ -16,7 +16,7 @@ class Linux(unittest.TestCase):
         self.libraries = {name: Elf(os.path.join(folder, f"lib{name}.so"), nm, readelf)
                           for name in [*interface.EXPORTS, "kzmkernel"]}
 
-    def test_addresses_of_functions_are_read_only_once_loaded(self):
+    def test_function_addresses_become_read_only_after_loading(self):
         for name, library in self.libraries.items():
             with self.subTest(name):
                 self.assertIn("GNU_RELRO", dict(library.segments))
@@ -39,7 +39,7 @@ class Linux(unittest.TestCase):
             with self.subTest(name):
                 self.assertNotIn("TEXTREL", library.tags | library.flags)
 
-    def test_functions_guard_their_stack(self):
+    def test_functions_protect_their_stack(self):
         for name, library in self.libraries.items():
             with self.subTest(name):
                 self.assertIn("__stack_chk_fail", library.imports)
@@ -73,12 +73,12 @@ class Windows(unittest.TestCase):
                 both = [section for section, *_, flags in library.sections if flags & execute and flags & write]
                 self.assertEqual(both, [])
 
-    def test_functions_guard_their_stack(self):
+    def test_functions_protect_their_stack(self):
         for name, library in self.libraries.items():
             with self.subTest(name):
                 self.assertIn("__stack_chk_fail", library.symbols)
 
-    def test_each_library_names_its_version_and_its_maker(self):
+    def test_each_library_states_its_version_and_company(self):
         numbers = tuple(int(part) for part in version.split(".")) + (0,)
         for name, library in self.libraries.items():
             with self.subTest(name):

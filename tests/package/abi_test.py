@@ -21,7 +21,7 @@ def compared(before, after):
 
 
 class BinaryInterface(Place):
-    def test_each_library_is_as_it_was_saved(self):
+    def test_each_library_matches_its_saved_interface(self):
         for library in LIBRARIES:
             with self.subTest(library):
                 done = compared(PROJECT / f"abi/lib{library}.abi", support.BUILD / f"bin/lib{library}.so")
@@ -33,7 +33,7 @@ class BinaryInterface(Place):
         self.assertEqual(set(re.findall(r"<function-decl name='(\w+)'", text)), interface.KZMSHMNM)
         self.assertEqual(len(interface.KZMSHMNM), 91)
 
-    def test_another_type_of_an_argument_is_noticed(self):
+    def test_a_changed_argument_type_is_detected(self):
         saved = PROJECT / "abi/libkzmshmnm.abi"
         text = saved.read_text()
         wide = re.search(r"<typedef-decl name='uint64_t' .*?id='(\w+)'/>", text).group(1)
@@ -44,7 +44,7 @@ class BinaryInterface(Place):
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("shmnm_rwlock", done.stdout)
 
-    def test_a_function_that_is_missing_or_new_is_noticed(self):
+    def test_a_missing_or_new_function_is_detected(self):
         saved = PROJECT / "abi/libkzmshmnm.abi"
         lacking = self.folder / "lacking.abi"
         text = re.sub(r" *<elf-symbol name='shmnm_dump'.*?/>\n", "", saved.read_text())
@@ -62,7 +62,7 @@ class Header(Place):
             warnings.append("-Wstrict-prototypes")
         return subprocess.run([compiler, f"-std={standard}", *warnings, "-fsyntax-only", "-x", language, header], capture_output=True, text=True)
 
-    def test_it_compiles_alone_and_without_warnings_in_each_language_by_each_compiler(self):
+    def test_the_header_compiles_alone_and_without_warnings_with_each_compiler(self):
         # As a file that is included: a header compiled as the main file has warnings of its own kind.
         for language, compilers in COMPILERS.items():
             alone = self.folder / f"alone.{language}"
@@ -73,7 +73,7 @@ class Header(Place):
                         done = self.compiled(alone, compiler, language, standard)
                         self.assertEqual((done.returncode, done.stderr), (0, ""))
 
-    def test_a_warning_in_it_would_be_seen(self):
+    def test_a_warning_in_the_header_is_detected(self):
         for language, compilers in COMPILERS.items():
             bad = self.folder / "bad.h"
             shutil.copy(HEADER, bad)

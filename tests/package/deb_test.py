@@ -88,11 +88,11 @@ class Packages(Place):
         run("dpkg-deb", "--root-owner-group", "--build", folder, file)
         return file
 
-    def test_lintian_has_no_word_against_them(self):
+    def test_lintian_accepts_every_package(self):
         done = subprocess.run(["lintian", "--fail-on", "error,warning", *self.packages.values()], capture_output=True, text=True)
         self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
 
-    def test_lintian_would_say_what_it_dislikes(self):
+    def test_lintian_reports_a_faulty_package(self):
         folder = self.folder / "disliked"
         run("dpkg-deb", "--raw-extract", self.packages["libshmnm1"], folder)
         (folder / "usr/share/doc/libshmnm1/copyright").unlink()
@@ -102,7 +102,7 @@ class Packages(Place):
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("no-copyright-file", done.stdout)
 
-    def test_each_says_what_it_is_and_needs(self):
+    def test_each_package_states_its_description_and_dependencies(self):
         version = fields(self.packages["libshmnm1"])["Version"]
         for package, file in self.packages.items():
             with self.subTest(package):
@@ -115,7 +115,7 @@ class Packages(Place):
         for package in ("libshmnm1", "shmnmctl"):
             self.assertIn("libc6 (>= 2.", fields(self.packages[package])["Depends"])
 
-    def test_each_file_is_in_the_package_of_those_who_need_it(self):
+    def test_each_file_is_in_the_right_package(self):
         library, development, tool = (files(self.packages[package]) for package in PACKAGES)
         self.assertEqual({name for name in library if name.startswith("usr/lib/")} - {f"{LIB}/libkzmshmnm.so.1", "usr/lib/tmpfiles.d/shmnm.conf"},
                          {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
@@ -149,13 +149,13 @@ class Packages(Place):
         self.assertEqual(set(re.findall(r"^ (shmnm_\w+)@Base", part, re.M)), interface.KZMSHMNM)
         self.assertIn("ldconfig", run("dpkg-deb", "--info", self.packages["libshmnm1"], "triggers"))
 
-    def test_root_s_names_on_the_memory_disk_are_taken_at_boot_and_when_the_package_is_installed(self):
+    def test_root_s_folder_of_objects_is_made_at_boot_and_at_installation(self):
         root = self.installed()
         folder, guard = root / "dev/shm/kzmkernel.0", root / "dev/shm/kzmkernel.0.guard"
         self.assertEqual((folder.stat().st_mode, folder.stat().st_uid), (0o40700, 0))
         self.assertEqual((guard.stat().st_mode, guard.stat().st_uid, guard.stat().st_size), (0o100600, 0, 0))
 
-    def test_installed_programs_are_built_against_them_and_run(self):
+    def test_a_program_built_against_the_installed_packages_runs(self):
         root = self.installed()
         program = self.tutorial(root)
         self.assertIn("libkzmshmnm.so.1", Elf(program, "nm", "readelf").needed)

@@ -42,7 +42,7 @@ class MovedTree(Place):
         run(*(program if word == "{program}" else word for word in command), **options)
         return program
 
-    def test_every_file_lies_where_it_is_looked_for(self):
+    def test_every_file_is_at_its_expected_path(self):
         for file in FILES:
             with self.subTest(file):
                 self.assertTrue((self.prefix / file).is_file())
@@ -52,14 +52,14 @@ class MovedTree(Place):
         self.assertEqual(os.readlink(self.lib / "libkzmshmnm.so"), "libkzmshmnm.so.1")
         self.assertRegex(os.readlink(self.lib / "libkzmshmnm.so.1"), r"^libkzmshmnm\.so\.1\.\d+\.\d+$")
 
-    def test_no_file_names_a_place_that_it_has_left(self):
+    def test_no_file_contains_a_path_of_the_build(self):
         for file in self.prefix.rglob("*"):
             if file.suffix in (".cmake", ".pc", ".h", ".service", ".1", ".3") and not file.is_symlink():
                 text = file.read_bytes()
                 for place in (support.BUILD, PROJECT, self.folder):
                     self.assertNotIn(bytes(place), text, file)
 
-    def test_libraries_are_found_from_the_file_that_needs_them(self):
+    def test_each_binary_finds_its_libraries_relative_to_itself(self):
         binaries = [self.tool, *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
         self.assertEqual(len(binaries), 6)
         for file in binaries:
@@ -99,7 +99,7 @@ class MovedTree(Place):
         self.assertIn("libkzmshmnm.so.1", Elf(program, "nm", "readelf").needed)
         self.expect_tutorial(program, self.tool, self.environment())
 
-    def test_an_installation_s_own_companion_only_takes_the_file_s_place(self):
+    def test_a_companion_is_replaced_by_replacing_its_file(self):
         swapped = self.folder / "swapped"
         shutil.copytree(self.prefix, swapped, symlinks=True)
         source = PROJECT / "tests/package/consumer/kzmlog_of_an_installation.c"

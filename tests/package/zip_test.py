@@ -46,19 +46,19 @@ class Zip(Place):
         run(*(program if word == "{program}" else word for word in command), **options)
         return program
 
-    def test_every_file_lies_where_it_is_looked_for(self):
+    def test_every_file_is_at_its_expected_path(self):
         for file in FILES:
             with self.subTest(file):
                 self.assertTrue((self.prefix / file).is_file())
 
-    def test_no_file_names_a_place_that_it_has_left(self):
+    def test_no_file_contains_a_path_of_the_build(self):
         for file in self.prefix.rglob("*"):
             if file.suffix in (".cmake", ".pc", ".h", ".def"):
                 text = file.read_bytes()
                 for place in (support.BUILD, PROJECT, self.folder):
                     self.assertNotIn(bytes(place), text, file)
 
-    def test_each_file_is_small_and_names_the_symbols_beside_it(self):
+    def test_each_binary_is_stripped_and_names_its_file_of_symbols(self):
         for name in (*(f"{library}.dll" for library in LIBRARIES), "shmnmctl.exe"):
             with self.subTest(name):
                 headers = run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / name)
@@ -67,7 +67,7 @@ class Zip(Place):
                 self.assertIn(name.encode() + b".debug\0", (self.prefix / "bin" / name).read_bytes())
                 self.assertIn(".debug_info", run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / f"{name}.debug"))
 
-    def test_the_libraries_say_their_version(self):
+    def test_each_library_states_its_version(self):
         for library in LIBRARIES:
             with self.subTest(library):
                 self.assertIsNotNone(Pe(self.prefix / f"bin/{library}.dll", NM).version())

@@ -66,7 +66,7 @@ bool all_are(const char* bytes, size_t size, char value) {
 
 constexpr int fewest_stops = 60;
 
-TEST(KernelKilledAnywhere, AloneLeavesFreeNamesAndZeros) {
+TEST(KernelKilledProcess, LeavesFreeNamesAndZeroedMemory) {
     in_fork([] {
         use_private_memory_disk();
         const std::string name = object_name();
@@ -94,7 +94,7 @@ TEST(KernelKilledAnywhere, AloneLeavesFreeNamesAndZeros) {
     });
 }
 
-TEST(KernelKilledAnywhere, BesideAHolderLeavesItsObjectsAndTheirBytes) {
+TEST(KernelKilledProcess, LeavesTheObjectsOfAnotherHolderIntact) {
     in_fork([] {
         use_private_memory_disk();
         const std::string name = object_name();
@@ -123,7 +123,7 @@ TEST(KernelKilledAnywhere, BesideAHolderLeavesItsObjectsAndTheirBytes) {
     });
 }
 
-TEST(KernelKilledAnywhere, InATakeOverHandsTheLockOnAsAbandoned) {
+TEST(KernelKilledProcess, HandsOnTheLockAsAbandonedIfKilledDuringATakeOver) {
     in_fork([] {
         use_private_memory_disk();
         const std::string name = object_name();
@@ -150,7 +150,7 @@ TEST(KernelKilledAnywhere, InATakeOverHandsTheLockOnAsAbandoned) {
 }
 
 // The calls of a wait that blocks and of a release that wakes: without contention neither enters the kernel.
-TEST(KernelKilledAnywhere, WhileItWaitsOrHandsOnStopsNobody) {
+TEST(KernelKilledProcess, BlocksNobodyIfKilledDuringAWaitOrRelease) {
     const std::string name = object_name();
     const Handle mutex(create_mutex(name));
     bool ended = false;
