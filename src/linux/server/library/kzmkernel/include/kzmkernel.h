@@ -3,15 +3,16 @@
  * Named shared memory and named mutexes for Linux with the lifetime and ownership that they have in the Windows kernel.
  *
  * What holds for every function unless it says otherwise:
- *  - Failure  null or 0, and the reason as a Windows error number in the thread's last error.
- *  - Success  of a create leaves the last error at 0 (the object is new) or 183 (it existed); of the others as it was.
- *  - Handles  belong to the process. A closed or invented one fails with 6.
+ *  - Failure  returns null or 0 and leaves the reason as a Windows error number in the thread's last error.
+ *  - Success  of a create sets the last error to 0 (the object is new) or 183 (it existed). Success of any other
+ *             function leaves the last error as it was.
+ *  - Handles  belong to the process. A closed or invented handle fails with 6.
  *  - Life     an object lives while any process holds a handle to it, however its holders end; then its name is free.
- *  - Refused  5: what lies under the name is no object, or another user's; a mutex of another process-id namespace.
- *             1006: the object lives, but its file or the folder of the files was removed or replaced.
- *             170: for two seconds another process, which is stopped or hangs, kept others from the folder.
+ *  - Refused  5: the name belongs to something else, to another user's object, or to a mutex of another process-id
+ *             namespace. 1006: the object lives, but its file or the folder of the files was removed or replaced.
+ *             170: a process that is stopped or hangs has blocked the folder of the files for two seconds.
  *  - Fork     a child owns no mutex; its copies of the handles keep objects alive as long as it lives. exec closes
- * them.
+ *             them.
  *  - Folder   the files lie in /dev/shm/kzmkernel.UID, or in the folder that the environment variable KZMKERNEL_FOLDER
  *             names, which must be the same in all processes; programs with more rights than their caller ignore it.
  *  - Names    1 to 200 bytes without '/' and control characters, not beginning with a dot.
@@ -40,7 +41,7 @@ enum {
     KZMKERNEL_ERROR_INVALID_PARAMETER = 87,
     KZMKERNEL_ERROR_DISK_FULL = 112,
     KZMKERNEL_ERROR_INVALID_NAME = 123,
-    KZMKERNEL_ERROR_BUSY = 170, /**< a process that is stopped or hangs keeps others from the folder of the files */
+    KZMKERNEL_ERROR_BUSY = 170, /**< a process that is stopped or hangs blocks the folder of the files */
     KZMKERNEL_ERROR_ALREADY_EXISTS = 183,
     KZMKERNEL_ERROR_NOT_OWNER = 288,
     KZMKERNEL_ERROR_INVALID_ADDRESS = 487,
@@ -54,26 +55,25 @@ enum { KZMKERNEL_WAIT_OWNED = 0, KZMKERNEL_WAIT_ABANDONED = 0x80, KZMKERNEL_WAIT
 #define KZMKERNEL_WAIT_FAILED 0xFFFFFFFFu
 #define KZMKERNEL_INFINITE 0xFFFFFFFFu
 
-/** What can be known of a mutex without owning it; the fields are read one by one, so they may be of different moments.
+/** The state of a mutex, read without owning it. The fields are read one by one, so they may be from different moments.
  */
 typedef struct kzmkernel_mutex_info {
     uint32_t owner_process;    /**< process id of the owner; 0: not owned */
     uint32_t owner_thread;     /**< its thread id */
     uint64_t owned_since_ns;   /**< when the outermost take began, to the second; nanoseconds since 1970 */
-    uint64_t takeovers;        /**< how often a waiter got it from an owner that had ended */
-    uint64_t last_takeover_ns; /**< CLOCK_REALTIME of the last of these; 0: never */
-    uint64_t takes;            /**< how often a thread came to own it; not counted: an owner that takes it again */
+    uint64_t takeovers;        /**< how often a waiter took it over from an owner that had ended */
+    uint64_t last_takeover_ns; /**< CLOCK_REALTIME of the last takeover; 0: never */
+    uint64_t takes;            /**< how often a thread became its owner; an owner that takes it again does not count */
 } kzmkernel_mutex_info;
 
-/** Creates the named mutex, or opens it when it exists. The caller does not own it. */
+/** Creates the named mutex, or opens it if it exists. The caller does not own it. */
 KZMKERNEL_API void* kzmkernel_create_mutex(const char* name);
 
-/** Opens a mutex that exists; 2 when there is none. */
+/** Opens an existing mutex; fails with 2 if there is none. */
 KZMKERNEL_API void* kzmkernel_open_mutex(const char* name);
 
 /**
- * Creates a named piece of shared memory, zero-filled, its memory charged at once, or opens the one that exists, whose
- * size then stays.
+ * Creates named shared memory, filled with zeros and charged at once, or opens it if it exists, whatever its size.
  *
  * @param[in] protect  4 (read and write)
  * @param[in] size     bytes; 0 fails with 87
@@ -81,7 +81,7 @@ KZMKERNEL_API void* kzmkernel_open_mutex(const char* name);
 KZMKERNEL_API void* kzmkernel_create_mapping(uint32_t protect, uint64_t size, const char* name);
 
 /**
- * Opens a named piece of shared memory; 2 when there is none.
+ * Opens named shared memory; fails with 2 if there is none.
  *
  * @param[in] access  4: for reading; 2, or 0xF001F: for writing too
  */
@@ -90,81 +90,85 @@ KZMKERNEL_API void* kzmkernel_open_mapping(uint32_t access, const char* name);
 /**
  * Maps a view. It stays valid after the mapping's handle is closed.
  *
- * @param[in] access  4: for reading; 2: for writing too (5 when the handle was opened for reading)
+ * @param[in] access  4: for reading; 2: for writing too (fails with 5 if the handle was opened for reading)
  * @param[in] offset  first byte, a multiple of 65,536
  * @param[in] length  bytes; 0: to the end
  */
 KZMKERNEL_API void* kzmkernel_map_view(void* mapping, uint32_t access, uint64_t offset, size_t length);
 
-/** Unmaps a view by the address that kzmkernel_map_view() gave; 487 for any other. @return nonzero on success */
+/** Unmaps a view, by the address that kzmkernel_map_view() returned; 487: another address. @return nonzero on success
+ */
 KZMKERNEL_API int32_t kzmkernel_unmap_view(const void* view);
 
-/** @return the bytes that may be touched from the start of the view, in whole pages; 0: not a view */
+/** @return the number of bytes of the view that may be accessed, in whole pages; 0: not a view */
 KZMKERNEL_API size_t kzmkernel_view_size(const void* view);
 
 /**
  * Waits until this thread owns the mutex, for at most `timeout_ms` of the monotonic clock (KZMKERNEL_INFINITE: without
- * limit). An owner may take it again and releases it as often. A time-out leaves the last error as it was.
+ * limit). An owner may take it again and must release it as often as it took it. A time-out leaves the last error as it
+ * was.
  *
- * @return KZMKERNEL_WAIT_OWNED, KZMKERNEL_WAIT_ABANDONED (owned, the owner before had ended), KZMKERNEL_WAIT_TIMEOUT or
- *         KZMKERNEL_WAIT_FAILED
+ * @return KZMKERNEL_WAIT_OWNED, KZMKERNEL_WAIT_ABANDONED (owned; the previous owner ended without releasing it),
+ *         KZMKERNEL_WAIT_TIMEOUT or KZMKERNEL_WAIT_FAILED
  */
 KZMKERNEL_API uint32_t kzmkernel_wait(void* mutex, uint32_t timeout_ms);
 
-/** Releases the mutex once; 288 when this thread does not own it. @return nonzero on success */
+/** Releases the mutex once; fails with 288 if this thread does not own it. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_release(void* mutex);
 
 /** Closes a handle. A mutex that this thread owns stays owned until the thread ends. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_close(void* handle);
 
-/** Tells who owns a mutex and how often it was taken over. @return nonzero on success */
+/** Gets the owner of a mutex and how often it was taken and taken over. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_mutex_info_get(void* mutex, kzmkernel_mutex_info* info);
 
-/** Bytes of a mutex's note. */
+/** The size of a mutex's note in bytes. */
 #define KZMKERNEL_NOTE_BYTES 1024
 
 /**
- * The note of a mutex: KZMKERNEL_NOTE_BYTES of its page, zero at first, aligned to 8, that its owner may write for the
- * owner after it. The note stays when an owner releases the mutex or ends.
+ * Gets the note of a mutex: KZMKERNEL_NOTE_BYTES of its page, zero at first, aligned to 8, which an owner may write for
+ * the next owner. The note stays when an owner releases the mutex or ends.
  *
- * @return null when the calling thread does not own the mutex (288); otherwise valid until it releases it
+ * @return null if the calling thread does not own the mutex (288); otherwise a pointer that is valid until the thread
+ *         releases the mutex
  */
 KZMKERNEL_API void* kzmkernel_note(void* mutex);
 
-/** Copies the note out, 8 bytes at a time, whoever owns the mutex meanwhile. @return nonzero on success */
+/** Copies the note, 8 bytes at a time, even if another thread owns the mutex. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_note_read(void* mutex, void* note);
 
-/** The owner tells that it took the mutex only to look at what it guards. 288: not the owner. @return nonzero on
- * success */
+/** Called by the owner: counts its take as one that only looked at the guarded data. Fails with 288 if this thread does
+ * not own the mutex. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_look_count(void* mutex);
 
-/** Tells how many takes were looks; whatever else `takes` counts was work. @return nonzero on success */
+/** Gets how many of the mutex's takes only looked. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_look_count_get(void* mutex, uint64_t* looks);
 
 /** @return a number that no other object of this kind has had since the machine started; 0: not a handle */
 KZMKERNEL_API uint64_t kzmkernel_object_number(void* handle);
 
 /**
- * Says in one line why this thread's last create or open failed and what to do: whose folder is in the way, which
- * process does not let go of it.
+ * Explains in one line why this thread's last create or open failed and what to do. It names, for example, the user who
+ * owns the folder or the process that blocks it.
  *
- * @return text that stays until this thread's next create or open; "": nothing is known beyond the last error
+ * @return text that stays valid until this thread's next create or open; "": nothing is known beyond the last error
  */
 KZMKERNEL_API const char* kzmkernel_explanation(void);
 
 /**
- * Looks whether a mapping of this name lives in the folder of another user. Their folders are looked for where they are
- * without KZMKERNEL_FOLDER; the system's list of locks tells which objects are held.
+ * Finds out whether a mapping of this name lives in another user's folder. It looks in the folders' usual places, where
+ * they are without KZMKERNEL_FOLDER, and in the system's list of locks, which shows the objects that are in use.
  *
  * @param[out] user  the user's id
- * @return nonzero when there is one
+ * @return nonzero if there is such a mapping
  */
 KZMKERNEL_API int32_t kzmkernel_find_other_user(const char* mapping, uint32_t* user);
 
 KZMKERNEL_API uint32_t kzmkernel_last_error(void);
 KZMKERNEL_API void kzmkernel_set_last_error(uint32_t error);
 
-/** Suspends this thread for that long, signals notwithstanding. */
+/** Suspends this thread for that time; a signal does not shorten it. */
+
 KZMKERNEL_API void kzmkernel_sleep(uint32_t milliseconds);
 
 #ifdef __cplusplus

@@ -1,15 +1,16 @@
 /**
  * @file kzmutil.h
- * Named kernel objects in this installation's namespace, and the place of the installation.
+ * Named kernel objects in this installation's namespace, and the installation path.
  *
  * What holds for every function:
- *  - Failure  null (or 0), and the reason as a Windows error number in the thread's last error.
- *  - Success  of a create leaves the last error at 0 (the object is new) or 183 (it existed); of the others as it was.
- *  - Names    KZMUTIL_NAMESPACE, an environment variable, is put before every name; unset it adds nothing.
+ *  - Failure  returns null (or 0) and leaves the reason as a Windows error number in the thread's last error.
+ *  - Success  of a create sets the last error to 0 (the object is new) or 183 (it existed). Success of any other
+ *             function leaves the last error as it was.
+ *  - Names    get the value of the environment variable KZMUTIL_NAMESPACE, if it is set, as a prefix.
  *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux. Children
- *             do not inherit those that a create gives.
- *  - Access   a new object admits the user who made it, on Windows administrators and the system too, and nobody else.
- *             An existing one is refused (5) if it belongs to anybody else or, on Windows, anybody else may change it.
+ *             do not inherit the handles that a create returns.
+ *  - Access   a new object admits only the user who created it and, on Windows, administrators and the system. An
+ *             existing object is refused (5) if it belongs to anyone else or, on Windows, if anyone else may change it.
  *  - Setuid   on Linux a program with more rights than its caller (setuid, file capabilities) reads every variable as
  *             unset.
  *  - Threads  any thread may call any function.
@@ -32,21 +33,21 @@ extern "C" {
 #endif
 
 /**
- * Creates the named mutex, or opens it when it exists. It is not owned by the caller afterwards.
+ * Creates the named mutex, or opens it if it exists. The caller does not own it afterwards.
  *
  * @param[in] flags  reserved: 0
  * @param[in] name   NUL-terminated, at least one byte, without the namespace
- * @return the mutex, or null: 87 a bad argument, 5 it is refused (see Access), other numbers as the kernel gives them
+ * @return the mutex, or null: 87 for a bad argument, 5 if it is refused (see Access), otherwise the kernel's number
  */
 KZMUTIL_API void* KzmutilCreateNamedMutex(uint32_t flags, const char* name);
 
 /**
- * Creates a named piece of shared memory, zero-filled, or opens the one that exists, whatever its size.
+ * Creates named shared memory, filled with zeros, or opens it if it exists, whatever its size.
  *
- * @param[in] file       all ones: the memory belongs to no file; nothing else is supported
- * @param[in] protect    4: to be read and written
+ * @param[in] file       all ones: the memory belongs to no file; no other value is supported
+ * @param[in] protect    4: for reading and writing
  * @param[in] size_high  upper 32 bits of the size in bytes
- * @param[in] size_low   lower 32 bits of it
+ * @param[in] size_low   lower 32 bits of the size
  * @param[in] name       NUL-terminated, at least one byte, without the namespace
  * @return the mapping, or null
  */
@@ -54,23 +55,23 @@ KZMUTIL_API void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, ui
                                                 const char* name);
 
 /**
- * Opens a named piece of shared memory.
+ * Opens named shared memory.
  *
- * @param[in] access   0xF001F: everything; 4: reading alone
- * @param[in] inherit  nonzero: on Windows, children that inherit handles inherit this one; no effect on Linux
+ * @param[in] access   0xF001F: all access; 4: only reading
+ * @param[in] inherit  nonzero: on Windows, children that inherit handles inherit this handle; no effect on Linux
  * @param[in] name     NUL-terminated, at least one byte, without the namespace
- * @return the mapping, or null: 2 when there is none, 5 when it is refused (see Access)
+ * @return the mapping, or null: 2 if there is none, 5 if it is refused (see Access)
  */
 KZMUTIL_API void* KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, const char* name);
 
 /**
- * Gives the folder that the installation lies in: KZM_INSTALL_PATH, an environment variable, or, while that is unset or
- * empty, the parent of the folder that holds this library's own file. It does not end with a separator, except for a
- * root.
+ * Gets the installation path: the value of the environment variable KZM_INSTALL_PATH or, if that is unset or empty, the
+ * parent of the folder that holds this library's own file. The path does not end with a separator, unless it is a root.
  *
  * @param[out] path  receives the path with its NUL
  * @param[in]  size  bytes that `path` can hold
- * @return nonzero on success; 0 when `path` is null (87) or too small (122), which leaves it unchanged
+ * @return nonzero on success; 0 if `path` is null (87) or too small (122), which leaves it unchanged
+
  */
 KZMUTIL_API int32_t KzmutilGetInstallPath(char* path, uint32_t size);
 
