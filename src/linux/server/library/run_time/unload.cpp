@@ -1,13 +1,13 @@
-// The C++ run time within each shared library, when the library is unloaded.
+// Frees the memory of the C++ run time, which each shared library contains, when the library is unloaded.
 
-namespace __gnu_cxx {  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): it is the run time's own
-void __freeres();      // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+namespace __gnu_cxx {  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the run time's own name
+void __freeres();      // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the run time's own name
 }
 
 namespace {
 
-/// The run time keeps memory for exceptions that are thrown when there is no other. Nothing else gives it back, and a
-/// program that loads and unloads a library again and again would lose it each time.
+/// The run time reserves memory for exceptions that are thrown when memory has run out. Nothing else frees it, so a
+/// program that loads and unloads a library repeatedly would lose that memory each time.
 [[gnu::destructor]] void release_memory_for_exceptions() {
     __gnu_cxx::__freeres();
 }

@@ -1,7 +1,7 @@
-// The exports, and the table of open logs behind their handles. A handle is no address: it holds a place in the table
-// and the number of that place's use, so that a closed or invented one is recognised with one load and never followed.
-// The log that a process opens first, which mostly is its only one, has the first place: whether it drops a message is
-// told there by two comparisons with fixed addresses, before anything else is looked at.
+// The exports, and the table of open logs that handles refer to. A handle is not an address: it consists of a slot's
+// index and the number of times that the slot has been used. One load therefore recognises a closed or invented handle,
+// which is never followed. The first log that a process opens, usually its only log, has the first slot: two
+// comparisons at fixed addresses decide whether that log drops a message, before anything else is done.
 #include "kzmlog.h"
 
 #include <algorithm>
@@ -21,13 +21,14 @@ namespace {
 
 constexpr uint32_t drops_nothing = UINT32_MAX;
 
-/// A place in the table. `state` is the use that is open (0: none) in its upper half and the number of those who hold
-/// the log in its lower half: the open handle, and each write that is under way. The last one deletes the log, so a
-/// close neither waits for a writer (in a forked child that writer may not even exist) nor takes its log away.
+/// A slot of the table. The upper half of `state` is the number of the open use (0: none). The lower half counts the
+/// holders of the log: the open handle, and each write in progress. The last holder deletes the log. So a close neither
+/// waits for a writer (which in a forked child may not even exist) nor deletes the writer's log.
 ///
-/// `level` is `drops_nothing` unless the log is open. An opener writes `handle` before `level`, so who reads `level`
-/// first and finds it below that finds no older handle: messages of a closed or invented one are never taken for
-/// dropped ones. What is not dropped has to enter, which is refused unless the log is open.
+/// `level` is `drops_nothing` unless the log is open. Opening writes `handle` before `level`. A reader that reads
+/// `level` first and finds another value therefore sees a current `handle`, and never drops a message silently that
+/// came with a closed or invented handle. A message that is not dropped has to enter, which fails unless the log is
+/// open.
 struct Slot {
     std::atomic<uint64_t> state{0};
     std::atomic<const void*> handle{nullptr};
@@ -58,14 +59,14 @@ uint64_t use_named_by(const void* handle) {
 }
 
 void* handle_of(size_t index, uint64_t use) {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(use << slot_bits | index));  // NOLINT: never an address
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(use << slot_bits | index));
 }
 
 bool is_open(uint64_t state, const void* handle) {
     return use_of(state) == use_named_by(handle) && use_of(state) != 0;
 }
 
-/// Takes an unused place: its one holder is the caller, its use is not open yet.
+/// Takes an unused slot. The caller becomes its only holder, and its use is not open yet.
 size_t take_slot() {
     for (size_t index = 0; index < slots.size(); ++index) {
         uint64_t unused = 0;
@@ -74,7 +75,7 @@ size_t take_slot() {
     return slots.size();
 }
 
-/// Gives up a hold on a place; the last holder of a closed log deletes it.
+/// Gives up one hold on a slot. The last holder of a closed log deletes the log.
 void leave(Slot& slot) {
     uint64_t state = slot.state.load(std::memory_order_acquire);
     while (state != 1) {
@@ -93,7 +94,7 @@ bool enter(Slot& slot, const void* handle) {
     return true;
 }
 
-/// A name from which no path can be built that leads out of the folder.
+/// Whether a text is a valid name: it cannot lead out of the folder when it is put into a path.
 bool is_name(std::string_view text, size_t limit) {
     const auto allowed = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
@@ -125,7 +126,7 @@ Error open_log(std::string_view module, std::string_view channel, uint32_t level
     Error error = out_of_memory;
     try {
         error = open_slot(index, module, channel, level, size, log);
-    } catch (...) {  // only memory can be missing
+    } catch (...) {  // memory ran out; nothing else throws
     }
     if (error) leave(slots[index]);
     return error;
@@ -136,12 +137,12 @@ Error append(const Log& log, const Entry& entry) {
         Line line;
         compose(line, entry);
         return log.append({line.data(), line.size()});
-    } catch (...) {  // only memory can be missing
+    } catch (...) {  // memory ran out; nothing else throws
         return out_of_memory;
     }
 }
 
-/// Out of line, so that a dropped message sets up nothing of this.
+/// Out of line, so that dropping a message sets up none of this.
 [[gnu::noinline, gnu::cold]] int32_t write_or_refuse(void* handle, uint32_t level, uint32_t flags, const char* file,
                                                      int32_t line, const char* function, const char* message) {
     Slot& slot = slot_of(handle);

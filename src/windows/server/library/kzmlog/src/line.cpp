@@ -12,8 +12,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::minutes;
 
-/// What was last learnt of the time zone: the quarter of an hour since 1970, and the offset then. Offsets change at the
-/// ends of quarters only.
+/// The last known time-zone offset, and the quarter of an hour (counted from 1970) in which it was read. Offsets change
+/// only at the ends of quarters.
 struct Zone {
     int64_t quarter;
     int32_t offset_minutes;
@@ -23,7 +23,7 @@ constexpr int64_t seconds_in_a_quarter = 900;
 
 /// Both in one word, the offset in its lowest 16 bits.
 constinit std::atomic<int64_t> known_zone{0};
-/// The process that asks for the zone.
+/// The process that may read the time zone.
 constinit std::atomic<uint32_t> asking_process{0};
 
 Zone known() {
@@ -40,8 +40,9 @@ int64_t quarter_of(std::chrono::system_clock::time_point now) {
     return std::chrono::floor<std::chrono::seconds>(now).time_since_epoch().count() / seconds_in_a_quarter;
 }
 
-/// Asking takes a lock of the C run time, which a process forked at the wrong moment finds locked for ever. Such a
-/// process stays with what its parent knew: its lines tell the time by an older offset then, and tell it right.
+/// Reading the time zone takes a lock of the C run time. A process that was forked at the wrong moment finds this lock
+/// locked for ever. So a forked process keeps its parent's offset. Its lines may show an older offset, but the time is
+/// right, because every line contains its offset.
 minutes utc_offset(std::chrono::system_clock::time_point now) {
     const int64_t quarter = quarter_of(now);
     if (known().quarter != quarter && asking_process.load(std::memory_order_relaxed) == process_id()) learn(quarter);
@@ -84,15 +85,15 @@ void append_level(Line& text, uint32_t level) {
     }
 }
 
-/// Bytes of the character at `at`; 0 when it has to be escaped: a control character (C0, DEL, C1), a separator of lines
-/// or paragraphs, the backslash itself, a byte that is no UTF-8.
+/// The number of bytes of the character at `at`; 0 if it must be escaped: a control character (C0, DEL, C1), a line or
+/// paragraph separator, a backslash, or a byte that is not UTF-8.
 size_t plain_bytes(const char* at) {
     const auto byte = [at](size_t i) { return static_cast<unsigned char>(at[i]); };
     const auto between = [&byte](size_t i, unsigned low, unsigned high) { return byte(i) >= low && byte(i) <= high; };
     const unsigned first = byte(0);
     if (first < 0x80) return first >= 0x20 && first != 0x7F && first != '\\' ? 1 : 0;
     if (first < 0xC2 || first > 0xF4) return 0;
-    // The NUL at the end is no continuation byte, so nothing is read beyond it.
+    // The NUL at the end is not a continuation byte, so nothing is read beyond it.
     if (first < 0xE0) return between(1, first == 0xC2 ? 0xA0 : 0x80, 0xBF) ? 2 : 0;
     if (first < 0xF0) {
         if (!between(1, first == 0xE0 ? 0xA0 : 0x80, first == 0xED ? 0x9F : 0xBF) || !between(2, 0x80, 0xBF)) return 0;
@@ -124,8 +125,8 @@ void append_escaped_byte(Line& text, char byte) {
 
 enum class Spaces { kept, escaped };
 
-/// Appends a text so that it stays within its line (and, with its spaces escaped, within its field), and can be read
-/// back byte for byte.
+/// Appends a text so that it stays within its line (and, if spaces are escaped, within its field) and can be read back
+/// byte for byte.
 void append_escaped(Line& text, const char* from, Spaces spaces) {
     if (!from) return;
     const char* done = from;

@@ -1,4 +1,4 @@
-// The text of a line: what stands in it, and how texts of others are kept from forging one.
+// Composes the text of a line, and escapes the callers' texts so that they cannot forge a line.
 #pragma once
 
 #include <fmt/format.h>
@@ -7,10 +7,10 @@
 
 namespace kzmlog {
 
-/// Room for a usual line on the stack; a longer one moves to the heap.
+/// A usual line fits on the stack; a longer line moves to the heap.
 using Line = fmt::basic_memory_buffer<char, 1024>;
 
-/// What a caller says in one line. Null texts read as empty.
+/// A caller's arguments for one line. Null texts count as empty.
 struct Entry {
     uint32_t level;
     const char* file;
@@ -19,9 +19,9 @@ struct Entry {
     const char* message;
 };
 
-/// Asks for the time zone, for this process's lines to come. A process that opens a log does this first.
+/// Reads the time zone for this process's later lines. A process does this when it opens a log.
 void learn_time_zone();
-/// The line of an entry written now by this thread, with a newline before and one behind it.
+/// Appends to `text` the line of an entry that this thread writes now, with a newline before and after it.
 void compose(Line& text, const Entry& entry);
 
 }  // namespace kzmlog

@@ -5,8 +5,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// A call may write several lines, and together they wait for less than 5 ms: one line waits in vain, those after it
-/// only try. The fifth millisecond is for a sleep that ends late.
+/// A call may write several lines, which together must wait for less than 5 ms. So after one line has waited in vain,
+/// the following lines try once and do not wait. The fifth millisecond is for a sleep that ends late.
 constexpr std::chrono::microseconds patience = 4ms;
 
 }  // namespace
@@ -36,7 +36,7 @@ Error Log::append(std::string_view line) const noexcept {
     return file.error() ? file.error() : file.append(line);
 }
 
-/// A file that is empty takes a line of any length.
+/// An empty file accepts a line of any length.
 bool Log::fits(const File& file, size_t bytes) const {
     return size_ == 0 || file.size() == 0 || file.size() + bytes - 1 <= size_;
 }
@@ -46,8 +46,8 @@ bool Log::current_has_room(size_t bytes) const {
     return current.error() || fits(current, bytes);
 }
 
-/// Makes room for a line of so many bytes. The lock lets one process rotate; the others wait until there is room. When
-/// the lock cannot be had in time the file simply goes on growing.
+/// Makes room for a line of `bytes` bytes. The lock lets one process rotate; the other processes wait until there is
+/// room. If the lock does not become free in time, the file simply keeps growing.
 void Log::rotate(size_t bytes) const noexcept {
     FileLock lock(lock_.c_str());
     bool has_room = false;
@@ -60,8 +60,8 @@ void Log::rotate(size_t bytes) const noexcept {
     });
     waited_in_vain_.store(!taken && !has_room, std::memory_order_relaxed);
     if (!taken) return;
-    // A rotation that was killed half-way has left a gap. The generations move up to it and no further, so the oldest
-    // one is given up only when there is no gap.
+    // A process that was killed during its rotation has left a gap. The younger generations move up into the gap, so
+    // the oldest generation is lost only if there is no gap.
     size_t to = 1;
     while (to + 1 < generations_.size() && exists(generations_[to].c_str())) ++to;
     for (; to > 0; --to) {

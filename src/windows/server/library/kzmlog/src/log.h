@@ -1,4 +1,4 @@
-// One open log: its file, and the rotation of it.
+// One open log: its file and the rotation of the file.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ class Log {
     /// @param size  bytes at which the file is rotated; 0: never
     Log(const std::string& folder, const std::string& module, const std::string& channel, uint32_t size);
 
-    /// Makes the file, and the folder above it, where they are missing.
+    /// Creates the file and its folder if they are missing.
     Error prepare() const noexcept;
     /// Appends a line that begins and ends with a newline. Any number of threads and processes may do so at once.
     Error append(std::string_view line) const noexcept;
@@ -27,10 +27,10 @@ class Log {
     void rotate(size_t bytes) const noexcept;
 
     std::string folder_;
-    std::array<std::string, 4> generations_;  ///< the current file, then the older ones, the youngest first
+    std::array<std::string, 4> generations_;  ///< paths of the current file and of the older files, youngest first
     std::string lock_;
     uint64_t size_;
-    mutable std::atomic<bool> waited_in_vain_{false};  ///< for the lock, which has not been had since
+    mutable std::atomic<bool> waited_in_vain_{false};  ///< a wait for the lock failed, and no later attempt succeeded
 };
 
 }  // namespace kzmlog

@@ -1,5 +1,6 @@
-// What the log needs of the operating system, alike on both platforms: a file to append to, a lock between processes,
-// renaming. Errors are Windows error numbers; nothing throws, except that a path may not fit into memory.
+// What the log needs from the operating system, with the same interface on both platforms: a file to append to, a lock
+// between processes, renaming. Errors are Windows error numbers. Nothing throws, except when memory for a path runs
+// out.
 #pragma once
 
 #include <chrono>
@@ -21,24 +22,23 @@ enum Error : int32_t {
     disk_full = 112
 };
 
-/// A file opened to append one line. It is opened by its name for each line and closed again, so the line goes to the
-/// file that is the current one at that moment, nothing is left to be inherited or to be closed under a writer, and no
-/// descriptor stands open while nothing is written. Asking whether a file kept open is still the current one would cost
-/// the same calls.
+/// A file opened to append one line. For each line it is opened by its name and closed again. So the line goes to the
+/// file that is current at that moment, no child inherits a descriptor, no program closes one under a writer, and none
+/// stays open between lines. Keeping the file open and checking that it is still current would cost as many calls.
 class File {
   public:
-    /// Opens the file, or makes it. Only a regular file with no second name is opened, on Linux only one of this user:
-    /// anything else might block its writer or take lines that are not meant for it.
+    /// Opens the file, or creates it. Accepts only a regular file without a second name and, on Linux, only a file of
+    /// this user. Anything else might block its writer or receive lines that are not meant for it.
     explicit File(const char* path) noexcept;
     ~File();
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 
     Error error() const { return error_; }   ///< ok: the file is open
-    uint64_t size() const { return size_; }  ///< bytes, as it was opened
+    uint64_t size() const { return size_; }  ///< bytes, at the time of opening
 
-    /// Appends a line by one write. `line` begins and ends with a newline; the first one is left out, unless the file
-    /// ends within a line, which is what a full disk or a killed writer leaves.
+    /// Appends a line with one write. `line` begins and ends with a newline. The first newline is written only if the
+    /// file ends within a line, as a full disk or a killed writer can leave it.
     Error append(std::string_view line) const noexcept;
 
   private:
@@ -49,7 +49,7 @@ class File {
 
 enum class Attempt { succeeded, busy, failed };
 
-/// A lock between processes, and between threads, that the system takes from a holder that ends.
+/// A lock between processes and between threads. The system releases it when its holder ends.
 class FileLock {
   public:
     explicit FileLock(const char* path) noexcept;
@@ -57,10 +57,10 @@ class FileLock {
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    /// Takes the lock if nobody holds it.
+    /// Takes the lock if it is free.
     Attempt take() noexcept;
-    /// Renames a file; one that has the new name already is replaced. To take that one from the disk may last long, so
-    /// it is done after the lock is released, if the system lets it.
+    /// Renames a file and replaces any file that has the new name. Freeing the replaced file's disk space may take
+    /// long, so it happens after the lock is released, if the system allows it.
     bool rename_over(const char* from, const char* to) noexcept;
 
   private:
@@ -68,7 +68,7 @@ class FileLock {
     bool held_ = false;
 };
 
-/// Keeps from the calling thread that a line is written: restores its last error, defers its cancellation.
+/// Hides the writing of a line from the calling thread: restores the thread's last error and defers its cancellation.
 class UndisturbedThread {
   public:
     UndisturbedThread() noexcept;
@@ -82,20 +82,20 @@ class UndisturbedThread {
 };
 
 bool exists(const char* path) noexcept;
-/// Makes one folder; one that exists is left as it is.
+/// Creates one folder; an existing folder stays as it is.
 void make_folder(const char* path) noexcept;
-/// The path as it stays when the process changes its current folder.
+/// The absolute path, which stays valid when the process changes its current folder.
 std::string absolute(const std::string& path);
 
 uint32_t process_id() noexcept;
 uint32_t thread_id() noexcept;
-/// Minutes that local time is ahead of UTC at that second of the Unix epoch.
+/// By how many minutes local time is ahead of UTC at a time given in seconds since 1970.
 int32_t utc_offset_minutes(int64_t seconds) noexcept;
 
-/// Lets others run for a moment, but not for longer than `limit`.
+/// Sleeps for a moment, for at most `limit`.
 void pause(std::chrono::microseconds limit) noexcept;
 
-/// Makes the attempt until it is no longer answered by `busy`, at least once, or until the patience is over.
+/// Repeats the attempt while it returns `busy` and `patience` has not run out; makes it at least once.
 template <class Function>
 bool succeeds_within(std::chrono::microseconds patience, Function attempt) {
     using std::chrono::steady_clock;

@@ -18,7 +18,8 @@
 namespace kzmlog {
 namespace {
 
-/// What others may do with the log, and with the lock of its rotation: who can open a file can hold its lock.
+/// The permissions of the log and of the lock for its rotation. Any user who can open the lock's file can hold the
+/// lock.
 constexpr mode_t log_mode = 0640, lock_mode = 0600;
 
 Error error_of(int number) {
@@ -52,15 +53,15 @@ bool is_own_file(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
-/// Opens a regular file of this user that has one name, or makes it. No link is followed. What others may do with the
-/// file beyond `mode` is taken from them.
+/// Opens a regular file of this user that has one name, or creates it. Follows no link. Removes permissions beyond
+/// `mode` from an existing file.
 /// @return its descriptor, or -1 and errno
 int open_own(const char* path, int flags, mode_t mode, struct stat& status) {
     flags |= O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     bool removed = true;
-    // A rotation may remove the file between the two looks at it; its successor is tried then.
+    // A rotation may remove the file between open() and fstat(); the loop then tries its successor.
     for (int round = 0; removed && round < 4; ++round) {
-        // O_CREAT is left to a second step: it locks the folder.
+        // O_CREAT comes in a second step, because it locks the folder.
         int descriptor = open(path, flags);
         if (descriptor < 0 && errno == ENOENT) descriptor = open(path, flags | O_CREAT, mode);
         if (descriptor < 0) return -1;
@@ -81,9 +82,9 @@ uint64_t size_of(int descriptor) {
     return fstat(descriptor, &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
 }
 
-/// Whether the file ends within a line that nobody is going to complete. A line that is just being written shows in
-/// steps too, page by page. The kernel lets one write or allocation at a time have a file, so once an allocation (which
-/// changes nothing) got its turn, such a line is complete and the file has grown.
+/// Whether the file ends within a line that no process will complete. A line that another process is just writing also
+/// becomes visible in parts, page by page. But the kernel makes only one write or allocation per file at a time. So
+/// after an allocation (which changes nothing here) such a line is complete and the file has grown.
 bool ends_within_a_line(int descriptor, uint64_t size) {
     for (int round = 0; round < 4; ++round) {
         char last = '\n';
@@ -96,8 +97,8 @@ bool ends_within_a_line(int descriptor, uint64_t size) {
     return false;
 }
 
-/// Keeps a write beyond the process's limit of file sizes from raising its signal. Without such a limit, which is the
-/// rule, nothing is done.
+/// Blocks the signal that a write beyond the process's file size limit raises. Does nothing if there is no such limit,
+/// which is the usual case.
 class NoSizeSignal {
   public:
     NoSizeSignal() {
@@ -106,7 +107,7 @@ class NoSizeSignal {
         sigset_t pending;
         sigemptyset(&pending);
         sigpending(&pending);
-        if (sigismember(&pending, SIGXFSZ) == 1) return;  // it is blocked already, and not ours
+        if (sigismember(&pending, SIGXFSZ) == 1) return;  // already pending: the program blocks it itself
         blocked_ = pthread_sigmask(SIG_BLOCK, &signal(), &old_mask_) == 0;
     }
     ~NoSizeSignal() {
@@ -159,7 +160,7 @@ Error File::append(std::string_view line) const noexcept {
         } while (written < 0 && error == EINTR);
     }
     if (written < 0) return error_of(error);
-    // What stopped a write half-way is no space left: the next line's writer closes the fragment.
+    // A partial write means that no space is left. The writer of the next line ends the fragment with a newline.
     return static_cast<size_t>(written) == line.size() ? ok : disk_full;
 }
 
@@ -175,14 +176,14 @@ Attempt FileLock::take() noexcept {
 }
 
 FileLock::~FileLock() {
-    // A child forked at this moment has a copy of the descriptor, which must not keep the lock.
+    // A child that is forked at this moment has a copy of the descriptor. The copy must not keep the lock.
     if (held_) flock(static_cast<int>(handle_), LOCK_UN);
     if (handle_ >= 0) close(static_cast<int>(handle_));
     if (replaced_ >= 0) close(static_cast<int>(replaced_));
 }
 
-// A file that is open loses its name alone. And since no name is replaced, no file system writes the renamed file to
-// the disk first, for milliseconds.
+// While the replaced file is open here, removing its name does not free its disk space. And because rename() then
+// replaces no file, the file system does not first write the renamed file to the disk, which would take milliseconds.
 bool FileLock::rename_over(const char* from, const char* to) noexcept {
     const int replaced = open(to, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (replaced >= 0) {

@@ -36,18 +36,18 @@ Error error_of(DWORD number) {
 }
 
 HANDLE system_handle(intptr_t handle) {
-    return reinterpret_cast<HANDLE>(handle);  // NOLINT: a handle is kept as a number
+    return reinterpret_cast<HANDLE>(handle);
 }
 
-/// Opens a file, or makes it, so that others may read, write, rename and delete it meanwhile; it is not inherited.
+/// Opens a file, or creates it. Other processes may read, write, rename and delete it meanwhile. Children do not
+/// inherit the handle.
 intptr_t open_shared(const char* path, DWORD access) {
     return reinterpret_cast<intptr_t>(CreateFileA(path, access | FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
                                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                                   OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-/// Locks a byte that lies far beyond the end of any file; closing the handle, by whatever way the process ends, unlocks
-/// it.
+/// Locks a byte far beyond the end of any file. Closing the handle unlocks it, however the process ends.
 Attempt try_to_lock(HANDLE file) {
     OVERLAPPED place{};
     place.OffsetHigh = 0x40000000;
@@ -57,7 +57,7 @@ Attempt try_to_lock(HANDLE file) {
     return GetLastError() == ERROR_LOCK_VIOLATION ? Attempt::busy : Attempt::failed;
 }
 
-/// Whether the system finds the end of the file and appends there in one step.
+/// Whether the system finds the end of the file and appends to it in one step.
 bool appends_in_one_step() {
     static const bool is_wine = GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
     return !is_wine;
@@ -98,10 +98,10 @@ File::~File() {
     if (system_handle(handle_) != INVALID_HANDLE_VALUE) CloseHandle(system_handle(handle_));
 }
 
-// A handle with the right to append alone makes the system itself find the end of the file, in one step with the write.
-// Not every implementation of Windows does: wine looks for the end first and writes then, and lines of processes that
-// do so at once overwrite each other. So the append is made under a lock of the file's own as well, and only wine waits
-// for it. A holder that is stopped within it delays others there, but does not stop them: they append without it then.
+// If a handle has only the right to append, Windows finds the end of the file and writes there in one step. Wine finds
+// the end first and then writes, so lines that processes write at the same time overwrite each other. Therefore the
+// append also takes a lock on the file, but only wine waits for that lock. If a holder is stopped, other processes wait
+// for up to a second and then append without the lock.
 Error File::append(std::string_view line) const noexcept {
     const HANDLE file = system_handle(handle_);
     succeeds_within(milliseconds(appends_in_one_step() ? 0 : 1000), [file] { return try_to_lock(file); });
@@ -136,8 +136,9 @@ bool exists(const char* path) noexcept {
     return GetFileAttributesA(path) != INVALID_FILE_ATTRIBUTES;
 }
 
-// A file that someone still has open cannot be replaced (5), but newer systems free its name when it is deleted. A file
-// that cannot be renamed itself answers otherwise (32), and nothing is deleted for it.
+// Replacing a file that another process has open fails with 5. But newer systems free the name of such a file when it
+// is deleted, so deleting it and renaming again succeeds. If the file to be renamed is the cause, the error is 32, and
+// nothing is deleted.
 bool FileLock::rename_over(const char* from, const char* to) noexcept {
     if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING)) return true;
     return GetLastError() == ERROR_ACCESS_DENIED && DeleteFileA(to) && MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING);
@@ -175,7 +176,7 @@ int32_t utc_offset_minutes(int64_t seconds) noexcept {
 }
 
 void pause(microseconds limit) noexcept {
-    // The shortest sleep may last as long as the system's clock takes for a tick, which is up to 16 ms.
+    // The shortest sleep may last for one tick of the system's clock, which is up to 16 ms.
     Sleep(limit > milliseconds(20) ? 1 : 0);
 }
 

@@ -1,4 +1,4 @@
-// The utility companion: arguments are tested and names get their namespace here; the kernel does the rest.
+// The utility companion. It checks arguments and puts the namespace before names; the kernel does the rest.
 #include "kzmutil.h"
 
 #include <cstring>
@@ -31,7 +31,7 @@ std::string full_name(const char* name) {
     return environment("KZMUTIL_NAMESPACE") + name;
 }
 
-/// Runs what may run out of memory: no exception crosses the library's border.
+/// Runs work that may run out of memory. No exception leaves the library.
 template <typename Work>
 auto guarded(Work work) noexcept -> decltype(work()) {
     try {
@@ -57,7 +57,7 @@ void strip_last_part(std::string& path) {
     strip_trailing_separators(path);
 }
 
-/// Empty, with the reason in the last error, when the library's own file cannot be told.
+/// Empty, with the reason in the last error, if the library's own file is not known.
 std::string install_path() {
     std::string path = environment("KZM_INSTALL_PATH");
     if (path.empty()) {

@@ -9,9 +9,9 @@
 namespace kzmutil {
 namespace {
 
-char loaded_from[PATH_MAX];  // empty: could not be told
+char loaded_from[PATH_MAX];  // empty: not known
 
-/// The loader may know this library by a relative path, which holds for the working folder of the load alone.
+/// The loader may know this library by a relative path, which is valid only in the working folder of the load.
 [[gnu::constructor]] void remember_own_file() {
     Dl_info info;
     if (!dladdr(loaded_from, &info) || !realpath(info.dli_fname, loaded_from)) loaded_from[0] = '\0';
@@ -30,7 +30,7 @@ void set_last_error(uint32_t error) noexcept {
 }
 
 std::string environment(const char* name) {
-    // A program with more rights than its caller does not let the caller choose.
+    // The caller of a program with more rights must not choose its paths and names.
     const char* const value = secure_getenv(name);
     return value ? value : "";
 }

@@ -10,8 +10,8 @@ namespace {
 
 const char in_this_library = 0;
 
-/// Calls `fill(buffer, size)` with growing buffers. It returns the length of its text, or at least `size` if it did not
-/// fit. Empty when it returns 0.
+/// Calls `fill(buffer, size)` with growing buffers until the text fits. `fill` returns the length of its text, or at
+/// least `size` if the text does not fit, or 0 on failure, which gives an empty text.
 template <typename Fill>
 std::string filled(Fill fill) {
     std::string text(MAX_PATH, '\0');
@@ -31,8 +31,8 @@ HANDLE refused(Handle object) {
     return nullptr;
 }
 
-/// Calls `create(attributes)`; only what it does itself decides about the last error, unless the object existed and
-/// others may do more with it than `reading`: it is refused then.
+/// Calls `create(attributes)`. Refuses the object if it existed and others may do more than `reading`; otherwise the
+/// last error is the one that `create` left.
 template <typename Create>
 HANDLE created(ACCESS_MASK reading, Create create) {
     Local descriptor = owner_administrators_and_system();

@@ -1,5 +1,5 @@
-// What differs between the platforms: kernel calls with finished names, the environment, this library's own file.
-// A function that can fail returns null, or an empty text, and leaves the reason in the thread's last error.
+// What differs between the platforms: kernel calls with complete names, the environment, this library's own file.
+// A function that fails returns null, or an empty text, and leaves the reason in the thread's last error.
 #pragma once
 
 #include <cstddef>
@@ -12,20 +12,20 @@ namespace kzmutil {
 uint32_t last_error() noexcept;
 void set_last_error(uint32_t error) noexcept;
 
-/// A variable of the environment as it is now; empty when it is unset, and in a program with more rights than its
+/// The present value of an environment variable; empty if it is unset or if the program has more rights than its
 /// caller.
 std::string environment(const char* name);
 /// The absolute path of the file that this library was loaded from.
 std::string own_file();
 /// The characters that separate the parts of a path.
 extern const std::string_view path_separators;
-/// The number of characters at the start of a path that name its root: 1 of "/usr", 0 of "usr".
+/// The number of characters at the start of a path that name its root: 1 for "/usr", 0 for "usr".
 size_t root_length(std::string_view path) noexcept;
 
-/// Creates or opens; the last error is 0 after a success when the object is new and 183 when it existed.
+/// Creates or opens an object. After a success the last error is 0 if the object is new and 183 if it existed.
 void* create_mutex(const char* name);
 void* create_mapping(uint32_t protect, uint64_t size, const char* name);
-/// Opens what exists; a success may change the last error.
+/// Opens an existing mapping; a success may change the last error.
 void* open_mapping(uint32_t access, bool inherit, const char* name);
 
 }  // namespace kzmutil

@@ -8,7 +8,8 @@
 namespace kzmutil {
 namespace {
 
-/// The token that this thread acts with: its own while it impersonates a user, else the process's. Null on failure.
+/// The token that this thread acts with: its own while it impersonates a user, otherwise the process's. Null on
+/// failure.
 Handle effective_token() {
     HANDLE token = nullptr;
     if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return Handle(token);
@@ -26,7 +27,7 @@ class User {
     }
     User(const User&) = delete;
     User& operator=(const User&) = delete;
-    /// Null when the system did not tell.
+    /// Null if the system did not tell.
     PSID sid() const { return known_ ? information_.user.User.Sid : nullptr; }
 
   private:
@@ -37,7 +38,7 @@ class User {
     } information_;
 };
 
-/// Owner and list of an object as they are now, self-relative; empty on failure.
+/// The present owner and access list of an object, self-relative; empty on failure.
 std::vector<BYTE> security_of(HANDLE object) {
     std::vector<BYTE> descriptor;
     DWORD size = 0;
@@ -54,7 +55,8 @@ bool is_ours(PSID sid, PSID user) {
            IsWellKnownSid(sid, WinLocalSystemSid);
 }
 
-/// Whether an entry of the list gives nobody else more than `reading`. A kind of entry that is not known may.
+/// Whether an entry of the access list gives nobody else more than `reading`. Entries of an unknown kind are not
+/// harmless.
 bool is_harmless(ACE_HEADER& entry, PSID user, ACCESS_MASK reading) {
     if (entry.AceFlags & INHERIT_ONLY_ACE || entry.AceType == ACCESS_DENIED_ACE_TYPE) return true;
     if (entry.AceType != ACCESS_ALLOWED_ACE_TYPE) return false;
@@ -86,7 +88,7 @@ bool is_trusted(HANDLE object, ACCESS_MASK reading) {
     if (!GetSecurityDescriptorOwner(descriptor.data(), &owner, &defaulted) || !owner || !is_ours(owner, user.sid())) {
         return false;
     }
-    PACL list = nullptr;  // stays null when there is none: the object is open to everyone then
+    PACL list = nullptr;  // stays null if there is none: the object is then open to everyone
     if (!GetSecurityDescriptorDacl(descriptor.data(), &present, &list, &defaulted) || !present || !list) return false;
     for (DWORD i = 0; i < list->AceCount; ++i) {
         void* entry = nullptr;

@@ -1,4 +1,4 @@
-// Whom the named objects admit: what a new one is made with, and what an existing one must have to be used.
+// The access control of named objects: who may use a new object, and which existing objects may be used.
 #pragma once
 
 #include <windows.h>
@@ -16,17 +16,19 @@ struct Free {
 using Handle = std::unique_ptr<void, Close>;
 using Local = std::unique_ptr<void, Free>;
 
-/// The security of a new object: owned by the user, who with the administrators and the system may do everything;
-/// closed to all others. Nothing is inherited from above. Null on failure.
+/// The security descriptor of a new object. The user owns it; the user, administrators and the system have all rights;
+/// others have none. It inherits nothing. Null on failure.
 Local owner_administrators_and_system();
 
-/// What others may be allowed: to look at the object. All other rights can change it, deny it to its users or lead to
-/// more rights. Waiting counts: whoever may wait for a mutex may take it and keep it.
+/// The rights that others may have: those to read the object. All other rights allow others to change it, to deny it to
+/// its users or to get more rights. So does the right to wait for a mutex, because it allows others to take and keep
+/// it.
 constexpr ACCESS_MASK reading_a_mutex = GENERIC_READ | READ_CONTROL | MUTANT_QUERY_STATE;
 constexpr ACCESS_MASK reading_a_mapping = GENERIC_READ | READ_CONTROL | SECTION_QUERY | SECTION_MAP_READ;
 
-/// Whether an object belongs to the user, the administrators or the system, and its list allows others `reading` at
-/// most. The user is the one that this thread acts as. Processes of the user are trusted at any integrity level.
+/// Whether an object belongs to the user, the administrators or the system, and its access list gives others no right
+/// beyond `reading`. The user is the user that this thread acts as. The user's processes are trusted at any integrity
+/// level.
 /// @param[in] object  opened with READ_CONTROL
 bool is_trusted(HANDLE object, ACCESS_MASK reading);
 

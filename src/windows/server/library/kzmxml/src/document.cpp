@@ -11,7 +11,7 @@
 namespace kzmxml {
 namespace {
 
-/// The key under which the parser keeps an element's attributes. No element can have such a name.
+/// The key under which the parser keeps an element's attributes. No element can have this name.
 constexpr const char* attributes_key = "<xmlattr>";
 
 const Element* child(const Element& element, std::string_view name) {
@@ -29,8 +29,8 @@ std::string_view without_spaces_around(std::string_view text) {
 
 }  // namespace
 
-// What read_xml() does, without the stream that it wants: to set up one, with all that may be told of a country, takes
-// a process longer than everything else here.
+// Does the same as read_xml(), but needs no stream. Setting up a stream with its locale would take a process longer
+// than everything else here.
 int32_t parse_document(std::string text, Element& document) {
     namespace xml = boost::property_tree::xml_parser;
     namespace rapidxml = boost::property_tree::detail::rapidxml;

@@ -15,7 +15,7 @@ using Element = boost::property_tree::ptree;
 
 inline constexpr size_t size_limit = 16 << 20;  ///< bytes of a file
 
-/// Parses a file's text. `document`, an element around the root, is as it was after a failure.
+/// Parses a file's text into `document`, an element around the root. A failure leaves `document` as it was.
 /// @return XMLLIB_OK or XMLLIB_ERR_FORMAT
 int32_t parse_document(std::string text, Element& document);
 
@@ -23,10 +23,11 @@ int32_t parse_document(std::string text, Element& document);
 /// @return XMLLIB_OK, XMLLIB_ERR_FILE or XMLLIB_ERR_FORMAT
 int32_t read_document(const std::string& file, Element& document);
 
-/// The first element that `path`, names with a '/' before each, leads to; null when there is none.
+/// The first element with this path, which has a '/' before each name; null if there is none.
 const Element* find(const Element& document, std::string_view path);
 
-/// The element's text as a decimal integer with an optional sign and white space around it; false when it is none.
+/// Reads the element's text as a decimal integer with an optional sign and white space around it; false if it is not
+/// such an integer.
 bool read_integer(const Element& element, int32_t& value);
 
 }  // namespace kzmxml

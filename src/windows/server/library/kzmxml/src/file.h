@@ -1,4 +1,4 @@
-// A small file read whole, and nothing but a file: what might block its reader or never end is refused.
+// Reads a small file whole. Anything but a regular file is refused, because it might block its reader or never end.
 #pragma once
 
 #include <cstddef>

@@ -26,7 +26,7 @@ class Descriptor {
 }  // namespace
 
 bool read_file(const std::string& path, size_t limit, std::string& text) {
-    // Without O_NONBLOCK to open a FIFO waits for its writer.
+    // Without O_NONBLOCK, opening a FIFO would wait for a writer.
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (file.number() < 0 || fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return false;

@@ -11,7 +11,8 @@ struct Close {
     void operator()(HANDLE file) const noexcept { CloseHandle(file); }
 };
 
-/// Pipes and consoles are of another type; folders and whole volumes are disks too, but volumes tell nothing of a file.
+/// Pipes and consoles have another type. Folders and volumes have the type of a disk too, but folders are marked as
+/// such, and volumes give no information about a file.
 bool is_regular(HANDLE file) {
     BY_HANDLE_FILE_INFORMATION found{};
     return GetFileType(file) == FILE_TYPE_DISK && GetFileInformationByHandle(file, &found) &&

@@ -1,4 +1,4 @@
-// The configuration companion: who has initialised and loaded what, in one state of the process under one lock.
+// The configuration companion. One state per process, under one lock, holds the loaded configuration and its counts.
 #include "kzmxml.h"
 
 #include <cstring>
@@ -16,11 +16,11 @@ namespace {
 constexpr int32_t type_integer = 1;
 constexpr size_t path_limit = 32'768;  // bytes of the longest installation path
 
-/// What is left of each call that asks to be undone. A count of 0 means that nothing of it is held.
+/// How many calls of each kind still have to be undone, and what they loaded.
 struct State {
     uint64_t initialised = 0, configuration_loads = 0;
     Element document;                                       ///< empty while the configuration is not loaded
-    std::map<std::string, uint64_t, std::less<>> policies;  ///< the loaded ones, with their loads
+    std::map<std::string, uint64_t, std::less<>> policies;  ///< the loaded policies and how often each was loaded
 
     void drop_configuration() {
         configuration_loads = 0;
@@ -30,10 +30,11 @@ struct State {
 };
 
 std::mutex lock;
-/// Made by the first init, released by the last term; threads that are still here when the process ends find it whole.
+/// Created by the first init and deleted by the last term. It has no destructor, so threads that still run when the
+/// process ends find it intact.
 State* state = nullptr;
 
-/// Runs the body of an export under the lock: no exception crosses the library's border.
+/// Runs the body of an export under the lock. No exception leaves the library.
 template <typename Work>
 int32_t locked(Work work) noexcept {
     try {
@@ -57,7 +58,7 @@ int32_t read_configuration(Element& document) {
     return read_document(std::string(longest.get()) + file, document);
 }
 
-/// The policy that an element belongs to: "all" of "/root/all/num/server".
+/// The policy of an element's path: "all" for "/root/all/num/server".
 std::string_view policy_of(std::string_view path) {
     constexpr std::string_view root = "/root/";
     if (!path.starts_with(root)) return {};

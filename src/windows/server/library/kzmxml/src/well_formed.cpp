@@ -32,7 +32,8 @@ bool is_character(uint32_t code) {
     return code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF) && code != 0xFFFE && code != 0xFFFF;
 }
 
-/// Goes over a document once, without recursion. What it takes it leaves behind; false: not well-formed.
+/// Scans a document once, without recursion. Each function consumes what it accepts, and returns false if the document
+/// is not well-formed.
 class Scan {
   public:
     explicit Scan(std::string_view text) : rest_(text) {}
@@ -53,7 +54,7 @@ class Scan {
         if (take("<![CDATA[")) return !open_.empty() && take_past("]]>");
         if (take("<?")) return instruction();
         if (take("</")) return end_tag();
-        if (take("<")) return start_tag();  // a document type ends here: '!' starts no name
+        if (take("<")) return start_tag();  // rejects a document type, because no name starts with '!'
         if (take("&")) return !open_.empty() && reference();
         if (open_.empty() ? !is_space(rest_[0]) : rest_.starts_with("]]>")) return false;
         rest_.remove_prefix(1);
@@ -108,7 +109,7 @@ class Scan {
         return take({&quote, 1});
     }
 
-    /// What follows a '&'.
+    /// Consumes what follows a '&'.
     bool reference() {
         if (take("#x")) return character_number(16);
         if (take("#")) return character_number(10);
@@ -130,7 +131,7 @@ class Scan {
         return found;
     }
 
-    /// @return whether there was at least one
+    /// @return whether there was at least one space
     bool spaces() {
         const auto end = std::find_if_not(rest_.begin(), rest_.end(), is_space);
         const auto length = static_cast<size_t>(end - rest_.begin());
@@ -154,7 +155,7 @@ class Scan {
     bool count() { return ++nodes_ <= node_limit; }
 
     std::string_view rest_;
-    std::vector<std::string_view> open_;  ///< names of the elements around `rest_`
+    std::vector<std::string_view> open_;  ///< names of the elements that are still open before `rest_`
     size_t nodes_ = 0;
     bool has_root_ = false;
 };
