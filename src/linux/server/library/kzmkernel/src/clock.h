@@ -1,4 +1,4 @@
-// Times as numbers of nanoseconds.
+// Times in nanoseconds.
 #pragma once
 
 #include <cstdint>

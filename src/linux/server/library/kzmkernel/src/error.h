@@ -1,4 +1,4 @@
-// Windows error numbers: the nearest one to an errno, and the thread's last error.
+// Windows error numbers: the nearest number for an errno, and the thread's last error.
 #pragma once
 
 #include <cstdint>

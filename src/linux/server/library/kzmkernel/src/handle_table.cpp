@@ -5,13 +5,13 @@
 
 namespace kzmkernel {
 
-/// A place in the table. The state's upper half is the count of the place's uses and whether it is open, the lower half
-/// counts the threads that use it, and 1 for being open. Whoever takes the lower half to 0 gives the object up.
+/// A slot of the table. The upper half of `state` says how often the slot has been used and whether it is open. The
+/// lower half counts the threads that use it, plus 1 while it is open. The thread that lowers it to 0 drops the object.
 struct Slot {
     std::atomic<uint64_t> state;
     Object* object;
     bool writable;
-    uint32_t next_free;  ///< place + 1; 0: none
+    uint32_t next_free;  ///< index + 1; 0: none
 };
 
 namespace {
@@ -24,7 +24,7 @@ constexpr uint64_t generation_mask = 0x7FFFFFFF;
 constexpr int place_bits = 17, handle_shift = 2;
 static_assert(slot_count == 1u << place_bits);
 
-/// Not touched, not charged.
+/// Pages of the table that are never touched cost no memory.
 constinit Slot slots[slot_count]{};
 constinit uint32_t used_slots = 0, first_free = 0;
 
@@ -36,7 +36,7 @@ void* handle_of(uint32_t place, uint64_t state) {
     return reinterpret_cast<void*>((generation_of(state) << place_bits | place) << handle_shift);
 }
 
-/// The slot that a handle names, and its generation; null when no handle looks like that.
+/// The slot of a handle, and the handle's generation; null if `handle` cannot be a handle.
 Slot* slot_of(void* handle, uint64_t& generation) {
     const uint64_t number = reinterpret_cast<uintptr_t>(handle);
     const uint64_t place = number >> handle_shift & (slot_count - 1);
@@ -49,7 +49,7 @@ bool is_open(uint64_t state, uint64_t generation) {
     return (state & open_bit) != 0 && generation_of(state) == generation;
 }
 
-/// Changes the state of a slot that is open in this generation by a number; false when it is not open.
+/// Adds `difference` to the state of a slot; false if the slot is not open in this generation.
 bool change_open(Slot& slot, uint64_t generation, uint64_t difference) {
     uint64_t state = slot.state.load(std::memory_order_relaxed);
     do {
@@ -59,7 +59,7 @@ bool change_open(Slot& slot, uint64_t generation, uint64_t difference) {
     return true;
 }
 
-/// Needs the process's lock.
+/// Drops a slot's object and puts the slot on the free list. The caller holds the process's lock.
 void give_up(Slot& slot) {
     Object* const object = slot.object;
     slot.object = nullptr;

@@ -1,5 +1,5 @@
-// The process's handles. A handle is a number made of a place in the table and of a count of the place's uses, so a
-// closed or an invented one is told from an open one. Looking one up takes no lock.
+// The process's handles. A handle is a number: the index of a slot in the table, and how often that slot has been used.
+// So a closed or invented handle can be told from an open handle. A lookup takes no lock.
 #pragma once
 
 #include <cstdint>
@@ -11,10 +11,10 @@ namespace kzmkernel {
 
 struct Slot;
 
-/// An open handle in use. What it names stays until the use ends, also when the handle is closed meanwhile.
+/// A use of an open handle. The object stays until the use ends, even if the handle is closed meanwhile.
 class Use {
   public:
-    /// Empty when that is no open handle of an object of this kind.
+    /// Empty if `handle` is not an open handle of an object of this kind.
     Use(void* handle, Kind kind) noexcept;
     ~Use();
     Use(const Use&) = delete;
@@ -29,9 +29,9 @@ class Use {
     Slot* slot_;
 };
 
-/// The mutex that the calling thread used last, if it is asked for again and its handle is still open. It costs no
-/// access to memory that others write. The handle may be closed meanwhile: then the mutex stays mapped until the use
-/// ends, as if the use had come before, but it does not keep the object alive. So nobody waits inside.
+/// A use of the mutex that the calling thread used last. Empty if `handle` is another handle or was closed. It accesses
+/// no memory that other threads write. If the handle is closed during the use, the mutex stays mapped until the use
+/// ends, but the use does not keep the object alive. So the caller must not wait during the use.
 class LastMutexUse {
   public:
     LastMutexUse(Thread& thread, void* handle) noexcept : thread_(thread) {
@@ -60,18 +60,20 @@ class LastMutexUse {
     bool found_ = false;
 };
 
-/// Makes a mutex in use the one that the calling thread used last.
+/// Makes the mutex of `use` the mutex that the thread used last.
 void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept;
 /// Lets go of the page of the mutex that a thread used last.
 void forget_last_mutex(Thread& thread) noexcept;
 
-/// Gives out a handle, which takes the object's count over; null when the table is full. Needs the process's lock.
+/// Opens a handle, which takes over the caller's reference to the object; null if the table is full. The caller holds
+/// the process's lock.
 void* open_handle(Object* object, bool writable) noexcept;
 
 /// @return whether the handle was open
 bool close_handle(void* handle) noexcept;
 
-/// In the child of a fork: the other threads are gone, and with them their uses. Needs the process's lock.
+/// For the child of a fork: ends the uses of the other threads, which do not exist here. The caller holds the process's
+/// lock.
 void forget_other_threads() noexcept;
 
 }  // namespace kzmkernel

@@ -1,4 +1,4 @@
-// The turning points of a process: it forks, one of its threads ends, it ends itself or unloads this library.
+// What happens when the process forks, when one of its threads ends, and when the process ends or unloads this library.
 #include <pthread.h>
 
 #include "handle_table.h"
@@ -21,13 +21,13 @@ void after_fork_in_child() {
     unlock_tables();
 }
 
-// The handlers are registered for this library alone, so they are withdrawn when it is unloaded.
+// pthread_atfork() registers the handlers for this library, so they are removed when it is unloaded.
 [[gnu::constructor]] void begin_watching() {
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     begin_watching_threads([](void* thread) { forget_last_mutex(*static_cast<Thread*>(thread)); });
 }
 
-// Pages that other threads keep stay mapped: a thread may be inside a wait while this one ends the process.
+// Pages that other threads use stay mapped, because a thread may be inside a wait while this thread ends the process.
 [[gnu::destructor]] void end_watching() {
     end_watching_threads();
     forget_last_mutex(thread_state());

@@ -14,7 +14,7 @@ namespace {
 constexpr uint64_t most_depth = 0x80000000;  // as in Windows
 constexpr auto relaxed = std::memory_order_relaxed;
 
-/// Long enough to cost nothing, short enough for whoever waits beside a lock that became free unnoticed.
+/// Long enough to cost nothing, short enough for a waiter that nobody woke when the lock became free.
 constexpr uint64_t slice_ns = 500 * ns_per_ms;
 
 }  // namespace
@@ -29,8 +29,8 @@ uint32_t Mutex::prepare() noexcept {
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
     pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-    // The checking kind compares the lock's own word with the caller, so its answers are exact also when a thread has
-    // the id of one that ended, and the depth can be kept here.
+    // An error-checking mutex compares the lock's word with the caller's id. So its answers are right even if a thread
+    // has the id of a thread that ended, and the depth can be kept in the page.
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
     const int result = pthread_mutex_init(&page_.lock, &attributes);
     pthread_mutexattr_destroy(&attributes);
@@ -73,17 +73,18 @@ uint32_t Mutex::not_simply_taken(const Thread& thread, int result) noexcept {
 }
 
 uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
-    // Who this is must be known before the lock is taken, so that it has no owner without a name for long.
+    // The thread needs its ids before it takes the lock, so that the lock never has an owner without a name for long.
     const Thread& thread = this_thread();
-    // A free lock needs no clock; the owner's own is EDEADLK at once.
+    // Tries once before it reads the clock: a free lock is taken, and a lock that this thread owns gives EDEADLK at
+    // once.
     int result = pthread_mutex_trylock(&page_.lock);
     if (result == EBUSY && timeout_ms != 0) result = sleep_until_taken(timeout_ms);
     if (result == EBUSY) return KZMKERNEL_WAIT_TIMEOUT;
     return taken(thread, result, error);
 }
 
-// A sleeper may be beside a free lock: whoever was to wake it, or was woken in its place, can have been killed or
-// stopped before. So nobody sleeps longer than a slice without looking again.
+// A waiter may sleep although the lock is free: the thread that should wake it, or the thread that was woken in its
+// place, may have been killed or stopped. So no waiter sleeps longer than a slice without trying again.
 int Mutex::sleep_until_taken(uint32_t timeout_ms) noexcept {
     uint64_t now = now_ns(CLOCK_MONOTONIC);
     const uint64_t end = timeout_ms == KZMKERNEL_INFINITE ? UINT64_MAX : now + timeout_ms * ns_per_ms;
@@ -91,8 +92,8 @@ int Mutex::sleep_until_taken(uint32_t timeout_ms) noexcept {
         const timespec slice_end = timespec_of(std::min(end, now + slice_ns));
         int result = pthread_mutex_clocklock(&page_.lock, CLOCK_MONOTONIC, &slice_end);
         if (result != ETIMEDOUT) return result;
-        // This is the look. It also ends what the C library leaves begun after a time-out: a pointer to this lock, for
-        // the kernel to follow when the thread ends, whatever lies at the address by then.
+        // The try after the slice. It also clears a pointer to this lock that the C library leaves behind after a
+        // time-out. The kernel would follow the pointer when the thread ends, whatever is at its address by then.
         result = pthread_mutex_trylock(&page_.lock);
         if (result != EBUSY) return result;
         now = now_ns(CLOCK_MONOTONIC);

@@ -1,10 +1,10 @@
-// A mutex in shared memory with the ownership rules of Windows, carried by a robust pthread mutex: the kernel itself
-// marks it when its owner ends. It lies alone in a page, so no damage elsewhere reaches it.
+// A mutex in shared memory with the ownership rules of Windows, built on a robust pthread mutex, which the kernel marks
+// when its owner ends. Each mutex has a page of its own, so damage to other memory does not reach it.
 //
-// The lock's own word decides everything: whose the mutex is, and whether it is free. Nothing in the page is written
-// before the word has said that this thread owns it. Waiters sleep in slices and look for themselves after each, so no
-// waiter depends on being woken: whatever other processes do or leave undone, killed or stopped, a free lock is found.
-// docs/lock-protocol.md tells it step by step.
+// The lock's word alone decides who owns the mutex and whether it is free. A thread writes nothing to the page before
+// the word shows that the thread owns the mutex. Waiters sleep in slices and try to take the mutex after each slice, so
+// no waiter depends on being woken: wherever other processes are killed or stopped, a waiter finds a free lock.
+// docs/lock-protocol.md explains this step by step.
 #pragma once
 
 #include <linux/futex.h>
@@ -21,19 +21,19 @@ namespace kzmkernel {
 
 class Mutex {
   public:
-    /// Makes a free mutex of zero-filled memory. @return 0 or a Windows error number
+    /// Turns zero-filled memory into a free mutex. @return 0 or a Windows error number
     uint32_t prepare() noexcept;
 
-    /// Whether the memory holds a mutex of this version of the page, and one that this process may use: thread ids of
-    /// another process-id namespace would collide with ours. Costs no system call after the first time.
+    /// Whether the memory holds a mutex of this version, and of this process's process-id namespace: thread ids of
+    /// another namespace would collide. Makes no system call after the first time.
     bool is_usable() const noexcept;
 
     /// As kzmkernel_wait(); on failure `error` is set.
     uint32_t wait(uint32_t timeout_ms, uint32_t& error) noexcept;
-    /// The same by a thread that knows who it is, with no time to wait, and an error that has to be asked for by
-    /// wait().
+    /// Like wait() with a time-out of 0, for a thread that already knows its ids. It does not report the error of a
+    /// failure; wait() does.
     uint32_t attempt(const Thread& thread) noexcept {
-        // The clock is read before the lock's own steps, where nobody minds that a thread may be held up.
+        // Reads the clock before it touches the lock: a delay there holds up no other thread.
         const time_t now = time(nullptr);
         const int result = pthread_mutex_trylock(&page_.lock);
         if (result != 0) [[unlikely]]
@@ -53,13 +53,13 @@ class Mutex {
         return pthread_mutex_unlock(&page_.lock) == 0 ? 0 : KZMKERNEL_ERROR_NOT_OWNER;
     }
 
-    /// The kernel clears the lock's word when an owner ends, so the word is never mistaken, also where a thread has the
-    /// id of one that ended.
+    /// The kernel clears the thread id in the lock's word when an owner ends. So the answer is right even if this
+    /// thread has the id of a thread that ended as the owner.
     bool is_owned_by(const Thread& thread) const noexcept {
         const auto word = static_cast<uint32_t>(__atomic_load_n(&page_.lock.__data.__lock, __ATOMIC_RELAXED));
         return (word & FUTEX_TID_MASK) == thread_of(thread.owner);
     }
-    /// The owner counts its take as one that only looks.
+    /// Called by the owner: counts its take as one that only looks.
     void count_look() noexcept {
         page_.looks.store(page_.looks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
@@ -69,21 +69,23 @@ class Mutex {
 
     kzmkernel_mutex_info info() const noexcept;
 
-    /// Whether a living thread of this process owns it. Its memory must stay mapped then: it is linked with the
-    /// thread's other robust mutexes.
+    /// Whether a living thread of this process owns the mutex. If so, its memory must stay mapped, because it is linked
+    /// to the thread's other robust mutexes.
     bool is_owned_by_this_process() const noexcept;
 
   private:
-    /// What an attempt comes to that has not simply succeeded.
+    /// Finishes an attempt whose pthread_mutex_trylock() did not return 0. @return as kzmkernel_wait()
     [[gnu::cold, gnu::noinline]] uint32_t not_simply_taken(const Thread& thread, int result) noexcept;
-    /// What a try to lock comes to that has not run out of time.
+    /// Finishes a wait by the `result` of the last try to lock, which is not a time-out. @return as kzmkernel_wait()
     uint32_t taken(const Thread& thread, int result, uint32_t& error) noexcept;
     int sleep_until_taken(uint32_t timeout_ms) noexcept;
-    /// `since` is for people: the second is near enough, and a finer clock would be felt at each take.
+    /// `since` is for people: seconds are precise enough, and a finer clock would slow down every take.
     void name_owner(const Thread& thread, time_t since) noexcept {
-        // The lock orders owners already. This says it once more, for tools that do not know each way to take a lock.
+        // The lock already orders owners. This load orders them again for tools that do not know every way to take a
+        // lock, such as the thread sanitizer.
         static_cast<void>(page_.owner.load(std::memory_order_acquire));
-        // Whoever copies what the lock guards without taking it learns from this number that there was an owner.
+        // A reader that copies the guarded memory without taking the lock compares this number before and after: a
+        // change shows that there was an owner.
         page_.takes.store(page_.takes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         std::atomic_thread_fence(std::memory_order_release);
         page_.depth = 1;

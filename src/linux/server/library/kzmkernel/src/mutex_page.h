@@ -1,5 +1,5 @@
-// The page of a mutex as processes of all builds share it. It is a format: what moves needs another version, and a
-// process refuses a page of a version that it does not know.
+// The page of a mutex, which processes of different builds share. Its layout is a format: moving a field requires a new
+// version, and a process refuses a page of a version that it does not know.
 #pragma once
 
 #include <pthread.h>
@@ -14,23 +14,24 @@ namespace kzmkernel {
 
 struct MutexPage {
     uint64_t signature;
-    /// The inode of the process-id namespace that the mutex was made in: thread ids of another one would collide.
+    /// The inode of the process-id namespace that the mutex was created in. Thread ids of another namespace would
+    /// collide.
     uint64_t process_id_namespace;
-    /// A robust mutex: the kernel marks its word, which comes first in it, when its owner ends.
+    /// A robust mutex. Its word comes first in it; the kernel marks the word when the owner ends.
     pthread_mutex_t lock;
     uint32_t version;
-    uint32_t size;  ///< of all that is declared here
-    // The owner alone writes the rest, for itself and for tools. The names may still be those of an owner that ended:
-    // the lock's word decides.
+    uint32_t size;  ///< of this struct
+    // Only the owner writes the rest, for itself and for tools. `owner` may still name an owner that ended: the lock's
+    // word decides.
     uint64_t depth;  ///< how often the owner took it
-    /// How often a thread came to own the mutex. It changes before anything else that an owner writes.
+    /// How often a thread became the owner. An owner raises it before it writes anything else.
     std::atomic<uint64_t> takes;
-    std::atomic<uint64_t> owner;  ///< process and thread id, as owner_number() joins them; 0: none
+    std::atomic<uint64_t> owner;  ///< process and thread id, joined by owner_number(); 0: none
     std::atomic<uint64_t> owned_since_ns;
     std::atomic<uint64_t> takeovers, last_takeover_ns;
     std::atomic<uint64_t> looks;  ///< how many of the takes only looked
     uint8_t reserved[904];
-    /// What the owner notes for the next one. This library gives it no meaning.
+    /// What the owner notes for the next owner. This library gives it no meaning.
     alignas(8) uint8_t note[KZMKERNEL_NOTE_BYTES];
 };
 

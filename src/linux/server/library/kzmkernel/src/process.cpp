@@ -12,7 +12,7 @@ namespace {
 
 constinit std::mutex tables;
 constinit thread_local Thread self{};
-/// Its destructor is called with the Thread of a thread that ends.
+/// The key whose destructor is called with the Thread of each thread that ends.
 pthread_key_t end_of_thread;
 constinit bool has_end_of_thread = false;
 constinit std::atomic<uint64_t> own_namespace{0};
@@ -30,7 +30,7 @@ ProcessLock::~ProcessLock() {
 }
 
 Thread& thread_state() noexcept {
-    // The compiler is not to know where the address comes from: it would ask for it again at each use.
+    // Hides from the compiler where the address comes from. Otherwise it would compute the address again at each use.
     Thread* thread = &self;
     asm("" : "+r"(thread));
     return *thread;

@@ -1,4 +1,5 @@
-// What there is once per process: the lock over its tables, and who this process and its threads are.
+// State that exists once per process: the lock that guards the process's tables, and the ids of the process and its
+// threads.
 #pragma once
 
 #include <atomic>
@@ -6,7 +7,7 @@
 
 namespace kzmkernel {
 
-/// Holds the lock over the process's tables. The thread cannot be cancelled meanwhile.
+/// Holds the lock that guards the process's tables. The thread cannot be cancelled meanwhile.
 class ProcessLock {
   public:
     ProcessLock() noexcept;
@@ -21,19 +22,19 @@ class ProcessLock {
 struct MappedMutex;
 class Mutex;
 
-/// A thread: who it is, and which mutex it used last, so that the next use need not be counted for all to see.
+/// A thread: its ids, and the mutex that it used last. Using the same mutex again needs no access to shared counters.
 struct Thread {
-    uint64_t owner;  ///< its ids, as owner_number() joins them; 0: not asked for yet
+    uint64_t owner;  ///< its ids, joined by owner_number(); 0: not read yet
 
-    /// The last mutex's handle, what its slot says as long as it is open, and its page, which it keeps mapped; null:
-    /// none.
+    /// The mutex used last: its handle, the slot of the handle and the slot's state while the handle is open, and the
+    /// page, which the thread keeps mapped. Null: there is none.
     void* handle;
     const std::atomic<uint64_t>* slot_state;
     uint64_t open_state;
     MappedMutex* mapped;
     Mutex* mutex;
-    /// Whether the thread is between the look at these and the end of what it does with the page. A signal's handler
-    /// that comes then leaves them as they are.
+    /// Whether the thread is at present using the members above and the page. A signal handler that interrupts it then
+    /// must leave them as they are.
     std::atomic<bool> is_inside;
 
     void enter() noexcept {
@@ -56,24 +57,26 @@ inline uint32_t thread_of(uint64_t owner) noexcept {
     return static_cast<uint32_t>(owner >> 32);
 }
 
-/// The calling thread, which may not know yet who it is.
+/// The calling thread, whose ids may not be read yet.
 Thread& thread_state() noexcept;
-/// The calling thread.
+/// The calling thread, with its ids.
 Thread& this_thread() noexcept;
-/// Has begin_watching_threads()'s function called when this thread ends; false when that is impossible.
+/// Makes sure that the function given to begin_watching_threads() is called when this thread ends; false if that is
+/// impossible.
 bool watch_end_of(Thread& thread) noexcept;
 
-/// The inode of this process's process-id namespace; 0 when it cannot be told.
+/// The inode of this process's process-id namespace; 0 if it is not known.
 uint64_t process_id_namespace() noexcept;
 
-// For the process's turning points (hooks.cpp).
+// For hooks.cpp.
 
 /// `at_end` is called with the Thread of each watched thread that ends.
 void begin_watching_threads(void (*at_end)(void* thread)) noexcept;
 void end_watching_threads() noexcept;
-/// In the child of a fork: its ids are others, and so may be its process-id namespace. It starts without a last mutex.
+/// For the child of a fork: forgets the ids, the process-id namespace, which may be another one, and the mutex used
+/// last.
 void become_child() noexcept;
-/// What ProcessLock holds, where a fork begins in one function and ends in another.
+/// Lock and unlock what ProcessLock holds, for a fork, which begins in one function and ends in another.
 void lock_tables() noexcept;
 bool try_to_lock_tables() noexcept;
 void unlock_tables() noexcept;

@@ -40,7 +40,7 @@ uint32_t map_view(Object& mapping, bool writable, uint64_t offset, size_t length
     const size_t size = (wanted + page - 1) / page * page;
 
     const ProcessLock locked;
-    // The program may have closed it, and its number may be another file's.
+    // The program may have closed the descriptor, and its number may now belong to another file.
     if (!mapping.file.is_there()) return KZMKERNEL_ERROR_INVALID_HANDLE;
     View* const made = new (std::nothrow) View{nullptr, size, mapping.device, mapping.inode, views};
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
@@ -67,7 +67,7 @@ bool unmap_view(const void* view) noexcept {
     return true;
 }
 
-// Called with the process's lock held.
+// The caller holds the process's lock.
 bool is_viewed_here(dev_t device, ino_t inode) noexcept {
     const View* view = views;
     while (view && !(view->device == device && view->inode == inode)) view = view->next;
