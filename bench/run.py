@@ -6,10 +6,10 @@
     run.py FOLDER --instructions [--row ROW]
     run.py FOLDER --run PROGRAM [ARGUMENT...]
 
-FOLDER holds the programs. --row does only the rows in whose names the regular expression ROW is found. --compare sets the library in FOLDER against the
-one in the folder OTHER, under the same programs. --instructions counts the instructions of a call, by function, of the library and
-of the floor: the same at every run. --run runs one program in the installation that they need, for a profiler
-or by hand.
+FOLDER holds the programs. --row measures only the rows whose names match the regular expression ROW. --compare compares the library
+in FOLDER with the library in the folder OTHER, under the same programs. --instructions counts the instructions of a call, by
+function, of the library and of the floor; the numbers are the same in every run. --run runs one program, or a profiler with one, in
+an installation made for it.
 """
 import argparse
 import json
@@ -31,7 +31,7 @@ LIBRARY, FLOOR, STRCMP = "library", "floor", "peer_strcmp"
 PEERS = [STRCMP, "peer_interprocess_map", "peer_interprocess_hash", "peer_lmdb", "peer_sqlite"]
 SHORT = {STRCMP: "strcmp", "peer_interprocess_map": "ip map", "peer_interprocess_hash": "ip hash", "peer_lmdb": "LMDB", "peer_sqlite": "SQLite"}
 
-# What is aimed at, all in one place. Ratio of a row to its floor, at most:
+# All goals. The highest ratio of a row to its floor:
 FLOOR_GOALS = {
     "header_word_get": 1.3,
     "server_word_get/128": 1.6,
@@ -47,18 +47,19 @@ FLOOR_GOALS = {
     "lock": 1.5,
     "locked_set/128/16": 1.5,
 }
-# How many times as long as the library the strcmp peer takes, at least; to be faster is more than 1.
+# The lowest ratio of the strcmp peer's time to the library's; above 1 the library is faster.
 STRCMP_GOALS = {"server_word_get/128": 4.0, "server_word_set/128": 4.0, "pair_get/128/16": 1.0, "pair_set/128/16": 1.0}
-# The rounds of two processes as a share of the strcmp peer's, at least; and what either of the two must get of them.
+# The lowest ratio of the library's rounds to the strcmp peer's when two processes compete; and the smallest share of the rounds that
+# each process must get.
 TWO_PROCESSES_GOALS = {(4, 4): 0.7, (128, 16): 1.0}
 LEAST_SHARE = 0.1
 KILLS, TAKE_OVER_MEDIAN_MS, TAKE_OVER_WORST_MS = 5, 5, 50
 ATTACH_US, LOAD_US, PRIVATE_KIB = 150, 1000, 512
-# Under wine a goal is that many times as wide; waits in the kernel have none there.
+# Under wine goals are wider by this factor; waits in the kernel have no goal there.
 WINE_ALLOWANCE = 1.5
 KERNEL_WAITS = ("lock", "locked_set", "picture")
 
-# Where a process's memory happens to lie moves its figures, so the rounds are those of several.
+# The figures depend on where a process's memory happens to lie, so the rounds come from several processes.
 PROCESSES = 5
 PATIENCE_S = 20
 GOOD_PATH_CALLS = 1_000_000
@@ -69,7 +70,7 @@ ATTACH_PROCESSES, ATTACHES = 11, 20
 
 
 class Installation:
-    """An installation with a configuration of its own, and names for shared objects that nobody else uses."""
+    """An installation with its own configuration and its own namespace for shared objects."""
 
     count = 0
 
@@ -101,7 +102,7 @@ class Installation:
 
 
 class Process:
-    """A program that is talked to a line at a time."""
+    """A program that the benchmark talks to line by line."""
 
     def __init__(self, installation, program, *arguments, processor=None):
         def pin():
@@ -146,7 +147,7 @@ class Process:
 
 
 class Result:
-    """The figures of a run, and the table of what became of the goals."""
+    """The figures of a run, and the table of rows with their goals."""
 
     def __init__(self):
         self.figures, self.rows = {}, []
@@ -156,7 +157,7 @@ class Result:
 
 
 def median_ratio(of, to):
-    """Of the rounds: each is set against the other's round beside it."""
+    """The median of the ratios within each round."""
     return statistics.median(a / b for a, b in zip(of, to))
 
 
@@ -175,7 +176,7 @@ def measured(installation, folder, size, row, rounds, who=()):
 
 
 def calls(result, folder, row, rounds, windows):
-    """The rows of single calls, next to their floor."""
+    """Measures the rows of single calls and their floors."""
     rows = {}
     for _ in range(PROCESSES):
         for size in SIZES:
@@ -262,7 +263,7 @@ def two_processes(result, folder):
 def owner_killed(result, folder):
     program = folder / "shmnm_bench_process"
     times = {}
-    # A mutex of Boost.Interprocess stays locked for ever when its owner is killed.
+    # Boost.Interprocess is left out: its mutex stays locked for ever when its owner is killed.
     for who in [LIBRARY, STRCMP, "peer_lmdb", "peer_sqlite"]:
         with Installation() as installation:
             holder = Process(installation, program, "serve", who, 4, 4)
@@ -364,7 +365,7 @@ def worst_header(result, folder):
 
 
 def cells_of(result):
-    """The table as texts: its heads, then a line each."""
+    """The table as texts: a line of headings, then one line per row."""
     shown = [peer for peer in PEERS if any(peer in row["peers"] for row in result.rows)]
     lines = [["row", "library", "floor ns", "x floor", "goal", "", *(SHORT[peer] for peer in shown)]]
     for row in result.rows:
@@ -374,12 +375,12 @@ def cells_of(result):
     return lines
 
 
-PEERS_EXPLAINED = "A peer's figure without a unit is how many times as long as the library it takes; a share where the row is one."
+PEERS_EXPLAINED = "A peer's figure without a unit is its time divided by the library's, or in a row of shares its share."
 
 
 def print_table(result):
     lines = cells_of(result)
-    # A long sentence may run over its column.
+    # Long texts do not widen their column.
     widths = [max(len(line[column]) for line in lines if len(line[column]) < 50) for column in range(len(lines[0]))]
     print()
     for line in lines:
@@ -396,7 +397,7 @@ def write_markdown(result, file):
 
 
 def compare(folder, other, row, rounds):
-    """The library of two builds under the same programs, in turn."""
+    """Measures the libraries of two builds in turn, under the same programs."""
     figures = {}
     for turn in range(6):
         sides = [("other", other), ("this", folder)]
@@ -417,7 +418,7 @@ def compare(folder, other, row, rounds):
 
 
 def counted(installation, folder, size, row, who, count):
-    """The instructions of a whole run of the program, by function."""
+    """Counts the instructions of a whole run of the program, by function."""
     output = f"{installation.folder}/callgrind"
     valgrind = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={output}"]
     installation.output_of(folder / "shmnm_bench", *size, "--only", row, "--who", who, "--count", count, before=valgrind)
@@ -425,7 +426,7 @@ def counted(installation, folder, size, row, who, count):
     functions = {}
     for line in lines.splitlines():
         found = re.match(r"\s*([0-9,]+) \(.*?\)\s+(.*?)(?: \[(.*)\])?$", line)
-        # A function stands once for each file that a part of it comes from.
+        # A function has one line for each file that a part of it comes from.
         if found and ":" in found[2]:
             name = re.sub(r" \((clone .*|\d+x)\)$", "", found[2].split(":", 1)[1])
             functions[name] = functions.get(name, 0) + int(found[1].replace(",", ""))
@@ -433,7 +434,7 @@ def counted(installation, folder, size, row, who, count):
 
 
 def instructions(folder, row):
-    """What a run of many calls has more than one of half as many is the calls' own."""
+    """Counts the instructions of a call: the difference between a run and a run with half as many calls."""
     calls = 1000
     for size in SIZES:
         with Installation() as installation:
@@ -442,7 +443,7 @@ def instructions(folder, row):
                 for who in (FLOOR, LIBRARY):
                     once, twice = (counted(installation, folder, size, f"^{name}$", who, calls * times) for times in (1, 2))
                     each = {function: (count - once.get(function, 0)) / calls for function, count in twice.items()}
-                    print(f"\n{name} {who}: {sum(each.values()):.1f} instructions a call")
+                    print(f"\n{name} {who}: {sum(each.values()):.1f} instructions per call")
                     for function, count in sorted(each.items(), key=lambda item: -item[1]):
                         if count >= 0.5:
                             print(f"{count:10.1f}  {function[:130]}")

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""How long "status --format json" takes, and for how long it holds the lock, with every table full.
+"""Measures how long "status --format json" takes, and for how long it holds the lock, with every table full.
 
     status_bench.py FOLDER      FOLDER holds the programs of an optimised build
 
-128 servers, 16 hb and 16 np resources. Prints the medians of 50 runs: the whole command from its start to its end, and the
-copy under the lock, which is all that others wait for.
+There are 128 servers, 16 hb and 16 np resources. Prints the medians of 50 runs: for the whole command, and for the copy under the
+lock, which is the only part that other processes wait for.
 """
 import json
 import os
