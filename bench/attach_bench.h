@@ -1,4 +1,4 @@
-// What it takes to join and to leave: the first time in a process, and again.
+// How long joining and leaving take: the first time in a process, and again.
 #pragma once
 
 #include <optional>
@@ -7,7 +7,7 @@
 
 namespace bench {
 
-/// ARGUMENT: how often. Says the nanoseconds of each attach and of each detach in turn.
+/// ARGUMENT: how often to attach. Reports the nanoseconds of each attach and each detach in turn.
 template <typename Contestant>
 void attach_and_detach(const Part& part) {
     std::string figures;
@@ -16,7 +16,7 @@ void attach_and_detach(const Part& part) {
         const uint64_t before = now_ns();
         contestant.emplace(part.place);
         const uint64_t attached = now_ns();
-        // The others' words are there.
+        // The creator's words must be visible.
         if (contestant->pair(Asked(part.cluster)) != 2) throw std::runtime_error("attached to something else");
         const uint64_t leaves = now_ns();
         contestant.reset();

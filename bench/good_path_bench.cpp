@@ -1,10 +1,11 @@
-// What a data call does not do where all goes well: allocate, take a lock, enter the kernel. Each of the calls is made
-// in turn; allocations and locks are counted by this program's own malloc and pthread functions, which come before
-// those of the C library for all libraries of the process, and system calls by who traces it, between two marks.
+// Shows what a successful data call does not do: allocate, take a lock, enter the kernel. The program makes all calls
+// in turn. Its own malloc and pthread functions, which all libraries of the process use instead of the C library's,
+// count allocations and locks. A tracer counts the system calls between two marks.
 //
 //     good_path_bench CALLS
 //
-// Prints calls, allocations and locks. The counters are tried first: attaching allocates, and the region's lock is one.
+// Prints the numbers of calls, functions, allocations and locks. Tests the counters first: attaching allocates, and
+// taking the region's lock counts as a lock.
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -25,7 +26,7 @@ std::atomic<uint64_t> allocations, locks;
 
 }  // namespace
 
-// The C library's own, under the names that it keeps for who replaces them.
+// The C library's own functions, under the names that it provides for programs that replace them.
 extern "C" {
 void* __libc_malloc(size_t size) noexcept;
 void* __libc_calloc(size_t count, size_t size) noexcept;
@@ -100,7 +101,7 @@ struct DataCall {
     uint32_t (*make)();
 };
 
-// Room for whatever a call gives back.
+// Room for the outputs of any call.
 uint32_t word, other_word, third_word, size;
 int32_t number, bytes_size, region_size;
 uint64_t data64;
@@ -124,9 +125,9 @@ uint32_t* text_room() {
     DataCall {                                          \
 #function, [] { return function(__VA_ARGS__); } \
     }
-// Every function but those that map or unmap the region, the lock's four, and the two that write a line at level 4 by
-// their contract, shmnm_chkalivesv() and shmnm_setnpsimu(). Each leaves the region so that the next round succeeds as
-// well.
+// All functions except those that map, unmap or clear the region, the lock's four functions, and the two that must
+// write a line at level 4, shmnm_chkalivesv() and shmnm_setnpsimu(). Each round leaves the region so that the next
+// round succeeds too.
 const DataCall data_calls[] = {
     CALL(shmnm_setmaxvalue_ex, 128, 16, 16),
     CALL(shmnm_getmaxvalue_ex, &word, &other_word, &third_word),
@@ -235,8 +236,9 @@ void run(uint64_t calls) {
     const uint64_t locks_before = locks;
     shmnm_rwlock(0);
     shmnm_rwunlock();
-    if (allocations == allocations_before || locks == locks_before)
-        throw std::runtime_error("the counters do not count");
+    if (allocations == allocations_before || locks == locks_before) {
+        throw std::runtime_error("the counters of allocations and locks do not work");
+    }
 
     constexpr uint64_t kinds = std::size(data_calls);
     const uint64_t allocations_at_start = allocations, locks_at_start = locks;

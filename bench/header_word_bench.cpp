@@ -1,4 +1,4 @@
-// A word of the header: the frame of a call and nothing else.
+// Reads and writes a word of the header, which costs little more than the frame of a call.
 #include "measure.h"
 
 void bench::header_word(Measurement& measurement, const Cluster& cluster, Contestants& contestants) {

@@ -1,4 +1,4 @@
-// A resource's words on all servers, and a server's words of all resources.
+// Lists a resource's states on all servers, and the states of all resources on a server.
 #include <algorithm>
 #include <random>
 #include <vector>
@@ -7,8 +7,8 @@
 
 namespace {
 
-/// Words at a place within their page that is another one in each process: how two addresses lie to each other within
-/// their pages can double the time of a copy.
+/// A buffer whose offset within its page differs between processes, because the offsets of source and destination can
+/// double the time of a copy.
 class Words {
   public:
     explicit Words(size_t count)
@@ -28,7 +28,7 @@ void bench::listings(Measurement& measurement, const Cluster& cluster, Contestan
     Words memory(max_servers);
     uint32_t* const words = memory.data();
     const auto servers = static_cast<size_t>(cluster.servers), resources = static_cast<size_t>(cluster.resources);
-    // Each cell holds a value of its own.
+    // Each cell holds a different value.
     const auto fill = [&](auto& who) {
         for (int32_t resource = 0; resource < cluster.resources; ++resource) {
             for (int32_t server = 0; server < cluster.servers; ++server) {

@@ -1,4 +1,4 @@
-// The lock, taken and released while nobody else wants it, alone and around the set of a word.
+// Takes and releases the free lock, alone and around setting a word.
 #include "measure.h"
 
 void bench::lock(Measurement& measurement, const Cluster& cluster, Contestants& contestants) {

@@ -1,11 +1,11 @@
-/* What a process pays that loads the library and joins: the time of the load, and the private memory it holds
- * afterwards beside the region. A C program, so that all the library brings along counts.
+/* Measures what loading the library and joining cost a process: the time of the load, and the private memory that it
+ * holds afterwards, without the region. It is a C program, so that everything counts that the library needs.
  *
  *     memory_bench LIBRARY REGION [OTHER]
  *
- * REGION is what the name of the region's file contains; OTHER a library that the process has loaded before.
+ * REGION is a part of the name of the region's file. OTHER is a library that the process loads first.
  *
- * Prints the nanoseconds of the load, the KiB private before it and those after the process has joined and called.
+ * Prints the nanoseconds of the load, the private KiB before it, and the private KiB after joining and making calls.
  */
 #include <dlfcn.h>
 #include <stdint.h>
@@ -20,7 +20,7 @@ static uint64_t now_ns(void) {
     return (uint64_t)now.tv_sec * 1000000000U + (uint64_t)now.tv_nsec;
 }
 
-/* The private pages of all mappings but the region's. */
+/* The private KiB of all mappings except the region's. */
 static unsigned long private_kib(const char* region) {
     char line[4096];
     unsigned long sum = 0;
@@ -28,7 +28,7 @@ static unsigned long private_kib(const char* region) {
     FILE* maps = fopen("/proc/self/smaps", "r");
     if (!maps) exit(1);
     while (fgets(line, sizeof line, maps)) {
-        /* A mapping's first line has its addresses and its file; the others begin with a word. */
+        /* The first line about a mapping begins with its addresses, the others begin with a word. */
         const size_t digits = strspn(line, "0123456789abcdef");
         if (digits > 0 && line[digits] == '-') {
             counts = !strstr(line, region);
@@ -45,7 +45,7 @@ typedef uint32_t call_with_number(uint32_t);
 typedef uint32_t get_of_server(const char*, uint32_t*);
 typedef uint32_t list_names(char*, uint32_t*);
 
-/* Data and functions have pointers of two kinds. */
+/* A union, because C does not convert data pointers to function pointers. */
 union function {
     void* address;
     call* plain;
@@ -63,7 +63,7 @@ static union function find(void* library, const char* name) {
 
 int main(int argc, char** argv) {
     if (argc < 3 || (argc > 3 && !dlopen(argv[3], RTLD_NOW))) return 2;
-    private_kib(argv[2]); /* the buffers of this program's own */
+    private_kib(argv[2]); /* allocates this program's own buffers before they would count */
     const unsigned long before = private_kib(argv[2]);
     const uint64_t start = now_ns();
     void* const library = dlopen(argv[1], RTLD_NOW);
@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
     }
     char names[4096];
     uint32_t value = 0, size = sizeof names;
-    /* NOLINTBEGIN(clang-analyzer-core.CallAndMessage): find() ends the program rather than hand out null */
+    /* NOLINTBEGIN(clang-analyzer-core.CallAndMessage): find() never returns null; it ends the program instead */
     uint32_t result = find(library, "shmnm_attach").plain();
     result |= find(library, "shmnm_rwlock").with_number(0xFFFFFFFFU);
     result |= find(library, "shmnm_enumnode").list(names, &size);

@@ -1,11 +1,11 @@
-// The owner of the lock is killed: when does the next one have it?
+// The owner of the lock is killed: how long does it take until the next process owns the lock?
 #pragma once
 
 #include "role.h"
 
 namespace bench {
 
-/// Takes the lock, says "locked", and waits to be killed.
+/// Takes the lock, reports "locked", and waits to be killed.
 template <typename Contestant>
 void hold(const Part& part) {
     Contestant contestant(part.place);
@@ -14,7 +14,7 @@ void hold(const Part& part) {
     told();
 }
 
-/// Says "waiting", waits for the lock, and says when it had it on the monotonic clock.
+/// Reports "waiting", waits for the lock, and reports the monotonic time at which it got the lock.
 template <typename Contestant>
 void take_over(const Part& part) {
     Contestant contestant(part.place);

@@ -1,4 +1,4 @@
-// The word of a resource on a server: the server by its priority, the resource by its type and name.
+// Reads and writes the state of a resource on a server: the server by its priority, the resource by its type and name.
 #include "measure.h"
 
 void bench::pair_word(Measurement& measurement, const Cluster& cluster, Contestants& contestants) {

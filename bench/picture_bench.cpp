@@ -1,4 +1,4 @@
-// The whole picture, copied while the lock is held.
+// Copies the whole picture while it holds the lock.
 #include <algorithm>
 #include <vector>
 
@@ -9,7 +9,7 @@ void bench::picture(Measurement& measurement, const Cluster& cluster, Contestant
     size_t size = 0;
     contestants.each([&](auto& who) { size = std::max(size, who.picture_size()); });
     std::vector<uint8_t> bytes(size);
-    // A word that has changed shows in the next picture.
+    // A changed word must be visible in the next picture.
     const auto check = [&](auto& who) {
         who.set_pair(asked, 41);
         const size_t used = who.picture(bytes.data(), bytes.size());

@@ -1,4 +1,4 @@
-// A word of a server, looked up by its name.
+// Reads and writes a word of a server, by the server's name.
 #include "measure.h"
 
 void bench::server_word(Measurement& measurement, const Cluster& cluster, Contestants& contestants) {

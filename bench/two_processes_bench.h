@@ -1,5 +1,5 @@
-// Two processes set and get the same word under the lock, as fast as they can: how many rounds both make together, how
-// evenly they share them, and how long one has to wait for the lock at worst.
+// Two processes set and get the same word under the lock, as fast as they can. The row tells how many rounds they make
+// together, how evenly the rounds are shared, and the longest wait for the lock.
 #pragma once
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 
 namespace bench {
 
-/// ARGUMENT: the milliseconds. Says "ready", is told to begin, says the rounds made and the longest wait in
-/// nanoseconds.
+/// ARGUMENT: how many milliseconds to run. Reports "ready", waits for the parent's word, then reports the number of
+/// rounds and the longest wait in nanoseconds.
 template <typename Contestant>
 void hammer(const Part& part) {
     Contestant contestant(part.place);

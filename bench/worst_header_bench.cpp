@@ -1,12 +1,12 @@
-// How long may a call take, whatever bytes the region holds? For every function that works on a table, a search climbs
-// towards the header words, contents and arguments that take the longest:
+// How long can a call take, whatever bytes the region holds? For every function that works on a table, the program
+// searches for the header words, contents and arguments with which a call takes longest:
 //
 //     worst_header_bench TRIES [FUNCTION]
 //
-// TRIES is how many regions each function is tried on; FUNCTION a regular expression that its name must hold. Each line
-// has a function, the milliseconds of its longest call, and what that was.
+// TRIES is the number of regions to try per function. FUNCTION is a regular expression: only functions whose names
+// match it are tried. Each line shows a function, the milliseconds of its longest call, and the choices for that call.
 //
-// Without shmnm_setnpsimu() and shmnm_getnpsimu(): they write a line for each server.
+// shmnm_setnpsimu() and shmnm_getnpsimu() are left out, because they may write a line per server.
 #include <time.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ namespace {
 
 constexpr int64_t most = INT32_MAX;
 
-/// What can be chosen for a call: each a list of values that are worth a try.
+/// The choices for a call: each has a list of values to try.
 enum Choice : size_t { max_servers, servers, hb, np, pids, content, name, type, index_of_server, value, choices };
 
 const std::vector<int64_t> values[choices] = {
@@ -73,7 +73,7 @@ class Arguments {
     const std::vector<std::string>* texts_;
 };
 
-// Room for whatever a call gives back.
+// Room for the outputs of any call.
 std::vector<char> buffer(4'000'000);
 uint32_t word, size;
 int32_t number = 256;
@@ -143,7 +143,7 @@ const Function functions[] = {
 };
 #undef CALL
 
-/// The library's own view of the region: what is damaged here, it sees.
+/// The library's own view of the region, so that the library sees the damage made here.
 struct View {
     View() {
         std::ifstream maps("/proc/self/maps");
@@ -154,7 +154,7 @@ struct View {
             bytes = reinterpret_cast<uint8_t*>(begin);
             length = end - begin;
         }
-        if (!bytes) throw std::runtime_error("the library's view was not found");
+        if (!bytes) throw std::runtime_error("cannot find the library's view of the region");
     }
     uint8_t* bytes = nullptr;
     size_t length = 0;
@@ -198,7 +198,7 @@ void damage(const View& view, const Arguments& in) {
     header.fst_pid_count = static_cast<int32_t>(in.get(pids));
 }
 
-/// The processor's time: what others do on the machine does not count.
+/// The processor time of this thread, so that other processes do not count.
 double now_ms() {
     timespec time{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -213,7 +213,7 @@ double ms_of(const View& view, const Function& function, const Try& chosen) {
     return now_ms() - begin;
 }
 
-/// Random tries first, then steps away from the slowest one so far, one or two choices at a time.
+/// Makes random tries first. Then varies the slowest try so far by one or two choices at a time.
 void search(const View& view, const Function& function, unsigned tries, std::mt19937_64& random) {
     const auto any = [&](size_t choice) { return static_cast<size_t>(random() % values[choice].size()); };
     Try worst(choices), chosen(choices);
@@ -233,7 +233,7 @@ void search(const View& view, const Function& function, unsigned tries, std::mt1
         worst_ms = ms;
         worst = chosen;
     }
-    // What disturbed it once does not do so each time.
+    // Repeats the slowest try, because a single measurement may have been disturbed.
     for (int i = 0; i < 3; ++i) worst_ms = std::min(worst_ms, ms_of(view, function, worst));
     std::printf("%s %.3f", function.name, worst_ms);
     for (size_t choice = 0; choice < choices; ++choice) {
@@ -244,7 +244,7 @@ void search(const View& view, const Function& function, unsigned tries, std::mt1
 }
 
 void run(unsigned tries, const std::string& wanted) {
-    if (shmnm_create() != SHMNM_OK) throw std::runtime_error("the region was not created");
+    if (shmnm_create() != SHMNM_OK) throw std::runtime_error("cannot create the region");
     const View view;
     std::mt19937_64 random(1);
     for (const Function& function : functions) {

@@ -18,7 +18,7 @@ uint32_t region_size;
 uint8_t *servers, *resources;
 std::optional<bench::RobustMutex> mutex;
 
-/// Any value: the log compares the level alone.
+/// Any value will do: the log compares only the level.
 void* const log_handle = &region;
 
 template <typename Work>
@@ -48,7 +48,7 @@ bool equal(__m128i one, __m128i other) {
     return _mm_movemask_epi8(_mm_cmpeq_epi8(one, other)) == 0xFFFF;
 }
 
-/// The position of the first of the records, which lie `step` bytes apart, that matches; -1 without one.
+/// The position of the first matching record; -1 if there is none. The records are `step` bytes apart.
 template <typename Matches>
 int32_t first(const uint8_t* place, int32_t count, size_t step, const Matches& matches) {
 #pragma GCC unroll 4

@@ -1,7 +1,8 @@
-// The floor: each call made of the steps that it cannot do without, and nothing else. A call across the border of a
-// shared library, two calls into a log library that drops them by level, a scan of the table that touches one 16-byte
-// prefix (names) or one word (priorities) a record, the copy, and for the lock the take or the release of the plainest
-// mutex that does the job. It works on a copy of the region's own bytes. No argument is checked, no text is measured.
+// The floor: calls that make only the steps that cannot be avoided. These are a call into a shared library, two calls
+// into a log library that drops the messages because of their level, a scan of the table that reads one 16-byte prefix
+// (for names) or one word (for priorities) per record, the copy, and for the lock the take or the release of the
+// simplest mutex that does the job. The floor works on a copy of the region's bytes. It checks no argument and measures
+// no text.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +22,7 @@ extern "C" {
 FLOOR_API void floor_open(uint8_t* memory, uint32_t size, void* mutex, const char* mutex_name, bool create,
                           uint64_t servers, uint64_t resources);
 
-// Every text points to at least 16 bytes, is at most 15 long, and is zero-padded. The result is 0, or 3 for what is not
-// there.
+// Every text must have at most 15 bytes and be zero-padded to at least 16. The result is 0, or 3 if nothing was found.
 FLOOR_API uint32_t floor_get_header_word(uint32_t* value);
 FLOOR_API uint32_t floor_set_header_word(uint32_t value);
 FLOOR_API uint32_t floor_get_server_word(const char* name, uint32_t* value);

@@ -2,7 +2,7 @@
 
 namespace {
 
-volatile uint32_t highest_level = 4;  // a log learns its level as it runs
+volatile uint32_t highest_level = 4;  // volatile, because a real log knows its level only at run time
 uint64_t written;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The floor's log library: what a message costs that a log drops by its level.
+// The floor's log library: the cost of a message that a log drops because of its level.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +15,6 @@ extern "C" {
 /// Writes a message unless its level is above the log's.
 FLOOR_LOG_API int32_t floor_log_write(void* log, uint32_t level, uint32_t flags, const char* file, int32_t line,
                                       const char* function, const char* message);
-/// Messages that were not dropped: none, in a benchmark.
+/// The number of messages that were not dropped; 0 in a benchmark.
 FLOOR_LOG_API uint64_t floor_log_written(void);
 }

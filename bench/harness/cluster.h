@@ -1,4 +1,4 @@
-// The cluster that rows are measured on: names that share their first letters, and the last of each asked for.
+// The cluster that rows are measured on. Its names share their first letters, and rows ask for the last of each.
 #pragma once
 
 #include <array>
@@ -8,7 +8,8 @@
 
 namespace bench {
 
-/// Where a contestant keeps what it shares: every name of it begins so. One process creates, others join.
+/// The shared objects of a contestant: the names of all of them begin with `scratch`. One process creates them, the
+/// other processes join.
 struct Place {
     std::string scratch;
     bool create;
@@ -18,7 +19,7 @@ struct Place {
 template <typename...>
 struct List {};
 
-/// What every contestant is made for; how much of it is in use is the row's size.
+/// The room that every contestant has; a row's size says how much of it is in use.
 inline constexpr int32_t max_servers = 128, max_resources = 16;
 
 /// A zero-padded name.
@@ -46,7 +47,7 @@ struct Cluster {
     }
 };
 
-/// The names, made once.
+/// All names, created once.
 struct Names {
     static const auto& servers() {
         static const auto names = made<max_servers>(Cluster::server);
@@ -66,7 +67,7 @@ struct Names {
     }
 };
 
-/// What a row asks for.
+/// The server and the resource that a row asks for.
 struct Asked {
     explicit Asked(const Cluster& cluster)
         : server(Cluster::server(cluster.servers - 1)),

@@ -2,8 +2,8 @@
 //
 //     shmnm_bench SERVERS RESOURCES [--only ROW] [--who NAME]... [--rounds N] [--count N] [--json FILE]
 //
-// KZM_INSTALL_PATH is an installation with its configuration, KZMUTIL_NAMESPACE what all shared objects' names begin
-// with; scripts/bench makes both.
+// KZM_INSTALL_PATH must name an installation with its configuration. KZMUTIL_NAMESPACE must be set; the names of all
+// shared objects begin with it. scripts/bench provides both.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,7 +39,7 @@ Command command_of(int argc, char** argv) {
         } else if (option == "--json") {
             command.json = value;
         } else {
-            throw std::runtime_error("no option " + option);
+            throw std::runtime_error("unknown option " + option);
         }
     }
     return command;

@@ -8,7 +8,7 @@
 namespace bench {
 namespace {
 
-/// How many calls fill a round, found by doubling.
+/// Finds, by doubling, how many calls fill a round.
 uint64_t times_for(const Runner& runner, uint64_t round_ns) {
     for (uint64_t times = 1;; times *= 2) {
         const uint64_t start = now_ns();
@@ -31,7 +31,7 @@ void Measurement::race(const std::string& name, const std::vector<Runner>& runne
     const size_t first = figures_.size();
     for (const Runner& runner : runners) figures_.push_back({name, runner.who, {}});
     for (unsigned round = 0; round < options_.rounds; ++round) {
-        // Who runs behind whom changes from round to round.
+        // The order of the contestants changes from round to round.
         for (size_t turn = 0; turn < runners.size(); ++turn) {
             const size_t i = (turn + round) % runners.size();
             figures_[first + i].ns.push_back(time_one(name, runners[i], times[i]));

@@ -1,5 +1,5 @@
-// Rows of a benchmark and those who compete in them. A row's contestants are timed in turn, round after round, so that
-// what disturbs the machine disturbs all of them; a round of one is a few thousand calls.
+// The rows of a benchmark and their contestants. The contestants of a row are timed in turn, round after round, so that
+// a disturbance of the machine affects all of them. In one round each contestant makes a few thousand calls.
 #pragma once
 
 #include <algorithm>
@@ -16,28 +16,28 @@
 
 namespace bench {
 
-/// One who does the work of a row, that many times.
+/// A contestant with the work of a row: `run` does the work `times` times.
 struct Runner {
     std::string who;
     std::function<void(uint64_t times)> run;
 };
 
-/// Times one runner; @return nanoseconds a call. Google Benchmark's on Linux, one of our own elsewhere.
+/// Times one runner, on Linux with Google Benchmark. @return nanoseconds per call
 double time_one(const std::string& row, const Runner& runner, uint64_t times);
 
-/// Does the rows that are asked for, and keeps their figures.
+/// Measures the chosen rows and keeps their figures.
 class Measurement {
   public:
     struct Options {
-        std::string only;              ///< the rows in whose names this regular expression is found
-        std::vector<std::string> who;  ///< names; empty: all
+        std::string only;              ///< a regular expression: only rows whose names match it
+        std::vector<std::string> who;  ///< names of contestants; empty: all
         unsigned rounds = 101;
         uint64_t round_ns = 400'000;
-        uint64_t count = 0;  ///< above 0: nothing is timed, each row is run that often, for a profiler
+        uint64_t count = 0;  ///< above 0: times nothing, and runs each row that often, for a profiler
     };
     explicit Measurement(Options options) : options_(std::move(options)) {}
 
-    /// One row. `check(contestant)` tells whether it answers rightly, `work(contestant)` is what is timed.
+    /// Measures one row. `check(contestant)` tells whether its answers are right; `work(contestant)` is timed.
     template <typename Check, typename Work>
     void row(const std::string& name, Contestants& contestants, const Check& check, const Work& work) {
         if (!std::regex_search(name, std::regex(options_.only))) return;
@@ -46,7 +46,7 @@ class Measurement {
         race(name, runners);
     }
 
-    /// Writes the figures of every round as JSON; @return whether that went well
+    /// Writes the figures of every round as JSON. @return whether that succeeded
     bool write(const std::string& file) const;
 
   private:
@@ -59,7 +59,7 @@ class Measurement {
     void enter(std::vector<Runner>& runners, const std::string& name, Contestant& contestant, const Check& check,
                const Work& work) {
         if (!options_.who.empty() && std::ranges::find(options_.who, Contestant::who) == options_.who.end()) return;
-        if (!check(contestant)) throw std::runtime_error(name + "/" + Contestant::who + " answers wrongly");
+        if (!check(contestant)) throw std::runtime_error(name + "/" + Contestant::who + " gives a wrong answer");
         runners.push_back({Contestant::who, [&contestant, work](uint64_t times) {
                                for (uint64_t i = 0; i < times; ++i) work(contestant);
                            }});
@@ -76,7 +76,7 @@ void keep(const Value& value) {
     asm volatile("" : : "r,m"(value) : "memory");
 }
 
-/// The rows of one subject; each file of the folder is one.
+/// Measures the rows of one subject. Each subject has a file in bench/.
 using Subject = void (*)(Measurement& measurement, const Cluster& cluster, Contestants& contestants);
 void header_word(Measurement& measurement, const Cluster& cluster, Contestants& contestants);
 void server_word(Measurement& measurement, const Cluster& cluster, Contestants& contestants);

@@ -1,6 +1,7 @@
 // One process of several: shmnm_bench_process PART WHO SERVERS RESOURCES [ARGUMENT...]
 //
-// PART serve creates and fills what WHO shares, says "ready" and keeps it until its input ends. The other parts join.
+// PART serve creates and fills the shared objects of WHO, reports "ready" and keeps them until its input ends. The
+// other parts join.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -24,7 +25,7 @@ void serve(const Part& part) {
     bench::told();
 }
 
-/// @return whether it is this contestant that was meant
+/// Plays a part if `who` names this contestant. @return whether it does
 template <typename Contestant>
 bool play(const std::string& name, const std::string& who, const Part& part) {
     if (who != Contestant::who) return false;
@@ -39,14 +40,14 @@ bool play(const std::string& name, const std::string& who, const Part& part) {
     } else if (name == "attach") {
         bench::attach_and_detach<Contestant>(part);
     } else {
-        throw std::runtime_error("no part " + name);
+        throw std::runtime_error("unknown part " + name);
     }
     return true;
 }
 
 template <typename... Contestants>
 void play_one_of(bench::List<Contestants...>, const std::string& name, const std::string& who, const Part& part) {
-    if (!(play<Contestants>(name, who, part) || ...)) throw std::runtime_error("no contestant " + who);
+    if (!(play<Contestants>(name, who, part) || ...)) throw std::runtime_error("unknown contestant " + who);
 }
 
 void run(int argc, char** argv) {

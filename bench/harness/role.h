@@ -1,5 +1,4 @@
-// A process that plays one part among several of one contestant; bench/run.py starts them and times what happens
-// between.
+// A process that plays one part in a row with several processes of one contestant. bench/run.py starts these processes.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +11,7 @@
 
 namespace bench {
 
-/// What a process is told.
+/// The arguments of such a process.
 struct Part {
     Place place;
     Cluster cluster;
@@ -21,12 +20,12 @@ struct Part {
     uint64_t number(size_t index) const { return std::stoull(arguments.at(index)); }
 };
 
-/// Tells the parent.
+/// Reports a line to the parent.
 inline void say(const std::string& line) {
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
 }
-/// Waits for the parent's word; @return false once the parent is gone
+/// Waits for the parent's word. @return false if the parent has ended
 inline bool told() {
     int c = 0;
     while ((c = std::getchar()) != EOF) {

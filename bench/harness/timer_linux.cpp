@@ -1,5 +1,5 @@
-// Google Benchmark as the timer. It is driven a round at a time, since its own repetitions of one benchmark would
-// follow one another, or be mixed at random.
+// Uses Google Benchmark as the timer, for one round at a time. Its own repetitions would run all rounds of a contestant
+// one after the other, or mix them at random.
 #include <benchmark/benchmark.h>
 
 #include <stdexcept>
@@ -26,7 +26,7 @@ double time_one(const std::string& row, const Runner& runner, uint64_t times) {
         const auto batch = static_cast<benchmark::IterationCount>(times);
         while (state.KeepRunningBatch(batch)) runner.run(times);
     };
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): kept in the list of all benchmarks
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the list of all benchmarks owns it
     benchmark::RegisterBenchmark((row + "/" + runner.who).c_str(), body)
         ->Iterations(static_cast<benchmark::IterationCount>(times))
         ->UseRealTime();

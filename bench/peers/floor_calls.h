@@ -24,7 +24,7 @@ class Floor {
                    (place.scratch + "floorlock").c_str(), place.create, servers, resources);
     }
 
-    /// The library is filled first.
+    /// Call it after the library has been filled.
     void fill(const Cluster&) { Library::picture(static_cast<uint8_t*>(memory_.get()), size_); }
 
     static uint32_t header_word() {

@@ -17,11 +17,11 @@ namespace {
 
 namespace interprocess = boost::interprocess;
 
-/// A word of the header has no names, one of a server no resource; a pair has all.
+/// The key of a word: all names are empty for the header, the resource's are empty for a server, and none for a pair.
 struct Key {
     Name server{}, type{}, resource{};
 
-    // NOLINTNEXTLINE(modernize-use-nullptr): of the comparison with zero that the compiler writes
+    // NOLINTNEXTLINE(modernize-use-nullptr): reported for code that the compiler generates, a comparison with zero
     friend auto operator<=>(const Key&, const Key&) = default;
     friend size_t hash_value(const Key& key) {
         size_t hash = 0;
@@ -145,7 +145,7 @@ template <typename Container>
 void InterprocessPeer<Container>::set_pair(const Asked& asked, uint32_t value) {
     shared_->set(key_of(asked), value);
 }
-// A container of single words is asked for each of them; the caller knows the names.
+// A container of single words needs one lookup per word; the caller knows the names.
 template <typename Container>
 size_t InterprocessPeer<Container>::row(const Asked& asked, uint32_t* words) const {
     Key key = key_of(asked);

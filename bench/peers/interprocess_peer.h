@@ -1,5 +1,5 @@
-// Boost.Interprocess: a managed segment of shared memory with a container of words in it, by a composite key, and a
-// named mutex. Two containers compete, a map and a hash table.
+// Boost.Interprocess: a managed segment of shared memory that holds a container of words by a composite key, and a
+// named mutex. Two containers compete: a map and a hash table.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace bench {
 
-/// What both have in common; `Container` names one of the two.
+/// The common part of both peers; `Container` is the map or the hash table.
 template <typename Container>
 class InterprocessPeer {
   public:
@@ -35,7 +35,7 @@ class InterprocessPeer {
     void lock();
     void unlock();
     size_t picture_size() const;
-    /// Every key with its word.
+    /// Copies every key with its word.
     size_t picture(uint8_t* bytes, size_t room) const;
 
   private:

@@ -12,7 +12,7 @@ void expect(int result) {
     if (result != MDB_SUCCESS) throw std::runtime_error(std::string("LMDB: ") + mdb_strerror(result));
 }
 
-/// Keys are texts: "c" the cluster, "s/SERVER" a server, "r/TYPE/RESOURCE/SERVER" a pair. Made on the stack.
+/// A key, composed on the stack: "c" for the cluster, "s/SERVER" for a server, "r/TYPE/RESOURCE/SERVER" for a pair.
 class KeyText {
   public:
     explicit KeyText(char kind) { text_[size_++] = kind; }
@@ -23,7 +23,7 @@ class KeyText {
         size_ += length;
         return *this;
     }
-    operator std::string_view() const { return {text_, size_}; }  // NOLINT(google-explicit-constructor): it is a text
+    operator std::string_view() const { return {text_, size_}; }
 
   private:
     char text_[64];
@@ -49,7 +49,7 @@ LmdbPeer::LmdbPeer(const Place& place) : path_("/dev/shm/" + place.scratch + "lm
     expect(mdb_env_set_mapsize(environment_, size_t{16} << 20));
     expect(mdb_env_open(environment_, path_.c_str(), MDB_NOSUBDIR | MDB_NOSYNC | MDB_WRITEMAP, 0600));
     MDB_txn* transaction = nullptr;
-    // Only who creates needs the writer's lock.
+    // Only the creator needs the writer's lock.
     expect(mdb_txn_begin(environment_, nullptr, created_ ? 0 : MDB_RDONLY, &transaction));
     expect(mdb_dbi_open(transaction, nullptr, 0, &table_));
     expect(mdb_txn_commit(transaction));
@@ -127,7 +127,7 @@ uint32_t LmdbPeer::pair(const Asked& asked) {
 void LmdbPeer::set_pair(const Asked& asked, uint32_t value) {
     set(KeyText('r') / asked.type / asked.resource / asked.server, value);
 }
-// The names' digits are as many for all servers, so the keys' order is theirs.
+// All servers' names have the same number of digits, so the keys are in the order of the servers.
 size_t LmdbPeer::row(const Asked& asked, uint32_t* words) {
     size_t count = 0;
     each(KeyText('r') / asked.type / asked.resource / Name{},

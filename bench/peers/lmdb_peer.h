@@ -1,5 +1,6 @@
-// LMDB on a memory disk, without syncing and with a writable map. A read is a transaction of its own, as is a write
-// outside lock() and unlock(); between those two there is one for all. The writer's lock is the lock.
+// LMDB on a memory disk, without syncing and with a writable map. Each read is one transaction, and so is each write
+// outside lock() and unlock(). Between lock() and unlock() all writes share one transaction. The lock is LMDB's writer
+// lock.
 #pragma once
 
 #include <lmdb.h>
@@ -35,7 +36,7 @@ class LmdbPeer {
     void lock();
     void unlock();
     size_t picture_size();
-    /// Every key with its word.
+    /// Copies every key with its word.
     size_t picture(uint8_t* bytes, size_t room);
 
   private:
@@ -49,8 +50,8 @@ class LmdbPeer {
     Cluster cluster_{};
     MDB_env* environment_ = nullptr;
     MDB_dbi table_ = 0;
-    MDB_txn* reader_ = nullptr;  ///< reset between its uses
-    MDB_txn* writer_ = nullptr;  ///< while the lock is held
+    MDB_txn* reader_ = nullptr;  ///< reset between uses
+    MDB_txn* writer_ = nullptr;  ///< open while the lock is held
 };
 
 }  // namespace bench

@@ -7,7 +7,7 @@
 
 namespace bench {
 
-/// A prepared statement with its arguments bound, reset at the end.
+/// Binds the arguments of a prepared statement, and resets it at the end of the scope.
 class SqlitePeer::Statement {
   public:
     template <typename... Arguments>

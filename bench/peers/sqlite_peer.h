@@ -1,5 +1,5 @@
-// SQLite on a memory disk, with a write-ahead log and no syncing. Every statement is prepared once; one outside lock()
-// and unlock() is a transaction of its own. The writer's lock is the lock.
+// SQLite on a memory disk, with a write-ahead log and without syncing. Every statement is prepared once. A statement
+// outside lock() and unlock() is one transaction. The lock is SQLite's writer lock.
 #pragma once
 
 #include <sqlite3.h>
@@ -34,7 +34,7 @@ class SqlitePeer {
     void lock();
     void unlock();
     size_t picture_size();
-    /// Every pair's names and word.
+    /// Copies the names and the word of every pair.
     size_t picture(uint8_t* bytes, size_t room);
 
   private:

@@ -5,7 +5,7 @@
 namespace bench {
 namespace {
 
-// As with any word that other processes write meanwhile.
+// Volatile, because other processes may write the word at the same time.
 uint32_t load(const uint32_t& word) {
     return *const_cast<const volatile uint32_t*>(&word);
 }

@@ -1,5 +1,4 @@
-// What a programmer writes by hand in an afternoon: a struct in shared memory, strcmp() over its tables, a robust
-// mutex.
+// What a programmer writes in an afternoon: a struct in shared memory, strcmp() over its tables, a robust mutex.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Who competes on this platform.
+// The contestants on this platform.
 #pragma once
 
 #include "floor_calls.h"
@@ -40,7 +40,7 @@ struct Contestants {
     SqlitePeer sqlite;
 };
 
-/// Who competes where there are several processes.
+/// The contestants of the rows with several processes.
 using ProcessContestants = List<Library, StrcmpPeer, InterprocessPeer<InterprocessMap>,
                                 InterprocessPeer<InterprocessHash>, LmdbPeer, SqlitePeer>;
 

@@ -1,5 +1,5 @@
-// What benchmarks need of the system: memory that processes share, the plainest mutex that outlives its owner, a clock.
-// All of it is inline, so that a floor made of it pays for nothing else.
+// What benchmarks need from the system: shared memory, the simplest mutex that survives the death of its owner, a
+// clock. Everything is inline, so that the floor has no cost beyond these steps.
 #pragma once
 
 #include <fcntl.h>
@@ -17,7 +17,7 @@
 
 namespace bench {
 
-/// Named memory, zero-filled by who creates it; its creator removes the name again.
+/// Named shared memory, filled with zeros by its creator, who also removes the name at the end.
 class SharedMemory {
   public:
     SharedMemory(const std::string& name, size_t size, bool create) : name_(create ? "/" + name : ""), size_(size) {

@@ -1,4 +1,4 @@
-// Who competes on this platform.
+// The contestants on this platform.
 #pragma once
 
 #include "floor_calls.h"
@@ -22,7 +22,7 @@ struct Contestants {
     StrcmpPeer strcmp_peer;
 };
 
-/// Who competes where there are several processes.
+/// The contestants of the rows with several processes.
 using ProcessContestants = List<Library, StrcmpPeer>;
 
 }  // namespace bench

@@ -1,5 +1,5 @@
-// What benchmarks need of the system: memory that processes share, the plainest mutex that outlives its owner, a clock.
-// All of it is inline, so that a floor made of it pays for nothing else.
+// What benchmarks need from the system: shared memory, the simplest mutex that survives the death of its owner, a
+// clock. Everything is inline, so that the floor has no cost beyond these steps.
 #pragma once
 
 #include <windows.h>
@@ -12,7 +12,7 @@
 
 namespace bench {
 
-/// Named memory, zero-filled by who creates it.
+/// Named shared memory, filled with zeros by its creator.
 class SharedMemory {
   public:
     SharedMemory(const std::string& name, size_t size, bool create)
@@ -36,7 +36,7 @@ class SharedMemory {
     void* memory_;
 };
 
-/// A named mutex of the kernel's, which is recursive and handed on when its owner ends.
+/// A named kernel mutex, which is recursive and is handed on when its owner ends.
 class RobustMutex {
   public:
     static constexpr size_t size = 0;
