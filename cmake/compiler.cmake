@@ -1,7 +1,7 @@
-# What every target of the project is compiled with: `shmnm_options` holds the warnings, the sanitizers and the hardening,
-# `shmnm_library()` makes one of the shared libraries with a fixed file name.
+# How every target of the project is compiled. `shmnm_options` holds the warnings, the sanitizers and the hardening;
+# `shmnm_library()` makes one of the shared libraries, which have fixed file names.
 if(MSVC)
-    message(FATAL_ERROR "the library needs g++ or clang; programs by Microsoft's compiler link to lib/kzmshmnm.lib")
+    message(FATAL_ERROR "the library needs g++ or clang; programs built with Microsoft's compiler link to lib/kzmshmnm.lib")
 endif()
 add_library(shmnm_options INTERFACE)
 target_compile_features(shmnm_options INTERFACE cxx_std_20)
@@ -29,7 +29,7 @@ if(WIN32)
     enable_language(RC)
 endif()
 if(WIN32)
-    # The C++ run time is part of each file, so that nothing beside the system's own libraries is needed.
+    # The C++ run time is linked into each file, so that it needs only the system's own libraries.
     target_link_options(shmnm_options INTERFACE -static -fstack-protector-strong -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat)
 elseif(UNIX)
     # A unique symbol would keep a library loaded for ever.
@@ -39,7 +39,7 @@ elseif(UNIX)
         target_compile_options(shmnm_options INTERFACE -fsanitize=${SHMNM_SANITIZE} -fno-sanitize-recover=all
                                                        -fno-omit-frame-pointer)
         target_link_options(shmnm_options INTERFACE -fsanitize=${SHMNM_SANITIZE})
-        # The thread sanitizer has to start before the C++ run time, so it stays inside the program.
+        # The thread sanitizer must start before the C++ run time, so it is linked into the program.
         if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND NOT SHMNM_SANITIZE STREQUAL "thread")
             # Shared libraries leave the sanitizer's own symbols to the program.
             target_link_options(shmnm_options INTERFACE -shared-libsan)
@@ -57,24 +57,25 @@ elseif(UNIX)
     endif()
 endif()
 
-# shmnm_library(NAME SOURCE...): the shared library libNAME.so or NAME.dll; its headers lie in include/ of its own folder.
+# shmnm_library(NAME SOURCE...): the shared library libNAME.so or NAME.dll, with its headers in include/ of its folder.
 function(shmnm_library name)
     add_library(${name} SHARED ${ARGN})
     target_link_libraries(${name} PRIVATE shmnm_options)
-    # All of it is compiled as one, so that a call from one subject into another costs nothing.
+    # All sources are compiled as one, so that calls between subjects cost nothing.
     set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
     string(TOUPPER ${name} upper)
     target_compile_definitions(${name} PRIVATE ${upper}_BUILD)
     if(UNIX AND NOT SHMNM_SANITIZE)
-        # The C++ run time is part of each library: to load the shared one takes a C program several times as long as all of
-        # this. The unwinder stays shared, since a thread that is cancelled unwinds the frames of all libraries.
+        # The C++ run time is linked into each library: loading the shared run time would take a C program several times as
+        # long as loading the library. The unwinder stays shared, because a cancelled thread unwinds the frames of all
+        # libraries.
         target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src/linux/server/library/run_time/unload.cpp)
         target_link_options(${name} PRIVATE -static-libstdc++ -Wl,--exclude-libs,ALL -Wl,--gc-sections)
     endif()
     if(WIN32)
         set_target_properties(${name} PROPERTIES PREFIX "")
-        # An object library of its own: the compilers' options are none of the resource compiler's.
+        # A separate object library, because the resource compiler does not understand the compilers' options.
         configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc @ONLY)
         add_library(${name}_version OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc)
         target_sources(${name} PRIVATE $<TARGET_OBJECTS:${name}_version>)

@@ -1,6 +1,6 @@
-# What is installed and where. `cmake --install` lays down one relocatable tree of three components: `runtime` (the libraries),
-# `development` (headers, import libraries, find_package and pkg-config files) and `tool` (shmnmctl and the documents). Debian's
-# packages are the same files in Debian's own folders, as components that only cpack installs (packages.cmake).
+# What is installed and where. `cmake --install` makes one relocatable tree of three components: `runtime` (the libraries),
+# `development` (headers, import libraries, find_package and pkg-config files) and `tool` (shmnmctl and the documents). The Debian
+# packages contain the same files in Debian's folders, as components that only cpack installs (packages.cmake).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -11,11 +11,12 @@ endif()
 set_target_properties(kzmshmnm PROPERTIES EXPORT_NAME shmnm)
 
 if(NOT WIN32)
-    # Debian's folder for libraries of one machine type, whatever the prefix of this build is.
+    # Debian's folder for libraries of one machine type, whatever this build's prefix is.
     set(SHMNM_MULTIARCH_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
 endif()
 if(TARGET shmnmctl AND NOT WIN32)
-    # Beside the libraries in the build; once installed it finds them from its own folder, wherever the tree has been moved.
+    # In the build folder shmnmctl is beside the libraries. Once installed, it finds them relative to its own folder, wherever the
+    # tree is moved.
     file(RELATIVE_PATH libraries_from_tool /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
     file(RELATIVE_PATH multiarch_from_tool /prefix/bin /prefix/${SHMNM_MULTIARCH_LIBDIR})
     set(tool_run_path "$ORIGIN/${libraries_from_tool}" "$ORIGIN/${multiarch_from_tool}")
@@ -37,7 +38,7 @@ if(TARGET shmnmctl AND NOT WIN32 AND NOT SHMNM_SANITIZE)
     add_custom_target(manual_of_shmnmctl ALL DEPENDS ${manual})
 endif()
 
-# The functions' names stand in one place, the header.
+# The list of exported functions is read from the header, the only place that has it.
 set(SHMNM_HEADER ${PROJECT_SOURCE_DIR}/src/windows/server/library/shmnm/include/shmnm.h)
 if(WIN32)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${SHMNM_HEADER})
@@ -46,7 +47,7 @@ if(WIN32)
     list(SORT functions)
     list(JOIN functions "\n" functions)
     file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def CONTENT "LIBRARY kzmshmnm.dll\nEXPORTS\n@functions@\n" @ONLY)
-    # What Microsoft's linker and lld-link take; the MinGW linker writes its own libkzmshmnm.dll.a.
+    # The import library for Microsoft's linker and lld-link. The MinGW linker writes its own, libkzmshmnm.dll.a.
     find_program(SHMNM_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
     if(NOT SHMNM_LLVM_DLLTOOL)
         message(FATAL_ERROR "llvm-dlltool is not installed: scripts/install-dependencies installs what the project needs")
@@ -61,7 +62,8 @@ endif()
 
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/shmnm-config-version.cmake COMPATIBILITY SameMajorVersion)
 
-# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL [EXCLUDE_FROM_ALL]): the install rules of one layout, with its components' names.
+# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL [EXCLUDE_FROM_ALL]): the install rules of one layout. RUNTIME, DEVELOPMENT and TOOL
+# are the names of its components.
 function(shmnm_install libdir runtime development tool)
     install(
         TARGETS kzmshmnm ${SHMNM_COMPANIONS}
@@ -71,7 +73,7 @@ function(shmnm_install libdir runtime development tool)
         ARCHIVE DESTINATION ${libdir} COMPONENT ${development} ${ARGN}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-    # Who puts a companion of its own in place of one of these needs its header, and on Linux the kernel's below it.
+    # An installation that replaces a companion needs the companion's header and, on Linux, the header of kzmkernel.
     foreach(library shmnm ${SHMNM_COMPANIONS})
         if(library STREQUAL kzmkernel)
             set(header ${PROJECT_SOURCE_DIR}/src/linux/server/library/kzmkernel/include/kzmkernel.h)
@@ -138,7 +140,7 @@ function(shmnm_install libdir runtime development tool)
             FILES ${PROJECT_SOURCE_DIR}/examples/shmnm.service
             DESTINATION lib/systemd/system
             COMPONENT ${tool} ${ARGN})
-        # Manual pages lie in folders man1, man3, ... of these two; the build makes those that nobody writes by hand.
+        # Manual pages are in the folders man1, man3, ... below these two folders. The build generates the second.
         foreach(pages ${PROJECT_SOURCE_DIR}/docs/man ${PROJECT_BINARY_DIR}/man)
             install(
                 DIRECTORY ${pages}/
@@ -170,7 +172,7 @@ function(shmnm_install libdir runtime development tool)
             FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
             DESTINATION ${libdir}
             COMPONENT ${development} ${ARGN})
-        # Small files for those who run them, and beside them the symbols for those who debug them.
+        # The installed files are stripped. Their symbols, which only debuggers need, are in files beside them.
         foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl)
             if(TARGET ${target})
                 set(component ${runtime})

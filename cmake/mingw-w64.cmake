@@ -1,4 +1,4 @@
-# Cross build for Windows x64 with mingw-w64 (the variant with POSIX threads), tests run under wine.
+# Cross build for Windows x64 with mingw-w64 (the variant with POSIX threads). Tests run under wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 

@@ -1,5 +1,6 @@
-# Header-only libraries that the distribution packages, each as a target `packaged_NAME`. A cross build must not see the
-# whole system include folder, so what is named here is linked into a folder of the build and only that folder is searched.
+# Makes a target `packaged_NAME` for each header-only library from the distribution's packages. A cross build must not search
+# the whole system include folder. So links to these libraries are put into a folder of the build, and only that folder is
+# searched.
 set(SHMNM_PACKAGED_HEADERS ${PROJECT_BINARY_DIR}/packaged-include)
 find_path(SHMNM_SYSTEM_HEADERS boost/version.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH)
 

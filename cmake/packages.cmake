@@ -1,5 +1,5 @@
-# What `cpack` makes of a build: on Linux three Debian packages (libshmnm1, libshmnm-dev, shmnmctl), for Windows one zip.
-set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "Who is named as the packages' maintainer")
+# What `cpack` makes from a build: on Linux three Debian packages (libshmnm1, libshmnm-dev, shmnmctl), for Windows one zip.
+set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "The packages' maintainer")
 
 set(CPACK_PACKAGE_NAME shmnm)
 set(CPACK_PACKAGE_VENDOR shmnm)
@@ -19,7 +19,7 @@ else()
     set(packages libshmnm1 libshmnm-dev shmnmctl)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
 
-    # Every package has its copyright file and its changelog, and says which of lintian's remarks are meant to be so.
+    # Every package has its copyright file and its changelog, and a file that lists lintian's remarks that do not apply.
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
     execute_process(
         COMMAND gzip -9nc ${packaging}/changelog
@@ -35,7 +35,7 @@ else()
             DESTINATION share/lintian/overrides
             RENAME ${package}
             COMPONENT ${package} EXCLUDE_FROM_ALL)
-        # Debian keeps its manual pages packed, and the links to them lead to packed ones.
+        # Debian compresses manual pages, and links between them lead to compressed pages.
         install(
             CODE "file(GLOB_RECURSE pages \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/*.[1-8]\")
 foreach(page IN LISTS pages)
@@ -74,26 +74,26 @@ endif()"
     set(same_version "libshmnm1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
 
     set(what "One named region of shared memory holds the picture of a failover cluster for\n\
-all processes of a machine: servers, heartbeat and network-partition resources,\nthe state of every pair of them.")
+all processes of a machine: servers, heartbeat and network-partition resources,\nand the state of each resource on each server.")
     set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_NAME libshmnm1)
     set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_SECTION libs)
     set(CPACK_DEBIAN_LIBSHMNM1_PACKAGE_CONTROL_EXTRA ${packaging}/postinst ${packaging}/symbols ${packaging}/shlibs
         ${packaging}/triggers)
     set(CPACK_COMPONENT_LIBSHMNM1_DESCRIPTION
-        "live picture of a failover cluster in shared memory\n${what}\n.\nThis package has the library and its companions.")
+        "live picture of a failover cluster in shared memory\n${what}\n.\nThis package contains the library and its companions.")
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_NAME libshmnm-dev)
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SECTION libdevel)
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_DEPENDS "${same_version}")
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SUGGESTS "shmnmctl, pkg-config")
     set(CPACK_COMPONENT_LIBSHMNM-DEV_DESCRIPTION
         "live picture of a failover cluster in shared memory (development)\n${what}\n.\n\
-This package has what programs that use the library are built with: headers,\nfiles for pkg-config and CMake, an example.")
+This package contains what is needed to build programs with the library:\nheaders, files for pkg-config and CMake, manual pages, an example.")
     set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_NAME shmnmctl)
     set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_SECTION admin)
     set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_DEPENDS "${same_version}")
     set(CPACK_COMPONENT_SHMNMCTL_DESCRIPTION
         "live picture of a failover cluster in shared memory (command)\n${what}\n.\n\
-This package has the command shmnmctl that shows, changes, checks and serves\nthe picture, and the documents.")
+This package contains the command shmnmctl, which shows, changes, checks and\nserves the picture, and the documents.")
 endif()
 
 include(CPack)

@@ -1,10 +1,9 @@
-// The processes of a small cluster, a role each; scripts/demo starts them. Each ends non-zero when a call fails or
-// something that it reads back is wrong.
+// The processes of a small cluster, which scripts/demo starts, each with one role. A process ends non-zero if a call
+// fails or if it reads back a wrong value.
 //
-//     cluster_demo work SERVER ROUNDS        is one server: sets its states, and raises the wait state ROUNDS times
+//     cluster_demo work SERVER ROUNDS        acts as a server: sets its states, raises the wait state ROUNDS times
 //     cluster_demo hang                      takes the lock and keeps it until it is killed
-//     cluster_demo check WAITSTAT SERVER...  checks the picture: these servers, in this order, with the states of
-//     "work"
+//     cluster_demo check WAITSTAT SERVER...  checks that these servers, in this order, have the states that "work" sets
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -22,10 +21,10 @@ constexpr uint32_t alive = 1;
 
 using Names = std::vector<std::string>;
 
-/// Ends the process when a call of the library did not succeed.
+/// Ends the process if a library call did not succeed.
 void expect_ok(const char* call, uint32_t result) {
     if (result == SHMNM_OK) return;
-    std::fprintf(stderr, "%s answered %u\n", call, result);
+    std::fprintf(stderr, "%s failed with code %u\n", call, result);
     std::exit(1);
 }
 
@@ -45,7 +44,7 @@ class Lock {
     Lock& operator=(const Lock&) = delete;
 };
 
-/// Takes a list of the library apart: measured first, then copied, under one lock.
+/// Gets a list of names from the library: first its size, then the names, under one lock.
 template <typename List>
 Names names(const char* call, List list) {
     uint32_t size = 0;
@@ -67,7 +66,7 @@ Names np_resources() {
     return names("shmnm_enumnprsc", [](char* buf, uint32_t* size) { return shmnm_enumnprsc(nullptr, buf, size); });
 }
 
-/// The state that a server sets for the resource at a position: every pair has one of its own.
+/// The state that a server sets for the resource at a position. It differs for every pair.
 uint32_t pair_state(int32_t priority, size_t resource) {
     return 100 + 10 * static_cast<uint32_t>(priority) + static_cast<uint32_t>(resource);
 }
@@ -123,7 +122,7 @@ int hang() {
     for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-/// Checks the states of resources on servers: `row` lists those of one resource, by server position.
+/// Checks the states of all resources on all servers. `row` lists one resource's states, by server position.
 template <typename Row>
 void check_matrix(const Names& resources, const Names& all_servers, uint32_t offset, Row row) {
     for (size_t i = 0; i < resources.size(); ++i) {
@@ -147,7 +146,7 @@ int check(uint32_t expected_waitstat, const Names& expected_servers) {
 
         const Names all_servers = servers();
         if (all_servers != expected_servers) {
-            std::fputs("these are not the expected servers\n", stderr);
+            std::fputs("the region does not have the expected servers\n", stderr);
             return 1;
         }
         for (const std::string& server : all_servers) {
@@ -171,7 +170,7 @@ int check(uint32_t expected_waitstat, const Names& expected_servers) {
             return shmnm_enumnprscsvstat(nullptr, name, buf, size);
         });
 
-        // The same once more, straight from the region's bytes.
+        // Checks the same again, directly in the region's bytes.
         int32_t size = 0;
         expect_ok("shmnm_dump", shmnm_dump(nullptr, &size));
         std::vector<uint8_t> raw(static_cast<size_t>(size));

@@ -9,14 +9,15 @@
 
 #include "shmnm.h"
 
-/* Prints each server with its state. The lock is held, so the measured size still fits when the names are copied. */
+/* Prints each server with its state. The caller holds the lock, so the measured size still fits when the names are
+ * copied. */
 static uint32_t print_servers(void) {
     uint32_t size = 0, result = shmnm_enumnode(NULL, &size);
     if (result != SHMNM_OK) return result;
     char* names = malloc(size);
     if (!names) return SHMNM_ERR_BUFFER;
     result = shmnm_enumnode(names, &size);
-    /* The names lie one behind the other, each with its NUL; an empty one ends the list. */
+    /* The names follow one another, each with its NUL; an empty name ends the list. */
     for (const char* name = names; result == SHMNM_OK && *name; name += strlen(name) + 1) {
         uint32_t state = 0;
         result = shmnm_getnodestat(name, &state);
@@ -32,20 +33,20 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    /* Another process has created the region; this one joins it. */
+    /* Another process has created the region; this process joins it. */
     uint32_t result = shmnm_attach();
     if (result != SHMNM_OK) {
-        fprintf(stderr, "no region to attach to: code %" PRIu32 "\n", result);
+        fprintf(stderr, "cannot attach to the region: code %" PRIu32 "; start its creator first\n", result);
         return 1;
     }
 
-    /* What must not be seen half done happens under the lock. Five seconds are long: nobody holds it for milliseconds.
-     */
+    /* Other processes must not see a change half done, so it is made under the lock. Five seconds are plenty: no
+     * process holds the lock for even a millisecond. */
     result = shmnm_rwlock(5000);
     if (result == SHMNM_OK) {
         result = shmnm_setnodestat(argv[1], 1);
         if (result == SHMNM_ERR_NOTFOUND) {
-            fprintf(stderr, "%s is no server of this cluster\n", argv[1]);
+            fprintf(stderr, "unknown server \"%s\"\n", argv[1]);
         } else if (result == SHMNM_OK) {
             result = print_servers();
         }
