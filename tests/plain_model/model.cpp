@@ -92,8 +92,8 @@ int32_t Model::visible(int64_t start, int64_t step, int64_t fixed, int32_t count
 }
 
 int64_t Model::word(const Table& table, bool network, int32_t p, int64_t j) const {
-    if (network) return network_start_ + 4 * (p * int64_t{number(8)} + j);
-    return resource(table, p) + 584 + 4 * j;
+    const int64_t row = network ? place(network_start_, 4 * int64_t{number(8)}, p) : resource(table, p) + 584;
+    return place(row, 4, j);
 }
 
 int32_t Model::find_server(const char* name) const {

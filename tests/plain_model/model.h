@@ -164,7 +164,12 @@ class Model {
 
     // Bytes.
     int64_t end() const { return static_cast<int64_t>(view.size()); }
-    bool inside(int64_t at, int64_t size) const { return at >= 0 && at + size <= end(); }
+    bool inside(int64_t at, int64_t size) const { return at >= 0 && size <= end() && at <= end() - size; }
+    /// Addresses wrap at 64 bits.
+    static int64_t place(int64_t start, int64_t step, int64_t position) {
+        const auto wide = [](int64_t number) { return static_cast<uint64_t>(number); };
+        return static_cast<int64_t>(wide(start) + wide(step) * wide(position));
+    }
     uint32_t get(int64_t at) const;
     int32_t number(int64_t at) const { return static_cast<int32_t>(get(at)); }
     void put(int64_t at, uint32_t value);
@@ -180,7 +185,7 @@ class Model {
         return visible(table.start, stride(), 584, number(table.count_at));
     }
     int64_t server(int32_t p) const { return 1084 + 320 * int64_t{p}; }
-    int64_t resource(const Table& table, int32_t p) const { return table.start + p * stride(); }
+    int64_t resource(const Table& table, int32_t p) const { return place(table.start, stride(), p); }
     int64_t word(const Table& table, bool network, int32_t p, int64_t j) const;
     int32_t find_server(const char* name) const;
     int32_t find_priority(int32_t pri) const;
