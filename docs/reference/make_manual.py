@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Makes the manual pages of the library's functions, mdoc in section 3, from the public header as Doxygen read it.
+"""Makes the manual pages of the library's functions (mdoc, section 3) from the XML that Doxygen writes for the public header.
 
     make_manual.py XML HEADER EXAMPLE VERSION FOLDER
 
-XML is the folder of Doxygen's XML, EXAMPLE a program to show, FOLDER where the pages are written, each page of FOLDER that is not
-one of them is removed. A function and those that are said to be like it share a page, and links of their names lead there. shmnm(3)
-tells what holds for all of them, shmnm_header(3) the region's format. What is not told in the header is an error here.
+XML is the folder of Doxygen's XML, EXAMPLE a program to show, FOLDER the folder for the pages, whose old pages are removed. Functions
+whose comments begin "As f()" or "otherwise as f()" share the page of f(), and their names are links to it. shmnm(3) says what holds
+for all functions, and shmnm_header(3) describes the region's format. It is an error if the header does not describe a function or an
+argument.
 """
 import datetime
 import os
@@ -20,14 +21,14 @@ SHARED_ARGUMENTS = "Arguments that mean the same"
 
 
 class Undocumented(Exception):
-    """The header leaves something out, or says it in a form that is not known here."""
+    """The header leaves something out, or uses a form that this program does not know."""
 
 
-# ---- What Doxygen found: texts are lists of (kind, text), kind empty for plain text or the mdoc macro that marks it. ----
+# ---- What Doxygen found. A text is a list of (kind, text): kind is the mdoc macro that marks the text, or empty for plain text. ----
 
 
 def inline(element):
-    """The text in an element, its tail left out."""
+    """The text in an element, without its tail."""
     found = [("", element.text or "")]
     for child in element:
         text = "".join(child.itertext())
@@ -37,7 +38,7 @@ def inline(element):
             kind = "Fn" if text.endswith("()") else "Dv" if text.isupper() else "Vt"
             found.append((kind, text.removesuffix("()")))
         elif child.tag not in ("linebreak", "anchor"):
-            raise Undocumented(f"markup that is not known: {child.tag} in {''.join(element.itertext())!r}")
+            raise Undocumented(f"unknown markup {child.tag} in {''.join(element.itertext())!r}")
         found.append(("", child.tail or ""))
     return [(kind, text) for kind, text in found if text]
 
@@ -47,7 +48,7 @@ def plain(text):
 
 
 class Comment:
-    """A description: its paragraphs, lists and tables in their order, and what is told of arguments, results and rules."""
+    """A description: its paragraphs, lists and tables in their order, and the descriptions of arguments, results and rules."""
 
     BLOCKS = ("itemizedlist", "verbatim", "parameterlist", "simplesect")
 
@@ -97,7 +98,7 @@ class Comment:
                     self.results.append((name.text, text))
 
     def take_shared_arguments(self):
-        """Takes out what is said once of arguments, by their names and directions."""
+        """Takes out the descriptions of arguments that mean the same everywhere, by name and direction."""
         found, rest = {}, []
         for kind, block in self.blocks:
             if kind == "text" and plain(block).startswith(SHARED_ARGUMENTS):
@@ -139,7 +140,7 @@ class Function:
         self.declared = [(plain(type), name) for type, name in self.declared if name]
         self.like = next((name for match in LIKE.finditer(plain(self.comment.brief)) for name in match.groups() if name), None)
         if not plain(self.comment.brief).endswith("."):
-            raise Undocumented(f"{self.name}: no sentence tells what it does")
+            raise Undocumented(f"{self.name}: its comment must begin with a sentence")
 
 
 class Group:
@@ -182,7 +183,7 @@ def escaped(text):
 
 
 class Page:
-    """One manual page as it is written."""
+    """One manual page."""
 
     def __init__(self, header, title, version, names, what):
         self.header, self.lines, self.mentioned = header, [], set()
@@ -200,12 +201,12 @@ class Page:
         self.lines.append("." + " ".join(words))
 
     def paragraph(self):
-        """Space before what follows; a heading or a list makes its own."""
+        """Adds space before what follows, unless a heading or a list has added it."""
         if not re.match(r"\.(S[hs]|Pp|El$)", self.lines[-1]):
             self.macro("Pp")
 
     def marked(self, kind, text):
-        """The macro for a part of a text that is more than text."""
+        """The macro for a marked part of a text."""
         if kind == "Fn" and text not in self.names:
             self.mentioned.add(self.header.page_of[text])
             return f"Xr {text} 3"
@@ -214,7 +215,7 @@ class Page:
         return f'{kind} "{escaped(text)}"' if " " in text else f"{kind} {escaped(text)}"
 
     def fill(self, text):
-        """Text as filled lines: a sentence begins a line, a marked part has a line of its own."""
+        """Adds text as filled lines: each sentence begins a line, and each marked part has its own line."""
         parts, joined = [], ""
         for kind, part in text:
             for at, piece in enumerate(re.split(r"(SHMNM_[A-Z]\w*[A-Z]\b)", part) if not kind else [part]):
@@ -246,7 +247,7 @@ class Page:
             line += f" {after[0]}"
             after = after[1:]
         if "\1" in after:
-            raise Undocumented(f"two marked words with no space between them: {parts}")
+            raise Undocumented(f"there must be a space between two marked words: {parts}")
         return line + (f" Ns {escaped(after)}" if after else "")
 
     def blocks(self, blocks):
@@ -269,7 +270,7 @@ class Page:
         self.macro("Ed")
 
     def tagged(self, items):
-        """A list of (tag as a macro, text)."""
+        """Adds a list of (tag as a macro, text)."""
         self.macro("Bl", "-tag", "-width", "Ds")
         for tag, text in items:
             self.macro("It", tag)
@@ -301,7 +302,7 @@ def begun(text, change):
 
 
 def sentence(text):
-    """The text as a sentence of its own."""
+    """The text as a whole sentence."""
     *rest, (kind, last) = text
     if not kind and not last.strip():
         return sentence(rest)
@@ -317,16 +318,16 @@ def decapitalized(text):
 
 
 def in_a_list(function):
-    """What a function does, in a list where its like is near."""
+    """What a function does, for a list that also contains the function that it is like."""
     (kind, first), *rest = function.comment.brief
     own, like, _ = first.partition("; otherwise as ")
     return [(kind, f"{own}.")] if like else [(kind, first), *rest]
 
 
 def whole(comment):
-    """All of a comment that has nothing but text, in one paragraph."""
+    """A whole comment, which must be plain text, in one paragraph."""
     if any(kind != "text" for kind, _ in comment.blocks):
-        raise Undocumented(f"more than text where a function is like another: {plain(comment.brief)}")
+        raise Undocumented(f"the comment of a function that is like another function must be plain text: {plain(comment.brief)}")
     return [part for text in [comment.brief] + [block for _, block in comment.blocks] for part in text + [("", " ")]]
 
 
@@ -339,7 +340,7 @@ def synopsis(page):
 
 
 def arguments(functions):
-    """What is said of the arguments in the order of their declarations: [names, direction, text]."""
+    """The descriptions of the arguments in the order of their declarations: [names, direction, text]."""
     model, found = functions[0], []
     for function in functions:
         for type, name in function.declared:
@@ -349,9 +350,9 @@ def arguments(functions):
             direction = "out" if written else "in"
             direction, text = told.get(name, (direction, shared.get((name, direction))))
             if text is None:
-                raise Undocumented(f"{function.name}: nothing is said of {name}")
+                raise Undocumented(f"{function.name}: no description of {name}")
             if ("out" in direction) != written:
-                raise Undocumented(f"{function.name}: {name} is {direction}, but declared as {type}")
+                raise Undocumented(f"{function.name}: {name} is {direction}, but it is declared as {type}")
             same = next((entry for entry in found if entry[1:] == [direction, text]), None)
             if not same:
                 found.append([[name], direction, text])
@@ -359,12 +360,12 @@ def arguments(functions):
                 same[0].append(name)
         for name in function.comment.arguments:
             if name not in dict((name, type) for type, name in function.declared):
-                raise Undocumented(f"{function.name} has no {name}")
+                raise Undocumented(f"{function.name} has no argument {name}")
     return found
 
 
 def rule(header, functions, name):
-    """What is said of a rule that holds everywhere or is told differently for a function or its group."""
+    """The text of a rule for these functions: their own, their group's, or the one that holds everywhere."""
     model = functions[0]
     return model.comment.rules.get(name) or model.group.comment.rules.get(name) or header.rules.get(name)
 
@@ -419,10 +420,10 @@ def function_page(header, functions, version):
         page.lines.append("or:")
         page.tagged((f"Dv {name} Pq {header.results[name][0]}", sentence(text)) for name, text in results)
         page.macro("Pp")
-        page.lines.append("Unless it is said otherwise, a failure")
+        page.lines.append("Unless stated otherwise, a failure")
         page.fill(header.rules["Failure"])
     else:
-        page.lines.append("Always")
+        page.lines.append("Each function always returns" if functions[1:] else "The function always returns")
         page.macro("Dv", "SHMNM_OK", "Pq", "0", ".")
     related = {header.page_of[other.name] for function in functions for other in function.group.functions} | page.mentioned
     page.see_also({("3", name) for name in related - {model.name}} | {("3", "shmnm")})

@@ -1,7 +1,8 @@
 // Frees the memory of the C++ run time, which each shared library contains, when the library is unloaded.
 
-namespace __gnu_cxx {  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the run time's own name
-void __freeres();      // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the run time's own name
+// The run time's own names.
+namespace __gnu_cxx {
+void __freeres();
 }
 
 namespace {
