@@ -1,4 +1,4 @@
-// File descriptors that are closed with their owner.
+// File descriptors that close themselves.
 #pragma once
 
 #include <fcntl.h>
@@ -34,8 +34,8 @@ class Descriptor {
     int value_ = -1;
 };
 
-/// Opens a file; on failure the descriptor is empty and errno says why. It is closed by exec. Where a program closed
-/// its standard streams their numbers are passed over: what is printed by mistake must never land in an object.
+/// Opens a file; on failure the descriptor is empty and errno says why. exec closes it. It never has the number of a
+/// standard stream, even if the program closed these, so that the program's output never lands in an object.
 inline Descriptor open_at(int folder, const char* name, int flags, mode_t mode = 0) {
     Descriptor opened(openat(folder, name, flags | O_CLOEXEC, mode));
     if (opened && opened.get() <= STDERR_FILENO) {
@@ -44,8 +44,9 @@ inline Descriptor open_at(int folder, const char* name, int flags, mode_t mode =
     return opened;
 }
 
-/// A descriptor that is kept for long. A program that closes all of its descriptors, as daemons do, closes this one
-/// too, and its number may soon be another file's. So it is used and closed only as long as it is what it was.
+/// A descriptor that is kept for long. A program that closes all of its descriptors, as daemons do, closes this
+/// descriptor too, and another file may soon get its number. So it is used and closed only while it still leads to the
+/// same file.
 class KeptDescriptor {
   public:
     KeptDescriptor() = default;
@@ -63,7 +64,7 @@ class KeptDescriptor {
     KeptDescriptor& operator=(const KeptDescriptor&) = delete;
 
     int get() const { return kept_.get(); }
-    /// Whether it is what it was. If not, its number is forgotten, since the next file that is opened may get it.
+    /// Whether it still leads to the same file. If not, forgets its number, because another file may get the number.
     bool is_there() noexcept {
         struct stat found {};
         if (kept_ && (fstat(kept_.get(), &found) != 0 || found.st_dev != device_ || found.st_ino != inode_)) {
@@ -75,7 +76,8 @@ class KeptDescriptor {
     void reset() noexcept {
         if (is_there()) kept_.reset();
     }
-    /// To be called with each number that the system has just given away: who had noted it has lost it.
+    /// Call it with each number that the system has just given to a new file: if it is the kept number, the kept
+    /// descriptor was closed.
     void forget(int number) noexcept {
         if (number == kept_.get()) kept_.release();
     }

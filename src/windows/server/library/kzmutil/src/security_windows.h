@@ -20,9 +20,8 @@ using Local = std::unique_ptr<void, Free>;
 /// others have none. It inherits nothing. Null on failure.
 Local owner_administrators_and_system();
 
-/// The rights that others may have: those to read the object. All other rights allow others to change it, to deny it to
-/// its users or to get more rights. So does the right to wait for a mutex, because it allows others to take and keep
-/// it.
+/// The rights that others may have: only rights to read the object. All other rights let others change it, deny it to
+/// its users or get more rights. So does the right to wait for a mutex, because it lets others take and keep it.
 constexpr ACCESS_MASK reading_a_mutex = GENERIC_READ | READ_CONTROL | MUTANT_QUERY_STATE;
 constexpr ACCESS_MASK reading_a_mapping = GENERIC_READ | READ_CONTROL | SECTION_QUERY | SECTION_MAP_READ;
 
