@@ -59,7 +59,8 @@ class Documents(unittest.TestCase):
         errors = set()
         for file in (PROJECT / "tools").rglob("*.cpp"):
             for before, literal in literals(file):
-                if re.search(r"Failure\(\s*Exit::\w+,[^\"]*$", before) and " " in literal:
+                thrown = re.search(r"(?:Failure\(|^)\s*Exit::\w+,[^\"]*$|(?:Error|refuse)\(\s*ErrorKind::\w+,[^\"]*$", before)
+                if thrown and " " in literal:
                     errors.add(re.sub(r"\{\}", "...", literal))
         self.assertGreater(len(errors), 25)
         for error in sorted(errors):

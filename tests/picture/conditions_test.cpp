@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "picture/failure.h"
+#include "picture/error.h"
 
 namespace picture {
 namespace {
@@ -150,14 +150,14 @@ void PrintTo(const WrongCase& instance, std::ostream* stream) {
 
 class NoCondition : public testing::TestWithParam<WrongCase> {};
 
-TEST_P(NoCondition, IsWrongUsageAndTheMessageShowsThePlace) {
+TEST_P(NoCondition, IsRefusedAndTheMessageShowsThePlace) {
     try {
         const Condition condition(GetParam().text);
         FAIL() << "taken for a condition";
-    } catch (const Failure& failure) {
-        EXPECT_EQ(failure.exit, Exit::usage);
-        EXPECT_THAT(failure.what(), HasSubstr(std::string("not understood at character ") + GetParam().place + ": " +
-                                              GetParam().expected));
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::invalid_condition);
+        EXPECT_THAT(error.what(), HasSubstr(std::string("invalid condition at character ") + GetParam().place + ": " +
+                                            GetParam().expected));
     }
 }
 
@@ -206,9 +206,9 @@ TEST(ConditionNesting, IsLimited) {
     };
     EXPECT_TRUE(Condition(nested("(", 99, ")")).holds(picture()));
     EXPECT_FALSE(Condition(nested("not ", 99, "")).holds(picture()));
-    EXPECT_THROW(Condition{nested("(", 100, ")")}, Failure);
-    EXPECT_THROW(Condition{nested("not ", 100, "")}, Failure);
-    EXPECT_THROW(Condition{nested("(", 1'000'000, ")")}, Failure);
+    EXPECT_THROW(Condition{nested("(", 100, ")")}, Error);
+    EXPECT_THROW(Condition{nested("not ", 100, "")}, Error);
+    EXPECT_THROW(Condition{nested("(", 1'000'000, ")")}, Error);
 }
 
 TEST(ConditionLength, IsNotLimited) {
@@ -222,17 +222,17 @@ TEST(ConditionThatDoesNotHold, TellsWhatKeepsItFromHolding) {
     const auto unmet = [](const char* text) { return Condition(text).unmet(picture()); };
     EXPECT_EQ(unmet("cluster/clstat = 2"), "cluster/clstat = 2 (it is 1)");
     EXPECT_EQ(unmet("servers/alpha/combstat>0"), "servers/alpha/combstat>0 (it is none)");
-    EXPECT_EQ(unmet("servers/gamma/pri=1"), "servers/gamma/pri=1 (there is no such key)");
-    EXPECT_EQ(unmet("exists servers/gamma/pri"), "exists servers/gamma/pri (there is no such key)");
+    EXPECT_EQ(unmet("servers/gamma/pri=1"), "servers/gamma/pri=1 (no such key)");
+    EXPECT_EQ(unmet("exists servers/gamma/pri"), "exists servers/gamma/pri (no such key)");
     EXPECT_EQ(unmet("all servers/*/nodestat=1"), "all servers/*/nodestat=1 (servers/beta/nodestat is 2)");
     EXPECT_EQ(unmet("any servers/*/pingstat=2"), "any servers/*/pingstat=2 (servers/alpha/pingstat is 1, 2 more)");
-    EXPECT_EQ(unmet("all np/*/*/stat=1"), "all np/*/*/stat=1 (there is no such key)");
+    EXPECT_EQ(unmet("all np/*/*/stat=1"), "all np/*/*/stat=1 (no such key)");
     EXPECT_EQ(unmet("not  (cluster/clstat=1 or cluster/clstat=2)"), "not  (cluster/clstat=1 or cluster/clstat=2)");
     EXPECT_EQ(unmet("cluster/clstat=1 and cluster/waitstat=2 and (cluster/clstat=3 or not cluster/clstat=1)"),
               "cluster/waitstat=2 (it is 0) and (cluster/clstat=3 (it is 1) or not cluster/clstat=1)");
     EXPECT_EQ(unmet("cluster/clstat=2 or cluster/clstat=1 and cluster/clstat=3"),
               "cluster/clstat=2 (it is 1) or cluster/clstat=3 (it is 1)");
-    EXPECT_EQ(unmet("servers/\xff\x1b/pri=1"), "servers/%FF%1B/pri=1 (there is no such key)");
+    EXPECT_EQ(unmet("servers/\xff\x1b/pri=1"), "servers/%FF%1B/pri=1 (no such key)");
     EXPECT_EQ(unmet("cluster/clstat=1"), "");
 }
 

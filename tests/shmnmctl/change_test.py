@@ -41,7 +41,7 @@ class Changing(ToolTest):
     def test_nothing_is_set_when_one_key_does_not_exist(self):
         self.cluster()
         error = self.refused(1, "set", "-", input="cluster/clstat 5\nservers/nobody/nodestat 1\ncluster/bwflag 6\n")
-        self.assertIn("there is no servers/nobody/nodestat", error)
+        self.assertIn("nothing was set: there is no key servers/nobody/nodestat; ", error)
 
     def test_nothing_is_set_when_one_value_does_not_fit(self):
         self.cluster()
@@ -65,7 +65,7 @@ class Changing(ToolTest):
 
     def test_words_that_the_library_sets_together_are_given_together(self):
         api = self.cluster()
-        self.assertIn("one \"shmnmctl set -\"", self.refused(5, "set", "cluster/hbinfo_a", "3"))
+        self.assertIn("; give all of them in one \"shmnmctl set\"", self.refused(5, "set", "cluster/hbinfo_a", "3"))
         self.done("set", "cluster/hbinfo_a", "3", "cluster/hbinfo_b", "4")
         self.done("set", "cluster/hbinfo_b", "5")
         self.assertEqual(api.ok("shmnm_gethbinfo_ex"), ["3", "5"])
@@ -75,7 +75,7 @@ class Changing(ToolTest):
     def test_a_pair_whose_server_the_library_would_not_find_is_refused(self):
         api = self.cluster()
         api.ok("shmnm_modifynode", "gamma", 0)
-        self.assertIn("alpha has the same one", self.refused(5, "set", "hb/lan/lanhb1/svstat/gamma", "1"))
+        self.assertIn("alpha has the same priority, 0; ", self.refused(5, "set", "hb/lan/lanhb1/svstat/gamma", "1"))
         self.done("set", "hb/lan/lanhb1/svstat/alpha", "1")
 
     def test_a_full_table_of_process_ids_refuses_updates_before_anything_is_set(self):
@@ -192,7 +192,7 @@ class Changing(ToolTest):
         api.ok("shmnm_rwlock", 0)
         result = self.tool("set", "cluster/clstat", "1", "--lock-timeout", "50")
         self.assertEqual(result.status, 4)
-        self.assertIn("did not come within 50 ms", result.err)
+        self.assertIn("timed out after 50 ms waiting for the lock; ", result.err)
         if support.PLATFORM == "linux":
             self.assertIn(f"held by process {api.process.pid} thread {api.process.pid} (\"", result.err)
             self.assertIn("api_caller\", running) since 20", result.err)

@@ -143,9 +143,33 @@ class Contract(ToolTest):
             with self.subTest(name):
                 result = self.tool(*command)
                 self.assertEqual(result.status, 4, result)
-                self.assertIn("the lock did not come within 30 ms", result.err)
+                self.assertIn("timed out after 30 ms waiting for the lock; ", result.err)
         self.assertEqual(self.tool("lock", "--timeout", "30", "--", *support.native_program("shmnmctl"), "--version").status, 4)
         self.assertEqual(self.tool("wait", "cluster/clstat=1", "--timeout", "100ms").status, 4)
+
+    def test_status_watch_reports_each_problem_with_its_own_status(self):
+        api = self.cluster()
+        api.ok("shmnm_rwlock", 0)
+        watch = self.start("--lock-timeout", "30", "status", "--watch", "0.05", "--format", "json")
+
+        def next_document():
+            return support.validated(watch.stdout.readline().decode())[0]
+
+        def next_error():
+            while (document := next_document())["kind"] != "error":
+                pass
+            return document["status"], document["message"]
+
+        status, message = next_error()
+        self.assertEqual(status, 4)
+        self.assertRegex(message, "^timed out after 30 ms waiting for the lock; .*retry with a longer --lock-timeout, or deal with its holder$")
+        api.ok("shmnm_rwunlock")
+        while next_document()["kind"] == "error":
+            pass
+        api.end()
+        status, message = next_error()
+        self.assertEqual(status, 3)
+        self.assertRegex(message, '^no process holds the region .*; start the cluster, or run "shmnmctl serve"$')
 
     def test_4_when_what_is_waited_for_does_not_come(self):
         self.cluster()

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "picture/decode.h"
-#include "picture/failure.h"
+#include "picture/error.h"
 #include "picture/findings.h"
 #include "picture/json.h"
 #include "picture/keys.h"
@@ -256,7 +256,7 @@ TEST(DamagedDumps, AreReadFromFilesOfAnySize) {
         folder.write("dump", std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
         const std::string file = (folder.path() / "dump").string();
         if (size < sizeof(shmnm_header)) {
-            EXPECT_THROW(read_dump(file), Failure);
+            EXPECT_THROW(read_dump(file), Error);
             continue;
         }
         const Snapshot snapshot = read_dump(file);

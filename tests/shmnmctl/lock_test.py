@@ -89,7 +89,7 @@ class Locking(LockTest):
         api.ok("shmnm_rwlock", 0)
         result = self.tool("lock", "--timeout", "50", *tool_as_command("--version"))
         self.assertEqual((result.status, result.out), (4, ""))
-        self.assertIn("the lock did not come within 50 ms", result.err)
+        self.assertIn("timed out after 50 ms waiting for the lock; ", result.err)
 
     def test_who_holds_the_lock_is_told(self):
         api = self.api()
@@ -118,7 +118,7 @@ class LockingOnLinux(LockTest):
         self.assertTrue(holder["command"].endswith("api_caller"), holder)
         late = self.tool("lock", "--timeout", "20", *tool_as_command("--version"))
         self.assertEqual(late.status, 4)
-        self.assertIn(f'ms: held by process {api.process.pid} thread {api.process.pid} ("', late.err)
+        self.assertIn(f'ms waiting for the lock; held by process {api.process.pid} thread {api.process.pid} ("', late.err)
         self.assertIn('api_caller", running) since 20', late.err)
         os.kill(api.process.pid, signal.SIGSTOP)
         try:

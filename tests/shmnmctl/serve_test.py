@@ -100,14 +100,14 @@ class Serving(ServeTest):
             ('<server priority="1"/>', "a server in /root/cluster has no name"),
             ('<server name="a"/>', "a server in /root/cluster has no priority"),
             ('<server name="a" priority="first"/>', 'the priority "first" of a server'),
-            ('<server name="a" priority="2147483648"/>', "is no 32-bit number"),
-            ('<hb type="lan" name="a" priority="-1"/>', "is no 32-bit number"),
+            ('<server name="a" priority="2147483648"/>', "is not a 32-bit number"),
+            ('<hb type="lan" name="a" priority="-1"/>', "is not a 32-bit number"),
             ('<hb name="a" priority="1"/>', "a hb in /root/cluster has no type"),
             ('<np type="t" name="" priority="1"/>', "a np in /root/cluster has no name"),
             (f'<server name="{"n" * 256}" priority="1"/>', "is longer than 255 bytes"),
             (f'<hb type="{"t" * 32}" name="a" priority="1"/>', "is longer than 31 bytes"),
-            ('<disk name="a" priority="1"/>', "has an element disk; server, hb and np are known"),
-            ('<server name="a" priority="1"><hb/></server>', "the server a in /root/cluster has an element hb in it"),
+            ('<disk name="a" priority="1"/>', "unknown element disk in /root/cluster: use server, hb and np"),
+            ('<server name="a" priority="1"><hb/></server>', "the server a in /root/cluster contains an element hb"),
             ('<server name="a" priority="1"/><server name="a" priority="2"/>', "has the server a twice"),
             ("".join(f'<server name="s{i}" priority="1"/>' for i in range(5)), "has 5 server elements, and /root/all/num has room for 4"),
             ("".join(f'<np type="t" name="n{i}" priority="1"/>' for i in range(3)), "has room for 2"),
@@ -117,9 +117,9 @@ class Serving(ServeTest):
                 self.assertIn(said, self.refused())
 
     def test_a_file_that_is_missing_or_no_xml_is_refused(self):
-        self.assertIn("cannot be read", self.refused("--config", path(self.folder / "missing.xml")))
+        self.assertIn("cannot read the configuration", self.refused("--config", path(self.folder / "missing.xml")))
         (self.folder / "broken.xml").write_text("<root><all></root>")
-        self.assertIn("no well-formed XML", self.refused("--config", path(self.folder / "broken.xml")))
+        self.assertIn("not well-formed XML", self.refused("--config", path(self.folder / "broken.xml")))
         file = self.folder / "members.xml"
         (self.folder / "etc/cluster.xml").rename(file)
         self.assertIn("put the cluster's configuration there", self.refused())

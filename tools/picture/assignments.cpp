@@ -8,8 +8,8 @@
 #include <memory>
 #include <set>
 
+#include "picture/error.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 #include "picture/library.h"
 
 namespace picture {
@@ -20,13 +20,18 @@ using SetServerWord = uint32_t (*)(const char*, uint32_t);
 using SetResourceWord = uint32_t (*)(const char*, const char*, uint32_t);
 using SetPairWord = uint32_t (*)(const char*, const char*, int32_t, uint32_t);
 
-[[noreturn]] void refuse(const std::string& key, const std::string& why) {
-    throw Failure(Exit::failed, fmt::format("{} is not set: {}", printable(key), why));
+[[noreturn]] void refuse(ErrorKind kind, const std::string& key, const std::string& why) {
+    throw Error(kind, fmt::format("cannot set {}: {}", printable(key), why));
 }
 
 [[noreturn]] void does_not_fit(const Assignment& assignment, const char* range) {
-    throw Failure(Exit::usage, fmt::format("{} does not fit {}, which takes {}", assignment.value.to_text(),
-                                           printable(assignment.key), range));
+    throw Error(ErrorKind::invalid, fmt::format("invalid value \"{}\" for {}: use {}", assignment.value.to_text(),
+                                                printable(assignment.key), range));
+}
+
+[[noreturn]] void refuse_unsettable(const std::string& key, const std::string& word) {
+    if (word == "dfailstatus") refuse(ErrorKind::set_by_simulation, key, "only a simulation sets it");
+    refuse(ErrorKind::refused, key, "it follows from other words");
 }
 
 uint32_t word_of(const Assignment& assignment) {
@@ -55,8 +60,8 @@ class Planner {
 
     void add(const Assignment& assignment) {
         if (!keys_.contains(assignment.key)) {
-            throw Failure(Exit::no, fmt::format("there is no {}; nothing was set, and \"shmnmctl list\" shows all keys",
-                                                printable(assignment.key)));
+            throw Error(ErrorKind::no_such_key,
+                        fmt::format("nothing was set: there is no key {}", printable(assignment.key)));
         }
         const std::vector<std::string> part = parts(assignment.key);
         if (part[0] == "cluster") {
@@ -74,9 +79,8 @@ class Planner {
         if (hbinfo_set_) {
             for (const int32_t value : hbinfo_) {
                 if (value < 1) {
-                    refuse("cluster/hbinfo_a",
-                           "the pair is set as one and both are at least 1; give hbinfo_a and "
-                           "hbinfo_b in one \"shmnmctl set -\"");
+                    refuse(ErrorKind::set_together, "cluster/hbinfo_a",
+                           "hbinfo_a and hbinfo_b are set together, each to at least 1");
                 }
             }
             step("shmnm_sethbinfo_ex", [pair = hbinfo_] { return library().shmnm_sethbinfo_ex(pair[0], pair[1]); });
@@ -84,9 +88,8 @@ class Planner {
         if (maxima_set_) {
             for (const int32_t value : maxima_) {
                 if (value < 1) {
-                    refuse("cluster/max_servers",
-                           "the three maxima are set as one and each is at least 1; give all "
-                           "in one \"shmnmctl set -\"");
+                    refuse(ErrorKind::set_together, "cluster/max_servers",
+                           "max_servers, max_hb and max_np are set together, each to at least 1");
                 }
             }
             step("shmnm_setmaxvalue_ex",
@@ -119,8 +122,7 @@ class Planner {
             maxima_[maximum->second] = positive_of(assignment);
             maxima_set_ = true;
         } else {
-            refuse(assignment.key, word == "dfailstatus" ? "\"shmnmctl simulate\" sets it"
-                                                         : "it follows from other words and cannot be set");
+            refuse_unsettable(assignment.key, word);
         }
     }
 
@@ -141,8 +143,7 @@ class Planner {
             const auto [function, set] = setter->second;
             step(function, [set = set, server, value = word_of(assignment)] { return set(server.c_str(), value); });
         } else {
-            refuse(assignment.key, word == "dfailstatus" ? "\"shmnmctl simulate\" sets it"
-                                                         : "it follows from other words and cannot be set");
+            refuse_unsettable(assignment.key, word);
         }
     }
 
@@ -153,9 +154,9 @@ class Planner {
         const auto found = std::find_if(picture_.servers.begin(), picture_.servers.end(),
                                         [&](const Server& one) { return one.pri == named->pri; });
         if (found != named) {
-            refuse(assignment.key, fmt::format("the library finds servers by priority here, and {} has the same one, "
-                                               "{}; give one of them another with \"shmnmctl modify server\"",
-                                               escaped(found->name), found->pri));
+            refuse(ErrorKind::shared_priority, assignment.key,
+                   fmt::format("the library finds servers by priority here, and {} has the same priority, {}",
+                               escaped(found->name), found->pri));
         }
         return named->pri;
     }
@@ -191,7 +192,8 @@ class Planner {
             return;
         }
         if (picture_.header.fst_pid_count >= picture_.header.fst_pid_limit) {
-            refuse(assignment.key, "the table of process ids is full, and the library then refuses updates as well");
+            refuse(ErrorKind::refused, assignment.key,
+                   "the table of process ids is full, and the library then refuses updates too");
         }
         const std::string holder = name(part[2]);
         const auto kind = static_cast<size_t>(part[3][0] - '0');
@@ -223,8 +225,9 @@ class Planner {
 Assignment parse_assignment(const std::string& key, const std::string& value) {
     const auto parsed = Value::parse(value);
     if (!parsed || parsed->is_none()) {
-        throw Failure(Exit::usage, fmt::format("{} is no value for {}; give a whole number, such as 1, -1 or 0x10",
-                                               printable(value), printable(key)));
+        throw Error(ErrorKind::invalid,
+                    fmt::format("invalid value \"{}\" for {}: use a whole number, such as 1, -1 or 0x10",
+                                printable(value), printable(key)));
     }
     return {key, *parsed};
 }
@@ -240,7 +243,8 @@ std::vector<Assignment> parse_assignments(std::string_view text) {
         if (line.empty() || line.starts_with('#')) continue;
         const size_t key_end = line.find_first_of(blanks);
         if (key_end == std::string_view::npos) {
-            throw Failure(Exit::usage, fmt::format("line {} is no key and value: {}", number, printable(line)));
+            throw Error(ErrorKind::invalid, fmt::format("invalid line {}: use a key, a blank and a value, not \"{}\"",
+                                                        number, printable(line)));
         }
         const std::string_view value = line.substr(line.find_first_not_of(blanks, key_end));
         all.push_back(parse_assignment(std::string(line.substr(0, key_end)), std::string(value)));

@@ -16,11 +16,11 @@ struct Assignment {
     Value value;
 };
 
-/// @throws Failure  the value is no number (usage)
+/// @throws Error  the value is not a number (invalid)
 Assignment parse_assignment(const std::string& key, const std::string& value);
 
-/// Lines of a key, blanks and a value. Empty lines and those that begin with # say nothing.
-/// @throws Failure  a line is neither (usage); the message names its number
+/// Lines of a key, blanks and a value. Empty lines and those that begin with # are skipped.
+/// @throws Error  a line is neither (invalid); the message names its number
 std::vector<Assignment> parse_assignments(std::string_view text);
 
 /// A call of the library that is sure to be accepted.
@@ -31,7 +31,7 @@ struct Step {
 
 /// The calls that carry the assignments out, in their order. Nothing is called yet.
 /// @param[in] picture  the region as it is; must outlive the steps
-/// @throws Failure  a key does not exist (no), a value does not fit (usage), or a word cannot be set (failed)
+/// @throws Error  a key does not exist, a value does not fit, or a word cannot be set
 std::vector<Step> plan(const Picture& picture, const std::vector<Assignment>& assignments);
 
 }  // namespace picture

@@ -8,8 +8,8 @@
 
 #include "document.h"
 #include "kzmutil.h"
+#include "picture/error.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 #include "picture/keys.h"
 
 namespace picture {
@@ -23,7 +23,8 @@ class Reader {
     explicit Reader(const std::string& file) : file_(file) {}
 
     [[noreturn]] void refuse(const std::string& why) const {
-        throw Failure(Exit::failed, fmt::format("{} is not taken: {}", printable(file_), why));
+        throw Error(ErrorKind::invalid_configuration,
+                    fmt::format("invalid configuration {}: {}", printable(file_), why));
     }
 
     kzmxml::Element document() const {
@@ -32,10 +33,11 @@ class Reader {
             case XMLLIB_OK:
                 return document;
             case XMLLIB_ERR_FILE:
-                refuse(fmt::format("{}; put the cluster's configuration there, or name it with --config",
-                                   is_something_else() ? "it is not a regular file" : "it cannot be read"));
+                throw Error(ErrorKind::no_configuration,
+                            fmt::format("cannot read the configuration {}{}", printable(file_),
+                                        is_something_else() ? ": it is not a regular file" : ""));
             default:
-                refuse("it is no well-formed XML without a document type, or too large");
+                refuse("it is too large, or not well-formed XML without a document type");
         }
     }
 
@@ -53,7 +55,7 @@ class Reader {
             member.kind = element == "hb" ? Member::Kind::hb : Member::Kind::np;
             member.type = text(element, content, "type", resource_text_limit);
         } else {
-            refuse(fmt::format("/root/cluster has an element {}; server, hb and np are known", printable(element)));
+            refuse(fmt::format("unknown element {} in /root/cluster: use server, hb and np", printable(element)));
         }
         member.name = text(element, content, "name",
                            member.kind == Member::Kind::server ? server_name_limit : resource_text_limit);
@@ -61,8 +63,8 @@ class Reader {
         // A member that stands in another one would not be registered.
         for (const auto& [inner, ignored] : content) {
             if (inner.starts_with('<')) continue;
-            refuse(fmt::format("the {} {} in /root/cluster has an element {} in it; members stand side by side",
-                               element, printable(member.name), printable(inner)));
+            refuse(fmt::format("the {} {} in /root/cluster contains an element {}: members stand side by side", element,
+                               printable(member.name), printable(inner)));
         }
         return member;
     }
@@ -91,7 +93,7 @@ class Reader {
         const auto narrow = parsed ? parsed->to_int32() : std::nullopt;
         const auto wide = parsed && !is_signed ? parsed->to_uint32() : std::nullopt;
         if (is_signed ? !narrow : !wide) {
-            refuse(fmt::format("the priority \"{}\" of a {} in /root/cluster is no 32-bit number", printable(value),
+            refuse(fmt::format("the priority \"{}\" of a {} in /root/cluster is not a 32-bit number", printable(value),
                                element));
         }
         return is_signed ? int64_t{*narrow} : int64_t{*wide};
@@ -128,7 +130,7 @@ void check_room(const Reader& reader, const ClusterFile& read) {
 std::string installed_cluster_file() {
     char path[1024];
     if (!KzmutilGetInstallPath(path, sizeof path)) {
-        throw Failure(Exit::failed, "the installation path is not known; set KZM_INSTALL_PATH");
+        throw Error(ErrorKind::failed, "the installation path is unknown: set KZM_INSTALL_PATH");
     }
     return std::string(path) + "/etc/cluster.xml";
 }

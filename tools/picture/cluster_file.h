@@ -25,7 +25,7 @@ struct ClusterFile {
 /// etc/cluster.xml below the installation path.
 std::string installed_cluster_file();
 
-/// @throws Failure  the file cannot be read, or an element of it is not as it should be; the line names the element
+/// @throws Error  the file cannot be read, or an element of it is invalid; the line names the element
 ClusterFile read_cluster_file(const std::string& file);
 
 }  // namespace picture

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "picture/error.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 
 namespace picture {
 namespace {
@@ -34,10 +34,8 @@ class Parser {
         constexpr size_t most_shown = 40;
         const std::string_view rest = next().empty() ? std::string_view() : text_.substr(at_);
         const std::string shown = printable(rest.substr(0, most_shown)) + (rest.size() > most_shown ? "..." : "");
-        throw Failure(
-            Exit::usage,
-            fmt::format("the condition is not understood at character {}, {}: {}; see \"shmnmctl query --help\"",
-                        at_ + 1, rest.empty() ? "its end" : "\"" + shown + "\"", why));
+        throw Error(ErrorKind::invalid_condition, fmt::format("invalid condition at character {}, {}: {}", at_ + 1,
+                                                              rest.empty() ? "its end" : "\"" + shown + "\"", why));
     }
 
     /// The token that comes next; empty at the end.
@@ -171,7 +169,7 @@ std::string reason(const Part& part, const std::vector<Word>& words) {
         if (!matches(part.pattern, word.key) || part.compare(word.value, part.value)) continue;
         if (unmet++ == 0) first = &word;
     }
-    if (!first) return "there is no such key";
+    if (!first) return "no such key";
     if (first->key == part.pattern) return "it is " + first->value.to_text();
     return fmt::format("{} is {}{}", first->key, first->value.to_text(),
                        unmet > 1 ? fmt::format(", {} more", unmet - 1) : "");
@@ -180,7 +178,7 @@ std::string reason(const Part& part, const std::vector<Word>& words) {
 std::string unmet(const Part& part, const std::vector<Word>& words) {
     if (holds(part, words)) return {};
     if (part.kind == Kind::none_of) return printable(part.text);
-    if (part.kind == Kind::exists) return printable(part.text) + " (there is no such key)";
+    if (part.kind == Kind::exists) return printable(part.text) + " (no such key)";
     if (part.kind == Kind::comparison) return fmt::format("{} ({})", printable(part.text), reason(part, words));
     std::string text;
     for (const Part& each : part.parts) {

@@ -18,7 +18,7 @@ namespace picture {
 
 class Condition {
   public:
-    /// @throws Failure  it is no condition (usage); the message shows the place
+    /// @throws Error  it is not a condition; the message shows the place
     explicit Condition(std::string_view text);
 
     /// A comparison of a key that does not exist does not hold, nor does "all" of none.

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "picture/failure.h"
+#include "picture/error.h"
 #include "picture/platform.h"
 
 namespace picture {
@@ -12,18 +12,17 @@ template <typename Function>
 void look_up(void* module, const char* name, Function& function) {
     function = reinterpret_cast<Function>(platform::symbol(module, name));
     if (!function) {
-        throw Failure(Exit::failed, fmt::format("{} has no {}; install a library and a tool of one version",
-                                                platform::library_file, name));
+        throw Error(ErrorKind::failed,
+                    fmt::format("{} has no function {}: install the library and this program in one version",
+                                platform::library_file, name));
     }
 }
 
 Library load() {
     void* const module = platform::load_module(platform::library_file);
     if (!module) {
-        throw Failure(Exit::failed,
-                      fmt::format("{} is not found or cannot be loaded; it belongs beside this program, with its "
-                                  "companions",
-                                  platform::library_file));
+        throw Error(ErrorKind::failed, fmt::format("cannot load {}: put it beside this program, with its companions",
+                                                   platform::library_file));
     }
     Library loaded{};
 #define PICTURE_FUNCTION(name) look_up(module, #name, loaded.name);
@@ -49,6 +48,11 @@ const char* meaning(uint32_t result) {
         default:
             return "an unknown result";
     }
+}
+
+void expect_ok(const char* function, uint32_t result) {
+    if (result == SHMNM_OK) return;
+    throw Error(ErrorKind::failed, fmt::format("{} failed with code {} ({})", function, result, meaning(result)));
 }
 
 }  // namespace picture

@@ -1,5 +1,5 @@
-// The library, loaded when a command first needs it: so dumps are read and help is given without a kernel object being
-// made, and a refused lock is an error of this tool and not the end of a process that was about to start.
+// The library, loaded when it is first needed: so dumps are read and help is given without making a kernel object, and
+// a refused lock is an error of the program and not the end of a process that was about to start.
 #pragma once
 
 #include "shmnm.h"
@@ -57,10 +57,13 @@ struct Library {
 
 /// Loads the library at the first call. The lock's mutex must have been obtained before, so that loading cannot fail
 /// for it.
-/// @throws Failure  the library, or a function of it, is missing
+/// @throws Error  the library, or a function of it, is missing
 const Library& library();
 
 /// What a result code of the library means.
 const char* meaning(uint32_t result);
+
+/// @throws Error  `result` is not SHMNM_OK; the line names the function and what its result means
+void expect_ok(const char* function, uint32_t result);
 
 }  // namespace picture

@@ -9,8 +9,8 @@
 
 #include "kzmutil.h"
 #include "kzmxml.h"
+#include "picture/error.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 #include "picture/platform.h"
 
 namespace picture {
@@ -39,12 +39,12 @@ std::string with_prefix(const char* name) {
     return (prefix ? prefix : "") + std::string(name);
 }
 
-/// @throws Failure  the region lives, but for another user
+/// @throws Error  the region lives, but for another user
 void refuse_region_of_another_user() {
     const auto user = platform::other_user_of(with_prefix(mapping_name));
     if (!user) return;
-    throw Failure(Exit::failed, fmt::format("the region {} belongs to user {}; run this as that user",
-                                            full_name(mapping_name), printable(*user)));
+    throw Error(ErrorKind::failed, fmt::format("the region {} belongs to user {}; run this as that user",
+                                               full_name(mapping_name), printable(*user)));
 }
 
 /// The integer at a path of the loaded configuration, or its fallback.
@@ -53,10 +53,9 @@ int32_t count(const char* path, int32_t fallback) {
     return xmllib_get_value(path, 1, &value, &length) == XMLLIB_OK ? value : fallback;
 }
 
-Failure no_region() {
+Error no_region() {
     refuse_region_of_another_user();
-    return {Exit::no_region, fmt::format("no process holds the region {}; start the cluster, or \"shmnmctl serve\"",
-                                         full_name(mapping_name))};
+    return {ErrorKind::no_region, fmt::format("no process holds the region {}", full_name(mapping_name))};
 }
 
 }  // namespace
@@ -119,7 +118,7 @@ class LiveRegion::View {
         if (!base_) {
             const std::string why = reason();
             platform::close(mapping_);
-            throw Failure(Exit::failed, fmt::format("the region {} cannot be mapped {}", full_name(mapping_name), why));
+            throw Error(ErrorKind::failed, fmt::format("cannot map the region {} {}", full_name(mapping_name), why));
         }
     }
     ~View() {
@@ -159,7 +158,7 @@ LiveRegion::~LiveRegion() {
 }
 
 void LiveRegion::tell(const char* what, const char* name) {
-    if (access_.verbose) fmt::print(stderr, "shmnmctl: opens the {} {}\n", what, full_name(name));
+    if (access_.tell) access_.tell(fmt::format("opens the {} {}", what, full_name(name)));
 }
 
 void* LiveRegion::mutex() {
@@ -167,7 +166,7 @@ void* LiveRegion::mutex() {
     tell("mutex", mutex_name);
     mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
     if (!mutex_) {
-        throw Failure(Exit::failed, fmt::format("the lock {} is refused {}", full_name(mutex_name), reason()));
+        throw Error(ErrorKind::failed, fmt::format("cannot open the lock {} {}", full_name(mutex_name), reason()));
     }
     return mutex_;
 }
@@ -178,15 +177,13 @@ std::unique_ptr<LiveRegion::View> LiveRegion::open() {
     void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
     if (mapping) return std::make_unique<View>(mapping);
     if (platform::last_error() == error_not_found) return nullptr;
-    throw Failure(Exit::failed, fmt::format("the region {} is refused {}", full_name(mapping_name), reason()));
+    throw Error(ErrorKind::failed, fmt::format("cannot open the region {} {}", full_name(mapping_name), reason()));
 }
 
 void LiveRegion::throw_no_lock(uint32_t timeout_ms) {
     const std::string holder = describe_holder(mutex_);
-    throw Failure(Exit::timeout,
-                  fmt::format("the lock did not come within {} ms{}{}; wait longer with --lock-timeout, or see to its "
-                              "holder",
-                              timeout_ms, holder.empty() ? "" : ": ", holder));
+    throw Error(ErrorKind::lock_timeout, fmt::format("timed out after {} ms waiting for the lock{}{}", timeout_ms,
+                                                     holder.empty() ? "" : "; ", holder));
 }
 
 void LiveRegion::lock() {
@@ -242,7 +239,7 @@ std::optional<Snapshot> LiveRegion::try_copy(uint32_t lock_timeout_ms) {
     platform::count_look(lock);
     calls.shmnm_rounlock();
     snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
-    if (access_.verbose) fmt::print(stderr, "shmnmctl: held the lock for {} us\n", snapshot.lock_held_us);
+    if (access_.tell) access_.tell(fmt::format("held the lock for {} us", snapshot.lock_held_us));
     settle_layout(snapshot);
     return snapshot;
 }
@@ -278,8 +275,7 @@ WritableRegion::WritableRegion()
     const std::string why = reason();
     if (mapping_) platform::close(mapping_);
     if (is_missing) throw no_region();
-    throw Failure(Exit::failed,
-                  fmt::format("the region {} cannot be mapped to be written to {}", full_name(mapping_name), why));
+    throw Error(ErrorKind::failed, fmt::format("cannot map the region {} for writing {}", full_name(mapping_name), why));
 }
 WritableRegion::~WritableRegion() {
     platform::unmap(base_);
@@ -299,10 +295,9 @@ Change::Change(LiveRegion& region, bool force) : region_(region) {
         before_ = region_.copy_locked();
         const Counts header = before_.header_counts();
         if (!force && before_.configured && *before_.configured != header) {
-            throw Failure(Exit::failed,
-                          fmt::format("nothing was changed: the region has {}, this machine's configuration has {}; "
-                                      "make them equal, or write the configuration's into the region with --force",
-                                      to_text(header), to_text(*before_.configured)));
+            throw Error(ErrorKind::configuration_differs,
+                        fmt::format("nothing was changed: the region has {}, this machine's configuration has {}",
+                                    to_text(header), to_text(*before_.configured)));
         }
         expect_ok("shmnm_attach", library().shmnm_attach());
     } catch (...) {
@@ -314,11 +309,6 @@ Change::Change(LiveRegion& region, bool force) : region_(region) {
 Change::~Change() {
     library().shmnm_detach();
     region_.unlock();
-}
-
-void expect_ok(const char* function, uint32_t result) {
-    if (result == SHMNM_OK) return;
-    throw Failure(Exit::failed, fmt::format("{} answered {}: {}", function, result, meaning(result)));
 }
 
 }  // namespace picture

@@ -1,6 +1,7 @@
 // The live region: copies of it that change nothing, and a way to change it through the library.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,7 +14,7 @@ namespace picture {
 /// How the live region is reached.
 struct Access {
     uint32_t lock_timeout_ms = 5'000;
-    bool verbose = false;  ///< tells on standard error what is opened
+    std::function<void(const std::string&)> tell;  ///< is told what is opened; may be empty
 };
 
 inline constexpr const char* mapping_name = "oru_kzmshmnm_map";
@@ -42,20 +43,20 @@ class LiveRegion {
     /// alive: when its last holder leaves it ends, and a later copy may be one of another region.
     /// @param[in] lock_timeout_ms  at most so long is waited for the lock, where that is shorter than usual
     /// @return nothing: there is no region
-    /// @throws Failure  the region is refused or the lock does not come
+    /// @throws Error  the region is refused or the lock does not come
     std::optional<Snapshot> try_copy(uint32_t lock_timeout_ms = UINT32_MAX);
-    /// @throws Failure  also when there is no region
+    /// @throws Error  also when there is no region
     Snapshot copy();
 
-    /// Needs no lock. @throws Failure  there is no region
+    /// Needs no lock. @throws Error  there is no region
     void expect();
-    /// For what needs the lock alone. @throws Failure  there is no region for this user, but one for another
+    /// For what needs the lock alone. @throws Error  there is no region for this user, but one for another
     void expect_own();
 
     /// As copy(), for a caller that holds the lock.
     Snapshot copy_locked();
 
-    /// Takes the lock, to write. @throws Failure  it does not come in time; the line says who holds it
+    /// Takes the lock, to write. @throws Error  it does not come in time; the line says who holds it
     void lock();
     /// Takes the lock if that needs no waiting. @return whether it was taken
     bool try_lock();
@@ -80,7 +81,7 @@ class LiveRegion {
 /// The live region mapped to be written to by other means than the library's calls, as long as this lives.
 class WritableRegion {
   public:
-    /// @throws Failure  there is no region, or it is refused
+    /// @throws Error  there is no region, or it is refused
     WritableRegion();
     ~WritableRegion();
     WritableRegion(const WritableRegion&) = delete;
@@ -98,7 +99,7 @@ class WritableRegion {
 /// The lock, taken to write. It is given back with this.
 class Locked {
   public:
-    /// @throws Failure  it does not come in time
+    /// @throws Error  it does not come in time
     explicit Locked(LiveRegion& region) : region_(region) { region_.lock(); }
     ~Locked() { region_.unlock(); }
     Locked(const Locked&) = delete;
@@ -112,7 +113,7 @@ class Locked {
 class Change {
   public:
     /// @param[in] force  also when the region was laid out by counts other than this machine's configuration has
-    /// @throws Failure  there is no region, it differs from the configuration, or the library refuses
+    /// @throws Error  there is no region, it differs from the configuration, or the library refuses
     Change(LiveRegion& region, bool force);
     ~Change();
     Change(const Change&) = delete;
@@ -125,8 +126,5 @@ class Change {
     LiveRegion& region_;
     Snapshot before_;
 };
-
-/// @throws Failure  `result` is not SHMNM_OK; the line names the function and what its result means
-void expect_ok(const char* function, uint32_t result);
 
 }  // namespace picture

@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "change_steps.h"
-#include "picture/failure.h"
+#include "picture/error.h"
 #include "picture/live.h"
 #include "picture/platform.h"
 
@@ -12,8 +12,8 @@ namespace {
 
 using shmnm::Note;
 
-[[noreturn]] void refuse(const std::string& why) {
-    throw Failure(Exit::failed, "nothing was changed: " + why);
+[[noreturn]] void refuse(ErrorKind kind, const std::string& why) {
+    throw Error(kind, "nothing was changed: " + why);
 }
 
 /// Takes of the lock since the noted one that were not a tool's look.
@@ -25,15 +25,12 @@ void complete(Note& note, const WritableRegion& writable, const platform::LockHo
     const shmnm::Counts counts{note.servers, note.hb, note.np, note.fst};
     const shmnm::Region region{writable.base(), writable.size(), counts, shmnm::Layout(counts), writable.object()};
     if (const uint64_t takes = later_takes(holder, note); takes > 0 && !force) {
-        refuse(
-            fmt::format("the lock was taken {} {} since {}, so values may have been set in the wrong places; look "
-                        "at the region, then complete the change with --force or drop its note with --discard",
+        refuse(ErrorKind::change_in_doubt,
+            fmt::format("the lock was taken {} {} since {}, so values may have been set in the wrong places",
                         takes, takes == 1 ? "time" : "times", sentence(interrupted_changes(note, note.object).back())));
     }
     if (!shmnm::can_complete(region, note)) {
-        refuse(
-            "the change cannot be completed from its note; put the region right by other commands, then drop the "
-            "note with --discard");
+        refuse(ErrorKind::change_lost, "the change cannot be completed from its note");
     }
     // If this process is killed too, the next one finds the note as if the first had just been.
     note.takes = holder.takes;
@@ -58,11 +55,10 @@ Repaired repair(const Access& access, bool force, bool discard) {
     const auto holder = platform::lock_holder(region.mutex());
     auto* const note = static_cast<Note*>(platform::own_note(region.mutex()));
     if (!note || !holder) {
-        throw Failure(Exit::failed,
-                      "this system keeps no note of changes; \"shmnmctl verify\" finds what the bytes alone can tell");
+        refuse(ErrorKind::no_notes, "this system keeps no note of changes");
     }
     if (note->state > Note::open || note->superseded.state > Note::open) {
-        refuse("the note is of another version of the library; use the shmnmctl that belongs to it");
+        refuse(ErrorKind::refused, "the note is of another version of the library: use the program of that version");
     }
     Repaired outcome;
     const std::vector<Interrupted> all = interrupted_changes(*note, writable.object());
@@ -73,16 +69,14 @@ Repaired repair(const Access& access, bool force, bool discard) {
         return outcome;
     }
     if (note->state == Note::open && note->object != writable.object()) {
-        refuse("the note is of a region that has ended; drop it with --discard");
+        refuse(ErrorKind::note_outdated, "the note is of a region that has ended");
     }
     if (note->state == Note::open) {
         complete(*note, writable, *holder, force);
         outcome.completed.push_back(all.back());
         close(*note);
     } else if (!all.empty()) {
-        refuse(sentence(all[0]) +
-               ", so it cannot be completed any more; put the region right by other commands, then "
-               "drop the note with --discard");
+        refuse(ErrorKind::change_lost, sentence(all[0]) + ", so it cannot be completed any more");
     }
     return outcome;
 }

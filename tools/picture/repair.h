@@ -15,7 +15,7 @@ struct Repaired {
 
 /// @param[in] force    also when the lock was taken since by more than tools that look
 /// @param[in] discard  changes nothing in the region and drops the notes
-/// @throws Failure  refused, or there is no region or no lock to be had; nothing was changed
+/// @throws Error  refused, or there is no region or no lock to be had; nothing was changed
 Repaired repair(const Access& access, bool force, bool discard);
 
 }  // namespace picture

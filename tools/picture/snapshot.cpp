@@ -9,8 +9,8 @@
 #include <fstream>
 #include <limits>
 
+#include "picture/error.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 #include "shmnm.h"
 
 namespace picture {
@@ -39,24 +39,25 @@ Counts Snapshot::header_counts() const {
 
 Snapshot read_dump(const std::string& file) {
     const auto refuse = [&](const std::string& why) {
-        throw Failure(Exit::failed, fmt::format("{} is not read: {}", printable(file), why));
+        throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", printable(file), why));
     };
     std::error_code error;
-    if (std::filesystem::is_directory(file, error)) refuse("it is a folder; name a file written by \"shmnmctl dump\"");
+    if (std::filesystem::is_directory(file, error)) refuse("it is a folder");
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
-    if (!stream) refuse(fmt::format("{}; name a file written by \"shmnmctl dump\"", std::strerror(errno)));
+    if (!stream) refuse(std::strerror(errno));
 
     Snapshot snapshot;
     char part[1 << 16];
     while (stream) {
         stream.read(part, sizeof part);
         snapshot.bytes.insert(snapshot.bytes.end(), part, part + stream.gcount());
-        if (snapshot.bytes.size() > std::numeric_limits<uint32_t>::max()) refuse("no region is larger than 2^32 bytes");
+        if (snapshot.bytes.size() > std::numeric_limits<uint32_t>::max())
+            refuse("it is larger than any region, which has at most 2^32 bytes");
     }
-    if (stream.bad()) refuse("reading failed part-way");
+    if (stream.bad()) refuse("reading it failed half-way");
     if (snapshot.bytes.size() < sizeof(shmnm_header)) {
-        refuse(fmt::format("it has {} bytes, and the header alone has {}; it was cut, or is no dump",
+        refuse(fmt::format("it has {} bytes and the header alone has {}, so it was cut or is not a dump",
                            snapshot.bytes.size(), sizeof(shmnm_header)));
     }
     snapshot.mapped = snapshot.bytes.size();

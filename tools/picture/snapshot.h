@@ -35,7 +35,7 @@ struct Snapshot {
 };
 
 /// Reads a dump.
-/// @throws Failure  it cannot be read, or is smaller than a header or larger than 2^32 bytes
+/// @throws Error  it cannot be read, or is smaller than a header or larger than 2^32 bytes
 Snapshot read_dump(const std::string& file);
 
 }  // namespace picture

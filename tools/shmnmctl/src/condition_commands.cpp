@@ -68,10 +68,10 @@ std::string unmet_now(LiveRegion& region, const Condition& condition, uint32_t l
         // One that has gone may come back, in this one's place or another's.
         if (!snapshot) return "no process holds the region any more";
         return condition.unmet(words(decode(*snapshot)));
-    } catch (const Failure& failure) {
+    } catch (const Error& error) {
         // Without the lock nobody knows, and the time that it took was part of the waiting.
-        if (failure.exit != Exit::timeout) throw;
-        return failure.what();
+        if (error.kind != ErrorKind::lock_timeout) throw;
+        return Failure(error).what();
     }
 }
 

@@ -7,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "picture/failure.h"
+#include "failure.h"
 #include "picture/json.h"
 #include "picture/live.h"
 #include "picture/snapshot.h"

@@ -3,40 +3,29 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "context.h"
+#include "failure.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 #include "session.h"
 
 namespace {
 
 using namespace shmnmctl;
 
-int report(Exit exit, const std::string& message, bool json) {
-    std::string text = "shmnmctl: " + message + "\n";
-    if (json) {
-        Json error = document("error");
-        error["status"] = static_cast<int>(exit);
-        error["message"] = message;
-        text = line(error);
-    }
+int report(const Failure& failure, bool json) {
+    const std::string text = (json ? "" : "shmnmctl: ") + to_text(failure, json);
     std::fputs(text.c_str(), stderr);
-    return static_cast<int>(exit);
+    return static_cast<int>(failure.exit);
 }
 
 int run(const Context& context) {
     try {
         return static_cast<int>(context.command());
-    } catch (const Failure& failure) {
-        return report(failure.exit, failure.what(), context.json());
-    } catch (const std::bad_alloc&) {
-        return report(Exit::failed, "memory ran out", context.json());
-    } catch (const std::exception& error) {
-        return report(Exit::failed, printable(error.what()), context.json());
+    } catch (const std::exception&) {
+        return report(current_failure(), context.json());
     }
 }
 
@@ -78,7 +67,14 @@ int main(int argc, char** argv) {
     Context context;
     app.add_option("--lock-timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the region's lock")
         ->capture_default_str();
-    app.add_flag("--verbose", context.access.verbose, "Tell the full names of the kernel objects that are opened");
+    app.add_flag_callback(
+        "--verbose",
+        [&context] {
+            context.access.tell = [](const std::string& what) {
+                std::fputs(("shmnmctl: " + what + "\n").c_str(), stderr);
+            };
+        },
+        "Tell the full names of the kernel objects that are opened");
     add_status_command(app, context);
     add_looking_commands(app, context);
     add_changing_commands(app, context);
@@ -96,9 +92,9 @@ int main(int argc, char** argv) {
         std::string what = printable(error.what());
         const auto word = std::find_if(argv + 1, argv + argc, [](const char* argument) { return argument[0] != '-'; });
         if (app.get_subcommands().empty() && error.get_name() == "RequiredError" && word != argv + argc) {
-            what = "\"" + printable(*word) + "\" is no command";
+            what = "unknown command \"" + printable(*word) + "\"";
         }
-        return report(Exit::usage, what + "; see \"shmnmctl --help\"", asks_for_json(argc, argv));
+        return report({Exit::usage, what + "; see \"shmnmctl --help\""}, asks_for_json(argc, argv));
     }
     return run(context);
 }

@@ -16,15 +16,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "failure.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 #include "picture/platform.h"
 
 namespace shmnmctl::session {
 namespace {
 
-using picture::Exit;
-using picture::Failure;
 using picture::printable;
 
 /// What the signal handlers write to. A byte: 's' to stop, 'w' for another size of the terminal.

@@ -8,8 +8,8 @@
 
 #include <cstdio>
 
+#include "failure.h"
 #include "picture/escape.h"
-#include "picture/failure.h"
 
 // A * in an argument is for a condition; the run time must not look for files of that name.
 extern "C" {
@@ -20,8 +20,6 @@ int _dowildcard = 0;
 namespace shmnmctl::session {
 namespace {
 
-using picture::Exit;
-using picture::Failure;
 using picture::printable;
 
 HANDLE stop_event = nullptr;

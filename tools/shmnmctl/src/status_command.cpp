@@ -104,13 +104,13 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
     std::optional<Picture> shown;
     do {
         std::optional<Snapshot> snapshot;
-        std::string problem;
+        std::string problem;  // in the place of the picture
         try {
             snapshot = region.copy();
-        } catch (const Failure& failure) {
+        } catch (const Error& error) {
             // It may come back.
-            if (failure.exit != Exit::no_region && failure.exit != Exit::timeout) throw;
-            problem = failure.what();
+            if (error.kind != ErrorKind::no_region && error.kind != ErrorKind::lock_timeout) throw;
+            problem = to_text(Failure(error), context.json());
         }
         // Asked for at each draw: it may have been resized.
         const session::Terminal terminal = session::terminal();
@@ -127,13 +127,7 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
             shown = std::move(picture);
         } else {
             shown.reset();
-            text += problem + "\n";
-            if (context.json()) {
-                Json error = document("error");
-                error["status"] = static_cast<int>(Exit::no_region);
-                error["message"] = problem;
-                text = line(error);
-            }
+            text = context.json() ? problem : text + problem;
         }
         if (screen) {
             Screen::draw(text, terminal.rows);

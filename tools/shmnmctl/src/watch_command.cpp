@@ -174,9 +174,9 @@ Exit watch(const Context& context, const WatchOptions& options) {
     for (bool stopped = false;;) {
         try {
             watch.see(region.try_copy(longest_lock_ms));
-        } catch (const Failure& failure) {
+        } catch (const Error& error) {
             // The next copy shows what it can, and says what was missed.
-            if (failure.exit != Exit::timeout) throw;
+            if (error.kind != ErrorKind::lock_timeout) throw;
         }
         // One last look shows what had happened when the stop was asked for.
         if (stopped) break;
