@@ -146,7 +146,7 @@ class Changing(ToolTest):
         self.assertEqual(self.tool("describe", "hb", "lan", "lanhb1", "--format", "json").json["descript"], "short%20%25")
         self.done("describe", "fst", "x" * 256)
         self.assertEqual(self.tool("describe", "fst").out, "x" * 256 + "\n")
-        self.assertIn("first np resource alone", self.refused(5, "describe", "np", "majority", "majoritynp1", "x"))
+        self.assertIn("the library reaches only the description of the first np resource", self.refused(5, "describe", "np", "majority", "majoritynp1", "x"))
         self.refused(1, "describe", "np", "majority", "nobody", "x")
         self.refused(2, "describe", "fst", "x" * 257)
         self.assertEqual(self.tool("describe", "hb", "lan", "nobody").status, 1)
@@ -161,7 +161,7 @@ class Changing(ToolTest):
         self.assertEqual(api.ok("shmnm_getnpsimuflag"), ["0"])
         self.refused(1, "simulate", "on", "nobody")
         api.ok("shmnm_modifynode", "gamma", 1)
-        self.assertIn("gamma shares the priority 1", self.refused(5, "simulate", "on", "beta"))
+        self.assertIn("gamma has the priority 1 too, and was not named; give one of them another priority with", self.refused(5, "simulate", "on", "beta"))
         api.ok("shmnm_modifynode", "gamma", -1)
         self.refused(5, "simulate", "on", "gamma")
 

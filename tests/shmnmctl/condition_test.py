@@ -104,9 +104,9 @@ class Wait(ToolTest):
             with self.subTest(duration):
                 result = self.tool("wait", "exists cluster/clstat and all servers/*/pri = 0", "--timeout", duration)
                 self.assertEqual(result.status, 4, result)
-                self.assertEqual(result.err, f"shmnmctl: it did not hold within {duration}: all servers/*/pri = 0 (servers/beta/pri is 1, 1 more)\n")
+                self.assertEqual(result.err, f"shmnmctl: the condition did not hold within {duration}: all servers/*/pri = 0 (servers/beta/pri is 1, 1 more)\n")
         result = self.tool("wait", "cluster/clstat=1", "--timeout", "1ms", "--format", "json")
-        self.assertEqual(result.error["message"], "it did not hold within 1ms: cluster/clstat=1 (it is 0)")
+        self.assertEqual(result.error["message"], "the condition did not hold within 1ms: cluster/clstat=1 (it is 0)")
 
     def test_refuses_what_is_no_duration(self):
         for duration in ("", "soon", "5 s", "1d", "-1", "-1s", "1msx", "ms", "inf", "nan", "1e300h"):
@@ -132,14 +132,14 @@ class Wait(ToolTest):
         process = self.waiting("cluster/clstat=3", "--timeout", "3s")
         api.end()
         self.assertEqual(process.wait(), 4)
-        self.assertEqual(self.last_error(process), "shmnmctl: it did not hold within 3s: no process holds the region any more")
+        self.assertEqual(self.last_error(process), "shmnmctl: the condition did not hold within 3s: no process holds the region any more")
 
     def test_a_lock_that_does_not_come_takes_no_more_than_the_time(self):
         api = self.cluster()
         api.ok("shmnm_rwlock", 0)
         result = self.tool("wait", "cluster/clstat=0", "--timeout", "60ms", "--lock-timeout", "20")
         self.assertEqual(result.status, 4, result)
-        self.assertRegex(result.err, r"^shmnmctl: it did not hold within 60ms: timed out after [0-9]+ ms waiting for the lock")
+        self.assertRegex(result.err, r"^shmnmctl: the condition did not hold within 60ms: timed out after [0-9]+ ms waiting for the lock")
         # Without the time-out of the wait it is waited for, however often it does not come.
         process = self.waiting("cluster/clstat=0", "--lock-timeout", "1")
         self.assertEqual(self.tool("wait", "cluster/clstat=0", "--timeout", "60ms").status, 4)
@@ -154,7 +154,7 @@ class Wait(ToolTest):
                 process = self.waiting("cluster/clstat=9")
                 process.send_signal(request)
                 self.assertEqual(process.wait(), 5)
-                self.assertEqual(self.last_error(process), "shmnmctl: interrupted; it did not hold: cluster/clstat=9 (it is 0)")
+                self.assertEqual(self.last_error(process), "shmnmctl: interrupted before the condition held: cluster/clstat=9 (it is 0)")
 
 
 if __name__ == "__main__":

@@ -234,7 +234,7 @@ class Contract(ToolTest):
                 with os.fdopen(write, "wb") as output:
                     result = self.tool(*command, stdout=output)
                 self.assertEqual(result.status, 5, result)
-                self.assertIn("standard output is not written to: its reader has closed it", result.err)
+                self.assertIn("cannot write to standard output: its reader has closed it", result.err)
 
     def test_5_when_the_disk_is_full(self):
         self.cluster()
@@ -242,7 +242,7 @@ class Contract(ToolTest):
             with self.subTest(name), open("/dev/full", "wb") as output:
                 result = self.tool(*command, stdout=output)
                 self.assertEqual(result.status, 5, result)
-                self.assertIn("standard output is not written to", result.err)
+                self.assertIn("cannot write to standard output", result.err)
         self.assertEqual(self.tool("dump", path("/dev/full")).status, 5)
         self.assertEqual(self.tool("dump", path(self.folder / "no such folder/dump")).status, 5)
 

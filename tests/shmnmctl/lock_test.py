@@ -51,7 +51,7 @@ class Locking(LockTest):
         self.witness()
         result = self.tool("lock", "--", "no-such-command-at-all")
         self.assertEqual(result.status, 5)
-        self.assertIn("no-such-command-at-all cannot be run", result.err)
+        self.assertIn("cannot run no-such-command-at-all", result.err)
         self.assertEqual(self.tool("lock", "--who").status, 1)
 
     def test_ctrl_c_is_left_to_the_command_and_the_lock_stays_held(self):
@@ -81,7 +81,7 @@ class Locking(LockTest):
                 # A key that does not exist is named in the error. A dump is read, since the lock is taken.
                 command = ["get", "--file", dump, f"x{argument}"]
                 direct, locked = self.tool(*command), self.tool("lock", *tool_as_command(*command))
-                self.assertIn("there is no x", direct.err)
+                self.assertIn("there is no key x", direct.err)
                 self.assertEqual((locked.status, locked.err), (1, direct.err))
 
     def test_one_who_waits_too_long_is_told(self):

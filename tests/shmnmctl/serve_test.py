@@ -124,7 +124,7 @@ class Serving(ServeTest):
         (self.folder / "etc/cluster.xml").rename(file)
         self.assertIn("put the cluster's configuration there", self.refused())
         error = self.refused("--config", path(file))
-        self.assertIn("shmnm_create answered 12", error)
+        self.assertIn("shmnm_create failed with code 12 (", error)
         self.assertIn(f"put the configuration at {self.environment['KZM_INSTALL_PATH']}", error)
 
     def test_a_folder_in_the_place_of_the_file_is_refused(self):
@@ -148,7 +148,7 @@ class Serving(ServeTest):
             api.ok("shmnm_addnode", name, 1)
         result = self.tool("serve")
         self.assertEqual(result.status, 5)
-        self.assertIn("alpha is not registered", result.err)
+        self.assertIn("cannot register server alpha", result.err)
 
     def test_where_one_member_finds_no_room_none_is_registered(self):
         api = self.region()
@@ -157,7 +157,7 @@ class Serving(ServeTest):
         api.ok("shmnm_addhbrsc", "lan", "b", 1)
         result = self.tool("serve")
         self.assertEqual(result.status, 5)
-        self.assertIn("diskhb1 is not registered", result.err)
+        self.assertIn("cannot register hb resource disk/diskhb1", result.err)
         self.assertEqual((api.ok("shmnm_enumnode"), api.ok("hb_names")), (["alpha"], ["a", "b"]))
         self.assertEqual(api.ok("shmnm_getnodepri", "alpha"), ["9"])
         self.assertEqual(self.tool("verify").status, 0)

@@ -3,22 +3,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <map>
-#include <memory>
-#include <set>
+#include <optional>
+#include <tuple>
+#include <variant>
 
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/keys.h"
 #include "picture/library.h"
+#include "picture/words.h"
 
 namespace picture {
 namespace {
-
-using SetWord = uint32_t (*)(uint32_t);
-using SetServerWord = uint32_t (*)(const char*, uint32_t);
-using SetResourceWord = uint32_t (*)(const char*, const char*, uint32_t);
-using SetPairWord = uint32_t (*)(const char*, const char*, int32_t, uint32_t);
 
 [[noreturn]] void refuse(ErrorKind kind, const std::string& key, const std::string& why) {
     throw Error(kind, fmt::format("cannot set {}: {}", printable(key), why));
@@ -29,14 +26,15 @@ using SetPairWord = uint32_t (*)(const char*, const char*, int32_t, uint32_t);
                                                 printable(assignment.key), range));
 }
 
-[[noreturn]] void refuse_unsettable(const std::string& key, const std::string& word) {
-    if (word == "dfailstatus") refuse(ErrorKind::set_by_simulation, key, "only a simulation sets it");
-    refuse(ErrorKind::refused, key, "it follows from other words");
-}
-
 uint32_t word_of(const Assignment& assignment) {
     const auto value = assignment.value.to_uint32();
     if (!value) does_not_fit(assignment, "0 to 4294967295");
+    return *value;
+}
+
+int32_t number_of(const Assignment& assignment) {
+    const auto value = assignment.value.to_int32();
+    if (!value) does_not_fit(assignment, "-2147483648 to 2147483647");
     return *value;
 }
 
@@ -46,177 +44,135 @@ int32_t positive_of(const Assignment& assignment) {
     return *value;
 }
 
+const char* argument(const std::string& text) {
+    return text.c_str();
+}
+template <typename Number>
+Number argument(Number number) {
+    return number;
+}
+
 /// Turns assignments into steps. What the library sets together is collected and set once.
 class Planner {
   public:
-    explicit Planner(const Picture& picture)
-        : picture_(picture),
-          words_(words(picture)),
-          hbinfo_{picture.header.hbinfo_a, picture.header.hbinfo_b},
-          maxima_{picture.header.max_servers, picture.header.max_hb, picture.header.max_np} {
-        for (const Word& word : words_) keys_.insert(word.key);
+    explicit Planner(const Picture& picture) : picture_(picture), header_(picture.header) {
         for (const FstPid& record : picture.fst_pids) pids_.emplace(record.name, record);
     }
 
     void add(const Assignment& assignment) {
-        if (!keys_.contains(assignment.key)) {
+        const std::optional<Place> place = locate(picture_, assignment.key);
+        if (!place) {
             throw Error(ErrorKind::no_such_key,
                         fmt::format("nothing was set: there is no key {}", printable(assignment.key)));
         }
-        const std::vector<std::string> part = parts(assignment.key);
-        if (part[0] == "cluster") {
-            add_cluster(assignment, part[1]);
-        } else if (part[0] == "servers") {
-            add_server(assignment, name(part[1]), part[2]);
-        } else if (part[0] == "hb" || part[0] == "np") {
-            add_resource(assignment, part);
-        } else {
-            add_fst(assignment, part);
-        }
+        std::visit([&](const auto& at) { add(assignment, at); }, *place);
     }
 
     std::vector<Step> take() {
-        if (hbinfo_set_) {
-            for (const int32_t value : hbinfo_) {
-                if (value < 1) {
-                    refuse(ErrorKind::set_together, "cluster/hbinfo_a",
-                           "hbinfo_a and hbinfo_b are set together, each to at least 1");
-                }
-            }
-            step("shmnm_sethbinfo_ex", [pair = hbinfo_] { return library().shmnm_sethbinfo_ex(pair[0], pair[1]); });
-        }
-        if (maxima_set_) {
-            for (const int32_t value : maxima_) {
-                if (value < 1) {
-                    refuse(ErrorKind::set_together, "cluster/max_servers",
-                           "max_servers, max_hb and max_np are set together, each to at least 1");
-                }
-            }
-            step("shmnm_setmaxvalue_ex",
-                 [all = maxima_] { return library().shmnm_setmaxvalue_ex(all[0], all[1], all[2]); });
-        }
+        if (pair_) add_joint(*pair_);
+        if (triple_) add_joint(*triple_);
         return std::move(steps_);
     }
 
   private:
-    static std::string name(const std::string& part) { return unescaped(part).value_or(""); }
-
-    void step(const char* function, std::function<uint32_t()> call) { steps_.push_back({function, std::move(call)}); }
-
-    void add_cluster(const Assignment& assignment, const std::string& word) {
-        const Library& calls = library();
-        const std::map<std::string, std::pair<const char*, SetWord>> setters = {
-            {"waitstat", {"shmnm_setwaitstat", calls.shmnm_setwaitstat}},
-            {"bwflag", {"shmnm_setbwflag", calls.shmnm_setbwflag}},
-            {"bwflagdisk", {"shmnm_setbwflagdisk", calls.shmnm_setbwflagdisk}},
-            {"clstat", {"shmnm_setclstat", calls.shmnm_setclstat}}};
-        const std::map<std::string, size_t> hbinfo = {{"hbinfo_a", 0}, {"hbinfo_b", 1}};
-        const std::map<std::string, size_t> maxima = {{"max_servers", 0}, {"max_hb", 1}, {"max_np", 2}};
-        if (const auto setter = setters.find(word); setter != setters.end()) {
-            const auto [function, set] = setter->second;
-            step(function, [set = set, value = word_of(assignment)] { return set(value); });
-        } else if (const auto place = hbinfo.find(word); place != hbinfo.end()) {
-            hbinfo_[place->second] = positive_of(assignment);
-            hbinfo_set_ = true;
-        } else if (const auto maximum = maxima.find(word); maximum != maxima.end()) {
-            maxima_[maximum->second] = positive_of(assignment);
-            maxima_set_ = true;
-        } else {
-            refuse_unsettable(assignment.key, word);
-        }
+    void add(const Assignment& assignment, const ClusterPlace& place) {
+        std::visit([&](const auto& set) { add(assignment, place, set); }, place.word->set);
+    }
+    void add(const Assignment& assignment, const ClusterPlace&, Call<uint32_t> set) { step(set, word_of(assignment)); }
+    void add(const Assignment& assignment, const ClusterPlace& place, const Pair* set) {
+        header_.*place.word->source.number() = positive_of(assignment);
+        pair_ = set;
+    }
+    void add(const Assignment& assignment, const ClusterPlace& place, const Triple* set) {
+        header_.*place.word->source.number() = positive_of(assignment);
+        triple_ = set;
     }
 
-    void add_server(const Assignment& assignment, const std::string& server, const std::string& word) {
-        const Library& calls = library();
-        const std::map<std::string, std::pair<const char*, SetServerWord>> setters = {
-            {"nodestat", {"shmnm_setnodestat", calls.shmnm_setnodestat}},
-            {"nodestat_nw", {"shmnm_setnodestat_nw", calls.shmnm_setnodestat_nw}},
-            {"downnotifystat", {"shmnm_setdownnotifystat", calls.shmnm_setdownnotifystat}},
-            {"isolateflag", {"shmnm_setisolateflag", calls.shmnm_setisolateflag}},
-            {"pingstat", {"shmnm_setpingstat", calls.shmnm_setpingstat}},
-            {"holdstat", {"shmnm_setholdstat", calls.shmnm_setholdstat}}};
-        if (word == "pri") {
-            const auto pri = assignment.value.to_int32();
-            if (!pri) does_not_fit(assignment, "-2147483648 to 2147483647");
-            step("shmnm_modifynode", [server, pri = *pri] { return library().shmnm_modifynode(server.c_str(), pri); });
-        } else if (const auto setter = setters.find(word); setter != setters.end()) {
-            const auto [function, set] = setter->second;
-            step(function, [set = set, server, value = word_of(assignment)] { return set(server.c_str(), value); });
-        } else {
-            refuse_unsettable(assignment.key, word);
-        }
+    void add(const Assignment& assignment, const ServerPlace& place) {
+        std::visit([&](const auto& set) { add(assignment, place, set); }, place.word->set);
+    }
+    void add(const Assignment& assignment, const ServerPlace& place, Call<const char*, uint32_t> set) {
+        step(set, place.server->name, word_of(assignment));
+    }
+    void add(const Assignment& assignment, const ServerPlace& place, Call<const char*, int32_t> set) {
+        step(set, place.server->name, number_of(assignment));
     }
 
-    /// The priority by which the library finds a server; refused where it would find another one.
-    int32_t svid(const Assignment& assignment, const std::string& server) const {
-        const auto named = std::find_if(picture_.servers.begin(), picture_.servers.end(),
-                                        [&](const Server& one) { return one.name == server; });
-        const auto found = std::find_if(picture_.servers.begin(), picture_.servers.end(),
-                                        [&](const Server& one) { return one.pri == named->pri; });
-        if (found != named) {
+    template <typename AnyPlace>
+    void add(const Assignment& assignment, const AnyPlace&, Computed) {
+        refuse(ErrorKind::refused, assignment.key, "it follows from other words");
+    }
+    template <typename AnyPlace>
+    void add(const Assignment& assignment, const AnyPlace&, BySimulation) {
+        refuse(ErrorKind::set_by_simulation, assignment.key, "only a simulation sets it");
+    }
+
+    void add(const Assignment& assignment, const ResourcePlace& place) {
+        step(place.kind->*place.word->set, place.resource->type, place.resource->name, word_of(assignment));
+    }
+
+    /// The library finds the server by its priority; refused where it would find another.
+    void add(const Assignment& assignment, const RowPlace& place) {
+        const uint32_t value = word_of(assignment);
+        const auto found = std::find_if(picture_.servers.begin(), picture_.servers.end(), [&](const Server& server) {
+            return server.record.pri == place.server->record.pri;
+        });
+        if (&*found != place.server) {
             refuse(ErrorKind::shared_priority, assignment.key,
                    fmt::format("the library finds servers by priority here, and {} has the same priority, {}",
-                               escaped(found->name), found->pri));
+                               escaped(found->name), found->record.pri));
         }
-        return named->pri;
+        step(place.kind->*place.word->set, place.resource->type, place.resource->name, found->record.pri, value);
     }
 
-    void add_resource(const Assignment& assignment, const std::vector<std::string>& part) {
-        const Library& calls = library();
-        const bool hb = part[0] == "hb";
-        const std::string type = name(part[1]), resource = name(part[2]);
-        const std::string& word = part[3];
-        const uint32_t value = word_of(assignment);
-        if (word == "pri" || word == "stat") {
-            const auto [function, set] = word == "pri"
-                                             ? (hb ? std::pair{"shmnm_modifyhbrsc", calls.shmnm_modifyhbrsc}
-                                                   : std::pair{"shmnm_modifynprsc", calls.shmnm_modifynprsc})
-                                             : (hb ? std::pair{"shmnm_sethbrscstat", calls.shmnm_sethbrscstat}
-                                                   : std::pair{"shmnm_setnprscstat", calls.shmnm_setnprscstat});
-            const SetResourceWord setter = set;
-            step(function, [=] { return setter(type.c_str(), resource.c_str(), value); });
-        } else {
-            const auto [function, set] = word == "network"
-                                             ? std::pair{"shmnm_setrscsvstat_nw", calls.shmnm_setrscsvstat_nw}
-                                         : hb ? std::pair{"shmnm_sethbrscsvstat", calls.shmnm_sethbrscsvstat}
-                                              : std::pair{"shmnm_setnprscsvstat", calls.shmnm_setnprscsvstat};
-            const SetPairWord setter = set;
-            const int32_t server = svid(assignment, name(part[4]));
-            step(function, [=] { return setter(type.c_str(), resource.c_str(), server, value); });
-        }
-    }
+    void add(const Assignment& assignment, const FstPlace& place) { step(place.word->set, word_of(assignment)); }
 
-    void add_fst(const Assignment& assignment, const std::vector<std::string>& part) {
-        if (part[1] == "stat") {
-            step("shmnm_setfstrscstat", [value = word_of(assignment)] { return library().shmnm_setfstrscstat(value); });
-            return;
-        }
+    void add(const Assignment& assignment, const PidPlace& place) {
         if (picture_.header.fst_pid_count >= picture_.header.fst_pid_limit) {
             refuse(ErrorKind::refused, assignment.key,
                    "the table of process ids is full, and the library then refuses updates too");
         }
-        const std::string holder = name(part[2]);
-        const auto kind = static_cast<size_t>(part[3][0] - '0');
-        FstPid& record = pids_.at(holder);
-        if (part[1] == "pids") {
-            record.pid[kind] = word_of(assignment);
-        } else if (const auto value = assignment.value.to_uint64()) {
-            record.piddata[kind] = *value;
-        } else {
-            does_not_fit(assignment, "0 to 18446744073709551615");
+        FstPid& record = pids_.at(place.record->name);
+        std::visit([&](const auto& values) { store(assignment, (record.*values)[place.kind]); }, place.word->values);
+        step(&Library::shmnm_setfstrscpid, record.name, static_cast<int32_t>(place.kind), record.pid[place.kind],
+             record.piddata[place.kind]);
+    }
+    static void store(const Assignment& assignment, uint32_t& word) { word = word_of(assignment); }
+    static void store(const Assignment& assignment, uint64_t& word) {
+        const auto value = assignment.value.to_uint64();
+        if (!value) does_not_fit(assignment, "0 to 18446744073709551615");
+        word = *value;
+    }
+
+    template <typename... Numbers>
+    void add_joint(const Joint<Numbers...>& joint) {
+        for (const auto number : joint.numbers) {
+            if (header_.*number < 1) refuse_joint(joint);
         }
-        step("shmnm_setfstrscpid", [=, pid = record.pid[kind], data = record.piddata[kind]] {
-            return library().shmnm_setfstrscpid(holder.c_str(), static_cast<int32_t>(kind), pid, data);
-        });
+        std::apply([&](auto... numbers) { step(joint.function, header_.*numbers...); }, joint.numbers);
+    }
+    template <typename... Numbers>
+    [[noreturn]] static void refuse_joint(const Joint<Numbers...>& joint) {
+        std::string keys;
+        for (const ClusterWord& word : cluster_words) {
+            const auto number = word.source.number();
+            if (std::find(joint.numbers.begin(), joint.numbers.end(), number) == joint.numbers.end()) continue;
+            keys += fmt::format("{}cluster/{}", keys.empty() ? "" : ", ", word.key);
+        }
+        refuse(ErrorKind::set_together, keys, "the library sets them together, each to at least 1");
+    }
+
+    template <typename... Parameters, typename... Arguments>
+    void step(Call<Parameters...> function, Arguments... arguments) {
+        const auto& called = library().*function;
+        steps_.push_back({called.name, [=] { return called(argument(arguments)...); }});
     }
 
     const Picture& picture_;
-    std::vector<Word> words_;
-    std::set<std::string> keys_;
+    shmnm_header header_;                 ///< with the numbers that are set together as they will be
     std::map<std::string, FstPid> pids_;  ///< as they will be
-    std::array<int32_t, 2> hbinfo_;
-    std::array<int32_t, 3> maxima_;
-    bool hbinfo_set_ = false, maxima_set_ = false;
+    const Pair* pair_ = nullptr;          ///< to be set
+    const Triple* triple_ = nullptr;
     std::vector<Step> steps_;
 };
 

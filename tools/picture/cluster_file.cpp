@@ -10,12 +10,10 @@
 #include "kzmutil.h"
 #include "picture/error.h"
 #include "picture/escape.h"
-#include "picture/keys.h"
+#include "picture/value.h"
 
 namespace picture {
 namespace {
-
-constexpr size_t server_name_limit = 255, resource_text_limit = 31;
 
 /// Reads the elements of one file.
 class Reader {
@@ -47,19 +45,17 @@ class Reader {
         return element && kzmxml::read_integer(*element, value) ? value : fallback;
     }
 
-    Member member(const std::string& element, const kzmxml::Element& content) const {
-        Member member{};
-        if (element == "server") {
-            member.kind = Member::Kind::server;
-        } else if (element == "hb" || element == "np") {
-            member.kind = element == "hb" ? Member::Kind::hb : Member::Kind::np;
+    ClusterMember member(const std::string& element, const kzmxml::Element& content) const {
+        ClusterMember member;
+        if (element != "server") {
+            member.kind = entry(resource_kinds, element);
+            if (!member.kind) {
+                refuse(fmt::format("unknown element {} in /root/cluster: use server, hb and np", printable(element)));
+            }
             member.type = text(element, content, "type", resource_text_limit);
-        } else {
-            refuse(fmt::format("unknown element {} in /root/cluster: use server, hb and np", printable(element)));
         }
-        member.name = text(element, content, "name",
-                           member.kind == Member::Kind::server ? server_name_limit : resource_text_limit);
-        member.priority = priority(element, content, member.kind == Member::Kind::server);
+        member.name = text(element, content, "name", member.kind ? resource_text_limit : server_name_limit);
+        member.priority = priority(element, content, !member.kind);
         // A member that stands in another one would not be registered.
         for (const auto& [inner, ignored] : content) {
             if (inner.starts_with('<')) continue;
@@ -102,26 +98,20 @@ class Reader {
     const std::string& file_;
 };
 
-void check_room(const Reader& reader, const ClusterFile& read) {
-    const struct {
-        Member::Kind kind;
-        const char* element;
-        int32_t limit;
-    } tables[] = {{Member::Kind::server, "server", read.counts.servers},
-                  {Member::Kind::hb, "hb", read.counts.hb},
-                  {Member::Kind::np, "np", read.counts.np}};
-    for (const auto& [kind, element, limit] : tables) {
-        std::set<std::pair<std::string, std::string>> names;
-        for (const Member& member : read.members) {
-            if (member.kind != kind) continue;
-            if (!names.insert({member.type, member.name}).second) {
-                reader.refuse(fmt::format("/root/cluster has the {} {} twice", element, printable(member.name)));
-            }
+/// @param[in] kind  null: of the servers
+void check_room(const Reader& reader, const ClusterFile& read, const ResourceKind* kind) {
+    const char* const element = kind ? kind->key : "server";
+    const int32_t limit = kind ? read.counts.*kind->count : read.counts.servers;
+    std::set<std::pair<std::string, std::string>> names;
+    for (const ClusterMember& member : read.members) {
+        if (member.kind != kind) continue;
+        if (!names.insert({member.type, member.name}).second) {
+            reader.refuse(fmt::format("/root/cluster has the {} {} twice", element, printable(member.name)));
         }
-        if (static_cast<int64_t>(names.size()) > limit) {
-            reader.refuse(fmt::format("/root/cluster has {} {} elements, and /root/all/num has room for {}",
-                                      names.size(), element, limit));
-        }
+    }
+    if (static_cast<int64_t>(names.size()) > limit) {
+        reader.refuse(fmt::format("/root/cluster has {} {} elements, and /root/all/num has room for {}", names.size(),
+                                  element, limit));
     }
 }
 
@@ -148,7 +138,8 @@ ClusterFile read_cluster_file(const std::string& file) {
             read.members.push_back(reader.member(element, content));
         }
     }
-    check_room(reader, read);
+    check_room(reader, read, nullptr);
+    for (const ResourceKind& kind : resource_kinds) check_room(reader, read, &kind);
     return read;
 }
 

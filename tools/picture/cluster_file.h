@@ -5,21 +5,18 @@
 #include <string>
 #include <vector>
 
-#include "picture/snapshot.h"
+#include "picture/layout.h"
+#include "picture/members.h"
 
 namespace picture {
 
-struct Member {
-    enum class Kind { server, hb, np };
-    Kind kind;
-    std::string type;  ///< of a resource
-    std::string name;
+struct ClusterMember : Member {
     int64_t priority = 0;
 };
 
 struct ClusterFile {
     Counts counts;
-    std::vector<Member> members;  ///< in the order of the file
+    std::vector<ClusterMember> members;  ///< in the order of the file
 };
 
 /// etc/cluster.xml below the installation path.

@@ -23,39 +23,34 @@ int32_t followed(int32_t count, const Snapshot& snapshot, const Layout& layout, 
     return static_cast<int32_t>(std::min<int64_t>(count, known ? std::max<int64_t>(room, most_records) : most_records));
 }
 
-/// Words from a place on, as many of `count` as lie in the copy.
-std::vector<uint32_t> words(const Snapshot& snapshot, uint64_t offset, uint64_t count) {
+/// The states from a place on, as many of `count` as lie in the copy.
+std::vector<uint32_t> states(const Snapshot& snapshot, uint64_t offset, uint64_t count) {
     if (offset >= snapshot.bytes.size()) return {};
     std::vector<uint32_t> row(std::min(count, (snapshot.bytes.size() - offset) / sizeof(uint32_t)));
     if (!row.empty()) std::memcpy(row.data(), snapshot.bytes.data() + offset, row.size() * sizeof(uint32_t));
     return row;
 }
 
-std::string description(const Snapshot& snapshot, uint64_t record) {
-    constexpr size_t size = sizeof(shmnm_resource::descript);
-    const char* const first =
-        reinterpret_cast<const char*>(snapshot.bytes.data()) + record + offsetof(shmnm_resource, descript);
-    size_t length = size;
-    while (length > 0 && first[length - 1] == 0) --length;
-    return {first, length};
+/// The record at a place, all of which lies in the copy.
+template <typename Record>
+Record record_at(const Snapshot& snapshot, uint64_t at) {
+    Record record;
+    std::memcpy(&record, snapshot.bytes.data() + at, sizeof record);
+    return record;
+}
+
+std::string description(const shmnm_resource& record) {
+    size_t length = sizeof record.descript;
+    while (length > 0 && record.descript[length - 1] == 0) --length;
+    return {record.descript, record.descript + length};
 }
 
 Server server_at(const Snapshot& snapshot, const shmnm_header& header, uint64_t at) {
-    shmnm_server record;
-    std::memcpy(&record, snapshot.bytes.data() + at, sizeof record);
-    Server server;
-    server.name = snapshot.text(at, sizeof record.name);
-    server.pri = record.pri;
-    server.nodestat = record.nodestat;
-    server.nodestat_nw = record.nodestat_nw;
-    server.downnotifystat = record.downnotifystat;
-    server.isolateflag = record.isolateflag;
-    server.pingstat = record.pingstat;
-    server.holdstat = record.holdstat;
-    server.dfailstatus = record.dfailstatus;
-    server.combstat = combined_state(record.nodestat, header.waitstat, record.isolateflag);
-    server.offset = at;
-    return server;
+    const auto record = record_at<shmnm_server>(snapshot, at);
+    return {.name = snapshot.text(at, sizeof record.name),
+            .record = record,
+            .combstat = combined_state(record.nodestat, header.waitstat, record.isolateflag),
+            .offset = at};
 }
 
 std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture, uint64_t table, int32_t count,
@@ -73,18 +68,19 @@ std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture
     std::vector<Resource> found;
     for (int32_t i = 0; i < all; ++i) {
         const uint64_t at = table + static_cast<uint64_t>(i) * static_cast<uint64_t>(step);
-        Resource resource;
-        resource.name = snapshot.text(at, sizeof(shmnm_resource::name));
-        resource.type = snapshot.text(at + offsetof(shmnm_resource, type), sizeof(shmnm_resource::type));
-        resource.pri = snapshot.word(at + offsetof(shmnm_resource, pri));
-        resource.stat = snapshot.word(at + offsetof(shmnm_resource, stat));
-        resource.descript = description(snapshot, at);
-        resource.svstat = words(snapshot, at + sizeof(shmnm_resource), columns);
-        resource.offset = at;
+        Resource resource{.type = snapshot.text(at + offsetof(shmnm_resource, type), sizeof(shmnm_resource::type)),
+                          .name = snapshot.text(at, sizeof(shmnm_resource::name)),
+                          .record = record_at<shmnm_resource>(snapshot, at),
+                          .descript = {},
+                          .svstat = {.states = states(snapshot, at + sizeof(shmnm_resource), columns),
+                                     .offset = at + sizeof(shmnm_resource)},
+                          .network = {},
+                          .offset = at};
+        resource.descript = description(resource.record);
         if (has_network_rows) {
-            resource.network_offset =
+            const uint64_t row =
                 picture.layout.network + sizeof(uint32_t) * static_cast<uint64_t>(stride) * static_cast<uint64_t>(i);
-            resource.network = words(snapshot, resource.network_offset, columns);
+            resource.network = {.states = states(snapshot, row, columns), .offset = row};
         }
         found.push_back(std::move(resource));
     }
@@ -127,8 +123,8 @@ bool Picture::is_any_alive() const {
 Picture decode(const Snapshot& snapshot) {
     Picture picture{
         .header = {}, .layout = Layout(snapshot.counts), .servers = {}, .hb = {}, .np = {}, .fst = {}, .fst_pids = {}};
-    shmnm_header& header = picture.header;
-    std::memcpy(&header, snapshot.bytes.data(), sizeof header);
+    picture.header = record_at<shmnm_header>(snapshot, 0);
+    const shmnm_header& header = picture.header;
     const Layout& layout = picture.layout;
 
     const Counts& room = snapshot.counts;
@@ -141,9 +137,8 @@ Picture decode(const Snapshot& snapshot) {
     picture.hb = resources(snapshot, picture, layout.hb, header.hb_count, room.hb, true);
     picture.np = resources(snapshot, picture, layout.np, header.np_count, room.np, false);
     if (snapshot.counts.fst > 0 && snapshot.holds(layout.fst, sizeof(shmnm_resource))) {
-        picture.fst = Fst{.stat = snapshot.word(layout.fst + offsetof(shmnm_resource, stat)),
-                          .descript = description(snapshot, layout.fst),
-                          .offset = layout.fst};
+        const auto record = record_at<shmnm_resource>(snapshot, layout.fst);
+        picture.fst = Fst{.record = record, .descript = description(record), .offset = layout.fst};
     }
     const int32_t pids = visible(snapshot, layout.fst_pids, sizeof(shmnm_fst_pid), sizeof(shmnm_fst_pid),
                                  followed(header.fst_pid_count, snapshot, layout, int64_t{room.servers} * room.fst));

@@ -16,23 +16,27 @@ namespace picture {
 
 struct Server {
     std::string name;
-    int32_t pri = 0;
-    uint32_t nodestat = 0, nodestat_nw = 0, downnotifystat = 0, isolateflag = 0, pingstat = 0, holdstat = 0;
-    uint32_t dfailstatus = 0;
+    shmnm_server record;
     std::optional<uint32_t> combstat;  ///< none: the states have no combined one
     uint64_t offset = 0;               ///< of the record
 
-    bool is_alive() const { return nodestat == 1; }
+    bool is_alive() const { return record.nodestat == 1; }
+    bool is_simulated() const { return record.dfailstatus != 0; }
+};
+
+/// The states of a resource on each server, by server position; fewer where the bytes end.
+struct Row {
+    std::vector<uint32_t> states;
+    uint64_t offset = 0;  ///< of the first
 };
 
 struct Resource {
     std::string type, name;
-    uint32_t pri = 0, stat = 0;
-    std::string descript;           ///< 256 bytes without the zeros at their end
-    std::vector<uint32_t> svstat;   ///< by server position; shorter where the bytes end
-    std::vector<uint32_t> network;  ///< likewise; of an hb resource alone
-    uint64_t offset = 0;
-    uint64_t network_offset = 0;  ///< of its first network-wide word
+    shmnm_resource record;
+    std::string descript;  ///< 256 bytes without the zeros at their end
+    Row svstat;
+    Row network;          ///< of an hb resource alone
+    uint64_t offset = 0;  ///< of the record
 };
 
 struct FstPid {
@@ -43,7 +47,7 @@ struct FstPid {
 };
 
 struct Fst {
-    uint32_t stat = 0;
+    shmnm_resource record;
     std::string descript;
     uint64_t offset = 0;
 };
@@ -57,6 +61,7 @@ struct Picture {
     std::vector<FstPid> fst_pids;
 
     bool is_any_alive() const;
+    bool is_simulated() const { return header.dfailstatus != 0; }
 };
 
 /// Counts that the copy contradicts are followed for some hundred records, so that every copy is decoded soon.

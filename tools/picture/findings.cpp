@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -11,99 +10,46 @@
 
 #include "picture/escape.h"
 #include "picture/interrupted.h"
+#include "picture/overlaps.h"
+#include "picture/words.h"
 #include "shmnm.h"
 
 namespace picture {
 namespace {
 
-constexpr uint64_t word_size = sizeof(uint32_t), record_size = sizeof(shmnm_resource);
-
-struct Range {
-    uint64_t begin, end;
-};
-/// Sorted by their begin; they may overlap.
-using Ranges = std::vector<Range>;
-
-Ranges intersections(const Range& range, const Ranges& others) {
-    Ranges common;
-    for (const Range& other : others) {
-        const Range both{std::max(range.begin, other.begin), std::min(range.end, other.end)};
-        if (both.begin < both.end) common.push_back(both);
-    }
-    std::sort(common.begin(), common.end(), [](const Range& a, const Range& b) { return a.begin < b.begin; });
-    return common;
-}
-
-bool touches(const Ranges& ranges, uint64_t begin, uint64_t end) {
-    return std::any_of(ranges.begin(), ranges.end(),
-                       [&](const Range& range) { return range.begin < end && begin < range.end; });
-}
-
 /// A text field of a record. The library writes its first `room` bytes; the others stay zero.
-struct Field {
+struct TextField {
     const char* name;
     uint64_t offset, size, room;
     bool ends_in_room;  ///< a text that is too long is cut one byte short, for its NUL
 };
-constexpr Field server_name{"name", offsetof(shmnm_server, name), sizeof(shmnm_server::name), 256, true};
-constexpr Field resource_name{"name", offsetof(shmnm_resource, name), sizeof(shmnm_resource::name), 32, true};
-constexpr Field resource_type{"type", offsetof(shmnm_resource, type), sizeof(shmnm_resource::type), 32, true};
-constexpr Field pid_name{"name", offsetof(shmnm_fst_pid, name), sizeof(shmnm_fst_pid::name), 256, false};
+/// A field that stays zero.
+struct ReservedField {
+    const char* name;
+    uint64_t offset, size;
+};
+#define PICTURE_FIELD(record, member) #member, offsetof(record, member), sizeof(record::member)
+constexpr TextField server_name{PICTURE_FIELD(shmnm_server, name), 256, true};
+constexpr TextField resource_name{PICTURE_FIELD(shmnm_resource, name), 32, true};
+constexpr TextField resource_type{PICTURE_FIELD(shmnm_resource, type), 32, true};
+constexpr TextField pid_name{PICTURE_FIELD(shmnm_fst_pid, name), 256, false};
+
+constexpr ReservedField header_reserved[] = {{PICTURE_FIELD(shmnm_header, reserved_64)}};
+constexpr ReservedField server_reserved[] = {{PICTURE_FIELD(shmnm_server, reserved_272)},
+                                             {PICTURE_FIELD(shmnm_server, reserved_292)}};
+constexpr ReservedField resource_reserved[] = {{PICTURE_FIELD(shmnm_resource, reserved_552)}};
+constexpr ReservedField fst_reserved[] = {{PICTURE_FIELD(shmnm_resource, name)},
+                                          {PICTURE_FIELD(shmnm_resource, type)},
+                                          {PICTURE_FIELD(shmnm_resource, pri)},
+                                          {PICTURE_FIELD(shmnm_resource, reserved_552)}};
+constexpr ReservedField pid_reserved[] = {{PICTURE_FIELD(shmnm_fst_pid, reserved_292)}};
+#undef PICTURE_FIELD
 
 /// What a text field holds.
 struct Text {
     std::optional<std::string> bytes;  ///< none: it is wrong, or another table may own it
     bool cut = false;                  ///< as long as one that was cut: another one may be equal
     std::optional<Finding> wrong;      ///< its key still without the record's
-};
-
-/// The slots of the hb or np table, and who else may have written to them.
-class Slots {
-  public:
-    /// @param[in] others  what other tables write to
-    Slots(uint64_t start, uint64_t step, uint64_t count, const Ranges& others)
-        : start_(start), step_(step), shared_(intersections({start, start + step * count}, others)) {
-        if (shared_.empty()) return;
-        std::array<int64_t, record_size + 1> last;
-        last.fill(-1);
-        for (const Range& range : shared_) {
-            // The last step of a range has each byte of a record that any of it has.
-            for (uint64_t at = std::max(range.begin, range.end - std::min(range.end, step_)); at < range.end; ++at) {
-                const uint64_t field = (at - start_) % step_;
-                if (field >= record_size) continue;
-                last[field] = std::max(last[field], static_cast<int64_t>((at - start_) / step_));
-            }
-        }
-        for (uint64_t begin = 0, end = 1; end <= record_size; ++end) {
-            if (last[end] == last[begin] && end < record_size) continue;
-            if (last[begin] >= 0) shared_fields_.push_back({{begin, end}, last[begin]});
-            begin = end;
-        }
-    }
-
-    uint64_t at(int32_t position) const { return start_ + step_ * static_cast<uint64_t>(position); }
-    const Ranges& shared() const { return shared_; }
-
-    /// What another table may have written to the record in use at a position: there, or at a later position, from
-    /// where removals have moved it down.
-    Ranges doubtful(int32_t position) const {
-        Ranges ranges;
-        for (const SharedField& field : shared_fields_) {
-            if (field.last < position) continue;
-            ranges.push_back({at(position) + field.bytes.begin, at(position) + field.bytes.end});
-        }
-        return ranges;
-    }
-
-  private:
-    struct SharedField {
-        Range bytes;   ///< of a record
-        int64_t last;  ///< the last position where they are shared
-    };
-
-    uint64_t start_, step_;
-    Ranges shared_;
-    std::vector<SharedField> shared_fields_;
 };
 
 class Search {
@@ -123,7 +69,7 @@ class Search {
         header();
         servers();
         if (placed_) {
-            const Owners owners = tables_that_overlap();
+            const Owners owners(snapshot_.counts);
             resources("hb", layout_.hb, layout_.np, header_.hb_count, snapshot_.counts.hb, owners.beside_hb);
             resources("np", layout_.np, layout_.fst, header_.np_count, snapshot_.counts.np, owners.beside_np);
             fst(owners.resources);
@@ -136,11 +82,6 @@ class Search {
     }
 
   private:
-    /// Where tables write to that may reach into another one, which they do with a single server.
-    struct Owners {
-        Ranges resources, beside_hb, beside_np;
-    };
-
     void add(uint64_t offset, std::string key, std::string expected, std::string found) {
         found_.push_back({offset, std::move(key), std::move(expected), std::move(found)});
     }
@@ -172,9 +113,9 @@ class Search {
                     fmt::format("{}", in_header));
             };
             const Counts &laid_out = snapshot_.counts, &named = header_counts_;
-            same("max_servers", offsetof(shmnm_header, max_servers), laid_out.servers, named.servers);
-            same("max_hb", offsetof(shmnm_header, max_hb), laid_out.hb, named.hb);
-            same("max_np", offsetof(shmnm_header, max_np), laid_out.np, named.np);
+            for (const ClusterWord& word : cluster_words) {
+                if (word.count) same(word.key, word.source.offset(), laid_out.*word.count, named.*word.count);
+            }
             same("fst_count", offsetof(shmnm_header, fst_count), laid_out.fst, named.fst);
         }
         const std::optional<Counts>& configured = snapshot_.configured;
@@ -201,7 +142,7 @@ class Search {
         in_use("np_count", offsetof(shmnm_header, np_count), header_.np_count, std::max(laid_out.np, named.np));
         in_use("fst_pid_count", offsetof(shmnm_header, fst_pid_count), header_.fst_pid_count,
                std::max(limit, pid_limit(named)));
-        zero(offsetof(shmnm_header, reserved_64), sizeof header_.reserved_64, "header/reserved_64", reserved);
+        reserved_fields(0, header_reserved, "header");
     }
 
     void in_use(const char* name, uint64_t offset, int32_t count, int64_t maximum) {
@@ -210,7 +151,6 @@ class Search {
             fmt::format("{}", count));
     }
 
-    static constexpr const char* reserved = "zeros, as in every reserved field";
     static constexpr const char* free_slot = "zeros, as in every free slot";
     static constexpr const char* behind_slots = "zeros behind the last slot";
 
@@ -218,6 +158,14 @@ class Search {
     void zero(uint64_t offset, uint64_t size, std::string key, const char* expected, const Ranges& except = {}) {
         if (const auto at = first_not_zero(offset, offset + size, except)) {
             add(*at, std::move(key), expected, byte(*at));
+        }
+    }
+    template <size_t count>
+    void reserved_fields(uint64_t record, const ReservedField (&fields)[count], const std::string& key,
+                         const Ranges& except = {}) {
+        for (const ReservedField& field : fields) {
+            zero(record + field.offset, field.size, key + "/" + field.name, "zeros, as in every reserved field",
+                 except);
         }
     }
     std::string byte(uint64_t at) const { return fmt::format("0x{:02X}", snapshot_.bytes[at]); }
@@ -243,7 +191,7 @@ class Search {
         return std::nullopt;
     }
 
-    Text text(uint64_t record, const Field& field, const Ranges& doubtful) const {
+    Text text(uint64_t record, const TextField& field, const Ranges& doubtful) const {
         const uint64_t at = record + field.offset, end = at + field.size;
         Text text;
         const auto wrong = [&](uint64_t offset, std::string expected, std::string found) {
@@ -307,10 +255,7 @@ class Search {
             }
         }
         add(key, name);
-        zero(at + offsetof(shmnm_server, reserved_272), sizeof(shmnm_server::reserved_272), key + "/reserved_272",
-             reserved);
-        zero(at + offsetof(shmnm_server, reserved_292), sizeof(shmnm_server::reserved_292), key + "/reserved_292",
-             reserved);
+        reserved_fields(at, server_reserved, key);
     }
 
     /// Slots that lie in the copy: of tables without servers there may be more.
@@ -327,32 +272,9 @@ class Search {
         }
     }
 
-    uint64_t resource_step() const { return record_size + word_size * static_cast<uint64_t>(snapshot_.counts.servers); }
-
-    Owners tables_that_overlap() const {
-        const auto all = [&](uint64_t start, int32_t slots) {
-            return Range{start, start + resource_step() * static_cast<uint64_t>(slots)};
-        };
-        const Counts& counts = snapshot_.counts;
-        const Range hb_table = all(layout_.hb, counts.hb), np_table = all(layout_.np, counts.np);
-        const uint64_t row = word_size * static_cast<uint64_t>(counts.servers);
-        const Range network{layout_.network, layout_.network + row * static_cast<uint64_t>(counts.hb)};
-        Ranges fst{{layout_.fst_pids, layout_.network}, network};
-        if (counts.fst > 0) {
-            const uint64_t descript = layout_.fst + offsetof(shmnm_resource, descript);
-            const uint64_t stat = layout_.fst + offsetof(shmnm_resource, stat);
-            fst.push_back({descript, descript + sizeof(shmnm_resource::descript)});
-            fst.push_back({stat, stat + word_size});
-        }
-        Owners owners{.resources = {hb_table, np_table}, .beside_hb = fst, .beside_np = fst};
-        owners.beside_hb.push_back(np_table);
-        owners.beside_np.push_back(hb_table);
-        return owners;
-    }
-
     void resources(const char* table, uint64_t start, uint64_t end, int32_t count, int32_t slots,
                    const Ranges& others) {
-        const uint64_t step = resource_step();
+        const uint64_t step = resource_step(snapshot_.counts);
         const int32_t held = slots_held(start, step, slots);
         const Slots places(start, step, static_cast<uint64_t>(held), others);
         if (count >= 0 && count <= slots) {
@@ -383,22 +305,13 @@ class Search {
         }
         add(key, name);
         add(key, type);
-        zero(at + offsetof(shmnm_resource, reserved_552), sizeof(shmnm_resource::reserved_552), key + "/reserved_552",
-             reserved, doubtful);
+        reserved_fields(at, resource_reserved, key, doubtful);
     }
 
     void fst(const Ranges& others) {
         const int32_t slots = snapshot_.counts.fst;
         const Ranges shared = intersections({layout_.fst, layout_.fst_pids}, others);
-        if (slots > 0) {
-            const auto unused = [&](const char* name, uint64_t field, uint64_t size) {
-                zero(layout_.fst + field, size, fmt::format("fst[0]/{}", name), reserved, shared);
-            };
-            unused("name", offsetof(shmnm_resource, name), sizeof(shmnm_resource::name));
-            unused("type", offsetof(shmnm_resource, type), sizeof(shmnm_resource::type));
-            unused("pri", offsetof(shmnm_resource, pri), sizeof(shmnm_resource::pri));
-            unused("reserved_552", offsetof(shmnm_resource, reserved_552), sizeof(shmnm_resource::reserved_552));
-        }
+        if (slots > 0) reserved_fields(layout_.fst, fst_reserved, "fst[0]", shared);
         free_slots("fst", layout_.fst, record_size, 1, slots, shared);
     }
 
@@ -425,8 +338,7 @@ class Search {
             }
         }
         add(key, name);
-        zero(at + offsetof(shmnm_fst_pid, reserved_292), sizeof(shmnm_fst_pid::reserved_292), key + "/reserved_292",
-             reserved, shared);
+        reserved_fields(at, pid_reserved, key, shared);
     }
 
     void network(const Ranges& others) {

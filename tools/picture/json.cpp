@@ -1,39 +1,15 @@
 #include "picture/json.h"
 
-#include <algorithm>
+#include <iterator>
 #include <utility>
+#include <variant>
 
 #include "picture/escape.h"
 #include "picture/interrupted.h"
+#include "picture/words.h"
 
 namespace picture {
 namespace {
-
-Json cluster(const Picture& picture) {
-    const shmnm_header& header = picture.header;
-    return {{"waitstat", header.waitstat},
-            {"bwflag", header.bwflag},
-            {"bwflagdisk", header.bwflagdisk},
-            {"clstat", header.clstat},
-            {"hbinfo_a", static_cast<uint32_t>(header.hbinfo_a)},
-            {"hbinfo_b", static_cast<uint32_t>(header.hbinfo_b)},
-            {"alive", picture.is_any_alive()}};
-}
-
-Json region(const Snapshot& snapshot, const Picture& picture) {
-    const shmnm_header& header = picture.header;
-    return {{"live", snapshot.live},
-            {"size", snapshot.bytes.size()},
-            {"max_servers", header.max_servers},
-            {"max_hb", header.max_hb},
-            {"max_np", header.max_np},
-            {"fst_count", header.fst_count},
-            {"fst_pid_limit", header.fst_pid_limit},
-            {"server_count", header.server_count},
-            {"hb_count", header.hb_count},
-            {"np_count", header.np_count},
-            {"fst_pid_count", header.fst_pid_count}};
-}
 
 /// An object of many, built member by member: as a list of lists each member would be built several times.
 class Object {
@@ -50,63 +26,107 @@ class Object {
     Json::object_t members_;
 };
 
+template <typename Source, typename Part>
+Json shown(const Source& source, const Part& part) {
+    const Value value = source.value(part);
+    return source.is_flag() ? Json(value != Value(0u)) : to_json(value);
+}
+
+Json cluster(const Picture& picture) {
+    Object one(std::size(cluster_words));
+    for (const ClusterWord& word : cluster_words) {
+        if (word.is_state()) one.add(word.key, shown(word.source, picture));
+    }
+    return one.take();
+}
+
+Json region(const Snapshot& snapshot, const Picture& picture) {
+    Object one(16);
+    one.add("live", snapshot.live).add("size", snapshot.bytes.size());
+    // Here a damaged count shows its sign.
+    for (const ClusterWord& word : cluster_words) {
+        if (word.count) one.add(word.key, picture.header.*word.source.number());
+    }
+    const shmnm_header& header = picture.header;
+    one.add("fst_count", header.fst_count)
+        .add("fst_pid_limit", header.fst_pid_limit)
+        .add("server_count", header.server_count)
+        .add("hb_count", header.hb_count)
+        .add("np_count", header.np_count)
+        .add("fst_pid_count", header.fst_pid_count);
+    return one.take();
+}
+
 Json servers(const Picture& picture) {
     Json all = Json::array();
     for (const Server& server : picture.servers) {
-        all.push_back(Object(11)
-                          .add("name", escaped(server.name))
-                          .add("pri", server.pri)
-                          .add("nodestat", server.nodestat)
-                          .add("nodestat_nw", server.nodestat_nw)
-                          .add("downnotifystat", server.downnotifystat)
-                          .add("isolateflag", server.isolateflag)
-                          .add("pingstat", server.pingstat)
-                          .add("holdstat", server.holdstat)
-                          .add("dfailstatus", server.dfailstatus)
-                          .add("combstat", to_json(Value(server.combstat)))
-                          .add("alive", server.is_alive())
-                          .take());
+        Object one(std::size(server_words) + 1);
+        one.add("name", escaped(server.name));
+        for (const ServerWord& word : server_words) one.add(word.key, shown(word.source, server));
+        all.push_back(one.take());
     }
     return all;
 }
 
-Json resources(const std::vector<Resource>& resources, bool has_network_rows) {
+Json resources(const Picture& picture, const ResourceKind& kind) {
     Json all = Json::array();
-    for (const Resource& resource : resources) {
+    for (const Resource& resource : picture.*kind.resources) {
         Object one(7);
-        one.add("type", escaped(resource.type))
-            .add("name", escaped(resource.name))
-            .add("pri", resource.pri)
-            .add("stat", resource.stat)
-            .add("descript", escaped(resource.descript))
-            .add("svstat", resource.svstat);
-        if (has_network_rows) one.add("network", resource.network);
+        one.add("type", escaped(resource.type)).add("name", escaped(resource.name));
+        for (const ResourceWord& word : resource_words) one.add(word.key, shown(word.source, resource));
+        one.add("descript", escaped(resource.descript));
+        for (const RowWord& word : row_words) {
+            if (kind.*word.set) one.add(word.key, (resource.*word.row).states);
+        }
         all.push_back(one.take());
     }
     return all;
 }
 
 Json simulation(const Picture& picture) {
-    Json failed = Json::array();
-    for (const Server& server : picture.servers) {
-        if (server.dfailstatus != 0) failed.push_back(escaped(server.name));
+    Json one;
+    for (const ClusterWord& word : cluster_words) {
+        if (std::holds_alternative<BySimulation>(word.set)) one[word.key] = shown(word.source, picture);
     }
-    return {{"dfailstatus", picture.header.dfailstatus}, {"failed", std::move(failed)}};
+    one["failed"] = Json::array();
+    for (const Server& server : picture.servers) {
+        if (server.is_simulated()) one["failed"].push_back(escaped(server.name));
+    }
+    return one;
+}
+
+Json to_json(uint32_t pid) {
+    return pid;
+}
+/// As text: many readers of JSON would round it.
+Json to_json(uint64_t data) {
+    return std::to_string(data);
+}
+
+Json pids(const Picture& picture) {
+    Json all = Json::array();
+    for (const FstPid& record : picture.fst_pids) {
+        Object one(std::size(pid_words) + 1);
+        one.add("name", escaped(record.name));
+        for (const PidWord& word : pid_words) {
+            Json values = Json::array();
+            std::visit(
+                [&](const auto& member) {
+                    for (const auto value : record.*member) values.push_back(to_json(value));
+                },
+                word.values);
+            one.add(word.member, std::move(values));
+        }
+        all.push_back(one.take());
+    }
+    return all;
 }
 
 Json fst(const Picture& picture) {
-    Json pids = Json::array();
-    for (const FstPid& record : picture.fst_pids) {
-        Json data = Json::array();
-        for (const uint64_t value : record.piddata) data.push_back(std::to_string(value));
-        pids.push_back(
-            Object(3).add("name", escaped(record.name)).add("pid", record.pid).add("piddata", std::move(data)).take());
-    }
-    Json one = {{"stat", nullptr}, {"descript", nullptr}, {"pids", std::move(pids)}};
-    if (picture.fst) {
-        one["stat"] = picture.fst->stat;
-        one["descript"] = escaped(picture.fst->descript);
-    }
+    Json one;
+    for (const FstWord& word : fst_words) one[word.key] = picture.fst ? shown(word.source, *picture.fst) : Json();
+    one["descript"] = picture.fst ? Json(escaped(picture.fst->descript)) : Json();
+    one["pids"] = pids(picture);
     return one;
 }
 
@@ -140,8 +160,7 @@ Json to_json(const Snapshot& snapshot, const Picture& picture) {
     status["region"] = region(snapshot, picture);
     status["cluster"] = cluster(picture);
     status["servers"] = servers(picture);
-    status["hb"] = resources(picture.hb, true);
-    status["np"] = resources(picture.np, false);
+    for (const ResourceKind& kind : resource_kinds) status[kind.key] = resources(picture, kind);
     status["simulation"] = simulation(picture);
     status["fst"] = fst(picture);
     status["interrupted"] = to_json(interrupted_in(snapshot));

@@ -7,6 +7,7 @@
 
 #include "picture/decode.h"
 #include "picture/keys.h"
+#include "picture/snapshot.h"
 
 namespace picture {
 

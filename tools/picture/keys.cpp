@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
-#include <limits>
 #include <unordered_set>
 
 #include "picture/escape.h"
@@ -12,12 +10,10 @@
 namespace picture {
 namespace {
 
-/// Collects words. A record whose key was there before is shadowed by that one.
+/// Collects words. A record whose key was there before is shadowed by the record that had it.
 class Collector {
   public:
-    void add(std::string key, Value value, uint64_t offset = 0) {
-        collected_.push_back({std::move(key), value, offset});
-    }
+    void add(std::string key, Value value, uint64_t offset) { collected_.push_back({std::move(key), value, offset}); }
     bool is_first(const std::string& record) { return records_.insert(record).second; }
     std::vector<Word> take() { return std::move(collected_); }
 
@@ -26,126 +22,181 @@ class Collector {
     std::unordered_set<std::string> records_;
 };
 
-void add_cluster(Collector& to, const Picture& picture) {
-    const shmnm_header& header = picture.header;
-    to.add("cluster/waitstat", header.waitstat, offsetof(shmnm_header, waitstat));
-    to.add("cluster/bwflag", header.bwflag, offsetof(shmnm_header, bwflag));
-    to.add("cluster/bwflagdisk", header.bwflagdisk, offsetof(shmnm_header, bwflagdisk));
-    to.add("cluster/clstat", header.clstat, offsetof(shmnm_header, clstat));
-    to.add("cluster/hbinfo_a", static_cast<uint32_t>(header.hbinfo_a), offsetof(shmnm_header, hbinfo_a));
-    to.add("cluster/hbinfo_b", static_cast<uint32_t>(header.hbinfo_b), offsetof(shmnm_header, hbinfo_b));
-    to.add("cluster/max_servers", static_cast<uint32_t>(header.max_servers), offsetof(shmnm_header, max_servers));
-    to.add("cluster/max_hb", static_cast<uint32_t>(header.max_hb), offsetof(shmnm_header, max_hb));
-    to.add("cluster/max_np", static_cast<uint32_t>(header.max_np), offsetof(shmnm_header, max_np));
-    to.add("cluster/dfailstatus", header.dfailstatus, offsetof(shmnm_header, dfailstatus));
-    to.add("cluster/alive", uint32_t{picture.is_any_alive()});
+Value value_of(const Picture& picture, const ClusterPlace& place) {
+    return place.word->source.value(picture);
+}
+Value value_of(const Picture&, const ServerPlace& place) {
+    return place.word->source.value(*place.server);
+}
+Value value_of(const Picture&, const ResourcePlace& place) {
+    return place.word->source.value(*place.resource);
+}
+Value value_of(const Picture&, const RowPlace& place) {
+    return (place.resource->*place.word->row).states[place.column];
+}
+Value value_of(const Picture& picture, const FstPlace& place) {
+    return place.word->source.value(*picture.fst);
+}
+Value value_of(const Picture&, const PidPlace& place) {
+    return place.word->value(*place.record, place.kind);
+}
+
+uint64_t offset_of(const Picture&, const ClusterPlace& place) {
+    return place.word->source.offset();
+}
+uint64_t offset_of(const Picture&, const ServerPlace& place) {
+    const uint64_t offset = place.word->source.offset();
+    return offset == 0 ? 0 : place.server->offset + offset;
+}
+uint64_t offset_of(const Picture&, const ResourcePlace& place) {
+    return place.resource->offset + place.word->source.offset();
+}
+uint64_t offset_of(const Picture&, const RowPlace& place) {
+    return (place.resource->*place.word->row).offset + sizeof(uint32_t) * place.column;
+}
+uint64_t offset_of(const Picture& picture, const FstPlace& place) {
+    return picture.fst->offset + place.word->source.offset();
+}
+uint64_t offset_of(const Picture&, const PidPlace& place) {
+    return place.record->offset + place.word->offset + place.word->size() * place.kind;
+}
+
+template <typename AnyPlace>
+void add(Collector& to, std::string key, const Picture& picture, const AnyPlace& place) {
+    to.add(std::move(key), value_of(picture, place), offset_of(picture, place));
 }
 
 void add_servers(Collector& to, const Picture& picture) {
     for (const Server& server : picture.servers) {
         const std::string record = "servers/" + escaped(server.name);
         if (!to.is_first(record)) continue;
-        const auto add = [&](const char* name, Value value, uint64_t field) {
-            to.add(record + "/" + name, value, server.offset + field);
-        };
-        add("pri", server.pri, offsetof(shmnm_server, pri));
-        add("nodestat", server.nodestat, offsetof(shmnm_server, nodestat));
-        add("nodestat_nw", server.nodestat_nw, offsetof(shmnm_server, nodestat_nw));
-        add("downnotifystat", server.downnotifystat, offsetof(shmnm_server, downnotifystat));
-        add("isolateflag", server.isolateflag, offsetof(shmnm_server, isolateflag));
-        add("pingstat", server.pingstat, offsetof(shmnm_server, pingstat));
-        add("holdstat", server.holdstat, offsetof(shmnm_server, holdstat));
-        add("dfailstatus", server.dfailstatus, offsetof(shmnm_server, dfailstatus));
-        to.add(record + "/combstat", server.combstat);
-    }
-}
-
-void add_row(Collector& to, const std::vector<std::string>& servers, const std::string& row,
-             const std::vector<uint32_t>& states, uint64_t offset) {
-    for (size_t i = 0; i < states.size(); ++i) {
-        // Of several servers of one name the first alone has a key.
-        if (servers[i].empty()) continue;
-        to.add(row + servers[i], states[i], offset + sizeof(uint32_t) * i);
-    }
-}
-
-void add_resources(Collector& to, const std::vector<std::string>& servers, const char* table,
-                   const std::vector<Resource>& resources) {
-    for (const Resource& resource : resources) {
-        const std::string record = fmt::format("{}/{}/{}", table, escaped(resource.type), escaped(resource.name));
-        if (!to.is_first(record)) continue;
-        to.add(record + "/pri", resource.pri, resource.offset + offsetof(shmnm_resource, pri));
-        to.add(record + "/stat", resource.stat, resource.offset + offsetof(shmnm_resource, stat));
-        add_row(to, servers, record + "/svstat", resource.svstat, resource.offset + sizeof(shmnm_resource));
-        add_row(to, servers, record + "/network", resource.network, resource.network_offset);
-    }
-}
-
-void add_fst(Collector& to, const Picture& picture) {
-    if (picture.fst) to.add("fst/stat", picture.fst->stat, picture.fst->offset + offsetof(shmnm_resource, stat));
-    for (const FstPid& record : picture.fst_pids) {
-        const std::string name = escaped(record.name);
-        if (!to.is_first("fst/pids/" + name)) continue;
-        for (size_t kind = 0; kind < record.pid.size(); ++kind) {
-            to.add(fmt::format("fst/pids/{}/{}", name, kind), record.pid[kind],
-                   record.offset + offsetof(shmnm_fst_pid, pid) + sizeof(uint32_t) * kind);
-            to.add(fmt::format("fst/piddata/{}/{}", name, kind), record.piddata[kind],
-                   record.offset + offsetof(shmnm_fst_pid, piddata) + sizeof(uint64_t) * kind);
+        for (const ServerWord& word : server_words) {
+            if (word.has_key) add(to, record + "/" + word.key, picture, ServerPlace{&word, &server});
         }
     }
 }
 
+/// @param[in] servers  the last parts of the keys, by server position; empty where another server has the key
+void add_resources(Collector& to, const Picture& picture, const ResourceKind& kind,
+                   const std::vector<std::string>& servers) {
+    for (const Resource& resource : picture.*kind.resources) {
+        const std::string record = fmt::format("{}/{}/{}", kind.key, escaped(resource.type), escaped(resource.name));
+        if (!to.is_first(record)) continue;
+        for (const ResourceWord& word : resource_words) {
+            add(to, record + "/" + word.key, picture, ResourcePlace{&word, &kind, &resource});
+        }
+        for (const RowWord& word : row_words) {
+            const std::string row = record + "/" + word.key;
+            for (size_t i = 0; i < (resource.*word.row).states.size(); ++i) {
+                if (servers[i].empty()) continue;
+                add(to, row + servers[i], picture, RowPlace{&word, &kind, &resource, &picture.servers[i], i});
+            }
+        }
+    }
+}
+
+void add_fst(Collector& to, const Picture& picture) {
+    for (const FstWord& word : fst_words) {
+        if (picture.fst) add(to, std::string("fst/") + word.key, picture, FstPlace{&word});
+    }
+    for (const FstPid& record : picture.fst_pids) {
+        const std::string name = escaped(record.name);
+        if (!to.is_first("fst/" + name)) continue;
+        for (size_t kind = 0; kind < record.pid.size(); ++kind) {
+            for (const PidWord& word : pid_words) {
+                add(to, fmt::format("fst/{}/{}/{}", word.key, name, kind), picture, PidPlace{&word, &record, kind});
+            }
+        }
+    }
+}
+
+std::vector<std::string_view> parts(std::string_view key) {
+    std::vector<std::string_view> all;
+    for (;;) {
+        const size_t slash = key.find('/');
+        all.push_back(key.substr(0, slash));
+        if (slash == std::string_view::npos) return all;
+        key.remove_prefix(slash + 1);
+    }
+}
+
+/// A name as a key has it. What escaping it would not give back is in no key.
+class Name {
+  public:
+    explicit Name(std::string_view part) : name_(unescaped(part)) {
+        if (name_ && escaped(*name_) != part) name_.reset();
+    }
+    bool operator==(const std::string& name) const { return name_ && *name_ == name; }
+
+  private:
+    std::optional<std::string> name_;
+};
+
+template <typename Record, typename IsNamed>
+const Record* first(const std::vector<Record>& records, const IsNamed& is_named) {
+    const auto found = std::find_if(records.begin(), records.end(), is_named);
+    return found == records.end() ? nullptr : &*found;
+}
+
+const Server* server_named(const Picture& picture, std::string_view part) {
+    const Name name(part);
+    return first(picture.servers, [&](const Server& server) { return name == server.name; });
+}
+
+std::optional<Place> locate_in_cluster(const std::vector<std::string_view>& part) {
+    const ClusterWord* const word = part.size() == 2 ? entry(cluster_words, part[1]) : nullptr;
+    if (!word) return std::nullopt;
+    return ClusterPlace{word};
+}
+
+std::optional<Place> locate_server(const Picture& picture, const std::vector<std::string_view>& part) {
+    const ServerWord* const word = part.size() == 3 ? entry(server_words, part[2]) : nullptr;
+    const Server* const server = word && word->has_key ? server_named(picture, part[1]) : nullptr;
+    if (!server) return std::nullopt;
+    return ServerPlace{word, server};
+}
+
+std::optional<Place> locate_resource(const Picture& picture, const ResourceKind& kind,
+                                     const std::vector<std::string_view>& part) {
+    if (part.size() != 4 && part.size() != 5) return std::nullopt;
+    const Name type(part[1]), name(part[2]);
+    const Resource* const resource =
+        first(picture.*kind.resources, [&](const Resource& each) { return type == each.type && name == each.name; });
+    if (!resource) return std::nullopt;
+    if (part.size() == 4) {
+        const ResourceWord* const word = entry(resource_words, part[3]);
+        if (!word) return std::nullopt;
+        return ResourcePlace{word, &kind, resource};
+    }
+    const RowWord* const word = entry(row_words, part[3]);
+    const Server* const server = word ? server_named(picture, part[4]) : nullptr;
+    if (!server) return std::nullopt;
+    const auto column = static_cast<size_t>(server - picture.servers.data());
+    if (column >= (resource->*word->row).states.size()) return std::nullopt;
+    return RowPlace{word, &kind, resource, server, column};
+}
+
+std::optional<Place> locate_fst(const Picture& picture, const std::vector<std::string_view>& part) {
+    if (part.size() == 2) {
+        const FstWord* const word = picture.fst ? entry(fst_words, part[1]) : nullptr;
+        if (!word) return std::nullopt;
+        return FstPlace{word};
+    }
+    const PidWord* const word = part.size() == 4 ? entry(pid_words, part[1]) : nullptr;
+    if (!word || part[3].size() != 1 || part[3][0] < '0' || part[3][0] > '2') return std::nullopt;
+    const Name name(part[2]);
+    const FstPid* const record = first(picture.fst_pids, [&](const FstPid& each) { return name == each.name; });
+    if (!record) return std::nullopt;
+    return PidPlace{word, record, static_cast<size_t>(part[3][0] - '0')};
+}
+
 }  // namespace
-
-std::optional<Value> Value::parse(std::string_view text) {
-    while (text.starts_with(' ')) text.remove_prefix(1);
-    if (text == "none") return Value();
-    const bool negative = text.starts_with('-');
-    if (negative || text.starts_with('+')) text.remove_prefix(1);
-    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
-    if (hexadecimal) text.remove_prefix(2);
-    uint64_t magnitude = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), magnitude, hexadecimal ? 16 : 10);
-    if (text.empty() || error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
-    Value value(magnitude);
-    value.negative_ = negative && magnitude != 0;
-    return value;
-}
-
-std::string Value::to_text() const {
-    return none_ ? "none" : fmt::format("{}{}", negative_ ? "-" : "", magnitude_);
-}
-
-std::optional<uint64_t> Value::to_uint64() const {
-    if (none_ || negative_) return std::nullopt;
-    return magnitude_;
-}
-
-std::optional<uint32_t> Value::to_uint32() const {
-    if (none_ || negative_ || magnitude_ > std::numeric_limits<uint32_t>::max()) return std::nullopt;
-    return static_cast<uint32_t>(magnitude_);
-}
-
-std::optional<int32_t> Value::to_int32() const {
-    const uint64_t most = uint64_t{std::numeric_limits<int32_t>::max()} + (negative_ ? 1 : 0);
-    if (none_ || magnitude_ > most) return std::nullopt;
-    const auto number = static_cast<int64_t>(magnitude_);
-    return static_cast<int32_t>(negative_ ? -number : number);
-}
-
-std::partial_ordering Value::operator<=>(const Value& other) const {
-    if (none_ || other.none_) {
-        return none_ && other.none_ ? std::partial_ordering::equivalent : std::partial_ordering::unordered;
-    }
-    if (negative_ != other.negative_) {
-        return negative_ ? std::partial_ordering::less : std::partial_ordering::greater;
-    }
-    return negative_ ? other.magnitude_ <=> magnitude_ : magnitude_ <=> other.magnitude_;
-}
 
 std::vector<Word> words(const Picture& picture) {
     Collector to;
-    add_cluster(to, picture);
+    for (const ClusterWord& word : cluster_words) {
+        add(to, std::string("cluster/") + word.key, picture, ClusterPlace{&word});
+    }
     add_servers(to, picture);
     std::vector<std::string> servers;
     std::unordered_set<std::string> seen;
@@ -153,30 +204,58 @@ std::vector<Word> words(const Picture& picture) {
         std::string part = "/" + escaped(server.name);
         servers.push_back(seen.insert(part).second ? std::move(part) : std::string());
     }
-    add_resources(to, servers, "hb", picture.hb);
-    add_resources(to, servers, "np", picture.np);
+    for (const ResourceKind& kind : resource_kinds) add_resources(to, picture, kind, servers);
     add_fst(to, picture);
     return to.take();
 }
 
-const Word* find(const std::vector<Word>& words, std::string_view key) {
-    const auto found = std::find_if(words.begin(), words.end(), [&](const Word& word) { return word.key == key; });
-    return found == words.end() ? nullptr : &*found;
+std::optional<Place> locate(const Picture& picture, std::string_view key) {
+    const std::vector<std::string_view> part = parts(key);
+    if (part[0] == "cluster") return locate_in_cluster(part);
+    if (part[0] == "servers") return locate_server(picture, part);
+    if (part[0] == "fst") return locate_fst(picture, part);
+    const ResourceKind* const kind = entry(resource_kinds, part[0]);
+    return kind ? locate_resource(picture, *kind, part) : std::nullopt;
 }
 
-std::vector<std::string> parts(std::string_view key) {
-    std::vector<std::string> all;
-    for (;;) {
-        const size_t slash = key.find('/');
-        all.emplace_back(key.substr(0, slash));
-        if (slash == std::string_view::npos) return all;
-        key.remove_prefix(slash + 1);
-    }
+std::optional<Word> find(const Picture& picture, std::string_view key) {
+    const std::optional<Place> place = locate(picture, key);
+    if (!place) return std::nullopt;
+    return std::visit(
+        [&](const auto& at) {
+            return Word{std::string(key), value_of(picture, at), offset_of(picture, at)};
+        },
+        *place);
 }
 
 bool is_below(std::string_view key, std::string_view prefix) {
     while (prefix.ends_with('/')) prefix.remove_suffix(1);
     return prefix.empty() || (key.starts_with(prefix) && (key.size() == prefix.size() || key[prefix.size()] == '/'));
+}
+
+std::vector<KeyHelp> key_help() {
+    std::vector<KeyHelp> all;
+    const auto describe = [&](const std::string& pattern, const auto& word) {
+        std::string help = word.help;
+        if constexpr (requires { word.set.index(); }) {
+            if (std::holds_alternative<Computed>(word.set)) help += "; computed";
+        }
+        all.push_back({pattern, help});
+    };
+    for (const ClusterWord& word : cluster_words) describe(std::string("cluster/") + word.key, word);
+    for (const ServerWord& word : server_words) {
+        if (word.has_key) describe(std::string("servers/NAME/") + word.key, word);
+    }
+    for (const ResourceKind& kind : resource_kinds) {
+        const std::string record = std::string(kind.key) + "/TYPE/NAME/";
+        for (const ResourceWord& word : resource_words) describe(record + word.key, word);
+        for (const RowWord& word : row_words) {
+            if (kind.*word.set) describe(record + word.key + "/SERVER", word);
+        }
+    }
+    for (const FstWord& word : fst_words) describe(std::string("fst/") + word.key, word);
+    for (const PidWord& word : pid_words) describe(fmt::format("fst/{}/NAME/KIND", word.key), word);
+    return all;
 }
 
 }  // namespace picture

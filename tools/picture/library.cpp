@@ -8,10 +8,10 @@
 namespace picture {
 namespace {
 
-template <typename Function>
-void look_up(void* module, const char* name, Function& function) {
-    function = reinterpret_cast<Function>(platform::symbol(module, name));
-    if (!function) {
+template <typename Pointer>
+void look_up(void* module, const char* name, Function<Pointer>& function) {
+    function = {reinterpret_cast<Pointer>(platform::symbol(module, name)), name};
+    if (!function.pointer) {
         throw Error(ErrorKind::failed,
                     fmt::format("{} has no function {}: install the library and this program in one version",
                                 platform::library_file, name));

@@ -2,9 +2,23 @@
 // a refused lock is an error of the program and not the end of a process that was about to start.
 #pragma once
 
+#include <cstdint>
+
 #include "shmnm.h"
 
 namespace picture {
+
+/// A function of the library, with its name for messages.
+template <typename Pointer>
+struct Function;
+
+template <typename... Arguments>
+struct Function<uint32_t (*)(Arguments...)> {
+    uint32_t (*pointer)(Arguments...);
+    const char* name;
+
+    uint32_t operator()(Arguments... arguments) const { return pointer(arguments...); }
+};
 
 #define PICTURE_FUNCTIONS(X)   \
     X(shmnm_create)            \
@@ -50,10 +64,14 @@ namespace picture {
     X(shmnm_setfstrscpid)
 
 struct Library {
-#define PICTURE_FUNCTION(name) decltype(&::name) name;
+#define PICTURE_FUNCTION(name) Function<decltype(&::name)> name;
     PICTURE_FUNCTIONS(PICTURE_FUNCTION)
 #undef PICTURE_FUNCTION
 };
+
+/// A function that takes these arguments.
+template <typename... Arguments>
+using Call = Function<uint32_t (*)(Arguments...)> Library::*;
 
 /// Loads the library at the first call. The lock's mutex must have been obtained before, so that loading cannot fail
 /// for it.
@@ -65,5 +83,11 @@ const char* meaning(uint32_t result);
 
 /// @throws Error  `result` is not SHMNM_OK; the line names the function and what its result means
 void expect_ok(const char* function, uint32_t result);
+
+/// Calls a function. @throws Error  it failed
+template <typename... Parameters, typename... Arguments>
+void call(const Function<uint32_t (*)(Parameters...)>& function, Arguments... arguments) {
+    expect_ok(function.name, function(arguments...));
+}
 
 }  // namespace picture

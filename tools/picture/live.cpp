@@ -299,7 +299,7 @@ Change::Change(LiveRegion& region, bool force) : region_(region) {
                         fmt::format("nothing was changed: the region has {}, this machine's configuration has {}",
                                     to_text(header), to_text(*before_.configured)));
         }
-        expect_ok("shmnm_attach", library().shmnm_attach());
+        call(library().shmnm_attach);
     } catch (...) {
         region_.unlock();
         throw;

@@ -1,22 +1,22 @@
 // The commands that change the picture. Each takes the lock once, and does all or nothing.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <map>
+#include <limits>
 #include <string>
 #include <vector>
 
 #include "context.h"
 #include "picture/assignments.h"
 #include "picture/decode.h"
+#include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/library.h"
+#include "picture/members.h"
+#include "picture/simulation.h"
 
 namespace shmnmctl {
 namespace {
-
-constexpr size_t server_name_limit = 255, resource_text_limit = 31, pid_name_limit = 255, description_size = 256;
 
 /// What the command line named. CLI11 writes here; one command runs in a process.
 struct Arguments {
@@ -30,12 +30,13 @@ std::string name_from(const std::string& text, const char* what, size_t limit) {
     const auto name = unescaped(text);
     if (!name) {
         throw Failure(Exit::usage,
-                      fmt::format("the {} {} has a % without two hexadecimal digits; a % itself is written %25", what,
-                                  printable(text)));
+                      fmt::format("invalid {} \"{}\": use two hexadecimal digits after each %, and %25 for "
+                                  "a % itself",
+                                  what, printable(text)));
     }
     if (name->empty() || name->size() > limit || name->find('\0') != std::string::npos) {
-        throw Failure(Exit::usage, fmt::format("the {} \"{}\" is not taken; 1 to {} bytes without NUL are", what,
-                                               escaped(*name), limit));
+        throw Failure(Exit::usage,
+                      fmt::format("invalid {} \"{}\": use 1 to {} bytes without NUL", what, escaped(*name), limit));
     }
     return *name;
 }
@@ -44,32 +45,20 @@ template <typename Number>
 Number number_from(const std::string& text, const char* what, std::optional<Number> (Value::*in_range)() const) {
     const auto value = Value::parse(text);
     const auto number = value ? (*value.*in_range)() : std::nullopt;
-    if (!number) throw Failure(Exit::usage, fmt::format("{} is no {}", printable(text), what));
-    return *number;
-}
-
-/// Turns what the library answered into the end of the command.
-void expect_changed(const char* function, uint32_t result, const std::string& what) {
-    switch (result) {
-        case SHMNM_ERR_NOTFOUND:
-            throw Failure(Exit::no, fmt::format("there is no {}; \"shmnmctl status\" shows what there is", what));
-        case SHMNM_ERR_EXIST:
-            throw Failure(Exit::failed, fmt::format("there is a {} already; \"shmnmctl modify\" changes it", what));
-        case SHMNM_ERR_COUNTOVER:
-        case SHMNM_ERR_RSCOVER:
-            throw Failure(Exit::failed, fmt::format("the {} has no room: {}; raise its number in the configuration",
-                                                    what, meaning(result)));
-        default:
-            expect_ok(function, result);
+    if (!number) {
+        throw Failure(Exit::usage,
+                      fmt::format("invalid {} \"{}\": use a whole number from {} to {}", what, printable(text),
+                                  std::numeric_limits<Number>::min(), std::numeric_limits<Number>::max()));
     }
+    return *number;
 }
 
 /// Makes one call of the library on the attached region, under the lock.
 template <typename Call>
-Exit change(const Context& context, const char* function, const std::string& what, const Call& call) {
+Exit change(const Context& context, const Call& call) {
     LiveRegion region(context.access);
     const Change attached(region, context.force);
-    expect_changed(function, call(library()), what);
+    call();
     return Exit::done;
 }
 
@@ -89,7 +78,7 @@ Exit set(const Context& context, const Arguments& given) {
             assignments.push_back(parse_assignment(given.many[i], given.many[i + 1]));
         }
     } else {
-        throw Failure(Exit::usage, "set takes pairs of a KEY and a VALUE, or - to read them from standard input");
+        throw Failure(Exit::usage, "set takes pairs of KEY and VALUE, or - to read them from standard input");
     }
     LiveRegion region(context.access);
     const Change change(region, context.force);
@@ -98,104 +87,53 @@ Exit set(const Context& context, const Arguments& given) {
     return Exit::done;
 }
 
-Exit add_server(const Context& context, const Arguments& given) {
-    const std::string name = name_from(given.name, "server", server_name_limit);
-    const int32_t pri = number_from(given.pri, "priority of a server", &Value::to_int32);
-    return change(context, "shmnm_addnode", "server " + escaped(name),
-                  [&](const Library& calls) { return calls.shmnm_addnode(name.c_str(), pri); });
+/// @param[in] kind  null: a server
+Member member_from(const ResourceKind* kind, const Arguments& given) {
+    if (!kind) return {.type = "", .name = name_from(given.name, "server name", server_name_limit)};
+    return {.kind = kind,
+            .type = name_from(given.type, "type", resource_text_limit),
+            .name = name_from(given.name, "resource name", resource_text_limit)};
 }
 
-Exit remove_server(const Context& context, const Arguments& given) {
-    const std::string name = name_from(given.name, "server", server_name_limit);
-    return change(context, "shmnm_rmnode", "server " + escaped(name),
-                  [&](const Library& calls) { return calls.shmnm_rmnode(name.c_str()); });
+int64_t priority_from(const Member& member, const Arguments& given) {
+    if (!member.kind) return number_from(given.pri, "priority of a server", &Value::to_int32);
+    return number_from(given.pri, "priority of a resource", &Value::to_uint32);
 }
 
-Exit modify_server(const Context& context, const Arguments& given) {
-    const std::string name = name_from(given.name, "server", server_name_limit);
-    const int32_t pri = number_from(given.pri, "priority of a server", &Value::to_int32);
-    return change(context, "shmnm_modifynode", "server " + escaped(name),
-                  [&](const Library& calls) { return calls.shmnm_modifynode(name.c_str(), pri); });
+Exit add_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
+    const Member member = member_from(kind, given);
+    const int64_t priority = priority_from(member, given);
+    return change(context, [&] { expect_ok(add(member, priority), member); });
 }
 
-/// All that tells the commands on hb resources from those on np resources.
-struct Table {
-    const char* name;
-    const char* add_function;
-    const char* remove_function;
-    const char* modify_function;
-    const char* describe_function;
-    decltype(Library::shmnm_addhbrsc) Library::*add;
-    decltype(Library::shmnm_rmhbrsc) Library::*remove;
-    decltype(Library::shmnm_modifyhbrsc) Library::*modify;
-    decltype(Library::shmnm_sethbdescript) Library::*describe;
-    std::vector<Resource> Picture::*resources;
-};
-
-const Table hb{"hb",
-               "shmnm_addhbrsc",
-               "shmnm_rmhbrsc",
-               "shmnm_modifyhbrsc",
-               "shmnm_sethbdescript",
-               &Library::shmnm_addhbrsc,
-               &Library::shmnm_rmhbrsc,
-               &Library::shmnm_modifyhbrsc,
-               &Library::shmnm_sethbdescript,
-               &Picture::hb};
-const Table np{"np",
-               "shmnm_addnprsc",
-               "shmnm_rmnprsc",
-               "shmnm_modifynprsc",
-               "shmnm_setnpdescript",
-               &Library::shmnm_addnprsc,
-               &Library::shmnm_rmnprsc,
-               &Library::shmnm_modifynprsc,
-               &Library::shmnm_setnpdescript,
-               &Picture::np};
-
-struct Identity {
-    std::string type, name, text;
-};
-
-Identity identity_from(const Table& table, const Arguments& given) {
-    Identity identity{.type = name_from(given.type, "type", resource_text_limit),
-                      .name = name_from(given.name, "resource", resource_text_limit),
-                      .text = ""};
-    identity.text = fmt::format("{} resource {}/{}", table.name, escaped(identity.type), escaped(identity.name));
-    return identity;
+Exit remove_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
+    const Member member = member_from(kind, given);
+    return change(context, [&] { expect_ok(remove(member), member); });
 }
 
-Exit add_resource(const Context& context, const Table& table, const Arguments& given) {
-    const Identity identity = identity_from(table, given);
-    const uint32_t pri = number_from(given.pri, "priority of a resource", &Value::to_uint32);
-    return change(context, table.add_function, identity.text, [&](const Library& calls) {
-        return (calls.*table.add)(identity.type.c_str(), identity.name.c_str(), pri);
-    });
-}
-
-Exit remove_resource(const Context& context, const Table& table, const Arguments& given) {
-    const Identity identity = identity_from(table, given);
-    return change(context, table.remove_function, identity.text, [&](const Library& calls) {
-        return (calls.*table.remove)(identity.type.c_str(), identity.name.c_str());
-    });
-}
-
-Exit modify_resource(const Context& context, const Table& table, const Arguments& given) {
-    const Identity identity = identity_from(table, given);
-    const uint32_t pri = number_from(given.pri, "priority of a resource", &Value::to_uint32);
-    return change(context, table.modify_function, identity.text, [&](const Library& calls) {
-        return (calls.*table.modify)(identity.type.c_str(), identity.name.c_str(), pri);
-    });
+Exit modify_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
+    const Member member = member_from(kind, given);
+    const int64_t priority = priority_from(member, given);
+    return change(context, [&] { expect_ok(set_priority(member, priority), member); });
 }
 
 Exit add_fst(const Context& context, const Arguments& given) {
     const std::string name = name_from(given.name, "name", pid_name_limit);
-    const int32_t kind = number_from(given.kind, "kind of a process id", &Value::to_int32);
-    if (kind < 0 || kind > 2) throw Failure(Exit::usage, "a kind is 0, 1 or 2");
+    const int32_t kind = number_from(given.kind, "kind", &Value::to_int32);
+    if (kind < 0 || kind > 2) throw Failure(Exit::usage, fmt::format("invalid kind \"{}\": use 0, 1 or 2", kind));
     const uint32_t pid = number_from(given.pid, "process id", &Value::to_uint32);
-    const uint64_t data = number_from(given.data.empty() ? "0" : given.data, "64-bit value", &Value::to_uint64);
-    return change(context, "shmnm_setfstrscpid", "table of process ids",
-                  [&](const Library& calls) { return calls.shmnm_setfstrscpid(name.c_str(), kind, pid, data); });
+    const uint64_t data = number_from(given.data.empty() ? "0" : given.data, "value", &Value::to_uint64);
+    return change(context, [&] {
+        const auto& set = library().shmnm_setfstrscpid;
+        const uint32_t result = set(name.c_str(), kind, pid, data);
+        if (result == SHMNM_ERR_COUNTOVER) {
+            throw Failure(Exit::failed,
+                          fmt::format("cannot add process ids of {}: {}; raise the number of servers or fst "
+                                      "resources in the configuration",
+                                      escaped(name), meaning(result)));
+        }
+        expect_ok(set.name, result);
+    });
 }
 
 /// The bytes of a description as they are stored: the text, then zeros.
@@ -203,7 +141,7 @@ std::string description_from(const std::string& text) {
     auto bytes = unescaped(text);
     if (!bytes || bytes->size() > description_size) {
         throw Failure(Exit::usage,
-                      fmt::format("a description has at most {} bytes; a % is written %25", description_size));
+                      fmt::format("invalid description: use at most {} bytes, with a % written %25", description_size));
     }
     bytes->resize(description_size);
     return *bytes;
@@ -220,13 +158,12 @@ Exit show_description(const Context& context, const std::string& descript) {
     return Exit::done;
 }
 
-Exit describe_resource(const Context& context, const Table& table, const Arguments& given) {
-    const Identity identity = identity_from(table, given);
+Exit describe_resource(const Context& context, const ResourceKind& kind, const Arguments& given) {
+    const Member member = member_from(&kind, given);
     const auto described = [&](const Picture& picture) -> const Resource& {
-        for (const Resource& resource : picture.*table.resources) {
-            if (resource.type == identity.type && resource.name == identity.name) return resource;
-        }
-        throw Failure(Exit::no, fmt::format("there is no {}; \"shmnmctl status\" shows what there is", identity.text));
+        const Resource* const resource = find_resource(picture, member);
+        if (!resource) throw Error(ErrorKind::no_such_member, fmt::format("there is no {}", to_text(member)));
+        return *resource;
     };
     if (!given.has_text) return show_description(context, described(decode(look(context))).descript);
 
@@ -234,20 +171,19 @@ Exit describe_resource(const Context& context, const Table& table, const Argumen
     LiveRegion region(context.access);
     const Change change(region, context.force);
     described(decode(change.before()));
-    const uint32_t result = (library().*table.describe)(identity.type.c_str(), identity.name.c_str(), bytes.data(),
-                                                        static_cast<int32_t>(bytes.size()));
-    if (result == SHMNM_ERR_NOTFOUND) {
-        throw Failure(Exit::failed, fmt::format("{} is not described: the library reaches the description of the "
-                                                "first {} resource alone",
-                                                identity.text, table.name));
+    const Answer answer = describe(member, bytes);
+    if (answer.result == SHMNM_ERR_NOTFOUND) {
+        throw Failure(Exit::failed, fmt::format("cannot describe {}: the library reaches only the description of the "
+                                                "first {} resource",
+                                                to_text(member), kind.key));
     }
-    expect_ok(table.describe_function, result);
+    expect_ok(answer, member);
     return Exit::done;
 }
 
 Exit describe_fst(const Context& context, const Arguments& given) {
     const auto missing = [] {
-        return Failure(Exit::no, "the region was laid out without an fst resource; the configuration's fstr says so");
+        return Failure(Exit::no, "the region has no fst resource: the configuration's fstr was 0 when it was created");
     };
     if (!given.has_text) {
         const Picture picture = decode(look(context));
@@ -255,69 +191,41 @@ Exit describe_fst(const Context& context, const Arguments& given) {
         return show_description(context, picture.fst->descript);
     }
     const std::string bytes = description_from(given.text);
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    const uint32_t result = library().shmnm_setfstdescript(bytes.data(), static_cast<int32_t>(bytes.size()));
-    if (result == SHMNM_ERR_NOTFOUND) throw missing();
-    expect_ok("shmnm_setfstdescript", result);
-    return Exit::done;
+    return change(context, [&] {
+        const auto& describe_it = library().shmnm_setfstdescript;
+        const uint32_t result = describe_it(bytes.data(), static_cast<int32_t>(bytes.size()));
+        if (result == SHMNM_ERR_NOTFOUND) throw missing();
+        expect_ok(describe_it.name, result);
+    });
 }
 
 Exit simulate_on(const Context& context, const Arguments& given) {
-    constexpr int32_t priority_limit = 1 << 20;
     LiveRegion region(context.access);
     const Change change(region, context.force);
-    const Picture picture = decode(change.before());
-    std::map<int32_t, bool> failed;
-    for (const std::string& text : given.many) {
-        const std::string name = name_from(text, "server", server_name_limit);
-        const auto found = std::find_if(picture.servers.begin(), picture.servers.end(),
-                                        [&](const Server& server) { return server.name == name; });
-        if (found == picture.servers.end()) {
-            throw Failure(Exit::no,
-                          fmt::format("there is no server {}; \"shmnmctl status\" shows what there is", escaped(name)));
-        }
-        if (found->pri < 0 || found->pri >= priority_limit) {
-            throw Failure(Exit::failed,
-                          fmt::format("server {} is not simulated: its priority {} is not between 0 and {}",
-                                      escaped(name), found->pri, priority_limit - 1));
-        }
-        failed[found->pri] = true;
-    }
-    for (const Server& server : picture.servers) {
-        const bool named = std::any_of(given.many.begin(), given.many.end(),
-                                       [&](const std::string& text) { return unescaped(text) == server.name; });
-        if (!named && failed.contains(server.pri)) {
-            throw Failure(Exit::failed,
-                          fmt::format("server {} shares the priority {}, and the library simulates by priority; name "
-                                      "it too, or give it another with \"shmnmctl modify server\"",
-                                      escaped(server.name), server.pri));
-        }
-    }
-    std::vector<uint32_t> words(failed.empty() ? 0 : static_cast<size_t>(failed.rbegin()->first) + 1);
-    for (const auto& [pri, is_failed] : failed) words[static_cast<size_t>(pri)] = is_failed;
-    expect_ok("shmnm_setnpsimu",
-              library().shmnm_setnpsimu(1, words.empty() ? nullptr : words.data(), static_cast<int32_t>(words.size())));
+    std::vector<std::string> servers;
+    for (const std::string& text : given.many) servers.push_back(name_from(text, "server name", server_name_limit));
+    std::vector<uint32_t> failed = failures_by_priority(decode(change.before()), servers);
+    call(library().shmnm_setnpsimu, 1u, failed.empty() ? nullptr : failed.data(), static_cast<int32_t>(failed.size()));
     return Exit::done;
 }
 
 Exit simulate_off(const Context& context) {
     LiveRegion region(context.access);
     const Change change(region, context.force);
-    expect_ok("shmnm_setnpsimu", library().shmnm_setnpsimu(0, nullptr, 0));
+    call(library().shmnm_setnpsimu, 0u, nullptr, 0);
     return Exit::done;
 }
 
 Exit clear(const Context& context, const Arguments& given) {
     if (!given.yes) {
-        throw Failure(Exit::usage, "clear takes all servers, resources and values out of the picture; say --yes too");
+        throw Failure(Exit::usage, "clear removes all servers, resources and values: add --yes to confirm");
     }
     LiveRegion region(context.access);
     const Change change(region, context.force);
-    expect_ok("shmnm_clear", library().shmnm_clear());
+    call(library().shmnm_clear);
     // Mapping it anew writes the maxima, without which nothing could be added.
-    expect_ok("shmnm_detach", library().shmnm_detach());
-    expect_ok("shmnm_attach", library().shmnm_attach());
+    call(library().shmnm_detach);
+    call(library().shmnm_attach);
     return Exit::done;
 }
 
@@ -325,7 +233,7 @@ Exit clear(const Context& context, const Arguments& given) {
 
 void add_changing_commands(CLI::App& app, Context& context) {
     static Arguments given;
-    const auto command = [&context](CLI::App& parent, const char* name, const char* what, auto work) {
+    const auto command = [&context](CLI::App& parent, const char* name, const std::string& what, auto work) {
         CLI::App* const made = parent.add_subcommand(name, what);
         add_format(*made, context);
         add_force(*made, context);
@@ -354,36 +262,37 @@ void add_changing_commands(CLI::App& app, Context& context) {
     CLI::App* const modify = group("modify", "Give a server or a resource another priority");
     CLI::App* const describe = group("describe", "Show or set the description of a resource");
 
-    CLI::App* made = command(*add, "server", "Add a server", [](const Context& all) { return add_server(all, given); });
-    name_option(*made);
-    pri_option(*made);
-    made = command(*remove, "server", "Remove a server", [](const Context& all) { return remove_server(all, given); });
-    name_option(*made);
-    made = command(*modify, "server", "Give a server another priority",
-                   [](const Context& all) { return modify_server(all, given); });
-    name_option(*made);
-    pri_option(*made);
-
-    for (const Table* const table : {&hb, &np}) {
-        const std::string of = fmt::format("an {} resource", table->name);
-        made = command(*add, table->name, ("Add " + of).c_str(),
-                       [table](const Context& all) { return add_resource(all, *table, given); });
-        type_and_name(*made);
+    // Without a kind: servers.
+    const auto commands_on = [&](const ResourceKind* kind) {
+        const char* const key = kind ? kind->key : "server";
+        const std::string one = kind ? fmt::format("an {} resource", key) : "a server";
+        const auto names = [&](CLI::App& made) { kind ? type_and_name(made) : name_option(made); };
+        CLI::App* made =
+            command(*add, key, "Add " + one, [kind](const Context& all) { return add_member(all, kind, given); });
+        names(*made);
         pri_option(*made);
-        made = command(*remove, table->name, ("Remove " + of).c_str(),
-                       [table](const Context& all) { return remove_resource(all, *table, given); });
-        type_and_name(*made);
-        made = command(*modify, table->name, ("Give " + of + " another priority").c_str(),
-                       [table](const Context& all) { return modify_resource(all, *table, given); });
-        type_and_name(*made);
+        made = command(*remove, key, "Remove " + one,
+                       [kind](const Context& all) { return remove_member(all, kind, given); });
+        names(*made);
+        made = command(*modify, key, "Give " + one + " another priority",
+                       [kind](const Context& all) { return modify_member(all, kind, given); });
+        names(*made);
         pri_option(*made);
-        made = command(*describe, table->name, ("Show or set the description of " + of).c_str(),
-                       [table](const Context& all) { return describe_resource(all, *table, given); });
-        type_and_name(*made);
-        add_file(*made, context);
-        made->add_option("TEXT", given.text, "The new description, escaped as names are")->each([](const std::string&) {
+    };
+    const auto text_option = [&](CLI::App& made) {
+        add_file(made, context);
+        made.add_option("TEXT", given.text, "The new description, escaped as names are")->each([](const std::string&) {
             given.has_text = true;
         });
+    };
+    commands_on(nullptr);
+    CLI::App* made = nullptr;
+    for (const ResourceKind& kind : resource_kinds) {
+        commands_on(&kind);
+        made = command(*describe, kind.key, fmt::format("Show or set the description of an {} resource", kind.key),
+                       [&kind](const Context& all) { return describe_resource(all, kind, given); });
+        type_and_name(*made);
+        text_option(*made);
     }
     made = command(*add, "fst", "Set the process id of a kind under a name, which may be new",
                    [](const Context& all) { return add_fst(all, given); });
@@ -393,10 +302,7 @@ void add_changing_commands(CLI::App& app, Context& context) {
     made->add_option("DATA", given.data, "The 64-bit value beside it (0)");
     made = command(*describe, "fst", "Show or set the description of the fst resource",
                    [](const Context& all) { return describe_fst(all, given); });
-    add_file(*made, context);
-    made->add_option("TEXT", given.text, "The new description, escaped as names are")->each([](const std::string&) {
-        given.has_text = true;
-    });
+    text_option(*made);
 
     CLI::App* const simulate = group("simulate", "Simulate a network partition");
     command(*simulate, "on", "Simulate that these servers have failed", [](const Context& all) {
@@ -404,9 +310,9 @@ void add_changing_commands(CLI::App& app, Context& context) {
     })->add_option("SERVER", given.many, "As in keys");
     command(*simulate, "off", "End the simulation", [](const Context& all) { return simulate_off(all); });
 
-    command(app, "clear", "Take everything out of the picture", [](const Context& all) {
+    command(app, "clear", "Remove everything from the picture", [](const Context& all) {
         return clear(all, given);
-    })->add_flag("--yes", given.yes, "It is meant");
+    })->add_flag("--yes", given.yes, "Confirm");
 }
 
 }  // namespace shmnmctl

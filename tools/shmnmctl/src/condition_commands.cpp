@@ -56,7 +56,7 @@ uint64_t duration_us(const std::string& text) {
                                                                    : std::nullopt;
     if (error != std::errc{} || !us || !(number >= 0) || number * *us > 1e15) {
         throw Failure(Exit::usage,
-                      fmt::format("{} is no duration; give 500ms, 10s, 2m, 1h or seconds", printable(text)));
+                      fmt::format("invalid duration \"{}\": use 500ms, 10s, 2m, 1h or seconds", printable(text)));
     }
     return static_cast<uint64_t>(number * *us);
 }
@@ -71,7 +71,7 @@ std::string unmet_now(LiveRegion& region, const Condition& condition, uint32_t l
     } catch (const Error& error) {
         // Without the lock nobody knows, and the time that it took was part of the waiting.
         if (error.kind != ErrorKind::lock_timeout) throw;
-        return Failure(error).what();
+        return error.what();
     }
 }
 
@@ -98,10 +98,11 @@ Exit wait(const Context& context, const ConditionOptions& options) {
             return Exit::done;
         }
         if (left_ms(1) == 0) {
-            throw Failure(Exit::timeout, fmt::format("it did not hold within {}: {}", *options.timeout, unmet));
+            throw Failure(Exit::timeout,
+                          fmt::format("the condition did not hold within {}: {}", *options.timeout, unmet));
         }
         if (session::stopped_within(left_ms(options.interval_ms))) {
-            throw Failure(Exit::failed, fmt::format("interrupted; it did not hold: {}", unmet));
+            throw Failure(Exit::failed, fmt::format("interrupted before the condition held: {}", unmet));
         }
     }
 }
@@ -128,7 +129,7 @@ void add_condition_commands(CLI::App& app, Context& context) {
 
     CLI::App* const wait_command = app.add_subcommand("wait", "Return as soon as a condition holds");
     add_format(*wait_command, context);
-    wait_command->add_option("--timeout", options.timeout, "500ms, 10s, 2m, 1h or seconds; without it there is none");
+    wait_command->add_option("--timeout", options.timeout, "500ms, 10s, 2m, 1h or seconds; default: no limit");
     wait_command->add_option("--interval", options.interval_ms, "Milliseconds from one look to the next")
         ->check(CLI::Range(1, 3'600'000))
         ->capture_default_str();

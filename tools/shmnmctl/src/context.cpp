@@ -19,7 +19,7 @@ void write_output(std::string_view text) {
     // What is still buffered would fail again as the process ends.
     const int error = errno;
     throw Failure(Exit::failed,
-                  fmt::format("standard output is not written to: {}",
+                  fmt::format("cannot write to standard output: {}",
                               error == EPIPE || error == EINVAL ? "its reader has closed it" : std::strerror(error)));
 }
 
@@ -35,7 +35,7 @@ void add_file(CLI::App& command, Context& context) {
 
 void add_force(CLI::App& command, Context& context) {
     command.add_flag("--force", context.force,
-                     "Also where the region was laid out by other counts than this machine's configuration has");
+                     "Change the region even if its counts differ from this machine's configuration");
 }
 
 }  // namespace shmnmctl

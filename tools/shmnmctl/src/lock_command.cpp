@@ -70,7 +70,7 @@ void add_lock_command(CLI::App& app, Context& context) {
     add_format(*command, context);
     command->add_option("--timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the lock");
     command->add_flag("--who", who, "Tell who holds the lock; the exit status is 1 when nobody does");
-    command->add_option("COMMAND", words, "Behind --: the command and its arguments");
+    command->add_option("COMMAND", words, "After --: the command and its arguments");
     command->callback([&context] {
         if (who != words.empty()) throw CLI::RequiredError("Either --who or a COMMAND");
         context.command = [&context] { return who ? tell_who(context) : run_locked(context, words); };

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "context.h"
 #include "picture/decode.h"
@@ -19,8 +20,7 @@ Exit list(const Context& context, const std::string& prefix) {
     std::vector<Word> listed = words(decode(look(context)));
     std::erase_if(listed, [&](const Word& word) { return !is_below(word.key, prefix); });
     if (listed.empty()) {
-        throw Failure(Exit::no,
-                      fmt::format("nothing lies below {}; \"shmnmctl list\" shows all keys", printable(prefix)));
+        throw Error(ErrorKind::no_such_key, fmt::format("no key lies below {}", printable(prefix)));
     }
     std::string text;
     if (context.json()) {
@@ -35,11 +35,8 @@ Exit list(const Context& context, const std::string& prefix) {
 }
 
 Exit get(const Context& context, const std::string& key) {
-    const std::vector<Word> all = words(decode(look(context)));
-    const Word* const word = find(all, key);
-    if (!word) {
-        throw Failure(Exit::no, fmt::format("there is no {}; \"shmnmctl list\" shows all keys", printable(key)));
-    }
+    const std::optional<Word> word = find(decode(look(context)), key);
+    if (!word) throw Error(ErrorKind::no_such_key, fmt::format("there is no key {}", printable(key)));
     if (context.json()) {
         Json answer = document("get");
         answer["key"] = word->key;
@@ -62,9 +59,16 @@ Exit dump(const Context& context, const std::string& name) {
     const bool written =
         file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() && std::fflush(file.get()) == 0;
     if (!written) {
-        throw Failure(Exit::failed, fmt::format("{} is not written: {}", printable(name), std::strerror(errno)));
+        throw Failure(Exit::failed, fmt::format("cannot write {}: {}", printable(name), std::strerror(errno)));
     }
     return Exit::done;
+}
+
+/// All keys that there can be.
+std::string keys_footer() {
+    std::string text = "Keys:";
+    for (const KeyHelp& key : key_help()) text += fmt::format("\n  {:<35} {}", key.pattern, key.help);
+    return text;
 }
 
 }  // namespace
@@ -75,6 +79,7 @@ void add_looking_commands(CLI::App& app, Context& context) {
     add_format(*list_command, context);
     add_file(*list_command, context);
     list_command->add_option("PREFIX", argument, "Only keys at or below this one");
+    list_command->footer(keys_footer());
     list_command->callback([&] { context.command = [&] { return list(context, argument); }; });
 
     CLI::App* const get_command = app.add_subcommand("get", "Print the value of one key");

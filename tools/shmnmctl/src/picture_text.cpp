@@ -3,11 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
 #include "picture/escape.h"
 #include "picture/keys.h"
+#include "picture/words.h"
 
 namespace shmnmctl {
 namespace {
@@ -154,117 +156,123 @@ Cell heading(std::string text) {
     return {std::move(text), "", Tone::heading};
 }
 
-template <typename Number>
-Cell number(Number value, std::string key) {
-    return {fmt::format("{}", value), std::move(key)};
-}
-
-Cell alive(bool is_alive, std::string key) {
-    return {is_alive ? "yes" : "no", std::move(key), is_alive ? Tone::good : Tone::bad};
+/// What a word shows. A flag has no mark: it changes with the word that it follows from.
+template <typename Source, typename Part>
+Cell shown(const Source& source, const Part& part, const std::string& key) {
+    const Value value = source.value(part);
+    if (!source.is_flag()) return {value.to_text(), key};
+    const bool yes = value != Value(0u);
+    return {yes ? "yes" : "no", "", yes ? Tone::good : Tone::bad};
 }
 
 void add_cluster(Page& page, const Picture& picture) {
+    std::vector<std::pair<std::string, Cell>> states;
+    for (const ClusterWord& word : cluster_words) {
+        if (!word.is_state()) continue;
+        states.push_back({word.key, shown(word.source, picture, std::string("cluster/") + word.key)});
+    }
+    page.items("cluster", states);
     const shmnm_header& header = picture.header;
-    page.items("cluster", {{"waitstat", number(header.waitstat, "cluster/waitstat")},
-                           {"bwflag", number(header.bwflag, "cluster/bwflag")},
-                           {"bwflagdisk", number(header.bwflagdisk, "cluster/bwflagdisk")},
-                           {"clstat", number(header.clstat, "cluster/clstat")},
-                           {"hbinfo_a", number(static_cast<uint32_t>(header.hbinfo_a), "cluster/hbinfo_a")},
-                           {"hbinfo_b", number(static_cast<uint32_t>(header.hbinfo_b), "cluster/hbinfo_b")},
-                           {"alive", alive(picture.is_any_alive(), "")}});
     const auto of = [](int32_t count, int32_t limit) { return Cell{fmt::format("{} of {}", count, limit), ""}; };
     page.items("in use", {{"servers", of(header.server_count, header.max_servers)},
                           {"hb", of(header.hb_count, header.max_hb)},
                           {"np", of(header.np_count, header.max_np)},
                           {"process ids", of(header.fst_pid_count, header.fst_pid_limit)}});
     std::vector<std::pair<std::string, Cell>> simulated = {
-        {"", {header.dfailstatus == 0 ? "off" : "on", "", header.dfailstatus == 0 ? Tone::plain : Tone::bad}}};
+        {"", {picture.is_simulated() ? "on" : "off", "", picture.is_simulated() ? Tone::bad : Tone::plain}}};
     for (const Server& server : picture.servers) {
-        if (server.dfailstatus != 0) simulated.push_back({"failed", {escaped(server.name), "", Tone::bad}});
+        if (server.is_simulated()) simulated.push_back({"failed", {escaped(server.name), "", Tone::bad}});
     }
     page.items("simulation", simulated);
 }
 
 void add_servers(Page& page, const Picture& picture) {
-    std::vector<std::vector<Cell>> rows = {{}};
-    for (const char* const name :
-         {"server", "pri", "node", "node_nw", "downnotify", "isolate", "ping", "hold", "comb", "alive"}) {
-        rows[0].push_back(heading(name));
+    std::vector<std::vector<Cell>> rows = {{heading("server")}};
+    for (const ServerWord& word : server_words) {
+        if (word.heading) rows[0].push_back(heading(word.heading));
     }
     for (const Server& server : picture.servers) {
-        const std::string name = escaped(server.name), key = "servers/" + name;
-        rows.push_back({{name, ""},
-                        number(server.pri, key + "/pri"),
-                        number(server.nodestat, key + "/nodestat"),
-                        number(server.nodestat_nw, key + "/nodestat_nw"),
-                        number(server.downnotifystat, key + "/downnotifystat"),
-                        number(server.isolateflag, key + "/isolateflag"),
-                        number(server.pingstat, key + "/pingstat"),
-                        number(server.holdstat, key + "/holdstat"),
-                        {Value(server.combstat).to_text(), key + "/combstat"},
-                        alive(server.is_alive(), "")});
+        const std::string name = escaped(server.name);
+        std::vector<Cell> cells = {{name, ""}};
+        for (const ServerWord& word : server_words) {
+            if (word.heading) cells.push_back(shown(word.source, server, "servers/" + name + "/" + word.key));
+        }
+        rows.push_back(std::move(cells));
     }
     page.table(rows, 1);
 }
 
+/// The states of a row, for each server.
 /// @param[in] servers  the escaped names
-std::vector<Cell> row(const std::string& title, const Cell& pri, const Cell& stat,
-                      const std::vector<std::string>& servers, const std::string& key,
-                      const std::vector<uint32_t>& states, bool needs_keys) {
-    std::vector<Cell> cells = {{title, ""}, pri, stat};
-    cells.reserve(cells.size() + servers.size());
+/// @param[in] key      of the row; empty: keys are not needed
+void add_states(std::vector<Cell>& cells, const std::vector<std::string>& servers, const std::vector<uint32_t>& states,
+                const std::string& key) {
     for (size_t i = 0; i < servers.size(); ++i) {
         if (i >= states.size()) {
             cells.push_back({"-", ""});
         } else {
-            cells.push_back(number(states[i], needs_keys ? key + "/" + servers[i] : std::string()));
+            cells.push_back({std::to_string(states[i]), key.empty() ? key : key + "/" + servers[i]});
         }
     }
-    return cells;
 }
 
-void add_resources(Page& page, const char* table, const Picture& picture, const std::vector<Resource>& resources,
-                   bool has_network_rows) {
+void add_resources(Page& page, const ResourceKind& kind, const Picture& picture) {
     std::vector<std::string> servers;
     for (const Server& server : picture.servers) servers.push_back(escaped(server.name));
-    std::vector<std::vector<Cell>> rows = {{heading(table), heading("pri"), heading("stat")}};
+    std::vector<std::vector<Cell>> rows = {{heading(kind.key)}};
+    for (const ResourceWord& word : resource_words) rows[0].push_back(heading(word.key));
+    const size_t leading = rows[0].size();
     for (const std::string& server : servers) rows[0].push_back(heading(server));
-    const bool keys = page.needs_keys();
-    for (const Resource& resource : resources) {
+    for (const Resource& resource : picture.*kind.resources) {
         const std::string name = escaped(resource.type) + "/" + escaped(resource.name);
-        const std::string key = std::string(table) + "/" + name;
-        rows.push_back(row(name, number(resource.pri, key + "/pri"), number(resource.stat, key + "/stat"), servers,
-                           key + "/svstat", resource.svstat, keys));
-        if (has_network_rows) {
-            rows.push_back(row("  network", {}, {}, servers, key + "/network", resource.network, keys));
+        const std::string key = std::string(kind.key) + "/" + name + "/";
+        for (const RowWord& row : row_words) {
+            if (!(kind.*row.set)) continue;
+            // The first row bears the resource's own words.
+            const bool first = &row == row_words;
+            std::vector<Cell> cells = {{first ? name : std::string("  ") + row.key, ""}};
+            for (const ResourceWord& word : resource_words) {
+                cells.push_back(first ? shown(word.source, resource, key + word.key) : Cell{});
+            }
+            add_states(cells, servers, (resource.*row.row).states, page.needs_keys() ? key + row.key : "");
+            rows.push_back(std::move(cells));
         }
     }
-    page.table(rows, 3);
+    page.table(rows, leading);
+}
+
+void add_pids(Page& page, const Picture& picture) {
+    constexpr size_t kinds = std::tuple_size_v<decltype(FstPid::pid)>;
+    std::vector<std::vector<Cell>> rows = {{heading("process ids")}};
+    for (const PidWord& word : pid_words) {
+        for (size_t kind = 0; kind < kinds; ++kind) rows[0].push_back(heading(fmt::format("{}{}", word.heading, kind)));
+    }
+    for (const FstPid& record : picture.fst_pids) {
+        const std::string name = escaped(record.name);
+        std::vector<Cell> cells = {{name, ""}};
+        for (const PidWord& word : pid_words) {
+            for (size_t kind = 0; kind < kinds; ++kind) {
+                cells.push_back(
+                    {word.value(record, kind).to_text(), fmt::format("fst/{}/{}/{}", word.key, name, kind)});
+            }
+        }
+        rows.push_back(std::move(cells));
+    }
+    page.table(rows, 1);
 }
 
 void add_fst(Page& page, const Picture& picture) {
     if (picture.fst) {
-        std::vector<std::pair<std::string, Cell>> all = {{"stat", number(picture.fst->stat, "fst/stat")}};
+        std::vector<std::pair<std::string, Cell>> all;
+        for (const FstWord& word : fst_words) {
+            all.push_back({word.key, shown(word.source, *picture.fst, std::string("fst/") + word.key)});
+        }
         if (!picture.fst->descript.empty()) all.push_back({"", {printable(picture.fst->descript), ""}});
         page.items("fst", all);
     } else {
         page.items("fst", {{"", {"none", ""}}});
     }
-    if (picture.fst_pids.empty()) return;
-    std::vector<std::vector<Cell>> rows = {{heading("process ids"), heading("0"), heading("1"), heading("2"),
-                                            heading("data 0"), heading("data 1"), heading("data 2")}};
-    for (const FstPid& record : picture.fst_pids) {
-        const std::string name = escaped(record.name);
-        std::vector<Cell> cells = {{name, ""}};
-        for (size_t kind = 0; kind < record.pid.size(); ++kind) {
-            cells.push_back(number(record.pid[kind], fmt::format("fst/pids/{}/{}", name, kind)));
-        }
-        for (size_t kind = 0; kind < record.piddata.size(); ++kind) {
-            cells.push_back(number(record.piddata[kind], fmt::format("fst/piddata/{}/{}", name, kind)));
-        }
-        rows.push_back(std::move(cells));
-    }
-    page.table(rows, 1);
+    if (!picture.fst_pids.empty()) add_pids(page, picture);
 }
 
 }  // namespace
@@ -276,10 +284,10 @@ std::string to_text(const Picture& picture, const TextStyle& style) {
     page.blank();
     add_servers(page, picture);
     page.blank();
-    add_resources(page, "hb", picture, picture.hb, true);
-    page.blank();
-    add_resources(page, "np", picture, picture.np, false);
-    page.blank();
+    for (const ResourceKind& kind : resource_kinds) {
+        add_resources(page, kind, picture);
+        page.blank();
+    }
     add_fst(page, picture);
     return page.take();
 }

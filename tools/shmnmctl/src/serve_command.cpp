@@ -26,90 +26,53 @@ void create(const std::string& installed) {
     std::string advice = "see the trace log";
     if (result == SHMNM_ERR_LOADCONFIG) advice = fmt::format("put the configuration at {}", printable(installed));
     if (result == SHMNM_ERR_CREATEMAP) advice = "make room in shared memory, or see who owns the region's name";
-    throw Failure(Exit::failed, fmt::format("shmnm_create answered {}: {}; {}", result, meaning(result), advice));
-}
-
-uint32_t add(const Member& member) {
-    const Library& calls = library();
-    const char* const type = member.type.c_str();
-    const char* const name = member.name.c_str();
-    switch (member.kind) {
-        case Member::Kind::server:
-            return calls.shmnm_addnode(name, static_cast<int32_t>(member.priority));
-        case Member::Kind::hb:
-            return calls.shmnm_addhbrsc(type, name, static_cast<uint32_t>(member.priority));
-        default:
-            return calls.shmnm_addnprsc(type, name, static_cast<uint32_t>(member.priority));
-    }
-}
-
-uint32_t give_priority(const Member& member) {
-    const Library& calls = library();
-    const char* const type = member.type.c_str();
-    const char* const name = member.name.c_str();
-    switch (member.kind) {
-        case Member::Kind::server:
-            return calls.shmnm_modifynode(name, static_cast<int32_t>(member.priority));
-        case Member::Kind::hb:
-            return calls.shmnm_modifyhbrsc(type, name, static_cast<uint32_t>(member.priority));
-        default:
-            return calls.shmnm_modifynprsc(type, name, static_cast<uint32_t>(member.priority));
-    }
-}
-
-uint32_t remove(const Member& member) {
-    const Library& calls = library();
-    switch (member.kind) {
-        case Member::Kind::server:
-            return calls.shmnm_rmnode(member.name.c_str());
-        case Member::Kind::hb:
-            return calls.shmnm_rmhbrsc(member.type.c_str(), member.name.c_str());
-        default:
-            return calls.shmnm_rmnprsc(member.type.c_str(), member.name.c_str());
-    }
+    throw Failure(Exit::failed,
+                  fmt::format("shmnm_create failed with code {} ({}); {}", result, meaning(result), advice));
 }
 
 /// All of them, or none: one that is refused takes those before it with it, and no priority is touched.
-void register_members(LiveRegion& region, const std::vector<Member>& members) {
+void register_members(LiveRegion& region, const std::vector<ClusterMember>& members) {
     const Locked locked(region);
-    std::vector<const Member*> added, there_before;
-    for (const Member& member : members) {
-        const uint32_t result = add(member);
+    std::vector<const ClusterMember*> added, there_before;
+    for (const ClusterMember& member : members) {
+        const uint32_t result = add(member, member.priority).result;
         if (result == SHMNM_OK || result == SHMNM_ERR_EXIST) {
             (result == SHMNM_OK ? added : there_before).push_back(&member);
             continue;
         }
         std::for_each(added.rbegin(), added.rend(), [](const Member* one) { remove(*one); });
-        throw Failure(Exit::failed, fmt::format("{} is not registered: {}; the region was there before and may be full",
-                                                escaped(member.name), meaning(result)));
+        throw Failure(Exit::failed, fmt::format("cannot register {}: {}; the region existed before and may be full",
+                                                to_text(member), meaning(result)));
     }
-    for (const Member* const member : there_before) expect_ok("the change of a priority", give_priority(*member));
+    for (const ClusterMember* const member : there_before) expect_ok(set_priority(*member, member->priority), *member);
 }
 
-/// What others have taken out meanwhile is out.
-void take_out(LiveRegion& region, const std::vector<Member>& members) {
+/// What others have removed meanwhile stays removed.
+void take_out(LiveRegion& region, const std::vector<ClusterMember>& members) {
     const Locked locked(region);
     for (const Member& member : members) remove(member);
 }
 
 void tell_that_it_is_ready(const Context& context, const ClusterFile& file) {
-    const auto count = [&](Member::Kind kind) {
+    const auto count = [&](const ResourceKind* kind) {
         return std::count_if(file.members.begin(), file.members.end(),
                              [=](const Member& member) { return member.kind == kind; });
     };
-    const auto servers = count(Member::Kind::server), hb_resources = count(Member::Kind::hb),
-               np_resources = count(Member::Kind::np);
+    const auto servers = count(nullptr);
     if (context.json()) {
         Json ready = document("serve");
         ready["ready"] = true;
         ready["region"] = full_name(mapping_name);
         ready["servers"] = servers;
-        ready["hb"] = hb_resources;
-        ready["np"] = np_resources;
+        for (const ResourceKind& kind : resource_kinds) ready[kind.key] = count(&kind);
         write_output(line(ready));
     } else {
-        write_output(fmt::format("ready: {} with {} servers, {} hb and {} np resources\n", full_name(mapping_name),
-                                 servers, hb_resources, np_resources));
+        std::string resources;
+        for (const ResourceKind& kind : resource_kinds) {
+            resources += fmt::format("{}{} {}", resources.empty() ? "" : " and ", count(&kind), kind.key);
+        }
+        write_output(
+            fmt::format("ready: {} with {} servers, {} resources\n", full_name(mapping_name), servers, resources));
     }
     session::notify_service_manager("READY=1");
 }
@@ -120,8 +83,8 @@ Exit serve(const Context& context, const ServeOptions& options) {
     if (const auto configured = configured_counts(); configured && *configured != file.counts) {
         throw Failure(
             Exit::failed,
-            fmt::format("{} has {}, and every process lays the region out by {}, which has {}; make them "
-                        "equal",
+            fmt::format("{} has {}, but every process lays the region out by {}, which has {}; make "
+                        "them equal",
                         printable(options.file), to_text(file.counts), printable(installed), to_text(*configured)));
     }
     session::catch_stop();
@@ -138,7 +101,7 @@ Exit serve(const Context& context, const ServeOptions& options) {
         library().shmnm_delete();
         throw;
     }
-    expect_ok("shmnm_delete", library().shmnm_delete());
+    call(library().shmnm_delete);
     return Exit::done;
 }
 
@@ -149,8 +112,8 @@ void add_serve_command(CLI::App& app, Context& context) {
     CLI::App* const command = app.add_subcommand("serve", "Create the region from the configuration and hold it");
     add_format(*command, context);
     command->add_option("--config", options.file, "The configuration (etc/cluster.xml below the installation path)");
-    command->add_flag("--clean", options.clean, "Take the members out before the end");
-    command->add_flag("--until-eof", options.until_eof, "End when standard input does, too");
+    command->add_flag("--clean", options.clean, "Remove the members before the end");
+    command->add_flag("--until-eof", options.until_eof, "End when standard input ends, too");
     command->callback([&context] { context.command = [&context] { return serve(context, options); }; });
 }
 

@@ -87,7 +87,7 @@ void prepare() {
 void catch_stop() {
     if (signal_pipe[0] >= 0) return;
     if (pipe2(signal_pipe.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw Failure(Exit::failed, fmt::format("signals cannot be waited for: {}", std::strerror(errno)));
+        throw Failure(Exit::failed, fmt::format("cannot wait for signals: {}", std::strerror(errno)));
     }
     handle(SIGINT, on_stop);
     handle(SIGTERM, on_stop);
@@ -164,7 +164,7 @@ int run(const std::vector<std::string>& command) {
     }
     sigprocmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) {
-        throw Failure(Exit::failed, fmt::format("{} cannot be run: {}", printable(command[0]), std::strerror(error)));
+        throw Failure(Exit::failed, fmt::format("cannot run {}: {}", printable(command[0]), std::strerror(error)));
     }
     // Its number is its own until it has been waited for: no signal is passed on to another process of that number.
     siginfo_t ended{};

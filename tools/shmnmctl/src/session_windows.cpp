@@ -96,7 +96,7 @@ void catch_stop() {
     if (stop_event) return;
     stop_event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (!stop_event || !SetConsoleCtrlHandler(on_console_event, TRUE)) {
-        throw Failure(Exit::failed, fmt::format("console events cannot be waited for (error {})", GetLastError()));
+        throw Failure(Exit::failed, fmt::format("cannot wait for console events (error {})", GetLastError()));
     }
 }
 
@@ -134,7 +134,7 @@ int run(const std::vector<std::string>& command) {
     PROCESS_INFORMATION child{};
     SetConsoleCtrlHandler(leave_to_command, TRUE);
     if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
-        throw Failure(Exit::failed, fmt::format("{} cannot be run (error {})", printable(command[0]), GetLastError()));
+        throw Failure(Exit::failed, fmt::format("cannot run {} (error {})", printable(command[0]), GetLastError()));
     }
     CloseHandle(child.hThread);
     WaitForSingleObject(child.hProcess, INFINITE);

@@ -88,13 +88,13 @@ uint32_t interval_ms(const std::string& seconds) {
     const double value = std::strtod(seconds.c_str(), &end);
     if (seconds.empty() || *end != '\0' || !(value >= 0.01 && value <= 86'400)) {
         throw Failure(Exit::usage,
-                      fmt::format("{} is no interval; give seconds from 0.01 to 86400", printable(seconds)));
+                      fmt::format("invalid interval \"{}\": use seconds from 0.01 to 86400", printable(seconds)));
     }
     return static_cast<uint32_t>(value * 1'000);
 }
 
 Exit show_again_and_again(const Context& context, const std::string& seconds) {
-    if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change; --watch is for the live region");
+    if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change: use --watch without FILE");
     const uint32_t interval = interval_ms(seconds);
     session::catch_stop();
     LiveRegion region(context.access);
@@ -144,8 +144,8 @@ void add_status_command(CLI::App& app, Context& context) {
     static std::string seconds;
     CLI::App* const command = app.add_subcommand("status", "Show the whole picture");
     add_format(*command, context);
-    CLI::Option* const watch =
-        command->add_option("--watch", seconds, "Show it again every that many seconds (2), and mark what has changed");
+    CLI::Option* const watch = command->add_option(
+        "--watch", seconds, "Show it again at this interval in seconds (2), and mark what has changed");
     watch->expected(0, 1)->default_str("2");
     command->add_option("FILE", context.file, "Read this dump, not the live region");
     command->callback([&context, watch] {

@@ -35,7 +35,7 @@ Exit verify(const Context& context) {
 
 void add_verify_command(CLI::App& app, Context& context) {
     CLI::App* const command =
-        app.add_subcommand("verify", "Look for what a healthy region never shows: a line a finding");
+        app.add_subcommand("verify", "Look for what a healthy region never shows: one line per finding");
     add_format(*command, context);
     command->add_option("FILE", context.file, "Check this dump, not the live region");
     command->callback([&] { context.command = [&] { return verify(context); }; });

@@ -1,0 +1,44 @@
+// The value of a word, as people read and type it.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace picture {
+
+/// A whole number of up to 64 bits, with a sign, or none: a server may have no combined state.
+class Value {
+  public:
+    Value() = default;
+    Value(uint32_t number) : Value(uint64_t{number}) {}
+    Value(uint64_t number) : none_(false), magnitude_(number) {}
+    Value(int32_t number) : none_(false), negative_(number < 0), magnitude_(magnitude(number)) {}
+    Value(std::optional<uint32_t> number) : none_(!number), magnitude_(number.value_or(0)) {}
+
+    /// Reads decimal digits, with a sign, or 0x and hexadecimal ones, or "none". Blanks may stand before.
+    static std::optional<Value> parse(std::string_view text);
+
+    bool is_none() const { return none_; }
+    std::string to_text() const;
+    /// The number in 32 bits; nothing when it does not fit.
+    std::optional<uint32_t> to_uint32() const;
+    std::optional<int32_t> to_int32() const;
+    std::optional<uint64_t> to_uint64() const;
+
+    bool operator==(const Value&) const = default;
+    /// Nothing is above or below none.
+    std::partial_ordering operator<=>(const Value& other) const;
+
+  private:
+    static uint64_t magnitude(int32_t number) {
+        return number < 0 ? static_cast<uint64_t>(-int64_t{number}) : static_cast<uint64_t>(number);
+    }
+
+    bool none_ = true, negative_ = false;
+    uint64_t magnitude_ = 0;
+};
+
+}  // namespace picture

@@ -1,0 +1,236 @@
+// The words of the picture, each once: its key, the member of the record that holds it, how the library sets it, how it
+// is shown and what it means. Keys, JSON, the columns of tables, assignments, help and the manual are made from these
+// tables: a new word is one new line here.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "picture/decode.h"
+#include "picture/layout.h"
+#include "picture/library.h"
+#include "picture/value.h"
+#include "shmnm.h"
+
+namespace picture {
+
+/// Where the value of a word comes from: a member of the record that a part of the picture has a copy of or, computed,
+/// that part as a whole.
+template <auto record>
+class Source;
+
+template <typename Part, typename Record, Record Part::*record>
+class Source<record> {
+  public:
+    constexpr Source(uint32_t Record::*word) : word_(word) {}
+    constexpr Source(int32_t Record::*number) : number_(number) {}
+    constexpr Source(Value (*compute)(const Part&)) : compute_(compute) {}
+    constexpr Source(bool (*test)(const Part&)) : test_(test) {}
+    /// A number that is shown as if it had no sign.
+    static constexpr Source without_sign(int32_t Record::*number) {
+        Source source(number);
+        source.has_sign_ = false;
+        return source;
+    }
+
+    Value value(const Part& part) const {
+        if (test_) return uint32_t{test_(part)};
+        if (compute_) return compute_(part);
+        if (word_) return part.*record.*word_;
+        const int32_t number = part.*record.*number_;
+        return has_sign_ ? Value(number) : Value(static_cast<uint32_t>(number));
+    }
+    /// Whether the value is a yes or no.
+    constexpr bool is_flag() const { return test_ != nullptr; }
+    /// The member, if it has a sign in the record.
+    constexpr int32_t Record::*number() const { return number_; }
+    /// In the record, in bytes; 0 for what is computed.
+    uint64_t offset() const {
+        static const Record origin{};
+        if (!word_ && !number_) return 0;
+        const void* const member = word_ ? static_cast<const void*>(&(origin.*word_)) : &(origin.*number_);
+        return static_cast<uint64_t>(static_cast<const char*>(member) - reinterpret_cast<const char*>(&origin));
+    }
+
+  private:
+    uint32_t Record::*word_ = nullptr;
+    int32_t Record::*number_ = nullptr;
+    Value (*compute_)(const Part&) = nullptr;
+    bool (*test_)(const Part&) = nullptr;
+    bool has_sign_ = true;
+};
+
+// How a word is set, if not by a call for it alone.
+struct Computed {};      ///< it follows from other words
+struct BySimulation {};  ///< a simulation sets it
+
+/// A call that sets several numbers of the header at once, each to 1 or more.
+template <typename... Numbers>
+struct Joint {
+    Call<Numbers...> function;
+    std::array<int32_t shmnm_header::*, sizeof...(Numbers)> numbers;
+};
+using Pair = Joint<int32_t, int32_t>;
+using Triple = Joint<int32_t, int32_t, int32_t>;
+
+using HeaderSource = Source<&Picture::header>;
+
+struct ClusterWord {
+    const char* key;
+    HeaderSource source;
+    std::variant<Computed, BySimulation, const Pair*, const Triple*, Call<uint32_t>> set;
+    const char* help;
+    int32_t Counts::*count = nullptr;  ///< of a maximum, which is shown with the region: which of its counts it is
+
+    /// Whether it is shown as a state of the cluster.
+    constexpr bool is_state() const { return !count && !std::holds_alternative<BySimulation>(set); }
+};
+
+struct ServerWord {
+    const char* key;
+    Source<&Server::record> source;
+    std::variant<Computed, BySimulation, Call<const char*, uint32_t>, Call<const char*, int32_t>> set;
+    const char* heading;  ///< of its column in text; null: it has none
+    const char* help;
+    bool has_key = true;
+};
+
+struct ResourceKind;
+
+/// A word of an hb or np resource. Its key is its column's heading too.
+struct ResourceWord {
+    const char* key;
+    Source<&Resource::record> source;
+    Call<const char*, const char*, uint32_t> ResourceKind::*set;
+    const char* help;
+};
+
+/// A row of words of an hb or np resource, one for each server.
+struct RowWord {
+    const char* key;
+    Row Resource::*row;
+    Call<const char*, const char*, int32_t, uint32_t> ResourceKind::*set;  ///< null in a kind without such a row
+    const char* help;
+};
+
+/// All that tells hb resources from np resources.
+struct ResourceKind {
+    const char* key;
+    std::vector<Resource> Picture::*resources;
+    int32_t Counts::*count;
+    Call<const char*, const char*, uint32_t> add;
+    Call<const char*, const char*> remove;
+    Call<const char*, const char*, uint32_t> set_priority, set_state;
+    Call<const char*, const char*, int32_t, uint32_t> set_server_state, set_network_state;
+    Call<const char*, const char*, const void*, int32_t> describe;
+};
+
+struct FstWord {
+    const char* key;
+    Source<&Fst::record> source;
+    Call<uint32_t> set;
+    const char* help;
+};
+
+/// A word that each name with process ids has of each kind, 0 to 2. The library sets both at once.
+struct PidWord {
+    const char* key;
+    const char* member;  ///< of the record, and in JSON
+    std::variant<std::array<uint32_t, 3> FstPid::*, std::array<uint64_t, 3> FstPid::*> values;
+    uint64_t offset;      ///< of the first in the record
+    const char* heading;  ///< of its columns in text, before the kind
+    const char* help;
+
+    Value value(const FstPid& record, size_t kind) const {
+        return std::visit([&](const auto& member_values) { return Value((record.*member_values)[kind]); }, values);
+    }
+    uint64_t size() const { return std::holds_alternative<std::array<uint32_t, 3> FstPid::*>(values) ? 4 : 8; }
+};
+
+inline bool is_any_alive(const Picture& picture) {
+    return picture.is_any_alive();
+}
+inline bool is_alive(const Server& server) {
+    return server.is_alive();
+}
+inline Value combined(const Server& server) {
+    return server.combstat;
+}
+
+// clang-format off: tables
+inline constexpr Pair hbinfo{&Library::shmnm_sethbinfo_ex, {&shmnm_header::hbinfo_a, &shmnm_header::hbinfo_b}};
+inline constexpr Triple maxima{&Library::shmnm_setmaxvalue_ex,
+                               {&shmnm_header::max_servers, &shmnm_header::max_hb, &shmnm_header::max_np}};
+
+inline constexpr ClusterWord cluster_words[] = {
+    {"waitstat", &shmnm_header::waitstat, &Library::shmnm_setwaitstat, "state; combstat depends on it"},
+    {"bwflag", &shmnm_header::bwflag, &Library::shmnm_setbwflag, "state"},
+    {"bwflagdisk", &shmnm_header::bwflagdisk, &Library::shmnm_setbwflagdisk, "state"},
+    {"clstat", &shmnm_header::clstat, &Library::shmnm_setclstat, "state"},
+    {"hbinfo_a", HeaderSource::without_sign(hbinfo.numbers[0]), &hbinfo, "1 or more; set together with hbinfo_b"},
+    {"hbinfo_b", HeaderSource::without_sign(hbinfo.numbers[1]), &hbinfo, "1 or more; set together with hbinfo_a"},
+    {"max_servers", HeaderSource::without_sign(maxima.numbers[0]), &maxima, "most servers; the maxima are set together",
+     &Counts::servers},
+    {"max_hb", HeaderSource::without_sign(maxima.numbers[1]), &maxima, "most hb resources", &Counts::hb},
+    {"max_np", HeaderSource::without_sign(maxima.numbers[2]), &maxima, "most np resources", &Counts::np},
+    {"dfailstatus", &shmnm_header::dfailstatus, BySimulation{}, "1 while a network partition is simulated"},
+    {"alive", is_any_alive, Computed{}, "1 while any server is alive"},
+};
+
+inline constexpr ServerWord server_words[] = {
+    {"pri", &shmnm_server::pri, &Library::shmnm_modifynode, "pri", "priority, by which rows find it"},
+    {"nodestat", &shmnm_server::nodestat, &Library::shmnm_setnodestat, "node", "state; 1: alive"},
+    {"nodestat_nw", &shmnm_server::nodestat_nw, &Library::shmnm_setnodestat_nw, "node_nw", "network-wide state"},
+    {"downnotifystat", &shmnm_server::downnotifystat, &Library::shmnm_setdownnotifystat, "downnotify", "state"},
+    {"isolateflag", &shmnm_server::isolateflag, &Library::shmnm_setisolateflag, "isolate",
+     "state; combstat depends on it"},
+    {"pingstat", &shmnm_server::pingstat, &Library::shmnm_setpingstat, "ping", "state"},
+    {"holdstat", &shmnm_server::holdstat, &Library::shmnm_setholdstat, "hold", "state"},
+    {"dfailstatus", &shmnm_server::dfailstatus, BySimulation{}, nullptr, "1 while its failure is simulated"},
+    {"combstat", combined, Computed{}, "comb", "follows from nodestat, isolateflag and waitstat"},
+    {"alive", is_alive, Computed{}, "alive", "whether nodestat is 1", false},
+};
+
+inline constexpr ResourceWord resource_words[] = {
+    {"pri", &shmnm_resource::pri, &ResourceKind::set_priority, "priority"},
+    {"stat", &shmnm_resource::stat, &ResourceKind::set_state, "state"},
+};
+
+inline constexpr RowWord row_words[] = {
+    {"svstat", &Resource::svstat, &ResourceKind::set_server_state, "state on a server"},
+    {"network", &Resource::network, &ResourceKind::set_network_state, "network-wide state on a server"},
+};
+
+inline constexpr FstWord fst_words[] = {
+    {"stat", &shmnm_resource::stat, &Library::shmnm_setfstrscstat, "state"},
+};
+
+inline constexpr PidWord pid_words[] = {
+    {"pids", "pid", &FstPid::pid, offsetof(shmnm_fst_pid, pid), "", "process id of a kind, 0 to 2"},
+    {"piddata", "piddata", &FstPid::piddata, offsetof(shmnm_fst_pid, piddata), "data ",
+     "64-bit value beside a process id"},
+};
+
+inline constexpr ResourceKind resource_kinds[] = {
+    {"hb", &Picture::hb, &Counts::hb, &Library::shmnm_addhbrsc, &Library::shmnm_rmhbrsc, &Library::shmnm_modifyhbrsc,
+     &Library::shmnm_sethbrscstat, &Library::shmnm_sethbrscsvstat, &Library::shmnm_setrscsvstat_nw,
+     &Library::shmnm_sethbdescript},
+    {"np", &Picture::np, &Counts::np, &Library::shmnm_addnprsc, &Library::shmnm_rmnprsc, &Library::shmnm_modifynprsc,
+     &Library::shmnm_setnprscstat, &Library::shmnm_setnprscsvstat, nullptr, &Library::shmnm_setnpdescript},
+};
+// clang-format on
+
+/// The table's entry of a key; null when there is none.
+template <typename Entry, size_t size>
+constexpr const Entry* entry(const Entry (&table)[size], std::string_view key) {
+    for (const Entry& each : table) {
+        if (key == each.key) return &each;
+    }
+    return nullptr;
+}
+
+}  // namespace picture
