@@ -83,7 +83,8 @@ class Search {
 
   private:
     void add(uint64_t offset, std::string key, std::string expected, std::string found) {
-        found_.push_back({offset, std::move(key), std::move(expected), std::move(found)});
+        found_.push_back(
+            {.offset = offset, .key = std::move(key), .expected = std::move(expected), .found = std::move(found)});
     }
 
     std::string size_of(const Counts& counts) const {
@@ -94,9 +95,8 @@ class Search {
     /// What a killed process has left, by its own note.
     void interrupted() {
         for (const Interrupted& one : interrupted_in(snapshot_)) {
-            add(0, "region/changes",
-                one.superseded ? "whole changes" : "whole changes (\"shmnmctl repair\" completes this one)",
-                sentence(one));
+            add(0, "region/changes", "whole changes", sentence(one));
+            found_.back().can_be_completed = !one.superseded;
         }
     }
 

@@ -11,9 +11,10 @@
 namespace picture {
 
 struct Finding {
-    uint64_t offset = 0;          ///< of the first wrong byte, in the region
-    std::string key;              ///< the place, readable: "servers/alpha/name", "hb[5]"; escaped
-    std::string expected, found;  ///< free of the region's own text
+    uint64_t offset = 0;            ///< of the first wrong byte, in the region
+    std::string key;                ///< the place, readable: "servers/alpha/name", "hb[5]"; escaped
+    std::string expected, found;    ///< free of the region's own text
+    bool can_be_completed = false;  ///< it is an interrupted change that repair() completes
 
     bool operator==(const Finding&) const = default;
 };

@@ -96,7 +96,7 @@ std::string describe_holder(void* mutex) {
 }
 
 std::optional<Counts> configured_counts() {
-    if (xmllib_init("shmnmctl") != XMLLIB_OK) return std::nullopt;
+    if (xmllib_init("picture") != XMLLIB_OK) return std::nullopt;
     std::optional<Counts> counts;
     if (xmllib_load_config(0) == XMLLIB_OK) {
         counts = Counts{128, 16, 16, 1};

@@ -8,7 +8,10 @@ namespace shmnmctl {
 namespace {
 
 Exit verify(const Context& context) {
-    const std::vector<Finding> found = findings(look(context));
+    std::vector<Finding> found = findings(look(context));
+    for (Finding& finding : found) {
+        if (finding.can_be_completed) finding.expected += " (\"shmnmctl repair\" completes this one)";
+    }
     std::string text;
     if (context.json()) {
         Json list = Json::array();
