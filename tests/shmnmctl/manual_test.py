@@ -9,6 +9,11 @@ from support import ToolTest
 COMPLETION = support.PROJECT / "tools/shmnmctl/completion"
 
 
+def key_patterns(test):
+    """All keys that there can be, as the tool's help has them, with what each means."""
+    return re.findall(r"^  (\S+/\S+) +(\S.*)$", test.tool("list", "--help").out.split("Keys:")[1], re.M)
+
+
 class Manual(ToolTest):
     def page(self):
         file = self.folder / "shmnmctl.1"
@@ -26,6 +31,23 @@ class Manual(ToolTest):
                 self.assertRegex(text, rf"(?m)^\.SS {name}\b")
                 for option in re.findall(r"^  (?:-\w,)?(--[a-z-]+)", self.tool(name, "--help").out, re.M):
                     self.assertIn(option, text + "--help")
+
+    def test_every_key_is_in_the_page_with_its_meaning(self):
+        text = self.page().read_text().replace("\\-", "-").replace("\n", " ")
+        patterns = key_patterns(self)
+        self.assertGreater(len(patterns), 25)
+        for key, meaning in patterns:
+            with self.subTest(key):
+                self.assertIn(f".B {key} {meaning}", text)
+
+    def test_the_document_names_the_same_keys(self):
+        document = (support.PROJECT / "docs/shmnmctl.md").read_text()
+        keys = []
+        for line in re.search(r"## Keys\n\n```\n(.*?)```", document, re.S)[1].splitlines():
+            first, *others = line.split()
+            record = re.match(r"(cluster|servers/NAME|(?:hb|np)/TYPE/NAME|fst)/", first)[0]
+            keys += [first] + [other if other.startswith(record) else record + other for other in others]
+        self.assertEqual(keys, [key for key, _ in key_patterns(self)])
 
     def test_the_page_is_well_formed(self):
         lint = subprocess.run(["mandoc", "-T", "lint", self.page()], capture_output=True, text=True)
@@ -61,6 +83,18 @@ class Completion(ToolTest):
         self.assertEqual(self.complete("describe", "hb", "lan", ""), ["lanhb1"])
         self.assertEqual(self.complete("get", "servers/alpha/ping"), ["servers/alpha/pingstat"])
         self.assertEqual(self.complete("set", "cluster/clstat", "1", "cluster/wait"), ["cluster/waitstat"])
+
+    def test_each_key_that_the_help_names_is_completed(self):
+        region = self.cluster()
+        region.ok("shmnm_setfstrscpid", "agent", 0, 1, 2)
+        names = {"servers": ("alpha",), "hb": ("lan", "lanhb1"), "np": ("ping", "pingnp1"), "fst": ("agent",)}
+        for pattern, _ in key_patterns(self):
+            first, *rest = pattern.split("/")
+            given = list(names.get(first, ()))
+            parts = [first] + [{"SERVER": "alpha", "KIND": "0"}.get(part) or (given.pop(0) if part in ("TYPE", "NAME") else part) for part in rest]
+            key = "/".join(parts)
+            with self.subTest(key):
+                self.assertIn(key, self.complete("get", key[:-1]))
 
     def test_without_a_region_nothing_is_offered_and_nothing_is_said(self):
         self.assertEqual(self.complete("remove", "server", ""), [])

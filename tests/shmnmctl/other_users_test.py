@@ -50,7 +50,7 @@ class OtherUsers(ToolTest):
         self.cluster().end()
         self.assertTrue(pathlib.Path("/dev/shm/kzmkernel.0").is_dir())
         result = self.tool_of_other_user("status")
-        self.assertEqual((result.status, result.err), (3, f'shmnmctl: no process holds the region {self.region_name}; start the cluster, or "shmnmctl serve"\n'))
+        self.assertEqual((result.status, result.err), (3, f'shmnmctl: no process holds the region {self.region_name}; start the cluster, or run "shmnmctl serve"\n'))
 
     def test_a_folder_of_another_user_is_named(self):
         folder = self.private_folder()
@@ -60,7 +60,8 @@ class OtherUsers(ToolTest):
             with self.subTest(command):
                 result = self.tool(*command)
                 self.assertEqual(result.status, 5)
-                self.assertIn(f"is refused (error 5): {folder} belongs to user {OTHER_USER}, not to you{PLANTED}", result.err)
+                self.assertIn("shmnmctl: cannot open the ", result.err)
+                self.assertIn(f" (error 5): {folder} belongs to user {OTHER_USER}, not to you{PLANTED}", result.err)
         started = subprocess.run(support.program("api_caller"), stdin=subprocess.DEVNULL, capture_output=True, env=self.environment)
         self.assertEqual((started.returncode, started.stderr.decode()),
                          (127, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error 5): "
@@ -74,7 +75,7 @@ class OtherUsers(ToolTest):
         fcntl.flock(gate, fcntl.LOCK_EX)
         result = self.tool("lock", "--who")
         self.assertEqual((result.status, result.err), (
-            5, f"shmnmctl: the lock {self.environment['KZMUTIL_NAMESPACE']}oru_kzmshmnm_lock is refused (error 170): process {os.getpid()} does not let go of {folder}: "
+            5, f"shmnmctl: cannot open the lock {self.environment['KZMUTIL_NAMESPACE']}oru_kzmshmnm_lock (error 170): process {os.getpid()} does not let go of {folder}: "
                f"let it go on (kill -CONT {os.getpid()}) or end it\n"))
 
 

@@ -119,13 +119,4 @@ std::string sentence(const Interrupted& one) {
     return text;
 }
 
-Json to_json(const std::vector<Interrupted>& all) {
-    Json list = Json::array();
-    for (const Interrupted& one : all) {
-        list.push_back(
-            {{"process", one.process}, {"call", one.call}, {"change", one.change}, {"superseded", one.superseded}});
-    }
-    return list;
-}
-
 }  // namespace picture

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "note.h"
-#include "picture/json.h"
 #include "picture/platform.h"
+#include "picture/snapshot.h"
 
 namespace picture {
 
@@ -28,7 +28,6 @@ std::vector<Interrupted> interrupted_in(const Snapshot& snapshot);
 
 /// "process 4711 was killed while it removed server gamma"
 std::string sentence(const Interrupted& interrupted);
-Json to_json(const std::vector<Interrupted>& all);
 
 /// What the note tells to a process that does not own the lock: nothing while the caller of the noted change is at it.
 std::vector<Interrupted> interrupted_changes_unlocked(void* mutex, uint64_t object);

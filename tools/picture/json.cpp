@@ -5,7 +5,6 @@
 #include <variant>
 
 #include "picture/escape.h"
-#include "picture/interrupted.h"
 #include "picture/words.h"
 
 namespace picture {
@@ -153,6 +152,15 @@ Json to_json(const std::vector<Word>& words) {
     // Each key is there once, which an insertion would look for again.
     for (const Word& word : words) listed.emplace_back(word.key, to_json(word.value));
     return listed;
+}
+
+Json to_json(const std::vector<Interrupted>& all) {
+    Json list = Json::array();
+    for (const Interrupted& one : all) {
+        list.push_back(
+            {{"process", one.process}, {"call", one.call}, {"change", one.change}, {"superseded", one.superseded}});
+    }
+    return list;
 }
 
 Json to_json(const Snapshot& snapshot, const Picture& picture) {

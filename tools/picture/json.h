@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "picture/decode.h"
+#include "picture/interrupted.h"
 #include "picture/keys.h"
 #include "picture/snapshot.h"
 
@@ -28,5 +29,7 @@ Json to_json(const Value& value);
 
 /// The values of words by their keys.
 Json to_json(const std::vector<Word>& words);
+
+Json to_json(const std::vector<Interrupted>& changes);
 
 }  // namespace picture

@@ -275,7 +275,8 @@ WritableRegion::WritableRegion()
     const std::string why = reason();
     if (mapping_) platform::close(mapping_);
     if (is_missing) throw no_region();
-    throw Error(ErrorKind::failed, fmt::format("cannot map the region {} for writing {}", full_name(mapping_name), why));
+    throw Error(ErrorKind::failed,
+                fmt::format("cannot map the region {} for writing {}", full_name(mapping_name), why));
 }
 WritableRegion::~WritableRegion() {
     platform::unmap(base_);

@@ -161,47 +161,47 @@ inline Value combined(const Server& server) {
     return server.combstat;
 }
 
-// clang-format off: tables
+// One line for each word.
+// clang-format off
 inline constexpr Pair hbinfo{&Library::shmnm_sethbinfo_ex, {&shmnm_header::hbinfo_a, &shmnm_header::hbinfo_b}};
 inline constexpr Triple maxima{&Library::shmnm_setmaxvalue_ex,
                                {&shmnm_header::max_servers, &shmnm_header::max_hb, &shmnm_header::max_np}};
 
 inline constexpr ClusterWord cluster_words[] = {
-    {"waitstat", &shmnm_header::waitstat, &Library::shmnm_setwaitstat, "state; combstat depends on it"},
-    {"bwflag", &shmnm_header::bwflag, &Library::shmnm_setbwflag, "state"},
-    {"bwflagdisk", &shmnm_header::bwflagdisk, &Library::shmnm_setbwflagdisk, "state"},
-    {"clstat", &shmnm_header::clstat, &Library::shmnm_setclstat, "state"},
-    {"hbinfo_a", HeaderSource::without_sign(hbinfo.numbers[0]), &hbinfo, "1 or more; set together with hbinfo_b"},
-    {"hbinfo_b", HeaderSource::without_sign(hbinfo.numbers[1]), &hbinfo, "1 or more; set together with hbinfo_a"},
+    {"waitstat",    &shmnm_header::waitstat,   &Library::shmnm_setwaitstat,   "state; combstat depends on it"},
+    {"bwflag",      &shmnm_header::bwflag,     &Library::shmnm_setbwflag,     "state"},
+    {"bwflagdisk",  &shmnm_header::bwflagdisk, &Library::shmnm_setbwflagdisk, "state"},
+    {"clstat",      &shmnm_header::clstat,     &Library::shmnm_setclstat,     "state"},
+    {"hbinfo_a",    HeaderSource::without_sign(hbinfo.numbers[0]), &hbinfo, "1 or more; set together with hbinfo_b"},
+    {"hbinfo_b",    HeaderSource::without_sign(hbinfo.numbers[1]), &hbinfo, "1 or more; set together with hbinfo_a"},
     {"max_servers", HeaderSource::without_sign(maxima.numbers[0]), &maxima, "most servers; the maxima are set together",
-     &Counts::servers},
-    {"max_hb", HeaderSource::without_sign(maxima.numbers[1]), &maxima, "most hb resources", &Counts::hb},
-    {"max_np", HeaderSource::without_sign(maxima.numbers[2]), &maxima, "most np resources", &Counts::np},
+                    &Counts::servers},
+    {"max_hb",      HeaderSource::without_sign(maxima.numbers[1]), &maxima, "most hb resources", &Counts::hb},
+    {"max_np",      HeaderSource::without_sign(maxima.numbers[2]), &maxima, "most np resources", &Counts::np},
     {"dfailstatus", &shmnm_header::dfailstatus, BySimulation{}, "1 while a network partition is simulated"},
-    {"alive", is_any_alive, Computed{}, "1 while any server is alive"},
+    {"alive",       is_any_alive,               Computed{},     "1 while any server is alive"},
 };
 
 inline constexpr ServerWord server_words[] = {
-    {"pri", &shmnm_server::pri, &Library::shmnm_modifynode, "pri", "priority, by which rows find it"},
-    {"nodestat", &shmnm_server::nodestat, &Library::shmnm_setnodestat, "node", "state; 1: alive"},
-    {"nodestat_nw", &shmnm_server::nodestat_nw, &Library::shmnm_setnodestat_nw, "node_nw", "network-wide state"},
+    {"pri",            &shmnm_server::pri,            &Library::shmnm_modifynode, "pri", "priority, by which rows find it"},
+    {"nodestat",       &shmnm_server::nodestat,       &Library::shmnm_setnodestat, "node", "state; 1: alive"},
+    {"nodestat_nw",    &shmnm_server::nodestat_nw,    &Library::shmnm_setnodestat_nw, "node_nw", "network-wide state"},
     {"downnotifystat", &shmnm_server::downnotifystat, &Library::shmnm_setdownnotifystat, "downnotify", "state"},
-    {"isolateflag", &shmnm_server::isolateflag, &Library::shmnm_setisolateflag, "isolate",
-     "state; combstat depends on it"},
-    {"pingstat", &shmnm_server::pingstat, &Library::shmnm_setpingstat, "ping", "state"},
-    {"holdstat", &shmnm_server::holdstat, &Library::shmnm_setholdstat, "hold", "state"},
-    {"dfailstatus", &shmnm_server::dfailstatus, BySimulation{}, nullptr, "1 while its failure is simulated"},
-    {"combstat", combined, Computed{}, "comb", "follows from nodestat, isolateflag and waitstat"},
-    {"alive", is_alive, Computed{}, "alive", "whether nodestat is 1", false},
+    {"isolateflag",    &shmnm_server::isolateflag,    &Library::shmnm_setisolateflag, "isolate", "state; combstat depends on it"},
+    {"pingstat",       &shmnm_server::pingstat,       &Library::shmnm_setpingstat, "ping", "state"},
+    {"holdstat",       &shmnm_server::holdstat,       &Library::shmnm_setholdstat, "hold", "state"},
+    {"dfailstatus",    &shmnm_server::dfailstatus,    BySimulation{}, nullptr, "1 while its failure is simulated"},
+    {"combstat",       combined,                      Computed{}, "comb", "follows from nodestat, isolateflag and waitstat"},
+    {"alive",          is_alive,                      Computed{}, "alive", "whether nodestat is 1", false},
 };
 
 inline constexpr ResourceWord resource_words[] = {
-    {"pri", &shmnm_resource::pri, &ResourceKind::set_priority, "priority"},
-    {"stat", &shmnm_resource::stat, &ResourceKind::set_state, "state"},
+    {"pri",  &shmnm_resource::pri,  &ResourceKind::set_priority, "priority"},
+    {"stat", &shmnm_resource::stat, &ResourceKind::set_state,    "state"},
 };
 
 inline constexpr RowWord row_words[] = {
-    {"svstat", &Resource::svstat, &ResourceKind::set_server_state, "state on a server"},
+    {"svstat",  &Resource::svstat,  &ResourceKind::set_server_state,  "state on a server"},
     {"network", &Resource::network, &ResourceKind::set_network_state, "network-wide state on a server"},
 };
 
@@ -210,17 +210,17 @@ inline constexpr FstWord fst_words[] = {
 };
 
 inline constexpr PidWord pid_words[] = {
-    {"pids", "pid", &FstPid::pid, offsetof(shmnm_fst_pid, pid), "", "process id of a kind, 0 to 2"},
-    {"piddata", "piddata", &FstPid::piddata, offsetof(shmnm_fst_pid, piddata), "data ",
-     "64-bit value beside a process id"},
+    {"pids",    "pid",     &FstPid::pid,     offsetof(shmnm_fst_pid, pid),     "",      "process id of a kind, 0 to 2"},
+    {"piddata", "piddata", &FstPid::piddata, offsetof(shmnm_fst_pid, piddata), "data ", "64-bit value beside a process id"},
 };
 
 inline constexpr ResourceKind resource_kinds[] = {
     {"hb", &Picture::hb, &Counts::hb, &Library::shmnm_addhbrsc, &Library::shmnm_rmhbrsc, &Library::shmnm_modifyhbrsc,
-     &Library::shmnm_sethbrscstat, &Library::shmnm_sethbrscsvstat, &Library::shmnm_setrscsvstat_nw,
-     &Library::shmnm_sethbdescript},
+           &Library::shmnm_sethbrscstat, &Library::shmnm_sethbrscsvstat, &Library::shmnm_setrscsvstat_nw,
+           &Library::shmnm_sethbdescript},
     {"np", &Picture::np, &Counts::np, &Library::shmnm_addnprsc, &Library::shmnm_rmnprsc, &Library::shmnm_modifynprsc,
-     &Library::shmnm_setnprscstat, &Library::shmnm_setnprscsvstat, nullptr, &Library::shmnm_setnpdescript},
+           &Library::shmnm_setnprscstat, &Library::shmnm_setnprscsvstat, nullptr,
+           &Library::shmnm_setnpdescript},
 };
 // clang-format on
 
