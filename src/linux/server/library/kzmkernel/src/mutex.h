@@ -28,7 +28,7 @@ class Mutex {
     /// another namespace would collide. Makes no system call after the first time.
     bool is_usable() const noexcept;
 
-    /// As kzmkernel_wait(); on failure `error` is set.
+    /// Does what kzmkernel_wait() does, and sets `error` on failure.
     uint32_t wait(uint32_t timeout_ms, uint32_t& error) noexcept;
     /// Like wait() with a time-out of 0, for a thread that already knows its ids. It does not report the error of a
     /// failure; wait() does.

@@ -128,7 +128,7 @@ typedef struct shmnm_header {
 typedef struct shmnm_server {
     char name[256];           /**< NUL-terminated, zero-padded */
     int32_t pri;              /**< given by the caller, need not be unique; the svid of the resource functions */
-    uint32_t nodestat;        /**< shmnm_chkalivesv() takes 1 for alive; 2 in a new record */
+    uint32_t nodestat;        /**< 1: alive, as shmnm_chkalivesv() sees it; 2 in a new record */
     uint32_t nodestat_nw;     /**< opaque; 2 in a new record */
     uint32_t downnotifystat;  /**< opaque; 0 in a new record */
     uint8_t reserved_272[4];  /**< always zero */
@@ -475,8 +475,8 @@ SHMNM_API uint32_t shmnm_getnodename(char* name, int32_t pri);
 /**
  * @defgroup shmnm_server_states States of a server
  *
- * Each server has six words. They are set and read by the server's name and take any value. Two more functions combine
- * them: one for the state of one server, the other to test whether any server is alive.
+ * Each server has six words. They are set and read by the server's name and take any value. Two more functions evaluate
+ * them: one combines the words of a server to one state, the other tests whether any server is alive.
  *
  * Arguments that mean the same unless a function says otherwise:
  *  - `name`: the server's name
@@ -792,7 +792,7 @@ SHMNM_API uint32_t shmnm_settypenpstat(const char* type, uint32_t stat);
  * Sets an hb resource's description.
  *
  * @param[in] data  the bytes
- * @param[in] len   bytes in `data`, above 0; at most 256 are stored. Bytes stored earlier after them stay.
+ * @param[in] len   bytes in `data`, above 0; at most 256 are stored. The rest of a longer description stays.
  * @retval SHMNM_ERR_PARAM     a pointer is null, or `len` is below 1
  * @retval SHMNM_ERR_NOTFOUND  no such resource where the function searches
  */
@@ -870,7 +870,7 @@ SHMNM_API uint32_t shmnm_rmnprscsvstat(int32_t index);
  * @param[in] flag      1: on; 0: off, all words become 0; any other value counts as 0, with a warning
  * @param[in] nodefail  the word of each server, indexed by its priority; any value but 0 and 1 counts as 0, with a
  *                      warning. Null: 0 for all. Used only if `flag` is 1.
- * @param[in] count     entries in `nodefail`; a server whose priority is outside of them gets 0
+ * @param[in] count     entries in `nodefail`; a server whose priority is negative, or not below `count`, gets 0
  * @note Never fails on a mapped region. Writes one line per server, then one line for the cluster, at level 4; warnings
  * are at level 2. The cluster's word is stored last.
  */
@@ -943,7 +943,7 @@ SHMNM_API uint32_t shmnm_getfstrscstat(uint32_t* stat);
  * Sets the description of the fst resource.
  *
  * @param[in] descript  the bytes
- * @param[in] len       bytes in `descript`, above 0; at most 256 are stored. Bytes stored earlier after them stay.
+ * @param[in] len       bytes in `descript`, above 0; at most 256 are stored. The rest of a longer description stays.
  * @retval SHMNM_ERR_PARAM     `descript` is null, or `len` is below 1
  * @retval SHMNM_ERR_NOTFOUND  the region has no fst record
  */
