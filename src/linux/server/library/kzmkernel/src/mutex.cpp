@@ -42,7 +42,7 @@ bool Mutex::is_usable() const noexcept {
            page_.process_id_namespace == process_id_namespace();
 }
 
-uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcept {
+uint32_t Mutex::finish_wait(const Thread& thread, int result, uint32_t& error) noexcept {
     switch (result) {
         case 0:
             name_owner(thread, time(nullptr));
@@ -66,10 +66,10 @@ uint32_t Mutex::taken(const Thread& thread, int result, uint32_t& error) noexcep
     }
 }
 
-uint32_t Mutex::not_simply_taken(const Thread& thread, int result) noexcept {
+uint32_t Mutex::finish_attempt(const Thread& thread, int result) noexcept {
     if (result == EBUSY) return KZMKERNEL_WAIT_TIMEOUT;
     uint32_t error = 0;
-    return taken(thread, result, error);
+    return finish_wait(thread, result, error);
 }
 
 uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
@@ -80,7 +80,7 @@ uint32_t Mutex::wait(uint32_t timeout_ms, uint32_t& error) noexcept {
     int result = pthread_mutex_trylock(&page_.lock);
     if (result == EBUSY && timeout_ms != 0) result = sleep_until_taken(timeout_ms);
     if (result == EBUSY) return KZMKERNEL_WAIT_TIMEOUT;
-    return taken(thread, result, error);
+    return finish_wait(thread, result, error);
 }
 
 // A waiter may sleep although the lock is free: the thread that should wake it, or the thread that was woken in its

@@ -37,7 +37,7 @@ class Mutex {
         const time_t now = time(nullptr);
         const int result = pthread_mutex_trylock(&page_.lock);
         if (result != 0) [[unlikely]]
-            return not_simply_taken(thread, result);
+            return finish_attempt(thread, result);
         name_owner(thread, now);
         return KZMKERNEL_WAIT_OWNED;
     }
@@ -75,9 +75,9 @@ class Mutex {
 
   private:
     /// Finishes an attempt whose pthread_mutex_trylock() did not return 0. @return as kzmkernel_wait()
-    [[gnu::cold, gnu::noinline]] uint32_t not_simply_taken(const Thread& thread, int result) noexcept;
+    [[gnu::cold, gnu::noinline]] uint32_t finish_attempt(const Thread& thread, int result) noexcept;
     /// Finishes a wait by the `result` of the last try to lock, which is not a time-out. @return as kzmkernel_wait()
-    uint32_t taken(const Thread& thread, int result, uint32_t& error) noexcept;
+    uint32_t finish_wait(const Thread& thread, int result, uint32_t& error) noexcept;
     int sleep_until_taken(uint32_t timeout_ms) noexcept;
     /// `since` is for people: seconds are precise enough, and a finer clock would slow down every take.
     void name_owner(const Thread& thread, time_t since) noexcept {

@@ -18,7 +18,7 @@ constexpr uint32_t page_readwrite = 4;
 constexpr uintptr_t no_file = UINTPTR_MAX;  // the kernel's invalid handle, as a number
 
 template <typename Result>
-Result failed(uint32_t error) noexcept {
+Result fail(uint32_t error) noexcept {
     set_last_error(error);
     return {};
 }
@@ -37,7 +37,7 @@ auto guarded(Work work) noexcept -> decltype(work()) {
     try {
         return work();
     } catch (const std::bad_alloc&) {
-        return failed<decltype(work())>(error_not_enough_memory);
+        return fail<decltype(work())>(error_not_enough_memory);
     }
 }
 
@@ -77,7 +77,7 @@ using namespace kzmutil;
 
 void* KzmutilCreateNamedMutex(uint32_t flags, const char* name) {
     return guarded([&]() -> void* {
-        if (flags != 0 || !is_name(name)) return failed<void*>(error_invalid_parameter);
+        if (flags != 0 || !is_name(name)) return fail<void*>(error_invalid_parameter);
         return create_mutex(full_name(name).c_str());
     });
 }
@@ -87,7 +87,7 @@ void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, uint32_t size_
     return guarded([&]() -> void* {
         const uint64_t size = uint64_t{size_high} << 32 | size_low;
         if (reinterpret_cast<uintptr_t>(file) != no_file || protect != page_readwrite || !is_name(name)) {
-            return failed<void*>(error_invalid_parameter);
+            return fail<void*>(error_invalid_parameter);
         }
         return create_mapping(protect, size, full_name(name).c_str());
     });
@@ -96,7 +96,7 @@ void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, uint32_t size_
 void* KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, const char* name) {
     return guarded([&]() -> void* {
         const uint32_t before = last_error();
-        if (!is_name(name)) return failed<void*>(error_invalid_parameter);
+        if (!is_name(name)) return fail<void*>(error_invalid_parameter);
         void* const mapping = open_mapping(access, inherit != 0, full_name(name).c_str());
         if (mapping) set_last_error(before);
         return mapping;
@@ -106,10 +106,10 @@ void* KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, const char* 
 int32_t KzmutilGetInstallPath(char* path, uint32_t size) {
     return guarded([&]() -> int32_t {
         const uint32_t before = last_error();
-        if (!path) return failed<int32_t>(error_invalid_parameter);
+        if (!path) return fail<int32_t>(error_invalid_parameter);
         const std::string found = install_path();
         if (found.empty()) return 0;
-        if (found.size() >= size) return failed<int32_t>(error_insufficient_buffer);
+        if (found.size() >= size) return fail<int32_t>(error_insufficient_buffer);
         std::memcpy(path, found.c_str(), found.size() + 1);
         set_last_error(before);
         return 1;

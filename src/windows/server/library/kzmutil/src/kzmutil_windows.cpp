@@ -13,7 +13,7 @@ const char in_this_library = 0;
 /// Calls `fill(buffer, size)` with growing buffers until the text fits. `fill` returns the length of its text, or at
 /// least `size` if the text does not fit, or 0 on failure, which gives an empty text.
 template <typename Fill>
-std::string filled(Fill fill) {
+std::string fill_text(Fill fill) {
     std::string text(MAX_PATH, '\0');
     for (;;) {
         const DWORD length = fill(text.data(), static_cast<DWORD>(text.size()));
@@ -25,7 +25,7 @@ std::string filled(Fill fill) {
     }
 }
 
-HANDLE refused(Handle object) {
+HANDLE refuse(Handle object) {
     object.reset();
     SetLastError(ERROR_ACCESS_DENIED);
     return nullptr;
@@ -34,7 +34,7 @@ HANDLE refused(Handle object) {
 /// Calls `create(attributes)`. Refuses the object if it existed and others may do more than `reading`; otherwise the
 /// last error is the one that `create` left.
 template <typename Create>
-HANDLE created(ACCESS_MASK reading, Create create) {
+HANDLE create_or_refuse(ACCESS_MASK reading, Create create) {
     Local descriptor = owner_administrators_and_system();
     if (!descriptor) return nullptr;
     SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), descriptor.get(), FALSE};
@@ -42,7 +42,7 @@ HANDLE created(ACCESS_MASK reading, Create create) {
     Handle object(create(&attributes));
     const DWORD error = GetLastError();
     descriptor.reset();
-    if (error == ERROR_ALREADY_EXISTS && !is_trusted(object.get(), reading)) return refused(std::move(object));
+    if (error == ERROR_ALREADY_EXISTS && !is_trusted(object.get(), reading)) return refuse(std::move(object));
     SetLastError(error);
     return object.release();
 }
@@ -60,7 +60,7 @@ void set_last_error(uint32_t error) noexcept {
 }
 
 std::string environment(const char* name) {
-    return filled([&](char* buffer, DWORD size) { return GetEnvironmentVariableA(name, buffer, size); });
+    return fill_text([&](char* buffer, DWORD size) { return GetEnvironmentVariableA(name, buffer, size); });
 }
 
 std::string own_file() {
@@ -69,7 +69,7 @@ std::string own_file() {
                             &in_this_library, &module)) {
         return {};
     }
-    return filled([&](char* buffer, DWORD size) { return GetModuleFileNameA(module, buffer, size); });
+    return fill_text([&](char* buffer, DWORD size) { return GetModuleFileNameA(module, buffer, size); });
 }
 
 size_t root_length(std::string_view path) noexcept {
@@ -79,12 +79,12 @@ size_t root_length(std::string_view path) noexcept {
 }
 
 void* create_mutex(const char* name) {
-    return created(reading_a_mutex,
-                   [&](SECURITY_ATTRIBUTES* attributes) { return CreateMutexA(attributes, FALSE, name); });
+    return create_or_refuse(reading_a_mutex,
+                            [&](SECURITY_ATTRIBUTES* attributes) { return CreateMutexA(attributes, FALSE, name); });
 }
 
 void* create_mapping(uint32_t protect, uint64_t size, const char* name) {
-    return created(reading_a_mapping, [&](SECURITY_ATTRIBUTES* attributes) {
+    return create_or_refuse(reading_a_mapping, [&](SECURITY_ATTRIBUTES* attributes) {
         return CreateFileMappingA(INVALID_HANDLE_VALUE, attributes, protect, static_cast<DWORD>(size >> 32),
                                   static_cast<DWORD>(size), name);
     });
@@ -92,7 +92,7 @@ void* create_mapping(uint32_t protect, uint64_t size, const char* name) {
 
 void* open_mapping(uint32_t access, bool inherit, const char* name) {
     Handle mapping(OpenFileMappingA(access | READ_CONTROL, inherit, name));
-    if (mapping && !is_trusted(mapping.get(), reading_a_mapping)) return refused(std::move(mapping));
+    if (mapping && !is_trusted(mapping.get(), reading_a_mapping)) return refuse(std::move(mapping));
     return mapping.release();
 }
 
