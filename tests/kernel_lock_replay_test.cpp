@@ -249,7 +249,7 @@ void make_its_next_steps(Stepper& process) {
 
 // Scenario 8: N has the id of an owner that died, whose name stands in the page. N releases what it does not own, held
 // up anywhere, while O, which has just taken the lock, writes its name.
-TEST(KernelLockReplay, ReleaseByANamesakeNeverFreesTheLockOfTheOwner) {
+TEST(KernelLockReplay, ReleaseByAThreadWithADeadOwnersIdsNeverFreesTheLock) {
     const Lock lock;
     Stepper namesake(is_refused_releases, object_name()), owner(takes_and_releases, object_name());
     namesake.run();

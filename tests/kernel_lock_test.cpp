@@ -223,7 +223,7 @@ TEST(KernelWait, GetsTheLockWhenAnOwnerThatOvertookTheWokenWaiterIsKilled) {
 }
 
 // Whoever is killed leaves its name in the page, and a later process may get the same ids.
-TEST(KernelRelease, IsRefusedToANamesakeOfTheOwner) {
+TEST(KernelRelease, IsRefusedToAnotherThreadWithTheOwnersIds) {
     const Handle mutex(create_mutex(object_name()));
     std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
     for (const int takes : {1, 2}) {
@@ -247,7 +247,7 @@ TEST(KernelRelease, IsRefusedToANamesakeOfTheOwner) {
 }
 
 // Its name may stand in the page while the lock's next owner has not written its own there.
-TEST(KernelRelease, IsRefusedToANamesakeOfADeadOwnerAndChangesNothing) {
+TEST(KernelRelease, IsRefusedToAThreadWithADeadOwnersIdsAndChangesNothing) {
     const Handle mutex(create_mutex(object_name()));
     std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
     constexpr std::streamoff after_the_lock = 56;

@@ -251,7 +251,7 @@ TEST(OpenedMapping, IsNotFoundBeforeItIsCreatedOrAfterItEnded) {
     EXPECT_EQ(refused.error(), not_found);
 }
 
-TEST(OpenedMapping, LeavesTheLastErrorAsItWas) {
+TEST(OpenedMapping, KeepsTheLastError) {
     const Object made = mapping("opened");
     const Object again = opened("opened");
     EXPECT_TRUE(again);

@@ -495,7 +495,7 @@ TEST_F(DetachAndDelete, LeaveTheEarlierHandleOpenAfterAFailedCreate) {
     ASSERT_EQ(shmnm_attach(), SHMNM_OK) << "the region is still held";
 }
 
-TEST_F(DetachAndDelete, DetachAfterCreateStartsTheCountOfAttachesAnew) {
+TEST_F(DetachAndDelete, DetachAfterCreateResetsTheCountOfAttaches) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     ASSERT_EQ(shmnm_detach(), SHMNM_OK);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
@@ -523,7 +523,7 @@ TEST_F(DetachAndDelete, DeleteAfterAttachLeavesTheHandleOfAttachOpen) {
     EXPECT_TRUE(still_open(0));
 }
 
-TEST_F(DetachAndDelete, DeleteLeavesTheCountOfAttachesAsItWas) {
+TEST_F(DetachAndDelete, DeleteKeepsTheCountOfAttaches) {
     const OtherHolder other_process(2'500'740);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
@@ -669,7 +669,7 @@ TEST_F(Dump, CopiesTheRegionAndNoByteMore) {
     EXPECT_EQ(copy, expected);
 }
 
-TEST_F(Dump, LeavesTheSizeOfALargerBufferAsItWas) {
+TEST_F(Dump, KeepsTheSizeOfALargerBuffer) {
     map_region({.servers = 1, .hb = 1, .np = 1, .fst = 1});
     int32_t size = 1'000'000;
     Bytes copy(static_cast<size_t>(size));

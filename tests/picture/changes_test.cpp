@@ -19,13 +19,13 @@ WordChange change(const char* key, std::optional<Value> before, std::optional<Va
     return {key, before, after};
 }
 
-TEST(Changes, ComeInTheOrderOfTheNewPicture) {
+TEST(Changes, AreListedInTheOrderOfTheNewPicture) {
     const std::vector<Word> before{{"a", 1u}, {"b", 2u}, {"c", 3u}};
     const std::vector<Word> after{{"c", 4u}, {"b", 2u}, {"a", 5u}};
     EXPECT_THAT(changes(before, after, ""), ElementsAre(change("c", 3u, 4u), change("a", 1u, 5u)));
 }
 
-TEST(Changes, ShowKeysThatCameAndThoseThatWentInTheirOldOrder) {
+TEST(Changes, ListAddedKeysAndRemovedKeysInTheirOldOrder) {
     const std::vector<Word> before{{"a", 1u}, {"z", 2u}, {"b", 3u}, {"y", 4u}};
     const std::vector<Word> after{{"n", 9u}, {"b", 3u}, {"m", 8u}};
     EXPECT_THAT(changes(before, after, ""),
@@ -33,7 +33,7 @@ TEST(Changes, ShowKeysThatCameAndThoseThatWentInTheirOldOrder) {
                             change("z", 2u, std::nullopt), change("y", 4u, std::nullopt)));
 }
 
-TEST(Changes, TellAKeyWithoutAValueFromNoKey) {
+TEST(Changes, DistinguishAKeyWithoutAValueFromAMissingKey) {
     const Value none;
     EXPECT_THAT(changes({{"a", none}, {"b", 1u}}, {{"b", none}, {"c", none}}, ""),
                 ElementsAre(change("b", 1u, none), change("c", std::nullopt, none), change("a", none, std::nullopt)));
@@ -44,7 +44,7 @@ TEST(Changes, AreNoneBetweenEqualPicturesWhateverTheOffsets) {
     EXPECT_THAT(changes({{"a", -1, 100}, {"b", 2u, 104}}, {{"b", 2u, 4}, {"a", -1, 8}}, ""), IsEmpty());
 }
 
-TEST(Changes, AreThoseAtOrBelowThePrefix) {
+TEST(Changes, AreLimitedToThePrefix) {
     const std::vector<Word> before{{"servers/alpha/pri", 1u}, {"servers/alphabet/pri", 1u}, {"servers/beta/pri", 1u}};
     const std::vector<Word> after{{"servers/alpha/pri", 2u}, {"servers/alphabet/pri", 2u}, {"servers/alpha/x", 1u}};
     EXPECT_THAT(changes(before, after, "servers/alpha"),

@@ -42,15 +42,15 @@ void PrintTo(const Case& instance, std::ostream* stream) {
     *stream << instance.text;
 }
 
-class ACondition : public testing::TestWithParam<Case> {};
+class ValidCondition : public testing::TestWithParam<Case> {};
 
-TEST_P(ACondition, HoldsOrNot) {
+TEST_P(ValidCondition, HoldsExactlyWhenItShould) {
     const Condition condition(GetParam().text);
     EXPECT_EQ(condition.holds(picture()), GetParam().holds);
     EXPECT_EQ(condition.unmet(picture()).empty(), GetParam().holds);
 }
 
-INSTANTIATE_TEST_SUITE_P(Operators, ACondition,
+INSTANTIATE_TEST_SUITE_P(Operators, ValidCondition,
                          testing::Values(Case{"cluster/clstat=1", true}, Case{"cluster/clstat=2", false},
                                          Case{"cluster/clstat==1", true}, Case{"cluster/clstat==2", false},
                                          Case{"cluster/clstat!=1", false}, Case{"cluster/clstat!=2", true},
@@ -59,13 +59,13 @@ INSTANTIATE_TEST_SUITE_P(Operators, ACondition,
                                          Case{"cluster/clstat>1", false}, Case{"cluster/clstat>0", true},
                                          Case{"cluster/clstat>=2", false}, Case{"cluster/clstat>=1", true}));
 
-INSTANTIATE_TEST_SUITE_P(Blanks, ACondition,
+INSTANTIATE_TEST_SUITE_P(Blanks, ValidCondition,
                          testing::Values(Case{"cluster/clstat = 1", true}, Case{"  cluster/clstat\t=\n1  ", true},
                                          Case{"cluster/clstat =1", true}, Case{"cluster/clstat >= 2", false},
                                          Case{"not(cluster/clstat=1)", false},
                                          Case{"(cluster/clstat=1)and(cluster/waitstat=0)", true}));
 
-INSTANTIATE_TEST_SUITE_P(Values, ACondition,
+INSTANTIATE_TEST_SUITE_P(Values, ValidCondition,
                          testing::Values(Case{"servers/alpha/pri=-5", true}, Case{"servers/alpha/pri = -5", true},
                                          Case{"servers/alpha/pri<0", true}, Case{"servers/alpha/pri>-6", true},
                                          Case{"servers/alpha/pri<-5", false}, Case{"servers/alpha/pri=-0x5", true},
@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(Values, ACondition,
                                          Case{"fst/piddata/agent/0=-1", false}));
 
 INSTANTIATE_TEST_SUITE_P(
-    None, ACondition,
+    None, ValidCondition,
     testing::Values(Case{"servers/alpha/combstat=none", true}, Case{"servers/alpha/combstat!=none", false},
                     Case{"servers/beta/combstat=none", false}, Case{"servers/beta/combstat!=none", true},
                     Case{"servers/alpha/combstat=0", false}, Case{"servers/alpha/combstat!=0", true},
@@ -89,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"servers/alpha/combstat<=none", true}, Case{"servers/beta/combstat<none", false},
                     Case{"servers/beta/combstat>none", false}, Case{"exists servers/alpha/combstat", true}));
 
-INSTANTIATE_TEST_SUITE_P(KeysThatDoNotExist, ACondition,
+INSTANTIATE_TEST_SUITE_P(KeysThatDoNotExist, ValidCondition,
                          testing::Values(Case{"servers/gamma/pri=1", false}, Case{"servers/gamma/pri!=1", false},
                                          Case{"servers/gamma/pri<1", false}, Case{"servers/gamma/pri=none", false},
                                          Case{"not servers/gamma/pri=1", true}, Case{"servers/alpha=1", false},
@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(KeysThatDoNotExist, ACondition,
                                          Case{"not exists servers/gamma/pri", true}));
 
 INSTANTIATE_TEST_SUITE_P(
-    Patterns, ACondition,
+    Patterns, ValidCondition,
     testing::Values(Case{"all servers/*/pingstat>=1", true}, Case{"all servers/*/pingstat=1", false},
                     Case{"any servers/*/pingstat=3", true}, Case{"any servers/*/pingstat=2", false},
                     Case{"all servers/*/nodestat=1", false}, Case{"any servers/*/nodestat=1", true},
@@ -116,12 +116,12 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"servers/a%2Ab%2F%20c/pingstat=3", true}, Case{"any servers/*%2A*/pingstat=3", true},
                     Case{"any servers/*%2F*/pingstat!=3", false}));
 
-INSTANTIATE_TEST_SUITE_P(OverNothing, ACondition,
+INSTANTIATE_TEST_SUITE_P(OverNothing, ValidCondition,
                          testing::Values(Case{"all np/*/*/stat=0", false}, Case{"all np/*/*/stat!=0", false},
                                          Case{"any np/*/*/stat=0", false}, Case{"not all np/*/*/stat=0", true},
                                          Case{"all servers/gamma/pri=1", false}));
 
-INSTANTIATE_TEST_SUITE_P(Joined, ACondition,
+INSTANTIATE_TEST_SUITE_P(Joined, ValidCondition,
                          testing::Values(Case{"cluster/clstat=1 and cluster/waitstat=0", true},
                                          Case{"cluster/clstat=1 and cluster/waitstat=1", false},
                                          Case{"cluster/clstat=2 or cluster/waitstat=0", true},
@@ -148,9 +148,9 @@ void PrintTo(const WrongCase& instance, std::ostream* stream) {
     *stream << instance.text;
 }
 
-class NoCondition : public testing::TestWithParam<WrongCase> {};
+class InvalidCondition : public testing::TestWithParam<WrongCase> {};
 
-TEST_P(NoCondition, IsRefusedAndTheMessageShowsThePlace) {
+TEST_P(InvalidCondition, IsRefusedWithAMessageThatShowsThePosition) {
     try {
         const Condition condition(GetParam().text);
         FAIL() << "taken for a condition";
@@ -162,7 +162,7 @@ TEST_P(NoCondition, IsRefusedAndTheMessageShowsThePlace) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , NoCondition,
+    , InvalidCondition,
     testing::Values(
         WrongCase{"", "1, its end", "a key is expected"}, WrongCase{"   ", "4, its end", "a key is expected"},
         WrongCase{"a", "2, its end", "one of = != < <= > >= is expected"},
@@ -218,7 +218,7 @@ TEST(ConditionLength, IsNotLimited) {
     EXPECT_FALSE(Condition(text + " and cluster/clstat=2").holds(picture()));
 }
 
-TEST(ConditionThatDoesNotHold, TellsWhatKeepsItFromHolding) {
+TEST(UnmetCondition, ReportsWhatKeepsItFromHolding) {
     const auto unmet = [](const char* text) { return Condition(text).unmet(picture()); };
     EXPECT_EQ(unmet("cluster/clstat = 2"), "cluster/clstat = 2 (it is 1)");
     EXPECT_EQ(unmet("servers/alpha/combstat>0"), "servers/alpha/combstat>0 (it is none)");

@@ -23,7 +23,7 @@ std::set<uint32_t> values() {
     return all;
 }
 
-TEST(CombinedState, IsTheLibrarysForAllValues) {
+TEST(CombinedState, MatchesTheLibraryForAllValues) {
     test::LibraryRegion region({.servers = 1, .hb = 1, .np = 1, .fst = 1});
     ASSERT_EQ(shmnm_addnode("alpha", 0), SHMNM_OK);
     const std::set<uint32_t> all = values();

@@ -35,7 +35,7 @@ TEST_P(HealthyRegion, HasNoFindingWhateverWasCalled) {
     }
 }
 
-TEST_P(HealthyRegion, HasNoFindingOnceItIsFullAndWhenItIsEmptiedAgain) {
+TEST_P(HealthyRegion, HasNoFindingWhenFullOrEmptiedAgain) {
     Random random(test::seed());
     LibraryRegion region(GetParam());
     region.fill();
@@ -120,7 +120,7 @@ Expectation expected(const Snapshot& changed, uint64_t at) {
     return at < network + 48 ? opaque : stays_zero;
 }
 
-TEST(DamagedRegion, ShowsEachWrongByteByOneFinding) {
+TEST(DamagedRegion, ReportsOneFindingForEachWrongByte) {
     LibraryRegion region({4, 3, 2, 2});
     for (const std::string& server : {std::string("alpha"), std::string(255, 'b'), std::string("c")}) {
         ASSERT_EQ(shmnm_addnode(server.c_str(), 0), SHMNM_OK);

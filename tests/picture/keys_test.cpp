@@ -26,7 +26,7 @@ class Keys : public testing::Test {
     Random random_{seed_};
 };
 
-TEST_F(Keys, EachWordIsFoundAsItIsListed) {
+TEST_F(Keys, FindEveryListedWord) {
     LibraryRegion region({.servers = 9, .hb = 6, .np = 5, .fst = 2});
     for (int round = 0; round < 40; ++round) {
         region.call(random_, 50);
@@ -39,7 +39,7 @@ TEST_F(Keys, EachWordIsFoundAsItIsListed) {
     }
 }
 
-TEST_F(Keys, EachWordLiesAtItsOffset) {
+TEST_F(Keys, HaveTheOffsetsOfTheirWords) {
     LibraryRegion region({.servers = 5, .hb = 3, .np = 3, .fst = 1});
     region.call(random_, 500);
     const Snapshot dump = region.dump();
@@ -58,7 +58,7 @@ TEST_F(Keys, EachWordLiesAtItsOffset) {
     }
 }
 
-TEST_F(Keys, WhatIsNotListedIsNotFound) {
+TEST_F(Keys, FindNothingThatIsNotListed) {
     LibraryRegion region({.servers = 4, .hb = 2, .np = 2, .fst = 1});
     ASSERT_EQ(shmnm_addnode("alpha", 0), SHMNM_OK);
     ASSERT_EQ(shmnm_addnode("a b", 1), SHMNM_OK);
@@ -126,7 +126,7 @@ std::string pattern_of(const std::string& key) {
     return pattern;
 }
 
-TEST_F(Keys, TheHelpNamesEveryKeyOnceAndNoOther) {
+TEST_F(Keys, AreEachNamedOnceInTheHelp) {
     LibraryRegion region({.servers = 2, .hb = 2, .np = 2, .fst = 1});
     region.fill();
     std::set<std::string> listed;

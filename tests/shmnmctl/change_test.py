@@ -16,7 +16,7 @@ class Changing(ToolTest):
         result = self.tool(*command, **options)
         self.assertEqual((result.status, result.out, result.err), (0, "", ""))
 
-    def test_every_word_that_can_be_set_is_set(self):
+    def test_set_changes_every_settable_word(self):
         api = self.cluster()
         api.ok("shmnm_setfstrscpid", "agent", 1, 1, 1)
         fixed = {"alive", "dfailstatus", "combstat", "max_servers", "max_hb", "max_np", "hbinfo_a", "hbinfo_b", "pri"}
@@ -38,12 +38,12 @@ class Changing(ToolTest):
         self.assertEqual(api.ok("shmnm_getnodepri", "alpha"), ["-12"])
         self.assertEqual(api.ok("shmnm_gethbrscpri", "lan", "lanhb1"), ["7"])
 
-    def test_nothing_is_set_when_one_key_does_not_exist(self):
+    def test_set_changes_nothing_if_one_key_is_unknown(self):
         self.cluster()
         error = self.refused(1, "set", "-", input="cluster/clstat 5\nservers/nobody/nodestat 1\ncluster/bwflag 6\n")
         self.assertIn("nothing was set: there is no key servers/nobody/nodestat; ", error)
 
-    def test_nothing_is_set_when_one_value_does_not_fit(self):
+    def test_set_changes_nothing_if_one_value_is_invalid(self):
         self.cluster()
         for key, value in (
             ("cluster/clstat", "4294967296"),
@@ -57,13 +57,13 @@ class Changing(ToolTest):
             with self.subTest(key=key, value=value):
                 self.refused(2, "set", "cluster/bwflag", "1", key, value)
 
-    def test_computed_and_simulated_words_are_not_set(self):
+    def test_set_refuses_computed_and_simulated_words(self):
         self.cluster()
         for key in ("cluster/alive", "cluster/dfailstatus", "servers/alpha/combstat", "servers/alpha/dfailstatus"):
             with self.subTest(key=key):
                 self.refused(5, "set", key, "1")
 
-    def test_words_that_the_library_sets_together_are_given_together(self):
+    def test_set_needs_both_words_of_a_pair(self):
         api = self.cluster()
         self.assertIn("; give all of them in one \"shmnmctl set\"", self.refused(5, "set", "cluster/hbinfo_a", "3"))
         self.done("set", "cluster/hbinfo_a", "3", "cluster/hbinfo_b", "4")
@@ -72,27 +72,27 @@ class Changing(ToolTest):
         self.done("set", "cluster/max_hb", "2")
         self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), ["4", "2", "2"])
 
-    def test_a_pair_whose_server_the_library_would_not_find_is_refused(self):
+    def test_set_refuses_a_pair_whose_server_the_library_would_not_find(self):
         api = self.cluster()
         api.ok("shmnm_modifynode", "gamma", 0)
         self.assertIn("alpha has the same priority, 0; ", self.refused(5, "set", "hb/lan/lanhb1/svstat/gamma", "1"))
         self.done("set", "hb/lan/lanhb1/svstat/alpha", "1")
 
-    def test_a_full_table_of_process_ids_refuses_updates_before_anything_is_set(self):
+    def test_set_checks_for_a_full_table_of_process_ids_before_it_changes_anything(self):
         api = self.cluster()
         for name in "abcd":
             api.ok("shmnm_setfstrscpid", name, 0, 1, 1)
         self.refused(5, "set", "cluster/clstat", "1", "fst/pids/a/0", "2")
         self.refused(5, "add", "fst", "e", "0", "1")
 
-    def test_lines_may_be_empty_or_comments_and_a_bad_one_is_named(self):
+    def test_set_skips_empty_and_comment_lines_and_names_a_bad_line(self):
         api = self.cluster()
         self.done("set", "-", input="# states\r\n\n  cluster/clstat\t 8  \r\n")
         self.assertEqual(api.ok("shmnm_getclstat"), ["8"])
         self.assertIn("line 2", self.refused(2, "set", "-", input="cluster/clstat 9\ncluster/bwflag\n"))
         self.assertIn("pairs", self.refused(2, "set", "cluster/clstat"))
 
-    def test_servers_come_change_and_go(self):
+    def test_servers_are_added_changed_and_removed(self):
         api = self.cluster()
         self.done("add", "server", "delta", "-3")
         self.assertEqual(api.ok("shmnm_getnodepri", "delta"), ["-3"])
@@ -105,7 +105,7 @@ class Changing(ToolTest):
         self.refused(1, "remove", "server", "alpha")
         self.refused(1, "modify", "server", "alpha", "1")
 
-    def test_resources_come_change_and_go(self):
+    def test_resources_are_added_changed_and_removed(self):
         api = self.cluster()
         for table, kind, name in (("hb", "lan", "new"), ("np", "ping", "pingnp1")):
             if table == "np":
@@ -165,7 +165,7 @@ class Changing(ToolTest):
         api.ok("shmnm_modifynode", "gamma", -1)
         self.refused(5, "simulate", "on", "gamma")
 
-    def test_clear_must_be_meant_and_leaves_a_picture_that_can_be_filled(self):
+    def test_clear_needs_confirmation_and_leaves_a_usable_region(self):
         api = self.cluster()
         self.refused(2, "clear")
         self.done("clear", "--yes")
@@ -173,7 +173,7 @@ class Changing(ToolTest):
         self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), ["4", "3", "2"])
         self.done("add", "server", "alpha", "0")
 
-    def test_a_configuration_that_differs_is_refused_unless_forced(self):
+    def test_a_differing_configuration_is_refused_unless_forced(self):
         api = self.cluster()
         self.configure(server=4, hbr=3, npr=1, fstr=1)
         error = self.refused(5, "set", "cluster/clstat", "1")

@@ -7,7 +7,7 @@ from support import ToolTest, path
 
 
 class Query(ToolTest):
-    def test_answers_by_the_exit_status_alone(self):
+    def test_query_answers_by_its_exit_status_only(self):
         api = self.cluster()
         api.ok("shmnm_setpingstat", "alpha", 1)
         for condition, status in (
@@ -24,7 +24,7 @@ class Query(ToolTest):
                 self.assertEqual((result.status, result.err), (status, ""))
                 self.assertEqual(result.json, {"version": 1, "kind": "query", "holds": status == 0})
 
-    def test_takes_the_condition_in_one_argument_or_in_several(self):
+    def test_query_accepts_the_condition_in_one_or_several_arguments(self):
         api = self.cluster()
         api.ok("shmnm_modifynode", "alpha", -7)
         for condition in (
@@ -35,7 +35,7 @@ class Query(ToolTest):
             self.assertEqual(self.tool("query", *condition).status, 0, condition)
         self.assertEqual(self.tool("query", "servers/alpha/pri", ">", "-7").status, 1)
 
-    def test_looks_at_a_dump(self):
+    def test_query_can_look_at_a_dump(self):
         api = self.cluster()
         api.ok("shmnm_setclstat", 4)
         self.assertEqual(self.tool("dump", path(self.folder / "picture.dump")).status, 0)
@@ -43,7 +43,7 @@ class Query(ToolTest):
         self.assertEqual(self.tool("query", "--file", path(self.folder / "picture.dump"), "cluster/clstat=4").status, 0)
         self.assertEqual(self.tool("query", "cluster/clstat=4").status, 1)
 
-    def test_shows_the_place_of_what_it_does_not_understand(self):
+    def test_query_shows_the_position_of_a_syntax_error(self):
         result = self.tool("query", "cluster/clstat=1 or a!> 2")
         self.assertEqual(result.status, 2, result)
         self.assertEqual(
@@ -73,14 +73,14 @@ class Wait(ToolTest):
         """What it ended with, behind what --verbose tells."""
         return process.stderr.read().decode().splitlines()[-1]
 
-    def test_returns_at_once_when_it_holds(self):
+    def test_wait_returns_at_once_if_the_condition_holds(self):
         self.cluster()
         result = self.tool("wait", "cluster/clstat=0")
         self.assertEqual((result.status, result.out, result.err), (0, "", ""))
         result = self.tool("wait", "--format", "json", "cluster/clstat=0", "--timeout", "0")
         self.assertEqual((result.status, result.json), (0, {"version": 1, "kind": "wait", "holds": True}))
 
-    def test_returns_as_soon_as_it_holds(self):
+    def test_wait_returns_as_soon_as_the_condition_holds(self):
         api = self.cluster()
         process = self.waiting("all servers/*/pingstat=1", "and", "cluster/clstat=2")
         for server in ("alpha", "beta", "gamma"):
@@ -89,7 +89,7 @@ class Wait(ToolTest):
         api.ok("shmnm_setclstat", 2)
         self.assertEqual(process.wait(), 0)
 
-    def test_all_of_no_server_is_waited_for(self):
+    def test_wait_waits_while_a_condition_on_all_servers_has_no_server(self):
         api = self.region()
         process = self.waiting("all servers/*/pri=3")
         api.ok("shmnm_setclstat", 2)
@@ -98,7 +98,7 @@ class Wait(ToolTest):
         api.ok("shmnm_addnode", "alpha", 3)
         self.assertEqual(process.wait(), 0)
 
-    def test_tells_at_the_time_out_what_did_not_hold(self):
+    def test_wait_reports_at_its_time_out_what_did_not_hold(self):
         self.cluster()
         for duration in ("50ms", "0.05s", "0.05", "0.001m", "0.00001h", "0", "0ms"):
             with self.subTest(duration):
@@ -108,7 +108,7 @@ class Wait(ToolTest):
         result = self.tool("wait", "cluster/clstat=1", "--timeout", "1ms", "--format", "json")
         self.assertEqual(result.error["message"], "the condition did not hold within 1ms: cluster/clstat=1 (it is 0)")
 
-    def test_refuses_what_is_no_duration(self):
+    def test_wait_refuses_an_invalid_duration(self):
         for duration in ("", "soon", "5 s", "1d", "-1", "-1s", "1msx", "ms", "inf", "nan", "1e300h"):
             with self.subTest(duration):
                 result = self.tool("wait", "cluster/clstat=0", f"--timeout={duration}")
@@ -117,7 +117,7 @@ class Wait(ToolTest):
     def test_needs_a_region_at_the_start(self):
         self.assertEqual(self.tool("wait", "cluster/clstat=0").status, 3)
 
-    def test_waits_for_a_region_that_has_gone_to_come_back(self):
+    def test_wait_continues_when_a_region_ends_and_returns(self):
         api = self.cluster()
         process = self.waiting("cluster/clstat=3")
         api.end()
@@ -127,14 +127,14 @@ class Wait(ToolTest):
         self.region().ok("shmnm_setclstat", 3)
         self.assertEqual(process.wait(), 0)
 
-    def test_a_region_that_stays_away_is_told_at_the_time_out(self):
+    def test_wait_reports_a_missing_region_at_its_time_out(self):
         api = self.cluster()
         process = self.waiting("cluster/clstat=3", "--timeout", "3s")
         api.end()
         self.assertEqual(process.wait(), 4)
         self.assertEqual(self.last_error(process), "shmnmctl: the condition did not hold within 3s: no process holds the region any more")
 
-    def test_a_lock_that_does_not_come_takes_no_more_than_the_time(self):
+    def test_wait_ends_in_time_even_if_the_lock_is_never_free(self):
         api = self.cluster()
         api.ok("shmnm_rwlock", 0)
         result = self.tool("wait", "cluster/clstat=0", "--timeout", "60ms", "--lock-timeout", "20")
@@ -147,7 +147,7 @@ class Wait(ToolTest):
         api.ok("shmnm_rwunlock")
         self.assertEqual(process.wait(), 0)
 
-    def test_a_signal_ends_it_with_5(self):
+    def test_wait_ends_with_status_5_on_a_signal(self):
         self.cluster()
         for request in (signal.SIGINT,) if support.PLATFORM == "windows" else (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             with self.subTest(request):

@@ -111,7 +111,7 @@ class Contract(ToolTest):
         elif result.err or status != 1:
             self.assertRegex(result.err, r"\Ashmnmctl: [ -~]+\n\Z")
 
-    def test_0_when_it_is_done(self):
+    def test_status_0_on_success(self):
         self.cluster()
         self.expect(0, READING | {"wait": LIVE["wait"]})
         self.assertEqual(self.tool(*LIVE["dump"]).status, 0)
@@ -119,23 +119,23 @@ class Contract(ToolTest):
             self.assertEqual(self.tool(*command).status, 0, name)
         self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 0)
 
-    def test_0_for_help_and_version(self):
+    def test_status_0_for_help_and_version(self):
         for command in (["--help"], ["--version"], ["status", "--help"], ["add", "server", "--help"]):
             result = self.tool(*command)
             self.assertEqual((result.status, result.err), (0, ""))
             self.assertNotEqual(result.out, "")
 
-    def test_1_when_nothing_is_found(self):
+    def test_status_1_when_nothing_is_found(self):
         self.cluster()
         self.expect(1, NOTHING_FOUND)
 
-    def test_2_for_wrong_usage_before_anything_is_looked_at(self):
+    def test_status_2_for_wrong_usage_before_anything_is_read(self):
         self.expect(2, WRONG)
 
-    def test_3_without_a_region(self):
+    def test_status_3_without_a_region(self):
         self.expect(3, READING | LIVE | CHANGING | WATCHING)
 
-    def test_4_while_the_lock_is_held(self):
+    def test_status_4_while_the_lock_is_held(self):
         api = self.cluster()
         api.ok("shmnm_rwlock", 0)
         cases = {name: ["--lock-timeout", "30"] + command for name, command in (READING | CHANGING | {"dump": LIVE["dump"]}).items()}
@@ -171,16 +171,16 @@ class Contract(ToolTest):
         self.assertEqual(status, 3)
         self.assertRegex(message, '^no process holds the region .*; start the cluster, or run "shmnmctl serve"$')
 
-    def test_4_when_what_is_waited_for_does_not_come(self):
+    def test_status_4_when_a_wait_times_out(self):
         self.cluster()
         self.expect(4, {"wait": ["wait", "cluster/clstat=1", "--timeout", "50ms"]})
 
-    def test_5_when_the_region_belongs_to_another_user(self):
+    def test_status_5_when_the_region_belongs_to_another_user(self):
         with self.foreign_objects():
             self.expect(5, READING | LIVE | CHANGING | WATCHING)
             self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 5)
 
-    def test_5_when_others_may_write_to_the_region(self):
+    def test_status_5_when_others_can_write_to_the_region(self):
         with self.objects_open_to_everyone():
             self.expect(5, {"status": READING["status"], "set": CHANGING["set"]} | LIVE | WATCHING)
             self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 5)
@@ -211,7 +211,7 @@ class Contract(ToolTest):
         for file in files:
             mend(file)
 
-    def test_5_for_a_file_that_is_no_dump(self):
+    def test_status_5_for_a_file_that_is_not_a_dump(self):
         (self.folder / "cut").write_bytes(b"\0" * 1083)
         (self.folder / "empty").write_bytes(b"")
         for file in ("cut", "empty", "missing", "etc"):
@@ -225,7 +225,7 @@ class Contract(ToolTest):
         quiet = {name: in_json(READING[name]) for name in ("query", "verify")}
         return READING | quiet | WATCHING | {"dump": LIVE["dump"]}
 
-    def test_5_when_the_reader_of_its_output_is_gone(self):
+    def test_status_5_when_the_reader_of_its_output_is_gone(self):
         self.cluster()
         for name, command in self.writing().items():
             with self.subTest(name):
@@ -236,7 +236,7 @@ class Contract(ToolTest):
                 self.assertEqual(result.status, 5, result)
                 self.assertIn("cannot write to standard output: its reader has closed it", result.err)
 
-    def test_5_when_the_disk_is_full(self):
+    def test_status_5_when_the_disk_is_full(self):
         self.cluster()
         for name, command in self.writing().items():
             with self.subTest(name), open("/dev/full", "wb") as output:
@@ -246,7 +246,7 @@ class Contract(ToolTest):
         self.assertEqual(self.tool("dump", path("/dev/full")).status, 5)
         self.assertEqual(self.tool("dump", path(self.folder / "no such folder/dump")).status, 5)
 
-    def test_5_when_the_library_refuses(self):
+    def test_status_5_when_the_library_refuses(self):
         self.cluster()
         refused = {
             "add server": ["add", "server", "alpha", "0"],

@@ -354,7 +354,7 @@ class KilledChange : public testing::TestWithParam<size_t> {
     uint64_t first_write_ = 0;  ///< as a distance in the library's code
 };
 
-TEST_P(KilledChange, LeavesTheOldRegionOrTheNewOneOrOneThatIsNamedAndMended) {
+TEST_P(KilledChange, LeavesTheOldRegionTheNewOneOrARepairableOne) {
     const std::vector<uint8_t> old_bytes = region.bytes();
     const std::string old_picture = picture();
     ASSERT_NO_FATAL_FAILURE(rehearse());
@@ -443,7 +443,7 @@ class AfterAKill : public testing::Test {
     uint32_t process = 0;
 };
 
-TEST_F(AfterAKill, EveryCommandNamesTheChangeAndRepairCompletesIt) {
+TEST_F(AfterAKill, EveryCommandReportsTheChangeAndRepairCompletesIt) {
     const test::ProgramResult verified = tool("verify");
     EXPECT_EQ(verified.status, 1);
     EXPECT_THAT(verified.output,
@@ -469,7 +469,7 @@ TEST_F(AfterAKill, EveryCommandNamesTheChangeAndRepairCompletesIt) {
     EXPECT_EQ(again.status, 0);
 }
 
-TEST_F(AfterAKill, RepairRefusesAChangeAfterWhichTheTablesWereChanged) {
+TEST_F(AfterAKill, RepairRefusesIfTheTablesWereChangedSince) {
     const std::vector<uint8_t> before = region_->bytes();
     EXPECT_EQ(locked([] { return shmnm_addnprsc("ping", "another", 1); }), SHMNM_OK);
     const std::string superseded =
@@ -488,7 +488,7 @@ TEST_F(AfterAKill, RepairRefusesAChangeAfterWhichTheTablesWereChanged) {
     EXPECT_EQ(region_->bytes(), changed);
 }
 
-TEST_F(AfterAKill, RepairRefusesWhenOthersHadTheLockUnlessForced) {
+TEST_F(AfterAKill, RepairRefusesIfOthersHadTheLockSinceUnlessForced) {
     EXPECT_EQ(locked([] { return shmnm_setclstat(3); }), SHMNM_OK);
     EXPECT_EQ(named(), removed()) << "a word that is set changes no table";
     const std::vector<uint8_t> before = region_->bytes();
@@ -502,7 +502,7 @@ TEST_F(AfterAKill, RepairRefusesWhenOthersHadTheLockUnlessForced) {
     EXPECT_EQ(named(), "");
 }
 
-TEST_F(AfterAKill, ANoteOfARegionThatHasEndedIsNotNamedAndNotRepaired) {
+TEST_F(AfterAKill, NoteOfAnEndedRegionIsIgnored) {
     region_.reset();
     region_.emplace();
     EXPECT_EQ(named(), "");
@@ -521,12 +521,12 @@ TEST_F(AfterAKill, ClearingTheRegionDropsTheNote) {
     EXPECT_EQ(named(), "");
 }
 
-TEST_F(AfterAKill, AValueThatIsSetLeavesTheNoteAlone) {
+TEST_F(AfterAKill, SettingAValueKeepsTheNote) {
     EXPECT_EQ(locked([] { return shmnm_setfstdescript("new", 3); }), SHMNM_OK);
     EXPECT_EQ(named(), removed());
 }
 
-TEST_F(AfterAKill, TheFirstOfSeveralChangesStaysNamed) {
+TEST_F(AfterAKill, FirstOfSeveralChangesStaysReported) {
     kill_in("RemovesAServerInTheMiddle", 3);
     EXPECT_THAT(named(), HasSubstr("alpha-the-first"));
     EXPECT_THAT(named(), HasSubstr("beta-the-second"));
@@ -535,7 +535,7 @@ TEST_F(AfterAKill, TheFirstOfSeveralChangesStaysNamed) {
     EXPECT_THAT(named(), Not(HasSubstr("beta-the-second")));
 }
 
-TEST_F(AfterAKill, ACallerWithoutTheLockLeavesNoNote) {
+TEST_F(AfterAKill, CallerWithoutTheLockLeavesNoNote) {
     EXPECT_EQ(tool("repair").status, 0);
     Stepper writer(removes_without_the_lock);
     Watched watch(region_->watched());
@@ -544,7 +544,7 @@ TEST_F(AfterAKill, ACallerWithoutTheLockLeavesNoNote) {
     EXPECT_EQ(named(), "");
 }
 
-TEST_F(AfterAKill, StatesOfATypeAreNamedUntilTheyAreSetAgain) {
+TEST_F(AfterAKill, StatesOfATypeAreReportedUntilTheyAreSetAgain) {
     EXPECT_EQ(tool("repair").status, 0);
     kill_in("SetsTheStatesOfAType", 2);
     EXPECT_EQ(named(),
@@ -556,7 +556,7 @@ TEST_F(AfterAKill, StatesOfATypeAreNamedUntilTheyAreSetAgain) {
     EXPECT_EQ(named(), "");
 }
 
-TEST_F(AfterAKill, ASimulationIsNamedUntilItIsSetAgain) {
+TEST_F(AfterAKill, SimulationIsReportedUntilItIsSetAgain) {
     EXPECT_EQ(tool("repair").status, 0);
     kill_in("SimulatesFailures", 1);
     EXPECT_EQ(named(),

@@ -39,7 +39,7 @@ class Locking(LockTest):
         api.ok("shmnm_rwlock", 0)
         api.ok("shmnm_rwunlock")
 
-    def test_it_ends_as_the_command_ended(self):
+    def test_lock_returns_the_exit_status_of_the_command(self):
         self.assertEqual(self.tool("lock", *tool_as_command("--version")).status, 0)
         self.assertEqual(self.tool("lock", *tool_as_command("status")).status, 3)
         result = subprocess.run(
@@ -47,14 +47,14 @@ class Locking(LockTest):
         )
         self.assertEqual(result.returncode, 2)
 
-    def test_a_command_that_cannot_be_started_is_named_and_leaves_the_lock_free(self):
+    def test_lock_names_a_command_that_cannot_be_started_and_frees_the_lock(self):
         self.witness()
         result = self.tool("lock", "--", "no-such-command-at-all")
         self.assertEqual(result.status, 5)
         self.assertIn("cannot run no-such-command-at-all", result.err)
         self.assertEqual(self.tool("lock", "--who").status, 1)
 
-    def test_ctrl_c_is_left_to_the_command_and_the_lock_stays_held(self):
+    def test_ctrl_c_reaches_the_command_and_the_lock_stays_held(self):
         api = self.api()
         holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
         self.expect_the_command_to_run_without_the_lock(holder)
@@ -65,7 +65,7 @@ class Locking(LockTest):
         holder.stdin.close()
         self.assertEqual(holder.wait(), 0)
 
-    def test_the_name_of_the_lock_is_told_when_asked_for(self):
+    def test_lock_prints_the_name_of_the_lock_on_request(self):
         name = self.environment["KZMUTIL_NAMESPACE"] + "oru_kzmshmnm_lock"
         told = f"shmnmctl: opens the mutex {name}\n"
         self.assertEqual(self.tool("--verbose", "lock", "--who").err, told)
@@ -84,14 +84,14 @@ class Locking(LockTest):
                 self.assertIn("there is no key x", direct.err)
                 self.assertEqual((locked.status, locked.err), (1, direct.err))
 
-    def test_one_who_waits_too_long_is_told(self):
+    def test_lock_reports_a_wait_that_times_out(self):
         api = self.api()
         api.ok("shmnm_rwlock", 0)
         result = self.tool("lock", "--timeout", "50", *tool_as_command("--version"))
         self.assertEqual((result.status, result.out), (4, ""))
         self.assertIn("timed out after 50 ms waiting for the lock; ", result.err)
 
-    def test_who_holds_the_lock_is_told(self):
+    def test_lock_names_the_holder_of_the_lock(self):
         api = self.api()
         free = self.tool("lock", "--who")
         self.assertEqual(free.status, 1)
@@ -102,7 +102,7 @@ class Locking(LockTest):
         self.assertEqual(self.tool("lock", "--who").status, 0)
         self.assertTrue(self.tool("lock", "--who", "--format", "json").json["held"])
 
-    def test_a_command_or_the_question_is_needed_and_not_both(self):
+    def test_lock_needs_either_a_command_or_a_question(self):
         self.assertEqual(self.tool("lock").status, 2)
         self.assertEqual(self.tool("lock", "--who", "--", "x").status, 2)
 
@@ -128,7 +128,7 @@ class LockingOnLinux(LockTest):
         finally:
             os.kill(api.process.pid, signal.SIGCONT)
 
-    def test_a_holder_that_has_ended_holds_nothing(self):
+    def test_a_holder_that_has_ended_is_not_named(self):
         self.witness()
         api = self.api()
         api.ok("shmnm_rwlock", 0)
@@ -151,7 +151,7 @@ class LockingOnLinux(LockTest):
         self.assertEqual(self.tool("lock", *tool_as_command("--version")).status, 0)
         self.assertEqual(self.tool("lock", "--who", "--format", "json").json["takeovers"], 0)
 
-    def test_the_command_ignores_the_signals_that_the_tool_was_started_to_ignore_and_no_others(self):
+    def test_the_command_ignores_the_same_signals_as_the_tool_did_at_its_start(self):
         for name in ("INT", "QUIT", "PIPE", "XFSZ", "HUP", "TERM"):
             with self.subTest(name):
                 ends = self.tool("lock", "--", "sh", "-c", f"ulimit -c 0; kill -{name} $$; echo alive")
@@ -170,7 +170,7 @@ class LockingOnLinux(LockTest):
         self.assertEqual(self.tool("lock", "--who", "--format", "json").json["takeovers"], 1)
         self.assertIn("taken over 1 time from an owner that ended, last at 20", self.tool("lock", "--who").out)
 
-    def test_the_name_of_a_holder_reaches_no_terminal_unescaped(self):
+    def test_the_command_line_of_a_holder_is_escaped(self):
         holder = subprocess.Popen(
             support.program("api_caller") + ["\x1b]0;evil\x07"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment
         )
@@ -185,7 +185,7 @@ class LockingOnLinux(LockTest):
         finally:
             holder.communicate()
 
-    def test_the_end_of_a_command_by_a_signal_is_told_as_shells_do(self):
+    def test_lock_reports_a_command_killed_by_a_signal_as_shells_do(self):
         self.assertEqual(self.tool("lock", "--", "sh", "-c", "kill -9 $$").status, 128 + signal.SIGKILL)
         self.assertEqual(self.tool("lock", "--", "sh", "-c", "exit 7").status, 7)
 
@@ -197,7 +197,7 @@ class LockingOnLinux(LockTest):
         self.assertEqual(holder.wait(), 3)
         self.assertEqual(self.tool("lock", "--who").status, 1)
 
-    def test_an_interrupt_is_left_to_the_command(self):
+    def test_an_interrupt_reaches_only_the_command(self):
         holder = self.start(
             "lock", "--", "sh", "-c", "trap 'echo interrupted; exit 4' INT; echo ready; while :; do sleep 0.01; done", start_new_session=True
         )
@@ -207,7 +207,7 @@ class LockingOnLinux(LockTest):
         self.assertEqual(holder.stdout.readline(), b"interrupted\n")
         self.assertEqual(holder.wait(), 4)
 
-    def test_the_lock_of_a_killed_tool_is_taken_over_while_its_command_goes_on(self):
+    def test_the_lock_of_a_killed_tool_is_taken_over_while_its_command_runs_on(self):
         api = self.api()
         holder = self.start("lock", "--", "sh", "-c", "echo ready; read line", stdin=subprocess.PIPE)
         self.assertEqual(holder.stdout.readline(), b"ready\n")

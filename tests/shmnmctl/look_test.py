@@ -84,7 +84,7 @@ def flattened(status):
 
 
 class Looking(ToolTest):
-    def test_every_word_is_what_the_library_answers(self):
+    def test_every_word_is_shown_as_the_library_returns_it(self):
         api = busy_cluster(self)
         expected = answers(api)
         self.assertEqual(dict(line.split(" ") for line in self.tool("list").lines), expected)
@@ -96,14 +96,14 @@ class Looking(ToolTest):
         self.assertEqual(status["hb"][0]["descript"], escaped("the first net"))
         self.assertEqual(status["fst"]["descript"], "%FF%00odd")
 
-    def test_one_word_is_got_by_its_key(self):
+    def test_get_prints_one_word_by_its_key(self):
         api = busy_cluster(self)
         self.assertEqual(self.tool("get", "servers/beta/pingstat").out, api.ok("shmnm_getpingstat", "beta")[0] + "\n")
         self.assertEqual(
             self.tool("get", "fst/piddata/agent/1", "--format", "json").json["value"], api.ok("shmnm_getfstrscpid", "agent", 1)[1]
         )
 
-    def test_a_prefix_ends_at_a_part(self):
+    def test_get_matches_only_whole_parts_of_a_prefix(self):
         api = self.region()
         api.ok("shmnm_addnode", "node", 1)
         api.ok("shmnm_addnode", "node2", 2)
@@ -112,7 +112,7 @@ class Looking(ToolTest):
         self.assertTrue(all(key.startswith("servers/node/") for key in keys), keys)
         self.assertEqual(self.tool("list", "servers/nod").status, 1)
 
-    def test_hostile_names_are_escaped_and_found_again(self):
+    def test_hostile_names_are_escaped_and_found_by_their_keys(self):
         api = self.region()
         name = "a/b*\x1b[2J\n%é\""
         api.ok("shmnm_addnode", name, 7)
@@ -122,7 +122,7 @@ class Looking(ToolTest):
         self.assertEqual(self.tool("status", "--format", "json").json["servers"][0]["name"], escaped(name))
         self.assertNotIn("\x1b", self.tool("status").out)
 
-    def test_of_equal_names_the_first_has_the_key_and_status_shows_both(self):
+    def test_the_first_of_two_equal_names_has_the_key_and_status_shows_both(self):
         api = self.region()
         long_name = "n" * 255
         api.ok("shmnm_addnode", long_name + "x", 1)
@@ -130,7 +130,7 @@ class Looking(ToolTest):
         self.assertEqual(self.tool("get", f"servers/{long_name}/pri").out, "1\n")
         self.assertEqual([server["pri"] for server in self.tool("status", "--format", "json").json["servers"]], [1, 2])
 
-    def test_a_server_without_a_combined_state_says_none(self):
+    def test_a_server_without_a_combined_state_shows_none(self):
         api = self.cluster()
         api.ok("shmnm_setnodestat", "alpha", 1)
         api.ok("shmnm_setisolateflag", "alpha", 2)
@@ -148,7 +148,7 @@ class Looking(ToolTest):
                 with self.subTest(wait=wait, node=node):
                     self.assertEqual(self.tool("get", "servers/alpha/combstat").out.strip(), api.ok("shmnm_getnodecombstat", "alpha")[0])
 
-    def test_looking_changes_no_byte_and_holds_nothing(self):
+    def test_reading_commands_change_no_byte_and_hold_nothing(self):
         api = busy_cluster(self)
         # A reader whose configuration differs would write its own counts into the header if it attached.
         self.configure(server=9, hbr=9, npr=9, fstr=1)
@@ -178,7 +178,7 @@ class Looking(ToolTest):
         status["region"]["live"] = False
         self.assertEqual(offline, status)
 
-    def test_the_kernel_objects_are_named_when_asked_for(self):
+    def test_the_kernel_objects_are_named_on_request(self):
         self.cluster()
         done = support.subprocess.run(
             support.program("shmnmctl") + ["--verbose", "get", "cluster/clstat"], capture_output=True, env=self.environment, check=True

@@ -22,7 +22,7 @@ class Manual(ToolTest):
         )
         return file
 
-    def test_every_command_and_every_option_of_it_is_in_the_page(self):
+    def test_the_page_describes_every_command_and_option(self):
         text = self.page().read_text().replace("\\-", "-")
         names = re.findall(r"^  (\w+) +", self.tool("--help").out.split("Subcommands:")[1], re.M)
         self.assertGreater(len(names), 15)
@@ -32,7 +32,7 @@ class Manual(ToolTest):
                 for option in re.findall(r"^  (?:-\w,)?(--[a-z-]+)", self.tool(name, "--help").out, re.M):
                     self.assertIn(option, text + "--help")
 
-    def test_every_key_is_in_the_page_with_its_meaning(self):
+    def test_the_page_describes_every_key(self):
         text = self.page().read_text().replace("\\-", "-").replace("\n", " ")
         patterns = key_patterns(self)
         self.assertGreater(len(patterns), 25)
@@ -75,7 +75,7 @@ class Completion(ToolTest):
         self.assertIn("--force", self.complete("add", "server", "--"))
         self.assertEqual(self.complete("status", "--format", "j"), ["json"])
 
-    def test_living_servers_resources_and_keys_are_completed(self):
+    def test_existing_servers_resources_and_keys_are_completed(self):
         self.cluster()
         self.assertEqual(self.complete("remove", "server", ""), ["alpha", "beta", "gamma"])
         self.assertEqual(self.complete("simulate", "on", "alpha", "b"), ["beta"])
@@ -96,7 +96,7 @@ class Completion(ToolTest):
             with self.subTest(key):
                 self.assertIn(key, self.complete("get", key[:-1]))
 
-    def test_without_a_region_nothing_is_offered_and_nothing_is_said(self):
+    def test_completion_is_silent_without_a_region(self):
         self.assertEqual(self.complete("remove", "server", ""), [])
 
     def test_the_completion_for_zsh_uses_the_one_for_bash(self):

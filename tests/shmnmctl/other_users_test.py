@@ -36,7 +36,7 @@ class OtherUsers(ToolTest):
         self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
         return folder
 
-    def test_a_region_of_another_user_is_told_as_such_by_every_command(self):
+    def test_every_command_reports_a_region_of_another_user(self):
         self.cluster()
         for command in (["status"], ["status", "--watch", "0.1"], ["list", "servers"], ["get", "cluster/clstat"], ["dump", "-"], ["verify"],
                         ["set", "cluster/clstat", "1"], ["clear", "--yes"], ["query", "cluster/alive=1"], ["wait", "cluster/alive=1"], ["watch"],
@@ -46,7 +46,7 @@ class OtherUsers(ToolTest):
                 self.assertEqual((result.status, result.raw), (5, b""))
                 self.assertEqual(result.err, f"shmnmctl: the region {self.region_name} belongs to user root (0); run this as that user\n")
 
-    def test_a_region_of_another_user_that_has_ended_is_none(self):
+    def test_an_ended_region_of_another_user_is_not_reported(self):
         self.cluster().end()
         self.assertTrue(pathlib.Path("/dev/shm/kzmkernel.0").is_dir())
         result = self.tool_of_other_user("status")
@@ -67,7 +67,7 @@ class OtherUsers(ToolTest):
                          (127, "kzmshmnm: not loaded: no mutex oru_kzmshmnm_lock (error 5): "
                                f"{folder} belongs to user {OTHER_USER}, not to you{PLANTED}"))
 
-    def test_a_process_that_does_not_let_go_of_the_folder_is_named(self):
+    def test_a_process_that_blocks_the_folder_is_named(self):
         folder = self.private_folder()
         self.cluster()
         gate = os.open(folder, os.O_RDONLY)

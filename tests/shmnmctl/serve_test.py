@@ -38,7 +38,7 @@ class ServeTest(ToolTest):
 
 
 class Serving(ServeTest):
-    def test_it_registers_the_members_and_says_that_it_is_ready(self):
+    def test_serve_registers_the_members_and_reports_that_it_is_ready(self):
         process = self.serve()
         prefix = self.environment["KZMUTIL_NAMESPACE"]
         self.assertEqual(self.ready, f"ready: {prefix}oru_kzmshmnm_map with 2 servers, 2 hb and 1 np resources")
@@ -53,7 +53,7 @@ class Serving(ServeTest):
         self.end(process)
         self.assertEqual(self.tool("status").status, 3)
 
-    def test_ctrl_c_ends_it_in_good_order(self):
+    def test_serve_ends_cleanly_on_ctrl_c(self):
         api = self.region()
         process = self.start("serve", "--clean", stdin=subprocess.DEVNULL)
         self.assertTrue(process.stdout.readline().startswith(b"ready"))
@@ -61,13 +61,13 @@ class Serving(ServeTest):
         self.assertEqual(process.wait(), 0)
         self.assertEqual(api.ok("shmnm_enumnode"), [])
 
-    def test_ready_in_json(self):
+    def test_serve_reports_in_json_that_it_is_ready(self):
         process = self.serve("--format", "json")
         (document,) = support.validated(self.ready)
         self.assertEqual((document["servers"], document["hb"], document["np"]), (2, 2, 1))
         self.end(process)
 
-    def test_beside_a_living_region_it_keeps_what_is_there_and_brings_priorities_up_to_date(self):
+    def test_serve_keeps_an_existing_region_and_updates_its_priorities(self):
         api = self.region()
         api.ok("shmnm_addnode", "beta", 9)
         api.ok("shmnm_addnode", "other", 3)
@@ -80,7 +80,7 @@ class Serving(ServeTest):
         # Nothing was taken out, and another process holds the region.
         self.assertEqual(api.ok("shmnm_enumnode"), ["beta", "other", "alpha"])
 
-    def test_clean_takes_out_what_it_registered(self):
+    def test_serve_with_clean_removes_what_it_registered(self):
         api = self.region()
         api.ok("shmnm_addnode", "other", 3)
         self.end(self.serve("--clean"))
@@ -88,14 +88,14 @@ class Serving(ServeTest):
         self.assertEqual(api.ok("hb_names"), [])
         self.assertEqual(api.ok("np_names"), [])
 
-    def test_another_file_may_name_the_members(self):
+    def test_serve_can_read_the_members_from_another_file(self):
         file = self.folder / "members.xml"
         file.write_text((self.folder / "etc/cluster.xml").read_text().replace("alpha", "delta"))
         process = self.serve("--config", path(file))
         self.assertIn("servers/delta/pri 0", self.tool("list").lines)
         self.end(process)
 
-    def test_members_that_are_not_as_they_should_be_are_refused_before_there_is_a_region(self):
+    def test_serve_refuses_invalid_members_before_it_creates_a_region(self):
         for members, said in (
             ('<server priority="1"/>', "a server in /root/cluster has no name"),
             ('<server name="a"/>', "a server in /root/cluster has no priority"),
@@ -116,7 +116,7 @@ class Serving(ServeTest):
                 self.configure(members, **self.COUNTS)
                 self.assertIn(said, self.refused())
 
-    def test_a_file_that_is_missing_or_no_xml_is_refused(self):
+    def test_serve_refuses_a_missing_or_malformed_file(self):
         self.assertIn("cannot read the configuration", self.refused("--config", path(self.folder / "missing.xml")))
         (self.folder / "broken.xml").write_text("<root><all></root>")
         self.assertIn("not well-formed XML", self.refused("--config", path(self.folder / "broken.xml")))
@@ -127,14 +127,14 @@ class Serving(ServeTest):
         self.assertIn("shmnm_create failed with code 12 (", error)
         self.assertIn(f"put the configuration at {self.environment['KZM_INSTALL_PATH']}", error)
 
-    def test_a_folder_in_the_place_of_the_file_is_refused(self):
+    def test_serve_refuses_a_folder_instead_of_the_file(self):
         file = self.folder / "etc/cluster.xml"
         file.unlink()
         file.mkdir()
         error = self.refused()
         self.assertIn("it is not a regular file; put the cluster's configuration there", error)
 
-    def test_a_file_with_other_counts_than_the_installed_one_is_refused(self):
+    def test_serve_refuses_a_file_whose_counts_differ_from_the_installed_one(self):
         file = self.folder / "members.xml"
         file.write_text((self.folder / "etc/cluster.xml").read_text())
         self.configure(server=5, hbr=3, npr=2, fstr=1)
@@ -142,7 +142,7 @@ class Serving(ServeTest):
         self.assertIn("servers 4, hb 3, np 2, fst 1", error)
         self.assertIn("servers 5, hb 3, np 2, fst 1", error)
 
-    def test_a_region_that_is_full_of_others_is_not_served(self):
+    def test_serve_refuses_a_region_that_is_full(self):
         api = self.region()
         for name in "abcd":
             api.ok("shmnm_addnode", name, 1)
@@ -150,7 +150,7 @@ class Serving(ServeTest):
         self.assertEqual(result.status, 5)
         self.assertIn("cannot register server alpha", result.err)
 
-    def test_where_one_member_finds_no_room_none_is_registered(self):
+    def test_serve_registers_no_member_if_one_finds_no_room(self):
         api = self.region()
         api.ok("shmnm_addnode", "alpha", 9)
         api.ok("shmnm_addhbrsc", "lan", "a", 1)
@@ -166,7 +166,7 @@ class Serving(ServeTest):
 class ServingOnLinux(ServeTest):
     """Signals, the service manager, and an end without warning."""
 
-    def test_every_request_to_end_ends_it_in_good_order(self):
+    def test_serve_ends_cleanly_on_every_request_to_end(self):
         for request in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
             with self.subTest(request):
                 process = self.start("serve")
@@ -175,7 +175,7 @@ class ServingOnLinux(ServeTest):
                 self.assertEqual(process.wait(), 0)
                 self.assertEqual(self.tool("status").status, 3)
 
-    def test_what_would_block_its_reader_is_refused_at_once(self):
+    def test_serve_refuses_at_once_a_file_that_would_block_its_reader(self):
         file = self.folder / "etc/cluster.xml"
         file.unlink()
         os.mkfifo(file)
@@ -190,7 +190,7 @@ class ServingOnLinux(ServeTest):
                         error = self.refused(*arguments)
                         self.assertIn("it is not a regular file; put the cluster's configuration there", error)
 
-    def test_the_end_of_its_input_alone_does_not_end_it(self):
+    def test_serve_continues_when_its_input_ends(self):
         process = self.start("serve", stdin=subprocess.DEVNULL)
         self.assertTrue(process.stdout.readline().startswith(b"ready"))
         self.assertEqual(self.tool("status").status, 0)
@@ -198,19 +198,19 @@ class ServingOnLinux(ServeTest):
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(), 0)
 
-    def test_an_input_that_is_closed_has_ended(self):
+    def test_serve_treats_a_closed_input_as_ended(self):
         command = support.program("shmnmctl") + ["serve", "--until-eof"]
         done = subprocess.run(["sh", "-c", 'exec "$@" <&-', "sh"] + command, env=self.environment, capture_output=True, timeout=20)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
 
-    def test_killed_it_leaves_nothing_behind(self):
+    def test_serve_leaves_nothing_behind_when_killed(self):
         process = self.serve()
         process.kill()
         process.wait()
         self.assertEqual(self.tool("status").status, 3)
         self.end(self.serve())
 
-    def test_the_service_manager_is_told(self):
+    def test_serve_notifies_the_service_manager(self):
         abstract = "\0" + self.environment["KZMUTIL_NAMESPACE"]
         for address in (str(self.folder / "notify"), abstract):
             with self.subTest(address), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
@@ -222,11 +222,11 @@ class ServingOnLinux(ServeTest):
                 self.end(process)
                 self.assertEqual(manager.recv(100), b"STOPPING=1")
 
-    def test_a_service_manager_that_is_gone_does_not_matter(self):
+    def test_serve_ignores_a_missing_service_manager(self):
         self.environment["NOTIFY_SOCKET"] = str(self.folder / "nobody")
         self.end(self.serve())
 
-    def test_the_example_of_a_unit_names_the_command_and_its_kind(self):
+    def test_the_example_unit_names_the_command_and_its_type(self):
         unit = (support.PROJECT / "examples/shmnm.service").read_text()
         self.assertIn("\nType=notify\n", unit)
         self.assertIn("/shmnmctl serve\n", unit)
@@ -235,7 +235,7 @@ class ServingOnLinux(ServeTest):
 class ServingOnWindows(ServeTest):
     """What a console sends to all of its programs."""
 
-    def test_ctrl_c_of_its_console_ends_it_in_good_order(self):
+    def test_serve_ends_cleanly_on_ctrl_c_of_its_console(self):
         api = self.region()
         command = support.program("console_interrupt") + support.native_program("shmnmctl") + ["serve", "--clean"]
         # To a file: wine may start a process for the console that keeps the output open for long.

@@ -113,7 +113,7 @@ class OnATerminal(TerminalTest):
             rows[columns] = sum(line.startswith("lan/lanhb1") for line in terminal.lines)
         self.assertEqual(rows, {80: 2, 200: 1})
 
-    def test_a_long_name_is_cut_visibly(self):
+    def test_a_long_name_is_shortened_visibly(self):
         api = self.region()
         api.ok("shmnm_addnode", "n" * 200, 1)
         terminal = Terminal(self, 80, 40, "status", NO_COLOR="1")
@@ -125,7 +125,7 @@ class OnATerminal(TerminalTest):
 class ObeyingEscapes(TerminalTest):
     """What needs a terminal that obeys escape sequences. Wine's console shows them as text, so these run on Linux."""
 
-    def test_colours_are_for_terminals_and_not_for_those_who_want_none(self):
+    def test_colours_are_used_only_on_terminals_and_if_wanted(self):
         self.many_servers()
         terminal = Terminal(self, 80, 60, "status")
         terminal.read_to_end()
@@ -135,7 +135,7 @@ class ObeyingEscapes(TerminalTest):
         self.assertNotIn(b"\x1b", terminal.raw)
         self.assertNotIn("\x1b", self.tool("status").out)
 
-    def test_watch_draws_in_place_marks_what_changed_and_leaves_the_terminal_as_it_was(self):
+    def test_watch_redraws_in_place_marks_changes_and_restores_the_terminal(self):
         api = self.many_servers()
         terminal = Terminal(self, 80, 50, "status", "--watch", "0.05")
         terminal.wait_for(lambda seen: any(line.startswith("cluster") for line in seen.lines))
@@ -151,7 +151,7 @@ class ObeyingEscapes(TerminalTest):
         self.assertEqual(terminal.read_to_end(), 0)
         self.assertTrue(terminal.raw.endswith(b"\x1b[?25h\x1b[?1049l"))
 
-    def test_watch_survives_another_size(self):
+    def test_watch_adapts_to_a_resized_terminal(self):
         self.many_servers()
         terminal = Terminal(self, 200, 50, "status", "--watch", "60")
         terminal.wait_for(lambda seen: any(line.startswith("fst") for line in seen.lines))
@@ -165,7 +165,7 @@ class ObeyingEscapes(TerminalTest):
         os.kill(terminal.process.pid, signal.SIGTERM)
         self.assertEqual(terminal.read_to_end(), 0)
 
-    def test_watch_waits_for_a_region_that_went_away(self):
+    def test_watch_waits_for_a_region_that_has_ended(self):
         api = self.many_servers()
         terminal = Terminal(self, 120, 40, "status", "--watch", "0.05")
         terminal.wait_for(lambda seen: any(line.startswith("cluster") for line in seen.lines))

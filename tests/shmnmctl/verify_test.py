@@ -126,7 +126,7 @@ class Verifying(ToolTest):
         answer = self.tool("verify", "--format", "json")
         self.assertEqual((answer.status, answer.json), (0, {"version": 1, "kind": "verify", "findings": []}))
 
-    def test_each_damage_is_found_and_nothing_else(self):
+    def test_verify_finds_each_damage_and_nothing_else(self):
         dump = self.dumped(self.healthy())
         self.assertEqual(len(dump), SIZE)
         for offset, data, line in DAMAGES:
@@ -135,7 +135,7 @@ class Verifying(ToolTest):
                 self.assertNotEqual(damaged, dump)
                 self.assertEqual(self.verified(damaged), [line])
 
-    def test_findings_come_by_offset_in_text_and_in_json(self):
+    def test_findings_are_sorted_by_offset_in_text_and_in_json(self):
         dump = bytearray(self.dumped(self.healthy()))
         for offset, data, line in reversed(DAMAGES[-7:]):
             dump[offset : offset + len(data)] = data
@@ -145,7 +145,7 @@ class Verifying(ToolTest):
         self.assertEqual(answer.status, 1)
         self.assertEqual(["{offset} {key}: expected {expected}; found {found}".format(**each) for each in answer.json["findings"]], lines)
 
-    def test_a_dump_that_was_cut_or_grew_is_one_finding(self):
+    def test_a_dump_of_the_wrong_size_is_one_finding(self):
         dump = self.dumped(self.healthy())
         for size in (HEADER, HEADER + 1, 5000, SIZE - 1, SIZE + 1, 100000):
             with self.subTest(size):
@@ -154,7 +154,7 @@ class Verifying(ToolTest):
                     [f"8 header/maxima: expected those of a file of {size} bytes; found servers 4, hb 3, np 2, fst 1: 16052 bytes"],
                 )
 
-    def test_behind_wrong_maxima_the_header_and_the_servers_are_still_looked_at(self):
+    def test_verify_still_checks_header_and_servers_if_the_maxima_are_wrong(self):
         dump = bytearray(self.dumped(self.healthy()))
         dump[16:20] = word(9)
         dump[36:40] = word(-1)
@@ -171,14 +171,14 @@ class Verifying(ToolTest):
             ],
         )
 
-    def test_fst_records_that_nobody_uses_stay_zero(self):
+    def test_unused_fst_records_must_be_zero(self):
         self.configure(server=4, hbr=3, npr=2, fstr=2)
         dump = bytearray(self.dumped(self.region()))
         self.assertEqual(self.verified(dump), [])
         dump[FST + RESOURCE] = 0x41
         self.assertEqual(self.verified(dump), ["14628 fst[1]: expected zeros, as in every free slot; found 0x41"])
 
-    def test_names_reach_the_output_escaped(self):
+    def test_names_in_findings_are_escaped(self):
         api = self.region()
         api.ok("shmnm_addnode", b"a\x1b[31m/\xff%", 0)
         dump = bytearray(self.dumped(api))
@@ -201,7 +201,7 @@ class Verifying(ToolTest):
             result.lines, ["0 region/size: expected 19648 bytes (servers 5, hb 3, np 2, fst 1), as configured; found 16384 bytes mapped"]
         )
 
-    def test_a_cleared_region_is_healthy_once_a_process_has_mapped_it_anew(self):
+    def test_a_cleared_region_is_healthy_after_it_was_mapped_again(self):
         api = self.healthy()
         api.ok("shmnm_clear")
         self.assertEqual(
@@ -216,7 +216,7 @@ class Verifying(ToolTest):
         self.api().ok("shmnm_attach")
         self.assert_healthy(api)
 
-    def test_what_the_library_leaves_behind_is_no_finding(self):
+    def test_remains_of_normal_calls_are_not_findings(self):
         api = self.cluster()
         for server in range(3):
             api.ok("shmnm_setrscsvstat_nw", "disk", "diskhb1", server, 7)
@@ -232,7 +232,7 @@ class Verifying(ToolTest):
             api.ok("shmnm_addnprsc", "short", LONG, 0)
         self.assert_healthy(api)
 
-    def test_regions_stay_healthy_whatever_is_called(self):
+    def test_random_calls_leave_regions_healthy(self):
         seed = int(os.environ.get("SHMNM_SEED") or time.time())
         print("seed", seed)
         for counts in ((4, 3, 2, 1), (1, 3, 2, 1), (2, 1, 1, 0)):
@@ -281,7 +281,7 @@ class Verifying(ToolTest):
 
 
 class Documentation(unittest.TestCase):
-    def test_its_examples_are_what_the_command_prints(self):
+    def test_the_documented_examples_match_the_output(self):
         lines = (PROJECT / "docs/verify.md").read_text().splitlines()
         examples = {line.split("`")[-2] for line in lines if line.startswith("|") and "expected" in line}
         self.assertGreater(len(examples), 12)

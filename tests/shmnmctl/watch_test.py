@@ -89,7 +89,7 @@ class WatchTest(ToolTest):
 
 
 class Watching(WatchTest):
-    def test_a_change_is_a_line_with_time_number_key_and_both_values(self):
+    def test_watch_prints_time_number_key_and_both_values_of_a_change(self):
         api = self.cluster()
         watcher = self.watch("servers/alpha", "--from-start")
         first = watcher.lines(9)
@@ -104,7 +104,7 @@ class Watching(WatchTest):
         self.assertRegex(watcher.line(), rf"^{time} {number} servers/alpha/pingstat 0 -> 1$")
         self.assertEqual(watcher.stop(), (0, []))
 
-    def test_every_word_is_shown_from_the_start_if_asked(self):
+    def test_watch_prints_every_word_at_the_start_on_request(self):
         self.cluster()
         expected = self.words()
         watcher = self.watch("--from-start", "--format", "json")
@@ -114,7 +114,7 @@ class Watching(WatchTest):
         self.assertEqual([event["seq"] for event in events], list(range(1, len(expected) + 1)))
         self.assertEqual(watcher.stop(), (0, []))
 
-    def test_only_what_changes_is_shown_if_not(self):
+    def test_watch_prints_only_changes_by_default(self):
         api = self.cluster()
         watcher = self.watch("--format", "json", "--interval", "1")
         # Nothing tells when it has begun; each change is seen, or was there before.
@@ -139,7 +139,7 @@ class Watching(WatchTest):
         last = [event for event in events + validated("\n".join(rest)) if event["kind"] == "change"][-1]
         self.assertEqual(last["new"], number)
 
-    def test_several_changes_of_one_step_come_in_the_order_of_the_picture(self):
+    def test_watch_prints_simultaneous_changes_in_the_order_of_the_picture(self):
         api = self.cluster()
         words = self.words()
         watcher = self.from_start()
@@ -157,7 +157,7 @@ class Watching(WatchTest):
         self.assertEqual(len({event["time"] for event in events}), 1)
         self.assertEqual(watcher.stop(), (0, []))
 
-    def test_keys_that_come_and_go_have_no_value_before_or_after(self):
+    def test_watch_prints_added_and_removed_keys_with_one_value(self):
         api = self.cluster()
         before = self.words()
         watcher = self.from_start()
@@ -177,7 +177,7 @@ class Watching(WatchTest):
         self.assertEqual([self.shown(event) for event in watcher.changes(len(expected))], expected)
         self.assertEqual(watcher.stop()[0], 0)
 
-    def test_only_keys_below_the_prefix_are_shown(self):
+    def test_watch_prints_only_keys_below_the_prefix(self):
         api = self.cluster()
         words = self.words("np/ping")
         watcher = self.from_start("np/ping")
@@ -187,7 +187,7 @@ class Watching(WatchTest):
         self.assertEqual([self.shown(watcher.event()) for _ in expected], expected)
         self.assertEqual(watcher.stop(), (0, []))
 
-    def test_a_region_that_goes_is_announced_and_the_next_one_is_followed(self):
+    def test_watch_announces_the_end_of_a_region_and_follows_the_next_one(self):
         api = self.cluster()
         words = self.words()
         watcher = self.watch("--from-start", "--format", "json", "--interval", "5")
@@ -210,7 +210,7 @@ class Watching(WatchTest):
         self.assertEqual([self.shown(event) for event in watcher.changes(1)], [("cluster/clstat", 0, 8)])
         self.assertEqual(watcher.stop()[0], 0)
 
-    def test_a_lock_that_does_not_come_is_waited_for(self):
+    def test_watch_waits_for_a_lock_that_is_held_for_long(self):
         api = self.cluster()
         api.ok("shmnm_rwlock", 0)
         watcher = self.watch("--from-start", "--lock-timeout", "1", "--interval", "1")
@@ -221,7 +221,7 @@ class Watching(WatchTest):
         self.assertTrue(watcher.line().endswith(" 1 cluster/waitstat - -> 0"))
         self.assertEqual(watcher.stop()[0], 0)
 
-    def test_a_reader_that_goes_away_ends_it(self):
+    def test_watch_ends_when_its_reader_goes_away(self):
         api = self.cluster()
         watcher = self.watch("--from-start", "cluster/clstat")
         watcher.line()
@@ -313,7 +313,7 @@ class WriterTest(WatchTest):
 
 
 class WatchingAWriter(WriterTest):
-    def test_each_last_value_is_reported_in_order_and_every_gap_is_announced(self):
+    def test_watch_reports_last_values_in_order_and_announces_every_gap(self):
         events = self.events_of_a_writer(interval_ms=1)
         self.expect_order_and_gaps(events)
         self.assertGreater(self.expect_whole_steps(events), 3)
@@ -356,10 +356,10 @@ class WatchingWhereTheSystemCounts(WriterTest):
             self.assertEqual({event["time"] for event in events[first:at]}, {last_time})
         self.assertEqual(steps, self.steps)
 
-    def test_every_line_follows_from_the_gaps_when_most_steps_are_missed(self):
+    def test_the_lines_and_gaps_are_consistent_when_most_steps_are_missed(self):
         self.expect_every_line(self.events_of_a_writer(interval_ms=10))
 
-    def test_every_line_follows_from_the_gaps_when_few_steps_are_missed(self):
+    def test_the_lines_and_gaps_are_consistent_when_few_steps_are_missed(self):
         self.steps = 2_000
         self.expect_every_line(self.events_of_a_writer(interval_ms=1, pause_us=500))
 
@@ -371,7 +371,7 @@ class WatchingWhereTheSystemCounts(WriterTest):
             self.assertEqual(self.shown(watcher.event()), ("cluster/clstat", number - 1, number))
         self.assertEqual(self.last(watcher), [])
 
-    def test_steps_between_two_looks_are_a_gap_of_all_but_the_last(self):
+    def test_steps_between_two_looks_form_a_gap_of_all_but_the_last(self):
         watcher = self.from_start_on_request()
         for number in (1, 2, 3):
             self.step(self.holder, ("shmnm_setclstat", number))
@@ -380,7 +380,7 @@ class WatchingWhereTheSystemCounts(WriterTest):
         self.step(self.holder, ("shmnm_setclstat", 4))
         self.assertEqual(self.last(watcher), [("cluster/clstat", 3, 4)])
 
-    def test_what_was_changed_and_changed_back_is_a_gap_before_the_next_change_or_at_the_end(self):
+    def test_a_change_that_was_undone_is_a_gap_before_the_next_change_or_at_the_end(self):
         watcher = self.from_start_on_request()
         # One look alone: a second one might come when the next steps have begun.
         for number in (1, 0, 7):
@@ -391,18 +391,18 @@ class WatchingWhereTheSystemCounts(WriterTest):
             self.step(self.holder, ("shmnm_setclstat", number))
         self.assertEqual(self.last(watcher), [("gap", 3)])
 
-    def test_one_that_has_the_lock_and_changes_nothing_is_no_gap(self):
+    def test_taking_the_lock_without_a_change_is_not_a_gap(self):
         watcher = self.from_start_on_request()
         self.step(self.holder)
         self.assertEqual(self.last(watcher), [])
 
-    def test_changes_without_the_lock_are_a_gap_of_unknown_size(self):
+    def test_changes_made_without_the_lock_form_a_gap_of_unknown_size(self):
         watcher = self.from_start_on_request()
         for number in (1, 2):
             self.holder.ok("shmnm_setclstat", number)
         self.assertEqual(self.last(watcher), [("gap", None), ("cluster/clstat", 0, 2)])
 
-    def test_texts_of_gaps(self):
+    def test_gaps_are_announced_in_plain_words(self):
         watcher = self.watch("cluster/clstat", "--from-start", "--interval", "3600000")
         watcher.line()
         time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d"
@@ -414,7 +414,7 @@ class WatchingWhereTheSystemCounts(WriterTest):
             watcher.line()
         self.assertEqual(watcher.stop(signal.SIGHUP), (0, []))
 
-    def test_a_region_replaced_between_two_looks_is_announced_and_shown_from_nothing(self):
+    def test_watch_announces_a_replaced_region_and_prints_all_its_words(self):
         watcher = self.from_start_on_request()
         self.step(self.holder, ("shmnm_setclstat", 3))
         self.holder.end()
