@@ -61,22 +61,22 @@ DAMAGES = [
     ),
     (PIDS + PID, b"agent".ljust(256, b"\0"), "14952 fst/pids[1]/name: expected a name of its own; found the name of fst/pids[0]"),
     # Text that is not padded
-    (1100, b"A", "1100 servers/alpha/name: expected zeros behind the text; found 0x41"),
-    (1084 + 255, b"\xff", "1339 servers/alpha/name: expected zeros behind the text; found 0xFF"),
-    (HB + 32, b"A", "2396 hb/lan/lanhb1/name: expected zeros behind the text; found 0x41"),
-    (NP + 256 + 31, b"A", "9659 np/ping/pingnp1/type: expected zeros behind the text; found 0x41"),
-    (PIDS + 100, b"A", "14728 fst/pids/agent/name: expected zeros behind the text; found 0x41"),
+    (1100, b"A", "1100 servers/alpha/name: expected zeros after the text; found 0x41"),
+    (1084 + 255, b"\xff", "1339 servers/alpha/name: expected zeros after the text; found 0xFF"),
+    (HB + 32, b"A", "2396 hb/lan/lanhb1/name: expected zeros after the text; found 0x41"),
+    (NP + 256 + 31, b"A", "9659 np/ping/pingnp1/type: expected zeros after the text; found 0x41"),
+    (PIDS + 100, b"A", "14728 fst/pids/agent/name: expected zeros after the text; found 0x41"),
     # Free slots
     (2044, b"A", "2044 servers[3]: expected zeros, as in every free slot; found 0x41"),
     (HB + 2 * RECORD + 599, b"A", "4163 hb[2]: expected zeros, as in every free slot; found 0x41"),
     (PIDS + 2 * PID + 5, b"AAA", "15281 fst/pids[2]: expected zeros, as in every free slot; found 0x41"),
-    (4164, b"A", "4164 hb/rest: expected zeros behind the last slot; found 0x41"),
-    (FST - 1, b"A", "14043 np/rest: expected zeros behind the last slot; found 0x41"),
+    (4164, b"A", "4164 hb/rest: expected zeros after the last slot; found 0x41"),
+    (FST - 1, b"A", "14043 np/rest: expected zeros after the last slot; found 0x41"),
     (FST, b"A", "14044 fst[0]/name: expected zeros, as in every reserved field; found 0x41"),
     (FST + 256, b"A", "14300 fst[0]/type: expected zeros, as in every reserved field; found 0x41"),
     (FST + 544, b"A", "14588 fst[0]/pri: expected zeros, as in every reserved field; found 0x41"),
-    (15972, b"A", "15972 network/rest: expected zeros behind the last row; found 0x41"),
-    (SIZE - 1, b"A", "16051 network/rest: expected zeros behind the last row; found 0x41"),
+    (15972, b"A", "15972 network/rest: expected zeros after the last row; found 0x41"),
+    (SIZE - 1, b"A", "16051 network/rest: expected zeros after the last row; found 0x41"),
     # Reserved fields
     (100, b"A", "100 header/reserved_64: expected zeros, as in every reserved field; found 0x41"),
     (1356, b"A", "1356 servers/alpha/reserved_272: expected zeros, as in every reserved field; found 0x41"),
@@ -183,7 +183,7 @@ class Verifying(ToolTest):
         api.ok("shmnm_addnode", b"a\x1b[31m/\xff%", 0)
         dump = bytearray(self.dumped(api))
         dump[1084 + 100] = 0x1B
-        self.assertEqual(self.verified(dump), ["1184 servers/a%1B%5B31m%2F%FF%25/name: expected zeros behind the text; found 0x1B"])
+        self.assertEqual(self.verified(dump), ["1184 servers/a%1B%5B31m%2F%FF%25/name: expected zeros after the text; found 0x1B"])
 
     def test_the_live_region_is_compared_with_its_layout_and_the_configuration(self):
         api = self.healthy()

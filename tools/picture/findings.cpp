@@ -152,7 +152,7 @@ class Search {
     }
 
     static constexpr const char* free_slot = "zeros, as in every free slot";
-    static constexpr const char* behind_slots = "zeros behind the last slot";
+    static constexpr const char* after_slots = "zeros after the last slot";
 
     /// Finds a byte that is not zero, at most one.
     void zero(uint64_t offset, uint64_t size, std::string key, const char* expected, const Ranges& except = {}) {
@@ -214,7 +214,7 @@ class Search {
             text.bytes = snapshot_.text(at, field.size);
         }
         if (const auto rest = first_not_zero(at + length, end, doubtful)) {
-            wrong(*rest, "zeros behind the text", byte(*rest));
+            wrong(*rest, "zeros after the text", byte(*rest));
         }
         return text;
     }
@@ -287,7 +287,7 @@ class Search {
             free_slots(table, start, step, count, slots, places.shared());
         }
         const uint64_t used = places.at(held);
-        if (used < end) zero(used, end - used, fmt::format("{}/rest", table), behind_slots);
+        if (used < end) zero(used, end - used, fmt::format("{}/rest", table), after_slots);
     }
     void resource(const char* table, uint64_t at, int32_t position, const Ranges& doubtful, Names& names) {
         std::string key = fmt::format("{}[{}]", table, position);
@@ -344,7 +344,7 @@ class Search {
     void network(const Ranges& others) {
         const uint64_t row = word_size * static_cast<uint64_t>(snapshot_.counts.servers);
         const uint64_t used = layout_.network + row * static_cast<uint64_t>(snapshot_.counts.hb);
-        zero(used, layout_.size - used, "network/rest", "zeros behind the last row",
+        zero(used, layout_.size - used, "network/rest", "zeros after the last row",
              intersections({used, layout_.size}, others));
     }
 

@@ -1,5 +1,5 @@
-// What a healthy region never shows, looked for in a copy of a region. docs/verify.md lists it, and what is left behind
-// in good order and therefore is no finding.
+// What a healthy region never shows, looked for in a copy of a region. docs/verify.md lists it, and also what healthy
+// use leaves in the region, which is not a finding.
 #pragma once
 
 #include <cstdint>

@@ -98,7 +98,7 @@ class Watch {
         last_us_ = now_us;
     }
 
-    /// What was not announced yet, since nothing came behind it.
+    /// What was not announced yet, since nothing came after it.
     void end() {
         reporter_.begin(platform::wall_clock_us());
         report_unseen();
