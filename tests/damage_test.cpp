@@ -92,7 +92,7 @@ std::vector<Damage> overlap(std::mt19937_64& random, size_t view_size) {
         }
     }
     all.push_back({header, bytes});
-    all.push_back({8, word((stride - 584) / 4)});
+    all.push_back({8, word(stride / 4 - 146)});
     for (const size_t limit : {size_t{12}, size_t{16}, size_t{24}}) all.push_back({limit, word(INT32_MAX)});
     // Often as many rows of states as lie wholly in the view, else far more.
     const size_t network_stride = stride < 584 ? 584 - stride : 4;
@@ -126,6 +126,7 @@ template <typename Choose>
 void make_all_calls(Harness& harness, const std::vector<Damage>& damage, int repeats, const Choose& choose) {
     for (size_t function = 0; function < model::function_count(); ++function) {
         make_calls(harness, damage, function, repeats, choose);
+        if (testing::Test::HasFatalFailure()) return;
     }
 }
 
@@ -169,7 +170,7 @@ TEST(DamagedRegion, GivesTheModelsAnswersWhereRecordsOverlap) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     const auto byte = [&] { return static_cast<uint8_t>(random()); };
-    for (unsigned round = 0; round < test::share_of(200); ++round) {
+    for (unsigned round = 0; round < test::share_of(80); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         Harness harness(model::counts_of(byte(), byte(), byte(), byte()), true);
         for (int picture = 0; picture < 4; ++picture) {

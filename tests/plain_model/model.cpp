@@ -409,6 +409,8 @@ uint32_t Model::add(const char* function, Table table, const char* type, const c
             if (!inside(word(table, false, count, j), 4)) return fail(rscover, full);
             if (table.network && !inside(word(table, true, count, j), 4)) return fail(rscover, full);
         }
+        // Before anything is written: a row that lies over the header may change its maxima.
+        const int64_t states = word(table, false, count, 0), network = word(table, true, count, 0);
         const int64_t at = resource(table, count);
         put_text(at + 256, 32, type);
         view.at(static_cast<size_t>(at + 256 + 31)) = 0;
@@ -416,10 +418,8 @@ uint32_t Model::add(const char* function, Table table, const char* type, const c
         view.at(static_cast<size_t>(at + 31)) = 0;
         put(at + 544, pri);
         put(table.count_at, static_cast<uint32_t>(count + 1));
-        for (int32_t j = 0; j < servers; ++j) put(word(table, false, count, j), 2);
-        if (table.network) {
-            for (int32_t j = 0; j < servers; ++j) put(word(table, true, count, j), 2);
-        }
+        for (int32_t j = 0; j < servers; ++j) put(states + 4 * int64_t{j}, 2);
+        for (int32_t j = 0; table.network && j < servers; ++j) put(network + 4 * int64_t{j}, 2);
         return ok;
     });
 }
