@@ -170,7 +170,7 @@ TEST(DamagedRegion, GivesTheModelsAnswersWhereRecordsOverlap) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     const auto byte = [&] { return static_cast<uint8_t>(random()); };
-    for (unsigned round = 0; round < test::share_of(80); ++round) {
+    for (unsigned round = 0; round < test::share_of(40); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         Harness harness(model::counts_of(byte(), byte(), byte(), byte()), true);
         for (int picture = 0; picture < 4; ++picture) {
