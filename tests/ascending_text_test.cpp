@@ -57,7 +57,7 @@ std::string random_text(View& view) {
 TEST(AscendingText, IsFoundInEveryFieldThatHoldsIt) {
     std::mt19937_64 random(1);
     size_t found = 0;
-    for (unsigned round = 0; round < test::share_of(1'000); ++round) {
+    for (unsigned round = 0; round < 1'000; ++round) {
         View view(random);
         const std::string text = random_text(view);
         shmnm::AscendingText ascending(view.region, text.c_str());
@@ -69,7 +69,7 @@ TEST(AscendingText, IsFoundInEveryFieldThatHoldsIt) {
             found += holds ? 1 : 0;
         }
     }
-    EXPECT_GT(found, test::share_of(500));
+    EXPECT_GT(found, 500u);
 }
 
 TEST(AscendingText, IsFoundInFieldsSetDuringTheSearch) {

@@ -117,7 +117,7 @@ TEST_P(KernelObjectWithLostGuards, StaysOneObjectForAllLaterProcesses) {
 }
 
 TEST_P(KernelObjectWithLostGuards, StaysAliveInAForkedChildAfterItsParentEnded) {
-    Sign child_is_alone, over;
+    Sign child_is_alone, parent_has_closed, over;
     Forked parent([&] {
         void* const handle = create();
         if (GetParam().file == file_of_mapping) map(handle)[0] = 'd';
@@ -133,10 +133,10 @@ TEST_P(KernelObjectWithLostGuards, StaysAliveInAForkedChildAfterItsParentEnded) 
         }
         child_is_alone.await();
         kzmkernel_close(handle);
-        child_is_alone.give();
+        parent_has_closed.give();
         pause_forever();
     });
-    child_is_alone.await();
+    parent_has_closed.await();
     parent.kill();
     expect_living(create);
     over.give();

@@ -10,6 +10,7 @@ namespace {
 
 void before_fork() {
     lock_tables();
+    note_fork();
 }
 void after_fork_in_parent() {
     unlock_tables();

@@ -369,6 +369,11 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& 
 /// Removes the file of an object that this process has given up, if no other process has it. Where the gate cannot be
 /// had the file stays, as after a kill: the next creator knows that it is dead.
 void remove_file_of(Object& object) {
+    // Views of this process hide from it whether the process that it forked still uses the memory.
+    if (object.was_forked && is_viewed_here(object.device, object.inode)) {
+        object.folder.reset();
+        return;
+    }
     RemovedFiles removed;  // let go of after the gate
     // A descriptor of its own: a forked child may share ours, and with it the gate's lock.
     Gate gate;
@@ -406,7 +411,9 @@ void drop_object(Object* object) noexcept {
     if (--object->handles > 0) return;
     forget_closed_mutexes();
     unlink_from(objects, object);
-    if (object->file.is_there() && is_viewed_here(object->device, object->inode)) mark_as_viewed(object->file.get());
+    if (object->file.is_there() && !object->was_forked && is_viewed_here(object->device, object->inode)) {
+        mark_as_viewed(object->file.get());
+    }
     object->file.reset();
     object->sibling.reset();
     const bool is_mutex = object->kind == Kind::mutex;
@@ -431,6 +438,10 @@ void forget_closed_mutexes() noexcept {
         unmap(object->mapped);
         delete object;
     }
+}
+
+void note_fork() noexcept {
+    for (Object* object = objects; object; object = object->next) object->was_forked = true;
 }
 
 void forget_users_of_mutexes() noexcept {

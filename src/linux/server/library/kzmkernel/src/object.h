@@ -22,6 +22,8 @@
 //
 // To drop the last handle of the process:
 //   D1  If views of it stay, read-lock byte 0 of the file on the description that they are mapped from: the mark.
+//       Not so after a fork: the other process may have its views from the same description, and a handle. The
+//       file stays then, and who creates the object next finds out whether it is in use.
 //       Close the file and the sibling.
 //   D2  Lock the gate; enter the folder anew (E1 to E6) if its descriptor is gone. Where that fails the file
 //       stays, as after a kill. Close the folder, and with it the last of this process's guards.
@@ -68,6 +70,7 @@ struct Object {
     KeptDescriptor sibling, folder;  ///< carry the guards
     KeptDescriptor file;             ///< of a mapping
     MappedMutex* mapped;             ///< of a mutex
+    bool was_forked;                 ///< its open files, and what is mapped from them, are shared with a forked process
     uint32_t handles;
     Object* next;
 };
@@ -82,6 +85,8 @@ uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept;
 void drop_object(Object* object) noexcept;
 /// Gives back the pages of closed mutexes that no thread of this process needs any more.
 void forget_closed_mutexes() noexcept;
+/// Before a fork.
+void note_fork() noexcept;
 /// In the child of a fork, where no other thread is left to keep a mutex's page mapped.
 void forget_users_of_mutexes() noexcept;
 
