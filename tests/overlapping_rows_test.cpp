@@ -89,4 +89,11 @@ TEST(OverlappingRows, AreShiftedUpAsIfOneAfterAnother) {
     expect_same(shmnm::shift_rows_up, shift_each_row_up);
 }
 
+TEST(OverlappingRows, MayLieFartherApartThan32BitsCount) {
+    const WordGrids grids{.count = 1, .rows = {{.first = 1, .distance = int64_t{1} << 33}}};
+    Words words = {1, 2, 3, 4, 5};
+    shmnm::shift_rows_down(words.data(), grids, 1, 3);
+    EXPECT_EQ(words, (Words{1, 3, 4, 5, 5}));
+}
+
 }  // namespace

@@ -745,4 +745,16 @@ TEST_F(TablesOfOneServer, ReachIntoTheFstTableWithTheLastNpResource) {
     EXPECT_EQ(region_bytes(), expected);
 }
 
+TEST_P(ResourceTable, FindsNoTypeThatRunsOnToTheEndOfTheView) {
+    constexpr size_t record_size = 584, type_at = 256;
+    // The maximum of servers puts the second record at the end of the view.
+    const size_t last = view_size() - record_size;
+    poke_word(8, static_cast<uint32_t>((last - twin().table - record_size) / 4));
+    poke_word(twin().count_at, 2);
+    poke(last, {'n', 0});
+    poke(last + type_at, Bytes(record_size - type_at, 't'));
+    uint32_t pri = 0;
+    EXPECT_EQ(twin().priority(std::string(1'000, 't').c_str(), "n", &pri), SHMNM_ERR_NOTFOUND);
+}
+
 }  // namespace

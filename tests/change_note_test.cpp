@@ -1,0 +1,111 @@
+// What later calls do with the note of a change that a killed caller has left open: they keep its name, leave it alone
+// or make its change themselves. The note is opened again here, as the kill would have left it.
+#include <gmock/gmock.h>
+#include <kzmkernel.h>
+#include <kzmutil.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "shmnm.h"
+#include "support/child.h"
+#include "support/temporary_folder.h"
+
+namespace {
+
+constexpr uint32_t closed = 0, open = 1, rmnode = 2, settypehbstat = 18;
+
+class ChangeNote : public testing::Test {
+  protected:
+    ChangeNote() : path_("KZM_INSTALL_PATH", folder_.string().c_str()) {
+        folder_.write("etc/cluster.xml",
+                      "<root><all><num><server>4</server><hbr>2</hbr><npr>2</npr><fstr>1</fstr></num></all></root>");
+        EXPECT_EQ(shmnm_create(), SHMNM_OK);
+        EXPECT_EQ(shmnm_rwlock(0), SHMNM_OK);
+        mutex_ = KzmutilCreateNamedMutex(0, "oru_kzmshmnm_lock");
+        note_ = static_cast<const char*>(kzmkernel_note(mutex_));
+    }
+    ~ChangeNote() override {
+        kzmkernel_close(mutex_);
+        shmnm_rwunlock();
+        shmnm_delete();
+    }
+
+    void SetUp() override {
+        ASSERT_NE(note_, nullptr);
+        ASSERT_EQ(shmnm_addnode("alpha", 1), SHMNM_OK);
+        ASSERT_EQ(shmnm_addnode("beta", 2), SHMNM_OK);
+    }
+    /// As if the process that made the last change had been killed before its end.
+    void leave_open() const { *static_cast<uint32_t*>(kzmkernel_note(mutex_)) = open; }
+    uint32_t word(size_t at) const {
+        uint32_t value = 0;
+        std::memcpy(&value, note_ + at, sizeof value);
+        return value;
+    }
+    uint32_t state() const { return word(0); }
+    uint32_t superseded_state() const { return word(664); }
+
+    test::TemporaryFolder folder_;
+    test::ScopedEnvironment path_;
+    void* mutex_ = nullptr;
+    const char* note_ = nullptr;
+};
+
+TEST_F(ChangeNote, KeepsTheNameOfTheFirstChangeThatLaterOnesSupersede) {
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    EXPECT_EQ(superseded_state(), closed);
+    leave_open();
+    ASSERT_EQ(shmnm_addnode("gamma", 3), SHMNM_OK);
+    EXPECT_EQ(state(), closed);
+    const auto expect_alpha_superseded = [&] {
+        EXPECT_EQ(superseded_state(), open);
+        EXPECT_EQ(word(668), rmnode);
+        EXPECT_EQ(word(672), static_cast<uint32_t>(getpid()));
+        EXPECT_EQ(word(688), static_cast<uint32_t>(getpid())) << "superseded by";
+        EXPECT_STREQ(note_ + 728, "alpha");
+    };
+    expect_alpha_superseded();
+    leave_open();
+    ASSERT_EQ(shmnm_rmnode("gamma"), SHMNM_OK);
+    expect_alpha_superseded();
+    ASSERT_EQ(shmnm_clear(), SHMNM_OK);
+    EXPECT_EQ(superseded_state(), closed) << "nothing that it names is there any more";
+}
+
+TEST_F(ChangeNote, OfATableIsLeftAloneByCallsThatSetValues) {
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    leave_open();
+    ASSERT_EQ(shmnm_settypehbstat("lan", 1), SHMNM_OK);
+    EXPECT_EQ(state(), open);
+    EXPECT_EQ(word(4), rmnode);
+    EXPECT_EQ(superseded_state(), closed);
+}
+
+TEST_F(ChangeNote, OfStatesIsClosedByTheSameCallMadeAgain) {
+    const uint32_t failed[] = {0, 1, 0};
+    ASSERT_EQ(shmnm_setnpsimu(1, failed, 3), SHMNM_OK);
+    leave_open();
+    ASSERT_EQ(shmnm_setnpsimu(0, nullptr, 0), SHMNM_OK);
+    EXPECT_EQ(state(), closed);
+    EXPECT_EQ(superseded_state(), closed);
+
+    ASSERT_EQ(shmnm_settypehbstat("lan", 1), SHMNM_OK);
+    leave_open();
+    ASSERT_EQ(shmnm_settypehbstat("lan", 2), SHMNM_OK);
+    EXPECT_EQ(superseded_state(), closed);
+    leave_open();
+    ASSERT_EQ(shmnm_settypehbstat("disk", 2), SHMNM_OK);
+    EXPECT_EQ(superseded_state(), open);
+    EXPECT_EQ(word(668), settypehbstat);
+    EXPECT_STREQ(note_ + 696, "lan");
+}
+
+TEST_F(ChangeNote, OfAFormatThatThisBuildDoesNotKnowIsLeftAlone) {
+    *static_cast<uint32_t*>(kzmkernel_note(mutex_)) = 7;
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    EXPECT_EQ(state(), 7u);
+    *static_cast<uint32_t*>(kzmkernel_note(mutex_)) = closed;
+}
+
+}  // namespace
