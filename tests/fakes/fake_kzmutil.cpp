@@ -10,9 +10,11 @@ namespace {
 
 const fakes::KzmutilRoutes* routes = nullptr;
 
+/// A test program loads the library before it has a namespace. The lock of this fake must not be in the way of another
+/// program's real one then: on Windows it has no owner, so it would be refused.
 std::string full_name(const char* name) {
     const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
-    return (prefix ? prefix : "") + std::string(name);
+    return (prefix ? prefix : "fake-") + std::string(name);
 }
 
 }  // namespace
