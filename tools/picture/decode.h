@@ -1,6 +1,6 @@
-// The picture of the cluster, decoded from a copy of the region: the one decoder behind every output. It finds what the
-// library's functions would answer from the same bytes; where the bytes contradict themselves it shows no more than
-// they hold.
+// The picture of the cluster, decoded from a copy of the region. Every output is made from it. It shows what the
+// library's functions would answer from the same bytes; if the bytes contradict each other, it shows only what they
+// hold.
 #pragma once
 
 #include <array>
@@ -17,14 +17,14 @@ namespace picture {
 struct Server {
     std::string name;
     shmnm_server record;
-    std::optional<uint32_t> combstat;  ///< none: the states have no combined one
+    std::optional<uint32_t> combstat;  ///< none if the states have no combined state
     uint64_t offset = 0;               ///< of the record
 
     bool is_alive() const { return record.nodestat == 1; }
     bool is_simulated() const { return record.dfailstatus != 0; }
 };
 
-/// The states of a resource on each server, by server position; fewer where the bytes end.
+/// The states of a resource on each server, by server position; fewer if the copy ends before the last state.
 struct Row {
     std::vector<uint32_t> states;
     uint64_t offset = 0;  ///< of the first
@@ -35,7 +35,7 @@ struct Resource {
     shmnm_resource record;
     std::string descript;  ///< 256 bytes without the zeros at their end
     Row svstat;
-    Row network;          ///< of an hb resource alone
+    Row network;          ///< only of an hb resource
     uint64_t offset = 0;  ///< of the record
 };
 
@@ -57,14 +57,14 @@ struct Picture {
     Layout layout;
     std::vector<Server> servers;
     std::vector<Resource> hb, np;
-    std::optional<Fst> fst;  ///< none: the region was laid out without
+    std::optional<Fst> fst;  ///< none if the region was laid out without an fst record
     std::vector<FstPid> fst_pids;
 
     bool is_any_alive() const;
     bool is_simulated() const { return header.dfailstatus != 0; }
 };
 
-/// Counts that the copy contradicts are followed for some hundred records, so that every copy is decoded soon.
+/// Of a table whose count contradicts the copy, decodes at most a few hundred records, so that it ends soon.
 Picture decode(const Snapshot& snapshot);
 
 /// The combined state, by the table of shmnm_getnodecombstat().

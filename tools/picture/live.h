@@ -1,4 +1,4 @@
-// The live region: copies of it that change nothing, and a way to change it through the library.
+// The live region: copies of it, which leave it as it is, and changes to it through the library.
 #pragma once
 
 #include <functional>
@@ -14,22 +14,22 @@ namespace picture {
 /// How the live region is reached.
 struct Access {
     uint32_t lock_timeout_ms = 5'000;
-    std::function<void(const std::string&)> tell;  ///< is told what is opened; may be empty
+    std::function<void(const std::string&)> tell;  ///< receives the name of each object that is opened; may be empty
 };
 
 inline constexpr const char* mapping_name = "oru_kzmshmnm_map";
 inline constexpr const char* mutex_name = "oru_kzmshmnm_lock";
 
-/// A name as the kernel knows it: with the namespace of the installation before it, escaped for a message.
+/// A name as the kernel knows it, with the prefix of the installation's namespace; escaped for a message.
 std::string full_name(const char* name);
 
-/// Who holds the lock and how often it was taken over, in one line; "" where nothing is known.
+/// The lock's holder and how often it was taken over, in one line; "" if the system does not tell.
 std::string describe_holder(void* mutex);
 
-/// The live region's number; 0: there is none, or it has no number.
+/// The live region's number; 0 if there is no region or the system has no numbers.
 uint64_t live_object();
 
-/// The four counts of this machine's configuration, as the library would read them; nothing when there is none.
+/// The four counts of this machine's configuration, as the library would read them; nothing without a configuration.
 std::optional<Counts> configured_counts();
 
 class LiveRegion {
@@ -39,26 +39,26 @@ class LiveRegion {
     LiveRegion(const LiveRegion&) = delete;
     LiveRegion& operator=(const LiveRegion&) = delete;
 
-    /// Copies the region under the lock, which is held for the copy alone. Between two copies nothing keeps the region
-    /// alive: when its last holder leaves it ends, and a later copy may be one of another region.
-    /// @param[in] lock_timeout_ms  at most so long is waited for the lock, where that is shorter than usual
-    /// @return nothing: there is no region
-    /// @throws Error  the region is refused or the lock does not come
+    /// Copies the region under the lock, which is held only for the copy. Between two copies nothing keeps the region
+    /// alive: it ends with its last holder, and a later copy may show another region.
+    /// @param[in] lock_timeout_ms  the longest wait for the lock, if shorter than the usual time-out
+    /// @return nothing if there is no region
+    /// @throws Error  the region is refused, or waiting for the lock timed out
     std::optional<Snapshot> try_copy(uint32_t lock_timeout_ms = UINT32_MAX);
-    /// @throws Error  also when there is no region
+    /// @throws Error  the same, or there is no region
     Snapshot copy();
 
     /// Needs no lock. @throws Error  there is no region
     void expect();
-    /// For what needs the lock alone. @throws Error  there is no region for this user, but one for another
+    /// For commands that need only the lock. @throws Error  another user has a region and this user has none
     void expect_own();
 
     /// As copy(), for a caller that holds the lock.
     Snapshot copy_locked();
 
-    /// Takes the lock, to write. @throws Error  it does not come in time; the line says who holds it
+    /// Takes the lock, to write. @throws Error  timed out; the message names the holder
     void lock();
-    /// Takes the lock if that needs no waiting. @return whether it was taken
+    /// Takes the lock if it is free. @return whether it was taken
     bool try_lock();
     void unlock();
 
@@ -78,7 +78,7 @@ class LiveRegion {
     bool told_ = false;
 };
 
-/// The live region mapped to be written to by other means than the library's calls, as long as this lives.
+/// The live region, mapped for writes other than the library's calls. It is unmapped at the end of this object's life.
 class WritableRegion {
   public:
     /// @throws Error  there is no region, or it is refused
@@ -96,10 +96,10 @@ class WritableRegion {
     uint8_t* base_;
 };
 
-/// The lock, taken to write. It is given back with this.
+/// The lock, taken to write and released at the end of this object's life.
 class Locked {
   public:
-    /// @throws Error  it does not come in time
+    /// @throws Error  timed out
     explicit Locked(LiveRegion& region) : region_(region) { region_.lock(); }
     ~Locked() { region_.unlock(); }
     Locked(const Locked&) = delete;
@@ -109,17 +109,17 @@ class Locked {
     LiveRegion& region_;
 };
 
-/// A change of the region: the lock held, the region attached to. Both end with it.
+/// A change of the region. For its lifetime this process holds the lock and is attached to the region.
 class Change {
   public:
-    /// @param[in] force  also when the region was laid out by counts other than this machine's configuration has
+    /// @param[in] force  even if the counts that the region was laid out by differ from this machine's configuration
     /// @throws Error  there is no region, it differs from the configuration, or the library refuses
     Change(LiveRegion& region, bool force);
     ~Change();
     Change(const Change&) = delete;
     Change& operator=(const Change&) = delete;
 
-    /// The region as it was when the lock came.
+    /// The region as it was when the lock was taken.
     const Snapshot& before() const { return before_; }
 
   private:

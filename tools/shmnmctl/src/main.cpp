@@ -1,4 +1,4 @@
-// shmnmctl: what operators and engineers use to see, script, wait on and check the picture of the cluster.
+// shmnmctl: shows, changes and checks the picture of the cluster, and waits for changes of it.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -29,7 +29,7 @@ int run(const Context& context) {
     }
 }
 
-/// Whether the command line asks for JSON, also where it is wrong otherwise.
+/// Whether the command line asks for JSON, even if it is otherwise wrong.
 bool asks_for_json(int count, char** arguments) {
     for (int i = 1; i < count; ++i) {
         const std::string argument = arguments[i];
@@ -40,8 +40,8 @@ bool asks_for_json(int count, char** arguments) {
     return false;
 }
 
-/// The arguments, the last one first, as the parser wants them. A negative number is no option: a blank before it says
-/// so, and numbers may have one.
+/// The arguments in reverse order, as the parser expects them. A blank before a negative number keeps the parser from
+/// taking it for an option; numbers may begin with a blank.
 std::vector<std::string> arguments_of(int count, char** arguments) {
     std::vector<std::string> all(arguments + 1, arguments + count);
     for (std::string& argument : all) {

@@ -72,7 +72,7 @@ class Reporter {
     uint64_t sequence_ = 0;
 };
 
-/// What was known at the last copy, and what may have happened since then without being seen.
+/// What the last copy showed, and how many changes since then may have gone unseen.
 class Watch {
   public:
     Watch(const Context& context, const WatchOptions& options)
@@ -98,7 +98,7 @@ class Watch {
         last_us_ = now_us;
     }
 
-    /// What was not announced yet, since nothing came after it.
+    /// Reports unseen steps that no later change has caused to be reported.
     void end() {
         reporter_.begin(platform::wall_clock_us());
         report_unseen();
@@ -126,17 +126,17 @@ class Watch {
             found = changes(words_, now, options_.prefix);
             words_ = std::move(now);
         }
-        // Of several steps one is seen, the one to what is there now, if that is another picture. Else they may have
-        // come back to the same.
+        // If the picture differs, the last of several steps is seen. If it is the same, the steps may have changed it
+        // and changed it back: none of them is seen.
         if (steps && *steps > 1) add_unseen(*steps - (found.empty() ? 0 : 1));
         if (found.empty()) return;
         report_unseen();
-        // Where steps are not counted, nobody knows; and where none was counted, somebody writes without the lock.
+        // Without a count of steps, some may be missing. A change without a counted step was made without the lock.
         if (!steps || *steps == 0) reporter_.gap(std::nullopt, last_us_);
         report(found);
     }
 
-    /// How often others had the lock since the last copy: each time may have been a step.
+    /// How often other processes took the lock since the last copy: each time may have been a step.
     std::optional<uint64_t> steps_to(const Snapshot& snapshot) const {
         if (!snapshot.lock_takes || !last_->lock_takes) return std::nullopt;
         return *snapshot.lock_takes - *last_->lock_takes - 1;
@@ -159,13 +159,13 @@ class Watch {
     std::optional<Snapshot> last_;
     std::vector<Word> words_;
     uint64_t last_us_ = 0;
-    uint64_t unseen_ = 0, unseen_since_us_ = 0;  ///< steps, to be announced before the next change
-    bool is_there_ = true;                       ///< the region was there when the watch began
+    uint64_t unseen_ = 0, unseen_since_us_ = 0;  ///< steps to report before the next change
+    bool is_there_ = true;                       ///< the watch begins only if there is a region
     bool from_nothing_;                          ///< the first copy's words are all new
 };
 
 Exit watch(const Context& context, const WatchOptions& options) {
-    // A stop that is asked for while the lock does not come takes no longer than this.
+    // While the watch waits for the lock it does not notice a stop, so it never waits longer than this.
     constexpr uint32_t longest_lock_ms = 1'000;
     session::catch_stop();
     LiveRegion region(context.access);
@@ -175,10 +175,10 @@ Exit watch(const Context& context, const WatchOptions& options) {
         try {
             watch.see(region.try_copy(longest_lock_ms));
         } catch (const Error& error) {
-            // The next copy shows what it can, and says what was missed.
+            // The next copy shows what it can and reports how much was missed.
             if (error.kind != ErrorKind::lock_timeout) throw;
         }
-        // One last look shows what had happened when the stop was asked for.
+        // After a stop, one last copy shows what happened before it.
         if (stopped) break;
         stopped = session::stopped_within(options.interval_ms);
     }
