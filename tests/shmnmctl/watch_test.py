@@ -37,7 +37,7 @@ class Watcher:
         return [self.event() for _ in range(count)]
 
     def changes(self, count):
-        """The next changes, where other commands look at the region too: each has the lock for a moment, which may be a gap."""
+        """The next changes, without the gaps between them."""
         found = []
         while len(found) < count:
             event = self.event()
@@ -394,6 +394,26 @@ class WatchingWhereTheSystemCounts(WriterTest):
     def test_taking_the_lock_without_a_change_is_not_a_gap(self):
         watcher = self.from_start_on_request()
         self.step(self.holder)
+        self.assertEqual(self.last(watcher), [])
+
+    def test_looks_of_other_commands_are_not_steps(self):
+        watcher, other = self.from_start_on_request(), self.from_start_on_request()
+        for _ in range(3):
+            for command in (["status"], ["list"], ["get", "cluster/clstat"], ["query", "cluster/clstat=0"], ["verify"], ["dump", "-"]):
+                self.assertEqual(self.tool(*command).status, 0)
+        for number in (1, 2):
+            self.step(self.holder, ("shmnm_setclstat", number))
+            self.look(other)
+            self.assertEqual(self.shown(other.event()), ("cluster/clstat", number - 1, number))
+            self.look(watcher)
+            self.assertEqual(self.shown(watcher.event()), ("cluster/clstat", number - 1, number))
+        self.assertEqual((self.last(watcher), self.last(other)), ([], []))
+
+    def test_two_watchers_announce_no_gaps_to_each_other(self):
+        watcher, other = self.from_start_on_request(), self.watch("--interval", "1", "--from-start", "cluster")
+        other.line()
+        # Meanwhile the other watcher looks again and again.
+        self.assertEqual(self.tool("wait", "cluster/clstat=1", "--timeout", "200ms").status, 4)
         self.assertEqual(self.last(watcher), [])
 
     def test_changes_made_without_the_lock_form_a_gap_of_unknown_size(self):

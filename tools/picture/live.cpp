@@ -234,7 +234,8 @@ std::optional<Snapshot> LiveRegion::try_copy(uint32_t lock_timeout_ms) {
     if (calls.shmnm_rolock(timeout_ms) != SHMNM_OK) throw_no_lock(timeout_ms);
     const uint64_t taken_us = platform::steady_clock_us();
     view->copy_to(snapshot.bytes);
-    if (const auto holder = platform::lock_holder(lock)) snapshot.lock_takes = holder->takes;
+    // This take is counted already, and is not yet counted as a look.
+    if (const auto holder = platform::lock_holder(lock)) snapshot.steps = holder->takes - holder->looks - 1;
     snapshot.note = platform::note(lock);
     platform::count_look(lock);
     calls.shmnm_rounlock();

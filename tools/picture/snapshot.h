@@ -18,10 +18,12 @@ struct Snapshot {
     std::optional<Counts> configured;  ///< this machine's configuration, for the live region
     uint64_t mapped = 0;               ///< bytes of the mapping, in whole pages, or of the file
     bool live = false;
-    std::optional<uint64_t> lock_takes;  ///< how often the lock had been taken, with this time; where that is counted
-    uint64_t lock_held_us = 0;           ///< for how long the copy held the lock; microseconds
-    uint64_t object = 0;                 ///< another region has another number; 0 where that is not known
-    std::optional<shmnm::Note> note;     ///< of the live region's lock, where there is one
+    /// How many steps ended before this copy: takes of the lock that did more than look. Nothing where they are not
+    /// counted.
+    std::optional<uint64_t> steps;
+    uint64_t lock_held_us = 0;        ///< for how long the copy held the lock; microseconds
+    uint64_t object = 0;              ///< another region has another number; 0 where that is not known
+    std::optional<shmnm::Note> note;  ///< of the live region's lock, where there is one
 
     bool holds(uint64_t offset, uint64_t size) const { return offset <= bytes.size() && size <= bytes.size() - offset; }
     /// The word at a place that the copy holds.

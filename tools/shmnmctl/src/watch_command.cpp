@@ -136,10 +136,9 @@ class Watch {
         report(found);
     }
 
-    /// How often other processes took the lock since the last copy: each time may have been a step.
     std::optional<uint64_t> steps_to(const Snapshot& snapshot) const {
-        if (!snapshot.lock_takes || !last_->lock_takes) return std::nullopt;
-        return *snapshot.lock_takes - *last_->lock_takes - 1;
+        if (!snapshot.steps || !last_->steps) return std::nullopt;
+        return *snapshot.steps - *last_->steps;
     }
 
     void add_unseen(uint64_t steps) {
