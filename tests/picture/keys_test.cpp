@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "picture/decode.h"
 #include "picture/library_region.h"
 
 namespace picture {

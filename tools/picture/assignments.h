@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "picture/decode.h"
 #include "picture/keys.h"
+#include "picture/picture.h"
 
 namespace picture {
 

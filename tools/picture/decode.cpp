@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "picture/words.h"
+
 namespace picture {
 namespace {
 
@@ -53,8 +55,8 @@ Server server_at(const Snapshot& snapshot, const shmnm_header& header, uint64_t 
             .offset = at};
 }
 
-std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture, uint64_t table, int32_t count,
-                                int32_t room, bool has_network_rows) {
+std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture, const ResourceKind& kind) {
+    const uint64_t table = picture.layout.*kind.table;
     const int64_t stride = picture.header.max_servers;
     const int64_t step = static_cast<int64_t>(sizeof(shmnm_resource)) + stride * static_cast<int64_t>(sizeof(uint32_t));
     // A row has as many words as the header allows servers; there may be more servers in a damaged region.
@@ -62,7 +64,8 @@ std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture
     // A table has a reserve of 584 bytes for each of its pairs.
     const uint64_t pairs = std::max<uint64_t>(snapshot.bytes.size() / sizeof(shmnm_resource), most_pairs);
     const uint64_t rows = picture.servers.empty() ? INT32_MAX : pairs / picture.servers.size();
-    count = followed(count, snapshot, picture.layout, room);
+    const int32_t count =
+        followed(picture.header.*kind.in_use->count, snapshot, picture.layout, snapshot.counts.*kind.count);
     const auto most = static_cast<int32_t>(std::min<uint64_t>(rows, INT32_MAX));
     const int32_t all = std::min(visible(snapshot, table, step, sizeof(shmnm_resource), count), most);
     std::vector<Resource> found;
@@ -77,7 +80,7 @@ std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture
                           .network = {},
                           .offset = at};
         resource.descript = description(resource.record);
-        if (has_network_rows) {
+        if (kind.set_network_state) {
             const uint64_t row =
                 picture.layout.network + sizeof(uint32_t) * static_cast<uint64_t>(stride) * static_cast<uint64_t>(i);
             resource.network = {.states = states(snapshot, row, columns), .offset = row};
@@ -116,10 +119,6 @@ std::optional<uint32_t> combined_state(uint32_t nodestat, uint32_t waitstat, uin
     return unknown;
 }
 
-bool Picture::is_any_alive() const {
-    return std::any_of(servers.begin(), servers.end(), [](const Server& server) { return server.is_alive(); });
-}
-
 Picture decode(const Snapshot& snapshot) {
     Picture picture{
         .header = {}, .layout = Layout(snapshot.counts), .servers = {}, .hb = {}, .np = {}, .fst = {}, .fst_pids = {}};
@@ -134,8 +133,9 @@ Picture decode(const Snapshot& snapshot) {
         picture.servers.push_back(
             server_at(snapshot, header, layout.servers + sizeof(shmnm_server) * static_cast<uint64_t>(i)));
     }
-    picture.hb = resources(snapshot, picture, layout.hb, header.hb_count, room.hb, true);
-    picture.np = resources(snapshot, picture, layout.np, header.np_count, room.np, false);
+    for (const ResourceKind& kind : resource_kinds) {
+        picture.*kind.resources = resources(snapshot, picture, kind);
+    }
     if (snapshot.counts.fst > 0 && snapshot.holds(layout.fst, sizeof(shmnm_resource))) {
         const auto record = record_at<shmnm_resource>(snapshot, layout.fst);
         picture.fst = Fst{.record = record, .descript = description(record), .offset = layout.fst};

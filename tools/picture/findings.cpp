@@ -70,8 +70,7 @@ class Search {
         servers();
         if (placed_) {
             const Owners owners(snapshot_.counts);
-            resources("hb", layout_.hb, layout_.np, header_.hb_count, snapshot_.counts.hb, owners.beside_hb);
-            resources("np", layout_.np, layout_.fst, header_.np_count, snapshot_.counts.np, owners.beside_np);
+            for (const ResourceKind& kind : resource_kinds) resources(kind, owners.beside(kind));
             fst(owners.resources);
             fst_pids(owners.resources);
             network(owners.resources);
@@ -125,30 +124,26 @@ class Search {
         }
     }
 
-    static int64_t pid_limit(const Counts& counts) { return int64_t{counts.servers} * counts.fst; }
-
     void header() {
         const Counts &laid_out = snapshot_.counts, &named = header_counts_;
-        // While a maximum is in doubt its consequences are not told as well.
-        const int64_t limit = pid_limit(laid_out);
-        if (fits_ && header_.fst_pid_limit != limit && header_.fst_pid_limit != pid_limit(named)) {
+        // A limit that agrees with a wrong maximum is not a finding of its own.
+        const int64_t limit = pids_in_use.slots(laid_out);
+        if (fits_ && header_.fst_pid_limit != limit && header_.fst_pid_limit != pids_in_use.slots(named)) {
             add(offsetof(shmnm_header, fst_pid_limit), "header/fst_pid_limit",
                 fmt::format("{}, the servers times the fst resources", limit),
                 fmt::format("{}", header_.fst_pid_limit));
         }
-        in_use("server_count", offsetof(shmnm_header, server_count), header_.server_count,
-               std::max(laid_out.servers, named.servers));
-        in_use("hb_count", offsetof(shmnm_header, hb_count), header_.hb_count, std::max(laid_out.hb, named.hb));
-        in_use("np_count", offsetof(shmnm_header, np_count), header_.np_count, std::max(laid_out.np, named.np));
-        in_use("fst_pid_count", offsetof(shmnm_header, fst_pid_count), header_.fst_pid_count,
-               std::max(limit, pid_limit(named)));
+        for (const TableCount* const table : table_counts) {
+            in_use(*table, std::max(table->slots(laid_out), table->slots(named)));
+        }
         reserved_fields(0, header_reserved, "header");
     }
 
-    void in_use(const char* name, uint64_t offset, int32_t count, int64_t maximum) {
+    void in_use(const TableCount& table, int64_t maximum) {
+        const int32_t count = header_.*table.count;
         if (count >= 0 && (count <= maximum || !fits_)) return;
-        add(offset, fmt::format("header/{}", name), fits_ ? fmt::format("0 to {}", maximum) : std::string("0 or more"),
-            fmt::format("{}", count));
+        add(HeaderSource(table.count).offset(), fmt::format("header/{}", table.key),
+            fits_ ? fmt::format("0 to {}", maximum) : std::string("0 or more"), fmt::format("{}", count));
     }
 
     static constexpr const char* free_slot = "zeros, as in every free slot";
@@ -272,8 +267,10 @@ class Search {
         }
     }
 
-    void resources(const char* table, uint64_t start, uint64_t end, int32_t count, int32_t slots,
-                   const Ranges& others) {
+    void resources(const ResourceKind& kind, const Ranges& others) {
+        const char* const table = kind.key;
+        const uint64_t start = layout_.*kind.table, end = layout_.*kind.end;
+        const int32_t count = header_.*kind.in_use->count, slots = snapshot_.counts.*kind.count;
         const uint64_t step = resource_step(snapshot_.counts);
         const int32_t held = slots_held(start, step, slots);
         const Slots places(start, step, static_cast<uint64_t>(held), others);
@@ -317,7 +314,7 @@ class Search {
 
     void fst_pids(const Ranges& others) {
         const int32_t count = header_.fst_pid_count;
-        const int64_t slots = pid_limit(snapshot_.counts);
+        const int64_t slots = pids_in_use.slots(snapshot_.counts);
         if (count < 0 || count > slots) return;
         const Ranges shared = intersections({layout_.fst_pids, layout_.network}, others);
         Names names;

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "picture/escape.h"
+#include "picture/words.h"
 
 namespace picture {
 namespace {
@@ -19,65 +20,55 @@ std::string text(const char (&field)[size]) {
     return escaped(whole.substr(0, whole.find('\0')));
 }
 
+/// What a noted call did. {0}: the name; {1}: the type; {2}: the position; {3}: the kind of resource
 struct Wording {
-    const char* call;
-    const char* change;  ///< {0}: the name; {1}: the type; {2}: the position
+    NotedFunction function;
+    const char* change;
+};
+/// The same for a call that each kind of resource has.
+struct KindWording {
+    NotedFunction ResourceKind::*function;
+    const char* change;
 };
 
-Wording wording(NotedCall call) {
-    switch (call) {
-        case NotedCall::addnode:
-            return {"shmnm_addnode", "added server {0}"};
-        case NotedCall::rmnode:
-            return {"shmnm_rmnode", "removed server {0}"};
-        case NotedCall::addhbrsc:
-            return {"shmnm_addhbrsc", "added hb resource {1}/{0}"};
-        case NotedCall::addnprsc:
-            return {"shmnm_addnprsc", "added np resource {1}/{0}"};
-        case NotedCall::rmhbrsc:
-            return {"shmnm_rmhbrsc", "removed hb resource {1}/{0}"};
-        case NotedCall::rmnprsc:
-            return {"shmnm_rmnprsc", "removed np resource {1}/{0}"};
-        case NotedCall::addhbrscsvstat:
-            return {"shmnm_addhbrscsvstat", "opened column {2} of the hb resources"};
-        case NotedCall::addnprscsvstat:
-            return {"shmnm_addnprscsvstat", "opened column {2} of the np resources"};
-        case NotedCall::rmhbrscsvstat:
-            return {"shmnm_rmhbrscsvstat", "closed column {2} of the hb resources"};
-        case NotedCall::rmnprscsvstat:
-            return {"shmnm_rmnprscsvstat", "closed column {2} of the np resources"};
-        case NotedCall::addfstpid:
-            return {"shmnm_setfstrscpid", "added the process ids of {0}"};
-        case NotedCall::setfstpid:
-            return {"shmnm_setfstrscpid", "set a process id of {0}"};
-        case NotedCall::setmaxvalue:
-            return {"shmnm_setmaxvalue_ex", "set the maxima"};
-        case NotedCall::clear:
-            return {"shmnm_clear", "cleared the region"};
-        case NotedCall::sethbdescript:
-            return {"shmnm_sethbdescript", "set the description of hb resource {1}/{0}"};
-        case NotedCall::setnpdescript:
-            return {"shmnm_setnpdescript", "set the description of np resource {1}/{0}"};
-        case NotedCall::setfstdescript:
-            return {"shmnm_setfstdescript", "set the description of the fst resource"};
-        case NotedCall::settypehbstat:
-            return {"shmnm_settypehbstat", "set the states of all hb resources of type {1}"};
-        case NotedCall::settypenpstat:
-            return {"shmnm_settypenpstat", "set the states of all np resources of type {1}"};
-        case NotedCall::setnpsimu:
-            return {"shmnm_setnpsimu", "set the simulation of a network partition"};
-        case NotedCall::none:
-            break;
-    }
-    return {"unknown", "made a change that this version does not know"};
-}
+// clang-format off
+constexpr KindWording kind_wordings[] = {
+    {&ResourceKind::noted_add,          "added {3} resource {1}/{0}"},
+    {&ResourceKind::noted_remove,       "removed {3} resource {1}/{0}"},
+    {&ResourceKind::noted_open_column,  "opened column {2} of the {3} resources"},
+    {&ResourceKind::noted_close_column, "closed column {2} of the {3} resources"},
+    {&ResourceKind::noted_describe,     "set the description of {3} resource {1}/{0}"},
+    {&ResourceKind::noted_set_states,   "set the states of all {3} resources of type {1}"},
+};
+constexpr Wording wordings[] = {
+    {{NotedCall::addnode,        "shmnm_addnode"},        "added server {0}"},
+    {{NotedCall::rmnode,         "shmnm_rmnode"},         "removed server {0}"},
+    {{NotedCall::addfstpid,      "shmnm_setfstrscpid"},   "added the process ids of {0}"},
+    {{NotedCall::setfstpid,      "shmnm_setfstrscpid"},   "set a process id of {0}"},
+    {{NotedCall::setmaxvalue,    "shmnm_setmaxvalue_ex"}, "set the maxima"},
+    {{NotedCall::clear,          "shmnm_clear"},          "cleared the region"},
+    {{NotedCall::setfstdescript, "shmnm_setfstdescript"}, "set the description of the fst resource"},
+    {{NotedCall::setnpsimu,      "shmnm_setnpsimu"},      "set the simulation of a network partition"},
+};
+// clang-format on
 
 template <typename Kept>
 Interrupted interrupted(const Kept& kept, int32_t position) {
-    const Wording words = wording(kept.call);
-    return {.process = kept.process,
-            .call = words.call,
-            .change = fmt::format(fmt::runtime(words.change), text(kept.name), text(kept.type), position)};
+    const auto told = [&](const char* function, const char* change, const char* kind) -> Interrupted {
+        return {.process = kept.process,
+                .call = function,
+                .change = fmt::format(fmt::runtime(change), text(kept.name), text(kept.type), position, kind)};
+    };
+    for (const Wording& wording : wordings) {
+        if (wording.function.call == kept.call) return told(wording.function.name, wording.change, "");
+    }
+    for (const ResourceKind& kind : resource_kinds) {
+        for (const KindWording& wording : kind_wordings) {
+            const NotedFunction& function = kind.*wording.function;
+            if (function.call == kept.call) return told(function.name, wording.change, kind.key);
+        }
+    }
+    return told("unknown", "made a change that this version does not know", "");
 }
 
 }  // namespace
@@ -102,7 +93,7 @@ std::vector<Interrupted> interrupted_changes_unlocked(void* mutex, uint64_t obje
     const auto note = platform::note(mutex), again = platform::note(mutex);
     const auto holder = platform::lock_holder(mutex);
     if (!note || !again || !holder) return {};
-    // One that is being written is of a caller that lives.
+    // A note that changes meanwhile is being written by a living caller.
     Note first = *note, second = *again;
     first.progress = second.progress = 0;
     if (std::memcmp(&first, &second, sizeof first) != 0) return {};

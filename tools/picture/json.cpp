@@ -46,13 +46,8 @@ Json region(const Snapshot& snapshot, const Picture& picture) {
     for (const ClusterWord& word : cluster_words) {
         if (word.count) one.add(word.key, picture.header.*word.source.number());
     }
-    const shmnm_header& header = picture.header;
-    one.add("fst_count", header.fst_count)
-        .add("fst_pid_limit", header.fst_pid_limit)
-        .add("server_count", header.server_count)
-        .add("hb_count", header.hb_count)
-        .add("np_count", header.np_count)
-        .add("fst_pid_count", header.fst_pid_count);
+    one.add("fst_count", picture.header.fst_count).add("fst_pid_limit", picture.header.fst_pid_limit);
+    for (const TableCount* const table : table_counts) one.add(table->key, picture.header.*table->count);
     return one.take();
 }
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "picture/decode.h"
 #include "picture/interrupted.h"
 #include "picture/keys.h"
+#include "picture/picture.h"
 #include "picture/snapshot.h"
 
 namespace picture {

@@ -9,7 +9,7 @@
 #include <variant>
 #include <vector>
 
-#include "picture/decode.h"
+#include "picture/picture.h"
 #include "picture/value.h"
 #include "picture/words.h"
 

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstddef>
 
+#include "picture/words.h"
+
 namespace picture {
 
 Ranges intersections(const Range& range, const Ranges& others) {
@@ -27,23 +29,27 @@ uint64_t resource_step(const Counts& counts) {
 
 Owners::Owners(const Counts& counts) {
     const Layout layout(counts);
-    const auto all = [&](uint64_t start, int32_t slots) {
-        return Range{start, start + resource_step(counts) * static_cast<uint64_t>(slots)};
-    };
-    const Range hb_table = all(layout.hb, counts.hb), np_table = all(layout.np, counts.np);
+    for (const ResourceKind& kind : resource_kinds) {
+        const uint64_t start = layout.*kind.table;
+        resources.push_back({start, start + resource_step(counts) * static_cast<uint64_t>(counts.*kind.count)});
+    }
     const uint64_t row = word_size * static_cast<uint64_t>(counts.servers);
     const Range network{layout.network, layout.network + row * static_cast<uint64_t>(counts.hb)};
-    Ranges fst{{layout.fst_pids, layout.network}, network};
+    others_ = {{layout.fst_pids, layout.network}, network};
     if (counts.fst > 0) {
         const uint64_t descript = layout.fst + offsetof(shmnm_resource, descript);
         const uint64_t stat = layout.fst + offsetof(shmnm_resource, stat);
-        fst.push_back({descript, descript + sizeof(shmnm_resource::descript)});
-        fst.push_back({stat, stat + word_size});
+        others_.push_back({descript, descript + sizeof(shmnm_resource::descript)});
+        others_.push_back({stat, stat + word_size});
     }
-    resources = {hb_table, np_table};
-    beside_hb = beside_np = fst;
-    beside_hb.push_back(np_table);
-    beside_np.push_back(hb_table);
+}
+
+Ranges Owners::beside(const ResourceKind& kind) const {
+    Ranges all = others_;
+    for (size_t i = 0; i < resources.size(); ++i) {
+        if (&resource_kinds[i] != &kind) all.push_back(resources[i]);
+    }
+    return all;
 }
 
 Slots::Slots(uint64_t start, uint64_t step, uint64_t count, const Ranges& others)

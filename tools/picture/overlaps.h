@@ -1,5 +1,5 @@
-// Tables that reach into one another. With one server or none the hb and np tables are longer than the area that is
-// reserved for them, so bytes in them may have been written by another table.
+// Tables that reach into each other. With one server or none, the hb and np tables are longer than the areas reserved
+// for them, so writes to another table may have changed bytes in them.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,8 @@
 #include "shmnm.h"
 
 namespace picture {
+
+struct ResourceKind;
 
 inline constexpr uint64_t word_size = sizeof(uint32_t), record_size = sizeof(shmnm_resource);
 
@@ -24,15 +26,20 @@ bool touches(const Ranges& ranges, uint64_t begin, uint64_t end);
 /// Bytes from one record of the hb or np table to the next.
 uint64_t resource_step(const Counts& counts);
 
-/// Where tables write that may reach into another table.
+/// Where the tables write, if they may reach into another table.
 struct Owners {
     explicit Owners(const Counts& counts);
 
-    Ranges resources;             ///< the hb and np tables
-    Ranges beside_hb, beside_np;  ///< all that may reach into that table
+    /// All that may reach into the table of a kind.
+    Ranges beside(const ResourceKind& kind) const;
+
+    Ranges resources;  ///< the tables of the resource kinds, in their order
+
+  private:
+    Ranges others_;  ///< what other tables write
 };
 
-/// The slots of the hb or np table, and who else may have written to them.
+/// The slots of the hb or np table, and what writes to other tables may have changed in them.
 class Slots {
   public:
     /// @param[in] others  what other tables write to

@@ -10,9 +10,10 @@
 #include <variant>
 #include <vector>
 
-#include "picture/decode.h"
+#include "note.h"
 #include "picture/layout.h"
 #include "picture/library.h"
+#include "picture/picture.h"
 #include "picture/value.h"
 #include "shmnm.h"
 
@@ -117,16 +118,36 @@ struct RowWord {
     const char* help;
 };
 
-/// All that tells hb resources from np resources.
+/// How many records of a table are in use.
+struct TableCount {
+    const char* key;      ///< of the header's count, in JSON and in findings
+    const char* heading;  ///< in text
+    int32_t shmnm_header::*count;
+    int32_t shmnm_header::*limit;
+    int64_t (*slots)(const Counts& counts);  ///< of a region that is laid out by these counts
+};
+
+/// A function of the library that leaves a note of its change.
+struct NotedFunction {
+    shmnm::NotedCall call;
+    const char* name;
+};
+
+/// Everything that differs between hb resources and np resources.
 struct ResourceKind {
     const char* key;
     std::vector<Resource> Picture::*resources;
+    const TableCount* in_use;
     int32_t Counts::*count;
+    uint64_t Layout::*table;
+    uint64_t Layout::*end;  ///< where the next area starts
     Call<const char*, const char*, uint32_t> add;
     Call<const char*, const char*> remove;
     Call<const char*, const char*, uint32_t> set_priority, set_state;
-    Call<const char*, const char*, int32_t, uint32_t> set_server_state, set_network_state;
+    Call<const char*, const char*, int32_t, uint32_t> set_server_state;
+    Call<const char*, const char*, int32_t, uint32_t> set_network_state;  ///< null: there are no network-wide states
     Call<const char*, const char*, const void*, int32_t> describe;
+    NotedFunction noted_add, noted_remove, noted_open_column, noted_close_column, noted_describe, noted_set_states;
 };
 
 struct FstWord {
@@ -214,13 +235,39 @@ inline constexpr PidWord pid_words[] = {
     {"piddata", "piddata", &FstPid::piddata, offsetof(shmnm_fst_pid, piddata), "data ", "64-bit value beside a process id"},
 };
 
+inline constexpr TableCount servers_in_use{"server_count", "servers",
+                                           &shmnm_header::server_count, &shmnm_header::max_servers,
+                                           [](const Counts& counts) { return int64_t{counts.servers}; }};
+inline constexpr TableCount hb_in_use{"hb_count", "hb",
+                                      &shmnm_header::hb_count, &shmnm_header::max_hb,
+                                      [](const Counts& counts) { return int64_t{counts.hb}; }};
+inline constexpr TableCount np_in_use{"np_count", "np",
+                                      &shmnm_header::np_count, &shmnm_header::max_np,
+                                      [](const Counts& counts) { return int64_t{counts.np}; }};
+inline constexpr TableCount pids_in_use{"fst_pid_count", "process ids",
+                                        &shmnm_header::fst_pid_count, &shmnm_header::fst_pid_limit,
+                                        [](const Counts& counts) { return int64_t{counts.servers} * counts.fst; }};
+inline constexpr const TableCount* table_counts[] = {&servers_in_use, &hb_in_use, &np_in_use, &pids_in_use};
+
 inline constexpr ResourceKind resource_kinds[] = {
-    {"hb", &Picture::hb, &Counts::hb, &Library::shmnm_addhbrsc, &Library::shmnm_rmhbrsc, &Library::shmnm_modifyhbrsc,
-           &Library::shmnm_sethbrscstat, &Library::shmnm_sethbrscsvstat, &Library::shmnm_setrscsvstat_nw,
-           &Library::shmnm_sethbdescript},
-    {"np", &Picture::np, &Counts::np, &Library::shmnm_addnprsc, &Library::shmnm_rmnprsc, &Library::shmnm_modifynprsc,
-           &Library::shmnm_setnprscstat, &Library::shmnm_setnprscsvstat, nullptr,
-           &Library::shmnm_setnpdescript},
+    {"hb", &Picture::hb, &hb_in_use, &Counts::hb, &Layout::hb, &Layout::np,
+           &Library::shmnm_addhbrsc, &Library::shmnm_rmhbrsc, &Library::shmnm_modifyhbrsc, &Library::shmnm_sethbrscstat,
+           &Library::shmnm_sethbrscsvstat, &Library::shmnm_setrscsvstat_nw, &Library::shmnm_sethbdescript,
+           {shmnm::NotedCall::addhbrsc,       "shmnm_addhbrsc"},
+           {shmnm::NotedCall::rmhbrsc,        "shmnm_rmhbrsc"},
+           {shmnm::NotedCall::addhbrscsvstat, "shmnm_addhbrscsvstat"},
+           {shmnm::NotedCall::rmhbrscsvstat,  "shmnm_rmhbrscsvstat"},
+           {shmnm::NotedCall::sethbdescript,  "shmnm_sethbdescript"},
+           {shmnm::NotedCall::settypehbstat,  "shmnm_settypehbstat"}},
+    {"np", &Picture::np, &np_in_use, &Counts::np, &Layout::np, &Layout::fst,
+           &Library::shmnm_addnprsc, &Library::shmnm_rmnprsc, &Library::shmnm_modifynprsc, &Library::shmnm_setnprscstat,
+           &Library::shmnm_setnprscsvstat, nullptr, &Library::shmnm_setnpdescript,
+           {shmnm::NotedCall::addnprsc,       "shmnm_addnprsc"},
+           {shmnm::NotedCall::rmnprsc,        "shmnm_rmnprsc"},
+           {shmnm::NotedCall::addnprscsvstat, "shmnm_addnprscsvstat"},
+           {shmnm::NotedCall::rmnprscsvstat,  "shmnm_rmnprscsvstat"},
+           {shmnm::NotedCall::setnpdescript,  "shmnm_setnpdescript"},
+           {shmnm::NotedCall::settypenpstat,  "shmnm_settypenpstat"}},
 };
 // clang-format on
 

@@ -11,6 +11,7 @@
 
 #include "context.h"
 #include "picture/conditions.h"
+#include "picture/decode.h"
 #include "picture/escape.h"
 #include "picture/platform.h"
 #include "session.h"

@@ -172,12 +172,12 @@ void add_cluster(Page& page, const Picture& picture) {
         states.push_back({word.key, shown(word.source, picture, std::string("cluster/") + word.key)});
     }
     page.items("cluster", states);
-    const shmnm_header& header = picture.header;
-    const auto of = [](int32_t count, int32_t limit) { return Cell{fmt::format("{} of {}", count, limit), ""}; };
-    page.items("in use", {{"servers", of(header.server_count, header.max_servers)},
-                          {"hb", of(header.hb_count, header.max_hb)},
-                          {"np", of(header.np_count, header.max_np)},
-                          {"process ids", of(header.fst_pid_count, header.fst_pid_limit)}});
+    std::vector<std::pair<std::string, Cell>> in_use;
+    for (const TableCount* const table : table_counts) {
+        const int32_t count = picture.header.*table->count, limit = picture.header.*table->limit;
+        in_use.push_back({table->heading, {fmt::format("{} of {}", count, limit), ""}});
+    }
+    page.items("in use", in_use);
     std::vector<std::pair<std::string, Cell>> simulated = {
         {"", {picture.is_simulated() ? "on" : "off", "", picture.is_simulated() ? Tone::bad : Tone::plain}}};
     for (const Server& server : picture.servers) {

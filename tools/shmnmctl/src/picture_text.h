@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "picture/decode.h"
+#include "picture/picture.h"
 
 namespace shmnmctl {
 

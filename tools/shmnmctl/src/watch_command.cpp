@@ -7,6 +7,7 @@
 
 #include "context.h"
 #include "picture/changes.h"
+#include "picture/decode.h"
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/platform.h"
