@@ -73,6 +73,16 @@ class Wait(ToolTest):
         """What it ended with, behind what --verbose tells."""
         return process.stderr.read().decode().splitlines()[-1]
 
+    def test_wait_refuses_a_dump_which_never_changes(self):
+        self.cluster()
+        file = path(self.folder / "picture.dump")
+        self.assertEqual(self.tool("dump", file).status, 0)
+        # Not even a condition that holds in it.
+        for condition in ("cluster/clstat=0", "cluster/clstat=1"):
+            result = self.tool("wait", "--file", file, condition)
+            self.assertEqual((result.status, result.out), (2, ""))
+            self.assertEqual(result.err.strip(), 'shmnmctl: a dump does not change: test it with "shmnmctl query --file FILE"')
+
     def test_wait_returns_at_once_if_the_condition_holds(self):
         self.cluster()
         result = self.tool("wait", "cluster/clstat=0")

@@ -231,6 +231,33 @@ class Watching(WatchTest):
         self.assertIn("its reader has closed it", watcher.process.stderr.read().decode())
         watcher.process.stdout = None
 
+    def test_watch_ends_as_soon_as_its_reader_closes(self):
+        self.cluster()
+        arguments = ["watch", "--from-start", "cluster/clstat", "--interval", "3600000"]
+        if support.PLATFORM == "windows":
+            # Only a pipe of the system's own tells; the pipe to this process is one of wine's host.
+            command = support.program("closing_reader") + support.native_program("shmnmctl") + arguments
+            done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
+            status, error = done.returncode, done.stderr.decode()
+            self.assertTrue(done.stdout.decode().strip().endswith(" 1 cluster/clstat - -> 0"), done)
+        else:
+            watcher = self.watch(*arguments[1:])
+            watcher.line()
+            watcher.process.stdout.close()
+            status, error = watcher.process.wait(60), watcher.process.stderr.read().decode()
+            watcher.process.stdout = None
+        self.assertEqual((status, error.strip()), (5, "shmnmctl: cannot write to standard output: its reader has closed it"))
+
+    def test_refuses_a_dump_which_never_changes(self):
+        self.cluster()
+        file = support.path(self.folder / "picture.dump")
+        self.assertEqual(self.tool("dump", file).status, 0)
+        result = self.tool("watch", "--file", file, "servers")
+        self.assertEqual((result.status, result.out), (2, ""))
+        self.assertEqual(result.err.strip(), 'shmnmctl: a dump does not change: list its words with "shmnmctl list --file FILE"')
+        self.assertEqual(self.tool("watch", "-f", file, "--format", "json").error["status"], 2)
+        self.assertNotIn("--file", self.tool("watch", "--help").out)
+
     def test_needs_a_region_at_the_start(self):
         self.assertEqual(self.tool("watch", "--from-start").status, 3)
 

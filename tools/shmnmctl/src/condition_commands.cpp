@@ -80,6 +80,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
     constexpr uint64_t longest_us = std::numeric_limits<uint64_t>::max();
     // A stop that is asked for while the lock does not come takes no longer than this.
     constexpr uint64_t longest_lock_ms = 1'000;
+    refuse_file(context, "test it with \"shmnmctl query --file FILE\"");
     const Condition condition(joined(options.condition));
     const uint64_t timeout_us = options.timeout ? duration_us(*options.timeout) : longest_us;
     const uint64_t start = platform::steady_clock_us();
@@ -102,7 +103,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
             throw Failure(Exit::timeout,
                           fmt::format("the condition did not hold within {}: {}", *options.timeout, unmet));
         }
-        if (session::stopped_within(left_ms(options.interval_ms))) {
+        if (session::wait(left_ms(options.interval_ms)) == session::Wake::stop) {
             throw Failure(Exit::failed, fmt::format("interrupted before the condition held: {}", unmet));
         }
     }
@@ -130,6 +131,7 @@ void add_condition_commands(CLI::App& app, Context& context) {
 
     CLI::App* const wait_command = app.add_subcommand("wait", "Return as soon as a condition holds");
     add_format(*wait_command, context);
+    add_file(*wait_command, context)->group("");
     wait_command->add_option("--timeout", options.timeout, "500ms, 10s, 2m, 1h or seconds; default: no limit");
     wait_command->add_option("--interval", options.interval_ms, "Milliseconds from one look to the next")
         ->check(CLI::Range(1, 3'600'000))

@@ -12,15 +12,18 @@ Snapshot look(const Context& context) {
     return context.file.empty() ? LiveRegion(context.access).copy() : read_dump(context.file);
 }
 
+Failure closed_output() {
+    return {Exit::failed, "cannot write to standard output: its reader has closed it"};
+}
+
 void write_output(std::string_view text) {
     errno = 0;
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
     if (written) return;
     // What is still buffered would fail again as the process ends.
     const int error = errno;
-    throw Failure(Exit::failed,
-                  fmt::format("cannot write to standard output: {}",
-                              error == EPIPE || error == EINVAL ? "its reader has closed it" : std::strerror(error)));
+    if (error == EPIPE || error == EINVAL) throw closed_output();
+    throw Failure(Exit::failed, fmt::format("cannot write to standard output: {}", std::strerror(error)));
 }
 
 void add_format(CLI::App& command, Context& context) {
@@ -29,8 +32,12 @@ void add_format(CLI::App& command, Context& context) {
         ->capture_default_str();
 }
 
-void add_file(CLI::App& command, Context& context) {
-    command.add_option("-f,--file", context.file, "Read this dump, not the live region");
+CLI::Option* add_file(CLI::App& command, Context& context) {
+    return command.add_option("-f,--file", context.file, "Read this dump, not the live region");
+}
+
+void refuse_file(const Context& context, const std::string& advice) {
+    if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change: " + advice);
 }
 
 void add_force(CLI::App& command, Context& context) {

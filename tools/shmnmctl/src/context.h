@@ -33,9 +33,15 @@ Snapshot look(const Context& context);
 /// @throws Failure  it is closed or full
 void write_output(std::string_view text);
 
+/// What a command ends with whose output nobody can read any more.
+Failure closed_output();
+
 /// Options that several commands take.
 void add_format(CLI::App& command, Context& context);
-void add_file(CLI::App& command, Context& context);
+CLI::Option* add_file(CLI::App& command, Context& context);
+/// For a command that waits for changes, which a dump does not have. @throws Failure  a dump was named
+/// @param[in] advice  what reads a dump
+void refuse_file(const Context& context, const std::string& advice);
 void add_force(CLI::App& command, Context& context);
 
 /// Every command adds itself.

@@ -12,6 +12,8 @@ namespace shmnmctl::session {
 struct Terminal {
     bool is_terminal = false;
     int columns = 0, rows = 0;
+
+    bool operator==(const Terminal&) const = default;
 };
 Terminal terminal();
 /// Makes a terminal obey escape sequences. @return false when it cannot
@@ -24,9 +26,16 @@ void prepare();
 /// From now on SIGINT, SIGTERM and SIGHUP (Windows: Ctrl-C, Ctrl-Break, closing the console) ask to stop and no longer
 /// end the process.
 void catch_stop();
-/// Waits until a stop is asked for, the terminal's size changes, or the time is over. @return whether a stop was asked
-/// for
-bool stopped_within(uint32_t milliseconds);
+/// What ended a wait; of several, the first in this list.
+enum class Wake { stop, closed_output, resize, key, timeout };
+
+/// What a wait also ends for.
+struct WakeFor {
+    bool closed_output = false;  ///< nobody can read standard output any more
+    bool key = false;            ///< the terminal has input
+};
+/// Waits until a stop is asked for, the terminal's size changes, or the time is over.
+Wake wait(uint32_t milliseconds, WakeFor also = {});
 
 /// Waits until a stop is asked for or, where that is wanted, standard input ends.
 void wait_for_stop(bool or_end_of_input);

@@ -95,22 +95,29 @@ void catch_stop() {
     handle(SIGWINCH, on_resize);
 }
 
-bool stopped_within(uint32_t milliseconds) {
+Wake wait(uint32_t milliseconds, WakeFor also) {
     const uint64_t end = picture::platform::steady_clock_us() + uint64_t{milliseconds} * 1'000;
-    pollfd signals{.fd = signal_pipe[0], .events = POLLIN, .revents = 0};
+    // An error of standard output is told unasked.
+    std::array<pollfd, 3> sources{
+        pollfd{.fd = signal_pipe[0], .events = POLLIN, .revents = 0},
+        pollfd{.fd = also.closed_output ? STDOUT_FILENO : -1, .events = 0, .revents = 0},
+        pollfd{.fd = also.key ? STDIN_FILENO : -1, .events = POLLIN, .revents = 0},
+    };
     for (;;) {
         const uint64_t now = picture::platform::steady_clock_us();
         const int left = now >= end ? 0 : static_cast<int>((end - now + 999) / 1'000);
-        const int ready = poll(&signals, 1, left);
+        const int ready = poll(sources.data(), sources.size(), left);
         if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return false;
+        if (ready <= 0) return Wake::timeout;
         char what = 0;
         bool resized = false;
         while (read(signal_pipe[0], &what, 1) == 1) {
-            if (what == 's') return true;
+            if (what == 's') return Wake::stop;
             resized = true;
         }
-        if (resized) return false;
+        if (sources[1].revents != 0) return Wake::closed_output;
+        if (resized) return Wake::resize;
+        if (sources[2].revents != 0) return (sources[2].revents & POLLIN) != 0 ? Wake::key : Wake::closed_output;
     }
 }
 
@@ -120,7 +127,7 @@ void wait_for_stop(bool or_end_of_input) {
     char input[512];
     for (;;) {
         if (poll(sources.data(), sources.size(), -1) < 0) continue;
-        if (sources[0].revents != 0 && stopped_within(0)) return;
+        if (sources[0].revents != 0 && wait(0) == Wake::stop) return;
         if (sources[1].revents != 0 && read(STDIN_FILENO, input, sizeof input) <= 0) return;
     }
 }

@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <io.h>
+#include <winternl.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "failure.h"
@@ -67,6 +69,21 @@ std::wstring wide(const std::string& text) {
     return result;
 }
 
+/// Whether standard output is a pipe whose other end is closed. A write of no bytes would tell as well, but its reader
+/// would take it for the end.
+bool output_is_closed() {
+    struct {
+        ULONG type, configuration, most_instances, instances, inbound_quota, readable, outbound_quota, writable, state,
+            end;
+    } pipe{};
+    constexpr auto pipe_information = static_cast<FILE_INFORMATION_CLASS>(24);
+    constexpr ULONG closing = 4;
+    IO_STATUS_BLOCK status{};
+    return NtQueryInformationFile(GetStdHandle(STD_OUTPUT_HANDLE), &status, &pipe, sizeof pipe, pipe_information) >=
+               0 &&
+           pipe.state == closing;
+}
+
 }  // namespace
 
 Terminal terminal() {
@@ -100,8 +117,22 @@ void catch_stop() {
     }
 }
 
-bool stopped_within(uint32_t milliseconds) {
-    return WaitForSingleObject(stop_event, milliseconds) == WAIT_OBJECT_0;
+Wake wait(uint32_t milliseconds, WakeFor also) {
+    // Neither the end of a pipe's reader nor another size of a window can be waited for.
+    constexpr ULONGLONG slice_ms = 200;
+    const ULONGLONG end = GetTickCount64() + milliseconds;
+    const HANDLE sources[] = {stop_event, GetStdHandle(STD_INPUT_HANDLE)};
+    const Terminal before = also.key ? terminal() : Terminal{};
+    for (;;) {
+        const ULONGLONG now = GetTickCount64(), left = now >= end ? 0 : end - now;
+        const DWORD most = static_cast<DWORD>(also.closed_output || also.key ? std::min(left, slice_ms) : left);
+        const DWORD ready = WaitForMultipleObjects(also.key ? 2 : 1, sources, FALSE, most);
+        if (ready == WAIT_OBJECT_0) return Wake::stop;
+        if (also.closed_output && output_is_closed()) return Wake::closed_output;
+        if (ready == WAIT_OBJECT_0 + 1) return Wake::key;
+        if (also.key && terminal() != before) return Wake::resize;
+        if (left <= most) return Wake::timeout;
+    }
 }
 
 void wait_for_stop(bool or_end_of_input) {

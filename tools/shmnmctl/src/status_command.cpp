@@ -94,7 +94,7 @@ uint32_t interval_ms(const std::string& seconds) {
 }
 
 Exit show_again_and_again(const Context& context, const std::string& seconds) {
-    if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change: use --watch without FILE");
+    refuse_file(context, "use --watch without FILE");
     const uint32_t interval = interval_ms(seconds);
     session::catch_stop();
     LiveRegion region(context.access);
@@ -134,7 +134,7 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
         } else {
             write_output(context.json() ? text : text + "\n");
         }
-    } while (!session::stopped_within(interval));
+    } while (session::wait(interval) != session::Wake::stop);
     return Exit::done;
 }
 

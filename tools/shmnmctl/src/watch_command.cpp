@@ -167,6 +167,7 @@ class Watch {
 Exit watch(const Context& context, const WatchOptions& options) {
     // While the watch waits for the lock it does not notice a stop, so it never waits longer than this.
     constexpr uint32_t longest_lock_ms = 1'000;
+    refuse_file(context, "list its words with \"shmnmctl list --file FILE\"");
     session::catch_stop();
     LiveRegion region(context.access);
     region.expect();
@@ -180,7 +181,9 @@ Exit watch(const Context& context, const WatchOptions& options) {
         }
         // After a stop, one last copy shows what happened before it.
         if (stopped) break;
-        stopped = session::stopped_within(options.interval_ms);
+        const session::Wake wake = session::wait(options.interval_ms, {.closed_output = true});
+        if (wake == session::Wake::closed_output) throw closed_output();
+        stopped = wake == session::Wake::stop;
     }
     watch.end();
     return Exit::done;
@@ -192,6 +195,7 @@ void add_watch_command(CLI::App& app, Context& context) {
     static WatchOptions options;
     CLI::App* const command = app.add_subcommand("watch", "Write a line for each change, as it happens");
     add_format(*command, context);
+    add_file(*command, context)->group("");
     command->add_option("PREFIX", options.prefix, "Only keys at or below this one");
     command->add_flag("--from-start", options.from_start, "Begin with every word as it is");
     command->add_option("--interval", options.interval_ms, "Milliseconds from one look to the next")
