@@ -1,7 +1,7 @@
-// A field holds the text if the first NUL from the field on comes where the text's own does and the bytes before it are
-// equal. The place of that NUL is carried along upwards, so the view is searched for it once. And since no other field
-// ends at the same NUL, no byte is compared twice: unless words are set meanwhile, and what was set need not be
-// compared byte by byte.
+// A field holds the text if the first NUL at or after the field is as far from it as the text's own NUL, and the bytes
+// before it are equal. The place of the NUL is kept from one field to the next, so the view is searched for it only
+// once. Only one field is that far from a given NUL, so no byte is compared twice unless words are set meanwhile, and
+// words that were set need not be compared byte by byte.
 #include "ascending_text.h"
 
 #include <algorithm>
@@ -38,7 +38,7 @@ bool AscendingText::holds(const char* field, size_t from, size_t to) const noexc
 
 bool AscendingText::repeats_value(size_t from, size_t to) noexcept {
     const auto repeats = [&](size_t i) { return text_[i] == value_[i % sizeof value_]; };
-    // Words begin to be set near a field, so what has to be looked at anew each time is little.
+    // The words that were set begin near the field, so few bytes are compared again each time.
     for (size_t i = from; i < std::min(to, sizeof(shmnm_resource)); ++i) {
         if (!repeats(i)) return false;
     }

@@ -2,6 +2,7 @@
 
 #include "frame.h"
 #include "kernel.h"
+#include "text.h"
 
 namespace shmnm {
 namespace {
@@ -11,7 +12,7 @@ void cut(char (&field)[size], const char* text) {
     std::memcpy(field, text, text_length(text, size));
 }
 
-/// Keeps the names of a change that a killed caller has left, since its tables are about to change.
+/// Keeps the names of a killed caller's change, because its tables are about to change.
 void supersede(Note& note, uint32_t process) {
     Note::Superseded& kept = note.superseded;
     const bool is_first = load(kept.state) != Note::open || kept.object != note.object;
@@ -38,7 +39,7 @@ void supersede(Note& note, uint32_t process) {
     store(note.state, Note::closed);
 }
 
-/// Whether this change writes all that the noted one left half done, so that nothing is left of that.
+/// Whether this change overwrites everything that the noted change left half done.
 bool makes_good(const Change& change, const Note& note) {
     if (change.call != note.call) return false;
     if (change.call == NotedCall::setnpsimu) return true;
@@ -46,7 +47,7 @@ bool makes_good(const Change& change, const Note& note) {
            std::strncmp(change.type, note.type, sizeof note.type) == 0;
 }
 
-/// All of a note but what it keeps of an older one.
+/// A note without what it keeps of an older note.
 constexpr size_t own_words = offsetof(Note, superseded) / sizeof(uint32_t);
 
 }  // namespace
@@ -57,7 +58,7 @@ ChangeNote::ChangeNote(const Region& region, bool completable, const Change& cha
     Note& note = *static_cast<Note*>(notepad.note);
     const uint32_t state = load(note.state);
     if (state == Note::open && note.object == region.object) {
-        // Values are set whether or not the tables still wait for repair.
+        // A call that only sets values does not replace the note of a table that waits for repair.
         if (sets_values(change.call) && !sets_values(note.call)) return;
         if (!makes_good(change, note)) supersede(note, notepad.process);
     } else if (state > Note::open) {

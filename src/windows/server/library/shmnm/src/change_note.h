@@ -1,5 +1,5 @@
-// Notes a change in the page of the lock while it is made, so that whoever owns the lock after a killed caller can name
-// the change and complete it. Only a thread that owns the lock notes anything. On Windows nothing is noted.
+// Notes a change in the page of the lock while it is made, so that the lock's next owner can name and complete the
+// change of a killed caller. Only a thread that owns the lock notes anything. On Windows nothing is noted.
 #pragma once
 
 #include <array>
@@ -20,18 +20,18 @@ struct Change {
     size_t size = 0;
 };
 
-/// The note of one call, open as long as this lives.
+/// The note of one call, open during the lifetime of this object.
 class ChangeNote {
   public:
-    /// @param[in] completable  whether the change can be completed from its note; else nothing is noted
+    /// @param[in] completable  whether the change can be completed from its note; if not, nothing is noted
     ChangeNote(const Region& region, bool completable, const Change& change) noexcept;
     ~ChangeNote();
     ChangeNote(const ChangeNote&) = delete;
     ChangeNote& operator=(const ChangeNote&) = delete;
 
-    /// Nothing that an older note names is there any more.
+    /// Drops what is kept of an older note: nothing that it names exists any more.
     void forget_older() const noexcept;
-    /// Where the call's steps note how far they have come.
+    /// Where the call's steps note their progress.
     Progress progress() const noexcept { return note_ ? Progress(&note_->progress) : Progress(); }
 
   private:

@@ -6,6 +6,7 @@
 
 #include "resource_description.h"
 #include "server_table.h"
+#include "text.h"
 
 namespace shmnm {
 namespace {
@@ -14,8 +15,8 @@ bool is_within(int32_t count, int32_t maximum) {
     return count >= 0 && count <= maximum;
 }
 
-/// The stage to begin with in a phase: the noted one, if that is where the change stood.
-Stage begin(const Stage& from, Phase phase) {
+/// Where a phase begins: at the noted stage if that is in this phase, else at the phase's start.
+Stage stage_in(const Stage& from, Phase phase) {
     return from.phase == phase ? from : Stage{phase};
 }
 
@@ -36,7 +37,7 @@ void zero(const Region& region, const Strip& strip, int32_t position) {
     zero_words(region.word(strip.at(position)), static_cast<size_t>(strip.step));
 }
 
-/// A noted text as the calls take it: it may fill its field.
+/// A noted text with a NUL, as calls take it: in the note it may fill its field.
 template <size_t size>
 struct Text {
     explicit Text(const char (&field)[size]) { std::memcpy(text, field, size); }
@@ -107,7 +108,7 @@ void take_out_resource(const Resources& resources, int32_t position, int32_t cou
     if (from.phase <= Phase::last) {
         progress.at(Phase::last);
         zero(region, resources.strip, count - 1);
-        // The network-wide row that no other row moves onto keeps its values, deliberately.
+        // Deliberately, if the last resource is removed, its network-wide row keeps its values.
         if (network && position < count - 1) zero(region, row, count - 1);
     }
     if (from.phase <= Phase::count) {
@@ -163,7 +164,7 @@ void close_column(const Resources& resources, int32_t index, int32_t servers, co
 }
 
 void write_process_id(shmnm_fst_pid& record, int32_t kind, uint32_t pid, uint64_t piddata) noexcept {
-    // The value first: a process id is not there before what belongs to it.
+    // The value comes first: a process id must never appear before the value that belongs to it.
     store_pair(&record.piddata[kind], {static_cast<uint32_t>(piddata), static_cast<uint32_t>(piddata >> 32)});
     keep_order();
     store(record.pid[kind], pid);
@@ -181,7 +182,7 @@ void clear_region(const Region& region) noexcept {
 
 namespace {
 
-/// The noted change of one table, whose kind a call names.
+/// The kind of resource that a noted call changes.
 const Kind& kind_of(NotedCall call) {
     switch (call) {
         case NotedCall::addnprsc:
@@ -207,7 +208,7 @@ void complete_removed_server(const Region& region, const Note& note, const Progr
     for (const Kind* const kind : {&hb, &np}) {
         const Phase phase = column_phase(*kind);
         if (from.phase > phase) continue;
-        close_column(Resources(region, *kind), note.position, note.server_count - 1, progress, begin(from, phase));
+        close_column(Resources(region, *kind), note.position, note.server_count - 1, progress, stage_in(from, phase));
     }
 }
 
@@ -221,7 +222,7 @@ void complete_new_resource(const Region& region, const Note& note) {
     store(region.header().*kind.count, note.position + 1);
 }
 
-/// A record of the fst process ids, new or not.
+/// Completes a process id, in a new record or in an existing one.
 void complete_process_id(const Region& region, const Note& note) {
     shmnm_fst_pid& record = fst_pid_at(region, note.position);
     if (note.call == NotedCall::addfstpid) put_text(record.name, sizeof record.name, Text(note.name).text);
@@ -232,8 +233,8 @@ void complete_process_id(const Region& region, const Note& note) {
     if (note.call == NotedCall::addfstpid) store(region.header().fst_pid_count, note.position + 1);
 }
 
-/// Where the noted description lies.
-uint64_t described(const Region& region, const Note& note) {
+/// Where the record of the noted description lies.
+uint64_t described_record(const Region& region, const Note& note) {
     if (note.call == NotedCall::setfstdescript) return region.layout.fst;
     const uint64_t start = region.layout.*kind_of(note.call).states.start;
     return Strip{start, sizeof(shmnm_resource)}.at(note.position);
@@ -252,7 +253,7 @@ bool can_complete(const Region& region, const Note& note) noexcept {
         case NotedCall::setnpdescript:
         case NotedCall::setfstdescript:
             return note.position >= 0 && note.size > 0 && note.size <= sizeof note.data &&
-                   region.holds(described(region, note), sizeof(shmnm_resource));
+                   region.holds(described_record(region, note), sizeof(shmnm_resource));
         default:
             break;
     }
@@ -302,11 +303,11 @@ void complete(const Region& region, Note& note) noexcept {
         case NotedCall::addhbrscsvstat:
         case NotedCall::addnprscsvstat:
             return open_column(Resources(region, kind), note.position, note.server_count, progress,
-                               begin(from, column_phase(kind)));
+                               stage_in(from, column_phase(kind)));
         case NotedCall::rmhbrscsvstat:
         case NotedCall::rmnprscsvstat:
             return close_column(Resources(region, kind), note.position, note.server_count, progress,
-                                begin(from, column_phase(kind)));
+                                stage_in(from, column_phase(kind)));
         case NotedCall::addfstpid:
         case NotedCall::setfstpid:
             return complete_process_id(region, note);
@@ -317,7 +318,7 @@ void complete(const Region& region, Note& note) noexcept {
         case NotedCall::sethbdescript:
         case NotedCall::setnpdescript:
         case NotedCall::setfstdescript: {
-            auto* const record = reinterpret_cast<shmnm_resource*>(region.base + described(region, note));
+            auto* const record = reinterpret_cast<shmnm_resource*>(region.base + described_record(region, note));
             return put_description(*record, note.data, static_cast<int32_t>(note.size));
         }
         default:

@@ -1,5 +1,5 @@
-// The steps by which the tables change, one body for the calls of the library and for whoever completes what a killed
-// caller has left. A step says how far it has come before it writes, and can be made again.
+// The steps by which the tables change. The library's calls make them, and tools make the rest of them when a caller
+// was killed. Each step notes its progress before it writes, and can be repeated.
 #pragma once
 
 #include "note.h"
@@ -8,7 +8,7 @@
 
 namespace shmnm {
 
-/// Where the steps note how far they have come, if anywhere.
+/// Where the steps note their progress, if anywhere.
 class Progress {
   public:
     constexpr Progress() noexcept = default;
@@ -25,12 +25,12 @@ class Progress {
     uint64_t* noted_ = nullptr;
 };
 
-/// Whether no two areas share a byte and all lie in the view: the header's maxima are those that the region was mapped
-/// by, with two servers or more, and no count is beyond its maximum. Elsewhere one write may be another one's target,
-/// so that calls make the steps of their description and no other.
+/// Whether no two areas share a byte and all lie in the view: the header's maxima are those by which the region was
+/// mapped, there are two servers or more, and no count is beyond its maximum. In any other region one write may
+/// overwrite another, so calls make exactly the steps of their description.
 bool is_regular(const Region& region) noexcept;
 
-// For regular regions alone, as are all removals below.
+// Only for regular regions: these three.
 
 /// Opens the columns of a server that is about to be added at a position, in all resources.
 void open_columns_early(const Region& region, int32_t position) noexcept;
@@ -45,7 +45,7 @@ void take_out_resource(const Resources& resources, int32_t position, int32_t cou
 void write_server(shmnm_server& server, const char* name, int32_t pri) noexcept;
 void write_resource(shmnm_resource& resource, const char* type, const char* name, uint32_t pri) noexcept;
 void open_row(const StateRows& rows, int32_t resource, int32_t servers) noexcept;
-/// The column at an index, opened or closed in all resources of a kind, `servers` being counted.
+/// Opens or closes the column at an index in all resources of a kind. `servers` is the header's count.
 void open_column(const Resources& resources, int32_t index, int32_t servers, const Progress& progress,
                  Stage from) noexcept;
 void close_column(const Resources& resources, int32_t index, int32_t servers, const Progress& progress,
@@ -62,9 +62,9 @@ void write_process_id(shmnm_fst_pid& record, int32_t kind, uint32_t pid, uint64_
 void write_maxima(const Region& region, int32_t servers, int32_t max_hb, int32_t max_np) noexcept;
 void clear_region(const Region& region) noexcept;
 
-/// Whether complete() knows how to make the noted change, and the region is one in which it may be made.
+/// Whether complete() can make the noted change in this region.
 bool can_complete(const Region& region, const Note& note) noexcept;
-/// Makes what is left of the noted change. The region is then as after the whole call.
+/// Makes the rest of the noted change. The region is then the same as after the whole call.
 void complete(const Region& region, Note& note) noexcept;
 
 }  // namespace shmnm

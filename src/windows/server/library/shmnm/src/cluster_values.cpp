@@ -35,14 +35,14 @@ uint32_t get_hb_info(Call call, const Region& region, uint32_t* a, uint32_t* b) 
     return SHMNM_OK;
 }
 
-using Word = uint32_t shmnm_header::*;
+using ClusterWord = uint32_t shmnm_header::*;
 
-uint32_t set_word(Call, const Region& region, Word word, uint32_t value) {
+uint32_t set_cluster_word(Call, const Region& region, ClusterWord word, uint32_t value) {
     store(region.header().*word, value);
     return SHMNM_OK;
 }
 
-uint32_t get_word(Call call, const Region& region, Word word, uint32_t* value) {
+uint32_t get_cluster_word(Call call, const Region& region, ClusterWord word, uint32_t* value) {
     if (!value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *value = load(region.header().*word);
     return SHMNM_OK;
@@ -67,26 +67,26 @@ uint32_t shmnm_gethbinfo_ex(uint32_t* a, uint32_t* b) {
 }
 
 uint32_t shmnm_setwaitstat(uint32_t value) {
-    return framed<set_word>("_setwaitstat", &shmnm_header::waitstat, value);
+    return framed<set_cluster_word>("_setwaitstat", &shmnm_header::waitstat, value);
 }
 uint32_t shmnm_getwaitstat(uint32_t* value) {
-    return framed<get_word>("_getwaitstat", &shmnm_header::waitstat, value);
+    return framed<get_cluster_word>("_getwaitstat", &shmnm_header::waitstat, value);
 }
 uint32_t shmnm_setbwflag(uint32_t value) {
-    return framed<set_word>("_setbwflag", &shmnm_header::bwflag, value);
+    return framed<set_cluster_word>("_setbwflag", &shmnm_header::bwflag, value);
 }
 uint32_t shmnm_getbwflag(uint32_t* value) {
-    return framed<get_word>("_getbwflag", &shmnm_header::bwflag, value);
+    return framed<get_cluster_word>("_getbwflag", &shmnm_header::bwflag, value);
 }
 uint32_t shmnm_setbwflagdisk(uint32_t value) {
-    return framed<set_word>("_setbwflagdisk", &shmnm_header::bwflagdisk, value);
+    return framed<set_cluster_word>("_setbwflagdisk", &shmnm_header::bwflagdisk, value);
 }
 uint32_t shmnm_getbwflagdisk(uint32_t* value) {
-    return framed<get_word>("_getbwflagdisk", &shmnm_header::bwflagdisk, value);
+    return framed<get_cluster_word>("_getbwflagdisk", &shmnm_header::bwflagdisk, value);
 }
 uint32_t shmnm_setclstat(uint32_t value) {
-    return framed<set_word>("shmnm_setclstat", &shmnm_header::clstat, value);
+    return framed<set_cluster_word>("shmnm_setclstat", &shmnm_header::clstat, value);
 }
 uint32_t shmnm_getclstat(uint32_t* value) {
-    return framed<get_word>("shmnm_getclstat", &shmnm_header::clstat, value);
+    return framed<get_cluster_word>("shmnm_getclstat", &shmnm_header::clstat, value);
 }

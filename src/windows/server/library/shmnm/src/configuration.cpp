@@ -40,7 +40,7 @@ uint32_t read_counts(Call call, Counts& counts) {
         expect_success(call, read_number(path, count), "xmllib_get_value(%s) failed(ret:%d)", path);
     }
     expect_success(call, xmllib_unload_policy("all"), "xmllib_unload_policy(all) failed(ret:%d)");
-    // Nothing is read under this policy here; loading and unloading it, whatever the load says, is deliberate.
+    // Deliberate, although nothing is read from this policy here: it is loaded, and unloaded even if the load failed.
     expect_success(call, xmllib_load_policy("shmnm"), "xmllib_load_policy(shmnm) failed(ret:%d)");
     expect_success(call, xmllib_unload_policy("shmnm"), "xmllib_unload_policy(shmnm) failed(ret:%d)");
     return SHMNM_OK;

@@ -1,4 +1,5 @@
-// Copies words of the region out while other processes write them: each word comes out whole, of one moment or another.
+// Copies words out of the region while other processes write them. Each word is copied whole, but not all at one
+// moment.
 #pragma once
 
 #include <immintrin.h>
@@ -9,8 +10,8 @@ namespace shmnm {
 
 inline constexpr size_t many_words = 32;
 
-/// Copies that many words, eight at a time. A processor may split such a load where cache lines meet or at multiples of
-/// 8 bytes, but never within a word. The thread sanitizer is not asked, since it does not know that.
+/// Copies 32 words, eight at a time. A processor may split such a load between cache lines or at multiples of 8 bytes,
+/// but never within a word. The thread sanitizer does not know that, so it does not check these functions.
 [[gnu::target("avx"), gnu::always_inline, gnu::no_sanitize_thread]] inline void copy_32_words_out(
     uint32_t* to, const uint32_t* from) noexcept {
     const auto* const source = reinterpret_cast<const __m256i_u*>(from);
@@ -18,7 +19,7 @@ inline constexpr size_t many_words = 32;
 #pragma GCC unroll 4
     for (int i = 0; i < 4; ++i) _mm256_storeu_si256(target + i, _mm256_loadu_si256(source + i));
 }
-/// Copies that many words or more; some of the last ones twice.
+/// Copies 32 words or more; some of the last words are copied twice.
 [[gnu::target("avx"), gnu::no_sanitize_thread]] inline void copy_many_words_out(uint32_t* to, const uint32_t* from,
                                                                                 size_t count) noexcept {
     const uint32_t* const last = from + count - many_words;
@@ -27,7 +28,7 @@ inline constexpr size_t many_words = 32;
     copy_32_words_out(last_to, last);
 }
 
-/// Copies any number of words. Without AVX or where there are few, four at a time.
+/// Copies any number of words: four at a time if there are few, or without AVX.
 [[gnu::no_sanitize_thread]] inline void copy_words_out(uint32_t* to, const uint32_t* from, size_t count) noexcept {
     if (count >= many_words && __builtin_cpu_supports("avx")) return copy_many_words_out(to, from, count);
     const uint32_t* const end = from + count;

@@ -1,5 +1,5 @@
-// What every exported function hangs on: loading into a process, the two process-local locks, the trace log, and the
-// frame of entry line, test that the region is mapped, and exit line. Knows nothing of the region's contents.
+// What every exported function uses: loading into a process, the two process-local locks, the trace log, and the frame
+// of entry line, test that the region is mapped, and exit line. Knows nothing of the region's contents.
 #pragma once
 
 #include <array>
@@ -43,22 +43,22 @@ inline constexpr auto exit_lines = [] {
     return lines;
 }();
 
-/// Guards the mapping and the opening of the log. May be held while the log is closed, never the other way round.
-/// A companion that create or attach calls may call create, attach, detach and delete itself.
+/// Guards the mapping and the opening of the log. A thread that holds it may close the log, which takes the log lock,
+/// but never the other way round. Recursive, because a companion that create or attach calls may itself call create,
+/// attach, detach and delete.
 extern std::recursive_mutex library_lock;
 
 struct LogSettings {
     int32_t level = 4;       ///< of the least important lines that are written
-    int32_t size = 1000000;  ///< in bytes; the log is rotated there
+    int32_t size = 1000000;  ///< in bytes, at which the log is rotated
 };
 
 bool is_log_open();
-/// The library lock must be held and the log be closed. A log that cannot be opened stays closed.
+/// The caller holds the library lock, and the log is closed. If the log cannot be opened, it stays closed.
 void open_log(const LogSettings& settings);
 void close_log();
 
-/// One call of an exported function: writes its lines under its name. Small enough to be handed on by value, in
-/// registers.
+/// One call of an exported function: writes its lines under its name. Small enough to be passed by value, in registers.
 class Call {
   public:
     constexpr explicit Call(Tag tag) noexcept : tag_(tag) {}
@@ -94,8 +94,8 @@ class Call {
     Tag tag_;
 };
 
-/// What every export does around its work: entry line, test that the region is mapped, exit line. Part of each export,
-/// so that what the export is called and works on are constants there.
+/// What every export does around its work: entry line, test that the region is mapped, exit line. Inlined into each
+/// export, so that its name and what it works on are constants there.
 template <auto work, typename... Args>
 [[gnu::always_inline]] inline uint32_t framed(Tag tag, const Args&... args) {
     const Call call{tag};
@@ -104,9 +104,9 @@ template <auto work, typename... Args>
     return call.leave(region ? work(call, *region, args...) : call.fail(SHMNM_ERR_NOTINIT, {"not init", tag.line}));
 }
 
-/// The process loads the library: makes the mutex that all processes share. @return whether it could
+/// Called when a process loads the library: creates the mutex that all processes share. @return whether it succeeded
 bool load_library();
-/// The process unloads the library.
+/// Called when a process unloads the library.
 void unload_library();
 /// The mutex that all processes share.
 void* region_mutex();

@@ -1,39 +1,40 @@
-// The fst resource: the state word and description of the first fst record, and the process ids by name, three of them
-// each with a 64-bit value.
+// The fst resource: the state word and description of the first fst record, and the process ids: three per name, each
+// with a 64-bit value.
 #include "ascending_text.h"
 #include "change_note.h"
 #include "frame.h"
 #include "resource_description.h"
+#include "text.h"
 
 namespace shmnm {
 namespace {
 
-/// The first fst record, or null: the region may have been laid out without one.
-shmnm_resource* first_record(const Region& region) {
+/// The first fst record, or null if the region was laid out without one.
+shmnm_resource* first_fst_record(const Region& region) {
     const uint64_t start = region.layout.fst;
     const bool reserved = static_cast<int64_t>(region.layout.fst_pids - start) > 0;
     if (!reserved || !region.holds(start, sizeof(shmnm_resource))) return nullptr;
     return reinterpret_cast<shmnm_resource*>(region.base + start);
 }
 
-uint32_t set_state(Call, const Region& region, uint32_t stat) {
-    shmnm_resource* const fst = first_record(region);
+uint32_t set_fst_state(Call, const Region& region, uint32_t stat) {
+    shmnm_resource* const fst = first_fst_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
     store(fst->stat, stat);
     return SHMNM_OK;
 }
 
-uint32_t get_state(Call call, const Region& region, uint32_t* stat) {
+uint32_t get_fst_state(Call call, const Region& region, uint32_t* stat) {
     if (!stat) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    const shmnm_resource* const fst = first_record(region);
+    const shmnm_resource* const fst = first_fst_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
     *stat = load(fst->stat);
     return SHMNM_OK;
 }
 
-uint32_t set_bytes(Call call, const Region& region, const void* descript, int32_t len) {
+uint32_t set_fst_description(Call call, const Region& region, const void* descript, int32_t len) {
     if (!descript || len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    shmnm_resource* const fst = first_record(region);
+    shmnm_resource* const fst = first_fst_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
     const ChangeNote note(region, true,
                           {.call = NotedCall::setfstdescript, .data = descript, .size = static_cast<size_t>(len)});
@@ -41,9 +42,9 @@ uint32_t set_bytes(Call call, const Region& region, const void* descript, int32_
     return SHMNM_OK;
 }
 
-uint32_t get_bytes(Call call, const Region& region, void* descript, const int32_t* len) {
+uint32_t get_fst_description(Call call, const Region& region, void* descript, const int32_t* len) {
     if (!descript || !len || *len <= 0) return call.fail(SHMNM_ERR_PARAM, "invalid param");
-    const shmnm_resource* const fst = first_record(region);
+    const shmnm_resource* const fst = first_fst_record(region);
     if (!fst) return SHMNM_ERR_NOTFOUND;
     get_description(descript, *fst, *len);
     return SHMNM_OK;
@@ -53,7 +54,7 @@ Strip pid_strip(const Region& region) {
     return {region.layout.fst_pids, sizeof(shmnm_fst_pid)};
 }
 
-Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name) {
+Found<shmnm_fst_pid> find_process_ids(const Region& region, int32_t count, const char* name) {
     const Table<shmnm_fst_pid> records(region, pid_strip(region), count);
     const TextKey key(name);
     if (!key.fits(sizeof(shmnm_fst_pid))) [[unlikely]]
@@ -61,13 +62,14 @@ Found<shmnm_fst_pid> find(const Region& region, int32_t count, const char* name)
     return records.first([&](const shmnm_fst_pid& record) { return key.equals(record.name, region.end()); });
 }
 
-uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {
+uint32_t set_process_id(Call call, const Region& region, const char* name, int32_t kind, uint32_t pid,
+                        uint64_t piddata) {
     const char* const key = name ? name : "";
     const int32_t count = load(region.header().fst_pid_count);
     const auto full = [&] { return call.fail(SHMNM_ERR_COUNTOVER, "pid count is over(%d)", count); };
-    // Deliberately before the lookup: in a full table not even a name that has a record can be updated.
+    // Deliberately before the lookup: in a full table not even the record of an existing name can be updated.
     if (count >= load(region.header().fst_pid_limit)) return full();
-    const Found<shmnm_fst_pid> found = find(region, count, key);
+    const Found<shmnm_fst_pid> found = find_process_ids(region, count, key);
     shmnm_fst_pid* const record = found ? found.record : free_place<shmnm_fst_pid>(region, pid_strip(region), count);
     // A place that is not in the view counts as a full table.
     if (!record) return full();
@@ -79,7 +81,7 @@ uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind
                            .words = {kind, static_cast<int32_t>(pid)},
                            .value = piddata});
     if (!found) {
-        // All that the count is about to show is there before it.
+        // Everything that the new count makes visible is written before it.
         if (regular) {
             put_text(record->name, sizeof record->name, key);
             if (is_pid_kind(kind)) write_process_id(*record, kind, pid, piddata);
@@ -94,8 +96,9 @@ uint32_t set_pid(Call call, const Region& region, const char* name, int32_t kind
     return SHMNM_OK;
 }
 
-uint32_t get_pid(Call call, const Region& region, const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata) {
-    const auto record = find(region, load(region.header().fst_pid_count), name ? name : "");
+uint32_t get_process_id(Call call, const Region& region, const char* name, int32_t kind, uint32_t* pid,
+                        uint64_t* piddata) {
+    const auto record = find_process_ids(region, load(region.header().fst_pid_count), name ? name : "");
     if (!record) return SHMNM_OK;
     if (!is_pid_kind(kind)) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     if (pid) *pid = load(record->pid[kind]);
@@ -103,7 +106,7 @@ uint32_t get_pid(Call call, const Region& region, const char* name, int32_t kind
     return SHMNM_OK;
 }
 
-/// What a process-id call returns when it has traced `code`: a bad kind is traced as one code and returned as another,
+/// What a process-id call returns after it has logged `code`. A bad kind is logged as one code and returned as another,
 /// deliberately.
 uint32_t returned(uint32_t code) {
     return code == SHMNM_ERR_PARAM ? uint32_t{SHMNM_ERR_NOTINIT} : code;
@@ -115,20 +118,20 @@ uint32_t returned(uint32_t code) {
 using namespace shmnm;
 
 uint32_t shmnm_setfstrscstat(uint32_t stat) {
-    return framed<set_state>("_setfstrscstat", stat);
+    return framed<set_fst_state>("_setfstrscstat", stat);
 }
 uint32_t shmnm_getfstrscstat(uint32_t* stat) {
-    return framed<get_state>("_getfstrscstat", stat);
+    return framed<get_fst_state>("_getfstrscstat", stat);
 }
 uint32_t shmnm_setfstdescript(const void* descript, int32_t len) {
-    return framed<set_bytes>("_setfstdescript", descript, len);
+    return framed<set_fst_description>("_setfstdescript", descript, len);
 }
 uint32_t shmnm_getfstdescript(void* descript, const int32_t* len) {
-    return framed<get_bytes>("_getfstdescript", descript, len);
+    return framed<get_fst_description>("_getfstdescript", descript, len);
 }
 uint32_t shmnm_setfstrscpid(const char* name, int32_t kind, uint32_t pid, uint64_t piddata) {
-    return returned(framed<set_pid>("_setfstrscpid", name, kind, pid, piddata));
+    return returned(framed<set_process_id>("_setfstrscpid", name, kind, pid, piddata));
 }
 uint32_t shmnm_getfstrscpid(const char* name, int32_t kind, uint32_t* pid, uint64_t* piddata) {
-    return returned(framed<get_pid>("_getfstrscpid", name, kind, pid, piddata));
+    return returned(framed<get_process_id>("_getfstrscpid", name, kind, pid, piddata));
 }

@@ -7,16 +7,16 @@
 
 namespace shmnm::kernel {
 
-inline constexpr uint32_t wait_timeout = 258;  ///< result of wait(): the time is over, the mutex is not owned
+inline constexpr uint32_t wait_timeout = 258;  ///< result of wait(): timed out, the mutex is not owned
 inline constexpr uint32_t error_already_exists = 183;
 
-/// Maps the whole of a mapping, to be read and written; null on failure.
+/// Maps a whole mapping for reading and writing; null on failure.
 void* map_view(void* mapping) noexcept;
-/// Bytes that may be touched from the start of a view, in whole pages.
+/// The size of a view in bytes, in whole pages.
 size_t view_size(const void* view) noexcept;
 void unmap_view(const void* view) noexcept;
 
-/// A number that no other shared memory of this name has had; 0 where the system has none.
+/// A number that no other shared memory of this name has had; 0 if the system has no such number.
 uint64_t object_number(void* mapping) noexcept;
 
 /// Waits until this thread owns `mutex`, for at most `timeout_ms` (0xFFFFFFFF: without limit).
@@ -25,15 +25,15 @@ uint32_t wait(void* mutex, uint32_t timeout_ms) noexcept;
 /// Releases a mutex that this thread owns; @return whether it did.
 bool release(void* mutex) noexcept;
 
-/// What the owner of a mutex may write for the owner after it.
+/// Where the owner of a mutex may leave a note for the next owner.
 struct Notepad {
     void* note = nullptr;  ///< 1,024 bytes, zero at first, that stay when their writer ends
     uint32_t process = 0;  ///< this process's id
     uint64_t takes = 0;    ///< how often the mutex was taken
-    uint64_t looks = 0;    ///< how many of these takes were a tool's that only looked
+    uint64_t looks = 0;    ///< how many of these takes were by tools that only looked
 };
-/// That of a mutex; without a note when this thread does not own it or the system keeps none, as Windows does not. The
-/// last error stays as it was.
+/// The notepad of a mutex. It has no note if this thread does not own the mutex, or if the system keeps none, as on
+/// Windows. The last error stays as it was.
 Notepad notepad(void* mutex) noexcept;
 
 /// @return whether the handle was open

@@ -1,5 +1,5 @@
-// The region's life in this process: create, attach, detach, delete, clear, dump. What the bytes mean is left to
-// others.
+// The region's life in this process: create, attach, detach, delete, clear, dump. The meaning of the bytes is left to
+// other files.
 #include <algorithm>
 #include <mutex>
 #include <optional>
@@ -18,8 +18,8 @@ constexpr const char* mapping_name = "oru_kzmshmnm_map";
 constexpr uint32_t page_read_write = 4;
 constexpr uint32_t all_access = 0xF001F;
 
-/// A handle of the region's mapping. What it names is closed once, however stale the variable becomes. One that is
-/// replaced while it is open stays open, deliberately, and holds the region until the process ends.
+/// A handle of the region's mapping, closed at most once. A handle that is replaced while it is open stays open,
+/// deliberately, and keeps the region alive until the process ends.
 class MappingHandle {
   public:
     void assign(void* handle) { handle_ = handle; }
@@ -33,15 +33,15 @@ class MappingHandle {
     void* handle_ = nullptr;
 };
 
-// Guarded by the library lock. Create and attach each have a handle of their own, deliberately: delete closes the one,
-// detach the other.
+// Guarded by the library lock. Create and attach each have a handle of their own, deliberately: delete closes only
+// create's handle, detach only attach's.
 constinit MappingHandle create_handle, attach_handle;
 constinit int32_t attach_count = 0;
 constinit bool already_init_warned = false;
 
-/// The steps that create and attach share before they ask for the mapping. From the opening of the log on they leave a
-/// trace. @return SHMNM_OK, or the code that the caller returns as it is
-uint32_t prepare(Call call, Counts& counts) {
+/// The steps that create and attach share before they ask for the mapping. Lines are written as soon as the log is
+/// open. @return SHMNM_OK, or the code that the caller returns unchanged
+uint32_t prepare_mapping(Call call, Counts& counts) {
     if (xmllib_init("shmnm") != 0) return SHMNM_ERR_XMLINIT;
     if (xmllib_load_config(0) != 0) {
         xmllib_term();
@@ -65,16 +65,16 @@ uint32_t prepare(Call call, Counts& counts) {
     return SHMNM_OK;
 }
 
-/// Ends a call, and with it the log. @return `result`
+/// Ends a call and closes the log. @return `result`
 uint32_t leave_and_close_log(Call call, uint32_t result) {
     call.leave(result);
     close_log();
     return result;
 }
 
-/// Maps the region that `handle` names and writes the configured counts into it, zero-filled before when it is new.
-uint32_t map(Call call, MappingHandle& handle, const Counts& counts, const Layout& layout, bool is_new,
-             const Message& failure) {
+/// Maps the region of `handle` and writes the configured counts into it. A new region is zeroed first.
+uint32_t map_region(Call call, MappingHandle& handle, const Counts& counts, const Layout& layout, bool is_new,
+                    const Message& failure) {
     auto* const view = static_cast<uint8_t*>(kernel::map_view(handle.get()));
     if (!view) {
         call.fail(SHMNM_ERR_MAPVIEW, failure, kernel::last_error());
@@ -96,17 +96,18 @@ uint32_t map(Call call, MappingHandle& handle, const Counts& counts, const Layou
     return SHMNM_OK;
 }
 
-uint32_t mapped(Call call, const Layout& layout) {
+/// Ends a call that has mapped the region.
+uint32_t leave_mapped(Call call, const Layout& layout) {
     call.log(Level::information, "SIZE:%d", layout.size);
     return call.leave(SHMNM_OK);
 }
 
-/// Asks for the mapping, up to five times. @return whether it is new; nothing when none was to be had
+/// Creates or opens the mapping, in up to five attempts. @return whether it is new; nothing if all attempts failed
 std::optional<bool> create_mapping(Call call, uint32_t size) {
     void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
     uint32_t error = 0;
     for (int attempt = 0; attempt < 5; ++attempt) {
-        // Whoever creates leaves 0 or 183 there; a stale 183 must not make a new region look like one in use.
+        // The error tells a new region (0) from one in use (183), so a stale 183 must not be left there.
         kernel::set_last_error(0);
         void* const handle = KzmutilCreateNamedFileMapping(no_file, page_read_write, 0, size, mapping_name);
         error = kernel::last_error();
@@ -124,13 +125,13 @@ std::optional<bool> create_mapping(Call call, uint32_t size) {
     return std::nullopt;
 }
 
-/// Unmaps the view and takes it from this process's other functions.
-void unmap(const Region& region) {
+/// Withdraws the view from this process's exports and unmaps it.
+void unmap_region(const Region& region) {
     withdraw_region();
     kernel::unmap_view(region.base);
 }
 
-uint32_t clear(Call call, const Region& region) {
+uint32_t clear_and_log(Call call, const Region& region) {
     const ChangeNote note(region, true, {.call = NotedCall::clear});
     clear_region(region);
     note.forget_older();
@@ -138,7 +139,7 @@ uint32_t clear(Call call, const Region& region) {
     return SHMNM_OK;
 }
 
-uint32_t dump(Call call, const Region& region, uint8_t* buf, int32_t* size) {
+uint32_t dump_region(Call call, const Region& region, uint8_t* buf, int32_t* size) {
     if (!size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const uint32_t region_size = region.layout.size;
     if (!buf) {
@@ -166,15 +167,16 @@ uint32_t shmnm_create(void) {
         return call.leave(SHMNM_OK);
     }
     Counts counts;
-    if (const uint32_t result = prepare(call, counts); result != SHMNM_OK) return result;
+    if (const uint32_t result = prepare_mapping(call, counts); result != SHMNM_OK) return result;
     const Layout layout(counts);
     const std::optional<bool> is_new = create_mapping(call, layout.size);
     if (!is_new) return leave_and_close_log(call, SHMNM_ERR_CREATEMAP);
-    if (const uint32_t result = map(call, create_handle, counts, layout, *is_new, "MapViewOfFile failed(errno:%d)");
+    if (const uint32_t result =
+            map_region(call, create_handle, counts, layout, *is_new, "MapViewOfFile failed(errno:%d)");
         result != SHMNM_OK) {
         return result;
     }
-    return mapped(call, layout);
+    return leave_mapped(call, layout);
 }
 
 uint32_t shmnm_attach(void) {
@@ -190,7 +192,7 @@ uint32_t shmnm_attach(void) {
         return call.leave(SHMNM_OK);
     }
     Counts counts;
-    if (const uint32_t result = prepare(call, counts); result != SHMNM_OK) return result;
+    if (const uint32_t result = prepare_mapping(call, counts); result != SHMNM_OK) return result;
     const Layout layout(counts);
     void* const handle = KzmutilOpenNamedFileMapping(all_access, 1, mapping_name);
     if (!handle) {
@@ -198,12 +200,13 @@ uint32_t shmnm_attach(void) {
         return leave_and_close_log(call, SHMNM_ERR_OPENMAP);
     }
     attach_handle.assign(handle);
-    if (const uint32_t result = map(call, attach_handle, counts, layout, false, "MapViewOfFile() failed(errno:%d)");
+    if (const uint32_t result =
+            map_region(call, attach_handle, counts, layout, false, "MapViewOfFile() failed(errno:%d)");
         result != SHMNM_OK) {
         return result;
     }
     ++attach_count;
-    return mapped(call, layout);
+    return leave_mapped(call, layout);
 }
 
 uint32_t shmnm_detach(void) {
@@ -214,7 +217,7 @@ uint32_t shmnm_detach(void) {
     if (!region) return call.leave(call.fail(SHMNM_ERR_NOTINIT, "not init"));
     if (--attach_count > 0) return call.leave(SHMNM_OK);
     attach_count = 0;
-    unmap(*region);
+    unmap_region(*region);
     attach_handle.close();
     already_init_warned = false;
     return leave_and_close_log(call, SHMNM_OK);
@@ -226,7 +229,7 @@ uint32_t shmnm_delete(void) {
     call.enter();
     const Region* const region = mapped_region();
     if (!region) return leave_and_close_log(call, call.fail(SHMNM_ERR_NOTINIT, "not init"));
-    unmap(*region);
+    unmap_region(*region);
     create_handle.close();
     return leave_and_close_log(call, SHMNM_OK);
 }
@@ -235,9 +238,9 @@ uint32_t shmnm_clear(void) {
     // The one export without an entry line.
     const Call call{"shmnm_clear"};
     const Region* const region = mapped_region();
-    return call.leave(region ? clear(call, *region) : call.fail(SHMNM_ERR_NOTINIT, "not init"));
+    return call.leave(region ? clear_and_log(call, *region) : call.fail(SHMNM_ERR_NOTINIT, "not init"));
 }
 
 uint32_t shmnm_dump(uint8_t* buf, int32_t* size) {
-    return framed<dump>("_dump", buf, size);
+    return framed<dump_region>("_dump", buf, size);
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int status_not_loaded = 127;  // as the dynamic loader ends a program that lacks a library
+constexpr int status_not_loaded = 127;  // the dynamic loader's own status if a library is missing
 
 [[gnu::constructor]] void process_attach() {
     if (shmnm::load_library()) return;

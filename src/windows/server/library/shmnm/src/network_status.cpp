@@ -1,4 +1,4 @@
-// The network-wide state words: a second one for every pair of an hb resource and a server, in an area of their own.
+// The network-wide states: a second state word for each pair of an hb resource and a server, in an area of its own.
 #include "state_grid.h"
 
 using namespace shmnm;

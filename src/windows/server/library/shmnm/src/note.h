@@ -1,6 +1,6 @@
-// The note of a change in progress: what a call is about to do to the region and how far it has come, in the page of
-// the lock's mutex, so that it stays when the caller is killed. A format that processes of different builds share; it
-// is no part of the library's interface. docs/region-format.md describes it.
+// The note of a change in progress: what a call is about to do to the region, and how much of it is done. It lies in
+// the page of the lock's mutex, so it stays if the caller is killed. Processes of different builds share its format,
+// which is not part of the library's interface. docs/region-format.md describes it.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ enum class NotedCall : uint32_t {
     addfstpid,  ///< shmnm_setfstrscpid() with a new name
     setmaxvalue,
     clear,
-    // From here on calls that set values: what they leave is none of the tables' business.
+    // From here on, calls that set values: even if they are interrupted, the tables are whole.
     setfstpid,  ///< shmnm_setfstrscpid() with a name that has a record
     sethbdescript,
     setnpdescript,
@@ -41,12 +41,12 @@ constexpr bool sets_values(NotedCall call) noexcept {
 /// The steps of a removal, in their order. Every step can be made again.
 enum class Phase : uint8_t {
     records,     ///< record `record` + 1, with an hb resource's network-wide row, is copied onto record `record`
-    last,        ///< the last record is zeroed, and its network-wide row if another one was moved
+    last,        ///< the last record is zeroed, and its network-wide row if a row was moved
     count,       ///< the count of records is stored
     hb_columns,  ///< column step `word` of hb resource `record`
     np_columns   ///< column step `word` of np resource `record`
 };
-/// How far a change has come, in one word, so that it is noted in one piece.
+/// How much of a change is done, in one word so that it is noted in one store.
 struct Stage {
     Phase phase = Phase::records;
     int32_t record = 0, word = 0;  ///< below 2^28, as in every region that a view can hold
@@ -63,17 +63,18 @@ struct Stage {
 };
 
 struct Note {
-    static constexpr uint32_t closed = 0, open = 1;  ///< any other state: of a format that this build does not know
+    static constexpr uint32_t closed = 0,
+                              open = 1;  ///< any other state belongs to a format that this build does not know
 
     uint32_t state;  ///< written last
     NotedCall call;
     uint32_t process;  ///< its caller
     int32_t position;  ///< of the record, or the index of the column
     uint64_t progress;
-    uint64_t takes;                                           ///< of the lock, up to the caller's
-    uint64_t looks;                                           ///< those among them by which tools only looked
-    uint64_t object;                                          ///< the mapping's number
-    int32_t servers, hb, np, fst;                             ///< the counts that the region was mapped by
+    uint64_t takes;                ///< of the lock, up to the caller's
+    uint64_t looks;                ///< how many of these takes were by tools that only looked
+    uint64_t object;               ///< the mapping's number
+    int32_t servers, hb, np, fst;  ///< the counts that the region was mapped by
     int32_t server_count, hb_count, np_count, fst_pid_count;  ///< as they were before
     int32_t stride;                                           ///< the header's maximum of servers
     int32_t words[3];          ///< what is stored: a priority; three maxima; a kind and a process id
@@ -83,8 +84,8 @@ struct Note {
     uint8_t data[256];         ///< a description
     uint32_t reserved_652[3];
 
-    /// A change that was left open and after which the tables have been changed: it cannot be completed any more. The
-    /// first one stays.
+    /// A change that was left open before the tables were changed again: it can no longer be completed. The first such
+    /// change is kept.
     struct Superseded {
         uint32_t state;
         NotedCall call;

@@ -1,9 +1,9 @@
-// A word's final value is found by following it backwards, from the last row to the first: a row that shifts the place
-// where the value is now had it one place further on before. Both rows and places move evenly, so the rows between two
-// changes are passed at once, and there are only a few changes: the place comes into a grid's rows, leaves them or
-// reaches the word that they open.
+// A word's final value is found by following it backwards, from the last row to the first: if a row shifts the place
+// where the value is now, the value was one place further on before. Rows and places move by constant distances, so
+// many rows are passed in one step. Few events end such a step: the place enters a grid's rows, leaves them, or reaches
+// the word that they open.
 //
-// Rows that are shifted up are the mirror image of rows that are shifted down; places count downwards there.
+// Shifting rows up is the mirror image of shifting them down; there, places count downwards.
 #include "overlapping_rows.h"
 
 #include <algorithm>
@@ -14,14 +14,15 @@
 namespace shmnm {
 namespace {
 
-/// A division of 32 bits takes a fraction of the time of one of 64; views of 16 GB do with it.
+/// Divides 32-bit numbers, if possible, in a fraction of the time that 64-bit numbers take. Views of up to 16 GB need
+/// no others.
 int64_t quotient(int64_t dividend, int64_t divisor) noexcept {
     if ((dividend | divisor) >> 32 == 0) return static_cast<uint32_t>(dividend) / static_cast<uint32_t>(divisor);
     return dividend / divisor;
 }
 
-/// How many rows on, this one included, a difference that grows by `drift` with each row stays what it is: 1 or more,
-/// 0, -1, or -2 and less.
+/// For how many rows, this row included, a difference that grows by `drift` with each row stays in its class: 1 or
+/// more, 0, -1, or -2 and less.
 int64_t unchanged(int64_t difference, int64_t drift) noexcept {
     constexpr int64_t forever = std::numeric_limits<int64_t>::max();
     if (drift == 0) return forever;
@@ -49,7 +50,7 @@ class Shifts {
             extents[i] = {std::min(first, last), std::max(first, last) + width_ + 1};
         }
         if (grids_ == 2 && extents[1].begin < extents[0].begin) std::swap(extents[0], extents[1]);
-        // A value comes from a place that is not lower, so upwards nothing is overwritten that is still needed.
+        // A value never comes from a lower place, so in ascending order no value is overwritten that is still needed.
         for (size_t i = 0; i < grids_; ++i) {
             const int64_t done = i > 0 ? extents[0].end : extents[0].begin;
             for (int64_t place = std::max(extents[i].begin, done); place < extents[i].end; ++place) settle(place);
@@ -66,12 +67,12 @@ class Shifts {
     bool shifts(size_t grid, int64_t row, int64_t place) const noexcept {
         return static_cast<uint64_t>(place - begin(grid, row)) < static_cast<uint64_t>(width_);
     }
-    /// How many words the second grid's row lies after the first one's.
+    /// How many words the second grid's row lies after the first grid's row.
     int64_t lead(int64_t row) const noexcept { return begin(1, row) - begin(0, row); }
 
-    /// How far a row has moved the value that is now at this place. The two grids' words take turns. Where one grid's
-    /// row lies before the other's, its words come from places that the other has left already; where the two are the
-    /// same or one word apart, no word is reached by both.
+    /// How far a row has moved the value that is now at this place. The words of the two grids are shifted in turn. If
+    /// one grid's row lies before the other's, its words come from places that the other row has already left. If the
+    /// two rows are the same or one word apart, no word is moved by both.
     int64_t moved(int64_t row, int64_t place) const noexcept {
         if (grids_ == 1) return shifts(0, row, place);
         const int64_t second_leads_by = lead(row);

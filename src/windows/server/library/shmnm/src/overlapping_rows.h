@@ -1,6 +1,6 @@
-// The shifts of rows of words that lie over one another, as the header of a damaged region or a maximum that was
-// changed may have it: the effect of shifting all rows, one after the other, in a time that the rows' extent limits
-// rather than their number times their width.
+// Shifts rows of words that overlap, as a damaged header or a changed maximum may make them. The effect is that of
+// shifting one row after the other, but the time is limited by the extent of the rows, not by their number times their
+// width.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ namespace shmnm {
 /// Rows at equal distances, counted in words.
 struct WordRows {
     int64_t first;     ///< the first word of row 0 that takes part
-    int64_t distance;  ///< from a row to the next one; may be 0 or negative
+    int64_t distance;  ///< from each row to the next; may be 0 or negative
 };
 
 /// The rows of one grid, or of two whose words are shifted in turn.

@@ -1,4 +1,4 @@
-// The simulation of a network partition: a word for the cluster and one for each server, both 0 or 1.
+// The simulation of a network partition: one word for the cluster and one per server, each 0 or 1.
 #include <algorithm>
 
 #include "change_note.h"
@@ -9,12 +9,12 @@ namespace shmnm {
 namespace {
 
 /// Whether a server has an entry in the caller's array, which is indexed by priority.
-bool fits(int32_t pri, int32_t count) {
+bool has_entry(int32_t pri, int32_t count) {
     return pri >= 0 && pri < count;
 }
 
-/// What is stored for a server when the caller asks for `wanted`: 0 in place of any other value than 0 and 1.
-uint32_t accepted(Call call, uint32_t wanted, int32_t pri) {
+/// The value to store for a server if the caller asks for `wanted`: any value other than 0 and 1 becomes 0.
+uint32_t accepted_value(Call call, uint32_t wanted, int32_t pri) {
     if (wanted > 1) {
         call.log(Level::warning, "invalid node dfailstatus(%d), set %d. (pri: %d)", wanted, 0, pri);
         return 0;
@@ -30,15 +30,15 @@ uint32_t set_simulation(Call call, const Region& region, uint32_t flag, const ui
     for (int32_t position = 0; position < servers.records.count(); ++position) {
         shmnm_server& server = servers.records[position];
         const int32_t pri = load(server.pri);
-        const bool asked = on && nodefail && fits(pri, count);
-        store(server.dfailstatus, accepted(call, asked ? nodefail[pri] : 0, pri));
+        const bool asked = on && nodefail && has_entry(pri, count);
+        store(server.dfailstatus, accepted_value(call, asked ? nodefail[pri] : 0, pri));
     }
     if (flag > 1) {
         call.log(Level::warning, "invalid cluster dfailstatus(%d), set %d.", flag, 0);
     } else {
         call.log(Level::information, "set cluster dfailstatus(%d).", flag);
     }
-    // Last, so that whoever sees the simulation on finds every server's word in place.
+    // Last, so that a reader that sees the simulation on also sees every server's word.
     store(region.header().dfailstatus, uint32_t{on});
     return SHMNM_OK;
 }
@@ -53,7 +53,7 @@ uint32_t get_simulation(Call call, const Region& region, uint32_t* flag, uint32_
             const shmnm_server& server = servers.records[position];
             const int32_t pri = load(server.pri);
             const uint32_t stat = load(server.dfailstatus);
-            if (fits(pri, count)) {
+            if (has_entry(pri, count)) {
                 nodefail[pri] = stat;
             } else {
                 call.log(Level::warning, "invalid node priority(%d), ignore. (stat: %d)", pri, stat);
@@ -64,7 +64,7 @@ uint32_t get_simulation(Call call, const Region& region, uint32_t* flag, uint32_
     return SHMNM_OK;
 }
 
-uint32_t get_flag(Call, const Region& region, uint32_t* flag) {
+uint32_t get_simulation_flag(Call, const Region& region, uint32_t* flag) {
     if (flag) *flag = load(region.header().dfailstatus);
     return SHMNM_OK;
 }
@@ -82,5 +82,5 @@ uint32_t shmnm_getnpsimu(uint32_t* flag, uint32_t* nodefail, int32_t count) {
     return framed<get_simulation>("shmnm_getnpsimu", flag, nodefail, count);
 }
 uint32_t shmnm_getnpsimuflag(uint32_t* flag) {
-    return framed<get_flag>("shmnm_getnpsimuflag", flag);
+    return framed<get_simulation_flag>("shmnm_getnpsimuflag", flag);
 }

@@ -6,7 +6,7 @@ namespace {
 constinit Region mapping_of_process;
 constinit std::atomic<const Region*> published{nullptr};
 
-/// The bytes of the strip at a position that lie in the view. Steps of 0 or less hold none.
+/// How many bytes of the strip at a position lie in the view: none if the step is 0 or less.
 uint64_t visible_bytes(const Region& mapping, const Strip& strip, int32_t position) noexcept {
     return strip.step > 0 ? mapping.clipped(strip.at(position), static_cast<uint64_t>(strip.step)) : 0;
 }

@@ -15,17 +15,17 @@ struct Counts {
     int32_t servers = 128, hb = 16, np = 16, fst = 1;
 };
 
-/// Where the areas start, as distances from the region's start in 64-bit arithmetic. A negative distance is a very
-/// large one.
+/// Where the areas start: distances in bytes from the region's start, in 64-bit arithmetic. A negative distance wraps
+/// to a very large one.
 struct Layout {
     explicit constexpr Layout(const Counts& counts) noexcept;
     constexpr Layout() noexcept = default;
 
     uint64_t servers = 0, hb = 0, np = 0, fst = 0, fst_pids = 0, network = 0;
-    uint32_t size = 0;  ///< of the whole region, in bytes; wraps, as do the sizes of all processes
+    uint32_t size = 0;  ///< of the whole region, in bytes; wraps at 32 bits, in every process alike
 };
 
-/// Every word of the region is loaded and stored by these two: other processes write at the same time.
+/// Only these two functions load and store words of the region: other processes write at the same time.
 template <typename Word>
 Word load(const Word& word) noexcept {
     static_assert(sizeof(Word) == 4);
@@ -37,13 +37,13 @@ void store(Word& word, Word value) noexcept {
     std::atomic_ref<Word>(word).store(value, std::memory_order_relaxed);
 }
 
-/// What was written before this stays before what is written after it: for threads that look on, and for whoever finds
-/// the region when this process is killed in between.
+/// Keeps earlier writes before later writes, for other threads that read meanwhile and for the processes that find the
+/// region if this one is killed in between.
 inline void keep_order() noexcept {
     std::atomic_thread_fence(std::memory_order_acq_rel);
 }
 
-/// Stores two words of the region in one instruction, so that a process that is killed has stored both or none.
+/// Stores two words of the region in one instruction, so that a killed process has stored both or neither.
 struct Pair {
     uint32_t first, second;
 };
@@ -52,7 +52,7 @@ struct Pair {
     *static_cast<volatile Both*>(place) = uint64_t{pair.second} << 32 | pair.first;
 }
 
-/// Block operations on words of the region, a word at a time, upwards.
+/// Block operations on words of the region, one word at a time in ascending order.
 template <typename Word>
 void copy_words(Word* to, const Word* from, size_t count) noexcept {
     for (size_t i = 0; i < count; ++i) store(to[i], load(from[i]));
@@ -61,16 +61,7 @@ inline void zero_words(void* first, size_t bytes) noexcept {
     auto* const words = static_cast<uint32_t*>(first);
     for (size_t i = 0; i < bytes / sizeof *words; ++i) store(words[i], uint32_t{0});
 }
-
-/// What the library writes into every state that it opens.
-inline constexpr uint32_t opened_state = 2;
-
-/// The length of a text that ends at its NUL or, without one, after `limit` bytes.
-inline size_t text_length(const char* text, size_t limit) noexcept {
-    const void* const nul = std::memchr(text, 0, limit);
-    return nul ? static_cast<size_t>(static_cast<const char*>(nul) - text) : limit;
-}
-/// Writes bytes over the first ones of a field, a word at a time. The bytes after them stay.
+/// Overwrites the first `size` bytes of a field, one word at a time. The rest of the field stays.
 inline void put_bytes(void* field, const void* bytes, size_t size) noexcept {
     auto* const words = static_cast<uint32_t*>(field);
     const auto* const from = static_cast<const uint8_t*>(bytes);
@@ -82,58 +73,35 @@ inline void put_bytes(void* field, const void* bytes, size_t size) noexcept {
         store(place, word);
     }
 }
-/// Writes the first `length` bytes of a text into a field, a word at a time, zero-padded.
-inline void put_padded(char* field, size_t size, const char* text, size_t length) noexcept {
-    auto* const words = reinterpret_cast<uint32_t*>(field);
-    size_t at = 0;
-    for (; at < length; at += sizeof *words) {
-        uint32_t word = 0;
-        const size_t left = length - at;
-        std::memcpy(&word, text + at, left < sizeof word ? left : sizeof word);
-        store(words[at / sizeof word], word);
-    }
-    if (at < size) zero_words(field + at, size - at);
-}
-/// Writes a text into a field of `size` bytes, zero-padded. A text that fills the field is cut and has no NUL there.
-inline void put_text(char* field, size_t size, const char* text) noexcept {
-    put_padded(field, size, text, text_length(text, size));
-}
-/// The same, but the field's last byte is always NUL.
-inline void put_terminated(char* field, size_t size, const char* text) noexcept {
-    put_padded(field, size, text, text_length(text, size - 1));
-}
-/// Copies a field of `size` bytes out, up to and with its NUL, if it has one.
-inline void get_text(char* text, const char* field, size_t size) noexcept {
-    const size_t length = text_length(field, size);
-    std::memcpy(text, field, length);
-    if (length < size) text[length] = 0;
-}
+
+/// The value that the library gives a state when it opens it.
+inline constexpr uint32_t opened_state = 2;
 
 /// The mapped region of this process.
 struct Region {
     uint8_t* base = nullptr;
     size_t view_size = 0;  ///< bytes mapped: whole pages, so the header always fits
-    Counts counts;         ///< those that it was mapped by
-    Layout layout;         ///< which follows from them
-    uint64_t object = 0;   ///< another region has another number; 0 where the system has none
+    Counts counts;         ///< by which it was mapped
+    Layout layout;         ///< follows from the counts
+    uint64_t object = 0;   ///< differs from region to region; 0 if the system has no such number
 
     shmnm_header& header() const noexcept { return *reinterpret_cast<shmnm_header*>(base); }
     const uint8_t* end() const noexcept { return base + view_size; }
-    /// Whether that many bytes at this distance from the start lie in the view.
+    /// Whether `size` bytes at `offset` lie in the view.
     bool holds(uint64_t offset, uint64_t size) const noexcept {
         return offset <= view_size && size <= view_size - offset;
     }
-    /// That many bytes at this distance, or as many of them as lie before the end of the view.
+    /// How many of `size` bytes at `offset` lie in the view.
     uint64_t clipped(uint64_t offset, uint64_t size) const noexcept {
         if (offset >= view_size) return 0;
         return size < view_size - offset ? size : view_size - offset;
     }
-    /// The word at this distance, which must lie in the view.
+    /// The word at `offset`, which must lie in the view.
     uint32_t* word(uint64_t offset) const noexcept { return reinterpret_cast<uint32_t*>(base + offset); }
 };
 
-/// Things that lie at equal distances. The arithmetic wraps at 64 bits, as addresses do: what comes out is tested
-/// against the view wherever a position or a step has not been.
+/// Records or rows at equal distances. The arithmetic wraps at 64 bits, as addresses do. Callers check the result
+/// against the view unless they have checked the position and the step.
 struct Strip {
     uint64_t start;
     int64_t step;
@@ -143,10 +111,11 @@ struct Strip {
     }
 };
 
-/// Zeroes the `step` bytes at a position, as far as they lie in the view.
+/// Zeroes those of the `step` bytes at a position that lie in the view.
 void zero_place(const Region& region, const Strip& strip, int32_t position) noexcept;
-/// Copies the `step` bytes at the next position down to this one and zeroes them there, as far as they lie in the view.
-/// @return whether any do
+/// Moves those of the `step` bytes at the next position that lie in the view to this position, and zeroes their old
+/// place.
+/// @return whether there were any
 bool take_next(const Region& region, const Strip& strip, int32_t position) noexcept;
 
 /// A record and its position, or neither.
@@ -159,7 +128,7 @@ struct Found {
     Record* operator->() const noexcept { return record; }
 };
 
-/// A table of records in the view: the number of those that a scan may visit is settled before the scan begins.
+/// The records of a table that lie in the view. How many a scan may visit is settled before the scan begins.
 template <typename Record>
 class Table {
   public:
@@ -178,7 +147,7 @@ class Table {
     Found<Record> first(const Matches& matches) const noexcept {
         return from(first_, 0, matches);
     }
-    /// The first one that `may_match`, as few do, and `matches`.
+    /// The first record that `may_match` and then `matches`. Few records may match.
     template <typename MayMatch, typename Matches>
     [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches) const noexcept {
         uint8_t* place = first_;
@@ -190,7 +159,7 @@ class Table {
         }
     }
 
-    /// The same, but if the first one that may match does not, `later` returns the first one from the next position on.
+    /// The same, but if the first record that may match does not match, `later` searches from the next position on.
     template <typename MayMatch, typename Matches, typename Later>
     [[gnu::always_inline]] Found<Record> first(const MayMatch& may_match, const Matches& matches,
                                                const Later& later) const noexcept {
@@ -199,7 +168,7 @@ class Table {
     }
 
   private:
-    /// The first one that `matches` of the records from this place and position on.
+    /// The first record at or after this place and position that `matches`.
     template <typename Matches>
     [[gnu::always_inline]] Found<Record> from(uint8_t* place, int32_t position, const Matches& matches) const noexcept {
         constexpr int32_t stride = 4;
@@ -219,8 +188,8 @@ class Table {
         return *reinterpret_cast<Record*>(place);
     }
 
-    /// How many of `count` records lie wholly in the view. Records that do not follow one another (a step that is not
-    /// above 0) have no places of their own: there are none.
+    /// How many of `count` records lie wholly in the view. With a step of 0 or less, records have no places of their
+    /// own, and there are none.
     static int32_t visible(uint64_t view_size, const Strip& strip, int32_t count) noexcept {
         static_assert(sizeof(Record) <= 4096);  // a view is a page at least
         const uint64_t last_start = view_size - sizeof(Record);
@@ -237,7 +206,7 @@ class Table {
     int32_t count_;
 };
 
-/// The place behind `count` records, or null if that is not in the view.
+/// The place after `count` records, or null if it does not lie wholly in the view.
 template <typename Record>
 Record* free_place(const Region& region, const Strip& strip, int32_t count) noexcept {
     if (count < 0 || count == INT32_MAX) return nullptr;
@@ -247,7 +216,7 @@ Record* free_place(const Region& region, const Strip& strip, int32_t count) noex
 
 /// The region, or null while it is not mapped in this process.
 const Region* mapped_region() noexcept;
-/// Publishes a mapped view to the exports of this process, or takes it back. The caller holds the library lock.
+/// Publishes a mapped view to the exports of this process, or withdraws it. The caller holds the library lock.
 void publish_region(const Region& region) noexcept;
 void withdraw_region() noexcept;
 

@@ -1,4 +1,4 @@
-// The description field of a resource record: free bytes, as many as the caller has, at most 256.
+// The description of a resource: up to 256 bytes, free for callers to use.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 namespace shmnm {
 
-/// Both take a size above 0. Bytes of the field behind it stay as they are.
+/// Both take a size above 0. The rest of the field stays as it was.
 inline void put_description(shmnm_resource& resource, const void* data, int32_t size) noexcept {
     put_bytes(resource.descript, data, std::min(static_cast<size_t>(size), sizeof resource.descript));
 }

@@ -23,7 +23,7 @@ uint32_t get_resource_state(Call call, const Region& region, const Kind& kind, c
     return SHMNM_OK;
 }
 
-/// A type to look for in a healthy table, where nothing that is set can change a type.
+/// A type to look for in a healthy table, where setting states cannot change a type.
 struct HealthyType {
     bool equals(const char* field) const noexcept { return key.equals(field, end); }
     void were_set(const uint32_t*, const uint32_t*, uint32_t) const noexcept {}
@@ -43,7 +43,7 @@ void set_own_states(const Resources& resources, Type type, uint32_t stat) noexce
     }
 }
 
-/// Sets the states of each resource of a type on all servers. Rows may lie over one another: each word is set once.
+/// Sets the states of each resource of a type on all servers. Rows may overlap; each word is set once.
 template <typename Type>
 void set_rows(const Resources& resources, Type type, uint64_t row_size, uint32_t stat) noexcept {
     const Region& region = resources.region;
@@ -70,7 +70,7 @@ uint32_t set_states_of_type(Call call, const Region& region, const Kind& kind, c
     } else {
         set_own_states(resources, healthy, stat);
     }
-    // Each type is tested again, after whatever has been set by then.
+    // Each type is compared again, because in overlapping records the states that were set may have changed it.
     const int32_t servers = load(region.header().server_count);
     const uint64_t row_size = servers > 0 ? sizeof(uint32_t) * static_cast<uint64_t>(servers) : 0;
     if (reads_on || static_cast<uint64_t>(resources.strip.step) < sizeof(shmnm_resource) + row_size) [[unlikely]] {

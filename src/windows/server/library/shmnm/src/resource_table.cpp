@@ -1,5 +1,5 @@
-// The hb and np resources: added behind the last one, removed with the gap closed, modified, looked up, and listed by
-// type and by name. An hb resource's row of network-wide states comes and goes with it.
+// Adds, removes, modifies and looks up hb and np resources, and lists them by type and by name. A new resource is
+// appended, and a removal closes the gap. An hb resource's row of network-wide states is added and removed with it.
 #include "resource_table.h"
 
 #include "change_note.h"
@@ -7,8 +7,8 @@
 
 namespace shmnm {
 
-Found<shmnm_resource> find_later(const Region& region, Table<shmnm_resource> records, int32_t position,
-                                 const char* type, const char* name) noexcept {
+Found<shmnm_resource> find_resource_from(const Region& region, Table<shmnm_resource> records, int32_t position,
+                                         const char* type, const char* name) noexcept {
     const TextKey key(name);
     if (!may_read_on(records, key)) {
         for (; position < records.count(); ++position) {
@@ -49,7 +49,7 @@ uint32_t add_resource(Call call, const Region& region, const Kind& kind, const c
                            .type = type,
                            .name = name,
                            .words = {static_cast<int32_t>(pri)}});
-    // All that the count is about to show is there before it.
+    // Everything that the new count makes visible is written before it.
     if (regular) open_row(rows, count, server_count);
     write_resource(*resource, type, name, pri);
     keep_order();
@@ -74,7 +74,7 @@ uint32_t remove_resource(Call call, const Region& region, const Kind& kind, cons
         take_out_resource(resources, resource.position, resources.count, note.progress(), {});
         return SHMNM_OK;
     }
-    // The network-wide row that no other row moves onto keeps its values, deliberately.
+    // Deliberately, if the last resource is removed, its network-wide row keeps its values.
     zero_place(region, resources.strip, resource.position);
     bool moved = true;
     for (int32_t position = resource.position; moved && position < resources.count - 1; ++position) {
@@ -103,7 +103,7 @@ uint32_t get_resource_priority(Call call, const Region& region, const Kind& kind
     return SHMNM_OK;
 }
 
-uint32_t get_type(Call call, const Region& region, const Kind& kind, char* type, const char* name) {
+uint32_t get_resource_type(Call call, const Region& region, const Kind& kind, char* type, const char* name) {
     if (!name || !*name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto resource = Resources(region, kind).find(nullptr, name);
     if (!resource) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -111,12 +111,13 @@ uint32_t get_type(Call call, const Region& region, const Kind& kind, char* type,
     return SHMNM_OK;
 }
 
-uint32_t list_types(Call call, const Region& region, const Kind& kind, char* buf, uint32_t* size) {
+uint32_t list_resource_types(Call call, const Region& region, const Kind& kind, char* buf, uint32_t* size) {
     const auto type_of = [](const shmnm_resource& resource) { return resource.type; };
     return list_texts(call, region, Resources(region, kind).records, type_of, buf, size);
 }
 
-uint32_t list_names(Call call, const Region& region, const Kind& kind, const char* type, char* buf, uint32_t* size) {
+uint32_t list_resource_names(Call call, const Region& region, const Kind& kind, const char* type, char* buf,
+                             uint32_t* size) {
     const Resources resources(region, kind);
     const TextKey key(type);
     const auto name_of = [&](const shmnm_resource& resource) {
@@ -162,20 +163,20 @@ uint32_t shmnm_getnprscpri(const char* type, const char* name, uint32_t* pri) {
     return framed<get_resource_priority>("_getnprscpri", np, type, name, pri);
 }
 uint32_t shmnm_gethbrscinfo(char* type, const char* name) {
-    return framed<get_type>("_gethbrscinfo", hb, type, name);
+    return framed<get_resource_type>("_gethbrscinfo", hb, type, name);
 }
 uint32_t shmnm_getnprscinfo(char* type, const char* name) {
-    return framed<get_type>("_getnprscinfo", np, type, name);
+    return framed<get_resource_type>("_getnprscinfo", np, type, name);
 }
 uint32_t shmnm_enumhbtype(char* buf, uint32_t* size) {
-    return framed<list_types>("_enumhbtype", hb, buf, size);
+    return framed<list_resource_types>("_enumhbtype", hb, buf, size);
 }
 uint32_t shmnm_enumnptype(char* buf, uint32_t* size) {
-    return framed<list_types>("_enumnptype", np, buf, size);
+    return framed<list_resource_types>("_enumnptype", np, buf, size);
 }
 uint32_t shmnm_enumhbrsc(const char* type, char* buf, uint32_t* size) {
-    return framed<list_names>("_enumhbrsc", hb, type, buf, size);
+    return framed<list_resource_names>("_enumhbrsc", hb, type, buf, size);
 }
 uint32_t shmnm_enumnprsc(const char* type, char* buf, uint32_t* size) {
-    return framed<list_names>("_enumnprsc", np, type, buf, size);
+    return framed<list_resource_names>("_enumnprsc", np, type, buf, size);
 }

@@ -1,35 +1,35 @@
-// The hb and the np table, for those who look resources up in them: where their records and the state words of their
-// resources on each server lie.
+// The hb and np tables, for looking up resources: where the records lie, and the state words of each resource for each
+// server.
 #pragma once
 
 #include "ascending_text.h"
 #include "frame.h"
 #include "overlapping_rows.h"
 #include "region.h"
-#include "text_key.h"
+#include "text.h"
 
 namespace shmnm {
 
-/// A grid of state words, a row for each resource and in it a word for each server.
+/// A grid of state words: one row per resource, and in it one word per server.
 struct Grid {
     uint64_t Layout::*start;  ///< where the grid's area starts
-    uint32_t before;          ///< bytes that lie there before each row
+    uint32_t before;          ///< bytes in that area before each row
 
-    /// The rows, each as long as the most servers that there can be.
+    /// The rows, each with one word for each of `max_servers` servers.
     Strip rows(const Region& region, int32_t max_servers) const noexcept {
         return {region.layout.*start + before, before + int64_t{sizeof(uint32_t)} * max_servers};
     }
 };
-/// The words of the hb resources that stand for the whole network.
+/// The network-wide states of the hb resources.
 inline constexpr Grid network_states{&Layout::network, 0};
 
-/// All that tells the hb table from the np table.
+/// Everything that differs between the hb table and the np table.
 struct Kind {
     int32_t shmnm_header::*count;  ///< records in use
     int32_t shmnm_header::*limit;  ///< records allowed
     Grid states;                   ///< the rows within the records; the grid starts where the table does
-    const Grid* network;           ///< the rows that the resources own besides, if they do
-    const char* full;              ///< the line for a full table
+    const Grid* network;           ///< the resources' network-wide rows; null if they have none
+    const char* full;              ///< the log message for a full table
 };
 inline constexpr Kind hb{&shmnm_header::hb_count,
                          &shmnm_header::max_hb,
@@ -42,37 +42,37 @@ inline constexpr Kind np{&shmnm_header::np_count,
                          nullptr,
                          "np resource count is over(%d)"};
 
-/// Where the word of a resource on a server lies. It wraps, as addresses do, for a position before the row: what comes
-/// out is tested against the view.
+/// Where a resource's word for a server lies. For a position before the row it wraps, as addresses do, so callers check
+/// it against the view.
 inline uint64_t cell_offset(const Strip& rows, int32_t resource, int64_t server) noexcept {
     return rows.at(resource) + sizeof(uint32_t) * static_cast<uint64_t>(server);
 }
 
-/// The first of these records, from a position on, with this type (null: of any type) and name.
-Found<shmnm_resource> find_later(const Region& region, Table<shmnm_resource> records, int32_t position,
-                                 const char* type, const char* name) noexcept;
+/// The first of these records at or after a position that has this type (null: any type) and name.
+Found<shmnm_resource> find_resource_from(const Region& region, Table<shmnm_resource> records, int32_t position,
+                                         const char* type, const char* name) noexcept;
 
-/// The first of these records with this type (null: of any type) and name. Which text is compared first makes no
-/// difference to the outcome; names differ more often.
-[[gnu::always_inline]] inline Found<shmnm_resource> find_here(const Region& region,
-                                                              const Table<shmnm_resource>& records, const char* type,
-                                                              const char* name) noexcept {
+/// The first of these records with this type (null: any type) and name, searched inside the caller. Names are compared
+/// first because they differ more often.
+[[gnu::always_inline]] inline Found<shmnm_resource> find_resource_inline(const Region& region,
+                                                                         const Table<shmnm_resource>& records,
+                                                                         const char* type, const char* name) noexcept {
     const TextKey key(name);
     const auto may_match = [&](const shmnm_resource& resource) { return key.may_equal(resource.name); };
     const auto matches = [&](const shmnm_resource& resource) __attribute__((always_inline)) {
         return key.equals_around(resource.name, region.end()) &&
                (!type || holds_text(resource.type, region.end(), type));
     };
-    const auto later = [&](int32_t next) { return find_later(region, records, next, type, name); };
+    const auto later = [&](int32_t next) { return find_resource_from(region, records, next, type, name); };
     return records.first(may_match, matches, later);
 }
-/// The same, for those whom a call more costs nothing.
-inline Found<shmnm_resource> find(const Region& region, const Table<shmnm_resource>& records, const char* type,
-                                  const char* name) noexcept {
-    return find_here(region, records, type, name);
+/// The same, for callers that can afford an extra call.
+inline Found<shmnm_resource> find_resource(const Region& region, const Table<shmnm_resource>& records, const char* type,
+                                           const char* name) noexcept {
+    return find_resource_inline(region, records, type, name);
 }
 
-/// The resources of a table as the header counts and spaces them now.
+/// The resources of a table, with the count and the spacing that the header has at this moment.
 struct Resources {
     Resources(const Region& mapping, const Kind& table) noexcept
         : region(mapping),
@@ -83,19 +83,19 @@ struct Resources {
           records(mapping, strip, count) {}
 
     Found<shmnm_resource> find(const char* type, const char* name) const noexcept {
-        return shmnm::find(region, records, type, name);
+        return find_resource(region, records, type, name);
     }
-    [[gnu::always_inline]] Found<shmnm_resource> find_here(const char* type, const char* name) const noexcept {
-        return shmnm::find_here(region, records, type, name);
+    [[gnu::always_inline]] Found<shmnm_resource> find_inline(const char* type, const char* name) const noexcept {
+        return find_resource_inline(region, records, type, name);
     }
     Strip rows(const Grid& grid) const noexcept { return grid.rows(region, max_servers); }
 
     const Region& region;
     const Kind& kind;
     int32_t max_servers;
-    int32_t count;                  ///< as the header has it
+    int32_t count;                  ///< as in the header
     Strip strip;                    ///< the records, each with its row
-    Table<shmnm_resource> records;  ///< those in the view
+    Table<shmnm_resource> records;  ///< those of them in the view
 };
 
 /// The rows of state words that each resource has: one within its record and, for hb, one in the network-wide grid.
@@ -106,8 +106,8 @@ class StateRows {
         if (resources.kind.network) strips_[count_++] = resources.rows(*resources.kind.network);
     }
 
-    /// Whether the words of a resource on the servers from position `first` to `last` lie in the view. Where they do,
-    /// open() and copy() may follow.
+    /// Whether a resource's words for the servers from position `first` to `last` lie in the view. Only then may open()
+    /// and copy() be called for them.
     bool hold(int32_t resource, int64_t first, int64_t last) const noexcept {
         const uint64_t size = last < first ? 0 : sizeof(uint32_t) * static_cast<uint64_t>(last - first + 1);
         for (size_t i = 0; i < count_; ++i) {
@@ -123,7 +123,7 @@ class StateRows {
             store(*region_.word(offset(i, resource, to)), load(*region_.word(offset(i, resource, from))));
         }
     }
-    /// Where the words on a server lie, counted in words from the region's start.
+    /// Where the words for a server lie, counted in words from the region's start.
     WordGrids from(int64_t server) const noexcept {
         WordGrids grids{.count = count_};
         for (size_t i = 0; i < count_; ++i) {
@@ -143,7 +143,7 @@ class StateRows {
     size_t count_ = 0;
 };
 
-/// The line and the code for a resource that is not there.
+/// Logs that there is no such resource. @return the code
 inline uint32_t not_found(Call call, const char* type, const char* name, int32_t line = __builtin_LINE()) {
     return call.fail(SHMNM_ERR_NOTFOUND, {"type:%s,name:%s not found", line}, type ? type : "-", name);
 }

@@ -1,5 +1,5 @@
-// The columns of a server that comes or goes, as the server table opens and closes them: calls of their own in the log,
-// steps of the server's change in its note.
+// Opens and closes the columns of a server that is added or removed: calls of their own in the log, but steps of the
+// server's change in its note.
 #pragma once
 
 #include "change_note.h"

@@ -28,7 +28,7 @@ uint32_t get_server_word(Call call, const Region& region, ServerWord word, const
     return SHMNM_OK;
 }
 
-/// The combined state. There is none, deliberately, for an isolation flag other than 0 and 1 where that flag decides.
+/// The combined state. Deliberately, there is none if the isolation flag decides and is neither 0 nor 1.
 std::optional<uint32_t> combined_state(uint32_t nodestat, uint32_t waitstat, uint32_t isolateflag) {
     constexpr uint32_t isolated = 0x10, waiting = 0x10002, unknown = 9;
     switch (nodestat) {
@@ -44,7 +44,7 @@ std::optional<uint32_t> combined_state(uint32_t nodestat, uint32_t waitstat, uin
     }
 }
 
-uint32_t get_combined(Call call, const Region& region, const char* name, uint32_t* value) {
+uint32_t get_combined_state(Call call, const Region& region, const char* name, uint32_t* value) {
     if (!name || !value) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).named(name);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", name);
@@ -54,7 +54,7 @@ uint32_t get_combined(Call call, const Region& region, const char* name, uint32_
     return SHMNM_OK;
 }
 
-uint32_t check_alive(Call call, const Region& region, const char* name, uint32_t* flag) {
+uint32_t check_any_alive(Call call, const Region& region, const char* name, uint32_t* flag) {
     if (!flag) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     *flag = 0;
     const TextKey excluded(name);
@@ -116,8 +116,8 @@ uint32_t shmnm_getholdstat(const char* name, uint32_t* stat) {
 }
 
 uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat) {
-    return framed<get_combined>("_getnodecombstat", name, stat);
+    return framed<get_combined_state>("_getnodecombstat", name, stat);
 }
 uint32_t shmnm_chkalivesv(const char* name, uint32_t* flag) {
-    return framed<check_alive>("shmnm_chkalivesv", name, flag);
+    return framed<check_any_alive>("shmnm_chkalivesv", name, flag);
 }

@@ -1,5 +1,5 @@
-// The servers: added behind the last one, removed with the gap closed, so that a server's position is its column in
-// every resource; modified, listed, and looked up by name and by priority.
+// Adds, removes, modifies and lists servers, and looks them up by name and by priority. A new server is appended, and a
+// removal closes the gap, so a server's position is its column in every resource.
 #include "server_table.h"
 
 #include "server_columns.h"
@@ -22,13 +22,13 @@ uint32_t add_server(Call call, const Region& region, const char* name, int32_t p
     const bool regular = is_regular(region);
     const ChangeNote note(region, regular,
                           {.call = NotedCall::addnode, .position = count, .name = name, .words = {pri}});
-    // All that the count is about to show is there before it.
+    // Everything that the new count makes visible is written before it.
     if (regular) open_columns_early(region, count);
     write_server(*server, name, pri);
     keep_order();
     store(region.header().server_count, count + 1);
 
-    // A column that does not open leaves the server in the table, deliberately.
+    // If a column cannot be opened, the server stays in the table, deliberately.
     if (const uint32_t result = add_hb_column(count, note); result != SHMNM_OK) {
         return call.fail(SHMNM_ERR_ADDSVSTAT, "shmnm_addhbrscsvstat() failed(ret:%d)", result);
     }
@@ -56,7 +56,7 @@ uint32_t remove_server(Call call, const Region& region, const char* name) {
         store(region.header().server_count, servers.count - 1);
     }
 
-    // A column that does not close leaves the server removed, deliberately.
+    // If a column cannot be closed, the server stays removed, deliberately.
     if (const uint32_t result = remove_hb_column(server.position, note); result != SHMNM_OK) {
         return call.fail(SHMNM_ERR_RMSVSTAT, "shmnm_rmhbrscsvstat() failed(ret:%d)", result);
     }
@@ -74,7 +74,7 @@ uint32_t modify_server(Call call, const Region& region, const char* name, int32_
     return SHMNM_OK;
 }
 
-uint32_t list(Call call, const Region& region, char* buf, uint32_t* size) {
+uint32_t list_servers(Call call, const Region& region, char* buf, uint32_t* size) {
     const Servers servers(region);
     const auto name_of = [](const shmnm_server& server) { return server.name; };
     return list_texts(call, region, servers.records, name_of, buf, size);
@@ -88,7 +88,7 @@ uint32_t get_server_priority(Call call, const Region& region, const char* name, 
     return SHMNM_OK;
 }
 
-uint32_t get_name(Call call, const Region& region, char* name, int32_t pri) {
+uint32_t get_server_name(Call call, const Region& region, char* name, int32_t pri) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
     const auto server = Servers(region).of_priority(pri);
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "pri:%d not found", pri);
@@ -111,11 +111,11 @@ uint32_t shmnm_modifynode(const char* name, int32_t pri) {
     return framed<modify_server>("_modifynode", name, pri);
 }
 uint32_t shmnm_enumnode(char* buf, uint32_t* size) {
-    return framed<list>("_enumnode", buf, size);
+    return framed<list_servers>("_enumnode", buf, size);
 }
 uint32_t shmnm_getnodepri(const char* name, int32_t* pri) {
     return framed<get_server_priority>("_getnodepri", name, pri);
 }
 uint32_t shmnm_getnodename(char* name, int32_t pri) {
-    return framed<get_name>("_getnodename", name, pri);
+    return framed<get_server_name>("_getnodename", name, pri);
 }

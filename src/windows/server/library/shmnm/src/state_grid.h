@@ -1,6 +1,6 @@
-// The work on a grid of state words: one word, a resource's row, a server's column. The grids are those within the
-// resource records and the network-wide one; the exports are left to their subjects. It is part of each export, so that
-// the grid is a constant there.
+// Sets, gets and lists the words of a grid of states: one word, a resource's row, a server's column. The grids lie
+// within the resource records and in the network-wide area. The functions are inlined into each export, so that the
+// grid is a constant there.
 #pragma once
 
 #include <algorithm>
@@ -11,13 +11,13 @@
 
 namespace shmnm {
 
-/// The word of a resource on a server, or null without one of the two, or if it does not lie in the view.
+/// A resource's word for a server. Null if either does not exist, or if the word does not lie in the view.
 [[gnu::always_inline]] inline uint32_t* find_cell(const Region& region, const Kind& kind, const Grid& grid,
                                                   const char* type, const char* name, int32_t svid) noexcept {
     const auto server = Servers(region).of_priority(svid);
     if (!server) return nullptr;
     const Resources resources(region, kind);
-    const auto resource = resources.find_here(type, name);
+    const auto resource = resources.find_inline(type, name);
     if (!resource) return nullptr;
     const uint64_t offset = cell_offset(resources.rows(grid), resource.position, server.position);
     return region.holds(offset, sizeof(uint32_t)) ? region.word(offset) : nullptr;
@@ -28,17 +28,17 @@ inline uint32_t cell_not_found(Call call, const char* type, const char* name, in
     return call.fail(SHMNM_ERR_NOTFOUND, {"type:%s,name:%s,svid:%d not found", line}, type ? type : "-", name, svid);
 }
 
-/// The size in bytes of that many words, in the 32 bits that sizes have.
+/// The size of `count` words in bytes, wrapped to the 32 bits that sizes have.
 inline uint32_t size_of_words(int32_t count) noexcept {
     return static_cast<uint32_t>(count) * sizeof(uint32_t);
 }
-/// How many of `count` words a buffer of this size takes: a damaged count may have a small 32-bit size.
+/// How many of `count` words fit into a buffer of `size` bytes: a damaged count's own size may have wrapped.
 inline int32_t words_within(int32_t count, uint32_t size) noexcept {
     return std::min(count, static_cast<int32_t>(size / sizeof(uint32_t)));
 }
 
-/// Sets or gets the word of a resource, found first by its type (null: of any type) and name, on the first server of a
-/// priority. Without such a server the resource is not looked up.
+/// Sets or gets the word of the first resource with this type (null: any type) and name, for the first server of a
+/// priority. If there is no such server, the resource is not looked up.
 [[gnu::always_inline]] inline uint32_t set_cell(Call call, const Region& region, const Kind& kind, const Grid& grid,
                                                 const char* type, const char* name, int32_t svid, uint32_t stat) {
     if (!name) return call.fail(SHMNM_ERR_PARAM, "invalid param");
@@ -57,7 +57,7 @@ inline int32_t words_within(int32_t count, uint32_t size) noexcept {
     return SHMNM_OK;
 }
 
-/// Copies the words of a resource on all servers to `buf` and their size in bytes to `size`.
+/// Copies a resource's words for all servers to `buf`, and their size in bytes to `size`.
 [[gnu::always_inline]] inline uint32_t list_row(Call call, const Region& region, const Kind& kind, const Grid& grid,
                                                 const char* type, const char* name, uint32_t* buf, uint32_t* size) {
     if (!name || !size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
@@ -70,7 +70,7 @@ inline int32_t words_within(int32_t count, uint32_t size) noexcept {
     if (*size < needed) return SHMNM_ERR_BUFFER;
     const int32_t wanted = std::max(words_within(servers, *size), 0);
     const Resources resources(region, kind);
-    const auto resource = resources.find_here(type, name);
+    const auto resource = resources.find_inline(type, name);
     if (!resource) return not_found(call, type, name);
 
     const uint64_t offset = resources.rows(grid).at(resource.position);
@@ -80,7 +80,7 @@ inline int32_t words_within(int32_t count, uint32_t size) noexcept {
     return SHMNM_OK;
 }
 
-/// Copies the words of all resources on a server to `buf`; `size` is left alone, deliberately unlike a row's.
+/// Copies the words of all resources for a server to `buf`. Deliberately leaves `size` as it was, unlike list_row().
 [[gnu::always_inline]] inline uint32_t list_column(Call call, const Region& region, const Kind& kind, const Grid& grid,
                                                    const char* svname, uint32_t* buf, uint32_t* size) {
     if (!svname || !size) return call.fail(SHMNM_ERR_PARAM, "invalid param");
@@ -95,7 +95,7 @@ inline int32_t words_within(int32_t count, uint32_t size) noexcept {
     if (!server) return call.fail(SHMNM_ERR_NOTFOUND, "name:%s not found", svname);
 
     const Strip rows = resources.rows(grid);
-    // Rows within records end with the last record in the view; the others end by themselves.
+    // Rows within records end with the last record in the view. Network-wide rows end where the view does.
     const int32_t wanted = words_within(grid.before > 0 ? resources.records.count() : resources.count, *size);
     for (int32_t resource = 0; resource < wanted; ++resource) {
         const uint64_t offset = cell_offset(rows, resource, server.position);

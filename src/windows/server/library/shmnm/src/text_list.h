@@ -1,4 +1,4 @@
-// The listing of texts: each with its NUL, one behind the other, and one NUL more. No texts make two NULs.
+// Lists of texts: each text with its NUL, one after the other, then one more NUL. An empty list is two NULs.
 #pragma once
 
 #include "ascending_text.h"
@@ -7,8 +7,8 @@
 
 namespace shmnm {
 
-/// Measures the list of a text of the records. Texts may lie over one another, so the end of one is often the end of
-/// the next one.
+/// Measures the list of a text of the records, without its last NUL. Texts may overlap, so the end of one text is often
+/// the end of the next text too.
 template <typename Record, typename TextOf>
 uint64_t size_of_texts(const Region& region, const Table<Record>& records, const TextOf& text_of) {
     const auto* const end = reinterpret_cast<const char*>(region.end());
@@ -26,7 +26,8 @@ uint64_t size_of_texts(const Region& region, const Table<Record>& records, const
 
 /// Lists a text of the records in `buf`, or measures the list if `buf` is null. A text that does not end in the view
 /// ends the list.
-/// @param text_of  the text of a record, or null to leave the record out; asked for once for each record, upwards
+/// @param text_of  returns the text of a record, or null to leave the record out; called once per record, in ascending
+/// order
 template <typename Record, typename TextOf>
 uint32_t list_texts(Call call, const Region& region, const Table<Record>& records, const TextOf& text_of, char* buf,
                     uint32_t* size) {
