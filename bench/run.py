@@ -55,6 +55,8 @@ TWO_PROCESSES_GOALS = {(4, 4): 0.7, (128, 16): 1.0}
 LEAST_SHARE = 0.1
 KILLS, TAKE_OVER_MEDIAN_MS, TAKE_OVER_WORST_MS = 5, 5, 50
 ATTACH_US, LOAD_US, PRIVATE_KIB = 150, 1000, 512
+# For how long a copy of the bytes in use of a full cluster holds the lock, when it takes it.
+COPIES, COPY_HOLD_US = 300, 20
 # Under wine goals are wider by this factor; waits in the kernel have no goal there.
 WINE_ALLOWANCE = 1.5
 KERNEL_WAITS = ("lock", "locked_set", "picture")
@@ -339,6 +341,24 @@ def load_and_memory(result, folder):
     result.add("private memory", f"{kib:.0f} KiB", f"<= {PRIVATE_KIB} KiB", kib <= PRIVATE_KIB)
 
 
+def copies(result, folder, windows):
+    figures = {}
+    for name, part, lock in (("in use", "in_use", "always"), ("all bytes", "all", "always"), ("in use, lock if needed", "in_use", "if_needed")):
+        with Installation(windows) as installation:
+            lines = installation.output_of(folder / "copy_bench", COPIES, part, lock).splitlines()
+        figures[name] = [[int(word) for word in line.split()] for line in lines]
+    result.figures["copy"] = figures
+    for name, copied in figures.items():
+        whole, held = (statistics.median(column) for column in zip(*copied))
+        goal = COPY_HOLD_US if name == "in use" and not windows else None
+        result.add(
+            f"copy/128/32 {name}",
+            f"lock held for {held:.0f} us, whole copy {whole:.0f} us",
+            f"<= {goal} us held" if goal else "",
+            held <= goal if goal else None,
+        )
+
+
 def good_path(result, folder):
     with Installation() as installation:
         trace = pathlib.Path(installation.folder) / "trace"
@@ -473,7 +493,10 @@ def main():
 
     result = Result()
     calls(result, arguments.folder, arguments.row, arguments.rounds or 61, arguments.windows)
-    subjects = {"attach, load": lambda: attach(result, arguments.folder, arguments.windows)}
+    subjects = {
+        "attach, load": lambda: attach(result, arguments.folder, arguments.windows),
+        "copy": lambda: copies(result, arguments.folder, arguments.windows),
+    }
     if not arguments.windows:
         subjects |= {
             "two_processes": lambda: two_processes(result, arguments.folder),

@@ -286,7 +286,7 @@ std::string picture() {
 /// What verify says of changes.
 std::string named() {
     std::string text;
-    for (const Finding& finding : findings(LiveRegion({}).copy())) {
+    for (const Finding& finding : findings(LiveRegion({}).copy(Bytes::all))) {
         if (finding.key == "region/changes") text += finding.found;
     }
     return text;

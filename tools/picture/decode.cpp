@@ -3,27 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "picture/in_use.h"
 #include "picture/words.h"
 
 namespace picture {
 namespace {
-
-/// How many of `count` records of `size` bytes, `step` bytes apart, lie in the copy.
-int32_t visible(const Snapshot& snapshot, uint64_t start, int64_t step, uint64_t size, int32_t count) {
-    if (count <= 0 || step <= 0 || !snapshot.holds(start, size)) return 0;
-    const uint64_t more = (snapshot.bytes.size() - start - size) / static_cast<uint64_t>(step);
-    return more < static_cast<uint64_t>(count) ? static_cast<int32_t>(more) + 1 : count;
-}
-
-/// How far damaged counts are followed: more records, and more pairs of a resource and a server, than clusters have.
-constexpr int32_t most_records = 512;
-constexpr uint64_t most_pairs = 4096;
-
-/// A count of records, but no more than their table has room for; than `most_records`, if nobody knows its room.
-int32_t followed(int32_t count, const Snapshot& snapshot, const Layout& layout, int64_t room) {
-    const bool known = layout.size == snapshot.bytes.size();
-    return static_cast<int32_t>(std::min<int64_t>(count, known ? std::max<int64_t>(room, most_records) : most_records));
-}
 
 /// The states from a place on, as many of `count` as lie in the copy.
 std::vector<uint32_t> states(const Snapshot& snapshot, uint64_t offset, uint64_t count) {
@@ -55,35 +39,23 @@ Server server_at(const Snapshot& snapshot, const shmnm_header& header, uint64_t 
             .offset = at};
 }
 
-std::vector<Resource> resources(const Snapshot& snapshot, const Picture& picture, const ResourceKind& kind) {
-    const uint64_t table = picture.layout.*kind.table;
-    const int64_t stride = picture.header.max_servers;
-    const int64_t step = static_cast<int64_t>(sizeof(shmnm_resource)) + stride * static_cast<int64_t>(sizeof(uint32_t));
-    // A row has as many words as the header allows servers; there may be more servers in a damaged region.
-    const uint64_t columns = stride < 0 ? 0 : std::min(static_cast<uint64_t>(stride), uint64_t{picture.servers.size()});
-    // A table has a reserve of 584 bytes for each of its pairs.
-    const uint64_t pairs = std::max<uint64_t>(snapshot.bytes.size() / sizeof(shmnm_resource), most_pairs);
-    const uint64_t rows = picture.servers.empty() ? INT32_MAX : pairs / picture.servers.size();
-    const int32_t count =
-        followed(picture.header.*kind.in_use->count, snapshot, picture.layout, snapshot.counts.*kind.count);
-    const auto most = static_cast<int32_t>(std::min<uint64_t>(rows, INT32_MAX));
-    const int32_t all = std::min(visible(snapshot, table, step, sizeof(shmnm_resource), count), most);
+std::vector<Resource> resources(const Snapshot& snapshot, const InUse& used, size_t kind) {
+    const RecordsInUse& table = used.resources[kind];
     std::vector<Resource> found;
-    for (int32_t i = 0; i < all; ++i) {
-        const uint64_t at = table + static_cast<uint64_t>(i) * static_cast<uint64_t>(step);
+    for (int32_t i = 0; i < table.count; ++i) {
+        const uint64_t at = table.at(i);
         Resource resource{.type = snapshot.text(at + offsetof(shmnm_resource, type), sizeof(shmnm_resource::type)),
                           .name = snapshot.text(at, sizeof(shmnm_resource::name)),
                           .record = record_at<shmnm_resource>(snapshot, at),
                           .descript = {},
-                          .svstat = {.states = states(snapshot, at + sizeof(shmnm_resource), columns),
+                          .svstat = {.states = states(snapshot, at + sizeof(shmnm_resource), used.columns),
                                      .offset = at + sizeof(shmnm_resource)},
                           .network = {},
                           .offset = at};
         resource.descript = description(resource.record);
-        if (kind.set_network_state) {
-            const uint64_t row =
-                picture.layout.network + sizeof(uint32_t) * static_cast<uint64_t>(stride) * static_cast<uint64_t>(i);
-            resource.network = {.states = states(snapshot, row, columns), .offset = row};
+        if (resource_kinds[kind].set_network_state) {
+            const uint64_t row = used.network_row(i);
+            resource.network = {.states = states(snapshot, row, used.columns), .offset = row};
         }
         found.push_back(std::move(resource));
     }
@@ -120,31 +92,22 @@ std::optional<uint32_t> combined_state(uint32_t nodestat, uint32_t waitstat, uin
 }
 
 Picture decode(const Snapshot& snapshot) {
+    const auto header = record_at<shmnm_header>(snapshot, 0);
+    const InUse used(header, snapshot.counts, snapshot.bytes.size());
     Picture picture{
-        .header = {}, .layout = Layout(snapshot.counts), .servers = {}, .hb = {}, .np = {}, .fst = {}, .fst_pids = {}};
-    picture.header = record_at<shmnm_header>(snapshot, 0);
-    const shmnm_header& header = picture.header;
-    const Layout& layout = picture.layout;
-
-    const Counts& room = snapshot.counts;
-    const int32_t servers = visible(snapshot, layout.servers, sizeof(shmnm_server), sizeof(shmnm_server),
-                                    followed(header.server_count, snapshot, layout, room.servers));
-    for (int32_t i = 0; i < servers; ++i) {
-        picture.servers.push_back(
-            server_at(snapshot, header, layout.servers + sizeof(shmnm_server) * static_cast<uint64_t>(i)));
+        .header = header, .layout = used.layout, .servers = {}, .hb = {}, .np = {}, .fst = {}, .fst_pids = {}};
+    for (int32_t i = 0; i < used.servers.count; ++i) {
+        picture.servers.push_back(server_at(snapshot, header, used.servers.at(i)));
     }
-    for (const ResourceKind& kind : resource_kinds) {
-        picture.*kind.resources = resources(snapshot, picture, kind);
+    for (size_t kind = 0; kind < std::size(resource_kinds); ++kind) {
+        picture.*resource_kinds[kind].resources = resources(snapshot, used, kind);
     }
-    if (snapshot.counts.fst > 0 && snapshot.holds(layout.fst, sizeof(shmnm_resource))) {
-        const auto record = record_at<shmnm_resource>(snapshot, layout.fst);
-        picture.fst = Fst{.record = record, .descript = description(record), .offset = layout.fst};
+    if (used.fst) {
+        const auto record = record_at<shmnm_resource>(snapshot, used.layout.fst);
+        picture.fst = Fst{.record = record, .descript = description(record), .offset = used.layout.fst};
     }
-    const int32_t pids = visible(snapshot, layout.fst_pids, sizeof(shmnm_fst_pid), sizeof(shmnm_fst_pid),
-                                 followed(header.fst_pid_count, snapshot, layout, int64_t{room.servers} * room.fst));
-    for (int32_t i = 0; i < pids; ++i) {
-        picture.fst_pids.push_back(
-            fst_pid_at(snapshot, layout.fst_pids + sizeof(shmnm_fst_pid) * static_cast<uint64_t>(i)));
+    for (int32_t i = 0; i < used.fst_pids.count; ++i) {
+        picture.fst_pids.push_back(fst_pid_at(snapshot, used.fst_pids.at(i)));
     }
     return picture;
 }

@@ -11,6 +11,7 @@
 #include "kzmxml.h"
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/in_use.h"
 #include "picture/platform.h"
 
 namespace picture {
@@ -95,6 +96,20 @@ std::string describe_holder(void* mutex) {
     return text;
 }
 
+std::string how_copied(const Snapshot& copy) {
+    const char* const what = copy.wanted == Bytes::in_use ? "the bytes in use" : "all bytes";
+    switch (copy.way) {
+        case CopyWay::without_lock:
+            return fmt::format("copied {} without the lock", what);
+        case CopyWay::as_owner:
+            return fmt::format("copied {} as the owner of the lock", what);
+        case CopyWay::with_lock:
+            break;
+    }
+    return fmt::format("copied {} with the lock: waited {} us for it, held it for {} us", what, copy.lock_wait_us,
+                       copy.lock_held_us);
+}
+
 std::optional<Counts> configured_counts() {
     if (xmllib_init("picture") != XMLLIB_OK) return std::nullopt;
     std::optional<Counts> counts;
@@ -131,14 +146,11 @@ class LiveRegion::View {
     uint64_t size() const { return platform::view_size(base_); }
     uint64_t object() const { return platform::object_number(mapping_); }
 
-    /// Touches each page, so that the copy does not wait for the system's page tables while it holds the lock.
-    void warm() const {
-        for (uint64_t at = 0; at < size(); at += page) static_cast<void>(load(at / sizeof(uint32_t)));
-    }
-    /// Copies all words, each in one piece.
-    void copy_to(std::vector<uint8_t>& bytes) const {
-        auto* const words = reinterpret_cast<uint32_t*>(bytes.data());
-        for (size_t i = 0; i < bytes.size() / sizeof *words; ++i) words[i] = load(i);
+    /// Copies the words of a piece, each at once.
+    void copy(std::vector<uint8_t>& bytes, uint64_t offset, uint64_t size) const {
+        auto* const words = reinterpret_cast<uint32_t*>(bytes.data() + offset);
+        const size_t first = offset / sizeof *words;
+        for (size_t i = 0; i < size / sizeof *words; ++i) words[i] = load(first + i);
     }
 
   private:
@@ -200,13 +212,14 @@ void LiveRegion::unlock() {
     library().shmnm_rwunlock();
 }
 
-Snapshot LiveRegion::copy_of(const View& view, const std::optional<Counts>& configured) const {
+Snapshot LiveRegion::empty_copy_of(const View& view, Bytes wanted) const {
     Snapshot snapshot;
     snapshot.live = true;
-    snapshot.configured = configured;
+    snapshot.configured = configured_counts();
     snapshot.object = view.object();
     snapshot.mapped = view.size();
     snapshot.bytes.resize(snapshot.mapped);
+    snapshot.wanted = wanted;
     return snapshot;
 }
 
@@ -218,35 +231,90 @@ void settle_layout(Snapshot& snapshot) {
     const auto fits = [&](const Counts& counts) { return in_pages(Layout(counts).size) == snapshot.mapped; };
     const Counts header = snapshot.header_counts();
     snapshot.counts = snapshot.configured && fits(*snapshot.configured) ? *snapshot.configured : header;
-    if (fits(snapshot.counts)) snapshot.bytes.resize(Layout(snapshot.counts).size);
+    snapshot.bytes.resize(fits(snapshot.counts) ? Layout(snapshot.counts).size : snapshot.mapped);
+}
+
+InUse in_use(const Snapshot& snapshot) {
+    shmnm_header header;
+    std::memcpy(&header, snapshot.bytes.data(), sizeof header);
+    return {header, snapshot.counts, snapshot.bytes.size()};
+}
+
+/// Gives up what was copied, so that the next try finds zeros.
+void forget(Snapshot& snapshot) {
+    if (snapshot.wanted == Bytes::all) return;
+    in_use(snapshot).each_piece(
+        [&](uint64_t offset, uint64_t size) { std::memset(snapshot.bytes.data() + offset, 0, size); });
 }
 
 }  // namespace
 
-std::optional<Snapshot> LiveRegion::try_copy(uint32_t lock_timeout_ms) {
-    const std::unique_ptr<View> view = open();
-    if (!view) return std::nullopt;
-    Snapshot snapshot = copy_of(*view, configured_counts());
-    void* const lock = mutex();
+// The counts may change while they are read without the lock. So the header is copied once, and the copy's counts say
+// what else is copied.
+void LiveRegion::fill(Snapshot& snapshot, const View& view) {
+    view.copy(snapshot.bytes, 0, sizeof(shmnm_header));
+    settle_layout(snapshot);
+    const auto copy = [&](uint64_t offset, uint64_t size) { view.copy(snapshot.bytes, offset, size); };
+    if (snapshot.wanted == Bytes::in_use) {
+        in_use(snapshot).each_piece(copy);
+    } else {
+        copy(sizeof(shmnm_header), snapshot.bytes.size() - sizeof(shmnm_header));
+    }
+}
+
+void LiveRegion::fill_with_lock_facts(Snapshot& snapshot, const View& view) const {
+    fill(snapshot, view);
+    snapshot.lock = platform::lock_holder(mutex_);
+    snapshot.note = platform::note(mutex_);
+}
+
+bool LiveRegion::copy_without_lock(Snapshot& snapshot, const View& view) const {
+    while (snapshot.tries < platform::lockless_tries) {
+        ++snapshot.tries;
+        const auto begun = access_.may_skip_lock ? platform::begin_lockless_copy(mutex_) : std::nullopt;
+        // Also if it cannot be kept: it brings the pages into memory before the lock is taken, and the owner may be
+        // done by the next try.
+        fill_with_lock_facts(snapshot, view);
+        if (begun && platform::is_whole(mutex_, *begun)) {
+            snapshot.way = begun->as_owner ? CopyWay::as_owner : CopyWay::without_lock;
+            return true;
+        }
+        forget(snapshot);
+    }
+    return false;
+}
+
+void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t timeout_ms) {
     const Library& calls = library();
-    view->warm();
-    const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
+    const uint64_t asked_us = platform::steady_clock_us();
     if (calls.shmnm_rolock(timeout_ms) != SHMNM_OK) throw_no_lock(timeout_ms);
     const uint64_t taken_us = platform::steady_clock_us();
-    view->copy_to(snapshot.bytes);
-    // This take is counted already, and is not yet counted as a look.
-    if (const auto holder = platform::lock_holder(lock)) snapshot.steps = holder->takes - holder->looks - 1;
-    snapshot.note = platform::note(lock);
-    platform::count_look(lock);
+    fill_with_lock_facts(snapshot, view);
+    platform::count_look(mutex_);
     calls.shmnm_rounlock();
+    snapshot.way = CopyWay::with_lock;
+    snapshot.lock_wait_us = taken_us - asked_us;
     snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
-    if (access_.tell) access_.tell(fmt::format("held the lock for {} us", snapshot.lock_held_us));
-    settle_layout(snapshot);
+    if (snapshot.lock) snapshot.lock->process = snapshot.lock->thread = 0;
+}
+
+std::optional<Snapshot> LiveRegion::try_copy(Bytes wanted, uint32_t lock_timeout_ms) {
+    const std::unique_ptr<View> view = open();
+    if (!view) return std::nullopt;
+    Snapshot snapshot = empty_copy_of(*view, wanted);
+    mutex();
+    if (!copy_without_lock(snapshot, *view)) {
+        copy_with_lock(snapshot, *view, std::min(lock_timeout_ms, access_.lock_timeout_ms));
+    }
+    // A take that has not ended is not yet counted as a look.
+    const uint64_t own = snapshot.way == CopyWay::without_lock ? 0 : 1;
+    if (snapshot.lock) snapshot.steps = snapshot.lock->takes - snapshot.lock->looks - own;
+    if (access_.tell) access_.tell(how_copied(snapshot));
     return snapshot;
 }
 
-Snapshot LiveRegion::copy() {
-    if (auto snapshot = try_copy()) return std::move(*snapshot);
+Snapshot LiveRegion::copy(Bytes wanted) {
+    if (auto snapshot = try_copy(wanted)) return std::move(*snapshot);
     throw no_region();
 }
 
@@ -262,9 +330,9 @@ void LiveRegion::expect() {
 Snapshot LiveRegion::copy_locked() {
     const std::unique_ptr<View> view = open();
     if (!view) throw no_region();
-    Snapshot snapshot = copy_of(*view, configured_counts());
-    view->copy_to(snapshot.bytes);
-    settle_layout(snapshot);
+    Snapshot snapshot = empty_copy_of(*view, Bytes::in_use);
+    snapshot.way = CopyWay::as_owner;
+    fill(snapshot, *view);
     return snapshot;
 }
 

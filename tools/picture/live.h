@@ -14,7 +14,8 @@ namespace picture {
 /// How the live region is reached.
 struct Access {
     uint32_t lock_timeout_ms = 5'000;
-    std::function<void(const std::string&)> tell;  ///< receives the name of each object that is opened; may be empty
+    bool may_skip_lock = true;                          ///< copies take the lock only if they must; false: always
+    std::function<void(const std::string&)> tell = {};  ///< receives what is opened and how it is copied; may be empty
 };
 
 inline constexpr const char* mapping_name = "oru_kzmshmnm_map";
@@ -25,6 +26,9 @@ std::string full_name(const char* name);
 
 /// The lock's holder and how often it was taken over, in one line; "" if the system does not tell.
 std::string describe_holder(void* mutex);
+
+/// How a copy of the live region was made, in one line.
+std::string how_copied(const Snapshot& copy);
 
 /// The live region's number; 0 if there is no region or the system has no numbers.
 uint64_t live_object();
@@ -39,21 +43,23 @@ class LiveRegion {
     LiveRegion(const LiveRegion&) = delete;
     LiveRegion& operator=(const LiveRegion&) = delete;
 
-    /// Copies the region under the lock, which is held only for the copy. Between two copies nothing keeps the region
-    /// alive: it ends with its last holder, and a later copy may show another region.
+    /// Copies the region without taking the lock if nobody owns it meanwhile; otherwise under the lock, which is held
+    /// only for the copy. Snapshot::way says which. Between two copies nothing keeps the region alive: it ends with its
+    /// last holder, and a later copy may show another region.
+    /// @param[in] wanted           which bytes; a search for damage needs all of them
     /// @param[in] lock_timeout_ms  the longest wait for the lock, if shorter than the usual time-out
     /// @return nothing if there is no region
     /// @throws Error  the region is refused, or waiting for the lock timed out
-    std::optional<Snapshot> try_copy(uint32_t lock_timeout_ms = UINT32_MAX);
+    std::optional<Snapshot> try_copy(Bytes wanted, uint32_t lock_timeout_ms = UINT32_MAX);
     /// @throws Error  the same, or there is no region
-    Snapshot copy();
+    Snapshot copy(Bytes wanted);
 
     /// Needs no lock. @throws Error  there is no region
     void expect();
     /// For commands that need only the lock. @throws Error  another user has a region and this user has none
     void expect_own();
 
-    /// As copy(), for a caller that holds the lock.
+    /// The bytes in use, for a caller that holds the lock. Without the facts of the lock.
     Snapshot copy_locked();
 
     /// Takes the lock, to write. @throws Error  timed out; the message names the holder
@@ -69,7 +75,11 @@ class LiveRegion {
     class View;
 
     std::unique_ptr<View> open();
-    Snapshot copy_of(const View& view, const std::optional<Counts>& configured) const;
+    Snapshot empty_copy_of(const View& view, Bytes wanted) const;
+    static void fill(Snapshot& snapshot, const View& view);
+    void fill_with_lock_facts(Snapshot& snapshot, const View& view) const;
+    bool copy_without_lock(Snapshot& snapshot, const View& view) const;
+    void copy_with_lock(Snapshot& snapshot, const View& view, uint32_t timeout_ms);
     [[noreturn]] void throw_no_lock(uint32_t timeout_ms);
     void tell(const char* what, const char* name);
 

@@ -51,6 +51,18 @@ std::optional<shmnm::Note> note(void* mutex);
 void* own_note(void* mutex);
 /// This thread, which owns the lock, has taken it only to look.
 void count_look(void* mutex);
+/// A copy of what the lock guards, made without taking it. All of it must be loaded by relaxed atomics.
+struct LocklessCopy {
+    bool as_owner = false;  ///< this thread owns the lock
+    uint64_t takes = 0;
+};
+/// How often such a copy is tried before the lock is taken for it. One is made where none can be kept: it brings the
+/// pages into memory.
+extern const unsigned lockless_tries;
+/// @return nothing: another thread owns the lock or ended as its owner, or the system cannot tell
+std::optional<LocklessCopy> begin_lockless_copy(void* mutex);
+/// Whether nobody but this thread has owned the lock since the copy began: then all of it is of one moment.
+bool is_whole(void* mutex, const LocklessCopy& copy);
 /// Whether the thread that is named has ended and left the lock to whoever asks next. Not for under the lock: it looks
 /// at the system's files.
 bool has_ended(const LockHolder& holder);

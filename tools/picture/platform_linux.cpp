@@ -122,6 +122,14 @@ void count_look(void* mutex) {
     kzmkernel_look_count(mutex);
 }
 
+const unsigned lockless_tries = 1;
+std::optional<LocklessCopy> begin_lockless_copy(void*) {
+    return std::nullopt;
+}
+bool is_whole(void*, const LocklessCopy&) {
+    return false;
+}
+
 bool has_ended(const LockHolder& holder) {
     if (holder.process == 0) return false;
     if (tgkill(static_cast<pid_t>(holder.process), static_cast<pid_t>(holder.thread), 0) != 0) return errno == ESRCH;

@@ -55,6 +55,13 @@ void* own_note(void*) {
     return nullptr;
 }
 void count_look(void*) {}
+const unsigned lockless_tries = 1;
+std::optional<LocklessCopy> begin_lockless_copy(void*) {
+    return std::nullopt;
+}
+bool is_whole(void*, const LocklessCopy&) {
+    return false;
+}
 bool has_ended(const LockHolder&) {
     return false;
 }

@@ -9,20 +9,41 @@
 
 #include "note.h"
 #include "picture/layout.h"
+#include "picture/platform.h"
 
 namespace picture {
 
+/// Which bytes a copy of the live region holds.
+enum class Bytes {
+    in_use,  ///< those that a picture is decoded from; the others are zero
+    all
+};
+
+/// How the live region was copied.
+enum class CopyWay {
+    without_lock,  ///< nobody owned the lock meanwhile
+    with_lock,
+    as_owner  ///< by a thread that had the lock already
+};
+
 struct Snapshot {
-    std::vector<uint8_t> bytes;
+    std::vector<uint8_t> bytes;        ///< as many as the region has, or the dump
     Counts counts;                     ///< those that the region was laid out by, as far as can be known
     std::optional<Counts> configured;  ///< this machine's configuration, for the live region
     uint64_t mapped = 0;               ///< bytes of the mapping, in whole pages, or of the file
     bool live = false;
+    uint64_t object = 0;               ///< another region has another number; 0 where that is not known
+    Bytes wanted = Bytes::all;         ///< which the copy was to hold
+    CopyWay way = CopyWay::with_lock;  ///< how the live region was copied
+    unsigned tries = 0;                ///< copies that were begun without the lock, the one that was kept among them
+    uint64_t lock_wait_us = 0;         ///< for how long the copy waited for the lock; microseconds
+    uint64_t lock_held_us = 0;         ///< for how long it held the lock, if it took it
+    /// The live region's lock at the moment of the copy, where the system tells. The owner is never this copy itself,
+    /// though its take is counted.
+    std::optional<platform::LockHolder> lock;
     /// How many steps ended before this copy: takes of the lock that did more than look. Nothing where they are not
     /// counted.
     std::optional<uint64_t> steps;
-    uint64_t lock_held_us = 0;        ///< for how long the copy held the lock; microseconds
-    uint64_t object = 0;              ///< another region has another number; 0 where that is not known
     std::optional<shmnm::Note> note;  ///< of the live region's lock, where there is one
 
     bool holds(uint64_t offset, uint64_t size) const { return offset <= bytes.size() && size <= bytes.size() - offset; }

@@ -65,7 +65,7 @@ uint64_t duration_us(const std::string& text) {
 /// What keeps the condition from holding; empty: it holds.
 std::string unmet_now(LiveRegion& region, const Condition& condition, uint32_t lock_timeout_ms) {
     try {
-        const auto snapshot = region.try_copy(lock_timeout_ms);
+        const auto snapshot = region.try_copy(Bytes::in_use, lock_timeout_ms);
         // One that has gone may come back, in this one's place or another's.
         if (!snapshot) return "no process holds the region any more";
         return condition.unmet(words(decode(*snapshot)));

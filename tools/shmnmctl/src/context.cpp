@@ -8,8 +8,8 @@
 
 namespace shmnmctl {
 
-Snapshot look(const Context& context) {
-    return context.file.empty() ? LiveRegion(context.access).copy() : read_dump(context.file);
+Snapshot look(const Context& context, Bytes wanted) {
+    return context.file.empty() ? LiveRegion(context.access).copy(wanted) : read_dump(context.file);
 }
 
 Failure closed_output() {

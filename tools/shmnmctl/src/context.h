@@ -27,7 +27,7 @@ struct Context {
 };
 
 /// A copy of what a reading command looks at: the dump that was named, else the live region.
-Snapshot look(const Context& context);
+Snapshot look(const Context& context, Bytes wanted = Bytes::in_use);
 
 /// Writes to standard output and makes sure that it is written.
 /// @throws Failure  it is closed or full

@@ -106,7 +106,7 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
         std::optional<Snapshot> snapshot;
         std::string problem;  // in the place of the picture
         try {
-            snapshot = region.copy();
+            snapshot = region.copy(Bytes::in_use);
         } catch (const Error& error) {
             // It may come back.
             if (error.kind != ErrorKind::no_region && error.kind != ErrorKind::lock_timeout) throw;

@@ -8,7 +8,7 @@ namespace shmnmctl {
 namespace {
 
 Exit verify(const Context& context) {
-    std::vector<Finding> found = findings(look(context));
+    std::vector<Finding> found = findings(look(context, Bytes::all));
     for (Finding& finding : found) {
         if (finding.can_be_completed) finding.expected += " (\"shmnmctl repair\" completes this one)";
     }

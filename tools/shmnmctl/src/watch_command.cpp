@@ -174,7 +174,7 @@ Exit watch(const Context& context, const WatchOptions& options) {
     Watch watch(context, options);
     for (bool stopped = false;;) {
         try {
-            watch.see(region.try_copy(longest_lock_ms));
+            watch.see(region.try_copy(Bytes::in_use, longest_lock_ms));
         } catch (const Error& error) {
             // The next copy shows what it can and reports how much was missed.
             if (error.kind != ErrorKind::lock_timeout) throw;

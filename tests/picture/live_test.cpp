@@ -1,0 +1,124 @@
+// Copies of the live region: which bytes they hold, and who waits for whom.
+#include "picture/live.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "picture/decode.h"
+#include "picture/error.h"
+#include "picture/json.h"
+#include "picture/keys.h"
+#include "picture/library_region.h"
+#include "shmnm.h"
+
+namespace picture {
+namespace {
+
+using test::Child;
+using test::LibraryRegion;
+using test::report;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+std::vector<std::string> all_words(const Snapshot& snapshot) {
+    std::vector<std::string> texts;
+    for (const Word& word : words(decode(snapshot))) texts.push_back(word.key + " " + word.value.to_text());
+    return texts;
+}
+
+class LiveCopyOf : public testing::TestWithParam<Counts> {};
+
+TEST_P(LiveCopyOf, ShowsThePictureFromTheBytesInUse) {
+    test::Random random(test::seed());
+    LibraryRegion region(GetParam());
+    LiveRegion live({});
+    for (unsigned round = 0; round < test::share_of(20); ++round) {
+        region.call(random, test::below(random, 300));
+        const Snapshot copy = live.copy(Bytes::in_use), dump = region.dump();
+        ASSERT_EQ(copy.bytes.size(), dump.bytes.size());
+        ASSERT_EQ(copy.counts, GetParam());
+        ASSERT_EQ(all_words(copy), all_words(dump)) << "round " << round;
+    }
+}
+
+TEST_P(LiveCopyOf, HoldsEveryByteIfAllAreWanted) {
+    test::Random random(test::seed());
+    LibraryRegion region(GetParam());
+    region.call(random, 1000);
+    WritableRegion writable;
+    // No count names the last word of a region that was not filled.
+    const size_t last = region.dump().bytes.size() - 1;
+    writable.base()[last] = 0x5A;
+    const Snapshot copy = LiveRegion({}).copy(Bytes::all);
+    EXPECT_EQ(copy.bytes, region.dump().bytes);
+    EXPECT_EQ(copy.bytes[last], 0x5A);
+    EXPECT_EQ(LiveRegion({}).copy(Bytes::in_use).bytes[last], 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(, LiveCopyOf,
+                         testing::Values(Counts{128, 16, 16, 1}, Counts{4, 3, 2, 1}, Counts{1, 16, 200, 1},
+                                         Counts{3, 5, 1, 0}),
+                         [](const auto& instance) {
+                             const Counts& counts = instance.param;
+                             return "S" + std::to_string(counts.servers) + "H" + std::to_string(counts.hb) + "N" +
+                                    std::to_string(counts.np) + "F" + std::to_string(counts.fst);
+                         });
+
+/// A region of four servers in this process's own namespace, so that the library's lock is the region's. (The library
+/// opens its lock as it is loaded.)
+class LiveCopy : public testing::Test {
+  protected:
+    LiveCopy() : path_("KZM_INSTALL_PATH", folder_.string().c_str()) {
+        folder_.write("etc/cluster.xml",
+                      "<root><all><num><server>4</server><hbr>3</hbr><npr>2</npr><fstr>1</fstr></num></all>"
+                      "<shmnm><log><level>0</level></log></shmnm></root>");
+        EXPECT_EQ(shmnm_create(), SHMNM_OK);
+        EXPECT_EQ(shmnm_addnode("alpha", 0), SHMNM_OK);
+        EXPECT_EQ(shmnm_setnodestat("alpha", 1), SHMNM_OK);
+    }
+    ~LiveCopy() override { shmnm_delete(); }
+
+  private:
+    test::TemporaryFolder folder_;
+    test::ScopedEnvironment path_;
+};
+
+CHILD(hold_the_lock) {
+    report(shmnm_attach());
+    report(shmnm_rwlock(0));
+    test::told();
+    report(shmnm_rwunlock());
+}
+
+TEST_F(LiveCopy, TimesOutWhileAnotherProcessHoldsTheLock) {
+    Child owner = start(hold_the_lock);
+    ASSERT_EQ(owner.reported(), SHMNM_OK);
+    ASSERT_EQ(owner.reported(), SHMNM_OK);
+    try {
+        LiveRegion({.lock_timeout_ms = 1}).copy(Bytes::in_use);
+        FAIL() << "copied beside an owner";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::lock_timeout);
+        EXPECT_THAT(error.what(), HasSubstr("timed out after 1 ms waiting for the lock"));
+    }
+    owner.tell(0);
+    EXPECT_EQ(owner.reported(), SHMNM_OK);
+    EXPECT_EQ(owner.wait(), 0);
+    EXPECT_EQ(decode(LiveRegion({}).copy(Bytes::in_use)).servers.at(0).name, "alpha");
+}
+
+TEST_F(LiveCopy, TakesTheLockIfToldTo) {
+    std::string told;
+    LiveRegion live({.may_skip_lock = false, .tell = [&](const std::string& line) { told = line; }});
+    const Snapshot copy = live.copy(Bytes::in_use);
+    EXPECT_EQ(copy.way, CopyWay::with_lock);
+    EXPECT_EQ(decode(copy).servers.at(0).name, "alpha");
+    EXPECT_THAT(told, MatchesRegex("copied the bytes in use with the lock: waited .* us for it, held it for .* us"));
+}
+
+}  // namespace
+}  // namespace picture
