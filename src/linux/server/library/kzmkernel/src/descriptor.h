@@ -64,6 +64,8 @@ class KeptDescriptor {
     KeptDescriptor& operator=(const KeptDescriptor&) = delete;
 
     int get() const { return kept_.get(); }
+    dev_t device() const { return device_; }
+    ino_t inode() const { return inode_; }
     /// Whether it still leads to the same file. If not, forgets its number, because another file may get the number.
     bool is_there() noexcept {
         struct stat found {};

@@ -14,7 +14,7 @@ constinit thread_local char explanation[512]{};
 uint32_t explained(uint32_t error, const char* format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it does not see the line above
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the check does not see va_start() in the line above
     std::vsnprintf(explanation, sizeof explanation, format, arguments);
     va_end(arguments);
     explained_error = error;

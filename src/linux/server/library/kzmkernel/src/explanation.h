@@ -1,4 +1,4 @@
-// Why the thread's last create or open failed, in words for whoever runs the program.
+// Why the thread's last create or open failed, in words for the user of the program.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@ namespace kzmkernel {
 
 /// Notes the reason for a failure. @return `error`
 [[gnu::format(printf, 2, 3)]] uint32_t explained(uint32_t error, const char* format, ...) noexcept;
-/// To be called when a create or an open begins.
+/// Call it at the start of a create or an open.
 void forget_explanation() noexcept;
-/// The reason for this failure, in one line; "": none is known.
+/// The reason for this failure in one line, or "" if none is known.
 const char* explanation_of(uint32_t error) noexcept;
 
 }  // namespace kzmkernel

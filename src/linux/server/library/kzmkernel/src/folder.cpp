@@ -4,13 +4,13 @@
 #include <sys/file.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "error.h"
 #include "explanation.h"
+#include "guard.h"
 #include "kzmkernel.h"
 #include "lock_list.h"
 
@@ -19,61 +19,8 @@ namespace {
 
 constexpr mode_t folder_mode = 0700, file_mode = 0600, all_permissions = 0777;
 
-/// FNV-1a, with the bits of the result mixed once more.
-class Hash {
-  public:
-    void add(const void* data, size_t size) {
-        const auto* const bytes = static_cast<const unsigned char*>(data);
-        for (size_t i = 0; i < size; ++i) value_ = (value_ ^ bytes[i]) * 0x100000001B3;
-    }
-    /// A place in a file, which is a positive number.
-    off_t place() const {
-        const uint64_t mixed = (value_ ^ (value_ >> 32)) * 0xD6E8FEB86659FD93;
-        return static_cast<off_t>((mixed ^ (mixed >> 32)) >> 2);
-    }
-
-  private:
-    uint64_t value_ = 0xCBF29CE484222325;
-};
-
-/// The byte of the sibling that a process locks while it makes an object of a name.
-off_t maker_place(const char* name) {
-    Hash hash;
-    hash.add("new ", 4);
-    hash.add(name, std::strlen(name) + 1);
-    return hash.place();
-}
-
-off_t file_place(const char* name, const struct stat& file) {
-    Hash hash;
-    hash.add(name, std::strlen(name) + 1);
-    hash.add(&file.st_ino, sizeof file.st_ino);
-    // A folder's size changes with its contents.
-    if (!S_ISDIR(file.st_mode)) hash.add(&file.st_size, sizeof file.st_size);
-    return hash.place();
-}
-
-struct flock one_byte(short type, off_t place) {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = place;
-    lock.l_len = 1;
-    return lock;
-}
-
-/// A failed look counts as locked, which ends in a refusal and never in a second object.
-bool is_read_locked(int folder, off_t place) {
-    struct flock lock = one_byte(F_WRLCK, place);
-    return fcntl(folder, F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
-}
-
-bool read_lock(int folder, off_t place) {
-    struct flock lock = one_byte(F_RDLCK, place);
-    return fcntl(folder, F_OFD_SETLK, &lock) == 0;
-}
-
-/// A creator with an odd umask, or one that was killed between two steps, left what is ours with fewer permissions.
+/// Adds missing permissions to a file or folder of ours: a creator with an unusual umask, or one that was killed
+/// between two steps, left it with fewer.
 bool widen_own(int parent, const char* name, mode_t type, mode_t mode) {
     struct stat found {};
     return fstatat(parent, name, &found, AT_SYMLINK_NOFOLLOW) == 0 && (found.st_mode & S_IFMT) == type &&
@@ -85,7 +32,7 @@ bool is_proper_folder(const struct stat& found) {
     return S_ISDIR(found.st_mode) && found.st_uid == geteuid() && (found.st_mode & all_permissions) == folder_mode;
 }
 
-/// What lies under the folder's name, or its sibling's, is not what belongs there.
+/// Explains what is wrong with the file under the folder's name or its sibling's.
 uint32_t refuse(int parent, const char* name, const char* path, mode_t type, mode_t mode) {
     constexpr uint32_t error = KZMKERNEL_ERROR_ACCESS_DENIED;
     constexpr const char* advice = "remove it, or set KZMKERNEL_FOLDER to another folder in all processes";
@@ -124,25 +71,6 @@ bool leads_to(int parent, const char* name, const struct stat& opened) {
 }
 
 }  // namespace
-
-off_t name_place(const char* name) noexcept {
-    Hash hash;
-    hash.add(name, std::strlen(name) + 1);
-    return hash.place();
-}
-
-Life life_of(int folder, const char* name, const struct stat* file) noexcept {
-    const off_t place = name_place(name);
-    if (!is_read_locked(folder, place)) return Life::dead;
-    if (file && is_read_locked(folder, file_place(name, *file))) return Life::alive;
-    // Holders may end at any instant, but none can come while the gate is held: whoever still holds the name now held
-    // it when the file's own byte was found free.
-    return is_read_locked(folder, place) ? Life::replaced : Life::dead;
-}
-
-bool hold_alive(int folder, const char* name, const struct stat& file) noexcept {
-    return read_lock(folder, file_place(name, file)) && read_lock(folder, name_place(name));
-}
 
 uint32_t Gate::enter(bool make) noexcept {
     if (const uint32_t error = place_.open()) return error;
@@ -189,7 +117,7 @@ uint32_t Gate::open_folder(bool make, bool& again) noexcept {
 uint32_t Gate::make_folder(bool make, bool& again) noexcept {
     const Descriptor sibling = open_at(place_.parent(), place_.sibling(), object_flags);
     if (sibling && life_of(sibling.get(), place_.folder(), nullptr) != Life::dead) {
-        // Somebody may have made it since. If it is missing now too, it was removed.
+        // Another process may have made it since. If it is still missing, it was removed.
         struct stat found {};
         again = fstatat(place_.parent(), place_.folder(), &found, AT_SYMLINK_NOFOLLOW) == 0;
         return again ? 0 : explain_removed(place_.folder_path());
@@ -258,7 +186,8 @@ uint32_t Gate::explain_replaced(const char* file_name) const noexcept {
         place_.folder_path(), file_name);
 }
 
-// The gate is unlocked, not only closed: a child that another thread has just started may hold a copy until its exec.
+// Unlocks the gate instead of only closing it: a child that another thread has just started may hold a copy until its
+// exec.
 void Gate::step_out() noexcept {
     if (folder_) flock(folder_.get(), LOCK_UN);
 }
@@ -267,7 +196,7 @@ uint32_t Gate::step_in() noexcept {
     if (const uint32_t error = lock()) return error;
     struct stat opened {};
     if (fstat(folder_.get(), &opened) != 0) return windows_error(errno);
-    // No other folder can have come in its place, which this process guards.
+    // This process guards the folder, so no other folder can have taken its place.
     return has_its_names(opened) ? 0 : explain_removed(place_.folder_path());
 }
 
@@ -287,45 +216,19 @@ void Gate::leave_guarded(KeptDescriptor& sibling, KeptDescriptor& folder) noexce
 
 bool Gate::wait_for_maker_of(const char* file_name) noexcept {
     making_ = maker_place(file_name);
-    struct flock lock = one_byte(F_WRLCK, making_);
     Patience patience{500 * ns_per_ms};
     bool waited = false;
-    while (fcntl(sibling_.get(), F_OFD_SETLK, &lock) != 0 && errno == EAGAIN && patience.wait()) waited = true;
+    while (!lock_for_writing(sibling_.get(), making_) && errno == EAGAIN && patience.wait()) waited = true;
     return waited;
 }
 
 void Gate::stop_making() noexcept {
-    if (making_ == 0) return;
-    struct flock lock = one_byte(F_UNLCK, std::exchange(making_, 0));
-    fcntl(sibling_.get(), F_OFD_SETLK, &lock);
+    if (making_ != 0) unlock(sibling_.get(), std::exchange(making_, 0));
 }
 
 bool is_proper_file(const struct stat& file) noexcept {
     return S_ISREG(file.st_mode) && file.st_uid == geteuid() && file.st_nlink == 1 &&
            (file.st_mode & ~static_cast<mode_t>(S_IFMT)) == file_mode;
-}
-
-bool is_used_by_others(int file, Patience patience) noexcept {
-    // A lease is for files that nobody else has. Whoever opens the file in this moment has the holder of the lease
-    // told, by a signal that is ignored unless the program handles it.
-    do {
-        if (fcntl(file, F_SETSIG, SIGURG) != 0 || fcntl(file, F_SETLEASE, F_WRLCK) == 0) {
-            fcntl(file, F_SETLEASE, F_UNLCK);
-            return false;
-        }
-        // Where there are no leases nothing is known.
-        if (errno != EAGAIN) return false;
-    } while (patience.wait());
-    return true;
-}
-
-// Views keep the open file description that they were mapped from, and with it its locks.
-void mark_as_viewed(int file) noexcept {
-    read_lock(file, 0);
-}
-
-bool is_marked_as_viewed(int file) noexcept {
-    return is_read_locked(file, 0);
 }
 
 void remove_leftovers(const Gate& gate, RemovedFiles& removed) noexcept {

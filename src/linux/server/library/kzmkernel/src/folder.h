@@ -1,29 +1,30 @@
-// The folder that holds a user's objects, and what tells a living object from the leftovers of a dead one.
+// The folder that holds a user's objects, and the gate through which processes enter it.
 //
-// Three things lie in it or beside it, and each is locked only through a descriptor that no other user can have:
-//   folder    kzmkernel.UID, mode 0700: one file per object, named by kind and name;
-//   sibling   kzmkernel.UID.guard, mode 0600, empty: guards the folder as the folder guards the objects;
-//   gate      an flock on the folder, held by whoever looks at names or changes them, and for nothing longer: no memory
-//             is allocated meanwhile. It is waited for at most 2 s; then the call fails with 170.
-// The kernel drops all of these locks with the last copy of their descriptor, so with their holder.
+// Three things, each locked only through a descriptor that no other user can have:
+//   folder   kzmkernel.UID, mode 0700: one file per object, named by kind and name. guard.h says how a file's guards N
+//            and F tell whether its object lives.
+//   sibling  kzmkernel.UID.guard, mode 0600, an empty file beside the folder: it guards the folder as the folder guards
+//            the objects.
+//   gate     an flock on the folder. A process holds it only while it reads or changes names, and allocates no memory
+//            meanwhile. A call waits for it for at most 2 s, then fails with 170.
 //
-// Guards. Each process that holds an object keeps two bytes of the folder read-locked (open file description locks):
-// N, whose place is a hash of the object's name, and F, whose place is a hash of the name, the file's inode and its
-// size. N locked: the name is alive, whatever became of its file. F locked too: the file under the name is still the
-// living one. The folder has its own N and F in the sibling, held by everyone who is in the folder or holds an object.
+// The folder's own N and F in the sibling are held by every process that is in the folder or holds an object.
 //
 // To enter (Gate::enter):
-//   E1  Open the parent; refuse it when others may remove names in it.
-//   E2  Open the folder. If it is missing: when its N is locked in the sibling and it is still missing, it was removed
-//       (1006); else make it, or fail with 2 when nothing is to be made.
-//   E3  Open the sibling, or make it. Refuse a folder or a sibling of another owner, mode, type or number of links.
-//   E4  Lock the gate; 170 after 2 s.
-//   E5  Look at the folder's N and F in the sibling. Only N is locked: another folder is the living one. Else lock
-//   both. E6  Both names must still lead to what was opened; else let all go and start over at E2. Only after that a
-//       difference seen in E5 counts (1006). Whoever made another folder meanwhile looked at N (E2) after this one's
-//       name was gone, so after E5, or came before E6: two folders never live at once.
-// If the sibling alone is removed, the next to enter makes it again and guards the same folder anew. If both are
-// removed, by their user or by root, while objects live, that is not noticed.
+//   E1  Open the parent. Refuse it if other users may remove names in it.
+//   E2  Open the folder. If it is missing but its N is locked in the sibling, look again: if it is still missing, it
+//       was removed (1006). If N is free, make the folder, or fail with 2 if nothing is to be made.
+//   E3  Open the sibling, or make it. Refuse a folder or a sibling with another owner, mode, type or number of links.
+//   E4  Lock the gate: 170 after 2 s.
+//   E5  Look at the folder's N and F in the sibling. If only N is locked, another folder is the living one. Otherwise
+//       lock both.
+//   E6  Check that both names still lead to what was opened. If not, let everything go and start again at E2. Only now
+//       does a difference seen in E5 count (1006).
+// Two folders never live at once. A process that made another folder looked at N (E2) after the name of this folder was
+// gone. If it looked after E5, it saw N locked; if it looked before, E6 finds that the name leads to its folder.
+//
+// If only the sibling is removed, the next process to enter makes it again and guards the same folder anew. If the user
+// or root removes both while objects live, nobody notices.
 #pragma once
 
 #include <sys/stat.h>
@@ -40,33 +41,7 @@ namespace kzmkernel {
 /// How all files in the folder, and the sibling, are opened.
 inline constexpr int object_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
-enum class Life {
-    dead,     ///< nobody holds the name
-    alive,    ///< held, and this is its file
-    replaced  ///< held, but its file was removed or replaced
-};
-
-/// The byte N of a name.
-off_t name_place(const char* name) noexcept;
-
-/// Tells whether a name in a folder is held by anyone. `file` is what lies under the name, null when nothing does. The
-/// folder's gate must be held.
-Life life_of(int folder, const char* name, const struct stat* file) noexcept;
-
-/// Locks a name's two bytes for as long as the folder's descriptor, or a copy of it, is open; false and errno on
-/// failure.
-bool hold_alive(int folder, const char* name, const struct stat& file) noexcept;
-
-/// Whether another process has a file open or mapped. What this process has mapped counts as well, and so does what it
-/// has open besides `file`. A process that has just been killed may take a moment to let go; it is waited for.
-bool is_used_by_others(int file, Patience patience) noexcept;
-
-/// A process that keeps views of a mapping without a handle does not keep it alive. It leaves a mark, which lasts as
-/// long as the views, so that it is not taken for one that has lost its guards.
-void mark_as_viewed(int file) noexcept;
-bool is_marked_as_viewed(int file) noexcept;
-
-/// Files without a name, whose memory is given back when this ends.
+/// Files without a name. Their memory is freed at the end of this object's life.
 class RemovedFiles {
   public:
     void add(Descriptor file) noexcept {
@@ -82,34 +57,35 @@ class RemovedFiles {
     size_t count_ = 0;
 };
 
-/// The folder with its gate held, until this object's end.
+/// The folder with its gate held, until the end of this object's life.
 class Gate {
   public:
-    /// Enters the effective user's folder. @return 0 or a Windows error number: 2 when it is missing and not to be made
+    /// Enters the effective user's folder. @return 0 or a Windows error number: 2 if it is missing and not to be made
     uint32_t enter(bool make) noexcept;
-    /// Enters a folder that is open elsewhere, for instance to remove a file from it.
+    /// Enters a folder that is already open, for instance to remove a file from it.
     bool enter_again(int folder) noexcept;
     ~Gate() { leave(); }
 
-    /// Lets others in, but stays in the folder, which is guarded meanwhile.
+    /// Lets other processes in, but keeps the folder guarded.
     void step_out() noexcept;
-    /// Goes on after step_out(). @return 0 or a Windows error number
+    /// Locks the gate again after step_out(). @return 0 or a Windows error number
     uint32_t step_in() noexcept;
 
-    /// Says why a file in the folder is not taken for an object. @return 5
+    /// Explains why a file in the folder cannot be an object. @return 5
     uint32_t refuse_file(const char* file_name) const noexcept;
-    /// Says that an object lives without this file. @return 1006
+    /// Explains that an object lives without this file. @return 1006
     uint32_t explain_replaced(const char* file_name) const noexcept;
 
     int folder() const { return folder_.get(); }
     int sibling() const { return sibling_.get(); }
     void leave() noexcept;
-    /// Lets go of the gate but keeps the two descriptors, which carry the guards.
+    /// Leaves the gate but keeps the two descriptors, which carry the guards.
     void leave_guarded(KeptDescriptor& sibling, KeptDescriptor& folder) noexcept;
 
-    /// Waits, outside the gate, while another process makes an object of this name, so that its memory is not charged
-    /// twice; but not for long, since that process may be stopped. Others wait for this one until it leaves.
-    /// @return whether there was anything to wait for
+    /// Waits, outside the gate, while another process makes an object of this name, so that the memory is not charged
+    /// twice; but not for long, because that process may be stopped. Other makers wait for this process until it
+    /// leaves.
+    /// @return whether it had to wait
     bool wait_for_maker_of(const char* file_name) noexcept;
 
   private:
@@ -124,13 +100,13 @@ class Gate {
     Place place_;
     Patience patience_{2 * ns_per_s};
     Descriptor sibling_, folder_;
-    off_t making_ = 0;  ///< the byte of the sibling that is locked while an object is made; 0: none
+    off_t making_ = 0;  ///< the byte of the sibling that is locked while an object is made; 0 if none is
 };
 
 /// Removes the files of dead objects. The gate must be held.
 void remove_leftovers(const Gate& gate, RemovedFiles& removed) noexcept;
 
-/// Whether that is a file as objects have it: regular, ours, with one link, readable and writable for us alone.
+/// Whether a file can be an object's: regular, ours, with one link, and with read and write permission only for us.
 bool is_proper_file(const struct stat& file) noexcept;
 
 }  // namespace kzmkernel

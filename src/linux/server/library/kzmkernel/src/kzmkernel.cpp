@@ -27,7 +27,7 @@ void* fail(uint32_t error) {
     return nullptr;
 }
 
-/// Puts an object that was obtained behind a handle; null when it was not, or when there is no handle left.
+/// A new handle of an object; null if there is no object or no handle left.
 void* handle_for(uint32_t& error, Object* object, bool writable) {
     if (!object) return nullptr;
     void* const handle = open_handle(object, writable);
@@ -55,7 +55,7 @@ void* open(Kind kind, const char* name, bool writable) {
     return handle ? handle : fail(error);
 }
 
-/// A handle that came through a fork may be used in another process-id namespace by now.
+/// A handle that was inherited by a fork may now be used in another process-id namespace.
 uint32_t check(const Use& mutex) {
     if (!mutex) return KZMKERNEL_ERROR_INVALID_HANDLE;
     return mutex->mapped->mutex->is_usable() ? 0 : KZMKERNEL_ERROR_ACCESS_DENIED;
@@ -134,7 +134,7 @@ void* kzmkernel_map_view(void* mapping, uint32_t access, uint64_t offset, size_t
     const bool writable = (access & file_map_write) != 0;
     if (writable && !use.writable()) return fail(KZMKERNEL_ERROR_ACCESS_DENIED);
     void* view = nullptr;
-    const uint32_t error = map_view(*use.operator->(), writable, offset, length, view);
+    const uint32_t error = map_view(use->file, use->size, writable, offset, length, view);
     return error == 0 ? view : fail(error);
 }
 

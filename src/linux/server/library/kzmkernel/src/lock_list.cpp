@@ -9,7 +9,7 @@
 namespace kzmkernel {
 namespace {
 
-/// One line of the list. Lines of locks that are waited for have another form and are passed over.
+/// One line of the list. Lines of waiting processes have another form and are skipped.
 struct ListedLock {
     char type[16];
     int process;
@@ -22,7 +22,7 @@ bool is_lock_of(const ListedLock& lock, const struct stat& file) {
     return lock.major == major(file.st_dev) && lock.minor == minor(file.st_dev) && lock.inode == file.st_ino;
 }
 
-/// The first lock of the list that `matches`; false when there is none.
+/// The first lock of the list that `matches`; false if there is none.
 template <typename Matches>
 bool find_lock(ListedLock& lock, Matches matches) {
     const std::unique_ptr<FILE, int (*)(FILE*)> list(std::fopen("/proc/locks", "re"), std::fclose);

@@ -6,10 +6,10 @@
 
 namespace kzmkernel {
 
-/// The process that holds an flock on a file, or 0 when the list does not tell.
+/// The process that holds an flock on a file, or 0 if the list does not show it.
 pid_t process_that_locked(const struct stat& file) noexcept;
 
-/// Whether somebody holds an open file description lock on a byte of a file.
+/// Whether any process holds an open file description lock on a byte of a file.
 bool is_listed_as_locked(const struct stat& file, off_t place) noexcept;
 
 }  // namespace kzmkernel

@@ -1,12 +1,7 @@
 #include "object.h"
 
-#include <pthread.h>
-#include <sys/mman.h>
-#include <sys/statvfs.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -14,16 +9,17 @@
 #include "error.h"
 #include "explanation.h"
 #include "folder.h"
+#include "guard.h"
 #include "kzmkernel.h"
+#include "new_file.h"
 #include "view.h"
 
 namespace kzmkernel {
 namespace {
 
-constexpr uint64_t allocation_step = 1u << 20;
 constexpr size_t longest_name = 200;
 
-/// The process's objects, and mutexes that were closed while a thread of this process owned them or had used them last.
+/// The process's objects, and the closed mutexes whose page a thread of this process still owns or used last.
 constinit Object* objects = nullptr;
 constinit Object* closed_mutexes = nullptr;
 
@@ -52,136 +48,18 @@ Object* find_in(Object* list, Kind kind, const struct stat& file) {
     return list;
 }
 
-MappedMutex* map_mutex(int file) {
-    void* const address = mmap(nullptr, mutex_file_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    if (address == MAP_FAILED) return nullptr;
-    auto* const mapped = new (std::nothrow) MappedMutex{static_cast<Mutex*>(address), 0};
-    if (!mapped) {
-        munmap(address, mutex_file_size);
-        errno = ENOMEM;
-    }
-    return mapped;
-}
-
-void unmap(MappedMutex* mapped) {
-    if (mapped) munmap(mapped->mutex, mutex_file_size);
-    delete mapped;
-}
-
-bool must_stay_mapped(const MappedMutex& mapped) {
-    return mapped.users.load(std::memory_order_acquire) != 0 || mapped.mutex->is_owned_by_this_process();
-}
-
-/// Charges all of the memory now. It is done in steps, because a signal makes one start again.
-int allocate(int file, uint64_t size) {
-    struct statvfs disk {};
-    if (fstatvfs(file, &disk) != 0) return errno;
-    if (disk.f_blocks != 0 && size / disk.f_frsize > disk.f_bavail) return ENOSPC;
-    for (uint64_t done = 0; done < size;) {
-        const uint64_t step = std::min(allocation_step, size - done);
-        const int result = posix_fallocate(file, static_cast<off_t>(done), static_cast<off_t>(step));
-        if (result == EINTR) continue;
-        if (result != 0) return result;
-        done += step;
-    }
-    return 0;
-}
-
-/// The same without SIGXFSZ, which the system sends to a thread that goes beyond the limit of file sizes (ulimit -f),
-/// and which ends the process.
-int allocate_without_signal(int file, uint64_t size) {
-    sigset_t limit, before, pending;
-    sigemptyset(&limit);
-    sigaddset(&limit, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &limit, &before);
-    sigpending(&pending);
-    const int error = allocate(file, size);
-    // One that was pending before is the program's.
-    if (error == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
-        const timespec no_time{};
-        sigtimedwait(&limit, nullptr, &no_time);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error;
-}
-
-/// An object in the making: an unnamed file, which goes with the process, and with this unless it is given its name.
-/// Where that cannot be done later, since /proc is missing, it has a name of its own until then.
-class Building {
-  public:
-    explicit Building(const Gate& gate) : gate_(gate) {}
-    ~Building() {
-        if (own_name_[0] != '\0') unlinkat(gate_.folder(), own_name_, 0);
-    }
-    Building(const Building&) = delete;
-    Building& operator=(const Building&) = delete;
-
-    uint32_t build(Kind kind, uint64_t size) {
-        make_file();
-        // A folder that has been removed takes no more files.
-        if (!file_ && errno == ENOENT) return KZMKERNEL_ERROR_FILE_INVALID;
-        if (!file_ || fchmod(file_.get(), 0600) != 0) return windows_error(errno);
-        if (const int error = allocate_without_signal(file_.get(), size)) {
-            return explained(windows_error(error), "cannot allocate %llu bytes: %s%s",
-                             static_cast<unsigned long long>(size), std::strerror(error),
-                             error == EFBIG ? ": raise the limit of file sizes (ulimit -f)" : "");
-        }
-        return kind == Kind::mutex ? prepare_mutex() : 0;
-    }
-
-    /// Gives it a name that is free. The gate must be held.
-    uint32_t name(const char* file_name) {
-        const int folder = gate_.folder();
-        char unnamed[32];
-        std::snprintf(unnamed, sizeof unnamed, "%s/%d", descriptors, file_.get());
-        const bool is_named = own_name_[0] != '\0'
-                                  ? renameat(folder, own_name_, folder, file_name) == 0
-                                  : linkat(AT_FDCWD, unnamed, folder, file_name, AT_SYMLINK_FOLLOW) == 0;
-        if (!is_named) return windows_error(errno);
-        own_name_[0] = '\0';
-        return 0;
-    }
-
-  private:
-    /// Links to files that are open, so that naming an unnamed one needs no more rights than its user has.
-    static constexpr const char* descriptors = "/proc/self/fd";
-
-    void make_file() {
-        constexpr int most_tries = 100;
-        if (access(descriptors, X_OK) == 0) file_ = open_at(gate_.folder(), ".", O_RDWR | O_TMPFILE, 0600);
-        // No object's name begins with a dot.
-        for (int i = 0; i < most_tries && !file_; ++i) {
-            std::snprintf(own_name_, sizeof own_name_, ".new.%d.%d", getpid(), i);
-            file_ = open_at(gate_.folder(), own_name_, object_flags | O_CREAT | O_EXCL, 0600);
-            if (!file_) own_name_[0] = '\0';
-            if (!file_ && errno != EEXIST) return;
-        }
-    }
-
-    uint32_t prepare_mutex() const {
-        MappedMutex* const mapped = map_mutex(file_.get());
-        if (!mapped) return windows_error(errno);
-        const uint32_t error = mapped->mutex->prepare();
-        unmap(mapped);
-        return error;
-    }
-
-    const Gate& gate_;
-    Descriptor file_;
-    char own_name_[32]{};
-};
-
-/// Whether a file that nobody guards is in use all the same: a program that closes all of its descriptors loses its
+/// Whether a file whose guards are free is in use nevertheless: a program that closes all of its descriptors loses its
 /// guards and goes on using the memory.
 bool is_in_use(Kind kind, int file, const struct stat& status) {
     if (find_in(objects, kind, status)) return true;
-    // What this process alone has kept of an object would look like another process's use of it.
+    // What this process has kept of an object would look like another process's use of it.
     if (find_in(closed_mutexes, kind, status) || is_viewed_here(status.st_dev, status.st_ino)) return false;
     if (status.st_size == 0 || static_cast<uint64_t>(status.st_size) % page != 0) return false;
     return is_used_by_others(file, Patience{10 * ns_per_ms}) && !is_marked_as_viewed(file);
 }
 
-/// Opens the living file of a name; 2: the name is free, and if a dead object's file lies under it, that is open.
+/// Opens the living file of a name. 2 if the name is free; `file` is then the dead object's file under it, if there is
+/// one.
 uint32_t open_file(const Gate& gate, Kind kind, const char* file_name, Descriptor& file, struct stat& status) {
     file = open_at(gate.folder(), file_name, object_flags);
     if (!file) {
@@ -217,14 +95,14 @@ bool other_kind_lives(const Gate& gate, const Object& object) {
     return open_file(gate, other, file_name, file, status) == 0;
 }
 
-/// Makes this process's Object of a living file that it does not hold yet.
+/// Fills in the Object of a living file that this process does not hold yet.
 uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& object) {
     object.device = status.st_dev;
     object.inode = status.st_ino;
     object.size = static_cast<uint64_t>(status.st_size);
     if (object.kind == Kind::mutex) {
         if (object.size != mutex_file_size) return KZMKERNEL_ERROR_ACCESS_DENIED;
-        // A thread that still owns it has it linked at this address.
+        // If a thread still owns it, its list of robust mutexes holds this address.
         Object* const closed = find_in(closed_mutexes, Kind::mutex, status);
         object.mapped = closed ? closed->mapped : map_mutex(file.get());
         if (!object.mapped) return windows_error(errno);
@@ -234,7 +112,7 @@ uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& o
         } else if (!hold_alive(gate.folder(), object.file_name, status)) {
             error = windows_error(errno);
         }
-        if (error != 0 && !closed) unmap(object.mapped);
+        if (error != 0 && !closed) unmap_mutex(object.mapped);
         if (error == 0 && closed) {
             unlink_from(closed_mutexes, closed);
             delete closed;
@@ -245,12 +123,12 @@ uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& o
     return hold_alive(gate.folder(), object.file_name, status) ? 0 : windows_error(errno);
 }
 
-/// The system has given a number away, so this object has it no more.
+/// Forgets a descriptor number that the system has given to another file.
 void forget_number(Object& object, int number) {
     for (KeptDescriptor* const kept : {&object.sibling, &object.folder, &object.file}) kept->forget(number);
 }
 
-/// The same with the numbers of an object, for all others.
+/// Forgets the descriptor numbers of an object in all other objects.
 void forget_numbers_of(const Object& object) {
     for (Object* other = objects; other; other = other->next) {
         if (other == &object) continue;
@@ -269,7 +147,7 @@ uint32_t keep(Gate& gate, Object* made, Object*& object) {
     return 0;
 }
 
-/// Guards an object of this process anew if its program has closed what carried the guards, or if the sibling was
+/// Guards an object of this process again if the program closed the descriptors with the guards, or if the sibling was
 /// removed.
 uint32_t guard_again(Gate& gate, Object& object, Descriptor file, const struct stat& status) {
     struct stat sibling {};
@@ -286,8 +164,8 @@ uint32_t guard_again(Gate& gate, Object& object, Descriptor file, const struct s
     return 0;
 }
 
-/// Looks for the living object of made's name, with the gate held. 183: `object` is it; 2: the name is free.
-/// Where an object is to be made, a dead one's file is removed.
+/// Looks for the living object of made's name; the gate is held. 183: it is `object`; 2: the name is free. Removes a
+/// dead object's file if an object is to be made.
 uint32_t look(Gate& gate, Object* made, bool make, Object*& object, RemovedFiles& removed) {
     Descriptor file;
     struct stat status {};
@@ -312,15 +190,18 @@ uint32_t look(Gate& gate, Object* made, bool make, Object*& object, RemovedFiles
     return found;
 }
 
-/// Makes an object of a name that was free. The gate is free, too, until the object has its memory.
+/// Makes an object of a name that was free. The gate is open to other processes until the object has its memory.
 uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object, RemovedFiles& removed) {
-    Building building(gate);
-    if (const uint32_t error = building.build(made->kind, size)) return error;
+    NewFile made_file(gate);
+    if (const uint32_t error = made_file.make(size)) return error;
+    if (made->kind == Kind::mutex) {
+        if (const uint32_t error = made_file.prepare_mutex()) return error;
+    }
     if (const uint32_t error = gate.step_in()) return error;
     const uint32_t found = look(gate, made, true, object, removed);
     if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
-    if (const uint32_t error = building.name(made->file_name)) return error;
-    // Opened by its name, which tools show then.
+    if (const uint32_t error = made_file.name(made->file_name)) return error;
+    // The file is opened by its name so that tools show the name.
     struct stat status {};
     uint32_t error = 0;
     Descriptor file = open_at(gate.folder(), made->file_name, object_flags);
@@ -349,7 +230,7 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& 
         if (const uint32_t error = gate.enter(make)) return error;
         uint32_t found = look(gate, made, make, object, removed);
         if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND || !make) return found;
-        // Who comes first clears up: that is often enough, and costs nothing later.
+        // Only the first object of a process clears up: that is often enough, and later objects cost no more for it.
         if (!objects) remove_leftovers(gate, removed);
         gate.step_out();
         removed.let_go();
@@ -366,16 +247,16 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& 
     return obtained;
 }
 
-/// Removes the file of an object that this process has given up, if no other process has it. Where the gate cannot be
-/// had the file stays, as after a kill: the next creator knows that it is dead.
+/// Removes the file of an object that this process has given up, if no other process has it. If the gate cannot be
+/// locked the file stays, as after a kill: the next creator finds out that it is dead.
 void remove_file_of(Object& object) {
-    // Views of this process hide from it whether the process that it forked still uses the memory.
+    // While this process has views, it cannot find out whether a process that it forked still uses the memory.
     if (object.was_forked && is_viewed_here(object.device, object.inode)) {
         object.folder.reset();
         return;
     }
     RemovedFiles removed;  // let go of after the gate
-    // A descriptor of its own: a forked child may share ours, and with it the gate's lock.
+    // The gate needs a new descriptor: a forked child may share ours, and with it the gate's lock.
     Gate gate;
     if (!(object.folder.is_there() ? gate.enter_again(object.folder.get()) : gate.enter(false) == 0)) return;
     object.folder.reset();
@@ -421,7 +302,7 @@ void drop_object(Object* object) noexcept {
         object->next = closed_mutexes;
         closed_mutexes = object;
     } else if (is_mutex) {
-        unmap(std::exchange(object->mapped, nullptr));
+        unmap_mutex(std::exchange(object->mapped, nullptr));
     }
     remove_file_of(*object);
     if (!object->mapped) delete object;
@@ -435,7 +316,7 @@ void forget_closed_mutexes() noexcept {
             continue;
         }
         *at = object->next;
-        unmap(object->mapped);
+        unmap_mutex(object->mapped);
         delete object;
     }
 }

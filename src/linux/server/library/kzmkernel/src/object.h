@@ -1,61 +1,52 @@
 // Named objects: files in the folder, each of one kind. A process has one Object per living file, shared by its
 // handles.
 //
-// To create (to open is C1, C2 and C7):
-//   C1  Enter the folder: folder.h, E1 to E6. The gate is held now.
-//   C2  Look at the name: its guards N and F, and the file under it. Held by somebody and the same file: it is
-//       the living object (C7). Held and another file or none: 1006. Not held, but the file is in use: its users
-//       have lost their guards, and it is the living object (C7). Else the name is free; a file under it is a
-//       dead object's and is removed. The first object of a process removes all dead files.
+// To create an object (C1, C2 and C7 also open one):
+//   C1  Enter the folder (folder.h, E1 to E6). From here on the gate is held.
+//   C2  Look at the name: its guards N and F, and the file under it.
+//         N and F locked: the file is the living object. Go on at C7.
+//         only N locked: the living object's file was removed or replaced (1006).
+//         neither locked, but the file is in use (see below): its users lost their guards, and it is the living object.
+//         Go on at C7.
+//         otherwise the name is free. A file under it belongs to a dead object and is removed.
+//       The first object of a process also removes the files of all dead objects.
 //   C3  Step out of the gate. The folder stays guarded.
-//   C4  Lock the byte of this name's makers in the sibling, so that two creators do not both charge the memory.
-//       If another maker has it, wait until it is free, but at most 0.5 s; step in, look again (C2) and step out.
-//   C5  Make an unnamed file (O_TMPFILE), allocate it, prepare the mutex in it. Without /proc, by which an
-//       unnamed file is named later, it is called .new.PID.N until then; such a file is dead when nobody has it
-//       open.
-//   C6  Step into the gate: 170 after 2 s of waiting in all, 1006 if the folder was removed meanwhile. Look again
-//       (C2): another process may have been first. If not, give the file its name.
-//   C7  Open the file, lock N and F, let go of the gate and of the makers' byte. If this process has the object
-//       already, that is used; its guards are locked anew if they are gone, and those of this call are given up.
-// Whoever is killed in C5 leaves nothing, in C6 a file without guards; whoever is stopped holds others up in C2,
-// C6 and C7 alone, where it holds the gate.
+//   C4  Lock the byte of this name's makers in the sibling, so that two creators do not both charge the memory. If
+//       another maker has it, wait until it is free, but at most 0.5 s; then step in, repeat C2 and step out.
+//   C5  Make an unnamed file (O_TMPFILE), allocate it, and prepare the mutex in it. Naming an unnamed file needs /proc;
+//       without /proc the file is called .new.PID.N until C6. Such a file is dead when no process has it open.
+//   C6  Step into the gate: 170 after 2 s of waiting in all, 1006 if the folder was removed meanwhile. Repeat C2,
+//       because another process may have been first. If not, give the file its name.
+//   C7  Open the file, lock N and F, and release the gate and the makers' byte. If this process already has the object,
+//       use that: lock its guards again if they are gone, and give up those of this call.
+// A process that is killed in C5 leaves nothing; in C6 it leaves a file without guards. A stopped process holds up
+// others only in C2, C6 and C7, where it holds the gate.
 //
 // To drop the last handle of the process:
-//   D1  If views of it stay, read-lock byte 0 of the file on the description that they are mapped from: the mark.
-//       Not so after a fork: the other process may have its views from the same description, and a handle. The
-//       file stays then, and who creates the object next finds out whether it is in use.
-//       Close the file and the sibling.
-//   D2  Lock the gate; enter the folder anew (E1 to E6) if its descriptor is gone. Where that fails the file
-//       stays, as after a kill. Close the folder, and with it the last of this process's guards.
-//   D3  If nobody holds N now, the name still leads to this object's file, and that is not in use, remove it.
+//   D1  If views of the object stay, leave the mark: read-lock byte 0 of the file on the description that the views are
+//       mapped from. Not after a fork: the other process may have views from the same description, and a handle; then
+//       the file stays, and the next creator finds out whether it is in use. Close the file and the sibling.
+//   D2  Lock the gate; if the folder's descriptor is gone, enter anew (E1 to E6). If that fails, the file stays, as
+//       after a kill. Close the folder, and with it the last of this process's guards.
+//   D3  If N is free now, the name still leads to this object's file and the file is not in use, remove the file.
 //
-// In use (C2 and D3, of a file that nobody guards): this process has an Object of it; or this process has none of
-// its memory mapped, a write lease on it is refused for 10 ms, so that another process has it open or mapped, and
-// the file has no mark.
+// A file whose guards are free is in use (C2, D3) if this process has an Object of it; or if this process has none of
+// its memory mapped, the system refuses a write lease on it for 10 ms, so another process has it open or mapped, and it
+// has no mark.
 #pragma once
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 #include "descriptor.h"
-#include "mutex.h"
+#include "mapped_mutex.h"
 
 namespace kzmkernel {
 
-/// Mappings and views are whole pages.
-inline constexpr uint64_t page = 4096;
-
-/// The first letter of the file's name: mutexes and mappings of one name do not meet on the disk.
+/// The first letter of the file's name, so that a mutex and a mapping of one name have different files.
 enum class Kind : char { mutex = 'm', mapping = 's' };
-
-/// A mutex's page as this process has it mapped. Threads that used it last keep it mapped, though not alive.
-struct MappedMutex {
-    Mutex* mutex;
-    std::atomic<uint32_t> users;
-};
 
 inline constexpr size_t file_name_size = 256;
 /// The name of an object's file.
@@ -70,24 +61,25 @@ struct Object {
     KeptDescriptor sibling, folder;  ///< carry the guards
     KeptDescriptor file;             ///< of a mapping
     MappedMutex* mapped;             ///< of a mutex
-    bool was_forked;                 ///< its open files, and what is mapped from them, are shared with a forked process
+    bool was_forked;                 ///< a forked process shares its open files and what is mapped from them
     uint32_t handles;
     Object* next;
 };
 
-/// All of these are called with the process's lock held and give 0 or a Windows error number.
+/// The caller holds the process's lock. Results are 0 or a Windows error number.
 
-/// Opens the object or makes it; 183: it existed. Each success counts one handle more.
+/// Opens the object or makes it; 183 if it existed. Each success adds one handle.
 uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& object) noexcept;
-/// Opens an object that lives; 2: there is none.
+/// Opens a living object; 2 if there is none.
 uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept;
-/// Gives up one handle. With the last one of the process the object goes; with the last of all processes its file.
+/// Gives up one handle. The process's last handle takes its Object with it, and the last handle of all processes the
+/// file.
 void drop_object(Object* object) noexcept;
-/// Gives back the pages of closed mutexes that no thread of this process needs any more.
+/// Unmaps the pages of closed mutexes that no thread of this process needs any more.
 void forget_closed_mutexes() noexcept;
-/// Before a fork.
+/// Call it before a fork.
 void note_fork() noexcept;
-/// In the child of a fork, where no other thread is left to keep a mutex's page mapped.
+/// Call it in the child of a fork, where no other thread is left that needs a mutex's page.
 void forget_users_of_mutexes() noexcept;
 
 }  // namespace kzmkernel

@@ -16,7 +16,7 @@
 namespace kzmkernel {
 namespace {
 
-/// Whether a name on the memory disk is that of a user's folder, and that folder is this user's.
+/// Whether this is the folder of the user who owns it, by its name on the memory disk.
 bool is_folder_of(const char* name, const struct stat& found) {
     char expected[32];
     std::snprintf(expected, sizeof expected, "%s%u", folder_prefix, found.st_uid);

@@ -1,4 +1,4 @@
-// How long a call waits for others, over all of its waits.
+// How long a call waits for other processes, in all of its waits together.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@ class Patience {
   public:
     explicit constexpr Patience(uint64_t limit_ns) : left_ns_(limit_ns) {}
 
-    /// Sleeps for a moment, longer each time, and returns true: the caller tries again. False if the time is up.
+    /// Sleeps for a moment, longer each time, and returns true so that the caller tries again; false if the time is up.
     bool wait() noexcept {
         if (left_ns_ == 0) return false;
         const uint64_t begin = now_ns(CLOCK_MONOTONIC);

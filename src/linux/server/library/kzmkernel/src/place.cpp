@@ -16,8 +16,8 @@ namespace {
 
 constexpr const char* variable = "KZMKERNEL_FOLDER";
 
-/// Others must not be able to rename or remove what is ours in it. The memory disk is the system's, whoever owns it in
-/// a container.
+/// Whether our files in it are safe from being renamed or removed by other users. The memory disk belongs to the
+/// system, even if another user owns it, as in a container.
 bool is_safe_parent(const struct stat& parent, bool is_memory_disk) {
     const bool others_may_write = (parent.st_mode & (S_IWGRP | S_IWOTH)) != 0;
     const bool is_trusted = is_memory_disk || parent.st_uid == 0 || parent.st_uid == geteuid();
@@ -27,7 +27,7 @@ bool is_safe_parent(const struct stat& parent, bool is_memory_disk) {
 }  // namespace
 
 uint32_t Place::name() noexcept {
-    // A program with more rights than its caller does not let the caller choose.
+    // A program with more rights than its caller ignores the variable.
     const char* const chosen = secure_getenv(variable);
     const int length = chosen && *chosen ? std::snprintf(folder_path_, sizeof folder_path_, "%s", chosen)
                                          : std::snprintf(folder_path_, sizeof folder_path_, "%s/%s%u", memory_disk,

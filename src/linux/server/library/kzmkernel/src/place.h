@@ -1,4 +1,4 @@
-// Where the folder of kernel objects lies: kzmkernel.UID on the memory disk, or where KZMKERNEL_FOLDER says.
+// Where the folder of kernel objects lies: kzmkernel.UID on the memory disk, or the folder that KZMKERNEL_FOLDER names.
 #pragma once
 
 #include <climits>
@@ -15,12 +15,12 @@ inline constexpr char memory_disk[] = "/dev/shm", folder_prefix[] = "kzmkernel."
 /// The parent of the effective user's folder, open, and the names in it.
 class Place {
   public:
-    /// @return 0 or a Windows error number: 5 when others could rename or remove the folder there
+    /// @return 0 or a Windows error number: 5 if other users could rename or remove the folder
     uint32_t open() noexcept;
 
     int parent() const { return parent_.get(); }
     const char* folder() const { return folder_path_ + name_at_; }
-    /// The sibling: the file beside the folder in which the folder's life is guarded.
+    /// The sibling: the file beside the folder that guards the folder.
     const char* sibling() const { return sibling_path_ + name_at_; }
     const char* folder_path() const { return folder_path_; }
     const char* sibling_path() const { return sibling_path_; }

@@ -7,7 +7,6 @@
 
 #include "error.h"
 #include "kzmkernel.h"
-#include "object.h"
 #include "process.h"
 
 namespace kzmkernel {
@@ -33,18 +32,19 @@ View** place_of(const void* address) {
 
 }  // namespace
 
-uint32_t map_view(Object& mapping, bool writable, uint64_t offset, size_t length, void*& view) noexcept {
+uint32_t map_view(KeptDescriptor& file, uint64_t file_size, bool writable, uint64_t offset, size_t length,
+                  void*& view) noexcept {
     if (offset % granularity != 0) return KZMKERNEL_ERROR_MAPPED_ALIGNMENT;
-    if (offset >= mapping.size || length > mapping.size - offset) return KZMKERNEL_ERROR_ACCESS_DENIED;
-    const uint64_t wanted = length != 0 ? length : mapping.size - offset;
+    if (offset >= file_size || length > file_size - offset) return KZMKERNEL_ERROR_ACCESS_DENIED;
+    const uint64_t wanted = length != 0 ? length : file_size - offset;
     const size_t size = (wanted + page - 1) / page * page;
 
     const ProcessLock locked;
     // The program may have closed the descriptor, and its number may now belong to another file.
-    if (!mapping.file.is_there()) return KZMKERNEL_ERROR_INVALID_HANDLE;
-    View* const made = new (std::nothrow) View{nullptr, size, mapping.device, mapping.inode, views};
+    if (!file.is_there()) return KZMKERNEL_ERROR_INVALID_HANDLE;
+    View* const made = new (std::nothrow) View{nullptr, size, file.device(), file.inode(), views};
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
-    made->address = mmap(nullptr, size, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, mapping.file.get(),
+    made->address = mmap(nullptr, size, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, file.get(),
                          static_cast<off_t>(offset));
     if (made->address == MAP_FAILED) {
         const int error = errno;
@@ -67,7 +67,6 @@ bool unmap_view(const void* view) noexcept {
     return true;
 }
 
-// The caller holds the process's lock.
 bool is_viewed_here(dev_t device, ino_t inode) noexcept {
     const View* view = views;
     while (view && !(view->device == device && view->inode == inode)) view = view->next;
