@@ -1,5 +1,5 @@
-// How a mutex of kzmkernel is waited for and released: its sleeps, who may release it, and that a free lock is found
-// whoever was killed or stopped.
+// How processes wait for a mutex of kzmkernel and release it: how they sleep, who may release it, and that a waiter
+// finds a free lock even if other processes are killed or stopped.
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
 #include <linux/futex.h>
@@ -43,6 +43,30 @@ std::vector<Sleep> sleeps_of(Traced& process) {
     return sleeps;
 }
 
+/// A process that owns a mutex from the start until it is told to release it.
+class OwningProcess {
+  public:
+    explicit OwningProcess(void* mutex)
+        : process_([this, mutex] {
+              EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+              owned_.give();
+              release_.await();
+              EXPECT_TRUE(kzmkernel_release(mutex));
+          }) {
+        owned_.await();
+    }
+    pid_t id() const { return process_.id(); }
+    void kill() { process_.kill(); }
+    /// Tells it to release the mutex.
+    void release() { release_.give(); }
+    /// Waits for its end. @return 0 unless a check in it failed
+    int wait() { return process_.wait(); }
+
+  private:
+    Sign owned_, release_;
+    Forked process_;
+};
+
 // A clock that is set cannot reach a sleep that the kernel counts on the monotonic clock.
 TEST(KernelWait, SleepsInSlicesOfHalfASecondAndEndsInTime) {
     const Handle mutex(create_mutex(object_name()));
@@ -60,7 +84,7 @@ TEST(KernelWait, SleepsInSlicesOfHalfASecondAndEndsInTime) {
     EXPECT_LE(sleeps.size(), 3u) << "no polling";
     EXPECT_GE(sleeps[0].ends, begin + 500 * ms);
     for (const Sleep& sleep : sleeps) EXPECT_LE(sleep.ends, sleep.began + 500 * ms);
-    EXPECT_EQ(sleeps.back().ends - sleeps[0].ends, 700 * ms) << "the wait ends to the nanosecond where it was to end";
+    EXPECT_EQ(sleeps.back().ends - sleeps[0].ends, 700 * ms) << "the wait ends exactly when it should";
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
@@ -100,7 +124,7 @@ TEST(KernelWait, OwnsALockThatIsFreeAtItsLastLook) {
         EXPECT_TRUE(kzmkernel_release(mutex.value));
     });
     waiter.run_until_it_enters(SYS_futex);
-    ASSERT_TRUE(waiter.step());  // its time is over, and it stands on its way out of the kernel
+    ASSERT_TRUE(waiter.step());  // it timed out and stops on its way out of the kernel
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     while (waiter.step()) {
     }
@@ -109,18 +133,11 @@ TEST(KernelWait, OwnsALockThatIsFreeAtItsLastLook) {
 
 TEST(KernelWait, TimesOutWhileAStoppedOwnerKeepsTheLock) {
     const Handle mutex(create_mutex(object_name()));
-    Sign owned, go_on;
-    Forked owner([&] {
-        EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-        owned.give();
-        go_on.await();
-        EXPECT_TRUE(kzmkernel_release(mutex.value));
-    });
-    owned.await();
+    OwningProcess owner(mutex.value);
     ASSERT_EQ(kill(owner.id(), SIGSTOP), 0);
     EXPECT_EQ(kzmkernel_wait(mutex.value, 20), uint32_t{KZMKERNEL_WAIT_TIMEOUT});
     ASSERT_EQ(kill(owner.id(), SIGCONT), 0);
-    go_on.give();
+    owner.release();
     EXPECT_EQ(kzmkernel_wait(mutex.value, 20'000), uint32_t{KZMKERNEL_WAIT_OWNED});
     EXPECT_TRUE(kzmkernel_release(mutex.value));
     EXPECT_EQ(owner.wait(), 0);
@@ -135,19 +152,19 @@ TEST(KernelWait, GetsTheLockWhenTheReleaserIsStoppedBeforeItWakesAnybody) {
     });
     owner.run_until_it_enters(SYS_getppid);
     SleepingWaiter waiter(mutex.value);
-    owner.run_until_it_enters(SYS_futex);  // where it stays: the lock is free, nobody has been woken
+    owner.run_until_it_enters(SYS_futex);  // and stops there: the lock is free, and no waiter has been woken
     EXPECT_EQ(waiter.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
 TEST(KernelWait, GetsTheLockWhenTheWokenWaiterIsStopped) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    WokenAndSleeping waiters(mutex.value);  // the woken one stays where it is
+    WokenAndSleeping waiters(mutex.value);  // the woken waiter does not go on
     EXPECT_EQ(waiters.sleeping.result(), uint32_t{KZMKERNEL_WAIT_OWNED});
 }
 
-// The C library leaves a pointer to the lock behind when a timed lock runs out of time, and the kernel follows it when
-// the thread ends.
+// When a timed lock times out, the C library leaves a pointer to the lock, and the kernel follows it when the thread
+// ends.
 TEST(KernelWait, LeavesNoPointerForTheKernelAfterATimeOut) {
     const std::string name = object_name();
     Sign owned, never;
@@ -173,7 +190,7 @@ TEST(KernelWait, LeavesNoPointerForTheKernelAfterATimeOut) {
         std::fill_n(in_its_place, page / sizeof(uint32_t), thread_id);
     }).join();
     ASSERT_NE(in_its_place, nullptr);
-    // The join saw the thread's end; the kernel's own clearing up comes before.
+    // The join saw the thread's end, which comes after the kernel has followed the pointer.
     EXPECT_EQ(std::count(in_its_place, in_its_place + page / sizeof(uint32_t), thread_id),
               static_cast<ptrdiff_t>(page / sizeof(uint32_t)));
     munmap(in_its_place, page);
@@ -199,7 +216,7 @@ TEST(KernelWait, GetsTheLockWhenTheReleaserIsKilledBeforeItWakesAnybody) {
     owner.run_until_it_enters(SYS_getppid);
     SleepingWaiter waiter(mutex.value);
 
-    owner.run_until_it_enters(SYS_futex);  // the lock is free, nobody has been woken
+    owner.run_until_it_enters(SYS_futex);  // the lock is free, and no waiter has been woken
     EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     owner.kill();
     EXPECT_TRUE(kzmkernel_release(mutex.value));
@@ -210,19 +227,13 @@ TEST(KernelWait, GetsTheLockWhenAnOwnerThatOvertookTheWokenWaiterIsKilled) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     WokenAndSleeping waiters(mutex.value);
-    Sign taken, never;
-    Forked owner([&] {
-        EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-        taken.give();
-        never.await();
-    });
-    taken.await();
+    OwningProcess owner(mutex.value);
     waiters.woken.kill();
     owner.kill();
     EXPECT_EQ(waiters.sleeping.result(), uint32_t{KZMKERNEL_WAIT_ABANDONED});
 }
 
-// Whoever is killed leaves its name in the page, and a later process may get the same ids.
+// A killed owner leaves its ids in the page, and a later process may get the same ids.
 TEST(KernelRelease, IsRefusedToAnotherThreadWithTheOwnersIds) {
     const Handle mutex(create_mutex(object_name()));
     std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
@@ -231,13 +242,13 @@ TEST(KernelRelease, IsRefusedToAnotherThreadWithTheOwnersIds) {
         std::string owned(4096, 0);
         ASSERT_TRUE(file.seekg(0).read(owned.data(), 4096));
         for (int i = 0; i < takes; ++i) ASSERT_TRUE(kzmkernel_release(mutex.value));
-        // The page as it was then, but for the lock's own word, in which the kernel notes an owner's end.
+        // The page as it was then, except for the word of the lock, which the kernel clears when an owner ends.
         const auto thread = static_cast<uint32_t>(gettid());
         const size_t word = owned.find(std::string(reinterpret_cast<const char*>(&thread), sizeof thread));
         ASSERT_NE(word, std::string::npos);
         owned.replace(word, sizeof thread, sizeof thread, 0);
         ASSERT_TRUE(file.seekp(0).write(owned.data(), 4096).flush());
-        EXPECT_EQ(info_of(mutex.value).owner_thread, thread) << "the name stands there";
+        EXPECT_EQ(info_of(mutex.value).owner_thread, thread) << "the page names this thread as the owner";
 
         EXPECT_FALSE(kzmkernel_release(mutex.value)) << takes;
         EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_NOT_OWNER});
@@ -246,7 +257,7 @@ TEST(KernelRelease, IsRefusedToAnotherThreadWithTheOwnersIds) {
     }
 }
 
-// Its name may stand in the page while the lock's next owner has not written its own there.
+// The page may still name a dead owner while the next owner has not written its own ids.
 TEST(KernelRelease, IsRefusedToAThreadWithADeadOwnersIdsAndChangesNothing) {
     const Handle mutex(create_mutex(object_name()));
     std::fstream file(file_of_mutex(object_name()), std::ios::binary | std::ios::in | std::ios::out);
@@ -255,14 +266,7 @@ TEST(KernelRelease, IsRefusedToAThreadWithADeadOwnersIdsAndChangesNothing) {
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     ASSERT_TRUE(file.seekg(after_the_lock).read(owned.data(), static_cast<std::streamsize>(owned.size())));
     ASSERT_TRUE(kzmkernel_release(mutex.value));
-    Sign taken, go_on;
-    Forked owner([&] {
-        EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-        taken.give();
-        go_on.await();
-        EXPECT_TRUE(kzmkernel_release(mutex.value));
-    });
-    taken.await();
+    OwningProcess owner(mutex.value);
     ASSERT_TRUE(file.seekp(after_the_lock).write(owned.data(), static_cast<std::streamsize>(owned.size())).flush());
 
     EXPECT_FALSE(kzmkernel_release(mutex.value));
@@ -270,7 +274,7 @@ TEST(KernelRelease, IsRefusedToAThreadWithADeadOwnersIdsAndChangesNothing) {
     ASSERT_TRUE(file.seekg(after_the_lock).read(found.data(), static_cast<std::streamsize>(found.size())));
     EXPECT_TRUE(found == owned) << "a refused release writes nothing";
     EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_TIMEOUT});
-    go_on.give();
+    owner.release();
     EXPECT_EQ(owner.wait(), 0);
     EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     EXPECT_TRUE(kzmkernel_release(mutex.value));

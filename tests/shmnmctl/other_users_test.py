@@ -1,4 +1,4 @@
-"""The tool where another user has the region, or is in the way of one's own. Run as root: the tests act as two users."""
+"""The tool when another user has the region, or keeps this user from having one. Run as root: the tests act as two users."""
 import fcntl
 import os
 import pathlib
@@ -8,7 +8,8 @@ import subprocess
 import support
 from support import Result, ToolTest
 
-OTHER_USER = 54321
+# As spare_user() of the other tests: a user that no account has and only this process uses.
+OTHER_USER = int(os.environ["SHMNM_SPARE_USERS"]) + os.getpid() % 10_000 * 4
 PLANTED = ": remove it, or set KZMKERNEL_FOLDER to another folder in all processes\n"
 
 

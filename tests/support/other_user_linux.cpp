@@ -11,7 +11,7 @@
 namespace test {
 
 uid_t spare_user(unsigned which) {
-    return 20'000 + static_cast<uid_t>(getpid()) % 10'000 * 4 + which;
+    return SHMNM_SPARE_USERS + static_cast<uid_t>(getpid()) % 10'000 * 4 + which;
 }
 
 void become(uid_t user) {
