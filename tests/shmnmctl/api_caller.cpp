@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "picture/escape.h"
+#include "picture/live.h"
 #include "shmnm.h"
 
 namespace {
@@ -300,6 +301,14 @@ const std::map<std::string, Function> functions = {
          const uint32_t result = shmnm_getfstdescript(bytes.data(), &size);
          line.output(escaped(bytes));
          return result;
+     }},
+    {"poke",  // writes a word of the region by no call of the library
+     [](Line& line) {
+         const size_t offset = std::stoul(line.input());
+         const picture::WritableRegion region;
+         *reinterpret_cast<volatile uint32_t*>(region.base() + offset) =
+             static_cast<uint32_t>(std::stoul(line.input()));
+         return uint32_t{SHMNM_OK};
      }},
     {"dump",
      [](Line& line) {

@@ -27,6 +27,11 @@ std::string to_text(const Counts& counts) {
     return fmt::format("servers {}, hb {}, np {}, fst {}", counts.servers, counts.hb, counts.np, counts.fst);
 }
 
+uint64_t in_pages(uint64_t size) {
+    constexpr uint64_t page_size = 4096;
+    return (size + page_size - 1) / page_size * page_size;
+}
+
 Layout::Layout(const Counts& counts) {
     const uint64_t s = wide(counts.servers), h = wide(counts.hb), n = wide(counts.np), f = wide(counts.fst);
     servers = sizeof(shmnm_header);

@@ -16,6 +16,9 @@ struct Counts {
 /// "servers 16, hb 16, np 8, fst 1"
 std::string to_text(const Counts& counts);
 
+/// A size in bytes, rounded up to whole pages of memory.
+uint64_t in_pages(uint64_t size);
+
 /// Distances from the region's start, in bytes. What a negative or an enormous count would place is at `nowhere`.
 struct Layout {
     static constexpr uint64_t nowhere = UINT64_MAX / 4;

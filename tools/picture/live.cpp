@@ -18,22 +18,6 @@ namespace picture {
 namespace {
 
 constexpr uint32_t map_read = 4, all_access = 0xF001F, error_not_found = 2, error_access_denied = 5;
-constexpr uint64_t page = 4096;
-
-uint64_t in_pages(uint64_t size) {
-    return (size + page - 1) / page * page;
-}
-
-/// What the kernel's last failure was and what to do about it.
-std::string reason() {
-    const uint32_t error = platform::last_error();
-    if (const std::string known = platform::explanation(); !known.empty()) {
-        return fmt::format("(error {}): {}", error, printable(known));
-    }
-    return fmt::format("(error {}); {}", error,
-                       error == error_access_denied ? "run this as the user who runs the cluster"
-                                                    : "see the trace log and the system's log");
-}
 
 std::string with_prefix(const char* name) {
     const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
@@ -63,6 +47,16 @@ Error no_region() {
 
 std::string full_name(const char* name) {
     return printable(with_prefix(name));
+}
+
+std::string last_failure() {
+    const uint32_t error = platform::last_error();
+    if (const std::string known = platform::explanation(); !known.empty()) {
+        return fmt::format("(error {}): {}", error, printable(known));
+    }
+    return fmt::format("(error {}); {}", error,
+                       error == error_access_denied ? "run this as the user who runs the cluster"
+                                                    : "see the trace log and the system's log");
 }
 
 uint64_t live_object() {
@@ -131,7 +125,7 @@ class LiveRegion::View {
   public:
     explicit View(void* mapping) : mapping_(mapping), base_(platform::map_for_reading(mapping)) {
         if (!base_) {
-            const std::string why = reason();
+            const std::string why = last_failure();
             platform::close(mapping_);
             throw Error(ErrorKind::failed, fmt::format("cannot map the region {} {}", full_name(mapping_name), why));
         }
@@ -178,7 +172,8 @@ void* LiveRegion::mutex() {
     tell("mutex", mutex_name);
     mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
     if (!mutex_) {
-        throw Error(ErrorKind::failed, fmt::format("cannot open the lock {} {}", full_name(mutex_name), reason()));
+        throw Error(ErrorKind::failed,
+                    fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure()));
     }
     return mutex_;
 }
@@ -189,7 +184,8 @@ std::unique_ptr<LiveRegion::View> LiveRegion::open() {
     void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
     if (mapping) return std::make_unique<View>(mapping);
     if (platform::last_error() == error_not_found) return nullptr;
-    throw Error(ErrorKind::failed, fmt::format("cannot open the region {} {}", full_name(mapping_name), reason()));
+    throw Error(ErrorKind::failed,
+                fmt::format("cannot open the region {} {}", full_name(mapping_name), last_failure()));
 }
 
 void LiveRegion::throw_no_lock(uint32_t timeout_ms) {
@@ -341,7 +337,7 @@ WritableRegion::WritableRegion()
       base_(mapping_ ? static_cast<uint8_t*>(platform::map_for_writing(mapping_)) : nullptr) {
     if (base_) return;
     const bool is_missing = platform::last_error() == error_not_found;
-    const std::string why = reason();
+    const std::string why = last_failure();
     if (mapping_) platform::close(mapping_);
     if (is_missing) throw no_region();
     throw Error(ErrorKind::failed,

@@ -24,6 +24,9 @@ inline constexpr const char* mutex_name = "oru_kzmshmnm_lock";
 /// A name as the kernel knows it, with the prefix of the installation's namespace; escaped for a message.
 std::string full_name(const char* name);
 
+/// Why the kernel's last call failed and what to do about it, to stand after what failed.
+std::string last_failure();
+
 /// The lock's holder and how often it was taken over, in one line; "" if the system does not tell.
 std::string describe_holder(void* mutex);
 
