@@ -78,11 +78,12 @@ class Locking(LockTest):
         self.assertEqual(self.tool("dump", dump).status, 0)
         for argument in odd:
             with self.subTest(argument):
-                # A key that does not exist is named in the error. A dump is read, since the lock is taken.
+                # A word that no key has is named in the error. A dump is read, since the lock is taken.
                 command = ["get", "--file", dump, f"x{argument}"]
                 direct, locked = self.tool(*command), self.tool("lock", *tool_as_command(*command))
-                self.assertIn("there is no key x", direct.err)
-                self.assertEqual((locked.status, locked.err), (1, direct.err))
+                shown = argument.replace("\t", "%09")
+                self.assertIn(f'no such word "x{shown}"; ', direct.err)
+                self.assertEqual((locked.status, locked.err), (2, direct.err))
 
     def test_lock_reports_a_wait_that_times_out(self):
         api = self.api()

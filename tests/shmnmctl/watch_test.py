@@ -116,7 +116,7 @@ class Watching(WatchTest):
 
     def test_watch_prints_only_changes_by_default(self):
         api = self.cluster()
-        watcher = self.watch("--format", "json", "--interval", "1")
+        watcher = self.watch("--format", "json", "--interval", "1ms")
         # Nothing tells when it has begun; each change is seen, or was there before.
         number = 0
         limit = threading.Event()
@@ -190,7 +190,7 @@ class Watching(WatchTest):
     def test_watch_announces_the_end_of_a_region_and_follows_the_next_one(self):
         api = self.cluster()
         words = self.words()
-        watcher = self.watch("--from-start", "--format", "json", "--interval", "5")
+        watcher = self.watch("--from-start", "--format", "json", "--interval", "5ms")
         watcher.events(len(words))
         # Watching keeps no region alive.
         api.end()
@@ -213,7 +213,7 @@ class Watching(WatchTest):
     def test_watch_waits_for_a_lock_that_is_held_for_long(self):
         api = self.cluster()
         api.ok("shmnm_rwlock", 0)
-        watcher = self.watch("--from-start", "--lock-timeout", "1", "--interval", "1")
+        watcher = self.watch("--from-start", "--lock-timeout", "1", "--interval", "1ms")
         # Many of its looks fail meanwhile.
         self.assertEqual(self.tool("wait", "cluster/clstat=1", "--timeout", "200ms").status, 4)
         self.assertIsNone(watcher.process.poll())
@@ -233,7 +233,7 @@ class Watching(WatchTest):
 
     def test_watch_ends_as_soon_as_its_reader_closes(self):
         self.cluster()
-        arguments = ["watch", "--from-start", "cluster/clstat", "--interval", "3600000"]
+        arguments = ["watch", "--from-start", "cluster/clstat", "--interval", "1h"]
         if support.PLATFORM == "windows":
             # Only a pipe of the system's own tells; the pipe to this process is one of wine's host.
             command = support.program("closing_reader") + support.native_program("shmnmctl") + arguments
@@ -295,7 +295,7 @@ class WriterTest(WatchTest):
         writer = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment)
         self.addCleanup(writer.communicate)
         self.assertEqual(writer.stdout.readline().strip(), b"ready")
-        watcher = self.watch("--format", "json", "--from-start", "--interval", str(interval_ms))
+        watcher = self.watch("--format", "json", "--from-start", "--interval", f"{interval_ms}ms")
         watcher.events(len(self.first))
         writer.stdin.write(b"\n")
         writer.stdin.flush()
@@ -351,7 +351,7 @@ class WatchingWhereTheSystemCounts(WriterTest):
 
     def from_start_on_request(self, *arguments):
         """A watch that has taken its first look, and takes the next ones when it is asked to."""
-        watcher = self.watch("cluster/clstat", "--from-start", "--interval", "3600000", "--format", "json", *arguments)
+        watcher = self.watch("cluster/clstat", "--from-start", "--interval", "1h", "--format", "json", *arguments)
         self.assertEqual(self.shown(watcher.event()), ("cluster/clstat", "-", 0))
         return watcher
 
@@ -437,7 +437,7 @@ class WatchingWhereTheSystemCounts(WriterTest):
         self.assertEqual((self.last(watcher), self.last(other)), ([], []))
 
     def test_two_watchers_announce_no_gaps_to_each_other(self):
-        watcher, other = self.from_start_on_request(), self.watch("--interval", "1", "--from-start", "cluster")
+        watcher, other = self.from_start_on_request(), self.watch("--interval", "1ms", "--from-start", "cluster")
         other.line()
         # Meanwhile the other watcher looks again and again.
         self.assertEqual(self.tool("wait", "cluster/clstat=1", "--timeout", "200ms").status, 4)
@@ -450,7 +450,7 @@ class WatchingWhereTheSystemCounts(WriterTest):
         self.assertEqual(self.last(watcher), [("gap", None), ("cluster/clstat", 0, 2)])
 
     def test_gaps_are_announced_in_plain_words(self):
-        watcher = self.watch("cluster/clstat", "--from-start", "--interval", "3600000")
+        watcher = self.watch("cluster/clstat", "--from-start", "--interval", "1h")
         watcher.line()
         time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d"
         for numbers, text in (((1, 2), "up to 1 step since TIME was not seen"), ((3, 4, 5), "up to 2 steps since TIME were not seen")):

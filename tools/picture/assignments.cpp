@@ -12,35 +12,36 @@
 #include "picture/escape.h"
 #include "picture/keys.h"
 #include "picture/library.h"
+#include "picture/spelling.h"
 #include "picture/words.h"
 
 namespace picture {
 namespace {
 
 [[noreturn]] void refuse(ErrorKind kind, const std::string& key, const std::string& why) {
-    throw Error(kind, fmt::format("cannot set {}: {}", printable(key), why));
+    throw Error(kind, fmt::format("cannot set {}: {}", as_typed(key), why));
 }
 
 [[noreturn]] void does_not_fit(const Assignment& assignment, const char* range) {
     throw Error(ErrorKind::invalid, fmt::format("invalid value \"{}\" for {}: use {}", assignment.value.to_text(),
-                                                printable(assignment.key), range));
+                                                as_typed(assignment.key), range));
 }
 
 uint32_t word_of(const Assignment& assignment) {
     const auto value = assignment.value.to_uint32();
-    if (!value) does_not_fit(assignment, "0 to 4294967295");
+    if (!value) does_not_fit(assignment, range_of_words);
     return *value;
 }
 
 int32_t number_of(const Assignment& assignment) {
     const auto value = assignment.value.to_int32();
-    if (!value) does_not_fit(assignment, "-2147483648 to 2147483647");
+    if (!value) does_not_fit(assignment, range_of_numbers);
     return *value;
 }
 
 int32_t positive_of(const Assignment& assignment) {
     const auto value = assignment.value.to_int32();
-    if (!value || *value < 1) does_not_fit(assignment, "1 to 2147483647");
+    if (!value || *value < 1) does_not_fit(assignment, range_of_maxima);
     return *value;
 }
 
@@ -63,7 +64,7 @@ class Planner {
         const std::optional<Place> place = locate(picture_, assignment.key);
         if (!place) {
             throw Error(ErrorKind::no_such_key,
-                        fmt::format("nothing was set: there is no key {}", printable(assignment.key)));
+                        fmt::format("nothing was set: there is no key {}", as_typed(assignment.key)));
         }
         std::visit([&](const auto& at) { add(assignment, at); }, *place);
     }
@@ -140,7 +141,7 @@ class Planner {
     static void store(const Assignment& assignment, uint32_t& word) { word = word_of(assignment); }
     static void store(const Assignment& assignment, uint64_t& word) {
         const auto value = assignment.value.to_uint64();
-        if (!value) does_not_fit(assignment, "0 to 18446744073709551615");
+        if (!value) does_not_fit(assignment, range_of_long_words);
         word = *value;
     }
 
@@ -179,11 +180,12 @@ class Planner {
 }  // namespace
 
 Assignment parse_assignment(const std::string& key, const std::string& value) {
+    const std::string range = range_of(key);
     const auto parsed = Value::parse(value);
     if (!parsed || parsed->is_none()) {
         throw Error(ErrorKind::invalid,
-                    fmt::format("invalid value \"{}\" for {}: use a whole number, such as 1, -1 or 0x10",
-                                printable(value), printable(key)));
+                    fmt::format("invalid value \"{}\" for {}: use a whole number{}{}", as_typed(value), as_typed(key),
+                                range.empty() ? "" : " from ", range));
     }
     return {key, *parsed};
 }
@@ -200,10 +202,14 @@ std::vector<Assignment> parse_assignments(std::string_view text) {
         const size_t key_end = line.find_first_of(blanks);
         if (key_end == std::string_view::npos) {
             throw Error(ErrorKind::invalid, fmt::format("invalid line {}: use a key, a blank and a value, not \"{}\"",
-                                                        number, printable(line)));
+                                                        number, as_typed(line)));
         }
         const std::string_view value = line.substr(line.find_first_not_of(blanks, key_end));
-        all.push_back(parse_assignment(std::string(line.substr(0, key_end)), std::string(value)));
+        try {
+            all.push_back(parse_assignment(std::string(line.substr(0, key_end)), std::string(value)));
+        } catch (const Error& error) {
+            throw Error(error.kind, fmt::format("line {}: {}", number, error.what()));
+        }
     }
     return all;
 }

@@ -7,6 +7,7 @@
 
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/spelling.h"
 
 namespace picture {
 namespace {
@@ -33,7 +34,7 @@ class Parser {
     [[noreturn]] void refuse(const char* why) {
         constexpr size_t most_shown = 40;
         const std::string_view rest = next().empty() ? std::string_view() : text_.substr(at_);
-        const std::string shown = printable(rest.substr(0, most_shown)) + (rest.size() > most_shown ? "..." : "");
+        const std::string shown = as_typed(rest.substr(0, most_shown)) + (rest.size() > most_shown ? "..." : "");
         throw Error(ErrorKind::invalid_condition, fmt::format("invalid condition at character {}, {}: {}", at_ + 1,
                                                               rest.empty() ? "its end" : "\"" + shown + "\"", why));
     }
@@ -177,9 +178,9 @@ std::string reason(const Part& part, const std::vector<Word>& words) {
 
 std::string unmet(const Part& part, const std::vector<Word>& words) {
     if (holds(part, words)) return {};
-    if (part.kind == Kind::none_of) return printable(part.text);
-    if (part.kind == Kind::exists) return printable(part.text) + " (no such key)";
-    if (part.kind == Kind::comparison) return fmt::format("{} ({})", printable(part.text), reason(part, words));
+    if (part.kind == Kind::none_of) return as_typed(part.text);
+    if (part.kind == Kind::exists) return as_typed(part.text) + " (no such key)";
+    if (part.kind == Kind::comparison) return fmt::format("{} ({})", as_typed(part.text), reason(part, words));
     std::string text;
     for (const Part& each : part.parts) {
         const std::string more = unmet(each, words);
@@ -189,6 +190,11 @@ std::string unmet(const Part& part, const std::vector<Word>& words) {
         text += part.kind == Kind::all_of && each.kind == Kind::one_of ? "(" + more + ")" : more;
     }
     return text;
+}
+
+void expect_words(const Part& part) {
+    if (!part.pattern.empty()) expect_pattern(part.pattern);
+    for (const Part& each : part.parts) expect_words(each);
 }
 
 /// Whether one part of a key matches: each * takes as little as it can, and more when the rest does not fit.
@@ -227,6 +233,10 @@ bool matches(std::string_view pattern, std::string_view key) {
 }
 
 Condition::Condition(std::string_view text) : whole_(Parser(text).parse()) {}
+
+void Condition::expect_words() const {
+    picture::expect_words(whole_);
+}
 
 bool Condition::holds(const std::vector<Word>& words) const {
     return picture::holds(whole_, words);

@@ -21,6 +21,9 @@ class Condition {
     /// @throws Error  it is not a condition; the message shows the place
     explicit Condition(std::string_view text);
 
+    /// @throws Error  it has a word that no key has, whatever is in the region
+    void expect_words() const;
+
     /// A comparison of a key that does not exist does not hold, nor does "all" of none.
     bool holds(const std::vector<Word>& words) const;
 

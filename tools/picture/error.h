@@ -9,6 +9,7 @@ namespace picture {
 enum class ErrorKind {
     invalid,                ///< a text is not the value, name or assignment that it should be
     invalid_condition,      ///< a text is not a condition
+    no_such_word,           ///< no region has such a key, whatever its names are
     no_such_key,            ///< the picture has no word of that key
     no_such_member,         ///< the region has no such server or resource
     member_exists,          ///< a server or resource is to be added that is there already

@@ -19,6 +19,7 @@ constexpr Stays plain = every([](char byte) {
     return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
            std::string_view("-_.:@+,").find(byte) != std::string_view::npos;
 });
+constexpr Stays in_ascii = every([](char byte) { return byte >= ' ' && byte <= '~'; });
 constexpr Stays in_print = every([](char byte) { return byte >= ' ' && byte <= '~' && byte != '%'; });
 
 std::string escaped_unless(const Stays& stays, std::string_view bytes) {
@@ -47,6 +48,10 @@ std::string escaped(std::string_view bytes) {
 
 std::string printable(std::string_view bytes) {
     return escaped_unless(in_print, bytes);
+}
+
+std::string as_typed(std::string_view bytes) {
+    return escaped_unless(in_ascii, bytes);
 }
 
 std::optional<std::string> unescaped(std::string_view text) {

@@ -17,4 +17,7 @@ std::optional<std::string> unescaped(std::string_view text);
 /// For messages: printable ASCII as it is, every other byte and % as %XX.
 std::string printable(std::string_view bytes);
 
+/// For messages about what somebody has typed: printable ASCII as it is, every other byte as %XX.
+std::string as_typed(std::string_view bytes);
+
 }  // namespace picture

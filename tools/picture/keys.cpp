@@ -110,16 +110,6 @@ void add_fst(Collector& to, const Picture& picture) {
     }
 }
 
-std::vector<std::string_view> parts(std::string_view key) {
-    std::vector<std::string_view> all;
-    for (;;) {
-        const size_t slash = key.find('/');
-        all.push_back(key.substr(0, slash));
-        if (slash == std::string_view::npos) return all;
-        key.remove_prefix(slash + 1);
-    }
-}
-
 /// A name as a key has it. What escaping it would not give back is in no key.
 class Name {
   public:
@@ -210,7 +200,7 @@ std::vector<Word> words(const Picture& picture) {
 }
 
 std::optional<Place> locate(const Picture& picture, std::string_view key) {
-    const std::vector<std::string_view> part = parts(key);
+    const std::vector<std::string_view> part = parts_of(key);
     if (part[0] == "cluster") return locate_in_cluster(part);
     if (part[0] == "servers") return locate_server(picture, part);
     if (part[0] == "fst") return locate_fst(picture, part);
@@ -228,10 +218,41 @@ std::optional<Word> find(const Picture& picture, std::string_view key) {
         *place);
 }
 
+std::vector<std::string_view> parts_of(std::string_view key) {
+    std::vector<std::string_view> all;
+    for (;;) {
+        const size_t slash = key.find('/');
+        all.push_back(key.substr(0, slash));
+        if (slash == std::string_view::npos) return all;
+        key.remove_prefix(slash + 1);
+    }
+}
+
 bool is_below(std::string_view key, std::string_view prefix) {
     while (prefix.ends_with('/')) prefix.remove_suffix(1);
     return prefix.empty() || (key.starts_with(prefix) && (key.size() == prefix.size() || key[prefix.size()] == '/'));
 }
+
+namespace {
+
+template <typename AnyWord>
+std::string numbers_of(const AnyWord& word) {
+    return std::visit([](auto set) { return range(set); }, word.set);
+}
+std::string numbers_of(const ResourceWord&) {
+    return range_of_words;
+}
+std::string numbers_of(const RowWord&) {
+    return range_of_words;
+}
+std::string numbers_of(const FstWord& word) {
+    return range(word.set);
+}
+std::string numbers_of(const PidWord& word) {
+    return word.size() == sizeof(uint32_t) ? range_of_words : range_of_long_words;
+}
+
+}  // namespace
 
 std::vector<KeyHelp> key_help() {
     std::vector<KeyHelp> all;
@@ -240,7 +261,7 @@ std::vector<KeyHelp> key_help() {
         if constexpr (requires { word.set.index(); }) {
             if (std::holds_alternative<Computed>(word.set)) help += "; computed";
         }
-        all.push_back({pattern, help});
+        all.push_back({pattern, help, numbers_of(word)});
     };
     for (const ClusterWord& word : cluster_words) describe(std::string("cluster/") + word.key, word);
     for (const ServerWord& word : server_words) {

@@ -62,6 +62,9 @@ std::optional<Place> locate(const Picture& picture, std::string_view key);
 /// The word of a key, as words() has it; nothing when there is none.
 std::optional<Word> find(const Picture& picture, std::string_view key);
 
+/// What stands between the slashes of a key.
+std::vector<std::string_view> parts_of(std::string_view key);
+
 /// Whether a key lies at or below a prefix: "servers/alpha" holds "servers/alpha/pri", not "servers/alphabet/pri".
 /// Every key lies below the empty prefix.
 bool is_below(std::string_view key, std::string_view prefix);
@@ -70,6 +73,7 @@ bool is_below(std::string_view key, std::string_view prefix);
 struct KeyHelp {
     std::string pattern;  ///< "servers/NAME/nodestat"
     std::string help;
+    std::string range;  ///< of numbers that it takes: "0 to 4294967295"; "" where it cannot be set
 };
 std::vector<KeyHelp> key_help();
 

@@ -172,6 +172,33 @@ struct PidWord {
     uint64_t size() const { return std::holds_alternative<std::array<uint32_t, 3> FstPid::*>(values) ? 4 : 8; }
 };
 
+/// The numbers that a word takes, by what the library's call takes; "" where nothing sets it.
+inline constexpr const char* range_of_words = "0 to 4294967295";
+inline constexpr const char* range_of_numbers = "-2147483648 to 2147483647";
+inline constexpr const char* range_of_maxima = "1 to 2147483647";
+inline constexpr const char* range_of_long_words = "0 to 18446744073709551615";
+constexpr const char* range(Computed) {
+    return "";
+}
+constexpr const char* range(BySimulation) {
+    return "";
+}
+constexpr const char* range(const Pair*) {
+    return range_of_maxima;
+}
+constexpr const char* range(const Triple*) {
+    return range_of_maxima;
+}
+constexpr const char* range(Call<uint32_t>) {
+    return range_of_words;
+}
+constexpr const char* range(Call<const char*, uint32_t>) {
+    return range_of_words;
+}
+constexpr const char* range(Call<const char*, int32_t>) {
+    return range_of_numbers;
+}
+
 inline bool is_any_alive(const Picture& picture) {
     return picture.is_any_alive();
 }

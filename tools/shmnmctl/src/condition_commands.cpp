@@ -2,14 +2,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <limits>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "context.h"
+#include "duration.h"
 #include "picture/conditions.h"
 #include "picture/decode.h"
 #include "picture/escape.h"
@@ -31,6 +30,12 @@ std::string joined(const std::vector<std::string>& words) {
     return text;
 }
 
+Condition condition_of(const ConditionOptions& options) {
+    Condition condition(joined(options.condition));
+    condition.expect_words();
+    return condition;
+}
+
 void answer(const Context& context, const char* kind, bool holds) {
     if (!context.json()) return;
     Json told = document(kind);
@@ -39,27 +44,10 @@ void answer(const Context& context, const char* kind, bool holds) {
 }
 
 Exit query(const Context& context, const ConditionOptions& options) {
-    const Condition condition(joined(options.condition));
+    const Condition condition = condition_of(options);
     const bool holds = condition.holds(words(decode(look(context))));
     answer(context, "query", holds);
     return holds ? Exit::done : Exit::no;
-}
-
-/// Microseconds of a duration such as 500ms, 10s, 2m, 1h or plain seconds.
-uint64_t duration_us(const std::string& text) {
-    double number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const std::string_view unit(end, static_cast<size_t>(text.data() + text.size() - end));
-    const std::optional<double> us = unit == "ms"                  ? std::optional(1e3)
-                                     : unit == "s" || unit.empty() ? std::optional(1e6)
-                                     : unit == "m"                 ? std::optional(60e6)
-                                     : unit == "h"                 ? std::optional(3600e6)
-                                                                   : std::nullopt;
-    if (error != std::errc{} || !us || !(number >= 0) || number * *us > 1e15) {
-        throw Failure(Exit::usage,
-                      fmt::format("invalid duration \"{}\": use 500ms, 10s, 2m, 1h or seconds", printable(text)));
-    }
-    return static_cast<uint64_t>(number * *us);
 }
 
 /// What keeps the condition from holding; empty: it holds.
@@ -81,8 +69,9 @@ Exit wait(const Context& context, const ConditionOptions& options) {
     // A stop that is asked for while the lock does not come takes no longer than this.
     constexpr uint64_t longest_lock_ms = 1'000;
     refuse_file(context, "test it with \"shmnmctl query --file FILE\"");
-    const Condition condition(joined(options.condition));
-    const uint64_t timeout_us = options.timeout ? duration_us(*options.timeout) : longest_us;
+    const Condition condition = condition_of(options);
+    const uint64_t timeout_us =
+        options.timeout ? duration_us("--timeout", *options.timeout, PlainUnit::seconds) : longest_us;
     const uint64_t start = platform::steady_clock_us();
     const auto left_ms = [&](uint64_t most_ms) {
         if (timeout_us == longest_us) return static_cast<uint32_t>(most_ms);
@@ -132,10 +121,10 @@ void add_condition_commands(CLI::App& app, Context& context) {
     CLI::App* const wait_command = app.add_subcommand("wait", "Return as soon as a condition holds");
     add_format(*wait_command, context);
     add_file(*wait_command, context)->group("");
-    wait_command->add_option("--timeout", options.timeout, "500ms, 10s, 2m, 1h or seconds; default: no limit");
-    wait_command->add_option("--interval", options.interval_ms, "Milliseconds from one look to the next")
-        ->check(CLI::Range(1, 3'600'000))
-        ->capture_default_str();
+    wait_command->add_option("--timeout", options.timeout, "Time to wait for the condition; default: no limit")
+        ->type_name("TIME");
+    add_time(*wait_command, options.interval_ms,
+             {.name = "--interval", .help = "Time from one look to the next", .least = "1ms", .most = "1h"});
     condition(*wait_command);
     wait_command->callback([&] { context.command = [&] { return wait(context, options); }; });
 }

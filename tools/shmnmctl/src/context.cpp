@@ -6,6 +6,8 @@
 
 #include <fmt/format.h>
 
+#include "picture/escape.h"
+
 namespace shmnmctl {
 
 Snapshot look(const Context& context, Bytes wanted) {
@@ -27,13 +29,21 @@ void write_output(std::string_view text) {
 }
 
 void add_format(CLI::App& command, Context& context) {
-    command.add_option("--format", context.format, "text or json")
-        ->check(CLI::IsMember({"text", "json"}))
-        ->capture_default_str();
+    command.add_option("--format", context.format, "How to answer")
+        ->type_name("text|json")
+        ->check([](const std::string& format) {
+            if (format == "text" || format == "json") return std::string();
+            return fmt::format("invalid format \"{}\": use text or json", as_typed(format));
+        })
+        ->default_str("text");
 }
 
 CLI::Option* add_file(CLI::App& command, Context& context) {
-    return command.add_option("-f,--file", context.file, "Read this dump, not the live region");
+    return command.add_option("-f,--file", context.file, "Read this dump, not the live region")->type_name("FILE");
+}
+
+void add_file_argument(CLI::App& command, Context& context) {
+    command.add_option("FILE", context.file, "The same as --file")->excludes(add_file(command, context));
 }
 
 void refuse_file(const Context& context, const std::string& advice) {

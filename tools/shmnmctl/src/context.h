@@ -39,6 +39,7 @@ Failure closed_output();
 /// Options that several commands take.
 void add_format(CLI::App& command, Context& context);
 CLI::Option* add_file(CLI::App& command, Context& context);
+void add_file_argument(CLI::App& command, Context& context);  // --file FILE, or FILE alone
 /// For a command that waits for changes, which a dump does not have. @throws Failure  a dump was named
 /// @param[in] advice  what reads a dump
 void refuse_file(const Context& context, const std::string& advice);

@@ -18,6 +18,7 @@ struct Ending {
 Ending ending(ErrorKind kind) {
     switch (kind) {
         case ErrorKind::invalid:
+        case ErrorKind::no_such_word:
             return {Exit::usage, nullptr};
         case ErrorKind::invalid_condition:
             return {Exit::usage, "see \"shmnmctl query --help\""};

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "context.h"
+#include "duration.h"
 #include "picture/escape.h"
 #include "picture/interrupted.h"
 #include "picture/platform.h"
@@ -68,11 +69,12 @@ void add_lock_command(CLI::App& app, Context& context) {
     static bool who = false;
     CLI::App* const command = app.add_subcommand("lock", "Run a command while holding the region's lock");
     add_format(*command, context);
-    command->add_option("--timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the lock");
+    add_time(*command, context.access.lock_timeout_ms,
+             {.name = "--timeout", .help = "The same as --lock-timeout", .plain = PlainUnit::milliseconds});
     command->add_flag("--who", who, "Tell who holds the lock; the exit status is 1 when nobody does");
     command->add_option("COMMAND", words, "After --: the command and its arguments");
     command->callback([&context] {
-        if (who != words.empty()) throw CLI::RequiredError("Either --who or a COMMAND");
+        if (who != words.empty()) throw Failure(Exit::usage, "use either \"lock --who\" or \"lock -- COMMAND\"");
         context.command = [&context] { return who ? tell_who(context) : run_locked(context, words); };
     });
 }

@@ -12,15 +12,17 @@
 #include "picture/escape.h"
 #include "picture/json.h"
 #include "picture/keys.h"
+#include "picture/spelling.h"
 
 namespace shmnmctl {
 namespace {
 
 Exit list(const Context& context, const std::string& prefix) {
+    expect_prefix(prefix);
     std::vector<Word> listed = words(decode(look(context)));
     std::erase_if(listed, [&](const Word& word) { return !is_below(word.key, prefix); });
     if (listed.empty()) {
-        throw Error(ErrorKind::no_such_key, fmt::format("no key lies below {}", printable(prefix)));
+        throw Error(ErrorKind::no_such_key, fmt::format("no key lies below {}", as_typed(prefix)));
     }
     std::string text;
     if (context.json()) {
@@ -35,8 +37,9 @@ Exit list(const Context& context, const std::string& prefix) {
 }
 
 Exit get(const Context& context, const std::string& key) {
+    expect_key(key);
     const std::optional<Word> word = find(decode(look(context)), key);
-    if (!word) throw Error(ErrorKind::no_such_key, fmt::format("there is no key {}", printable(key)));
+    if (!word) throw Error(ErrorKind::no_such_key, fmt::format("there is no key {}", as_typed(key)));
     if (context.json()) {
         Json answer = document("get");
         answer["key"] = word->key;
@@ -59,7 +62,7 @@ Exit dump(const Context& context, const std::string& name) {
     const bool written =
         file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() && std::fflush(file.get()) == 0;
     if (!written) {
-        throw Failure(Exit::failed, fmt::format("cannot write {}: {}", printable(name), std::strerror(errno)));
+        throw Failure(Exit::failed, fmt::format("cannot write {}: {}", as_typed(name), std::strerror(errno)));
     }
     return Exit::done;
 }

@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "context.h"
+#include "duration.h"
 #include "failure.h"
-#include "picture/escape.h"
 #include "session.h"
+#include "usage.h"
 
 namespace {
 
@@ -27,6 +28,11 @@ int run(const Context& context) {
     } catch (const std::exception&) {
         return report(current_failure(), context.json());
     }
+}
+
+Exit show(const std::string& text) {
+    write_output(text);
+    return Exit::done;
 }
 
 /// Whether the command line asks for JSON, even if it is otherwise wrong.
@@ -65,8 +71,11 @@ int main(int argc, char** argv) {
         "Exit status: 0 done, or the answer is yes; 1 the answer is no: not found, false, findings; 2 wrong usage;\n"
         "3 no process holds the region; 4 time-out; 5 refused or failed.");
     Context context;
-    app.add_option("--lock-timeout", context.access.lock_timeout_ms, "Milliseconds to wait for the region's lock")
-        ->capture_default_str();
+    add_format(app, context);
+    add_time(app, context.access.lock_timeout_ms,
+             {.name = "--lock-timeout",
+              .help = "Time to wait for the region's lock; a plain number is milliseconds",
+              .plain = PlainUnit::milliseconds});
     app.add_flag_callback(
         "--verbose",
         [&context] {
@@ -86,15 +95,14 @@ int main(int argc, char** argv) {
     add_serve_command(app, context);
     try {
         app.parse(arguments_of(argc, argv));
-    } catch (const CLI::Success& asked_for) {
-        return app.exit(asked_for);
+    } catch (const CLI::CallForHelp&) {
+        context.command = [&app] { return show(app.help()); };
+    } catch (const CLI::CallForVersion& version) {
+        context.command = [text = std::string(version.what()) + "\n"] { return show(text); };
     } catch (const CLI::ParseError& error) {
-        std::string what = printable(error.what());
-        const auto word = std::find_if(argv + 1, argv + argc, [](const char* argument) { return argument[0] != '-'; });
-        if (app.get_subcommands().empty() && error.get_name() == "RequiredError" && word != argv + argc) {
-            what = "unknown command \"" + printable(*word) + "\"";
-        }
-        return report({Exit::usage, what + "; see \"shmnmctl --help\""}, asks_for_json(argc, argv));
+        return report(usage_failure(app, error), asks_for_json(argc, argv));
+    } catch (const Failure& failure) {
+        return report(failure, asks_for_json(argc, argv));
     }
     return run(context);
 }

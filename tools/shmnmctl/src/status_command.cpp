@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "context.h"
+#include "duration.h"
 #include "picture/decode.h"
-#include "picture/escape.h"
 #include "picture/interrupted.h"
 #include "picture/json.h"
 #include "picture/keys.h"
@@ -83,19 +83,9 @@ class Screen {
     }
 };
 
-uint32_t interval_ms(const std::string& seconds) {
-    char* end = nullptr;
-    const double value = std::strtod(seconds.c_str(), &end);
-    if (seconds.empty() || *end != '\0' || !(value >= 0.01 && value <= 86'400)) {
-        throw Failure(Exit::usage,
-                      fmt::format("invalid interval \"{}\": use seconds from 0.01 to 86400", printable(seconds)));
-    }
-    return static_cast<uint32_t>(value * 1'000);
-}
-
-Exit show_again_and_again(const Context& context, const std::string& seconds) {
+Exit show_again_and_again(const Context& context, const std::string& time) {
     refuse_file(context, "use --watch without FILE");
-    const uint32_t interval = interval_ms(seconds);
+    const uint32_t interval = time_ms({.name = "--watch", .least = "10ms", .most = "24h"}, time);
     session::catch_stop();
     LiveRegion region(context.access);
     region.expect();
@@ -114,7 +104,8 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
         }
         // Asked for at each draw: it may have been resized.
         const session::Terminal terminal = session::terminal();
-        std::string text = fmt::format("{}  every {} s\n", platform::to_text(platform::wall_clock_us()), seconds);
+        std::string text =
+            fmt::format("{}  every {}\n", platform::to_text(platform::wall_clock_us()), duration_text(interval));
         if (snapshot) {
             Picture picture = decode(*snapshot);
             if (context.json()) text = line(to_json(*snapshot, picture));
@@ -141,17 +132,16 @@ Exit show_again_and_again(const Context& context, const std::string& seconds) {
 }  // namespace
 
 void add_status_command(CLI::App& app, Context& context) {
-    static std::string seconds;
+    static std::string time;
     CLI::App* const command = app.add_subcommand("status", "Show the whole picture");
     add_format(*command, context);
-    CLI::Option* const watch = command->add_option(
-        "--watch", seconds, "Show it again at this interval in seconds (2), and mark what has changed");
-    watch->expected(0, 1)->default_str("2");
-    command->add_option("FILE", context.file, "Read this dump, not the live region");
+    CLI::Option* const watch =
+        command->add_option("--watch", time, "Show it again at this interval, and mark what has changed");
+    watch->expected(0, 1)->type_name("TIME")->default_str("2s");
+    add_file_argument(*command, context);
     command->callback([&context, watch] {
         context.command = [&context, watch] {
-            return watch->count() > 0 ? show_again_and_again(context, seconds.empty() ? "2" : seconds)
-                                      : show_once(context);
+            return watch->count() > 0 ? show_again_and_again(context, time.empty() ? "2s" : time) : show_once(context);
         };
     });
 }

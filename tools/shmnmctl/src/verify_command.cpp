@@ -40,7 +40,7 @@ void add_verify_command(CLI::App& app, Context& context) {
     CLI::App* const command =
         app.add_subcommand("verify", "Look for what a healthy region never shows: one line per finding");
     add_format(*command, context);
-    command->add_option("FILE", context.file, "Check this dump, not the live region");
+    add_file_argument(*command, context);
     command->callback([&] { context.command = [&] { return verify(context); }; });
 }
 

@@ -6,11 +6,13 @@
 #include <vector>
 
 #include "context.h"
+#include "duration.h"
 #include "picture/changes.h"
 #include "picture/decode.h"
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/platform.h"
+#include "picture/spelling.h"
 #include "session.h"
 
 namespace shmnmctl {
@@ -168,6 +170,7 @@ Exit watch(const Context& context, const WatchOptions& options) {
     // While the watch waits for the lock it does not notice a stop, so it never waits longer than this.
     constexpr uint32_t longest_lock_ms = 1'000;
     refuse_file(context, "list its words with \"shmnmctl list --file FILE\"");
+    expect_prefix(options.prefix);
     session::catch_stop();
     LiveRegion region(context.access);
     region.expect();
@@ -198,9 +201,8 @@ void add_watch_command(CLI::App& app, Context& context) {
     add_file(*command, context)->group("");
     command->add_option("PREFIX", options.prefix, "Only keys at or below this one");
     command->add_flag("--from-start", options.from_start, "Begin with every word as it is");
-    command->add_option("--interval", options.interval_ms, "Milliseconds from one look to the next")
-        ->check(CLI::Range(1, 3'600'000))
-        ->capture_default_str();
+    add_time(*command, options.interval_ms,
+             {.name = "--interval", .help = "Time from one look to the next", .least = "1ms", .most = "1h"});
     command->callback([&] { context.command = [&] { return watch(context, options); }; });
 }
 

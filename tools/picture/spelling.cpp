@@ -1,0 +1,205 @@
+#include "picture/spelling.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <limits>
+#include <numeric>
+#include <optional>
+
+#include "picture/conditions.h"
+#include "picture/error.h"
+#include "picture/escape.h"
+#include "picture/keys.h"
+
+namespace picture {
+namespace {
+
+/// Letters to be inserted, removed, replaced or exchanged with their neighbour to make one word of the other.
+size_t letters_between(std::string_view left, std::string_view right) {
+    std::vector<size_t> before_last(right.size() + 1), last(right.size() + 1), row(right.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 1; i <= left.size(); ++i) {
+        before_last.swap(last);
+        last.swap(row);
+        row[0] = i;
+        for (size_t j = 1; j <= right.size(); ++j) {
+            const bool differ = left[i - 1] != right[j - 1];
+            row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (differ ? 1 : 0)});
+            const bool exchanged = i > 1 && j > 1 && left[i - 1] == right[j - 2] && left[i - 2] == right[j - 1];
+            if (exchanged) row[j] = std::min(row[j], before_last[j - 2] + 1);
+        }
+    }
+    return row.back();
+}
+
+/// The parts of a key that there can be.
+struct Shape {
+    const KeyHelp* help;
+    std::vector<std::string_view> parts;
+};
+
+bool is_kind(std::string_view part) {
+    return part == "KIND";
+}
+/// Whether any name may stand there.
+bool is_free(std::string_view part) {
+    return part[0] >= 'A' && part[0] <= 'Z' && !is_kind(part);
+}
+std::vector<std::string> words_of(std::string_view part) {
+    if (is_kind(part)) return {"0", "1", "2"};
+    return {std::string(part)};
+}
+
+const std::vector<Shape>& shapes() {
+    static const std::vector<KeyHelp> keys = key_help();
+    static const std::vector<Shape> all = [] {
+        std::vector<Shape> made;
+        for (const KeyHelp& key : keys) made.push_back({&key, parts_of(key.pattern)});
+        return made;
+    }();
+    return all;
+}
+
+[[noreturn]] void refuse(const std::string& line) {
+    throw Error(ErrorKind::no_such_word, line);
+}
+
+void expect_name(std::string_view part, bool is_pattern) {
+    if (part.find('*') != std::string_view::npos && !is_pattern) {
+        refuse(
+            fmt::format("invalid name \"{}\" in a key: write a * as %2A; it stands for other bytes only in "
+                        "conditions",
+                        as_typed(part)));
+    }
+    std::string rest(part);
+    if (is_pattern) std::erase(rest, '*');
+    const auto name = unescaped(rest);
+    if (name && escaped(*name) == rest) return;
+    const std::string advice =
+        name ? fmt::format("write it \"{}\"", escaped(*name)) : "use two hexadecimal digits after each %";
+    refuse(fmt::format("invalid name \"{}\" in a key: {}", as_typed(part), advice));
+}
+
+/// Narrows the shapes down to those whose part at a position is the one that was typed.
+std::vector<Shape> matching(const std::vector<Shape>& from, size_t position, std::string_view typed) {
+    std::vector<Shape> found;
+    for (const Shape& shape : from) {
+        if (shape.parts.size() <= position) continue;
+        const std::string_view part = shape.parts[position];
+        const auto is_typed = [&](const std::string& word) { return matches(typed, word); };
+        const std::vector<std::string> words = words_of(part);
+        if (is_free(part) || std::any_of(words.begin(), words.end(), is_typed)) found.push_back(shape);
+    }
+    return found;
+}
+
+std::vector<std::string> words_at(const std::vector<Shape>& among, size_t position) {
+    std::vector<std::string> words;
+    for (const Shape& shape : among) {
+        if (shape.parts.size() <= position || is_free(shape.parts[position])) continue;
+        for (const std::string& word : words_of(shape.parts[position])) {
+            if (std::find(words.begin(), words.end(), word) == words.end()) words.push_back(word);
+        }
+    }
+    return words;
+}
+
+[[noreturn]] void refuse_word(const std::vector<Shape>& before, size_t position, std::string_view typed) {
+    const std::string word = as_typed(typed);
+    // The last word of a key without those before it.
+    for (const Shape& shape : before) {
+        if (position == 0 && shape.parts.back() == typed) {
+            refuse(fmt::format("no such word \"{}\" at the beginning of a key; did you mean \"{}\"?", word,
+                               shape.help->pattern));
+        }
+    }
+    refuse(fmt::format("no such word \"{}\"{}", word,
+                       did_you_mean(typed, words_at(before, position), "\"shmnmctl list --help\" shows all keys")));
+}
+
+enum class Extent { whole, beginning };
+
+/// The shapes that fit.
+std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) {
+    std::vector<Shape> fitting = shapes();
+    const std::vector<std::string_view> typed = parts_of(key);
+    for (size_t i = 0; i < typed.size(); ++i) {
+        std::vector<Shape> next = matching(fitting, i, typed[i]);
+        const bool may_go_on =
+            std::any_of(fitting.begin(), fitting.end(), [&](const Shape& shape) { return shape.parts.size() > i; });
+        if (!may_go_on) {
+            const auto end = static_cast<size_t>(typed[i].data() - key.data()) - 1;
+            refuse(fmt::format("no key \"{}\" can exist: \"{}\" is a whole key", as_typed(key),
+                               as_typed(key.substr(0, end))));
+        }
+        if (next.empty()) refuse_word(fitting, i, typed[i]);
+        fitting = std::move(next);
+        if (is_free(fitting[0].parts[i])) expect_name(typed[i], is_pattern);
+    }
+    if (extent == Extent::beginning) return fitting;
+    const auto ends_here = [&](const Shape& shape) { return shape.parts.size() == typed.size(); };
+    if (std::none_of(fitting.begin(), fitting.end(), ends_here)) {
+        std::string whole = as_typed(key);
+        for (size_t i = typed.size(); i < fitting[0].parts.size(); ++i) whole += "/" + std::string(fitting[0].parts[i]);
+        refuse(fmt::format("\"{}\" is not a whole key; add what is missing, as in \"{}\"", as_typed(key), whole));
+    }
+    std::erase_if(fitting, [&](const Shape& shape) { return !ends_here(shape); });
+    return fitting;
+}
+
+}  // namespace
+
+std::string nearest(std::string_view word, const std::vector<std::string>& candidates) {
+    // Of a word of one or two letters another one is always near.
+    const size_t most = word.size() < 3 ? 0 : std::max<size_t>(1, word.size() / 3);
+    size_t least = most + 1;
+    std::string found;
+    for (const std::string& candidate : candidates) {
+        const bool is_beginning = most > 0 && candidate.starts_with(word);
+        const size_t letters = is_beginning ? 1 : letters_between(word, candidate);
+        if (letters >= least) continue;
+        least = letters;
+        found = candidate;
+    }
+    return found;
+}
+
+std::string did_you_mean(std::string_view word, const std::vector<std::string>& candidates, const std::string& advice) {
+    const std::string found = nearest(word, candidates);
+    return found.empty() ? "; " + advice : fmt::format("; did you mean \"{}\"?", found);
+}
+
+void expect_key(std::string_view key) {
+    expect(key, Extent::whole, false);
+}
+void expect_prefix(std::string_view prefix) {
+    while (prefix.ends_with('/')) prefix.remove_suffix(1);
+    if (!prefix.empty()) expect(prefix, Extent::beginning, false);
+}
+void expect_pattern(std::string_view pattern) {
+    expect(pattern, Extent::whole, true);
+}
+
+std::string range_of(std::string_view key) {
+    return expect(key, Extent::whole, false)[0].help->range;
+}
+
+std::vector<std::string> words_below(std::string_view start) {
+    std::vector<Shape> fitting = shapes();
+    const std::vector<std::string_view> typed = parts_of(start);
+    const size_t last = typed.size() - 1;
+    for (size_t i = 0; i < last; ++i) fitting = matching(fitting, i, typed[i]);
+    std::vector<std::string> words = words_at(fitting, last);
+    for (std::string& word : words) {
+        const bool goes_on = std::any_of(fitting.begin(), fitting.end(), [&](const Shape& shape) {
+            return shape.parts.size() > last + 1 && shape.parts[last] == word;
+        });
+        if (goes_on) word += '/';
+    }
+    return words;
+}
+
+}  // namespace picture
