@@ -2,14 +2,18 @@
 // fails or if it reads back a wrong value.
 //
 //     cluster_demo work SERVER ROUNDS        acts as a server: sets its states, raises the wait state ROUNDS times
-//     cluster_demo hang                      takes the lock and keeps it until it is killed
-//     cluster_demo check WAITSTAT SERVER...  checks that these servers, in this order, have the states that "work" sets
+//     cluster_demo live SERVER               acts as a server at a pace that a person can follow, with a failure now
+//     and then cluster_demo hang                      takes the lock and keeps it until it is killed cluster_demo check
+//     WAITSTAT SERVER...  checks that these servers, in this order, have the states that "work" sets
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "shmnm.h"
@@ -115,6 +119,103 @@ int work(const std::string& server, int rounds) {
     return 0;
 }
 
+/// The values that examples/states.json names.
+enum State : uint32_t { unused, normal, unknown, degraded, failed };
+constexpr uint32_t down = 2;
+
+/// What one server sees and says of itself.
+class LiveServer {
+  public:
+    explicit LiveServer(std::string name) : name_(std::move(name)), priority_(priority_of(name_)) {}
+
+    void set_node(uint32_t state) {
+        expect_ok("shmnm_setnodestat", shmnm_setnodestat(name_.c_str(), state));
+        expect_ok("shmnm_setnodestat_nw", shmnm_setnodestat_nw(name_.c_str(), state));
+        expect_ok("shmnm_setdownnotifystat", shmnm_setdownnotifystat(name_.c_str(), state == down));
+        expect_ok("shmnm_setpingstat", shmnm_setpingstat(name_.c_str(), state == down ? 0 : 1));
+        const State all = state == down ? unknown : normal;
+        for (const std::string& resource : hb_resources()) set_hb(resource, all);
+        for (const std::string& resource : np_resources()) set_np(resource, all);
+    }
+    void set_hold(bool on) { expect_ok("shmnm_setholdstat", shmnm_setholdstat(name_.c_str(), on)); }
+    void set_isolated(bool on) {
+        expect_ok("shmnm_setisolateflag", shmnm_setisolateflag(name_.c_str(), on));
+        expect_ok("shmnm_setpingstat", shmnm_setpingstat(name_.c_str(), on ? 2 : 1));
+    }
+    void set_hb(const std::string& resource, State state) {
+        expect_ok("shmnm_sethbrscsvstat", shmnm_sethbrscsvstat(nullptr, resource.c_str(), priority_, state));
+        expect_ok("shmnm_setrscsvstat_nw", shmnm_setrscsvstat_nw(nullptr, resource.c_str(), priority_, state));
+    }
+    void set_np(const std::string& resource, State state) {
+        expect_ok("shmnm_setnprscsvstat", shmnm_setnprscsvstat(nullptr, resource.c_str(), priority_, state));
+    }
+
+  private:
+    std::string name_;
+    int32_t priority_;
+};
+
+/// Runs until it is killed.
+int live(const std::string& name) {
+    expect_ok("shmnm_attach", shmnm_attach());
+    std::mt19937 random(static_cast<uint32_t>(std::hash<std::string>{}(name)));
+    const auto below = [&](size_t end) { return random() % end; };
+    const auto rest = [&](int from_ms, int to_ms) {
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(from_ms + static_cast<int>(below(static_cast<size_t>(to_ms - from_ms)))));
+    };
+    LiveServer server = [&] {
+        const Lock lock;
+        return LiveServer(name);
+    }();
+    // Makes a change under the lock and takes it back after a while.
+    const auto for_a_while = [&](const auto& change, const auto& undo) {
+        {
+            const Lock lock;
+            change();
+        }
+        rest(3'000, 8'000);
+        const Lock lock;
+        undo();
+    };
+    {
+        const Lock lock;
+        expect_ok("shmnm_setclstat", shmnm_setclstat(1));
+        server.set_node(alive);
+    }
+    for (;;) {
+        rest(2'000, 9'000);
+        Names hb, np;
+        {
+            const Lock lock;
+            hb = hb_resources();
+            np = np_resources();
+        }
+        switch (below(8)) {
+            case 0:
+                for_a_while([&] { server.set_node(down); }, [&] { server.set_node(alive); });
+                break;
+            case 1:
+                for_a_while([&] { server.set_hold(true); }, [&] { server.set_hold(false); });
+                break;
+            case 2:
+                for_a_while([&] { server.set_isolated(true); }, [&] { server.set_isolated(false); });
+                break;
+            case 3:
+            case 4: {
+                const std::string& resource = np[below(np.size())];
+                for_a_while([&] { server.set_np(resource, failed); }, [&] { server.set_np(resource, normal); });
+                break;
+            }
+            default: {
+                const std::string& resource = hb[below(hb.size())];
+                const State state = below(3) == 0 ? failed : degraded;
+                for_a_while([&] { server.set_hb(resource, state); }, [&] { server.set_hb(resource, normal); });
+            }
+        }
+    }
+}
+
 int hang() {
     const Lock lock;
     std::puts("holding the lock");
@@ -191,10 +292,11 @@ int main(int argc, char** argv) {
     const Names arguments(argv + 1, argv + argc);
     const std::string role = arguments.empty() ? "" : arguments[0];
     if (role == "work" && arguments.size() == 3) return work(arguments[1], std::stoi(arguments[2]));
+    if (role == "live" && arguments.size() == 2) return live(arguments[1]);
     if (role == "hang" && arguments.size() == 1) return hang();
     if (role == "check" && arguments.size() >= 2) {
         return check(static_cast<uint32_t>(std::stoul(arguments[1])), Names(arguments.begin() + 2, arguments.end()));
     }
-    std::fputs("usage: cluster_demo work SERVER ROUNDS | hang | check WAITSTAT SERVER...\n", stderr);
+    std::fputs("usage: cluster_demo work SERVER ROUNDS | live SERVER | hang | check WAITSTAT SERVER...\n", stderr);
     return 2;
 }
