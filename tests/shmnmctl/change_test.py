@@ -44,7 +44,7 @@ class Changing(ToolTest):
         self.assertIn("nothing was set: there is no key servers/nobody/nodestat; ", error)
 
     def test_set_changes_nothing_if_one_value_is_invalid(self):
-        self.cluster()
+        self.cluster().ok("shmnm_sethbinfo_ex", 3, 4)
         for key, value in (
             ("cluster/clstat", "4294967296"),
             ("cluster/clstat", "-1"),
@@ -69,8 +69,55 @@ class Changing(ToolTest):
         self.done("set", "cluster/hbinfo_a", "3", "cluster/hbinfo_b", "4")
         self.done("set", "cluster/hbinfo_b", "5")
         self.assertEqual(api.ok("shmnm_gethbinfo_ex"), ["3", "5"])
-        self.done("set", "cluster/max_hb", "2")
+        self.done("set", "--force", "cluster/max_hb", "2")
         self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), ["4", "2", "2"])
+
+    def test_set_changes_a_maximum_in_either_direction_only_with_force(self):
+        api = self.cluster()
+        now = {"max_servers": 4, "max_hb": 3, "max_np": 2}
+        for key in now:
+            for step in (-1, 1):
+                value = str(now[key] + step)
+                with self.subTest(key=key, value=value):
+                    api.ok("shmnm_setmaxvalue_ex", *now.values())
+                    for form, options in (([f"cluster/{key}", value, "cluster/clstat", "9"], {}),
+                                          (["-"], {"input": f"cluster/clstat 9\ncluster/{key} {value}\n"})):
+                        error = self.refused(5, "set", *form, **options)
+                        self.assertIn(f"cannot set cluster/{key}: the region was laid out by it, and every process reads the tables by it; "
+                                      "use --force to change it all the same", error)
+                        self.done("set", "--force", *form, **options)
+                        self.assertEqual(api.ok("shmnm_getmaxvalue_ex"), [str(now[other] + step * (other == key)) for other in now])
+                        self.assertEqual(api.ok("shmnm_getclstat"), ["9"])
+                        api.ok("shmnm_setmaxvalue_ex", *now.values())
+                        api.ok("shmnm_setclstat", 0)
+
+    def test_set_needs_neither_force_nor_a_call_for_values_that_are_there(self):
+        file = self.folder / "etc/cluster.xml"
+        file.write_text(file.read_text().replace("<level>4</level>", "<level>16</level>"))
+        api = self.cluster()
+        api.ok("shmnm_setfstrscpid", "agent", 1, 4711, 1)
+        api.ok("shmnm_modifynode", "gamma", 0)  # by its priority the library finds another server
+        api.ok("shmnm_setnodestat", "alpha", 1)
+        api.ok("shmnm_setisolateflag", "alpha", 2)
+        listed = self.tool("list")
+        self.assertIn("servers/alpha/combstat none", listed.lines)
+        before, log = self.dumped(), self.folder / "log/shmnm.log"
+        calls = len(log.read_text().splitlines())
+        self.done("set", "cluster/max_servers", "4", "cluster/max_hb", "0x3", "cluster/hbinfo_a", "0", "cluster/alive", "1")
+        self.done("set", "-", input=listed.out)
+        self.assertEqual(self.dumped(), before)
+        called = "\n".join(log.read_text().splitlines()[calls:])
+        for call in ("_set", "_modify", "_attach"):
+            self.assertNotIn(call, called)
+        # The configuration's counts need not be the region's, since nothing is written.
+        self.configure(server=5, hbr=3, npr=2, fstr=1)
+        self.done("set", "-", input=listed.out)
+        self.assertEqual(self.dumped(), before)
+
+    def test_the_last_of_several_values_of_one_key_stays(self):
+        api = self.cluster()
+        self.done("set", "cluster/clstat", "5", "cluster/clstat", "0", "cluster/bwflag", "0", "cluster/bwflag", "3")
+        self.assertEqual((api.ok("shmnm_getclstat"), api.ok("shmnm_getbwflag")), (["0"], ["3"]))
 
     def test_set_refuses_a_pair_whose_server_the_library_would_not_find(self):
         api = self.cluster()

@@ -56,7 +56,7 @@ Number argument(Number number) {
 /// Turns assignments into steps. What the library sets together is collected and set once.
 class Planner {
   public:
-    explicit Planner(const Picture& picture) : picture_(picture), header_(picture.header) {
+    Planner(const Picture& picture, bool force) : picture_(picture), force_(force), header_(picture.header) {
         for (const FstPid& record : picture.fst_pids) pids_.emplace(record.name, record);
     }
 
@@ -66,6 +66,10 @@ class Planner {
             throw Error(ErrorKind::no_such_key,
                         fmt::format("nothing was set: there is no key {}", as_typed(assignment.key)));
         }
+        const auto planned = planned_.find(assignment.key);
+        const Value now = planned == planned_.end() ? find(picture_, assignment.key)->value : planned->second;
+        if (now == assignment.value) return;
+        planned_[assignment.key] = assignment.value;
         std::visit([&](const auto& at) { add(assignment, at); }, *place);
     }
 
@@ -85,6 +89,10 @@ class Planner {
         pair_ = set;
     }
     void add(const Assignment& assignment, const ClusterPlace& place, const Triple* set) {
+        if (!force_) {
+            refuse(ErrorKind::needs_force, assignment.key,
+                   "the region was laid out by it, and every process reads the tables by it");
+        }
         header_.*place.word->source.number() = positive_of(assignment);
         triple_ = set;
     }
@@ -170,9 +178,11 @@ class Planner {
     }
 
     const Picture& picture_;
-    shmnm_header header_;                 ///< with the numbers that are set together as they will be
-    std::map<std::string, FstPid> pids_;  ///< as they will be
-    const Pair* pair_ = nullptr;          ///< to be set
+    const bool force_;
+    std::map<std::string, Value> planned_;  ///< the values that are to be set, by their keys
+    shmnm_header header_;                   ///< with the numbers that are set together as they will be
+    std::map<std::string, FstPid> pids_;    ///< as they will be
+    const Pair* pair_ = nullptr;            ///< to be set
     const Triple* triple_ = nullptr;
     std::vector<Step> steps_;
 };
@@ -182,7 +192,7 @@ class Planner {
 Assignment parse_assignment(const std::string& key, const std::string& value) {
     const std::string range = range_of(key);
     const auto parsed = Value::parse(value);
-    if (!parsed || parsed->is_none()) {
+    if (!parsed) {
         throw Error(ErrorKind::invalid,
                     fmt::format("invalid value \"{}\" for {}: use a whole number{}{}", as_typed(value), as_typed(key),
                                 range.empty() ? "" : " from ", range));
@@ -214,8 +224,8 @@ std::vector<Assignment> parse_assignments(std::string_view text) {
     return all;
 }
 
-std::vector<Step> plan(const Picture& picture, const std::vector<Assignment>& assignments) {
-    Planner planner(picture);
+std::vector<Step> plan(const Picture& picture, const std::vector<Assignment>& assignments, bool force) {
+    Planner planner(picture, force);
     for (const Assignment& assignment : assignments) planner.add(assignment);
     return planner.take();
 }

@@ -29,9 +29,11 @@ struct Step {
     std::function<uint32_t()> call;
 };
 
-/// The calls that carry the assignments out, in their order. Nothing is called yet.
+/// The calls that carry the assignments out, in their order. Nothing is called yet. A value that is there already needs
+/// no call.
 /// @param[in] picture  the region as it is; must outlive the steps
+/// @param[in] force    also change the maxima
 /// @throws Error  a key does not exist, a value does not fit, or a word cannot be set
-std::vector<Step> plan(const Picture& picture, const std::vector<Assignment>& assignments);
+std::vector<Step> plan(const Picture& picture, const std::vector<Assignment>& assignments, bool force);
 
 }  // namespace picture

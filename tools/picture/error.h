@@ -16,6 +16,7 @@ enum class ErrorKind {
     set_together,           ///< the library sets the word together with others, which have no valid value yet
     set_by_simulation,      ///< only a simulation sets the word
     shared_priority,        ///< the library finds servers by priority, and two have the same one
+    needs_force,            ///< it may harm the region, so it must be asked for expressly
     no_region,              ///< no process holds the region
     lock_timeout,           ///< the lock did not come in time
     configuration_differs,  ///< the region was laid out by other counts than this machine's configuration has

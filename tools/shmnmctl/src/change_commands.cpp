@@ -81,9 +81,11 @@ Exit set(const Context& context, const Arguments& given) {
         throw Failure(Exit::usage, "set takes pairs of KEY and VALUE, or - to read them from standard input");
     }
     LiveRegion region(context.access);
+    // Values that are there already need no change of the region, and so no attaching, which writes its header.
+    if (plan(decode(region.copy(Bytes::in_use)), assignments, context.force).empty()) return Exit::done;
     const Change change(region, context.force);
     const Picture picture = decode(change.before());
-    for (const Step& step : plan(picture, assignments)) expect_ok(step.function, step.call());
+    for (const Step& step : plan(picture, assignments, context.force)) expect_ok(step.function, step.call());
     return Exit::done;
 }
 

@@ -51,8 +51,9 @@ void refuse_file(const Context& context, const std::string& advice) {
 }
 
 void add_force(CLI::App& command, Context& context) {
-    command.add_flag("--force", context.force,
-                     "Change the region even if its counts differ from this machine's configuration");
+    command.add_flag(
+        "--force", context.force,
+        "Change the region even if its counts differ from this machine's configuration; with set also its maxima");
 }
 
 }  // namespace shmnmctl

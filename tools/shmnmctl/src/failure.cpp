@@ -34,6 +34,8 @@ Ending ending(ErrorKind kind) {
             return {Exit::failed, "use \"shmnmctl simulate\""};
         case ErrorKind::shared_priority:
             return {Exit::failed, "give one of them another priority with \"shmnmctl modify server\""};
+        case ErrorKind::needs_force:
+            return {Exit::failed, "use --force to change it all the same"};
         case ErrorKind::no_region:
             return {Exit::no_region, "start the cluster, or run \"shmnmctl serve\""};
         case ErrorKind::lock_timeout:
