@@ -1,0 +1,128 @@
+// shmnmweb: shows this machine's picture over HTTP, and can change nothing.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "listener.h"
+#include "picture/error.h"
+#include "picture/escape.h"
+#include "sampler.h"
+#include "server.h"
+#include "source.h"
+
+namespace {
+
+using namespace shmnmweb;
+using picture::Error;
+using picture::ErrorKind;
+
+enum Exit : int { done = 0, usage = 2, failed = 5 };
+
+struct Options {
+    std::vector<std::string> listen, allowed_hosts;
+    std::string socket, socket_group, names, dump;
+    bool allow_remote = false;
+    Limits limits;
+};
+
+int report(Exit exit, const std::string& what) {
+    std::fputs(("shmnmweb: " + what + "\n").c_str(), stderr);
+    return exit;
+}
+
+/// What tells this run of the server from all others.
+std::string new_run() {
+    std::random_device random;
+    return fmt::format("{:08x}{:08x}", random(), random());
+}
+
+std::vector<Listener> open_listeners(const Options& options) {
+    std::vector<Listener> listeners = inherited_listeners(options.allow_remote);
+    for (const std::string& address : options.listen) listeners.push_back(listen_on(address, options.allow_remote));
+    if (!options.socket.empty()) listeners.push_back(listen_on_file(options.socket, options.socket_group));
+    if (listeners.empty()) listeners.push_back(listen_on("127.0.0.1:9683", options.allow_remote));
+    return listeners;
+}
+
+void serve(const Options& options) {
+    raise_file_limit();
+    Site site;
+    site.hosts = HostCheck(options.allowed_hosts);
+    if (!options.names.empty()) site.names = Names(options.names);
+    site.history = History(new_run());
+    auto source = options.dump.empty() ? live_source() : dump_source(options.dump);
+    // The first answer shows the picture already.
+    Look look = look_at(*source, look_at(*source, {}, picture::Bytes::all), picture::Bytes::in_use);
+    site.add(std::make_shared<const Look>(look));
+    std::optional<Sampler> sampler;
+    Server server(site, options.limits, [&] { sampler->ask_for_all(); });
+    server.listen(open_listeners(options));
+    sampler.emplace(std::move(source), std::move(look),
+                    [&](std::shared_ptr<const Look> newest) { server.show(std::move(newest)); });
+    server.run([&] {
+        std::string text;
+        for (const std::string& address : server.addresses()) text += "listening on " + address + "\n";
+        std::fputs(text.c_str(), stdout);
+        std::fflush(stdout);
+    });
+    // Before the server, to which it speaks.
+    sampler.reset();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Shows this machine's picture of the cluster over HTTP; it can change nothing.", "shmnmweb");
+    Options options;
+    app.set_version_flag("--version", "shmnmweb " SHMNM_VERSION);
+    app.add_option("--listen", options.listen,
+                   "ADDRESS:PORT to serve; may be repeated; port 0: any free one (127.0.0.1:9683)")
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_option("--socket", options.socket, "Serve on a Unix socket of this path, with mode 0660");
+    app.add_option("--socket-group", options.socket_group, "Group whose members may connect to the Unix socket");
+    app.add_option("--names", options.names, "File that gives names and levels to values");
+    app.add_option("--dump", options.dump, "Show this dump, not the live region");
+    app.add_option("--allow-host", options.allowed_hosts,
+                   "Name by which clients may call this server, beside localhost; may be repeated")
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_flag("--allow-remote", options.allow_remote,
+                 "Listen where other machines can connect, too; nothing is encrypted");
+    app.add_option("--max-connections", options.limits.connections, "Connections at a time")
+        ->check(CLI::Range(1, 100'000))
+        ->capture_default_str();
+    app.add_option("--max-connections-per-client", options.limits.connections_per_client,
+                   "Connections at a time from one address, or of one user on a Unix socket")
+        ->check(CLI::Range(1, 100'000))
+        ->capture_default_str();
+    app.add_option("--request-timeout", options.limits.request_seconds, "Seconds for a request to arrive")
+        ->check(CLI::Range(1, 3'600))
+        ->capture_default_str();
+    app.add_option("--write-timeout", options.limits.write_seconds, "Seconds for a client to take in 256 KiB")
+        ->check(CLI::Range(1, 3'600))
+        ->capture_default_str();
+    app.footer("Exit status: 0 stopped by a signal; 2 wrong usage; 5 it could not start, or failed.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& asked_for) {
+        return app.exit(asked_for);
+    } catch (const CLI::ParseError& error) {
+        return report(usage, picture::printable(error.what()) + "; see \"shmnmweb --help\"");
+    }
+    try {
+        serve(options);
+    } catch (const Error& error) {
+        return report(error.kind == ErrorKind::invalid ? usage : failed, error.what());
+    } catch (const std::exception& error) {
+        return report(failed, picture::printable(error.what()));
+    }
+    return done;
+}

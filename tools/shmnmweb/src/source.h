@@ -1,0 +1,33 @@
+// Where copies of the region come from: the live region of this machine, a dump, or another server.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "picture/live.h"
+#include "picture/platform.h"
+#include "picture/snapshot.h"
+
+namespace shmnmweb {
+
+class Source {
+  public:
+    virtual ~Source() = default;
+
+    /// @return nothing if there is no region
+    /// @throws picture::Error  the region is refused, or the lock did not come in time
+    virtual std::optional<picture::Snapshot> copy(picture::Bytes wanted) = 0;
+    /// Facts of the region's lock, if no copy tells them; nothing where the system does not.
+    virtual std::optional<picture::platform::LockHolder> lock() = 0;
+    /// Whether the owner that these facts name has the lock still.
+    virtual bool is_held(const picture::platform::LockHolder& lock) = 0;
+};
+
+/// The region of this machine. It is mapped for reading only.
+std::unique_ptr<Source> live_source();
+
+/// A dump, which never changes. @throws picture::Error  it cannot be read
+std::unique_ptr<Source> dump_source(const std::string& file);
+
+}  // namespace shmnmweb
