@@ -547,7 +547,7 @@ SHMNM_API uint32_t shmnm_getnodecombstat(const char* name, uint32_t* stat);
  *
  * A server is alive if its state is 1.
  *
- * @param[in]  name  the server to leave out; null: none is left out. An unknown name is no error.
+ * @param[in]  name  the server to leave out; null: none is left out. An unknown name is not an error.
  * @param[out] flag  1 if a server is alive, otherwise 0
  * @retval SHMNM_ERR_PARAM  `flag` is null
  * @note Writes a line at level 4, "flag:%d" or "flag(%s):%d", whose number is the low half of the pointer `flag` and
@@ -764,7 +764,7 @@ SHMNM_API uint32_t shmnm_enumsvnprscstat(const char* svname, uint32_t* buf, uint
 /**
  * Sets all states of every hb resource of a type.
  *
- * Sets each resource's own state first, then its state on every server. If no resource has the type, that is no error.
+ * Sets each resource's own state first, then its state on every server. It is not an error if no resource has the type.
  * Network-wide states stay as they are.
  *
  * @retval SHMNM_ERR_PARAM  `type` is null
@@ -979,8 +979,8 @@ SHMNM_API uint32_t shmnm_setfstrscpid(const char* name, int32_t kind, uint32_t p
 /**
  * Gets the process id of one kind under a name, and the value beside it.
  *
- * A name without a record is no error: the call returns SHMNM_OK, whatever `kind` is, and leaves the outputs as they
- * were. Set them before the call.
+ * A name without a record is not an error: the call returns SHMNM_OK, whatever `kind` is, and leaves the outputs as
+ * they were. Set them before the call.
  *
  * @param[in]  name          null is the empty name
  * @param[in]  kind          0, 1 or 2
