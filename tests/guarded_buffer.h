@@ -1,5 +1,5 @@
-// A caller's buffer with guards in front and behind: a call that writes outside of it changes a guard, a call that
-// reads outside of it meets values that it can be seen to have taken.
+// A caller's buffer with a guard before it and a guard after it: a call that writes outside the buffer changes a guard,
+// and a call that reads outside it takes values that a test recognises.
 #pragma once
 
 #include <algorithm>

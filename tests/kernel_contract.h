@@ -1,5 +1,4 @@
-// The kernel calls that the library stands on are one contract, held by kernel32 and by kzmkernel alike: what its tests
-// share.
+// What the tests of the kernel calls share: both kernel32 and kzmkernel must keep the same contract.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -25,7 +24,7 @@ inline constexpr uint32_t error_not_found = 2, error_access_denied = 5, error_in
                           error_commitment_limit = 1455;
 inline constexpr uint64_t page = 4096, no_last_error = 777;
 
-/// A name of this run's own.
+/// A name that only this run uses.
 inline std::string object_name(const std::string& name) {
     return std::getenv("KZMUTIL_NAMESPACE") + ("kernel-" + name);
 }
@@ -35,7 +34,7 @@ inline std::string object_name() {
     return object_name(testing::UnitTest::GetInstance()->current_test_info()->name());
 }
 
-/// A handle that is closed with its owner.
+/// A handle that closes itself.
 class Handle {
   public:
     explicit Handle(void* handle) : handle_(handle) {}

@@ -7,7 +7,7 @@ namespace test {
 
 /// Creates or opens a mutex; the last error tells which (0 new, 183 existing).
 void* create_mutex(const char* name);
-/// Creates or opens a mapping of that size, to be read and written.
+/// Creates or opens a mapping of that size for reading and writing.
 void* create_mapping(uint64_t size, const char* name);
 /// Opens a mapping: 4 for reading, 0xF001F for everything.
 void* open_mapping(uint32_t access, const char* name);

@@ -11,7 +11,7 @@ namespace test {
 
 using Names = std::vector<std::string>;
 
-/// The names, each with its NUL, and one NUL more; without any name two NULs.
+/// The names, each with its NUL, then one more NUL; two NULs if there are no names.
 inline std::string closed_list(const Names& names) {
     std::string list;
     for (const std::string& name : names) list.append(name).push_back('\0');
@@ -76,7 +76,7 @@ void expect_listing(const List& list, const char* tag, const Names& names) {
     EXPECT_EQ(std::string(buffer.data(), needed), whole);
     EXPECT_TRUE(buffer.guards_are_whole());
     EXPECT_EQ(size, needed);
-    // Without a place for the size nothing is listed.
+    // If `size` is null, nothing is listed.
     fake.take_lines();
     EXPECT_EQ(list(nullptr, nullptr), SHMNM_ERR_PARAM);
     EXPECT_THAT(fake.take_lines(), Fails(tag, "invalid param", SHMNM_ERR_PARAM));

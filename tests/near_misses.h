@@ -1,4 +1,4 @@
-// Texts that a lookup could take for another one.
+// Texts that a faulty lookup could confuse with another text.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +26,7 @@ inline std::vector<std::string> near_misses(const std::string& text) {
     return misses;
 }
 
-/// A text in memory of its own that ends with its NUL, so that the address sanitizer sees a look behind it.
+/// A text in memory that ends with its NUL, so that the address sanitizer notices a read beyond it.
 class ExactText {
   public:
     explicit ExactText(const std::string& text) : memory_(new char[text.size() + 1]) {

@@ -1,5 +1,4 @@
-// What a call is expected to leave behind: its lines in the log, and the region's bytes as they were but for those that
-// it changes.
+// What a call is expected to leave: its lines in the log, and a region in which only the intended bytes changed.
 #pragma once
 
 #include <algorithm>
@@ -34,7 +33,7 @@ inline void put_words(Bytes& bytes, size_t offset, const std::vector<uint32_t>& 
 inline void put_word(Bytes& bytes, size_t offset, uint32_t word) {
     put_words(bytes, offset, {word});
 }
-/// Puts a text into a field of `width` bytes, with zeros behind it.
+/// Puts a text into a field of `width` bytes and fills the rest of the field with zeros.
 inline void put_text(Bytes& bytes, size_t offset, size_t width, const std::string& text) {
     Bytes field(text.begin(), text.end());
     field.resize(width);

@@ -47,14 +47,15 @@ class ResourceTwins : public RegionTest, public testing::WithParamInterface<Twin
         ASSERT_EQ(shmnm_addnode("gamma", 30), SHMNM_OK);
         log_of_last_call();
     }
-    /// Gives a record and, if there is one, its network row bytes that occur nowhere else, behind its name and type.
+    /// Fills a record after its name and type, and its network-wide row if it has one, with bytes that occur nowhere
+    /// else.
     void fill_record(size_t position) {
         poke(record(position) + 32, pattern(224, position + 1));
         poke(record(position) + 288, pattern(320, position + 1));
         if (twin().has_network_rows) poke(network_row(position), pattern(24, position + 5));
     }
 
-    /// Has a call fail with this line, this result and without a change.
+    /// Expects a call to fail with this line and this result, and to change nothing.
     template <typename Call>
     void expect_failure(const Call& call, const char* tag, const std::string& line, uint32_t result) {
         const Bytes before = region_bytes();
@@ -63,7 +64,7 @@ class ResourceTwins : public RegionTest, public testing::WithParamInterface<Twin
         EXPECT_THAT(log_of_last_call(), Fails(tag, line, result));
         EXPECT_EQ(region_bytes(), before);
     }
-    /// Has a call succeed and leave these bytes behind.
+    /// Expects a call to succeed and to leave these bytes.
     template <typename Call>
     void expect_success(const Call& call, const char* tag, const Bytes& after) {
         log_of_last_call();

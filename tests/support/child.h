@@ -29,9 +29,9 @@ class Child {
     Child& operator=(Child&&) noexcept;
     ~Child();
 
-    /// The next number that the child reports; throws when the child ends without one.
+    /// The next number that the child reports; throws if the child ends first.
     uint64_t reported();
-    /// The next number that the child reports, or has reported before its end; none when it ended.
+    /// The next number that the child reports, or reported before its end; none if it ended without one.
     std::optional<uint64_t> next_report();
     /// The next text that the child reports.
     std::string reported_text();

@@ -16,7 +16,7 @@ class DynamicLibrary {
 
     bool loaded() const { return handle_ != nullptr; }
     const std::string& error() const { return error_; }
-    /// An exported function; throws when there is none of that name.
+    /// An exported function; throws if there is none with that name.
     template <typename Function>
     Function* function(const char* name) const {
         return reinterpret_cast<Function*>(address(name));
@@ -35,7 +35,7 @@ class DynamicLibrary {
 /// What a child whose load of a library was refused shows: on Linux it ended with 127, on Windows it reported that the
 /// load failed (3) and went on.
 void expect_refused_load(Child& child);
-/// What it has written to its standard error.
+/// What the child wrote to its standard error.
 extern const char* const line_of_refused_load;
 
 /// The folder that this program's file lies in, with a separator at its end.

@@ -1,5 +1,5 @@
-// Child processes made by fork(), which run a part of the test that makes them, and the signs they give one another.
-// Children that begin as new programs are those of child.h.
+// Child processes made by fork(), which run a part of the test, and signs between the processes of a test. child.h has
+// children that start as new programs.
 #pragma once
 
 #include <sys/types.h>
@@ -8,11 +8,11 @@
 
 namespace test {
 
-/// Waits for the end of a child process. Returns its exit status, 128 + signal when a signal ended it, or -1 when it is
-/// not a child of this process. Passes over stops.
+/// Waits for the end of a child process. Returns its exit status, 128 + signal if a signal ended it, or -1 if it is not
+/// a child of this process. Ignores stops.
 int wait_for_end(pid_t process);
 
-/// A child that runs a function. It exits with 1 when a check in it has failed. The destructor kills it.
+/// A child that runs a function. It exits with 1 if a check in it failed. The destructor kills it.
 class Forked {
   public:
     /// `namespaces`: CLONE_NEW... flags of what this process passes to unshare() before it forks.

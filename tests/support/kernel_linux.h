@@ -18,7 +18,7 @@ using namespace test;
 inline constexpr uint32_t for_everything = 0xF001F;
 inline constexpr size_t page = 4096, kib = 1024;
 
-/// A name of the running test's own.
+/// A name that only the running test uses.
 std::string object_name();
 
 fs::path folder();
@@ -27,7 +27,7 @@ fs::path sibling();
 fs::path file_of_mutex(const std::string& name);
 fs::path file_of_mapping(const std::string& name);
 
-/// An object's handle, closed with its owner, and the last error that its making left.
+/// The handle of an object, which this closes, and the last error after the object was created.
 struct Handle {
     explicit Handle(void* made) : value(made), error(kzmkernel_last_error()) {}
     ~Handle() { close(); }
@@ -56,7 +56,7 @@ struct Kind {
 inline constexpr Kind kinds[] = {{"Mutex", create_mutex, open_mutex, file_of_mutex},
                                  {"Mapping", create_page, open_mapping, file_of_mapping}};
 
-/// Creates an object and checks that there was none of its name.
+/// Creates an object and checks that it is new.
 void expect_new(void* (*create)(const std::string&), const std::string& name);
 
 /// Creates and opens the running test's mutex and checks that both fail with this error.
@@ -72,7 +72,7 @@ uint8_t* mapped_page_of(const fs::path& file);
 /// How often another process calls the kernel for a mutex while it takes and releases it a hundred times.
 int calls_to_futex_of_100_takes(void* mutex);
 
-/// A thread that waits for a mutex, asleep once this is made, and releases it when it had it.
+/// A thread that waits for a mutex, is asleep once this is constructed, and releases the mutex when it owns it.
 class SleepingWaiter {
   public:
     explicit SleepingWaiter(void* mutex);
@@ -84,8 +84,8 @@ class SleepingWaiter {
     SleepingThread thread_;
 };
 
-/// Two that waited for the caller's mutex, which is released: the first has been woken and stands on its way out of the
-/// kernel.
+/// Two waiters for the caller's mutex, which is then released: the first waiter was woken and is stopped on its way out
+/// of the kernel.
 struct WokenAndSleeping {
     explicit WokenAndSleeping(void* mutex);
     SleepingProcess woken;

@@ -11,10 +11,10 @@ namespace test {
 /// children get others, so ask before the fork.
 uid_t spare_user(unsigned which = 0);
 
-/// In a child: becomes that user for good. Ends the process when it may not, which only root may.
+/// In a child: becomes that user permanently. Only root may; otherwise it ends the process.
 void become(uid_t user);
 
-/// Runs a part of a test in a child that is another user's.
+/// Runs a part of a test in a child process of another user.
 void in_fork_as(uid_t user, const std::function<void()>& body);
 
 }  // namespace test

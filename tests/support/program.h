@@ -6,7 +6,7 @@
 namespace test {
 
 struct ProgramResult {
-    int status;          ///< exit status; -1 when the program did not start or was ended from outside
+    int status;          ///< exit status; -1 if the program did not start or was killed
     std::string output;  ///< standard output, with "\n" at the end of lines
 };
 

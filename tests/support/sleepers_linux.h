@@ -1,4 +1,4 @@
-// Processes and threads that sleep inside a system call, in a futex as a rule, once they are made.
+// Processes and threads that sleep inside a system call, usually in a futex, as soon as they are constructed.
 #pragma once
 
 #include <sys/types.h>
@@ -13,16 +13,16 @@ namespace test {
 
 /// Returns when a thread sleeps inside the system call of this number.
 void wait_until_asleep_in(long system_call, pid_t process, pid_t thread);
-/// The same of the first thread of a process.
+/// The same for the first thread of a process.
 void wait_until_asleep_in(long system_call, pid_t process);
 
-/// A traced process that sleeps in a futex because of what it does.
+/// A traced process whose body sleeps in a futex.
 class SleepingProcess : public Traced {
   public:
     explicit SleepingProcess(const std::function<void()>& body);
 };
 
-/// A thread that sleeps in a futex because of what it does.
+/// A thread whose body sleeps in a futex.
 class SleepingThread {
   public:
     explicit SleepingThread(const std::function<void()>& body);

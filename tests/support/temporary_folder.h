@@ -1,4 +1,4 @@
-// A folder that lives as long as its object, and small files in it.
+// A folder that is removed with its object, and small files in it.
 #pragma once
 
 #include <filesystem>
@@ -23,9 +23,9 @@ class TemporaryFolder {
     std::filesystem::path path_;
 };
 
-/// Writes a text file, or into one that is there.
+/// Writes a text file; an existing file is overwritten.
 void write_text(const std::filesystem::path& file, std::string_view text);
-/// A file's contents, byte for byte; empty when there is none.
+/// A file's contents, byte for byte; empty if the file does not exist.
 std::string contents_of(const std::filesystem::path& file);
 
 }  // namespace test

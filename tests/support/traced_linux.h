@@ -12,20 +12,20 @@
 
 namespace test {
 
-/// Its child begins stopped, before the function that it runs.
+/// The child is stopped before its function starts.
 class Traced {
   public:
     explicit Traced(const std::function<void()>& body);
 
-    /// Lets it go on to where it enters or leaves a system call.
+    /// Lets it run until it enters or leaves a system call.
     void go();
-    /// Waits until it stands there; false when it ended.
+    /// Waits until it stops there; false if it ended.
     bool stands();
     /// Both.
     bool step();
-    /// The call that it enters: its number and its arguments; nothing when it does not enter one.
+    /// The system call that it enters: its number and arguments; nothing if it is not entering one.
     std::vector<uint64_t> entered() const;
-    /// Throws when it ends without that call.
+    /// Throws if it ends without that call.
     void run_until_it_enters(uint64_t number);
     /// 8 bytes of its memory.
     uint64_t word_at(uint64_t address) const;
@@ -34,7 +34,7 @@ class Traced {
 
     pid_t id() const { return child_.id(); }
     void kill() { child_.kill(); }
-    /// Of a child that ended, as waitpid() gives it.
+    /// The status of a child that ended, as waitpid() returns it.
     int status() const { return status_; }
 
   private:

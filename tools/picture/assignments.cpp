@@ -53,7 +53,7 @@ Number argument(Number number) {
     return number;
 }
 
-/// Turns assignments into steps. What the library sets together is collected and set once.
+/// Turns assignments into steps. Words that one call sets together are collected and set once.
 class Planner {
   public:
     Planner(const Picture& picture, bool force) : picture_(picture), force_(force), header_(picture.header) {
@@ -120,7 +120,7 @@ class Planner {
         step(place.kind->*place.word->set, place.resource->type, place.resource->name, word_of(assignment));
     }
 
-    /// The library finds the server by its priority; refused where it would find another.
+    /// The library finds the server by its priority. Refuses the assignment if it would find another server.
     void add(const Assignment& assignment, const RowPlace& place) {
         const uint32_t value = word_of(assignment);
         const auto found = std::find_if(picture_.servers.begin(), picture_.servers.end(), [&](const Server& server) {
@@ -180,7 +180,7 @@ class Planner {
     const Picture& picture_;
     const bool force_;
     std::map<std::string, Value> planned_;  ///< the values that are to be set, by their keys
-    shmnm_header header_;                   ///< with the numbers that are set together as they will be
+    shmnm_header header_;                   ///< with the new values of the numbers that are set together
     std::map<std::string, FstPid> pids_;    ///< as they will be
     const Pair* pair_ = nullptr;            ///< to be set
     const Triple* triple_ = nullptr;

@@ -1,4 +1,4 @@
-// "set": what is to be written under which key, checked as a whole before anything is written.
+// Assignments of values to keys, for "set". All of them are checked before the first is made.
 #pragma once
 
 #include <functional>
@@ -19,18 +19,18 @@ struct Assignment {
 /// @throws Error  the value is not a number (invalid)
 Assignment parse_assignment(const std::string& key, const std::string& value);
 
-/// Lines of a key, blanks and a value. Empty lines and those that begin with # are skipped.
-/// @throws Error  a line is neither (invalid); the message names its number
+/// Reads lines of a key, blanks and a value. Empty lines and lines that begin with # are skipped.
+/// @throws Error  a line is invalid; the message names its number
 std::vector<Assignment> parse_assignments(std::string_view text);
 
-/// A call of the library that is sure to be accepted.
+/// A call of the library that has been checked and will be accepted.
 struct Step {
     const char* function;
     std::function<uint32_t()> call;
 };
 
-/// The calls that carry the assignments out, in their order. Nothing is called yet. A value that is there already needs
-/// no call.
+/// The calls that make the assignments, in their order. None of them is called yet. A word that already has its value
+/// needs no call.
 /// @param[in] picture  the region as it is; must outlive the steps
 /// @param[in] force    also change the maxima
 /// @throws Error  a key does not exist, a value does not fit, or a word cannot be set

@@ -1,4 +1,4 @@
-// What is different between two pictures, word by word.
+// The differences between two pictures, word by word.
 #pragma once
 
 #include <optional>
@@ -12,13 +12,13 @@ namespace picture {
 
 struct WordChange {
     std::string key;
-    std::optional<Value> before, after;  ///< nothing: there was no such key, or there is none any more
+    std::optional<Value> before, after;  ///< nothing if there was no such key before, or there is none now
 
     bool operator==(const WordChange&) const = default;
 };
 
-/// The words at or below a prefix that changed, in the order of the new picture; then those that are gone, in the order
-/// of the old one.
+/// The words at or below a prefix that changed, in the order of the new picture; then the removed words, in the order
+/// of the old picture.
 std::vector<WordChange> changes(const std::vector<Word>& before, const std::vector<Word>& after,
                                 std::string_view prefix);
 

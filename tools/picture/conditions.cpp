@@ -15,7 +15,7 @@ namespace {
 using Part = Condition::Part;
 using Kind = Part::Kind;
 
-/// More would be no condition that a person wrote, and each costs a call within the last.
+/// No person writes deeper conditions, and each level costs a nested call.
 constexpr int most_nested = 100;
 
 constexpr std::string_view blanks = " \t\r\n", marks = "()=!<>", ends = " \t\r\n()=!<>";
@@ -39,7 +39,7 @@ class Parser {
                                                               rest.empty() ? "its end" : "\"" + shown + "\"", why));
     }
 
-    /// The token that comes next; empty at the end.
+    /// The next token; empty at the end.
     std::string_view next() {
         at_ = std::min(text_.find_first_not_of(blanks, at_), text_.size());
         if (at_ == text_.size()) return {};
@@ -162,7 +162,7 @@ bool holds(const Part& part, const std::vector<Word>& words) {
     return found && part.of_all;
 }
 
-/// Why a part without parts of its own does not hold.
+/// Why a comparison or an existence test does not hold.
 std::string reason(const Part& part, const std::vector<Word>& words) {
     const Word* first = nullptr;
     size_t unmet = 0;
@@ -197,7 +197,8 @@ void expect_words(const Part& part) {
     for (const Part& each : part.parts) expect_words(each);
 }
 
-/// Whether one part of a key matches: each * takes as little as it can, and more when the rest does not fit.
+/// Whether one part of a key matches: each * first matches as few bytes as possible, and more if the rest does not
+/// match.
 bool part_matches(std::string_view pattern, std::string_view part) {
     size_t p = 0, t = 0;
     std::optional<size_t> star;

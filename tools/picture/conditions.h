@@ -18,27 +18,27 @@ namespace picture {
 
 class Condition {
   public:
-    /// @throws Error  it is not a condition; the message shows the place
+    /// @throws Error  the text is not a condition; the message shows the position of the mistake
     explicit Condition(std::string_view text);
 
-    /// @throws Error  it has a word that no key has, whatever is in the region
+    /// @throws Error  a pattern has a word that no key can have
     void expect_words() const;
 
-    /// A comparison of a key that does not exist does not hold, nor does "all" of none.
+    /// A comparison with a key that does not exist does not hold, and neither does "all" if no key matches.
     bool holds(const std::vector<Word>& words) const;
 
-    /// The parts that keep it from holding, each with the reason: "servers/alpha/nodestat=1 (it is 2)". Printable.
-    /// Empty when it holds.
+    /// The parts because of which it does not hold, each with the reason: "servers/alpha/nodestat=1 (it is 2)".
+    /// Printable. Empty if it holds.
     std::string unmet(const std::vector<Word>& words) const;
 
-    /// A part of it, in the order in which it was written. What has parts of its own decides by them.
+    /// A part of the condition. If it has parts, in their written order, its result depends on them.
     struct Part {
         enum class Kind { all_of, one_of, none_of, exists, comparison };
         using Compare = bool (*)(const Value&, const Value&);
 
         Kind kind = Kind::comparison;
         std::string text;         ///< as it was written
-        std::vector<Part> parts;  ///< of all_of, one_of and none_of, which has one
+        std::vector<Part> parts;  ///< of all_of, one_of and none_of (which has exactly one)
         std::string pattern;      ///< of exists and comparison
         bool of_all = false;      ///< of a comparison: each key of the pattern is compared, not some key
         Compare compare = nullptr;
@@ -49,7 +49,7 @@ class Condition {
     Part whole_;
 };
 
-/// Whether a key is one of those that a pattern stands for.
+/// Whether a key matches a pattern.
 bool matches(std::string_view pattern, std::string_view key);
 
 }  // namespace picture

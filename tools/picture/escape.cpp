@@ -6,7 +6,7 @@
 namespace picture {
 namespace {
 
-/// For each byte whether it stays as it is.
+/// For each byte, whether escaping leaves it as it is.
 using Stays = std::array<bool, 256>;
 
 constexpr Stays every(bool (*stays)(char)) {

@@ -10,7 +10,7 @@
 namespace picture {
 namespace {
 
-/// An object of many, built member by member: as a list of lists each member would be built several times.
+/// An object that is built member by member. From an initializer list, each member would be copied several times.
 class Object {
   public:
     explicit Object(size_t members) { members_.reserve(members); }
@@ -42,7 +42,7 @@ Json cluster(const Picture& picture) {
 Json region(const Snapshot& snapshot, const Picture& picture) {
     Object one(16);
     one.add("live", snapshot.live).add("size", snapshot.bytes.size());
-    // Here a damaged count shows its sign.
+    // Here, unlike in the words, a damaged count shows its sign.
     for (const ClusterWord& word : cluster_words) {
         if (word.count) one.add(word.key, picture.header.*word.source.number());
     }
@@ -144,7 +144,7 @@ Json to_json(const Value& value) {
 Json to_json(const std::vector<Word>& words) {
     Json::object_t listed;
     listed.reserve(words.size());
-    // Each key is there once, which an insertion would look for again.
+    // Each key occurs once, so there is no need to search for it at each insertion.
     for (const Word& word : words) listed.emplace_back(word.key, to_json(word.value));
     return listed;
 }

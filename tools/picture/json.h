@@ -15,16 +15,16 @@ namespace picture {
 /// Objects keep the order in which their members were added.
 using Json = nlohmann::ordered_json;
 
-/// A document of a kind, with the version of the schema that it obeys.
+/// A new document of a kind, with the version of its schema.
 Json document(const char* kind);
-/// A document in one line with its end.
+/// A document in one line, with a newline.
 std::string line(const Json& document);
 
 /// The whole picture, as document "status".
 Json to_json(const Snapshot& snapshot, const Picture& picture);
 
-/// A value as JSON shows it: a number, null for none; numbers of more than 53 bits as text, since many readers of JSON
-/// would round them.
+/// A value as JSON shows it: a number, null for none; numbers of more than 53 bits as text, because many readers of
+/// JSON would round them.
 Json to_json(const Value& value);
 
 /// The values of words by their keys.

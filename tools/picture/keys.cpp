@@ -10,7 +10,7 @@
 namespace picture {
 namespace {
 
-/// Collects words. A record whose key was there before is shadowed by the record that had it.
+/// Collects words. Of several records with one key, only the first is collected.
 class Collector {
   public:
     void add(std::string key, Value value, uint64_t offset) { collected_.push_back({std::move(key), value, offset}); }
@@ -76,7 +76,7 @@ void add_servers(Collector& to, const Picture& picture) {
     }
 }
 
-/// @param[in] servers  the last parts of the keys, by server position; empty where another server has the key
+/// @param[in] servers  the last parts of the keys, by server position; empty if an earlier server has the same key
 void add_resources(Collector& to, const Picture& picture, const ResourceKind& kind,
                    const std::vector<std::string>& servers) {
     for (const Resource& resource : picture.*kind.resources) {
@@ -110,7 +110,7 @@ void add_fst(Collector& to, const Picture& picture) {
     }
 }
 
-/// A name as a key has it. What escaping it would not give back is in no key.
+/// A name as it stands in a key. Only the escaped form is valid: no other spelling of the same name is in a key.
 class Name {
   public:
     explicit Name(std::string_view part) : name_(unescaped(part)) {

@@ -1,4 +1,4 @@
-// Every word of the picture under a key that people can read and type: "servers/alpha/nodestat". Names within a key are
+// Keys of the words of the picture, which people can read and type: "servers/alpha/nodestat". Names within a key are
 // escaped (escape.h), so a key has one part more than it has slashes.
 #pragma once
 
@@ -18,12 +18,12 @@ namespace picture {
 struct Word {
     std::string key;
     Value value;
-    uint64_t offset = 0;  ///< in the region, in bytes; 0 for what is computed
+    uint64_t offset = 0;  ///< in the region, in bytes; 0 for a computed word
 
     bool operator==(const Word&) const = default;
 };
 
-/// All words, in the order of the picture. Where several records share a name, only the first is reached.
+/// All words, in the order of the picture. If several records share a name, only the first is listed.
 std::vector<Word> words(const Picture& picture);
 
 // What a key names. The pointers are into the picture and the tables of words.
@@ -56,24 +56,24 @@ struct PidPlace {
 };
 using Place = std::variant<ClusterPlace, ServerPlace, ResourcePlace, RowPlace, FstPlace, PidPlace>;
 
-/// What a key names; nothing when there is no such word. Only the records that it names are looked at.
+/// The place that a key names; nothing if there is no such word. Looks only at the records that the key names.
 std::optional<Place> locate(const Picture& picture, std::string_view key);
 
-/// The word of a key, as words() has it; nothing when there is none.
+/// The word of a key, the same as in words(); nothing if there is no such word.
 std::optional<Word> find(const Picture& picture, std::string_view key);
 
-/// What stands between the slashes of a key.
+/// The parts of a key between its slashes.
 std::vector<std::string_view> parts_of(std::string_view key);
 
 /// Whether a key lies at or below a prefix: "servers/alpha" holds "servers/alpha/pri", not "servers/alphabet/pri".
 /// Every key lies below the empty prefix.
 bool is_below(std::string_view key, std::string_view prefix);
 
-/// All keys that there can be, with capitals for what the region names, and what each word means.
+/// All possible keys, with capitals in place of names of the region, and what each word means.
 struct KeyHelp {
     std::string pattern;  ///< "servers/NAME/nodestat"
     std::string help;
-    std::string range;  ///< of numbers that it takes: "0 to 4294967295"; "" where it cannot be set
+    std::string range;  ///< of the numbers that it accepts: "0 to 4294967295"; "" if it cannot be set
 };
 std::vector<KeyHelp> key_help();
 

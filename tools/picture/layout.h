@@ -1,4 +1,4 @@
-// Where the areas of a region lie: it follows from four counts.
+// Where the areas of a region lie, which follows from four counts.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,8 @@ std::string to_text(const Counts& counts);
 /// A size in bytes, rounded up to whole pages of memory.
 uint64_t in_pages(uint64_t size);
 
-/// Distances from the region's start, in bytes. What a negative or an enormous count would place is at `nowhere`.
+/// Distances from the region's start, in bytes. An area that a negative or enormous count would misplace is at
+/// `nowhere`.
 struct Layout {
     static constexpr uint64_t nowhere = UINT64_MAX / 4;
 

@@ -1,5 +1,5 @@
-// The library, loaded when it is first needed: so dumps are read and help is given without making a kernel object, and
-// a refused lock is an error of the program and not the end of a process that was about to start.
+// Loads the library when it is first needed. So reading a dump or printing help makes no kernel object, and if the lock
+// is refused the program can report an error; otherwise it could not even start.
 #pragma once
 
 #include <cstdint>
@@ -73,15 +73,14 @@ struct Library {
 template <typename... Arguments>
 using Call = Function<uint32_t (*)(Arguments...)> Library::*;
 
-/// Loads the library at the first call. The lock's mutex must have been obtained before, so that loading cannot fail
-/// for it.
+/// Loads the library at the first call. Open the lock's mutex first, so that loading cannot fail because of it.
 /// @throws Error  the library, or a function of it, is missing
 const Library& library();
 
-/// What a result code of the library means.
+/// The meaning of a result code of the library.
 const char* meaning(uint32_t result);
 
-/// @throws Error  `result` is not SHMNM_OK; the line names the function and what its result means
+/// @throws Error  `result` is not SHMNM_OK; the message names the function and the meaning of its result
 void expect_ok(const char* function, uint32_t result);
 
 /// Calls a function. @throws Error  it failed

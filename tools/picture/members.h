@@ -20,7 +20,7 @@ struct Member {
 /// "server alpha", "hb resource lan/lan1"; printable.
 std::string to_text(const Member& member);
 
-/// What a function of the library has answered.
+/// The result of a function of the library.
 struct Answer {
     const char* function;
     uint32_t result;
@@ -31,10 +31,10 @@ Answer set_priority(const Member& member, int64_t priority);
 /// Of a resource; 256 bytes.
 Answer describe(const Member& member, const std::string& bytes);
 
-/// @throws Error  the answer is not SHMNM_OK; the line names the member
+/// @throws Error  the result is not SHMNM_OK; the message names the member
 void expect_ok(const Answer& answer, const Member& member);
 
-/// The first of that name, which the library finds; null when there is none.
+/// The first member with this name, which the library would find; null if there is none.
 const Server* find_server(const Picture& picture, const std::string& name);
 const Resource* find_resource(const Picture& picture, const Member& member);
 

@@ -58,7 +58,7 @@ Slots::Slots(uint64_t start, uint64_t step, uint64_t count, const Ranges& others
     std::array<int64_t, record_size + 1> last;
     last.fill(-1);
     for (const Range& range : shared_) {
-        // The last step of a range has each byte of a record that any of it has.
+        // The last step of a range covers every byte of a record that any part of the range covers.
         for (uint64_t at = std::max(range.begin, range.end - std::min(range.end, step_)); at < range.end; ++at) {
             const uint64_t field = (at - start_) % step_;
             if (field >= record_size) continue;

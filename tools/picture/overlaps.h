@@ -17,7 +17,7 @@ inline constexpr uint64_t word_size = sizeof(uint32_t), record_size = sizeof(shm
 struct Range {
     uint64_t begin, end;
 };
-/// Sorted by their begin; they may overlap.
+/// Sorted by `begin`; they may overlap.
 using Ranges = std::vector<Range>;
 
 Ranges intersections(const Range& range, const Ranges& others);
@@ -48,8 +48,8 @@ class Slots {
     uint64_t at(int32_t position) const { return start_ + step_ * static_cast<uint64_t>(position); }
     const Ranges& shared() const { return shared_; }
 
-    /// What another table may have written to the record in use at a position: there, or at a later position, from
-    /// where removals have moved it down.
+    /// The bytes of the record at a position that another table may have written: at that position, or at a later
+    /// position from which removals moved the record down.
     Ranges doubtful(int32_t position) const;
 
   private:

@@ -16,7 +16,7 @@ using shmnm::Note;
     throw Error(kind, "nothing was changed: " + why);
 }
 
-/// Takes of the lock since the noted one that were not a tool's look.
+/// How often the lock was taken since the noted take, other than by tools that only look.
 uint64_t later_takes(const platform::LockHolder& holder, const Note& note) {
     return holder.takes - note.takes - (holder.looks - note.looks);
 }
@@ -32,7 +32,7 @@ void complete(Note& note, const WritableRegion& writable, const platform::LockHo
     if (!shmnm::can_complete(region, note)) {
         refuse(ErrorKind::change_lost, "the change cannot be completed from its note");
     }
-    // If this process is killed too, the next one finds the note as if the first had just been.
+    // If this process is killed too, the next repair finds the note as if the first caller had just been killed.
     note.takes = holder.takes;
     note.looks = holder.looks;
     shmnm::complete(region, note);
@@ -50,7 +50,7 @@ Repaired repair(const Access& access, bool force, bool discard) {
     region.expect();
     const Locked locked(region);
     const WritableRegion writable;
-    // One that is refused has only looked, and one that is not leaves no note.
+    // Counted as a look: a refused repair only looks, and a successful repair leaves no note to be counted from.
     platform::count_look(region.mutex());
     const auto holder = platform::lock_holder(region.mutex());
     auto* const note = static_cast<Note*>(platform::own_note(region.mutex()));

@@ -1,4 +1,4 @@
-// Completes the change that a killed process has left half done, from its note, by the library's own steps.
+// Completes a killed process's unfinished change from its note, with the library's own steps.
 #pragma once
 
 #include <vector>
@@ -8,14 +8,14 @@
 
 namespace picture {
 
-/// What became of the notes.
+/// The changes that were completed, and those whose notes were dropped.
 struct Repaired {
     std::vector<Interrupted> completed, discarded;
 };
 
-/// @param[in] force    also when the lock was taken since by more than tools that look
+/// @param[in] force    even if the lock was taken since, other than by tools that only look
 /// @param[in] discard  changes nothing in the region and drops the notes
-/// @throws Error  refused, or there is no region or no lock to be had; nothing was changed
+/// @throws Error  refused, no region, or waiting for the lock timed out; nothing was changed
 Repaired repair(const Access& access, bool force, bool discard);
 
 }  // namespace picture

@@ -1,4 +1,4 @@
-// A network partition, simulated: the library takes the servers that fail by priority.
+// Simulates a network partition. The library identifies the servers that fail by their priority.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace picture {
 
-/// What shmnm_setnpsimu() takes to let these servers fail, and no others: by priority 1 or 0.
-/// @throws Error  there is no such server, or the library would let another fail too
+/// The array for shmnm_setnpsimu() that makes exactly these servers fail: 1 or 0 for each priority.
+/// @throws Error  there is no such server, or the library would make another server fail too
 std::vector<uint32_t> failures_by_priority(const Picture& picture, const std::vector<std::string>& servers);
 
 }  // namespace picture

@@ -9,7 +9,7 @@
 
 namespace picture {
 
-/// A whole number of up to 64 bits, with a sign, or none: a server may have no combined state.
+/// A whole number of up to 64 bits, signed or not, or none: a server may have no combined state.
 class Value {
   public:
     Value() = default;
@@ -18,18 +18,19 @@ class Value {
     Value(int32_t number) : none_(false), negative_(number < 0), magnitude_(magnitude(number)) {}
     Value(std::optional<uint32_t> number) : none_(!number), magnitude_(number.value_or(0)) {}
 
-    /// Reads decimal digits, with a sign, or 0x and hexadecimal ones, or "none". Blanks may stand before.
+    /// Reads a decimal number with an optional sign, a hexadecimal number after 0x, or "none". Blanks may come before
+    /// it.
     static std::optional<Value> parse(std::string_view text);
 
     bool is_none() const { return none_; }
     std::string to_text() const;
-    /// The number in 32 bits; nothing when it does not fit.
+    /// The number in 32 bits; nothing if it does not fit.
     std::optional<uint32_t> to_uint32() const;
     std::optional<int32_t> to_int32() const;
     std::optional<uint64_t> to_uint64() const;
 
     bool operator==(const Value&) const = default;
-    /// Nothing is above or below none.
+    /// No value is above or below none.
     std::partial_ordering operator<=>(const Value& other) const;
 
   private:

@@ -19,8 +19,8 @@
 
 namespace picture {
 
-/// Where the value of a word comes from: a member of the record that a part of the picture has a copy of or, computed,
-/// that part as a whole.
+/// Where the value of a word comes from: a member of the record in a part of the picture, or a function that computes
+/// it from the part.
 template <auto record>
 class Source;
 
@@ -31,7 +31,7 @@ class Source<record> {
     constexpr Source(int32_t Record::*number) : number_(number) {}
     constexpr Source(Value (*compute)(const Part&)) : compute_(compute) {}
     constexpr Source(bool (*test)(const Part&)) : test_(test) {}
-    /// A number that is shown as if it had no sign.
+    /// A number that is shown as unsigned.
     static constexpr Source without_sign(int32_t Record::*number) {
         Source source(number);
         source.has_sign_ = false;
@@ -49,7 +49,7 @@ class Source<record> {
     constexpr bool is_flag() const { return test_ != nullptr; }
     /// The member, if it has a sign in the record.
     constexpr int32_t Record::*number() const { return number_; }
-    /// In the record, in bytes; 0 for what is computed.
+    /// In the record, in bytes; 0 for a computed word.
     uint64_t offset() const {
         static const Record origin{};
         if (!word_ && !number_) return 0;
@@ -66,7 +66,7 @@ class Source<record> {
 };
 
 // How a word is set, if not by a call for it alone.
-struct Computed {};      ///< it follows from other words
+struct Computed {};      ///< from other words
 struct BySimulation {};  ///< a simulation sets it
 
 /// A call that sets several numbers of the header at once, each to 1 or more.
@@ -85,7 +85,7 @@ struct ClusterWord {
     HeaderSource source;
     std::variant<Computed, BySimulation, const Pair*, const Triple*, Call<uint32_t>> set;
     const char* help;
-    int32_t Counts::*count = nullptr;  ///< of a maximum, which is shown with the region: which of its counts it is
+    int32_t Counts::*count = nullptr;  ///< of a maximum: the region's count that it sets
 
     /// Whether it is shown as a state of the cluster.
     constexpr bool is_state() const { return !count && !std::holds_alternative<BySimulation>(set); }
@@ -95,14 +95,14 @@ struct ServerWord {
     const char* key;
     Source<&Server::record> source;
     std::variant<Computed, BySimulation, Call<const char*, uint32_t>, Call<const char*, int32_t>> set;
-    const char* heading;  ///< of its column in text; null: it has none
+    const char* heading;  ///< of its column in text; null if it has none
     const char* help;
     bool has_key = true;
 };
 
 struct ResourceKind;
 
-/// A word of an hb or np resource. Its key is its column's heading too.
+/// A word of an hb or np resource. Its key is also the heading of its column.
 struct ResourceWord {
     const char* key;
     Source<&Resource::record> source;
@@ -110,7 +110,7 @@ struct ResourceWord {
     const char* help;
 };
 
-/// A row of words of an hb or np resource, one for each server.
+/// A row of words of an hb or np resource, one word per server.
 struct RowWord {
     const char* key;
     Row Resource::*row;
@@ -157,7 +157,7 @@ struct FstWord {
     const char* help;
 };
 
-/// A word that each name with process ids has of each kind, 0 to 2. The library sets both at once.
+/// A word of a record of process ids, one per kind (0 to 2). The library sets a process id and its data together.
 struct PidWord {
     const char* key;
     const char* member;  ///< of the record, and in JSON
@@ -298,7 +298,7 @@ inline constexpr ResourceKind resource_kinds[] = {
 };
 // clang-format on
 
-/// The table's entry of a key; null when there is none.
+/// The table's entry with a key; null if there is none.
 template <typename Entry, size_t size>
 constexpr const Entry* entry(const Entry (&table)[size], std::string_view key) {
     for (const Entry& each : table) {
