@@ -5,7 +5,7 @@
 //     factor     = "not" factor | "(" condition ")" | "exists" PATTERN | [ "all" | "any" ] PATTERN OPERATOR VALUE
 //     OPERATOR   = "=" | "==" | "!=" | "<" | "<=" | ">" | ">="
 //
-// A pattern is a key in whose parts a * stands for any run of bytes. (A * in a name is written %2A.)
+// pattern.h says what a PATTERN is.
 #pragma once
 
 #include <string>
@@ -48,8 +48,5 @@ class Condition {
   private:
     Part whole_;
 };
-
-/// Whether a key matches a pattern.
-bool matches(std::string_view pattern, std::string_view key);
 
 }  // namespace picture

@@ -9,10 +9,10 @@
 #include <numeric>
 #include <optional>
 
-#include "picture/conditions.h"
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/keys.h"
+#include "picture/pattern.h"
 
 namespace picture {
 namespace {

@@ -9,10 +9,10 @@
 #include <fstream>
 #include <iterator>
 
-#include "picture/conditions.h"
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/json.h"
+#include "picture/pattern.h"
 #include "picture/value.h"
 
 namespace shmnmweb {
