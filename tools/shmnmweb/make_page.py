@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
-"""Makes a source file of the page: one document that holds its style and its script, and the policy that admits them.
+"""Makes a source file of the page: one document that holds its styles and its scripts, and the policy that admits them.
 
     make_page.py FOLDER SOURCE
 
-FOLDER holds index.html, page.css and page.js. A browser runs only the script and uses only the style whose hashes the
-policy names.
+FOLDER holds index.html and the scripts and styles that it names. A browser runs only scripts and uses only styles whose
+hashes the policy names.
 """
 import base64
 import hashlib
 import pathlib
+import re
 import sys
 
 
@@ -26,22 +27,30 @@ def literal(text):
     return "\n".join(lines)
 
 
+def inlined(page, folder, pattern, tag):
+    """The page with each file that a tag names in the tag's place, and the hashes of these files."""
+    hashes = []
+
+    def inline(found):
+        text = "\n" + (folder / found[1]).read_text(encoding="utf-8")
+        if f"</{tag}" in text.lower():
+            sys.exit(f"make_page.py: {found[1]} must not contain </{tag}")
+        hashes.append(hash_of(text))
+        return f"<{tag}>{text}</{tag}>"
+
+    page = re.sub(pattern, inline, page)
+    if not hashes:
+        sys.exit(f"make_page.py: index.html names no {tag}")
+    return page, " ".join(hashes)
+
+
 def main():
     folder, source = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
     page = (folder / "index.html").read_text(encoding="utf-8")
-    style = "\n" + (folder / "page.css").read_text(encoding="utf-8")
-    script = "\n" + (folder / "page.js").read_text(encoding="utf-8")
-    for mark, tag, text in (
-        ('<link rel="stylesheet" href="page.css">', "style", style),
-        ('<script src="page.js"></script>', "script", script),
-    ):
-        if page.count(mark) != 1:
-            sys.exit(f"make_page.py: index.html must have {mark} once")
-        if f"</{tag}" in text.lower():
-            sys.exit(f"make_page.py: the {tag} must not contain </{tag}")
-        page = page.replace(mark, f"<{tag}>{text}</{tag}>")
+    page, styles = inlined(page, folder, r'<link rel="stylesheet" href="([^"]*)">', "style")
+    page, scripts = inlined(page, folder, r'<script src="([^"]*)"></script>', "script")
     policy = (
-        f"default-src 'none'; script-src {hash_of(script)}; style-src {hash_of(style)}; connect-src 'self'; img-src data:; "
+        f"default-src 'none'; script-src {scripts}; style-src {styles}; connect-src 'self'; img-src data:; "
         "base-uri 'none'; form-action 'none'; frame-ancestors 'none'; require-trusted-types-for 'script'; trusted-types 'none'"
     )
     source.write_text(
