@@ -198,6 +198,8 @@ TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
             ASSERT_EQ(chown("/dev/shm/parent", other_user, other_user), 0);
             expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            EXPECT_EQ(kzmkernel_explanation(), "/dev/shm/parent/ belongs to user " + std::to_string(other_user) +
+                                                   ": run this program as that user");
         }
     });
 }

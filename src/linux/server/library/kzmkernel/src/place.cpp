@@ -59,6 +59,9 @@ uint32_t Place::open() noexcept {
     const bool is_memory_disk =
         std::strncmp(folder_path_, memory_disk, sizeof memory_disk - 1) == 0 && name_at_ == sizeof memory_disk;
     if (is_safe_parent(found, is_memory_disk)) return 0;
+    if (found.st_uid != 0 && found.st_uid != geteuid())
+        return explained(KZMKERNEL_ERROR_ACCESS_DENIED, "%s belongs to user %u: run this program as that user", parent,
+                         found.st_uid);
     return explained(KZMKERNEL_ERROR_ACCESS_DENIED,
                      "in %s other users may remove your folder: give it to root and set its sticky bit (chmod +t)",
                      parent);
