@@ -14,16 +14,21 @@ if(NOT WIN32)
     # Debian's folder for libraries of one machine type, whatever this build's prefix is.
     set(SHMNM_MULTIARCH_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
 endif()
-if(TARGET shmnmctl AND NOT WIN32)
-    # In the build folder shmnmctl is beside the libraries. Once installed, it finds them relative to its own folder, wherever the
-    # tree is moved.
-    file(RELATIVE_PATH libraries_from_tool /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
-    file(RELATIVE_PATH multiarch_from_tool /prefix/bin /prefix/${SHMNM_MULTIARCH_LIBDIR})
-    set(tool_run_path "$ORIGIN/${libraries_from_tool}" "$ORIGIN/${multiarch_from_tool}")
-    list(REMOVE_DUPLICATES tool_run_path)
-    set_target_properties(shmnmctl PROPERTIES BUILD_WITH_INSTALL_RPATH OFF BUILD_RPATH "${CMAKE_INSTALL_RPATH}"
-                                              INSTALL_RPATH "${tool_run_path}")
-endif()
+# In the build folder the programs are beside the libraries. Once installed, they find them relative to their own folders, wherever
+# the tree is moved.
+function(shmnm_run_path program folder)
+    if(NOT TARGET ${program} OR WIN32)
+        return()
+    endif()
+    file(RELATIVE_PATH libraries /prefix/${folder} /prefix/${CMAKE_INSTALL_LIBDIR})
+    file(RELATIVE_PATH multiarch /prefix/${folder} /prefix/${SHMNM_MULTIARCH_LIBDIR})
+    set(run_path "$ORIGIN/${libraries}" "$ORIGIN/${multiarch}")
+    list(REMOVE_DUPLICATES run_path)
+    set_target_properties(${program} PROPERTIES BUILD_WITH_INSTALL_RPATH OFF BUILD_RPATH "${CMAKE_INSTALL_RPATH}"
+                                                INSTALL_RPATH "${run_path}")
+endfunction()
+shmnm_run_path(shmnmctl ${CMAKE_INSTALL_BINDIR})
+shmnm_run_path(shmnm-keeper ${CMAKE_INSTALL_LIBEXECDIR})
 
 if(TARGET shmnmctl AND NOT WIN32 AND NOT SHMNM_SANITIZE)
     set(Python3_ROOT_DIR /usr)
@@ -108,13 +113,11 @@ function(shmnm_install libdir runtime development tool)
         FILES ${PROJECT_BINARY_DIR}/package/${development}/shmnm.pc
         DESTINATION ${libdir}/pkgconfig
         COMPONENT ${development} ${ARGN})
-    install(
-        FILES ${PROJECT_SOURCE_DIR}/examples/tutorial.c
-        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-        COMPONENT ${development} ${ARGN})
-
     if(TARGET shmnmctl)
         install(TARGETS shmnmctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${tool} ${ARGN})
+    endif()
+    if(TARGET shmnm-keeper)
+        install(TARGETS shmnm-keeper RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR} COMPONENT ${tool} ${ARGN})
     endif()
     file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.json)
     install(
@@ -126,7 +129,7 @@ function(shmnm_install libdir runtime development tool)
         DESTINATION ${CMAKE_INSTALL_DOCDIR}
         COMPONENT ${tool} ${ARGN})
     install(
-        FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml
+        FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml ${PROJECT_SOURCE_DIR}/examples/tutorial.c
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
 
@@ -137,8 +140,8 @@ function(shmnm_install libdir runtime development tool)
             COMPONENT ${development} ${ARGN})
     else()
         install(
-            FILES ${PROJECT_SOURCE_DIR}/examples/shmnm.service
-            DESTINATION lib/systemd/system
+            FILES ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
+            DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
             COMPONENT ${tool} ${ARGN})
         # Manual pages are in the folders man1, man3, ... below these two folders. The build generates the second.
         foreach(pages ${PROJECT_SOURCE_DIR}/docs/man ${PROJECT_BINARY_DIR}/man)

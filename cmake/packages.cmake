@@ -16,6 +16,11 @@ if(WIN32)
     set(CPACK_MONOLITHIC_INSTALL ON)
 else()
     set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
+    # The time of everything in the packages: that of the changelog's last entry.
+    execute_process(
+        COMMAND dpkg-parsechangelog --file ${packaging}/changelog --show-field Timestamp
+        OUTPUT_VARIABLE CPACK_SOURCE_DATE_EPOCH
+        OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
     set(packages libshmnm1 libshmnm-dev shmnmctl)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
 
@@ -58,13 +63,37 @@ endif()"
         RENAME shmnm.conf
         COMPONENT libshmnm1 EXCLUDE_FROM_ALL)
 
+    # The service: its units, its user, the folders that it needs, and the configuration.
+    set(service ${PROJECT_SOURCE_DIR}/examples)
+    install(
+        FILES ${service}/shmnm.service ${service}/shmnm-keeper.service
+        DESTINATION lib/systemd/system
+        COMPONENT shmnmctl EXCLUDE_FROM_ALL)
+    foreach(kind sysusers tmpfiles)
+        install(
+            FILES ${packaging}/shmnmctl/${kind}
+            DESTINATION lib/${kind}.d
+            RENAME shmnmctl.conf
+            COMPONENT shmnmctl EXCLUDE_FROM_ALL)
+    endforeach()
+    install(
+        FILES ${service}/cluster.xml ${PROJECT_SOURCE_DIR}/packaging/environment
+        DESTINATION /etc/shmnm
+        COMPONENT shmnmctl EXCLUDE_FROM_ALL)
+    # The tool looks for it here (tools/picture/installation.h).
+    install(
+        CODE "set(folder \$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/shmnm)
+file(MAKE_DIRECTORY \${folder})
+file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
+        COMPONENT shmnmctl EXCLUDE_FROM_ALL)
+
     set(CPACK_GENERATOR DEB)
     set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
     set(CPACK_COMPONENTS_ALL ${packages})
     set(CPACK_COMPONENTS_GROUPING IGNORE)
     set(CPACK_DEB_COMPONENT_INSTALL ON)
     set(CPACK_STRIP_FILES ON)
-    set(CPACK_POST_BUILD_SCRIPTS ${packaging}/drop_ldconfig_scripts.cmake)
+    set(CPACK_POST_BUILD_SCRIPTS ${packaging}/finish_packages.cmake)
     set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
     set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
     set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -84,16 +113,20 @@ all processes of a machine: servers, heartbeat and network-partition resources,\
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_NAME libshmnm-dev)
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SECTION libdevel)
     set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_DEPENDS "${same_version}")
-    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SUGGESTS "shmnmctl, pkg-config")
+    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_RECOMMENDS shmnmctl)
+    set(CPACK_DEBIAN_LIBSHMNM-DEV_PACKAGE_SUGGESTS pkg-config)
     set(CPACK_COMPONENT_LIBSHMNM-DEV_DESCRIPTION
         "live picture of a failover cluster in shared memory (development)\n${what}\n.\n\
-This package contains what is needed to build programs with the library:\nheaders, files for pkg-config and CMake, manual pages, an example.")
+This package contains what is needed to build programs with the library:\nheaders, files for pkg-config and CMake, manual pages. The tutorial is in\nshmnmctl.")
     set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_NAME shmnmctl)
     set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_SECTION admin)
-    set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_DEPENDS "${same_version}")
+    set(CPACK_DEBIAN_SHMNMCTL_PACKAGE_DEPENDS "${same_version}, systemd | systemd-standalone-sysusers, systemd | systemd-standalone-tmpfiles")
+    foreach(file conffiles postinst postrm prerm)
+        list(APPEND CPACK_DEBIAN_SHMNMCTL_PACKAGE_CONTROL_EXTRA ${packaging}/shmnmctl/${file})
+    endforeach()
     set(CPACK_COMPONENT_SHMNMCTL_DESCRIPTION
         "live picture of a failover cluster in shared memory (command)\n${what}\n.\n\
-This package contains the command shmnmctl, which shows, changes, checks and\nserves the picture, and the documents.")
+This package contains the command shmnmctl, which shows, changes, checks and\nserves the picture, the service that creates and keeps it, and the documents.")
 endif()
 
 include(CPack)

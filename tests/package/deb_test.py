@@ -14,6 +14,7 @@ import interface
 from binary_file import Elf
 
 PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl")
+UNITS = ("shmnm.service", "shmnm-keeper.service")
 LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
 
 
@@ -31,10 +32,7 @@ class Packages(Place):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        run("cpack", "--config", support.BUILD / "CPackConfig.cmake", "-B", cls.folder / "packed")
-        cls.packages = {}
-        for package in PACKAGES:
-            (cls.packages[package],) = (cls.folder / "packed").glob(f"{package}_*.deb")
+        cls.packages = support.packages(support.BUILD)
 
     def root(self):
         """An empty system that packages can be installed into."""
@@ -71,22 +69,8 @@ class Packages(Place):
         run("cc", "-std=c11", TUTORIAL, *flags, f"-Wl,-rpath,{root / LIB}", "-o", program)
         return program
 
-    def later(self, package):
-        """The same package as the next version."""
-        folder = self.folder / "later" / package
-        folder.parent.mkdir(exist_ok=True)
-        run("dpkg-deb", "--raw-extract", self.packages[package], folder)
-        control = folder / "DEBIAN/control"
-        version = fields(self.packages[package])["Version"]
-        control.write_text(control.read_text().replace(version, "1.999.0-1"))
-        library = folder / LIB / "libkzmshmnm.so.1"
-        if library.is_symlink():
-            library.resolve().rename(folder / LIB / "libkzmshmnm.so.1.999.0")
-            library.unlink()
-            library.symlink_to("libkzmshmnm.so.1.999.0")
-        file = self.folder / "later" / f"{package}.deb"
-        run("dpkg-deb", "--root-owner-group", "--build", folder, file)
-        return file
+    def test_there_are_three_packages(self):
+        self.assertEqual(set(self.packages), set(PACKAGES))
 
     def test_lintian_accepts_every_package(self):
         done = subprocess.run(["lintian", "--fail-on", "error,warning", *self.packages.values()], capture_output=True, text=True)
@@ -126,8 +110,11 @@ class Packages(Place):
         for file in ("libkzmshmnm.so", "pkgconfig/shmnm.pc", "cmake/shmnm/shmnm-config.cmake"):
             self.assertIn(f"{LIB}/{file}", development)
         for file in ("bin/shmnmctl", "share/man/man1/shmnmctl.1.gz", "share/bash-completion/completions/shmnmctl",
-                     "share/zsh/vendor-completions/_shmnmctl", "share/doc/shmnm/examples/cluster.xml", "lib/systemd/system/shmnm.service"):
+                     "share/zsh/vendor-completions/_shmnmctl", "share/doc/shmnm/examples/cluster.xml", "share/doc/shmnm/examples/tutorial.c",
+                     "lib/systemd/system/shmnm.service", "lib/systemd/system/shmnm-keeper.service", "libexec/shmnm-keeper",
+                     "share/man/man8/shmnm-keeper.8.gz", "lib/sysusers.d/shmnmctl.conf", "lib/tmpfiles.d/shmnmctl.conf"):
             self.assertIn(f"usr/{file}", tool)
+        self.assertEqual({name for name in tool if not name.startswith("usr/")}, {"etc/shmnm/cluster.xml", "etc/shmnm/environment"})
         for package, names in zip(PACKAGES, (library, development, tool)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
@@ -149,6 +136,51 @@ class Packages(Place):
         self.assertEqual(set(re.findall(r"^ (shmnm_\w+)@Base", part, re.M)), interface.KZMSHMNM)
         self.assertIn("ldconfig", run("dpkg-deb", "--info", self.packages["libshmnm1"], "triggers"))
 
+    def test_an_upgrade_keeps_what_an_administrator_has_changed_in_the_configuration(self):
+        root = self.installed()
+        file = root / "etc/shmnm/cluster.xml"
+        file.write_text(file.read_text().replace("alpha", "omega"))
+        self.dpkg(root, "--force-confold", "--install", *(support.later(package, self.folder) for package in self.packages.values()))
+        self.assertIn("omega", file.read_text())
+        self.dpkg(root, "--remove", "shmnmctl")
+        self.assertIn("omega", file.read_text())
+
+    def test_systemd_accepts_the_units(self):
+        root = self.folder / "units"
+        run("dpkg-deb", "--extract", self.packages["shmnmctl"], root)
+        for unit in UNITS:
+            # The programs are not on this machine.
+            text = (root / "usr/lib/systemd/system" / unit).read_text()
+            for program in re.findall(r"^ExecStart=(\S+)", text, re.M):
+                self.assertTrue(os.access(root / program.lstrip("/"), os.X_OK), program)
+            (self.folder / unit).write_text(re.sub(r"^ExecStart=", f"ExecStart={root}", text, flags=re.M))
+        done = subprocess.run(["systemd-analyze", "verify", "--man=no", *(self.folder / unit for unit in UNITS)], capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, "", ""))
+
+    def test_systemd_reports_a_faulty_unit(self):
+        unit = self.folder / "faulty.service"
+        unit.write_text("[Service]\nExecStart=/bin/true\nProtectSystem=perhaps\n")
+        done = subprocess.run(["systemd-analyze", "verify", "--man=no", unit], capture_output=True, text=True)
+        self.assertIn("faulty.service:3: Failed to parse protect system value", done.stderr)
+
+    def test_the_services_are_exposed_by_less_than_2_5(self):
+        root = self.folder / "exposed"
+        run("dpkg-deb", "--extract", self.packages["shmnmctl"], root)
+        for unit in UNITS:
+            with self.subTest(unit):
+                said = run("systemd-analyze", "security", "--offline=yes", "--no-pager", root / "usr/lib/systemd/system" / unit)
+                (exposure,) = re.findall(r"Overall exposure level for \S+: ([\d.]+)", said)
+                self.assertLess(float(exposure), 2.5, said)
+
+    def test_every_link_in_the_documents_leads_to_an_installed_file(self):
+        root = self.folder / "documents"
+        run("dpkg-deb", "--extract", self.packages["shmnmctl"], root)
+        folder = root / "usr/share/doc/shmnm"
+        self.assertGreater(support.expect_links_to_lead_somewhere(self, folder), 20)
+        for name in ("tutorial", "operations"):
+            self.assertTrue((folder / f"docs/{name}.md").is_file())
+        self.assertTrue((root / "usr/share/doc/shmnmctl/changelog.Debian.gz").is_file())
+
     def test_root_s_folder_of_objects_is_made_at_boot_and_at_installation(self):
         root = self.installed()
         folder, guard = root / "dev/shm/kzmkernel.0", root / "dev/shm/kzmkernel.0.guard"
@@ -169,7 +201,7 @@ class Packages(Place):
         self.assertTrue(any("libkzmshmnm.so.1." in name for name in before))
         run(tool, "set", "servers/gamma/pingstat", "77", env=environment)
 
-        self.dpkg(root, "--install", *(self.later(package) for package in PACKAGES))
+        self.dpkg(root, "--install", *(support.later(package, self.folder) for package in self.packages.values()))
         self.assertTrue((root / LIB / "libkzmshmnm.so.1.999.0").is_file())
         self.assertFalse([name for name in (root / LIB).glob("libkzmshmnm.so.1.*") if not name.name.endswith("999.0")])
 
@@ -189,14 +221,18 @@ class Packages(Place):
     def test_a_purge_leaves_nothing_behind(self):
         def installed(root):
             # What lies on the memory disk may be in use; it goes with the machine's next start.
-            return {str(file) for file in root.rglob("*") if "var/lib/dpkg" not in str(file) and root / "dev" not in (file, *file.parents)}
+            passing = (root / "dev", root / "run")
+            return {str(file.relative_to(root)) for file in root.rglob("*") if "var/lib/dpkg" not in str(file) and not {file, *file.parents} & set(passing)}
 
         root = self.root()
         before = installed(root)
         self.dpkg(root, "--install", *self.packages.values())
         self.assertTrue((root / "usr/bin/shmnmctl").is_file())
         self.dpkg(root, "--purge", *PACKAGES)
-        self.assertEqual(before, installed(root))
+        # The user stays, so that no later user gets its number.
+        users = {"etc", *(f"etc/{name}" for name in ("passwd", "group", "shadow", "gshadow", ".pwd.lock"))}
+        self.assertEqual(installed(root) - before, users)
+        self.assertIn("\nshmnm:x:", "\n" + (root / "etc/passwd").read_text())
         self.assertEqual(run("dpkg-query", "--admindir", root / "var/lib/dpkg", "--show"), "")
 
 

@@ -11,15 +11,16 @@ from support import PROJECT, TUTORIAL, Place, run
 from binary_file import Elf
 
 FILES = """
-    bin/shmnmctl
+    bin/shmnmctl libexec/shmnm-keeper
     include/kzmkernel.h include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/libkzmkernel.so lib/libkzmlog.so lib/libkzmshmnm.so lib/libkzmshmnm.so.1 lib/libkzmutil.so lib/libkzmxml.so
-    lib/pkgconfig/shmnm.pc lib/systemd/system/shmnm.service
+    lib/pkgconfig/shmnm.pc
     share/bash-completion/completions/shmnmctl share/zsh/vendor-completions/_shmnmctl
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/operations.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
-    share/man/man1/shmnmctl.1 share/man/man3/shmnm.3 share/man/man3/shmnm_create.3 share/man/man3/shmnm_setholdstat.3
+    share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
+    share/man/man1/shmnmctl.1 share/man/man8/shmnm-keeper.8 share/man/man3/shmnm.3 share/man/man3/shmnm_create.3 share/man/man3/shmnm_setholdstat.3
 """.split()
 
 
@@ -52,6 +53,9 @@ class MovedTree(Place):
         self.assertEqual(os.readlink(self.lib / "libkzmshmnm.so"), "libkzmshmnm.so.1")
         self.assertRegex(os.readlink(self.lib / "libkzmshmnm.so.1"), r"^libkzmshmnm\.so\.1\.\d+\.\d+$")
 
+    def test_every_link_in_the_documents_leads_to_an_installed_file(self):
+        self.assertGreater(support.expect_links_to_lead_somewhere(self, self.prefix / "share/doc/shmnm"), 20)
+
     def test_no_file_contains_a_path_of_the_build(self):
         for file in self.prefix.rglob("*"):
             if file.suffix in (".cmake", ".pc", ".h", ".service", ".1", ".3") and not file.is_symlink():
@@ -60,8 +64,8 @@ class MovedTree(Place):
                     self.assertNotIn(bytes(place), text, file)
 
     def test_each_binary_finds_its_libraries_relative_to_itself(self):
-        binaries = [self.tool, *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
-        self.assertEqual(len(binaries), 6)
+        binaries = [self.tool, self.prefix / "libexec/shmnm-keeper", *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
+        self.assertEqual(len(binaries), 7)
         for file in binaries:
             with self.subTest(file.name):
                 run_path = Elf(file, "nm", "readelf").run_path

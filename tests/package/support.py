@@ -8,6 +8,7 @@ PLATFORM is linux or windows, BUILD is the build folder that is installed and pa
 """
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -77,6 +78,46 @@ class Place(unittest.TestCase):
         output = run(*self.program(tutorial), "beta", env=environment)
         self.assertEqual(output, "alpha: 2\nbeta: 1\ngamma: 2\ndelta: 2\n")
         self.assertEqual(run(*self.program(tool), "get", "servers/beta/nodestat", env=environment), "1\n")
+
+
+def packages(build):
+    """The Debian packages of a build, by name."""
+    return {file.name.partition("_")[0]: file for file in sorted((build / "package/packed").glob("*.deb"))}
+
+
+def later(package, folder):
+    """The same package as the next version, made below a folder."""
+    file = folder / f"later_{package.name}"
+    if file.exists():
+        return file
+    tree = folder / f"later {package.stem}"
+    run("dpkg-deb", "--raw-extract", package, tree)
+    control = tree / "DEBIAN/control"
+    version = re.search(r"^Version: (.*)$", control.read_text(), re.M)[1]
+    control.write_text(control.read_text().replace(version, "1.999.0-1"))
+    for library in tree.glob("usr/lib/*/libkzmshmnm.so.1"):
+        library.resolve().rename(library.parent / "libkzmshmnm.so.1.999.0")
+        library.unlink()
+        library.symlink_to("libkzmshmnm.so.1.999.0")
+    run("dpkg-deb", "--root-owner-group", "--build", tree, file)
+    return file
+
+
+def expect_links_to_lead_somewhere(test, folder):
+    """Follows each link of the documents below a folder. @return how many there are"""
+    count = 0
+    for document in sorted(folder.rglob("*.md")):
+        text = document.read_text()
+        for target in re.findall(r"\]\(([^)\s]+)\)", text):
+            count += 1
+            file, _, heading = target.partition("#")
+            with test.subTest(document=document.name, target=target):
+                linked = document.parent / file if file else document
+                test.assertTrue(linked.is_file())
+                if heading:
+                    names = {re.sub(r"[^\w\- ]", "", line.lstrip("# ").lower()).replace(" ", "-") for line in linked.read_text().splitlines() if line.startswith("#")}
+                    test.assertIn(heading, names)
+    return count
 
 
 def install_example_configuration(prefix):

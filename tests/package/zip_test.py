@@ -51,6 +51,9 @@ class Zip(Place):
             with self.subTest(file):
                 self.assertTrue((self.prefix / file).is_file())
 
+    def test_every_link_in_the_documents_leads_to_a_file_of_the_zip(self):
+        self.assertGreater(support.expect_links_to_lead_somewhere(self, self.prefix / "share/doc/shmnm"), 20)
+
     def test_no_file_contains_a_path_of_the_build(self):
         for file in self.prefix.rglob("*"):
             if file.suffix in (".cmake", ".pc", ".h", ".def"):

@@ -122,7 +122,14 @@ std::string installed_cluster_file() {
     if (!KzmutilGetInstallPath(path, sizeof path)) {
         throw Error(ErrorKind::failed, "the installation path is unknown: set KZM_INSTALL_PATH");
     }
-    return std::string(path) + "/etc/cluster.xml";
+    std::filesystem::path folder = std::string(path) + "/etc";
+    // The packages' etc is a link to a folder of /etc, where administrators look for it.
+    std::error_code unknown;
+    if (std::filesystem::is_symlink(folder, unknown)) {
+        const auto followed = std::filesystem::canonical(folder, unknown);
+        if (!unknown) folder = followed;
+    }
+    return folder.string() + "/cluster.xml";
 }
 
 ClusterFile read_cluster_file(const std::string& file) {

@@ -9,6 +9,7 @@
 #include "context.h"
 #include "duration.h"
 #include "failure.h"
+#include "picture/installation.h"
 #include "session.h"
 #include "usage.h"
 
@@ -63,6 +64,7 @@ std::vector<std::string> arguments_of(int count, char** arguments) {
 
 int main(int argc, char** argv) {
     session::prepare();
+    picture::use_packaged_installation();
     CLI::App app("Sees, changes, waits on and checks the live picture of the cluster on this machine.", "shmnmctl");
     app.set_version_flag("--version", "shmnmctl " SHMNM_VERSION);
     app.require_subcommand(1);

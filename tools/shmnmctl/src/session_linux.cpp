@@ -5,8 +5,6 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +17,7 @@
 #include "failure.h"
 #include "picture/escape.h"
 #include "picture/platform.h"
+#include "service_manager.h"
 
 namespace shmnmctl::session {
 namespace {
@@ -185,21 +184,7 @@ int run(const std::vector<std::string>& command) {
 }
 
 void notify_service_manager(const std::string& state) {
-    const char* const name = std::getenv("NOTIFY_SOCKET");
-    if (!name || (name[0] != '/' && name[0] != '@')) return;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const size_t length = std::strlen(name);
-    if (length >= sizeof address.sun_path) return;
-    std::memcpy(address.sun_path, name, length);
-    // An abstract socket has a NUL for its first byte.
-    if (name[0] == '@') address.sun_path[0] = '\0';
-    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) return;
-    [[maybe_unused]] const ssize_t sent =
-        sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
-               static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
-    ::close(descriptor);
+    service_manager::notify(state.c_str());
 }
 
 }  // namespace shmnmctl::session

@@ -1,0 +1,24 @@
+# What cpack leaves to do: its scripts that run ldconfig go, because the library's trigger runs it once for all packages, and every
+# time and order in a package is fixed, so that a second build makes the same bytes.
+foreach(package ${CPACK_PACKAGE_FILES})
+    set(folder ${CPACK_TEMPORARY_DIRECTORY}/repacked)
+    file(REMOVE_RECURSE ${folder})
+    execute_process(COMMAND dpkg-deb --raw-extract ${package} ${folder} COMMAND_ERROR_IS_FATAL ANY)
+    foreach(script postinst postrm)
+        if(EXISTS ${folder}/DEBIAN/${script})
+            file(READ ${folder}/DEBIAN/${script} text)
+            if(text MATCHES ldconfig)
+                file(REMOVE ${folder}/DEBIAN/${script})
+            endif()
+        endif()
+    endforeach()
+    file(STRINGS ${folder}/DEBIAN/md5sums sums)
+    list(SORT sums)
+    list(JOIN sums "\n" sums)
+    file(WRITE ${folder}/DEBIAN/md5sums "${sums}\n")
+    execute_process(COMMAND find ${folder} -exec touch --no-dereference --date=@${CPACK_SOURCE_DATE_EPOCH} {} + COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(
+        COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=${CPACK_SOURCE_DATE_EPOCH} dpkg-deb --root-owner-group --threads-max=1 --build
+                ${folder} ${package}
+        OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
