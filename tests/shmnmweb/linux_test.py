@@ -1,0 +1,136 @@
+"""What shmnmweb does on Linux alone: Unix sockets, other users, what it opens."""
+import os
+import pathlib
+import re
+import shutil
+import socket
+import stat
+import subprocess
+import time
+
+import web_support
+from web_support import LocalConnection, WebTest, support
+
+READER, STRANGER, GROUP = 54321, 54322, 54400
+
+
+class ReadOnly(WebTest):
+    def test_nothing_but_the_page_of_the_lock_is_mapped_for_writing(self):
+        region = self.cluster()
+        region.ok("shmnm_setclstat", 5)
+        before = self.dumped()
+        trace = self.folder / "trace"
+        web = self.serve(program=["strace", "-D", "-f", "-y", "-e", "trace=openat,open,creat,mmap,mprotect,mkdir,unlink,rename,ftruncate,pwrite64,fallocate", "-o", str(trace)]
+                         + support.program("shmnmweb"))
+        stream = self.stream(web)
+        stream.next()
+        region.ok("shmnm_setclstat", 6)
+        self.assertEqual(stream.next()[2]["changes"][0]["new"], 6)
+        for path in ("/picture.json", "/metrics", "/dump", "/snapshot?all", "/query?condition=cluster/clstat=6"):
+            self.assertEqual(web.get(path).status, 200)
+        web.process.terminate()
+        self.assertEqual(web.process.wait(60), 0)
+        end = time.monotonic() + web_support.DEADLINE
+        while f"{web.process.pid} +++ exited" not in re.sub(" +", " ", trace.read_text()):
+            self.assertLess(time.monotonic(), end)
+        lines = trace.read_text().splitlines()
+        name = self.environment["KZMUTIL_NAMESPACE"]
+        opened = [line for line in lines if re.search(r"\bopen(at)?\(|creat\(", line) and " = -1 " not in line]
+        writable = {re.search(r'"([^"]+)"', line)[1] for line in opened if re.search(r"O_RDWR|O_WRONLY|O_CREAT", line)}
+        allowed = re.compile(rf"/dev/null|/dev/shm/.*({re.escape(name)}oru_kzmshmnm_(lock|map)|\.guard|kzmkernel\.\d+)|{re.escape(str(self.folder))}/log/.*")
+        self.assertEqual([file for file in writable if not allowed.fullmatch(file)], [])
+        shared = [line for line in lines if "mmap(" in line and "MAP_SHARED" in line]
+        of_region = [line for line in shared if "oru_kzmshmnm_map" in line]
+        self.assertTrue(of_region)
+        for line in of_region:
+            self.assertNotIn("PROT_WRITE", line)
+        for line in shared:
+            if "PROT_WRITE" in line:
+                self.assertIn("oru_kzmshmnm_lock", line)
+        for line in lines:
+            self.assertFalse("mprotect(" in line and "PROT_WRITE" in line and "oru_kzmshmnm_map" in line, line)
+        region.ok("shmnm_setclstat", 5)
+        self.assertEqual(self.dumped(), before)
+
+
+class Readers(WebTest):
+    def setUp(self):
+        super().setUp()
+        self.programs = self.folder / "bin"
+        self.programs.mkdir()
+        self.folder.chmod(0o755)
+        for file in [support.FOLDER / "shmnmctl", support.FOLDER / "shmnmweb", *support.FOLDER.glob("libkzm*.so*")]:
+            shutil.copy(file, self.programs)
+        self.path = self.folder / "web.sock"
+
+    def serve_group(self, *arguments):
+        """A server whose socket belongs to a group that exists here alone."""
+        web = web_support.Server(self, "--socket", self.path, *arguments)
+        os.chown(self.path, 0, GROUP)
+        return web
+
+    def ask(self, user, groups, target="/picture.json", method="GET"):
+        script = ("import socket, sys\ns = socket.socket(socket.AF_UNIX)\ntry:\n    s.connect(sys.argv[1])\nexcept OSError as error:\n    sys.exit(error.strerror)\n"
+                  "s.sendall(sys.argv[2].encode())\nwhile part := s.recv(65536):\n    sys.stdout.buffer.write(part)\n")
+        request = f"{method} {target} HTTP/1.1\r\nHost: anything.test\r\nConnection: close\r\n\r\n"
+        done = subprocess.run(["/usr/bin/python3", "-c", script, str(self.path), request], capture_output=True, user=user, group=user, extra_groups=groups, timeout=60, cwd="/")
+        return done
+
+    def test_members_of_the_group_read_everything_and_nobody_else(self):
+        self.cluster()
+        self.serve_group()
+        mode = self.path.stat().st_mode
+        self.assertEqual((stat.S_ISSOCK(mode), stat.S_IMODE(mode)), (True, 0o660))
+        for target in ("/", "/picture.json", "/metrics", "/healthz", "/dump", "/snapshot", "/query?condition=cluster/clstat=0"):
+            with self.subTest(target):
+                done = self.ask(READER, [GROUP], target)
+                self.assertTrue(done.stdout.startswith(b"HTTP/1.1 200 OK"), done)
+        self.assertTrue(self.ask(READER, [GROUP]).stdout.endswith(self.tool("status", "--format", "json").raw))
+        done = self.ask(STRANGER, [])
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (1, b"", b"Permission denied\n"))
+
+    def test_members_of_the_group_can_change_nothing(self):
+        self.cluster()
+        before = self.dumped()
+        self.serve_group()
+        for method in ("POST", "PUT", "DELETE", "PATCH"):
+            with self.subTest(method):
+                self.assertTrue(self.ask(READER, [GROUP], "/picture.json", method).stdout.startswith(b"HTTP/1.1 405"))
+        self.assertEqual(self.dumped(), before)
+
+    def test_a_user_has_no_more_than_a_share_of_connections(self):
+        self.cluster()
+        self.serve_group("--max-connections-per-client", "3")
+        held = []
+        for _ in range(3):
+            connection = LocalConnection(self.path)
+            connection.request("GET", "/healthz")
+            self.assertEqual(connection.getresponse().read()[:1], b"{")
+            held.append(connection)
+        with socket.socket(socket.AF_UNIX) as more:
+            more.connect(str(self.path))
+            self.assertIn(b"this client has too many connections", more.recv(4096))
+        self.assertTrue(self.ask(READER, [GROUP]).stdout.startswith(b"HTTP/1.1 200 OK"))
+        for connection in held:
+            connection.close()
+
+    def test_the_socket_of_a_killed_server_is_replaced_and_that_of_a_living_one_is_not(self):
+        self.cluster()
+        self.serve_group().process.kill()
+        web = self.serve_group()
+        done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=60)
+        self.assertEqual(done.returncode, 5)
+        self.assertIn(b"Address already in use; stop the process that has it, or use another one", done.stderr)
+        self.assertTrue(self.ask(READER, [GROUP]).stdout.startswith(b"HTTP/1.1 200 OK"))
+        web.process.terminate()
+        self.assertEqual(web.process.wait(60), 0)
+        self.assertFalse(self.path.exists())
+
+    def test_a_file_that_is_no_socket_is_left_alone(self):
+        self.path.write_text("precious")
+        done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=60)
+        self.assertEqual((done.returncode, self.path.read_text()), (5, "precious"))
+
+
+if __name__ == "__main__":
+    web_support.main()
