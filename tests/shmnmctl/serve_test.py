@@ -256,27 +256,6 @@ class Serving(ServeTest):
         self.assertIn("servers/delta/pri 0", self.tool("list").lines)
         self.end(process)
 
-    def test_serve_refuses_invalid_members_before_it_creates_a_region(self):
-        for members, said in (
-            ('<server priority="1"/>', "a server in /root/cluster has no name"),
-            ('<server name="a"/>', "a server in /root/cluster has no priority"),
-            ('<server name="a" priority="first"/>', 'the priority "first" of a server'),
-            ('<server name="a" priority="2147483648"/>', "is not a 32-bit number"),
-            ('<hb type="lan" name="a" priority="-1"/>', "is not a 32-bit number"),
-            ('<hb name="a" priority="1"/>', "a hb in /root/cluster has no type"),
-            ('<np type="t" name="" priority="1"/>', "a np in /root/cluster has no name"),
-            (f'<server name="{"n" * 256}" priority="1"/>', "is longer than 255 bytes"),
-            (f'<hb type="{"t" * 32}" name="a" priority="1"/>', "is longer than 31 bytes"),
-            ('<disk name="a" priority="1"/>', "unknown element disk in /root/cluster: use server, hb and np"),
-            ('<server name="a" priority="1"><hb/></server>', "the server a in /root/cluster contains an element hb"),
-            ('<server name="a" priority="1"/><server name="a" priority="2"/>', "has the server a twice"),
-            ("".join(f'<server name="s{i}" priority="1"/>' for i in range(5)), "has 5 server elements, and /root/all/num has room for 4"),
-            ("".join(f'<np type="t" name="n{i}" priority="1"/>' for i in range(3)), "has room for 2"),
-        ):
-            with self.subTest(members[:40]):
-                self.configure(members, **self.COUNTS)
-                self.assertIn(said, self.refused())
-
     def test_serve_refuses_a_missing_or_malformed_file(self):
         self.assertIn("cannot read the configuration", self.refused("--config", path(self.folder / "missing.xml")))
         (self.folder / "broken.xml").write_text("<root><all></root>")

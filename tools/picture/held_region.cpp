@@ -13,8 +13,6 @@
 namespace picture {
 namespace {
 
-constexpr uint32_t page_read_write = 4, map_read = 4, error_not_found = 2, error_already_exists = 183;
-
 Error cannot(const char* what) {
     return {ErrorKind::failed,
             fmt::format("cannot {} the region {} {}", what, full_name(mapping_name), last_failure())};
@@ -23,6 +21,7 @@ Error cannot(const char* what) {
 }  // namespace
 
 HeldRegion HeldRegion::make_or_open(const Counts& counts) {
+    constexpr uint32_t page_read_write = 4, error_already_exists = 183;
     void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
     const uint64_t size = Layout(counts).size;
     void* const mapping = KzmutilCreateNamedFileMapping(no_file, page_read_write, static_cast<uint32_t>(size >> 32),
@@ -32,9 +31,10 @@ HeldRegion HeldRegion::make_or_open(const Counts& counts) {
 }
 
 std::optional<HeldRegion> HeldRegion::open() {
-    void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
+    constexpr uint32_t to_read = 4, error_none_of_that_name = 2;
+    void* const mapping = KzmutilOpenNamedFileMapping(to_read, 0, mapping_name);
     if (mapping) return HeldRegion(mapping, false);
-    if (platform::last_error() == error_not_found) return std::nullopt;
+    if (platform::last_error() == error_none_of_that_name) return std::nullopt;
     throw cannot("open");
 }
 

@@ -74,6 +74,9 @@ struct Process {
 /// Nothing when there is no such process or it cannot be looked at.
 std::optional<Process> process(uint32_t id);
 
+/// Bytes of memory of this machine, with what it can put aside; 0 where that is not known.
+uint64_t memory_size();
+
 /// Microseconds since 1970, and of a clock that nobody sets.
 uint64_t wall_clock_us();
 uint64_t steady_clock_us();

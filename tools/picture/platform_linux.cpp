@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <pwd.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -154,6 +155,11 @@ std::optional<Process> process(uint32_t id) {
         command = stat.substr(name + 1, name_end - name - 1);
     }
     return Process{.command = command, .state = state_text(stat[name_end + 2])};
+}
+
+uint64_t memory_size() {
+    struct sysinfo now {};
+    return sysinfo(&now) == 0 ? (uint64_t{now.totalram} + now.totalswap) * now.mem_unit : 0;
 }
 
 uint64_t wall_clock_us() {

@@ -69,6 +69,12 @@ std::optional<Process> process(uint32_t) {
     return std::nullopt;
 }
 
+uint64_t memory_size() {
+    MEMORYSTATUSEX now{};
+    now.dwLength = sizeof now;
+    return GlobalMemoryStatusEx(&now) ? now.ullTotalPageFile : 0;
+}
+
 uint64_t wall_clock_us() {
     constexpr uint64_t from_1601_to_1970 = 11'644'473'600'000'000;
     FILETIME now{};

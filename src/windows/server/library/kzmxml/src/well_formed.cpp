@@ -48,6 +48,9 @@ class Scan {
         return has_root_ && open_.empty();
     }
 
+    /// Bytes that were not consumed.
+    size_t left() const { return rest_.size(); }
+
   private:
     bool item() {
         if (take("<!--")) return take_past("--") && take(">");
@@ -164,6 +167,14 @@ class Scan {
 
 bool is_well_formed(std::string_view text) {
     return Scan(text).document();
+}
+
+size_t fault_in(std::string_view text) {
+    const size_t control = static_cast<size_t>(std::find_if(text.begin(), text.end(), is_control) - text.begin());
+    if (control < text.size()) return control;
+    Scan scan(text);
+    scan.document();
+    return text.size() - scan.left();
 }
 
 }  // namespace kzmxml

@@ -14,4 +14,7 @@ inline constexpr size_t node_limit = 100'000;  ///< elements and attributes of a
 /// only the five predefined entities. Bytes above 127 are accepted wherever a letter is; their encoding is not checked.
 bool is_well_formed(std::string_view text);
 
+/// Where a text that is not well-formed ceases to be, in bytes from its start.
+size_t fault_in(std::string_view text);
+
 }  // namespace kzmxml
