@@ -160,9 +160,9 @@ struct Command {
 
 std::vector<Command> commands(const Picture& before) {
     return {
-        {"status", [](const Snapshot& dump) { return to_text(decode(dump), {.columns = 80}); }},
+        {"status", [](const Snapshot& dump) { return to_text(to_sheet(decode(dump), {}, nullptr), {.columns = 80}); }},
         {"status --watch",
-         [&before](const Snapshot& dump) { return to_text(decode(dump), {.columns = 200, .before = &before}); }},
+         [&before](const Snapshot& dump) { return to_text(to_sheet(decode(dump), {}, &before), {.columns = 200}); }},
         {"status --format json", [](const Snapshot& dump) { return line(to_json(dump, decode(dump))); }},
         {"list",
          [](const Snapshot& dump) {

@@ -178,6 +178,86 @@ class Looking(ToolTest):
         status["region"]["live"] = False
         self.assertEqual(offline, status)
 
+    def rows(self, *arguments):
+        """The first words of the lines that status shows."""
+        result = self.tool("status", *arguments)
+        self.assertEqual((result.status, result.err), (0, ""), result)
+        return [line.split()[0] for line in result.lines if line]
+
+    def test_status_shows_the_part_below_prefixes(self):
+        busy_cluster(self)
+        self.assertEqual(self.rows("servers"), ["server", "alpha", "beta", "gamma"])
+        self.assertEqual(self.rows("servers/beta", "np/ping"), ["server", "beta", "np", "ping/pingnp1"])
+        self.assertEqual(self.rows("cluster"), ["cluster", "in", "simulation"])
+        self.assertEqual(self.rows("fst/pids"), ["process", "agent"])
+        # Only the columns and rows with a word below a prefix.
+        self.assertEqual(self.tool("status", "servers/beta/pingstat").lines, ["server ping", f"beta    {self.tool('get', 'servers/beta/pingstat').out.strip()}"])
+        lines = self.tool("status", "hb/lan/lanhb1/network/gamma").lines
+        self.assertEqual(lines, ["hb        gamma", f"  network {self.tool('get', 'hb/lan/lanhb1/network/gamma').out.strip():>5}"])
+        result = self.tool("status", "servers", "servers/delta")
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertIn("no key lies below servers/delta", result.err)
+
+    def test_status_shows_the_rows_for_which_a_condition_holds(self):
+        api = self.cluster()
+        api.ok("shmnm_setnodestat", "beta", 1)
+        api.ok("shmnm_sethbrscsvstat", "disk", "diskhb1", 2, 7)
+        self.assertEqual(self.rows("--only", "nodestat!=1"), ["server", "alpha", "gamma"])
+        self.assertEqual(self.rows("--only", "any svstat/*=7"), ["hb", "disk/diskhb1", "network"])
+        self.assertEqual(self.rows("np", "--only", "pri=0"), ["np", "ping/pingnp1"])
+        result = self.tool("status", "--only", "nodestat=5")
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertEqual(result.err, "shmnmctl: the condition holds for no row\n")
+        for condition, message in (
+            ("nodestatt=1", 'no row has a word "nodestatt"; did you mean "nodestat"?'),
+            ("servers/alpha/nodestat=1", "name a word without the key of its row"),
+            ("nodestat=1 and stat=1", "no row has all words of the condition"),
+            ("nodestat", "is expected"),
+        ):
+            result = self.tool("status", "--only", condition)
+            self.assertEqual((result.status, result.out), (2, ""), condition)
+            self.assertIn(message, result.err)
+
+    def test_a_part_in_json_has_its_rows_and_names_the_columns(self):
+        api = self.cluster()
+        api.ok("shmnm_setnodestat", "beta", 1)
+        whole = self.tool("status", "--format", "json").json
+        self.assertNotIn("columns", whole)
+        part = self.tool("status", "--format", "json", "--only", "nodestat=1").json
+        self.assertEqual(part["servers"], whole["servers"][1:2])
+        self.assertEqual((part["hb"], part["np"], part["fst"]["pids"]), ([], [], []))
+        # What is no row is there as always.
+        self.assertEqual((part["cluster"], part["region"]), (whole["cluster"], whole["region"]))
+        part = self.tool("status", "--format", "json", "hb/lan").json
+        self.assertEqual((part["servers"], part["hb"]), ([], whole["hb"][:1]))
+        self.assertEqual(dict(zip(part["columns"], part["hb"][0]["svstat"], strict=True)), {"alpha": 2, "beta": 2, "gamma": 2})
+        result = self.tool("status", "--format", "json", "--only", "nodestat=5")
+        self.assertEqual((result.status, result.err, result.json["servers"]), (1, "", []))
+
+    def test_a_part_of_a_dump_is_shown(self):
+        busy_cluster(self)
+        file = support.path(self.folder / "picture.dump")
+        self.assertEqual(self.tool("dump", file).status, 0)
+        live = self.tool("status", "servers/alpha").out
+        self.assertEqual(self.tool("status", file, "servers/alpha").out, live)
+        self.assertEqual(self.tool("status", "servers/alpha", file).out, live)
+        self.assertEqual(self.tool("status", "--file", file, "servers/alpha").out, live)
+        self.assertEqual(self.tool("status", "--file", file, file).status, 2)
+        for prefix, status, message in (
+            ("servrs/alpha", 2, 'did you mean "servers"?'),
+            ("servers/alpha/holdstatt", 2, 'did you mean "holdstat"?'),
+            ("picture.dmp", 5, "cannot read picture.dmp"),
+        ):
+            result = self.tool("status", prefix)
+            self.assertEqual((result.status, result.out), (status, ""), prefix)
+            self.assertIn(message, result.err)
+
+    def test_a_part_is_shown_again_and_again(self):
+        self.cluster()
+        process = self.start("status", "--watch", "servers/beta", "--only", "nodestat=2")
+        lines = [process.stdout.readline().decode().strip() for _ in range(4)]
+        self.assertEqual([line.split()[0] for line in lines[2:]], ["server", "beta"])
+
     def test_the_kernel_objects_are_named_on_request(self):
         self.cluster()
         done = support.subprocess.run(

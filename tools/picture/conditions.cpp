@@ -197,6 +197,11 @@ void expect_words(const Part& part) {
     for (const Part& each : part.parts) expect_words(each);
 }
 
+void add_patterns(std::vector<std::string>& to, const Part& part) {
+    if (!part.pattern.empty()) to.push_back(part.pattern);
+    for (const Part& each : part.parts) add_patterns(to, each);
+}
+
 }  // namespace
 
 Condition::Condition(std::string_view text) : whole_(Parser(text).parse()) {}
@@ -211,6 +216,12 @@ bool Condition::holds(const std::vector<Word>& words) const {
 
 std::string Condition::unmet(const std::vector<Word>& words) const {
     return picture::unmet(whole_, words);
+}
+
+std::vector<std::string> Condition::patterns() const {
+    std::vector<std::string> all;
+    add_patterns(all, whole_);
+    return all;
 }
 
 }  // namespace picture

@@ -31,6 +31,9 @@ class Condition {
     /// Printable. Empty if it holds.
     std::string unmet(const std::vector<Word>& words) const;
 
+    /// The keys and patterns that it compares or looks for.
+    std::vector<std::string> patterns() const;
+
     /// A part of the condition. If it has parts, in their written order, its result depends on them.
     struct Part {
         enum class Kind { all_of, one_of, none_of, exists, comparison };

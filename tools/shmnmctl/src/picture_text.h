@@ -3,17 +3,16 @@
 
 #include <string>
 
-#include "picture/picture.h"
+#include "sheet.h"
 
 namespace shmnmctl {
 
 struct TextStyle {
-    int columns = 0;  ///< 0: as wide as it gets
+    int columns = 0;  ///< 0: unlimited
     bool colors = false;
-    const picture::Picture* before = nullptr;  ///< words that differ from this one's are marked
 };
 
 /// Lines, each with its end.
-std::string to_text(const picture::Picture& picture, const TextStyle& style);
+std::string to_text(const Sheet& sheet, const TextStyle& style);
 
 }  // namespace shmnmctl

@@ -1,28 +1,27 @@
-// "status": the whole picture, once or again and again in place.
+// "status": the picture or a part of it, once or again and again.
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
+#include <utility>
 
 #include "context.h"
 #include "duration.h"
 #include "picture/decode.h"
-#include "picture/interrupted.h"
-#include "picture/json.h"
+#include "picture/error.h"
+#include "picture/escape.h"
 #include "picture/keys.h"
 #include "picture/platform.h"
+#include "picture/spelling.h"
 #include "picture_text.h"
+#include "screen.h"
 #include "session.h"
+#include "status_view.h"
 
 namespace shmnmctl {
 namespace {
-
-/// Colours are for terminals, unless NO_COLOR says no (any value but the empty one, as is the custom).
-bool wants_colors(const session::Terminal& terminal) {
-    const char* const no_color = std::getenv("NO_COLOR");
-    return terminal.is_terminal && !(no_color && *no_color) && session::enable_escapes();
-}
 
 /// The width that text has: that of the terminal, or what COLUMNS says, or without limit.
 int columns(const session::Terminal& terminal) {
@@ -33,115 +32,113 @@ int columns(const session::Terminal& terminal) {
     return std::max(number.value_or(0), 0);
 }
 
-/// What a killed process has left, before all else; "" where nothing is known of such.
-std::string warnings(const Snapshot& snapshot) {
+/// The picture as text, with what a killed process has left before all else.
+std::string page(const Snapshot& snapshot, const Sheet& sheet) {
+    const session::Terminal terminal = session::terminal();
     std::string text;
-    for (const Interrupted& one : interrupted_in(snapshot))
-        text += "! " + sentence(one) + "; see \"shmnmctl verify\"\n";
-    return text;
+    for (const std::string& warning : warnings(snapshot)) text += warning + "\n";
+    const bool colors = terminal.is_terminal && wants_colors() && session::enable_escapes();
+    return text + to_text(sheet, {.columns = columns(terminal), .colors = colors});
 }
 
-Exit show_once(const Context& context) {
+Exit show_once(const Context& context, const StatusOptions& options) {
     const Snapshot snapshot = look(context);
     const Picture picture = decode(snapshot);
+    options.selection.expect_words(picture);
+    const bool is_shown = !options.selection.has_condition() || options.selection.rows(picture).any();
     if (context.json()) {
-        write_output(line(to_json(snapshot, picture)));
+        write_output(line(status_document(snapshot, picture, options.selection)));
+    } else if (is_shown) {
+        write_output(page(snapshot, to_sheet(picture, options.selection, nullptr)));
     } else {
-        const session::Terminal terminal = session::terminal();
-        write_output(warnings(snapshot) +
-                     to_text(picture, {.columns = columns(terminal), .colors = wants_colors(terminal)}));
+        throw Failure(Exit::no, "the condition holds for no row");
     }
-    return Exit::done;
+    return is_shown ? Exit::done : Exit::no;
 }
 
-/// The other screen of a terminal, without a cursor, as long as this lives.
-class Screen {
-  public:
-    Screen() { write_output("\x1b[?1049h\x1b[?25l"); }
-    ~Screen() {
-        try {
-            write_output("\x1b[?25h\x1b[?1049l");
-        } catch (const Failure&) {
-            // There is no terminal left to be put in order.
-        }
-    }
-    Screen(const Screen&) = delete;
-    Screen& operator=(const Screen&) = delete;
-
-    /// Draws over what is there, in one write, so that nothing flickers.
-    static void draw(const std::string& text, int rows) {
-        std::string output = "\x1b[H";
-        std::string_view left = text;
-        for (int row = 0; !left.empty() && (rows <= 0 || row < rows); ++row) {
-            const std::string_view line = left.substr(0, left.find('\n'));
-            left.remove_prefix(std::min(line.size() + 1, left.size()));
-            if (row > 0) output += "\r\n";
-            output += line;
-            output += "\x1b[K";
-        }
-        write_output(output + "\x1b[J");
-    }
-};
-
-Exit show_again_and_again(const Context& context, const std::string& time) {
-    refuse_file(context, "use --watch without FILE");
-    const uint32_t interval = time_ms({.name = "--watch", .least = "10ms", .most = "24h"}, time);
-    session::catch_stop();
+/// Writes a page, or a document, each time; for output that is not a screen.
+Exit show_again_and_again(const Context& context, const StatusOptions& options) {
     LiveRegion region(context.access);
     region.expect();
-    std::optional<Screen> screen;
-    if (!context.json() && session::terminal().is_terminal && session::enable_escapes()) screen.emplace();
     std::optional<Picture> shown;
     do {
-        std::optional<Snapshot> snapshot;
-        std::string problem;  // in the place of the picture
+        std::string text = fmt::format("{}  every {}\n", platform::to_text(platform::wall_clock_us()),
+                                       duration_text(options.interval_ms));
         try {
-            snapshot = region.copy(Bytes::in_use);
+            const Snapshot snapshot = region.copy(Bytes::in_use);
+            Picture picture = decode(snapshot);
+            if (context.json()) {
+                text = line(status_document(snapshot, picture, options.selection));
+            } else {
+                text += "\n" + page(snapshot, to_sheet(picture, options.selection, shown ? &*shown : &picture)) + "\n";
+            }
+            shown = std::move(picture);
         } catch (const Error& error) {
             // It may come back.
             if (error.kind != ErrorKind::no_region && error.kind != ErrorKind::lock_timeout) throw;
-            problem = to_text(Failure(error), context.json());
-        }
-        // Asked for at each draw: it may have been resized.
-        const session::Terminal terminal = session::terminal();
-        std::string text =
-            fmt::format("{}  every {}\n", platform::to_text(platform::wall_clock_us()), duration_text(interval));
-        if (snapshot) {
-            Picture picture = decode(*snapshot);
-            if (context.json()) text = line(to_json(*snapshot, picture));
-            if (!context.json()) {
-                text += "\n" + warnings(*snapshot) +
-                        to_text(picture, {.columns = columns(terminal),
-                                          .colors = wants_colors(terminal),
-                                          .before = shown ? &*shown : &picture});
-            }
-            shown = std::move(picture);
-        } else {
+            const std::string problem = to_text(Failure(error), context.json());
+            text = context.json() ? problem : text + problem + "\n";
             shown.reset();
-            text = context.json() ? problem : text + problem;
         }
-        if (screen) {
-            Screen::draw(text, terminal.rows);
-        } else {
-            write_output(context.json() ? text : text + "\n");
-        }
-    } while (session::wait(interval) != session::Wake::stop);
+        write_output(text);
+    } while (session::wait(options.interval_ms) != session::Wake::stop);
     return Exit::done;
+}
+
+Exit watch(const Context& context, const StatusOptions& options) {
+    refuse_file(context, "use --watch without FILE");
+    session::catch_stop();
+    if (context.json() || !session::terminal().is_terminal) return show_again_and_again(context, options);
+    LiveRegion(context.access).expect();
+    const std::unique_ptr<Screen> screen = Screen::open(wants_colors());
+    return screen ? show_on_screen(context, options, *screen) : show_again_and_again(context, options);
+}
+
+/// Parts the keys from the one file that may be among them.
+std::vector<std::string> take_file(std::vector<std::string> arguments, Context& context) {
+    const auto first_file = std::stable_partition(arguments.begin(), arguments.end(), names_area);
+    std::for_each(arguments.begin(), first_file, expect_prefix);
+    for (auto file = first_file; file != arguments.end(); ++file) {
+        if (!context.file.empty()) {
+            throw Failure(Exit::usage, fmt::format("cannot read both {} and {}: name one dump", as_typed(context.file),
+                                                   as_typed(*file)));
+        }
+        std::error_code error;
+        // What is neither a file nor like a key is refused as a file.
+        if (!std::filesystem::exists(*file, error) && is_like_area(*file)) expect_prefix(*file);
+        context.file = *file;
+    }
+    arguments.erase(first_file, arguments.end());
+    return arguments;
 }
 
 }  // namespace
 
 void add_status_command(CLI::App& app, Context& context) {
     static std::string time;
-    CLI::App* const command = app.add_subcommand("status", "Show the whole picture");
+    static std::vector<std::string> arguments;
+    static std::optional<std::string> only;
+    CLI::App* const command = app.add_subcommand("status", "Show the whole picture, or a part of it");
     add_format(*command, context);
-    CLI::Option* const watch =
+    CLI::Option* const watch_option =
         command->add_option("--watch", time, "Show it again at this interval, and mark what has changed");
-    watch->expected(0, 1)->type_name("TIME")->default_str("2s");
-    add_file_argument(*command, context);
-    command->callback([&context, watch] {
-        context.command = [&context, watch] {
-            return watch->count() > 0 ? show_again_and_again(context, time.empty() ? "2s" : time) : show_once(context);
+    watch_option->expected(0, 1)->type_name("TIME")->default_str("2s");
+    command->add_option("--only", only, "Only the rows whose words meet this condition, such as nodestat!=1")
+        ->type_name("CONDITION");
+    add_file(*command, context);
+    command->add_option("PREFIX", arguments, "Only keys at or below these; FILE alone is the same as --file FILE");
+    command->footer(
+        "--only names words without the key of their row: \"nodestat!=1\", \"any svstat/*!=2\". It shows the tables "
+        "whose\n"
+        "rows have all of these words. Exit status 1: the condition holds for no row.");
+    command->callback([&context, watch_option] {
+        context.command = [&context, watch_option] {
+            if (names_area(time)) arguments.push_back(std::exchange(time, ""));
+            StatusOptions options{.selection = Selection(take_file(arguments, context), only)};
+            if (watch_option->count() == 0) return show_once(context, options);
+            options.interval_ms =
+                time_ms({.name = "--watch", .least = "10ms", .most = "24h"}, time.empty() ? "2s" : time);
+            return watch(context, options);
         };
     });
 }
