@@ -5,7 +5,7 @@ KZMUTIL = {"KzmutilCreateNamedFileMapping", "KzmutilCreateNamedMutex", "KzmutilG
 KZMLOG = {"kzmlog_close", "kzmlog_open", "kzmlog_write"}
 KZMXML = {"xmllib_get_value", "xmllib_init", "xmllib_load_config", "xmllib_load_policy", "xmllib_term",
           "xmllib_unload_config", "xmllib_unload_policy"}
-KZMKERNEL = {"kzmkernel_close", "kzmkernel_create_mapping", "kzmkernel_create_mutex", "kzmkernel_explanation",
+KZMKERNEL = {"kzmkernel_begin_read", "kzmkernel_close", "kzmkernel_create_mapping", "kzmkernel_create_mutex", "kzmkernel_end_read", "kzmkernel_explanation",
              "kzmkernel_find_other_user", "kzmkernel_last_error",
              "kzmkernel_look_count", "kzmkernel_look_count_get", "kzmkernel_map_view", "kzmkernel_mutex_info_get", "kzmkernel_note",
              "kzmkernel_note_read", "kzmkernel_object_number", "kzmkernel_open_mapping", "kzmkernel_open_mutex", "kzmkernel_release", "kzmkernel_set_last_error", "kzmkernel_sleep", "kzmkernel_unmap_view",

@@ -1,4 +1,4 @@
-// Explores one model and prints what it found: explore_models lock|object [PROCESSES [DEATHS [STOPS [MUTANT]]]]
+// Explores one model and prints what it found: explore_models lock|read|object [PROCESSES [DEATHS [STOPS [MUTANT]]]]
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -20,10 +20,10 @@ bool read(const char* text, unsigned least, unsigned most, unsigned& number) {
 
 int print_usage() {
     std::fputs(
-        "usage: explore_models lock|object [PROCESSES [DEATHS [STOPS [MUTANT]]]]\n"
+        "usage: explore_models lock|read|object [PROCESSES [DEATHS [STOPS [MUTANT]]]]\n"
         "PROCESSES is 2 to 4, DEATHS and STOPS are 0 to 4. Mutants:\n",
         stderr);
-    for (const auto mutants : {models::lock_mutants(), models::object_mutants()}) {
+    for (const auto mutants : {models::lock_mutants(), models::read_mutants(), models::object_mutants()}) {
         for (const Mutant& mutant : mutants) std::fprintf(stderr, "  %s\n", mutant.name);
     }
     return 2;
@@ -31,8 +31,10 @@ int print_usage() {
 
 int explore(int count, char** arguments) {
     const std::string_view name = count > 1 ? arguments[1] : "";
-    if ((name != "lock" && name != "object") || count > 6) return print_usage();
-    const auto explore_model = name == "lock" ? models::explore_lock : models::explore_object;
+    if ((name != "lock" && name != "read" && name != "object") || count > 6) return print_usage();
+    const auto explore_model = name == "lock"   ? models::explore_lock
+                               : name == "read" ? models::explore_read
+                                                : models::explore_object;
 
     models::Size size;
     if (count > 2 && !read(arguments[2], 2, 4, size.processes)) return print_usage();

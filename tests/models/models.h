@@ -28,6 +28,12 @@ unsigned number_of(std::string_view mutant, std::span<const Mutant> mutants);
 Finding explore_lock(const Size& size, std::string_view mutant = {});
 std::span<const Mutant> lock_mutants();
 
+/// Reads of what the lock guards without taking it: processes that take the lock and write, and a reader. No process is
+/// stopped, because the reader's promises speak of what it has read and not of time. @param mutant a mutant's name;
+/// empty: the protocol as it is
+Finding explore_read(const Size& size, std::string_view mutant = {});
+std::span<const Mutant> read_mutants();
+
 /// The life of an object: processes that create, open and close it. @param mutant a mutant's name; empty: the protocol
 /// as it is
 Finding explore_object(const Size& size, std::string_view mutant = {});

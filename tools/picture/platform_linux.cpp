@@ -123,12 +123,16 @@ void count_look(void* mutex) {
     kzmkernel_look_count(mutex);
 }
 
-const unsigned lockless_tries = 1;
-std::optional<LocklessCopy> begin_lockless_copy(void*) {
-    return std::nullopt;
+const unsigned lockless_tries = 3;
+std::optional<LocklessCopy> begin_lockless_copy(void* mutex) {
+    LocklessCopy copy;
+    const int32_t found = kzmkernel_begin_read(mutex, &copy.takes);
+    if (found == 0) return std::nullopt;
+    copy.as_owner = found == KZMKERNEL_READ_OWNED;
+    return copy;
 }
-bool is_whole(void*, const LocklessCopy&) {
-    return false;
+bool is_whole(void* mutex, const LocklessCopy& copy) {
+    return kzmkernel_end_read(mutex, copy.takes) != 0;
 }
 
 bool has_ended(const LockHolder& holder) {

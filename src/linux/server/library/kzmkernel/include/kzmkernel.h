@@ -41,7 +41,8 @@ enum {
     KZMKERNEL_ERROR_INVALID_PARAMETER = 87,
     KZMKERNEL_ERROR_DISK_FULL = 112,
     KZMKERNEL_ERROR_INVALID_NAME = 123,
-    KZMKERNEL_ERROR_BUSY = 170, /**< a process that is stopped or hangs blocks the folder of the files */
+    KZMKERNEL_ERROR_BUSY = 170, /**< a process that is stopped or hangs blocks the folder of the files; or a mutex has,
+                                     or had, another owner during a read without it */
     KZMKERNEL_ERROR_ALREADY_EXISTS = 183,
     KZMKERNEL_ERROR_NOT_OWNER = 288,
     KZMKERNEL_ERROR_INVALID_ADDRESS = 487,
@@ -143,6 +144,29 @@ KZMKERNEL_API int32_t kzmkernel_look_count(void* mutex);
 
 /** Gets how many of the mutex's takes only looked. @return nonzero on success */
 KZMKERNEL_API int32_t kzmkernel_look_count_get(void* mutex, uint64_t* looks);
+
+/** What kzmkernel_begin_read() finds: no owner, or the calling thread as the owner. */
+enum { KZMKERNEL_READ_FREE = 1, KZMKERNEL_READ_OWNED = 2 };
+
+/**
+ * Begins to read what the mutex guards without taking the mutex. Waits for no thread and writes nothing. The caller
+ * loads the guarded data by relaxed atomics, because they may change at any time, and uses what it loaded only if
+ * kzmkernel_end_read() succeeds. Then all of it is of one moment, at which no other thread owned the mutex. This holds
+ * only if every writer owns the mutex while it writes.
+ *
+ * @param[out] takes  for kzmkernel_end_read()
+ * @return KZMKERNEL_READ_FREE, KZMKERNEL_READ_OWNED, or 0: another thread owns the mutex, or its last owner ended
+ *         without releasing it (170), or another failure
+ */
+KZMKERNEL_API int32_t kzmkernel_begin_read(void* mutex, uint64_t* takes);
+
+/**
+ * Ends the read. The note and kzmkernel_mutex_info_get() may be part of it.
+ *
+ * @param[in] takes  from kzmkernel_begin_read() in the same thread
+ * @return nonzero if no thread became the owner of the mutex since kzmkernel_begin_read(); otherwise 170
+ */
+KZMKERNEL_API int32_t kzmkernel_end_read(void* mutex, uint64_t takes);
 
 /** @return a number that no other object of this kind has had since the machine started; 0: not a handle */
 KZMKERNEL_API uint64_t kzmkernel_object_number(void* handle);

@@ -196,6 +196,22 @@ int32_t kzmkernel_note_read(void* mutex, void* note) {
     return 1;
 }
 
+int32_t kzmkernel_begin_read(void* mutex, uint64_t* takes) {
+    const Use use(mutex, Kind::mutex);
+    if (const uint32_t error = check(use)) return refuse(error);
+    if (!takes) return refuse(KZMKERNEL_ERROR_INVALID_PARAMETER);
+    const Reading reading = use->mapped->mutex->begin_read(this_thread());
+    if (reading.is_held) return refuse(KZMKERNEL_ERROR_BUSY);
+    *takes = reading.takes;
+    return reading.is_own ? KZMKERNEL_READ_OWNED : KZMKERNEL_READ_FREE;
+}
+
+int32_t kzmkernel_end_read(void* mutex, uint64_t takes) {
+    const Use use(mutex, Kind::mutex);
+    if (const uint32_t error = check(use)) return refuse(error);
+    return use->mapped->mutex->is_unchanged_since(takes) ? 1 : refuse(KZMKERNEL_ERROR_BUSY);
+}
+
 int32_t kzmkernel_look_count(void* mutex) {
     const OwnedUse use(mutex);
     if (!use) return 0;

@@ -19,6 +19,13 @@
 
 namespace kzmkernel {
 
+/// What a thread that reads without the lock finds at the beginning.
+struct Reading {
+    uint64_t takes;
+    bool is_held;  ///< by another thread, or by one that ended
+    bool is_own;
+};
+
 class Mutex {
   public:
     /// Turns zero-filled memory into a free mutex. @return 0 or a Windows error number
@@ -64,6 +71,20 @@ class Mutex {
         page_.looks.store(page_.looks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
     uint64_t looks() const noexcept { return page_.looks.load(std::memory_order_relaxed); }
+    /// Begins to read the guarded memory without the lock. docs/lock-protocol.md proves that the order matters: the
+    /// count of takes first, then the word.
+    Reading begin_read(const Thread& thread) const noexcept {
+        const uint64_t takes = page_.takes.load(std::memory_order_acquire);
+        // A word that still has the mark of a dead owner is not free: the guarded memory is as that owner left it.
+        const auto word = static_cast<uint32_t>(__atomic_load_n(&page_.lock.__data.__lock, __ATOMIC_ACQUIRE));
+        const bool is_own = (word & FUTEX_TID_MASK) == thread_of(thread.owner);
+        return {takes, (word & ~uint32_t{FUTEX_WAITERS}) != 0 && !is_own, is_own};
+    }
+    /// Ends such a read. @return whether no thread has come to own the mutex since
+    bool is_unchanged_since(uint64_t takes) const noexcept {
+        std::atomic_thread_fence(std::memory_order_acquire);
+        return page_.takes.load(std::memory_order_relaxed) == takes;
+    }
     void* note() noexcept { return page_.note; }
     void read_note(void* copy) const noexcept;
 
@@ -85,8 +106,9 @@ class Mutex {
         // lock, such as the thread sanitizer.
         static_cast<void>(page_.owner.load(std::memory_order_acquire));
         // A reader that copies the guarded memory without taking the lock compares this number before and after: a
-        // change shows that there was an owner.
-        page_.takes.store(page_.takes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        // change shows that there was an owner. Whoever reads the new number sees the word taken (release); whoever
+        // reads what this owner writes sees the new number (the fence).
+        page_.takes.store(page_.takes.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         std::atomic_thread_fence(std::memory_order_release);
         page_.depth = 1;
         page_.owned_since_ns.store(static_cast<uint64_t>(since) * ns_per_s, std::memory_order_relaxed);
