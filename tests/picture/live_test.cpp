@@ -13,6 +13,7 @@
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/library_region.h"
+#include "picture/live_region.h"
 #include "shmnm.h"
 
 namespace picture {
@@ -20,6 +21,7 @@ namespace {
 
 using test::Child;
 using test::LibraryRegion;
+using test::LiveCopy;
 using test::report;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -67,25 +69,6 @@ INSTANTIATE_TEST_SUITE_P(, LiveCopyOf,
                              return "S" + std::to_string(counts.servers) + "H" + std::to_string(counts.hb) + "N" +
                                     std::to_string(counts.np) + "F" + std::to_string(counts.fst);
                          });
-
-/// A region of four servers in this process's own namespace, so that the library's lock is the region's. (The library
-/// opens its lock as it is loaded.)
-class LiveCopy : public testing::Test {
-  protected:
-    LiveCopy() : path_("KZM_INSTALL_PATH", folder_.string().c_str()) {
-        folder_.write("etc/cluster.xml",
-                      "<root><all><num><server>4</server><hbr>3</hbr><npr>2</npr><fstr>1</fstr></num></all>"
-                      "<shmnm><log><level>0</level></log></shmnm></root>");
-        EXPECT_EQ(shmnm_create(), SHMNM_OK);
-        EXPECT_EQ(shmnm_addnode("alpha", 0), SHMNM_OK);
-        EXPECT_EQ(shmnm_setnodestat("alpha", 1), SHMNM_OK);
-    }
-    ~LiveCopy() override { shmnm_delete(); }
-
-  private:
-    test::TemporaryFolder folder_;
-    test::ScopedEnvironment path_;
-};
 
 CHILD(hold_the_lock) {
     report(shmnm_attach());

@@ -1,4 +1,7 @@
 """status, list, get and dump: what they show is what the library answers, and looking changes nothing."""
+import os
+import pathlib
+
 import support
 from support import ToolTest, escaped
 
@@ -81,6 +84,19 @@ def flattened(status):
             words[f"fst/pids/{record['name']}/{kind}"] = record["pid"][kind]
             words[f"fst/piddata/{record['name']}/{kind}"] = record["piddata"][kind]
     return {key: str(int(value)) if isinstance(value, bool) else str(value) for key, value in words.items()}
+
+
+def reading_commands(test):
+    """Every command that only reads, and ends by itself."""
+    return [
+        ("status",),
+        ("list",),
+        ("get", "cluster/clstat"),
+        ("query", "exists cluster/clstat"),
+        ("wait", "exists cluster/clstat"),
+        ("verify",),
+        ("dump", support.path(test.folder / "dump")),
+    ]
 
 
 class Looking(ToolTest):
@@ -268,6 +284,42 @@ class Looking(ToolTest):
             done.stderr.decode().splitlines()[:2],
             [f"shmnmctl: opens the region {prefix}oru_kzmshmnm_map", f"shmnmctl: opens the mutex {prefix}oru_kzmshmnm_lock"],
         )
+
+    def test_verbose_says_how_the_copy_was_made(self):
+        self.cluster()
+        for command in reading_commands(self):
+            process = self.start("--verbose", *command)
+            told = process.communicate()[1].decode().splitlines()[-1]
+            what = "all bytes" if command[0] in ("verify", "dump") else "the bytes in use"
+            if support.PLATFORM == "windows":
+                self.assertRegex(told, f"^shmnmctl: copied {what} with the lock: waited [0-9]+ us for it, held it for [0-9]+ us$")
+            else:
+                self.assertEqual(told, f"shmnmctl: copied {what} without the lock")
+
+
+class LookingOnLinux(ToolTest):
+    def takes(self):
+        """How often the lock was taken, from its page (docs/lock-protocol.md)."""
+        (page,) = pathlib.Path(f"/dev/shm/kzmkernel.{os.geteuid()}").glob(f"m.{self.environment['KZMUTIL_NAMESPACE']}*")
+        return int.from_bytes(page.read_bytes()[72:80], "little")
+
+    def test_reading_commands_do_not_take_a_free_lock(self):
+        api = self.cluster()
+        api.ok("shmnm_rwlock", 0)
+        api.ok("shmnm_rwunlock")
+        self.assertEqual(self.takes(), 1)
+        for command in reading_commands(self):
+            self.assertEqual(self.tool(*command).status, 0, command)
+            self.assertEqual(self.takes(), 1, command)
+        # A copy that cannot be kept takes the lock once its owner lets it go.
+        api.ok("shmnm_rwlock", 0)
+        waiting = self.start("--verbose", "get", "cluster/clstat")
+        line = ""
+        while "opens the mutex" not in line:
+            line = waiting.stderr.readline().decode()
+        self.assertEqual(self.tool("--lock-timeout", "1ms", "get", "cluster/clstat").status, 4)
+        api.ok("shmnm_rwunlock")
+        self.assertEqual(waiting.wait(), 0)
 
 
 if __name__ == "__main__":

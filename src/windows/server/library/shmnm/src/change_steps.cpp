@@ -177,7 +177,8 @@ void write_maxima(const Region& region, int32_t servers, int32_t max_hb, int32_t
 }
 
 void clear_region(const Region& region) noexcept {
-    std::memset(region.base, 0, std::min<size_t>(region.layout.size, region.view_size));
+    // By words: a reader without the lock loads them meanwhile.
+    zero_words(region.base, std::min<size_t>(region.layout.size, region.view_size));
 }
 
 namespace {

@@ -1,0 +1,135 @@
+// Copies of the live region that do not take the lock, and when they must take it.
+#include <gmock/gmock.h>
+
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "picture/decode.h"
+#include "picture/interrupted.h"
+#include "picture/library_region.h"
+#include "picture/live.h"
+#include "picture/live_region.h"
+#include "picture/platform.h"
+
+namespace picture {
+namespace {
+
+using test::Child;
+using test::LiveCopy;
+using test::report;
+
+uint64_t takes(LiveRegion& live) {
+    return platform::lock_holder(live.mutex())->takes;
+}
+
+TEST_F(LiveCopy, DoesNotTakeAFreeLock) {
+    std::string told;
+    LiveRegion live({.tell = [&](const std::string& line) { told = line; }});
+    for (const Bytes wanted : {Bytes::in_use, Bytes::all}) {
+        ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+        ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);
+        const uint64_t before = takes(live);
+        const Snapshot copy = live.copy(wanted);
+        EXPECT_EQ(copy.way, CopyWay::without_lock);
+        EXPECT_EQ(copy.tries, 1u);
+        EXPECT_EQ(copy.lock_wait_us, 0u);
+        EXPECT_EQ(copy.lock_held_us, 0u);
+        ASSERT_TRUE(copy.lock);
+        EXPECT_EQ(copy.lock->takes, before);
+        EXPECT_EQ(copy.lock->process, 0u);
+        EXPECT_EQ(copy.steps, before - copy.lock->looks);
+        EXPECT_EQ(decode(copy).servers.at(0).name, "alpha");
+        EXPECT_EQ(takes(live), before);
+        EXPECT_EQ(told, wanted == Bytes::all ? "copied all bytes without the lock"
+                                             : "copied the bytes in use without the lock");
+    }
+}
+
+TEST_F(LiveCopy, OfTheLocksOwnerNeedsNoOtherTake) {
+    LiveRegion live({.lock_timeout_ms = 0});
+    ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+    const uint64_t before = takes(live);
+    const Snapshot copy = live.copy(Bytes::in_use);
+    EXPECT_EQ(copy.way, CopyWay::as_owner);
+    EXPECT_EQ(how_copied(copy), "copied the bytes in use as the owner of the lock");
+    EXPECT_EQ(copy.lock->process, test::process_id());
+    // The owner's own step has not ended.
+    EXPECT_EQ(copy.steps, before - copy.lock->looks - 1);
+    EXPECT_EQ(takes(live), before);
+    EXPECT_EQ(shmnm_rwunlock(), SHMNM_OK);
+}
+
+/// Owns the lock in the middle of a change that it has noted.
+CHILD(change_and_hang) {
+    report(shmnm_attach());
+    report(shmnm_rwlock(0));
+    LiveRegion live({});
+    shmnm::Note note{};
+    note.state = shmnm::Note::open;
+    note.call = shmnm::NotedCall::rmnode;
+    note.process = test::process_id();
+    note.takes = takes(live);
+    note.object = live_object();
+    std::strcpy(note.name, "alpha");
+    std::memcpy(platform::own_note(live.mutex()), &note, sizeof note);
+    report(1);
+    test::hang();
+}
+
+TEST_F(LiveCopy, TakesTheLockOverFromAKilledOwnerAndShowsItsChange) {
+    Child owner = start(change_and_hang);
+    ASSERT_EQ(owner.reported(), SHMNM_OK);
+    ASSERT_EQ(owner.reported(), SHMNM_OK);
+    ASSERT_EQ(owner.reported(), 1u);
+    owner.kill();
+    LiveRegion live({});
+    const Snapshot first = live.copy(Bytes::in_use);
+    EXPECT_EQ(first.way, CopyWay::with_lock);
+    EXPECT_EQ(first.tries, 3u);
+    EXPECT_EQ(first.lock->takeovers, 1u);
+    EXPECT_NE(first.lock->last_takeover_ns, 0u);
+    EXPECT_EQ(first.lock->process, 0u) << "the copy itself was named as the owner";
+    ASSERT_EQ(interrupted_in(first).size(), 1u);
+    EXPECT_EQ(interrupted_in(first)[0].process, owner.process_id());
+
+    const Snapshot second = live.copy(Bytes::in_use);
+    EXPECT_EQ(second.way, CopyWay::without_lock);
+    EXPECT_EQ(second.lock->takeovers, 1u);
+    EXPECT_EQ(second.steps, first.steps) << "a copy's own take counted as a step";
+    ASSERT_EQ(interrupted_in(second).size(), 1u);
+    EXPECT_EQ(sentence(interrupted_in(second)[0]), sentence(interrupted_in(first)[0]));
+}
+
+CHILD(copy_when_told) {
+    LiveRegion live({});
+    for (;;) {
+        test::told();
+        report(live.copy(Bytes::all).tries);
+    }
+}
+
+TEST_F(LiveCopy, HoldsNobodyUpWhileItIsStopped) {
+    test::Random random(test::seed());
+    Child copier = start(copy_when_told);
+    const auto process = static_cast<pid_t>(copier.process_id());
+    uint64_t disturbed = 0;
+    for (unsigned round = 0; round < 100 || disturbed == 0; ++round) {
+        copier.tell(0);
+        // Somewhere in the copy, which takes a millisecond or two.
+        const uint64_t until_us = platform::steady_clock_us() + test::below(random, 3000);
+        while (platform::steady_clock_us() < until_us) {
+        }
+        ASSERT_EQ(kill(process, SIGSTOP), 0);
+        siginfo_t stopped{};
+        ASSERT_EQ(waitid(P_PID, copier.process_id(), &stopped, WSTOPPED), 0);
+        ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK) << "round " << round;
+        ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);
+        ASSERT_EQ(kill(process, SIGCONT), 0);
+        if (copier.reported() > 1) ++disturbed;
+    }
+}
+
+}  // namespace
+}  // namespace picture
