@@ -24,8 +24,8 @@ function(shmnm_run_path program folder)
     file(RELATIVE_PATH multiarch /prefix/${folder} /prefix/${SHMNM_MULTIARCH_LIBDIR})
     set(run_path "$ORIGIN/${libraries}" "$ORIGIN/${multiarch}")
     list(REMOVE_DUPLICATES run_path)
-    set_target_properties(${program} PROPERTIES BUILD_WITH_INSTALL_RPATH OFF BUILD_RPATH "${CMAKE_INSTALL_RPATH}"
-                                                INSTALL_RPATH "${run_path}")
+    set_target_properties(${program} PROPERTIES BUILD_WITH_INSTALL_RPATH OFF BUILD_RPATH_USE_ORIGIN ON
+                                                BUILD_RPATH "${CMAKE_INSTALL_RPATH}" INSTALL_RPATH "${run_path}")
 endfunction()
 shmnm_run_path(shmnmctl ${CMAKE_INSTALL_BINDIR})
 shmnm_run_path(shmnm-keeper ${CMAKE_INSTALL_LIBEXECDIR})
@@ -130,6 +130,7 @@ function(shmnm_install libdir runtime development tool)
         COMPONENT ${tool} ${ARGN})
     install(
         FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml ${PROJECT_SOURCE_DIR}/examples/tutorial.c
+              ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
 
@@ -139,10 +140,6 @@ function(shmnm_install libdir runtime development tool)
             DESTINATION ${libdir}
             COMPONENT ${development} ${ARGN})
     else()
-        install(
-            FILES ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
-            DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-            COMPONENT ${tool} ${ARGN})
         # Manual pages are in the folders man1, man3, ... below these two folders. The build generates the second.
         foreach(pages ${PROJECT_SOURCE_DIR}/docs/man ${PROJECT_BINARY_DIR}/man)
             install(

@@ -87,6 +87,14 @@ file(MAKE_DIRECTORY \${folder})
 file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
         COMPONENT shmnmctl EXCLUDE_FROM_ALL)
 
+    # Builds what the packages contain, and no more.
+    add_custom_target(packaged)
+    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnm-keeper manual_of_shmnmctl documentation)
+        if(TARGET ${target})
+            add_dependencies(packaged ${target})
+        endif()
+    endforeach()
+
     set(CPACK_GENERATOR DEB)
     set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
     set(CPACK_COMPONENTS_ALL ${packages})

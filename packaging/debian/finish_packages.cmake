@@ -1,5 +1,5 @@
 # What cpack leaves to do: its scripts that run ldconfig go, because the library's trigger runs it once for all packages, and every
-# time and order in a package is fixed, so that a second build makes the same bytes.
+# time, mode and order in a package is fixed, so that a second build makes the same bytes.
 foreach(package ${CPACK_PACKAGE_FILES})
     set(folder ${CPACK_TEMPORARY_DIRECTORY}/repacked)
     file(REMOVE_RECURSE ${folder})
@@ -16,6 +16,8 @@ foreach(package ${CPACK_PACKAGE_FILES})
     list(SORT sums)
     list(JOIN sums "\n" sums)
     file(WRITE ${folder}/DEBIAN/md5sums "${sums}\n")
+    file(CHMOD ${folder}/DEBIAN/md5sums FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+    execute_process(COMMAND find ${folder} -type d -exec chmod 0755 {} + COMMAND_ERROR_IS_FATAL ANY)
     execute_process(COMMAND find ${folder} -exec touch --no-dereference --date=@${CPACK_SOURCE_DATE_EPOCH} {} + COMMAND_ERROR_IS_FATAL ANY)
     execute_process(
         COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=${CPACK_SOURCE_DATE_EPOCH} dpkg-deb --root-owner-group --threads-max=1 --build

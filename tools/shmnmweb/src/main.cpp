@@ -13,6 +13,7 @@
 #include "listener.h"
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/installation.h"
 #include "sampler.h"
 #include "server.h"
 #include "source.h"
@@ -79,6 +80,7 @@ void serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    picture::use_packaged_installation();
     CLI::App app("Shows this machine's picture of the cluster over HTTP; it can change nothing.", "shmnmweb");
     Options options;
     app.set_version_flag("--version", "shmnmweb " SHMNM_VERSION);
