@@ -122,15 +122,23 @@ Snapshot LibraryRegion::dump() const {
 }
 
 void LibraryRegion::call(Random& random, unsigned calls) {
-    for (unsigned i = 0; i < calls; ++i) call(random);
+    for (unsigned i = 0; i < calls; ++i) call_once(random, false);
 }
 
-void LibraryRegion::call(Random& random) {
-    const std::string& server = server_name(random);
-    const ResourceName added = resource_name(random);
+void LibraryRegion::call_with_fitting_names(Random& random, unsigned calls) {
+    for (unsigned i = 0; i < calls; ++i) call_once(random, true);
+}
+
+void LibraryRegion::call_once(Random& random, bool names_fit) {
+    std::string server = server_name(random);
+    ResourceName added = resource_name(random);
     // As they were stored.
     const std::string stored = server.substr(0, 255), stored_type = added.type.substr(0, 31),
                       stored_name = added.name.substr(0, 31);
+    if (names_fit) {
+        server = stored;
+        added = {stored_type, stored_name};
+    }
     const char *const type = stored_type.c_str(), *const name = stored_name.c_str();
     const auto svid = static_cast<int32_t>(below(random, 12)) - 1;
     const auto state = static_cast<uint32_t>(random());

@@ -27,6 +27,8 @@ class LibraryRegion {
 
     /// Makes any calls that leave a healthy region healthy: names are not empty, columns follow their servers.
     void call(Random& random, unsigned calls);
+    /// The same, with names that fit into their fields, so that none is there twice.
+    void call_with_fitting_names(Random& random, unsigned calls);
     /// As many servers, resources and process ids as the region has room for, with short names.
     void fill();
     /// Clears the region and maps it anew.
@@ -36,7 +38,7 @@ class LibraryRegion {
     picture::Snapshot dump() const;
 
   private:
-    void call(Random& random);
+    void call_once(Random& random, bool names_fit);
 
     picture::Counts counts_;
     TemporaryFolder folder_;

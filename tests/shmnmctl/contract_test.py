@@ -17,6 +17,7 @@ READING = {
     "describe hb": ["describe", "hb", "lan", "lanhb1"],
     "describe np": ["describe", "np", "ping", "pingnp1"],
     "describe fst": ["describe", "fst"],
+    "export": ["export"],
 }
 LIVE = {
     "dump": ["dump", "-"],
@@ -72,6 +73,10 @@ WRONG = {
     "describe": ["describe", "hb", "lan"],
     "simulate": ["simulate"],
     "clear": ["clear"],
+    "diff": ["diff", "live"],
+    "apply": ["apply"],
+    "export, a name": ["export", "picture.json"],
+    "holders": ["holders", "all"],
     "query": ["query"],
     "query, no condition": ["query", "cluster/clstat="],
     "wait": ["wait", "cluster/clstat=0", "--timeout", "soon"],
@@ -93,6 +98,18 @@ def in_json(command):
 
 
 class Contract(ToolTest):
+    def with_documents(self):
+        """The commands that take an exported picture. Makes one, from a region that has ended after that."""
+        api = self.cluster()
+        (self.folder / "picture.json").write_bytes(self.tool("export").raw)
+        api.end()
+        file = path(self.folder / "picture.json")
+        return {"diff": ["diff", file, "live"], "apply --dry-run": ["apply", "--dry-run", file], "apply": ["apply", file]}
+
+    def holders(self):
+        """What only Linux tells."""
+        return {} if support.PLATFORM == "windows" else {"holders": ["holders"]}
+
     def expect(self, status, cases):
         """Every case twice: with an error of one line of text, and of one document of JSON."""
         for name, command in cases.items():
@@ -112,8 +129,9 @@ class Contract(ToolTest):
             self.assertRegex(result.err, r"\Ashmnmctl: [ -~]+\n\Z")
 
     def test_status_0_on_success(self):
+        documents = self.with_documents()
         self.cluster()
-        self.expect(0, READING | {"wait": LIVE["wait"]})
+        self.expect(0, READING | documents | self.holders() | {"wait": LIVE["wait"]})
         self.assertEqual(self.tool(*LIVE["dump"]).status, 0)
         for name, command in CHANGING.items():
             self.assertEqual(self.tool(*command).status, 0, name)
@@ -126,19 +144,23 @@ class Contract(ToolTest):
             self.assertNotEqual(result.out, "")
 
     def test_status_1_when_nothing_is_found(self):
-        self.cluster()
+        documents = self.with_documents()
+        self.cluster().ok("shmnm_setclstat", 1)
+        self.expect(1, {"diff": documents["diff"]})
+        self.tool("set", "cluster/clstat", "0")
         self.expect(1, NOTHING_FOUND)
 
     def test_status_2_for_wrong_usage_before_anything_is_read(self):
         self.expect(2, WRONG)
 
     def test_status_3_without_a_region(self):
-        self.expect(3, READING | LIVE | CHANGING | WATCHING)
+        self.expect(3, READING | LIVE | CHANGING | WATCHING | self.with_documents() | {"holders": ["holders"]})
 
     def test_status_4_while_the_lock_is_held(self):
+        documents = self.with_documents()
         api = self.cluster()
         api.ok("shmnm_rwlock", 0)
-        cases = {name: ["--lock-timeout", "30"] + command for name, command in (READING | CHANGING | {"dump": LIVE["dump"]}).items()}
+        cases = {name: ["--lock-timeout", "30"] + command for name, command in (READING | CHANGING | documents | {"dump": LIVE["dump"]}).items()}
         for name, command in cases.items():
             with self.subTest(name):
                 result = self.tool(*command)
@@ -176,8 +198,9 @@ class Contract(ToolTest):
         self.expect(4, {"wait": ["wait", "cluster/clstat=1", "--timeout", "50ms"]})
 
     def test_status_5_when_the_region_belongs_to_another_user(self):
+        documents = self.with_documents()
         with self.foreign_objects():
-            self.expect(5, READING | LIVE | CHANGING | WATCHING)
+            self.expect(5, READING | LIVE | CHANGING | WATCHING | documents | {"holders": ["holders"]})
             self.assertEqual(self.tool("lock", "--", *support.native_program("shmnmctl"), "--version").status, 5)
 
     def test_status_5_when_others_can_write_to_the_region(self):
@@ -216,8 +239,17 @@ class Contract(ToolTest):
         (self.folder / "empty").write_bytes(b"")
         for file in ("cut", "empty", "missing", "etc"):
             name = path(self.folder / file)
+            self.expect(5, {"diff": ["diff", name, name], "apply": ["apply", name]})
             cases = {command: READING[command] + (["--file", name] if command not in ("status", "verify") else [name]) for command in READING}
             self.expect(5, cases)
+
+    def test_status_5_for_holders_on_windows(self):
+        self.cluster()
+        if support.PLATFORM == "windows":
+            self.expect(5, {"holders": ["holders"]})
+            self.assertEqual(self.tool("holders").err, "shmnmctl: this system does not tell which processes hold the region\n")
+        else:
+            self.expect(0, {"holders": ["holders"]})
 
     @staticmethod
     def writing():

@@ -45,14 +45,6 @@ int32_t positive_of(const Assignment& assignment) {
     return *value;
 }
 
-const char* argument(const std::string& text) {
-    return text.c_str();
-}
-template <typename Number>
-Number argument(Number number) {
-    return number;
-}
-
 /// Turns assignments into steps. Words that one call sets together are collected and set once.
 class Planner {
   public:
@@ -172,9 +164,8 @@ class Planner {
     }
 
     template <typename... Parameters, typename... Arguments>
-    void step(Call<Parameters...> function, Arguments... arguments) {
-        const auto& called = library().*function;
-        steps_.push_back({called.name, [=] { return called(argument(arguments)...); }});
+    void step(Call<Parameters...> function, const Arguments&... arguments) {
+        steps_.push_back(step_of(function, arguments...));
     }
 
     const Picture& picture_;

@@ -1,13 +1,13 @@
 // Assignments of values to keys, for "set". All of them are checked before the first is made.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "picture/keys.h"
 #include "picture/picture.h"
+#include "picture/step.h"
 
 namespace picture {
 
@@ -22,12 +22,6 @@ Assignment parse_assignment(const std::string& key, const std::string& value);
 /// Reads lines of a key, blanks and a value. Empty lines and lines that begin with # are skipped.
 /// @throws Error  a line is invalid; the message names its number
 std::vector<Assignment> parse_assignments(std::string_view text);
-
-/// A call of the library that has been checked and will be accepted.
-struct Step {
-    const char* function;
-    std::function<uint32_t()> call;
-};
 
 /// The calls that make the assignments, in their order. None of them is called yet. A word that already has its value
 /// needs no call.

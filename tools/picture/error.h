@@ -23,6 +23,10 @@ enum class ErrorKind {
     no_configuration,       ///< the configuration file does not exist
     invalid_configuration,  ///< the configuration file is invalid
     not_a_dump,             ///< a file does not hold a region
+    not_a_picture,          ///< a text is not an exported picture
+    damaged,                ///< the bytes of a region contradict themselves
+    interrupted,            ///< a killed process has left a change half done
+    inexpressible,          ///< no calls of the library make the region so
     no_notes,               ///< the system keeps no note of changes
     note_outdated,          ///< the note of an interrupted change is of a region that has ended
     change_in_doubt,        ///< an interrupted change can be completed, but the region was used since

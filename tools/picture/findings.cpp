@@ -201,7 +201,7 @@ class Search {
                 return text;
             }
             if (whole == 0) {
-                wrong(at, "a text", "an empty one");
+                wrong(at, "a text", empty_text);
                 return text;
             }
             length = whole;

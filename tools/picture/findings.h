@@ -19,6 +19,9 @@ struct Finding {
     bool operator==(const Finding&) const = default;
 };
 
+/// What is found where a name or type is empty.
+inline constexpr const char* empty_text = "an empty one";
+
 /// All findings, by offset. If the header's maxima differ from those that the region was laid out by, the places of
 /// most areas are unknown: only the header and the certain part of the server table are then checked.
 std::vector<Finding> findings(const Snapshot& snapshot);

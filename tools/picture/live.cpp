@@ -323,10 +323,10 @@ void LiveRegion::expect() {
     if (!open()) throw no_region();
 }
 
-Snapshot LiveRegion::copy_locked() {
+Snapshot LiveRegion::copy_locked(Bytes wanted) {
     const std::unique_ptr<View> view = open();
     if (!view) throw no_region();
-    Snapshot snapshot = empty_copy_of(*view, Bytes::in_use);
+    Snapshot snapshot = empty_copy_of(*view, wanted);
     snapshot.way = CopyWay::as_owner;
     fill(snapshot, *view);
     return snapshot;
@@ -354,17 +354,20 @@ uint64_t WritableRegion::object() const {
     return platform::object_number(mapping_);
 }
 
+void expect_configured(const Snapshot& snapshot, bool force) {
+    const Counts header = snapshot.header_counts();
+    if (force || !snapshot.configured || *snapshot.configured == header) return;
+    throw Error(ErrorKind::configuration_differs,
+                fmt::format("nothing was changed: the region has {}, this machine's configuration has {}",
+                            to_text(header), to_text(*snapshot.configured)));
+}
+
 Change::Change(LiveRegion& region, bool force) : region_(region) {
     region_.expect();
     region_.lock();
     try {
         before_ = region_.copy_locked();
-        const Counts header = before_.header_counts();
-        if (!force && before_.configured && *before_.configured != header) {
-            throw Error(ErrorKind::configuration_differs,
-                        fmt::format("nothing was changed: the region has {}, this machine's configuration has {}",
-                                    to_text(header), to_text(*before_.configured)));
-        }
+        expect_configured(before_, force);
         call(library().shmnm_attach);
     } catch (...) {
         region_.unlock();

@@ -62,8 +62,8 @@ class LiveRegion {
     /// For commands that need only the lock. @throws Error  another user has a region and this user has none
     void expect_own();
 
-    /// The bytes in use, for a caller that holds the lock. Without the facts of the lock.
-    Snapshot copy_locked();
+    /// For a caller that holds the lock. Without the facts of the lock.
+    Snapshot copy_locked(Bytes wanted = Bytes::in_use);
 
     /// Takes the lock, to write. @throws Error  timed out; the message names the holder
     void lock();
@@ -122,10 +122,14 @@ class Locked {
     LiveRegion& region_;
 };
 
+/// @param[in] force  even if the counts that the region was laid out by differ from this machine's configuration
+/// @throws Error  attaching would write other counts into the region's header
+void expect_configured(const Snapshot& snapshot, bool force);
+
 /// A change of the region. For its lifetime this process holds the lock and is attached to the region.
 class Change {
   public:
-    /// @param[in] force  even if the counts that the region was laid out by differ from this machine's configuration
+    /// @param[in] force  as for expect_configured()
     /// @throws Error  there is no region, it differs from the configuration, or the library refuses
     Change(LiveRegion& region, bool force);
     ~Change();

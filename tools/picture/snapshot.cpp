@@ -37,28 +37,39 @@ Counts Snapshot::header_counts() const {
             number(offsetof(shmnm_header, max_np)), number(offsetof(shmnm_header, fst_count))};
 }
 
-Snapshot read_dump(const std::string& file) {
-    const auto refuse = [&](const std::string& why) {
-        throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", printable(file), why));
-    };
+namespace {
+
+[[noreturn]] void refuse(const std::string& file, const std::string& why) {
+    throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", printable(file), why));
+}
+
+}  // namespace
+
+std::vector<uint8_t> read_file(const std::string& file) {
     std::error_code error;
-    if (std::filesystem::is_directory(file, error)) refuse("it is a folder");
+    if (std::filesystem::is_directory(file, error)) refuse(file, "it is a folder");
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
-    if (!stream) refuse(std::strerror(errno));
+    if (!stream) refuse(file, std::strerror(errno));
 
-    Snapshot snapshot;
+    std::vector<uint8_t> bytes;
     char part[1 << 16];
     while (stream) {
         stream.read(part, sizeof part);
-        snapshot.bytes.insert(snapshot.bytes.end(), part, part + stream.gcount());
-        if (snapshot.bytes.size() > std::numeric_limits<uint32_t>::max())
-            refuse("it is larger than any region, which has at most 2^32 bytes");
+        bytes.insert(bytes.end(), part, part + stream.gcount());
+        if (bytes.size() > std::numeric_limits<uint32_t>::max())
+            refuse(file, "it is larger than any region, which has at most 2^32 bytes");
     }
-    if (stream.bad()) refuse("reading it failed half-way");
+    if (stream.bad()) refuse(file, "reading it failed half-way");
+    return bytes;
+}
+
+Snapshot read_dump(const std::string& file) {
+    Snapshot snapshot;
+    snapshot.bytes = read_file(file);
     if (snapshot.bytes.size() < sizeof(shmnm_header)) {
-        refuse(fmt::format("it has {} bytes and the header alone has {}, so it was cut or is not a dump",
-                           snapshot.bytes.size(), sizeof(shmnm_header)));
+        refuse(file, fmt::format("it has {} bytes and the header alone has {}, so it was cut or is not a dump",
+                                 snapshot.bytes.size(), sizeof(shmnm_header)));
     }
     snapshot.mapped = snapshot.bytes.size();
     snapshot.counts = snapshot.header_counts();

@@ -57,6 +57,10 @@ struct Snapshot {
     Counts header_counts() const;
 };
 
+/// All bytes of a file.
+/// @throws Error  it cannot be read, or is larger than 2^32 bytes
+std::vector<uint8_t> read_file(const std::string& file);
+
 /// Reads a dump.
 /// @throws Error  it cannot be read, or is smaller than a header or larger than 2^32 bytes
 Snapshot read_dump(const std::string& file);

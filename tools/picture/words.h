@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <variant>
 #include <vector>
@@ -45,6 +46,15 @@ class Source<record> {
         const int32_t number = part.*record.*number_;
         return has_sign_ ? Value(number) : Value(static_cast<uint32_t>(number));
     }
+    /// Whether the value follows from other words.
+    constexpr bool is_computed() const { return !word_ && !number_; }
+    /// Puts a value into the member. @return false: it does not fit, or is computed
+    bool put(Part& part, const Value& value) const {
+        if (word_) return stored(part.*record.*word_, value.to_uint32());
+        if (!number_) return false;
+        return has_sign_ ? stored(part.*record.*number_, value.to_int32())
+                         : stored(part.*record.*number_, value.to_uint32());
+    }
     /// Whether the value is a yes or no.
     constexpr bool is_flag() const { return test_ != nullptr; }
     /// The member, if it has a sign in the record.
@@ -58,6 +68,12 @@ class Source<record> {
     }
 
   private:
+    template <typename Number, typename Given>
+    static bool stored(Number& number, std::optional<Given> given) {
+        if (given) number = static_cast<Number>(*given);
+        return given.has_value();
+    }
+
     uint32_t Record::*word_ = nullptr;
     int32_t Record::*number_ = nullptr;
     Value (*compute_)(const Part&) = nullptr;

@@ -44,7 +44,7 @@ _shmnmctl() {
         return
     fi
     case "${command[*]}" in
-        "") choices="status list get set add remove modify describe simulate clear query wait watch verify repair dump lock serve" ;;
+        "") choices="status list get set add remove modify describe simulate clear query wait watch verify repair dump export diff apply holders lock serve" ;;
         add) choices="server hb np fst" ;;
         remove | modify) choices="server hb np" ;;
         describe) choices="hb np fst" ;;
@@ -56,7 +56,7 @@ _shmnmctl() {
             ;;
         get | set | list | watch | query | wait) choices=$(_shmnmctl_keys) ;;
         set*) [ $((${#command[@]} % 2)) -eq 1 ] && choices=$(_shmnmctl_keys) ;;
-        status | verify | dump)
+        status | verify | dump | diff* | apply)
             COMPREPLY=($(compgen -f -- "$current"))
             return
             ;;

@@ -49,11 +49,13 @@ void add_force(CLI::App& command, Context& context);
 void add_status_command(CLI::App& app, Context& context);      // status
 void add_looking_commands(CLI::App& app, Context& context);    // list, get, dump
 void add_changing_commands(CLI::App& app, Context& context);   // set, add, remove, modify, describe, simulate, clear
+void add_document_commands(CLI::App& app, Context& context);   // export, diff, apply
 void add_verify_command(CLI::App& app, Context& context);      // verify
 void add_repair_command(CLI::App& app, Context& context);      // repair
 void add_condition_commands(CLI::App& app, Context& context);  // query, wait
 void add_watch_command(CLI::App& app, Context& context);       // watch
 void add_lock_command(CLI::App& app, Context& context);        // lock
+void add_holders_command(CLI::App& app, Context& context);     // holders
 void add_serve_command(CLI::App& app, Context& context);       // serve
 
 }  // namespace shmnmctl

@@ -47,6 +47,12 @@ Ending ending(ErrorKind kind) {
             return {Exit::failed, "put the cluster's configuration there, or name another file with --config"};
         case ErrorKind::not_a_dump:
             return {Exit::failed, "name a file written by \"shmnmctl dump\""};
+        case ErrorKind::not_a_picture:
+            return {Exit::failed, "name a file written by \"shmnmctl export\" or \"shmnmctl dump\""};
+        case ErrorKind::damaged:
+            return {Exit::failed, "\"shmnmctl verify\" tells more"};
+        case ErrorKind::interrupted:
+            return {Exit::failed, "run \"shmnmctl repair\" first"};
         case ErrorKind::no_notes:
             return {Exit::failed, "\"shmnmctl verify\" finds what the bytes alone can tell"};
         case ErrorKind::note_outdated:
@@ -57,6 +63,7 @@ Ending ending(ErrorKind kind) {
         case ErrorKind::change_lost:
             return {Exit::failed, "put the region right by other commands, then drop the note with --discard"};
         case ErrorKind::invalid_configuration:
+        case ErrorKind::inexpressible:
         case ErrorKind::refused:
         case ErrorKind::failed:
             break;

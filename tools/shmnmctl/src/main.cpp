@@ -89,11 +89,13 @@ int main(int argc, char** argv) {
     add_status_command(app, context);
     add_looking_commands(app, context);
     add_changing_commands(app, context);
+    add_document_commands(app, context);
     add_verify_command(app, context);
     add_repair_command(app, context);
     add_condition_commands(app, context);
     add_watch_command(app, context);
     add_lock_command(app, context);
+    add_holders_command(app, context);
     add_serve_command(app, context);
     try {
         app.parse(arguments_of(argc, argv));

@@ -1,0 +1,131 @@
+// Pictures as documents: what is written is read back whole, and what is not whole is refused.
+#include "picture/picture_document.h"
+
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <string>
+
+#include "picture/differences.h"
+#include "picture/error.h"
+#include "picture/library_region.h"
+#include "shmnm.h"
+
+namespace picture {
+namespace {
+
+using test::LibraryRegion;
+using test::Random;
+
+std::vector<std::string> lines(const std::vector<Difference>& differences) {
+    std::vector<std::string> all;
+    for (const Difference& difference : differences) all.push_back(to_text(difference));
+    return all;
+}
+
+TEST(Document, ReadsBackWhatItWrote) {
+    Random random(test::seed());
+    for (unsigned round = 0; round < test::share_of(100); ++round) {
+        LibraryRegion region({6, 5, 4, static_cast<int32_t>(test::below(random, 3))});
+        region.call(random, test::below(random, 200));
+        const Document document = document_of(region.dump());
+        const std::string text = to_json(document).dump();
+        const Document read = document_from(text);
+        EXPECT_EQ(to_json(read).dump(), text);
+        EXPECT_THAT(differences(document, read), testing::IsEmpty());
+    }
+}
+
+TEST(Document, RefusesWhatIsNotWholeAndNamesThePlace) {
+    LibraryRegion region({2, 1, 1, 1});
+    region.fill();
+    const Json whole = to_json(document_of(region.dump()));
+    const auto refusal = [&](const std::function<void(Json&)>& edit) -> std::string {
+        Json edited = whole;
+        edit(edited);
+        try {
+            document_from(edited.dump());
+            return "";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::not_a_picture);
+            return error.what();
+        }
+    };
+    EXPECT_EQ(refusal([](Json&) {}), "");
+    EXPECT_EQ(refusal([](Json& json) { json["kind"] = "status"; }), "the document is not a picture in JSON");
+    EXPECT_EQ(refusal([](Json& json) { json["version"] = 2; }), "the document has another version than 1");
+    EXPECT_EQ(refusal([](Json& json) { json["cluster"].erase("clstat"); }), "cluster has no member \"clstat\"");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pristat"] = 1; }),
+              "servers[1] has an unknown member \"pristat\"");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pri"] = 1u << 31; }),
+              "servers[1].pri is out of range: 2147483648");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pingstat"] = -1; }),
+              "servers[1].pingstat is out of range: -1");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["pingstat"] = 1.5; }),
+              "servers[0].pingstat is not a whole number");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["name"] = "a%2"; }),
+              "servers[0].name has a % without two hexadecimal digits after it");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["name"] = "a%00b"; }),
+              "servers[0].name has a NUL within a name");
+    EXPECT_EQ(refusal([](Json& json) { json["hb"][0]["descript"] = std::string(257, 'd'); }),
+              "hb[0].descript has 257 bytes; 256 is the most");
+    EXPECT_EQ(refusal([](Json& json) { json["hb"][0]["network"].push_back(1); }), "hb[0].network has 3 entries, not 2");
+    EXPECT_EQ(refusal([](Json& json) { json["np"][0]["network"] = Json::array(); }),
+              "np[0] has an unknown member \"network\"");
+    EXPECT_EQ(refusal([](Json& json) { json["fst"]["pids"][1]["piddata"][2] = "18446744073709551616"; }),
+              "fst.pids[1].piddata[2] is not a whole number");
+    EXPECT_EQ(refusal([](Json& json) { json["fst"]["pids"] = Json::object(); }), "fst.pids is not a list");
+    EXPECT_EQ(refusal([](Json& json) { json["counts"]["fst"] = 0; }), "fst is not empty although counts.fst is 0");
+    EXPECT_EQ(refusal([](Json& json) { json["counts"]["hb"] = -1; }), "counts.hb is below 0");
+    EXPECT_EQ(refusal([](Json& json) { json["counts"]["servers"] = INT32_MAX; }),
+              "counts are those of a region larger than 4 GiB");
+}
+
+TEST(Document, IsNotMadeFromACutRegion) {
+    LibraryRegion region({2, 1, 1, 1});
+    Snapshot snapshot = region.dump();
+    snapshot.bytes.pop_back();
+    EXPECT_THROW(document_of(snapshot), Error);
+}
+
+TEST(Differences, AreListedForEveryKindOfThing) {
+    LibraryRegion region({3, 2, 1, 1});
+    shmnm_addnode("alpha", -1);
+    shmnm_addnode("beta", 2);
+    shmnm_addhbrsc("lan", "lan1", 4);
+    shmnm_setfstdescript("before", 6);
+    shmnm_setfstrscpid("agent", 0, 1, UINT64_MAX);
+    const Document before = document_of(region.dump());
+    Document after = before;
+    EXPECT_THAT(differences(before, after), testing::IsEmpty());
+    Picture& picture = after.picture;
+    after.counts.np = 4;
+    std::swap(picture.servers[0], picture.servers[1]);
+    picture.servers[1].record.pri = 9;
+    picture.servers[1].record.nodestat = 1;
+    picture.hb[0].network.states = {5, 2};
+    picture.hb[0].descript = "new";
+    picture.fst->descript.clear();
+    picture.fst_pids[0].piddata[0] = 7;
+    EXPECT_THAT(lines(differences(before, after)),
+                testing::ElementsAre("counts servers 3, hb 2, np 1, fst 1 -> servers 3, hb 2, np 4, fst 1",
+                                     "servers alpha beta -> beta alpha", "servers/alpha/pri -1 -> 9",
+                                     "servers/alpha/nodestat 2 -> 1", "hb/lan/lan1/network/beta 2 -> 5",
+                                     "fst/piddata/agent/0 18446744073709551615 -> 7", "fst/descript \"before\" -> \"\"",
+                                     "hb/lan/lan1/descript \"\" -> \"new\""));
+}
+
+TEST(Differences, ShowTheSecondOfTwoRecordsOfOneName) {
+    LibraryRegion region({3, 2, 1, 1});
+    const std::string cut(300, 'x'), key = "servers/" + std::string(255, 'x') + "%002/";
+    shmnm_addnode(cut.c_str(), 1);
+    shmnm_addnode(cut.c_str(), 2);
+    const Document before = document_of(region.dump());
+    ASSERT_EQ(before.picture.servers.size(), 2u);
+    Document after = before;
+    after.picture.servers[1].record.holdstat = 3;
+    EXPECT_THAT(lines(differences(before, after)), testing::ElementsAre(key + "holdstat 0 -> 3"));
+}
+
+}  // namespace
+}  // namespace picture
