@@ -166,8 +166,16 @@ function(shmnm_install libdir runtime development tool)
             FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/_shmnmctl
             DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
             COMPONENT ${tool} ${ARGN})
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/shmnmctl.fish
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
+            COMPONENT ${tool} ${ARGN})
     endif()
     if(WIN32)
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/shmnmctl.ps1
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/shmnm
+            COMPONENT ${tool} ${ARGN})
         install(
             FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
             DESTINATION ${libdir}

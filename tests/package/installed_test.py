@@ -16,7 +16,7 @@ FILES = """
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/libkzmkernel.so lib/libkzmlog.so lib/libkzmshmnm.so lib/libkzmshmnm.so.1 lib/libkzmutil.so lib/libkzmxml.so
     lib/pkgconfig/shmnm.pc
-    share/bash-completion/completions/shmnmctl share/zsh/vendor-completions/_shmnmctl
+    share/bash-completion/completions/shmnmctl share/zsh/vendor-completions/_shmnmctl share/fish/vendor_completions.d/shmnmctl.fish
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/operations.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service

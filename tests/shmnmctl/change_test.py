@@ -232,7 +232,12 @@ class Changing(ToolTest):
     def test_a_missing_configuration_is_refused(self):
         self.cluster()
         (self.folder / "etc/cluster.xml").unlink()
-        self.assertIn("shmnm_attach", self.refused(5, "set", "cluster/clstat", "1"))
+        place = support.path(self.folder) + "/etc/cluster.xml"
+        self.assertEqual(
+            self.refused(5, "set", "cluster/clstat", "1"),
+            "shmnmctl: nothing was changed: shmnm_attach failed with code 12 (the configuration could not be loaded); "
+            f"put the configuration at {place}\n",
+        )
 
     def test_changes_wait_for_the_lock_and_say_who_has_it(self):
         api = self.cluster()

@@ -1,5 +1,8 @@
 """lock: a command runs under the region's lock, and who holds it is told."""
+import contextlib
 import os
+import pathlib
+import select
 import signal
 import subprocess
 import time
@@ -84,6 +87,17 @@ class Locking(LockTest):
                 shown = argument.replace("\t", "%09")
                 self.assertIn(f'no such word "x{shown}"; ', direct.err)
                 self.assertEqual((locked.status, locked.err), (2, direct.err))
+
+    def test_a_killed_tool_takes_its_command_with_it(self):
+        api = self.api()
+        holder = self.start("lock", "--", *support.native_program("api_caller"), stdin=subprocess.PIPE)
+        self.expect_the_command_to_run_without_the_lock(holder)
+        holder.kill()
+        # The command has the other end of this pipe, and its standard input is open.
+        self.assertTrue(select.select([holder.stdout], [], [], 30)[0], "the command goes on without the lock")
+        self.assertEqual(holder.stdout.read(), b"")
+        api.ok("shmnm_rwlock", 10_000)
+        api.ok("shmnm_rwunlock")
 
     def test_lock_reports_a_wait_that_times_out(self):
         api = self.api()
@@ -197,6 +211,40 @@ class LockingOnLinux(LockTest):
         self.assertEqual(holder.stdout.readline(), b"told\n")
         self.assertEqual(holder.wait(), 3)
         self.assertEqual(self.tool("lock", "--who").status, 1)
+
+    def test_a_command_is_asked_to_end_when_the_tool_is_killed(self):
+        holder = self.start("lock", "--", "sh", "-c", "trap 'echo told; exit 3' TERM; echo ready; while :; do sleep 0.01; done")
+        self.assertEqual(holder.stdout.readline(), b"ready\n")
+        holder.kill()
+        self.assertTrue(select.select([holder.stdout], [], [], 30)[0], "the command was not told")
+        self.assertEqual(holder.stdout.read(), b"told\n")
+
+    def test_a_command_does_not_begin_after_the_tool_was_killed(self):
+        """strace holds the child up as it asks to be told of the tool's end; meanwhile the tool is killed."""
+        trace = subprocess.Popen(
+            ["strace", "-f", "-qq", "-o", self.folder / "trace", "-e", "trace=prctl,exit_group", "-e", "inject=prctl:delay_enter=2000000"]
+            + support.program("shmnmctl") + ["lock", "--", "sh", "-c", "echo began"],
+            stdout=subprocess.PIPE, env=self.environment,
+        )
+        self.addCleanup(trace.communicate)
+        tool = self.child_of(trace.pid, "shmnmctl")
+        child = self.child_of(tool, "shmnmctl")
+        prctl = "157 "
+        while not pathlib.Path(f"/proc/{child}/syscall").read_text().startswith(prctl):
+            self.assertIsNone(trace.poll())
+        os.kill(tool, signal.SIGKILL)
+        self.assertEqual(trace.stdout.read(), b"")
+        trace.wait()
+        self.assertRegex((self.folder / "trace").read_text(), rf"(?m)^{child} +exit_group\({128 + signal.SIGTERM}\)")
+
+    @staticmethod
+    def child_of(parent, name):
+        """The child of a process, once there is one of that name."""
+        while True:
+            for child in pathlib.Path(f"/proc/{parent}/task/{parent}/children").read_text().split():
+                with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                    if pathlib.Path(f"/proc/{child}/comm").read_text() == f"{name}\n":
+                        return int(child)
 
     def test_an_interrupt_reaches_only_the_command(self):
         holder = self.start(

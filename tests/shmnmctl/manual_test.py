@@ -1,12 +1,10 @@
-"""The manual page and the completion, both of which follow the command itself."""
+"""The manual page, which follows the command itself."""
 import pathlib
 import re
 import subprocess
 
 import support
 from support import ToolTest
-
-COMPLETION = support.PROJECT / "tools/shmnmctl/completion"
 
 
 def key_patterns(test):
@@ -52,55 +50,6 @@ class Manual(ToolTest):
     def test_the_page_is_well_formed(self):
         lint = subprocess.run(["mandoc", "-T", "lint", self.page()], capture_output=True, text=True)
         self.assertEqual((lint.stdout, lint.returncode), ("", 0))
-
-
-class Completion(ToolTest):
-    def complete(self, *words):
-        """What bash offers for the last of these words."""
-        script = (
-            f"source {COMPLETION / 'shmnmctl.bash'}; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _shmnmctl; "
-            'printf "%s\\n" "${COMPREPLY[@]}"'
-        )
-        environment = dict(self.environment, PATH=f"{support.FOLDER}:{self.environment['PATH']}")
-        done = subprocess.run(
-            ["bash", "-c", script, "bash", "shmnmctl", *words], env=environment, capture_output=True, text=True, check=True
-        )
-        return done.stdout.split()
-
-    def test_commands_and_their_options_are_completed(self):
-        self.assertEqual(self.complete("st"), ["status"])
-        self.assertEqual(sorted(self.complete("")), sorted(re.findall(r"^  (\w+) +", self.tool("--help").out.split("Subcommands:")[1], re.M)))
-        self.assertEqual(self.complete("add", "s"), ["server"])
-        self.assertIn("--watch", self.complete("status", "--w"))
-        self.assertIn("--force", self.complete("add", "server", "--"))
-        self.assertEqual(self.complete("status", "--format", "j"), ["json"])
-
-    def test_existing_servers_resources_and_keys_are_completed(self):
-        self.cluster()
-        self.assertEqual(self.complete("remove", "server", ""), ["alpha", "beta", "gamma"])
-        self.assertEqual(self.complete("simulate", "on", "alpha", "b"), ["beta"])
-        self.assertEqual(self.complete("describe", "hb", ""), ["disk", "lan"])
-        self.assertEqual(self.complete("describe", "hb", "lan", ""), ["lanhb1"])
-        self.assertEqual(self.complete("get", "servers/alpha/ping"), ["servers/alpha/pingstat"])
-        self.assertEqual(self.complete("set", "cluster/clstat", "1", "cluster/wait"), ["cluster/waitstat"])
-
-    def test_each_key_that_the_help_names_is_completed(self):
-        region = self.cluster()
-        region.ok("shmnm_setfstrscpid", "agent", 0, 1, 2)
-        names = {"servers": ("alpha",), "hb": ("lan", "lanhb1"), "np": ("ping", "pingnp1"), "fst": ("agent",)}
-        for pattern, _ in key_patterns(self):
-            first, *rest = pattern.split("/")
-            given = list(names.get(first, ()))
-            parts = [first] + [{"SERVER": "alpha", "KIND": "0"}.get(part) or (given.pop(0) if part in ("TYPE", "NAME") else part) for part in rest]
-            key = "/".join(parts)
-            with self.subTest(key):
-                self.assertIn(key, self.complete("get", key[:-1]))
-
-    def test_completion_is_silent_without_a_region(self):
-        self.assertEqual(self.complete("remove", "server", ""), [])
-
-    def test_the_completion_for_zsh_uses_the_one_for_bash(self):
-        self.assertIn("_shmnmctl", (COMPLETION / "_shmnmctl").read_text())
 
 
 if __name__ == "__main__":

@@ -108,7 +108,9 @@ class Options(UsageTest):
             outputs = {self.tool(command, *form).out for form in ([file], ["--file", file], ["-f", file])}
             self.assertEqual(len(outputs), 1, outputs)
             self.assertEqual(self.tool(command, "--file", file).status, 0)
-            self.assertIn("use either", self.tool(command, "--file", file, file).err)
+            twice = self.tool(command, "--file", file, file)
+            self.assertEqual(twice.status, 2)
+            self.assertRegex(twice.err, "use either FILE or --file; |: name one dump$")
 
     def test_each_error_of_usage_shows_the_command_at_hand(self):
         for command, message in (

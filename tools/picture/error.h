@@ -27,6 +27,7 @@ enum class ErrorKind {
     damaged,                ///< the bytes of a region contradict themselves
     interrupted,            ///< a killed process has left a change half done
     inexpressible,          ///< no calls of the library make the region so
+    not_whole,              ///< a file holds no region or a part of one, but it has a header
     no_notes,               ///< the system keeps no note of changes
     note_outdated,          ///< the note of an interrupted change is of a region that has ended
     change_in_doubt,        ///< an interrupted change can be completed, but the region was used since

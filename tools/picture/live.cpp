@@ -9,6 +9,7 @@
 
 #include "kzmutil.h"
 #include "kzmxml.h"
+#include "picture/cluster_file.h"
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/in_use.h"
@@ -362,13 +363,29 @@ void expect_configured(const Snapshot& snapshot, bool force) {
                             to_text(header), to_text(*snapshot.configured)));
 }
 
+namespace {
+
+void attach() {
+    const auto& function = library().shmnm_attach;
+    const uint32_t result = function();
+    if (result == SHMNM_ERR_LOADCONFIG) {
+        throw Error(ErrorKind::failed,
+                    fmt::format("nothing was changed: {} failed with code {} ({}); put the "
+                                "configuration at {}",
+                                function.name, result, meaning(result), as_typed(installed_cluster_file())));
+    }
+    expect_ok(function.name, result);
+}
+
+}  // namespace
+
 Change::Change(LiveRegion& region, bool force) : region_(region) {
     region_.expect();
     region_.lock();
     try {
         before_ = region_.copy_locked();
         expect_configured(before_, force);
-        call(library().shmnm_attach);
+        attach();
     } catch (...) {
         region_.unlock();
         throw;

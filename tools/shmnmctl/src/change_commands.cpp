@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,7 @@ std::string name_from(const std::string& text, const char* what, size_t limit) {
         throw Failure(Exit::usage,
                       fmt::format("invalid {} \"{}\": use two hexadecimal digits after each %, and %25 for "
                                   "a % itself",
-                                  what, printable(text)));
+                                  what, as_typed(text)));
     }
     if (name->empty() || name->size() > limit || name->find('\0') != std::string::npos) {
         throw Failure(Exit::usage,
@@ -47,7 +48,7 @@ Number number_from(const std::string& text, const char* what, std::optional<Numb
     const auto number = value ? (*value.*in_range)() : std::nullopt;
     if (!number) {
         throw Failure(Exit::usage,
-                      fmt::format("invalid {} \"{}\": use a whole number from {} to {}", what, printable(text),
+                      fmt::format("invalid {} \"{}\": use a whole number from {} to {}", what, as_typed(text),
                                   std::numeric_limits<Number>::min(), std::numeric_limits<Number>::max()));
     }
     return *number;
@@ -55,11 +56,33 @@ Number number_from(const std::string& text, const char* what, std::optional<Numb
 
 /// Makes one call of the library on the attached region, under the lock.
 template <typename Call>
-Exit change(const Context& context, const Call& call) {
+void change(const Context& context, const Call& call) {
     LiveRegion region(context.access);
     const Change attached(region, context.force);
     call();
+}
+
+/// The end of a change: a document, if one is asked for, once the lock was given back.
+Exit answered(const Context& context, const Json& answer) {
+    if (context.json()) write_output(line(answer));
     return Exit::done;
+}
+
+/// Which words were set, and what they are now.
+Json set_words(const char* kind, const std::vector<Word>& words) {
+    Json answer = document(kind);
+    answer["words"] = to_json(words);
+    return answer;
+}
+
+/// The beginning of the keys of a member.
+std::string key_of(const Member& member) {
+    if (!member.kind) return "servers/" + escaped(member.name);
+    return fmt::format("{}/{}/{}", member.kind->key, escaped(member.type), escaped(member.name));
+}
+
+Value value_of_priority(int64_t priority) {
+    return priority < 0 ? Value(static_cast<int32_t>(priority)) : Value(static_cast<uint64_t>(priority));
 }
 
 std::string read_standard_input() {
@@ -67,6 +90,15 @@ std::string read_standard_input() {
     char part[1 << 14];
     for (size_t size = 0; (size = std::fread(part, 1, sizeof part, stdin)) > 0;) text.append(part, size);
     return text;
+}
+
+void set_all(const Context& context, const std::vector<Assignment>& assignments) {
+    LiveRegion region(context.access);
+    // Values that are there already need no change of the region, and so no attaching, which writes its header.
+    if (plan(decode(region.copy(Bytes::in_use)), assignments, context.force).empty()) return;
+    const Change change(region, context.force);
+    const Picture picture = decode(change.before());
+    for (const Step& step : plan(picture, assignments, context.force)) expect_ok(step.function, step.call());
 }
 
 Exit set(const Context& context, const Arguments& given) {
@@ -80,13 +112,15 @@ Exit set(const Context& context, const Arguments& given) {
     } else {
         throw Failure(Exit::usage, "set takes pairs of KEY and VALUE, or - to read them from standard input");
     }
-    LiveRegion region(context.access);
-    // Values that are there already need no change of the region, and so no attaching, which writes its header.
-    if (plan(decode(region.copy(Bytes::in_use)), assignments, context.force).empty()) return Exit::done;
-    const Change change(region, context.force);
-    const Picture picture = decode(change.before());
-    for (const Step& step : plan(picture, assignments, context.force)) expect_ok(step.function, step.call());
-    return Exit::done;
+    set_all(context, assignments);
+    // Of two values for one word the last one stays.
+    std::map<std::string_view, Value> values;
+    for (const Assignment& one : assignments) values[one.key] = one.value;
+    std::vector<Word> words;
+    for (const Assignment& one : assignments) {
+        if (const auto found = values.extract(one.key)) words.push_back({.key = one.key, .value = found.mapped()});
+    }
+    return answered(context, set_words("set", words));
 }
 
 /// @param[in] kind  null: a server
@@ -105,18 +139,25 @@ int64_t priority_from(const Member& member, const Arguments& given) {
 Exit add_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
     const Member member = member_from(kind, given);
     const int64_t priority = priority_from(member, given);
-    return change(context, [&] { expect_ok(add(member, priority), member); });
+    change(context, [&] { expect_ok(add(member, priority), member); });
+    return answered(context,
+                    set_words("add", {{.key = key_of(member) + "/pri", .value = value_of_priority(priority)}}));
 }
 
 Exit remove_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
     const Member member = member_from(kind, given);
-    return change(context, [&] { expect_ok(remove(member), member); });
+    change(context, [&] { expect_ok(remove(member), member); });
+    Json answer = document("remove");
+    answer["removed"] = key_of(member);
+    return answered(context, answer);
 }
 
 Exit modify_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
     const Member member = member_from(kind, given);
     const int64_t priority = priority_from(member, given);
-    return change(context, [&] { expect_ok(set_priority(member, priority), member); });
+    change(context, [&] { expect_ok(set_priority(member, priority), member); });
+    return answered(context,
+                    set_words("modify", {{.key = key_of(member) + "/pri", .value = value_of_priority(priority)}}));
 }
 
 Exit add_fst(const Context& context, const Arguments& given) {
@@ -125,7 +166,7 @@ Exit add_fst(const Context& context, const Arguments& given) {
     if (kind < 0 || kind > 2) throw Failure(Exit::usage, fmt::format("invalid kind \"{}\": use 0, 1 or 2", kind));
     const uint32_t pid = number_from(given.pid, "process id", &Value::to_uint32);
     const uint64_t data = number_from(given.data.empty() ? "0" : given.data, "value", &Value::to_uint64);
-    return change(context, [&] {
+    change(context, [&] {
         const auto& set = library().shmnm_setfstrscpid;
         const uint32_t result = set(name.c_str(), kind, pid, data);
         if (result == SHMNM_ERR_COUNTOVER) {
@@ -136,6 +177,10 @@ Exit add_fst(const Context& context, const Arguments& given) {
         }
         expect_ok(set.name, result);
     });
+    const auto word = [&](const char* key, const Value& value) {
+        return Word{.key = fmt::format("fst/{}/{}/{}", key, escaped(name), kind), .value = value};
+    };
+    return answered(context, set_words("add", {word("pids", pid), word("piddata", data)}));
 }
 
 /// The bytes of a description as they are stored: the text, then zeros.
@@ -149,38 +194,44 @@ std::string description_from(const std::string& text) {
     return *bytes;
 }
 
-Exit show_description(const Context& context, const std::string& descript) {
-    if (context.json()) {
-        Json answer = document("describe");
-        answer["descript"] = escaped(descript);
-        write_output(line(answer));
-    } else {
-        write_output(printable(descript) + "\n");
-    }
-    return Exit::done;
+/// @param[in] bytes  zeros at their end are not shown
+Json description_document(const std::string& bytes) {
+    Json answer = document("describe");
+    answer["descript"] = escaped(std::string_view(bytes).substr(0, bytes.find_last_not_of('\0') + 1));
+    return answer;
 }
 
-Exit describe_resource(const Context& context, const ResourceKind& kind, const Arguments& given) {
-    const Member member = member_from(&kind, given);
-    const auto described = [&](const Picture& picture) -> const Resource& {
-        const Resource* const resource = find_resource(picture, member);
-        if (!resource) throw Error(ErrorKind::no_such_member, fmt::format("there is no {}", to_text(member)));
-        return *resource;
-    };
-    if (!given.has_text) return show_description(context, described(decode(look(context))).descript);
+Exit show_description(const Context& context, const std::string& descript) {
+    if (!context.json()) write_output(printable(descript) + "\n");
+    return answered(context, description_document(descript));
+}
 
-    const std::string bytes = description_from(given.text);
+const Resource& described(const Picture& picture, const Member& member) {
+    const Resource* const resource = find_resource(picture, member);
+    if (!resource) throw Error(ErrorKind::no_such_member, fmt::format("there is no {}", to_text(member)));
+    return *resource;
+}
+
+void set_description(const Context& context, const Member& member, const std::string& bytes) {
     LiveRegion region(context.access);
     const Change change(region, context.force);
-    described(decode(change.before()));
+    described(decode(change.before()), member);
     const Answer answer = describe(member, bytes);
     if (answer.result == SHMNM_ERR_NOTFOUND) {
         throw Failure(Exit::failed, fmt::format("cannot describe {}: the library reaches only the description of the "
                                                 "first {} resource",
-                                                to_text(member), kind.key));
+                                                to_text(member), member.kind->key));
     }
     expect_ok(answer, member);
-    return Exit::done;
+}
+
+Exit describe_resource(const Context& context, const ResourceKind& kind, const Arguments& given) {
+    const Member member = member_from(&kind, given);
+    if (!given.has_text) return show_description(context, described(decode(look(context)), member).descript);
+
+    const std::string bytes = description_from(given.text);
+    set_description(context, member, bytes);
+    return answered(context, description_document(bytes));
 }
 
 Exit describe_fst(const Context& context, const Arguments& given) {
@@ -193,42 +244,53 @@ Exit describe_fst(const Context& context, const Arguments& given) {
         return show_description(context, picture.fst->descript);
     }
     const std::string bytes = description_from(given.text);
-    return change(context, [&] {
+    change(context, [&] {
         const auto& describe_it = library().shmnm_setfstdescript;
         const uint32_t result = describe_it(bytes.data(), static_cast<int32_t>(bytes.size()));
         if (result == SHMNM_ERR_NOTFOUND) throw missing();
         expect_ok(describe_it.name, result);
     });
+    return answered(context, description_document(bytes));
+}
+
+/// @param[in] failed  the servers' names
+Json simulation_document(uint32_t state, const std::vector<std::string>& failed) {
+    Json answer = document("simulate");
+    answer["dfailstatus"] = state;
+    answer["failed"] = Json::array();
+    for (const std::string& name : failed) answer["failed"].push_back(escaped(name));
+    return answer;
 }
 
 Exit simulate_on(const Context& context, const Arguments& given) {
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
     std::vector<std::string> servers;
     for (const std::string& text : given.many) servers.push_back(name_from(text, "server name", server_name_limit));
-    std::vector<uint32_t> failed = failures_by_priority(decode(change.before()), servers);
-    call(library().shmnm_setnpsimu, 1u, failed.empty() ? nullptr : failed.data(), static_cast<int32_t>(failed.size()));
-    return Exit::done;
+    {
+        LiveRegion region(context.access);
+        const Change change(region, context.force);
+        std::vector<uint32_t> failed = failures_by_priority(decode(change.before()), servers);
+        call(library().shmnm_setnpsimu, 1u, failed.empty() ? nullptr : failed.data(),
+             static_cast<int32_t>(failed.size()));
+    }
+    return answered(context, simulation_document(1, servers));
 }
 
 Exit simulate_off(const Context& context) {
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    call(library().shmnm_setnpsimu, 0u, nullptr, 0);
-    return Exit::done;
+    change(context, [] { call(library().shmnm_setnpsimu, 0u, nullptr, 0); });
+    return answered(context, simulation_document(0, {}));
 }
 
 Exit clear(const Context& context, const Arguments& given) {
     if (!given.yes) {
         throw Failure(Exit::usage, "clear removes all servers, resources and values: add --yes to confirm");
     }
-    LiveRegion region(context.access);
-    const Change change(region, context.force);
-    call(library().shmnm_clear);
-    // Mapping it anew writes the maxima, without which nothing could be added.
-    call(library().shmnm_detach);
-    call(library().shmnm_attach);
-    return Exit::done;
+    change(context, [] {
+        call(library().shmnm_clear);
+        // Mapping it anew writes the maxima, without which nothing could be added.
+        call(library().shmnm_detach);
+        call(library().shmnm_attach);
+    });
+    return answered(context, document("clear"));
 }
 
 }  // namespace

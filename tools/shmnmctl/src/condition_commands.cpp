@@ -115,6 +115,7 @@ void add_condition_commands(CLI::App& app, Context& context) {
     CLI::App* const query_command = app.add_subcommand("query", "Answer by the exit status whether a condition holds");
     add_format(*query_command, context);
     add_file(*query_command, context);
+    add_read_force(*query_command, context);
     condition(*query_command);
     query_command->callback([&] { context.command = [&] { return query(context, options); }; });
 

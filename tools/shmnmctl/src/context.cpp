@@ -6,12 +6,27 @@
 
 #include <fmt/format.h>
 
+#include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/laid_out.h"
 
 namespace shmnmctl {
 
-Snapshot look(const Context& context, Bytes wanted) {
+Snapshot look_unjudged(const Context& context, Bytes wanted) {
     return context.file.empty() ? LiveRegion(context.access).copy(wanted) : read_dump(context.file);
+}
+
+Snapshot look(const Context& context) {
+    Snapshot snapshot = look_unjudged(context, Bytes::in_use);
+    std::string doubt;
+    try {
+        doubt = snapshot.live ? doubt_about(snapshot) : settle_dump(snapshot, context.file);
+    } catch (const Error& error) {
+        if (!context.force) throw;
+        doubt = error.what();
+    }
+    if (!doubt.empty()) std::fputs(warning(doubt, context.json()).c_str(), stderr);
+    return snapshot;
 }
 
 Failure closed_output() {
@@ -42,8 +57,12 @@ CLI::Option* add_file(CLI::App& command, Context& context) {
     return command.add_option("-f,--file", context.file, "Read this dump, not the live region")->type_name("FILE");
 }
 
-void add_file_argument(CLI::App& command, Context& context) {
-    command.add_option("FILE", context.file, "The same as --file")->excludes(add_file(command, context));
+CLI::Option* add_file_argument(CLI::App& command, Context& context) {
+    return command.add_option("FILE", context.file, "The same as --file")->excludes(add_file(command, context));
+}
+
+void add_read_force(CLI::App& command, Context& context) {
+    command.add_flag("--force", context.force, "Show what there is in a file that was cut or is not a dump");
 }
 
 void refuse_file(const Context& context, const std::string& advice) {

@@ -26,8 +26,13 @@ struct Context {
     bool json() const { return format == "json"; }
 };
 
-/// A copy of what a reading command looks at: the dump that was named, else the live region.
-Snapshot look(const Context& context, Bytes wanted = Bytes::in_use);
+/// A copy of what a reading command looks at: the dump that was named, else the live region. What calls of the library
+/// have made odd is told on standard error.
+/// @throws Error  also when the dump was cut, or is none, unless --force was given
+Snapshot look(const Context& context);
+
+/// The same for a command that judges itself: without a warning, and whatever the dump is.
+Snapshot look_unjudged(const Context& context, Bytes wanted);
 
 /// Writes to standard output and makes sure that it is written.
 /// @throws Failure  it is closed or full
@@ -39,7 +44,8 @@ Failure closed_output();
 /// Options that several commands take.
 void add_format(CLI::App& command, Context& context);
 CLI::Option* add_file(CLI::App& command, Context& context);
-void add_file_argument(CLI::App& command, Context& context);  // --file FILE, or FILE alone
+CLI::Option* add_file_argument(CLI::App& command, Context& context);  // --file FILE, or FILE alone
+void add_read_force(CLI::App& command, Context& context);             // for what looks()
 /// For a command that waits for changes, which a dump does not have. @throws Failure  a dump was named
 /// @param[in] advice  what reads a dump
 void refuse_file(const Context& context, const std::string& advice);

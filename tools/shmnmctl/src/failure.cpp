@@ -53,6 +53,8 @@ Ending ending(ErrorKind kind) {
             return {Exit::failed, "\"shmnmctl verify\" tells more"};
         case ErrorKind::interrupted:
             return {Exit::failed, "run \"shmnmctl repair\" first"};
+        case ErrorKind::not_whole:
+            return {Exit::failed, "check it with \"shmnmctl verify\", or use --force to show what there is"};
         case ErrorKind::no_notes:
             return {Exit::failed, "\"shmnmctl verify\" finds what the bytes alone can tell"};
         case ErrorKind::note_outdated:
@@ -99,6 +101,13 @@ std::string to_text(const Failure& failure, bool json) {
     picture::Json document = picture::document("error");
     document["status"] = static_cast<int>(failure.exit);
     document["message"] = failure.what();
+    return picture::line(document);
+}
+
+std::string warning(const std::string& line, bool json) {
+    if (!json) return "shmnmctl: warning: " + line + "\n";
+    picture::Json document = picture::document("warning");
+    document["message"] = line;
     return picture::line(document);
 }
 

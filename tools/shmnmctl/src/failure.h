@@ -35,4 +35,7 @@ Failure current_failure();
 /// A failure as a line with its end: for people, or the document "error".
 std::string to_text(const Failure& failure, bool json);
 
+/// What does not keep the tool from answering, as a line with its end: for people, or the document "warning".
+std::string warning(const std::string& line, bool json);
+
 }  // namespace shmnmctl

@@ -23,13 +23,12 @@ Exit run_locked(const Context& context, const std::vector<std::string>& command)
 }
 
 Json to_json(const platform::LockHolder& holder) {
-    Json one = {{"process", holder.process},
-                {"thread", holder.thread},
-                {"since", platform::to_text(holder.since_ns / 1'000)},
-                {"command", nullptr},
-                {"state", "ended"}};
+    Json one = {
+        {"process", holder.process}, {"thread", holder.thread}, {"since", platform::to_text(holder.since_ns / 1'000)},
+        {"command", nullptr},        {"command_line", nullptr}, {"state", "ended"}};
     if (const auto process = platform::process(holder.process)) {
         one["command"] = escaped(process->command);
+        one["command_line"] = printable(process->command);
         one["state"] = process->state;
     }
     if (platform::has_ended(holder)) one["state"] = "ended";
@@ -49,6 +48,9 @@ Exit tell_who(const Context& context) {
         // One that ended with the lock is told too.
         answer["holder"] = holder && holder->process != 0 ? to_json(*holder) : Json();
         answer["takeovers"] = holder ? Json(holder->takeovers) : Json();
+        answer["last_takeover"] = holder && holder->last_takeover_ns != 0
+                                      ? Json(platform::to_text(holder->last_takeover_ns / 1'000))
+                                      : Json();
         answer["interrupted"] = to_json(interrupted_changes_unlocked(region.mutex(), live_object()));
         write_output(line(answer));
     } else {

@@ -64,6 +64,12 @@ Exit dump(const Context& context, const std::string& name) {
     if (!written) {
         throw Failure(Exit::failed, fmt::format("cannot write {}: {}", as_typed(name), std::strerror(errno)));
     }
+    if (context.json()) {
+        Json answer = document("dump");
+        answer["file"] = as_typed(name);
+        answer["size"] = bytes.size();
+        write_output(line(answer));
+    }
     return Exit::done;
 }
 
@@ -81,6 +87,7 @@ void add_looking_commands(CLI::App& app, Context& context) {
     CLI::App* const list_command = app.add_subcommand("list", "List every word with its key");
     add_format(*list_command, context);
     add_file(*list_command, context);
+    add_read_force(*list_command, context);
     list_command->add_option("PREFIX", argument, "Only keys at or below this one");
     list_command->footer(keys_footer());
     list_command->callback([&] { context.command = [&] { return list(context, argument); }; });
@@ -88,12 +95,13 @@ void add_looking_commands(CLI::App& app, Context& context) {
     CLI::App* const get_command = app.add_subcommand("get", "Print the value of one key");
     add_format(*get_command, context);
     add_file(*get_command, context);
+    add_read_force(*get_command, context);
     get_command->add_option("KEY", argument, "As \"list\" shows it")->required();
     get_command->callback([&] { context.command = [&] { return get(context, argument); }; });
 
     CLI::App* const dump_command = app.add_subcommand("dump", "Write the region's bytes to a file");
     add_format(*dump_command, context);
-    dump_command->add_option("FILE", argument, "\"-\": standard output")->required();
+    dump_command->add_option("FILE", argument, "\"-\": standard output, the bytes alone")->required();
     dump_command->callback([&] { context.command = [&] { return dump(context, argument); }; });
 }
 

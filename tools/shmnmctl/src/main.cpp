@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "completion.h"
 #include "context.h"
 #include "duration.h"
 #include "failure.h"
@@ -97,6 +99,10 @@ int main(int argc, char** argv) {
     add_lock_command(app, context);
     add_holders_command(app, context);
     add_serve_command(app, context);
+    if (argc > 1 && std::string_view(argv[1]) == completion_word) {
+        context.command = [&app, argc, argv] { return show(completion(app, {argv + 2, argv + argc})); };
+        return run(context);
+    }
     try {
         app.parse(arguments_of(argc, argv));
     } catch (const CLI::CallForHelp&) {

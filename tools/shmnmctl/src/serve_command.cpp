@@ -210,7 +210,8 @@ void add_serve_command(CLI::App& app, Context& context) {
     CLI::App* const command =
         app.add_subcommand("serve", "Create the region from the configuration, or hold the live one as it is");
     add_format(*command, context);
-    command->add_option("--config", options.file, "The configuration (etc/cluster.xml below the installation path)");
+    command->add_option("--config", options.file, "The configuration (etc/cluster.xml below the installation path)")
+        ->type_name("FILE");
     command->add_flag("--register", options.register_missing, "Register the members that a live region does not have");
     command->add_flag("--clean", options.clean, "Remove the members that it registered before it ends");
     command->add_flag("--until-eof", options.until_eof, "End when standard input ends, too");

@@ -3,8 +3,8 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -131,6 +131,51 @@ void wait_for_stop(bool or_end_of_input) {
     }
 }
 
+namespace {
+
+/// The signals that a command begins with.
+struct CommandSignals {
+    sigset_t defaults, mask;
+};
+
+/// What a child of this process becomes. The error of a command that cannot be started goes into the pipe.
+[[noreturn]] void become(char* const* arguments, const CommandSignals& signals, pid_t parent, int error_pipe) {
+    // The command is told when this process ends, however that happens. A parent that ended before the request was
+    // made is not announced any more, so it is looked for after the request.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(128 + SIGTERM);
+    for (const int signal : {SIGPIPE, SIGXFSZ, SIGINT, SIGQUIT}) {
+        if (sigismember(&signals.defaults, signal) == 1) handle(signal, SIG_DFL);
+    }
+    sigprocmask(SIG_SETMASK, &signals.mask, nullptr);
+    execvp(arguments[0], arguments);
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = write(error_pipe, &error, sizeof error);
+    _exit(127);
+}
+
+/// Starts a command. @return its process; `error` says why there is none
+pid_t start(char* const* arguments, const CommandSignals& signals, int& error) {
+    std::array<int, 2> error_pipe{-1, -1};
+    const pid_t parent = getpid();
+    const pid_t child = pipe2(error_pipe.data(), O_CLOEXEC) == 0 ? fork() : -1;
+    error = errno;
+    if (child == 0) become(arguments, signals, parent, error_pipe[1]);
+    if (error_pipe[1] >= 0) close(error_pipe[1]);
+    if (child > 0) {
+        ssize_t size = 0;
+        while ((size = read(error_pipe[0], &error, sizeof error)) < 0 && errno == EINTR) {
+        }
+        // The pipe closes without a word when the command takes the child's place.
+        if (size <= 0) error = 0;
+        if (error != 0) waitpid(child, nullptr, 0);
+    }
+    if (error_pipe[0] >= 0) close(error_pipe[0]);
+    return child;
+}
+
+}  // namespace
+
 int run(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
@@ -138,37 +183,30 @@ int run(const std::vector<std::string>& command) {
     arguments.push_back(nullptr);
 
     // The command begins with the signals as they were before prepare().
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    if (!pipe_was_ignored) sigaddset(&defaults, SIGPIPE);
-    if (!size_limit_was_ignored) sigaddset(&defaults, SIGXFSZ);
+    CommandSignals signals;
+    sigemptyset(&signals.defaults);
+    if (!pipe_was_ignored) sigaddset(&signals.defaults, SIGPIPE);
+    if (!size_limit_was_ignored) sigaddset(&signals.defaults, SIGXFSZ);
     for (const int signal : {SIGINT, SIGQUIT}) {
-        if (!is_ignored(signal)) sigaddset(&defaults, signal);
+        if (!is_ignored(signal)) sigaddset(&signals.defaults, signal);
     }
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-
     handle(SIGINT, SIG_IGN);
     handle(SIGQUIT, SIG_IGN);
-    sigset_t passed_on, before;
+    sigset_t passed_on;
     sigemptyset(&passed_on);
     sigaddset(&passed_on, SIGTERM);
     sigaddset(&passed_on, SIGHUP);
     // Neither comes between the start of the child and its number.
-    sigprocmask(SIG_BLOCK, &passed_on, &before);
-    posix_spawnattr_setsigmask(&attributes, &before);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    pid_t child = 0;
-    const int error = posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
-    posix_spawnattr_destroy(&attributes);
+    sigprocmask(SIG_BLOCK, &passed_on, &signals.mask);
+    int error = 0;
+    const pid_t child = start(arguments.data(), signals, error);
     if (error == 0) {
         running_child = child;
         for (const int signal : {SIGTERM, SIGHUP}) {
             if (!is_ignored(signal)) handle(signal, pass_on);
         }
     }
-    sigprocmask(SIG_SETMASK, &before, nullptr);
+    sigprocmask(SIG_SETMASK, &signals.mask, nullptr);
     if (error != 0) {
         throw Failure(Exit::failed, fmt::format("cannot run {}: {}", printable(command[0]), std::strerror(error)));
     }

@@ -154,19 +154,71 @@ void wait_for_stop(bool or_end_of_input) {
     WaitForSingleObject(stop_event, INFINITE);
 }
 
+namespace {
+
+[[noreturn]] void cannot_run(const std::string& command) {
+    throw Failure(Exit::failed, fmt::format("cannot run {} (error {})", printable(command), GetLastError()));
+}
+
+/// A job whose processes the system ends when this process ends before the job does.
+class Job {
+  public:
+    Job() : job_(CreateJobObjectW(nullptr, nullptr)) {
+        if (!job_ || !end_processes_with_it(true)) {
+            throw Failure(Exit::failed, fmt::format("cannot create a job (error {})", GetLastError()));
+        }
+    }
+    ~Job() {
+        // What the command has left running stays.
+        end_processes_with_it(false);
+        CloseHandle(job_);
+    }
+    Job(const Job&) = delete;
+    Job& operator=(const Job&) = delete;
+
+    /// Starts a process in it: there is no moment at which it runs outside.
+    PROCESS_INFORMATION start(std::wstring& line, const std::string& name) const {
+        // PROC_THREAD_ATTRIBUTE_JOB_LIST, which headers for older systems lack.
+        constexpr DWORD_PTR in_jobs = 0x2000D;
+        SIZE_T size = 0;
+        InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+        std::vector<unsigned char> memory(size);
+        STARTUPINFOEXW startup{};
+        startup.StartupInfo.cb = sizeof startup;
+        startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory.data());
+        HANDLE job = job_;
+        PROCESS_INFORMATION child{};
+        if (!InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size) ||
+            !UpdateProcThreadAttribute(startup.lpAttributeList, 0, in_jobs, &job, sizeof job, nullptr, nullptr) ||
+            !CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr,
+                            nullptr, &startup.StartupInfo, &child)) {
+            cannot_run(name);
+        }
+        DeleteProcThreadAttributeList(startup.lpAttributeList);
+        return child;
+    }
+
+  private:
+    bool end_processes_with_it(bool end) const {
+        JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+        limits.BasicLimitInformation.LimitFlags = end ? JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE : 0;
+        return SetInformationJobObject(job_, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    }
+
+    HANDLE job_;
+};
+
+}  // namespace
+
 int run(const std::vector<std::string>& command) {
     std::wstring line;
     for (const std::string& argument : command) {
         if (!line.empty()) line += L' ';
         line += quoted(wide(argument));
     }
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION child{};
     SetConsoleCtrlHandler(leave_to_command, TRUE);
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
-        throw Failure(Exit::failed, fmt::format("cannot run {} (error {})", printable(command[0]), GetLastError()));
-    }
+    const Job job;
+    const PROCESS_INFORMATION child = job.start(line, command[0]);
     CloseHandle(child.hThread);
     WaitForSingleObject(child.hProcess, INFINITE);
     DWORD status = 0;

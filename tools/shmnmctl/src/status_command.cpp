@@ -126,6 +126,7 @@ void add_status_command(CLI::App& app, Context& context) {
     command->add_option("--only", only, "Only the rows whose words meet this condition, such as nodestat!=1")
         ->type_name("CONDITION");
     add_file(*command, context);
+    add_read_force(*command, context);
     command->add_option("PREFIX", arguments, "Only keys at or below these; FILE alone is the same as --file FILE");
     command->footer(
         "--only names words without the key of their row: \"nodestat!=1\", \"any svstat/*!=2\". It shows the tables "

@@ -14,10 +14,6 @@ namespace {
 
 using picture::as_typed;
 
-std::vector<const CLI::App*> visible_commands(const CLI::App& app) {
-    return app.get_subcommands([](const CLI::App* command) { return !command->get_group().empty(); });
-}
-
 std::string full_name(const CLI::App& command) {
     const CLI::App* const parent = command.get_parent();
     return (parent ? full_name(*parent) + " " : "") + command.get_name();
@@ -117,6 +113,10 @@ const CLI::App& command_at_hand(const CLI::App& app) {
     const CLI::App* command = &app;
     while (!command->get_subcommands().empty()) command = command->get_subcommands().back();
     return *command;
+}
+
+std::vector<const CLI::App*> visible_commands(const CLI::App& app) {
+    return app.get_subcommands([](const CLI::App* command) { return !command->get_group().empty(); });
 }
 
 std::string synopsis(const CLI::App& command) {

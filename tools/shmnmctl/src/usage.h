@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 #include "failure.h"
 
@@ -10,6 +11,9 @@ namespace shmnmctl {
 
 /// The command that a command line has named so far: "shmnmctl add server" when it could be read up to there.
 const CLI::App& command_at_hand(const CLI::App& app);
+
+/// The commands of a program, or of a group of commands, that its help names.
+std::vector<const CLI::App*> visible_commands(const CLI::App& app);
 
 /// All of a command in one line: "shmnmctl get [--file FILE] KEY".
 std::string synopsis(const CLI::App& command);

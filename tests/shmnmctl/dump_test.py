@@ -1,0 +1,110 @@
+"""Dumps that are whole, cut, changed by calls, and none: which of them the reading commands show."""
+import support
+from support import ToolTest, path
+
+READING = {
+    "status": ["status"],
+    "list": ["list"],
+    "get": ["get", "cluster/clstat"],
+    "query": ["query", "cluster/clstat=7"],
+    "describe": ["describe", "fst"],
+}
+
+
+class Dumps(ToolTest):
+    def dump_of(self, *changes):
+        """A region with every table full, as a dump after these calls."""
+        api = self.cluster()
+        api.ok("shmnm_addnode", "delta", 3)
+        api.ok("shmnm_addhbrsc", "lan", "lanhb2", 2)
+        api.ok("shmnm_setclstat", 7)
+        for function, *arguments in changes:
+            api.ok(function, *arguments)
+        self.assertEqual(self.tool("dump", path(self.folder / "dump")).status, 0)
+        api.end()
+        return (self.folder / "dump").read_bytes()
+
+    def file(self, content):
+        (self.folder / "file").write_bytes(content)
+        return path(self.folder / "file")
+
+    def refused(self, content, size, wanted):
+        """Every reading command refuses it with status 5, and shows it with --force and a warning."""
+        file = self.file(content)
+        what = f"{file} was cut or is not a dump: it has {size} bytes, and its header asks for {wanted}"
+        for name, command in READING.items():
+            with self.subTest(name, size=size):
+                result = self.tool(*command, "--file", file)
+                self.assertEqual((result.status, result.out), (5, ""))
+                self.assertEqual(result.err, f'shmnmctl: {what}; check it with "shmnmctl verify", or use --force to show what there is\n')
+                forced = self.tool(*command, "--file", file, "--force")
+                self.assertLess(forced.status, 2, forced)
+                self.assertIn(f"shmnmctl: warning: {what}\n", forced.err)
+        warned = self.tool("status", "--format", "json", "--file", file, "--force")
+        self.assertEqual((warned.status, warned.error), (0, {"version": 1, "kind": "warning", "message": what}))
+
+    def test_a_file_that_is_no_dump_is_refused_by_every_reading_command_but_verify(self):
+        text = b"root:x:0:0:root:/root:/bin/bash\n" * 60
+        self.refused(text, len(text), "more than any memory has")
+        self.assertEqual(self.tool("verify", "--file", self.file(text)).status, 1)
+
+    def test_a_cut_dump_is_refused_wherever_it_was_cut(self):
+        whole = self.dump_of()
+        self.assertEqual(len(whole), 16052)
+        for size in (1084, 4096, 8192, 12288, len(whole) - 1):
+            self.refused(whole[:size], size, "16052 bytes")
+        self.refused(whole + b"\0", len(whole) + 1, "16052 bytes")
+        self.assertIn("header/maxima: expected those of a file of 4096 bytes", self.tool("verify", self.file(whole[:4096])).out)
+
+    def test_force_shows_what_a_cut_dump_has(self):
+        whole = self.dump_of()
+        shown = self.tool("get", "--force", "--file", self.file(whole[:4096]), "servers/delta/pri")
+        self.assertEqual((shown.status, shown.out), (0, "3\n"))
+
+    def test_a_whole_dump_is_shown_without_a_word(self):
+        file = self.file(self.dump_of())
+        for name, command in READING.items():
+            with self.subTest(name):
+                self.assertEqual(self.tool(*command, "--file", file).err, "")
+
+    def test_a_dump_with_changed_maxima_is_shown_with_a_warning(self):
+        whole = self.dump_of()
+        for maxima in ((9, 9, 9), (4, 1, 1), (4, 3, 3), (2, 3, 2)):
+            with self.subTest(maxima):
+                self.environment["KZMUTIL_NAMESPACE"] += "x"
+                changed = self.dump_of(("shmnm_setmaxvalue_ex", *maxima))
+                self.assertEqual(len(changed), len(whole))
+                doubt = (f"the maxima in the header were changed: it has servers {maxima[0]}, hb {maxima[1]}, np {maxima[2]}, fst 1, "
+                         "and the region was laid out for servers 4, hb 3, np 2, fst 1")
+                result = self.tool("get", "servers/delta/pri", "--file", self.file(changed))
+                self.assertEqual((result.status, result.out, result.err), (0, "3\n", f"shmnmctl: warning: {doubt}\n"))
+                result = self.tool("list", "np", "--format", "json", "--file", self.file(changed))
+                self.assertEqual(result.error, {"version": 1, "kind": "warning", "message": doubt})
+                self.assertIn("np/ping/pingnp1/pri", result.json["words"])
+                # Cut, it is none the less cut.
+                self.assertEqual(self.tool("list", "--file", self.file(changed[:-4])).status, 5)
+
+    def test_a_dump_with_a_cleared_header_is_shown_with_a_warning(self):
+        cleared = self.dump_of(("shmnm_clear",))
+        result = self.tool("get", "cluster/clstat", "--file", self.file(cleared))
+        self.assertEqual(
+            (result.status, result.out, result.err),
+            (0, "0\n", "shmnmctl: warning: the header was cleared, and no process has attached since\n"),
+        )
+
+    def test_a_live_region_with_changed_maxima_is_shown_with_a_warning(self):
+        api = self.cluster()
+        api.ok("shmnm_setmaxvalue_ex", 4, 9, 1)
+        result = self.tool("get", "cluster/max_hb")
+        self.assertEqual((result.status, result.out), (0, "9\n"))
+        self.assertEqual(
+            result.err,
+            "shmnmctl: warning: the maxima in the header were changed: it has servers 4, hb 9, np 1, fst 1, and the region "
+            "was laid out for servers 4, hb 3, np 2, fst 1\n",
+        )
+        api.ok("shmnm_clear")
+        self.assertIn("warning: the header was cleared", self.tool("status").err)
+
+
+if __name__ == "__main__":
+    support.main()
