@@ -14,7 +14,7 @@ class ClusterValues : public test::RegionTest {
     ClusterValues() { map_region({.servers = 2, .hb = 1, .np = 1}); }
 };
 
-TEST_F(ClusterValues, SetTheThreeMaximumValuesAndMoveNoRecord) {
+TEST_F(ClusterValues, ChangeTheMaximaOfServersHbAndNpAndMoveNoRecord) {
     Bytes expected = region_bytes();
     expected[8] = 200;
     expected[12] = 30;

@@ -165,7 +165,7 @@ TEST(KernelWait, GetsTheLockWhenTheWokenWaiterIsStopped) {
 
 // When a timed lock times out, the C library leaves a pointer to the lock, and the kernel follows it when the thread
 // ends.
-TEST(KernelWait, LeavesNoPointerForTheKernelAfterATimeOut) {
+TEST(KernelWait, LeavesTheKernelNoPointerToTheMutexAfterATimeOut) {
     const std::string name = object_name();
     Sign owned, never;
     Forked owner([&] {

@@ -187,7 +187,7 @@ TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
         for (const unsigned mode : {0777u, 0770u, 0702u}) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
             expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
-            EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("in /dev/shm/parent/ other users may remove"));
+            EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("other users may remove your folder from /dev/shm/parent/"));
         }
         for (const unsigned mode : {0700u, 0755u, 01777u}) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
@@ -272,7 +272,8 @@ TEST(KernelExplanation, NamesTheObstacleAndTheRemedy) {
         living.close();
         ASSERT_EQ(chmod("/dev/shm", 0777), 0);
         EXPECT_EQ(explanation(),
-                  "in /dev/shm/ other users may remove your folder: give it to root and set its sticky bit (chmod +t)");
+                  "other users may remove your folder from /dev/shm/: give that folder to root and set its sticky bit "
+                  "(chmod +t)");
     });
 }
 

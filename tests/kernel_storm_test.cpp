@@ -92,7 +92,7 @@ void pass_the_lock_around(Objects& objects, unsigned seed) {
         if (again && !kernel::release(objects.mutex)) ++field.wrong_results;
         if (!kernel::release(objects.mutex)) ++field.wrong_results;
         rounds_left -= last;
-        // Whoever waits gets a chance before this thread takes it again.
+        // A process that waits gets a chance before this thread takes the mutex again.
         if (random() % 2 == 0) std::this_thread::yield();
     }
 }

@@ -307,7 +307,7 @@ TEST_F(ConfigurationFile, IsRefusedWhenItIsHuge) {
     EXPECT_EQ(xmllib_load_config(0), XMLLIB_ERR_FILE);
 }
 
-TEST_F(ConfigurationFile, CanNest256ElementsAndNoMore) {
+TEST_F(ConfigurationFile, MayBe256LevelsOfElementsDeepAndNoMore) {
     EXPECT_EQ(outcome(nested(256)), XMLLIB_OK);
     EXPECT_EQ(outcome(nested(257)), XMLLIB_ERR_FORMAT);
     EXPECT_EQ(outcome(nested(100'000)), XMLLIB_ERR_FORMAT);

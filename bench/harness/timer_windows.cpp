@@ -1,4 +1,4 @@
-// The timer of a platform without Google Benchmark.
+// Times calls on Windows, where Google Benchmark is not used.
 #include "measure.h"
 #include "platform.h"
 

@@ -208,7 +208,7 @@ class Changing(ToolTest):
         self.assertEqual(api.ok("shmnm_getnpsimuflag"), ["0"])
         self.refused(1, "simulate", "on", "nobody")
         api.ok("shmnm_modifynode", "gamma", 1)
-        self.assertIn("gamma has the priority 1 too, and was not named; give one of them another priority with", self.refused(5, "simulate", "on", "beta"))
+        self.assertIn("gamma has the priority 1 too and would be cut off with it; give one of them another priority with", self.refused(5, "simulate", "on", "beta"))
         api.ok("shmnm_modifynode", "gamma", -1)
         self.refused(5, "simulate", "on", "gamma")
 

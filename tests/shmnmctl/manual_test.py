@@ -30,7 +30,7 @@ class Manual(ToolTest):
                 for option in re.findall(r"^  (?:-\w,)?(--[a-z-]+)", self.tool(name, "--help").out, re.M):
                     self.assertIn(option, text + "--help")
 
-    def test_the_page_describes_every_key(self):
+    def test_the_manual_page_describes_every_key_of_the_picture(self):
         text = self.page().read_text().replace("\\-", "-").replace("\n", " ")
         patterns = key_patterns(self)
         self.assertGreater(len(patterns), 25)

@@ -58,7 +58,7 @@ class Answers(WebTest):
                 with self.subTest(method=method, path=path):
                     answer = web.request(path, method, body=b"x=1" if method in ("POST", "PUT", "PATCH") else None)
                     self.assertEqual((answer.status, answer.fields["Allow"]), (405, "GET, HEAD"))
-                    self.assertEqual(answer.json["message"], "this server changes nothing; use GET or HEAD")
+                    self.assertEqual(answer.json["message"], "shmnmweb only reads; use GET or HEAD")
         self.assertEqual(self.dumped(), before)
 
     def test_errors_are_documents_with_the_next_step(self):

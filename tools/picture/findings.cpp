@@ -48,7 +48,7 @@ constexpr ReservedField pid_reserved[] = {{PICTURE_FIELD(shmnm_fst_pid, reserved
 /// What a text field holds.
 struct Text {
     std::optional<std::string> bytes;  ///< none: it is wrong, or another table may own it
-    bool cut = false;                  ///< as long as one that was cut: another one may be equal
+    bool may_be_cut = false;           ///< it has the greatest length: two long texts may have been cut to the same
     std::optional<Finding> wrong;      ///< its key still without the record's
 };
 
@@ -205,7 +205,7 @@ class Search {
                 return text;
             }
             length = whole;
-            text.cut = length == field.room - (field.ends_in_room ? 1 : 0);
+            text.may_be_cut = length == field.room - (field.ends_in_room ? 1 : 0);
             text.bytes = snapshot_.text(at, field.size);
         }
         if (const auto rest = first_not_zero(at + length, end, doubtful)) {
@@ -242,7 +242,7 @@ class Search {
         std::string key = fmt::format("servers[{}]", position);
         const Text name = text(at, server_name, {});
         if (name.bytes) {
-            const int32_t first = first_with(names, *name.bytes, name.cut, position);
+            const int32_t first = first_with(names, *name.bytes, name.may_be_cut, position);
             if (first != position) {
                 add(at, key + "/name", "a name of its own", fmt::format("the name of servers[{}]", first));
             } else {
@@ -293,7 +293,7 @@ class Search {
             std::string both = *type.bytes;
             both += '\0';
             both += *name.bytes;
-            const int32_t first = first_with(names, both, name.cut || type.cut, position);
+            const int32_t first = first_with(names, both, name.may_be_cut || type.may_be_cut, position);
             if (first != position) {
                 add(at, key + "/name", "a type and a name of its own", fmt::format("those of {}[{}]", table, first));
             } else {
@@ -327,7 +327,7 @@ class Search {
         std::string key = fmt::format("fst/pids[{}]", position);
         const Text name = text(at, pid_name, shared);
         if (name.bytes) {
-            const int32_t first = first_with(names, *name.bytes, name.cut, position);
+            const int32_t first = first_with(names, *name.bytes, name.may_be_cut, position);
             if (first != position) {
                 add(at, key + "/name", "a name of its own", fmt::format("the name of fst/pids[{}]", first));
             } else {

@@ -25,9 +25,10 @@ void complete(Note& note, const WritableRegion& writable, const platform::LockHo
     const shmnm::Counts counts{note.servers, note.hb, note.np, note.fst};
     const shmnm::Region region{writable.base(), writable.size(), counts, shmnm::Layout(counts), writable.object()};
     if (const uint64_t takes = later_takes(holder, note); takes > 0 && !force) {
-        refuse(ErrorKind::change_in_doubt,
-               fmt::format("the lock was taken {} {} since {}, so values may have been set in the wrong places", takes,
-                           takes == 1 ? "time" : "times", sentence(interrupted_changes(note, note.object).back())));
+        refuse(
+            ErrorKind::change_in_doubt,
+            fmt::format("the lock was taken {} {} since {}, so later calls may have set values in the wrong records",
+                        takes, takes == 1 ? "time" : "times", sentence(interrupted_changes(note, note.object).back())));
     }
     if (!shmnm::can_complete(region, note)) {
         refuse(ErrorKind::change_lost, "the change cannot be completed from its note");

@@ -28,9 +28,10 @@ std::vector<uint32_t> failures_by_priority(const Picture& picture, const std::ve
     for (const Server& server : picture.servers) {
         if (!failed.contains(server.record.pri)) continue;
         if (std::find(servers.begin(), servers.end(), server.name) != servers.end()) continue;
-        throw Error(ErrorKind::shared_priority,
-                    fmt::format("cannot simulate by priority: server {} has the priority {} too, and was not named",
-                                escaped(server.name), server.record.pri));
+        throw Error(
+            ErrorKind::shared_priority,
+            fmt::format("cannot simulate by priority: server {} has the priority {} too and would be cut off with it",
+                        escaped(server.name), server.record.pri));
     }
     std::vector<uint32_t> by_priority(failed.empty() ? 0 : static_cast<size_t>(failed.rbegin()->first) + 1);
     for (const auto& [pri, is_failed] : failed) by_priority[static_cast<size_t>(pri)] = is_failed;

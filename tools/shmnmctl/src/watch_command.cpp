@@ -179,7 +179,7 @@ Exit watch(const Context& context, const WatchOptions& options) {
         try {
             watch.see(region.try_copy(Bytes::in_use, longest_lock_ms));
         } catch (const Error& error) {
-            // The next copy shows what it can and reports how much was missed.
+            // The next copy has the newest values, and a gap line says how many steps were missed.
             if (error.kind != ErrorKind::lock_timeout) throw;
         }
         // After a stop, one last copy shows what happened before it.

@@ -263,7 +263,7 @@ Response respond(const Request& request, Site& site) {
     if (auto wrong_host = refuse_host(request, site)) {
         response = refused(*wrong_host);
     } else if (!is_head && request.method != "GET") {
-        response = refused(error(405, exit_usage, "this server changes nothing; use GET or HEAD"));
+        response = refused(error(405, exit_usage, "shmnmweb only reads; use GET or HEAD"));
         response.fields.emplace_back("Allow", "GET, HEAD");
     } else if (request.has_body) {
         response = refused(error(400, exit_usage, "the request has a body; send it without one"));

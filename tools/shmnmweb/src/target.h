@@ -13,7 +13,7 @@ struct Target {
     std::vector<std::string> path;  ///< "/servers/a%20b/alive" has three parts; "/" has one, which is empty
     std::vector<std::pair<std::string, std::string>> parameters;
 
-    /// The value of the first parameter of a name; nothing if there is none.
+    /// The value of the first parameter with this name; nothing if there is none.
     std::optional<std::string> parameter(std::string_view name) const;
     bool has(std::string_view name) const { return parameter(name).has_value(); }
     /// Whether the path is one part, and this.

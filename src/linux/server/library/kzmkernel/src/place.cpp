@@ -62,9 +62,10 @@ uint32_t Place::open() noexcept {
     if (found.st_uid != 0 && found.st_uid != geteuid())
         return explained(KZMKERNEL_ERROR_ACCESS_DENIED, "%s belongs to user %u: run this program as that user", parent,
                          found.st_uid);
-    return explained(KZMKERNEL_ERROR_ACCESS_DENIED,
-                     "in %s other users may remove your folder: give it to root and set its sticky bit (chmod +t)",
-                     parent);
+    return explained(
+        KZMKERNEL_ERROR_ACCESS_DENIED,
+        "other users may remove your folder from %s: give that folder to root and set its sticky bit (chmod +t)",
+        parent);
 }
 
 }  // namespace kzmkernel

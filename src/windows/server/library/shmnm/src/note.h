@@ -42,7 +42,7 @@ constexpr bool sets_values(NotedCall call) noexcept {
 enum class Phase : uint8_t {
     records,     ///< record `record` + 1, with an hb resource's network-wide row, is copied onto record `record`
     last,        ///< the last record is zeroed, and its network-wide row if a row was moved
-    count,       ///< the count of records is stored
+    count,       ///< the new number of records is stored in the header
     hb_columns,  ///< column step `word` of hb resource `record`
     np_columns   ///< column step `word` of np resource `record`
 };

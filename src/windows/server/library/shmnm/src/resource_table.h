@@ -143,7 +143,7 @@ class StateRows {
     size_t count_ = 0;
 };
 
-/// Logs that there is no such resource. @return the code
+/// Logs that there is no such resource. @return the result code for that
 inline uint32_t not_found(Call call, const char* type, const char* name, int32_t line = __builtin_LINE()) {
     return call.fail(SHMNM_ERR_NOTFOUND, {"type:%s,name:%s not found", line}, type ? type : "-", name);
 }
