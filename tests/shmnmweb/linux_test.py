@@ -37,7 +37,7 @@ class ReadOnly(WebTest):
         name = self.environment["KZMUTIL_NAMESPACE"]
         opened = [line for line in lines if re.search(r"\bopen(at)?\(|creat\(", line) and " = -1 " not in line]
         writable = {re.search(r'"([^"]+)"', line)[1] for line in opened if re.search(r"O_RDWR|O_WRONLY|O_CREAT", line)}
-        allowed = re.compile(rf"/dev/null|/dev/shm/.*({re.escape(name)}oru_kzmshmnm_(lock|map)|\.guard|kzmkernel\.\d+)|{re.escape(str(self.folder))}/log/.*")
+        allowed = re.compile(rf"/dev/null|[ms]\.{re.escape(name)}oru_kzmshmnm_(lock|map)|kzmkernel\.\d+\.guard|{re.escape(str(self.folder))}/log/.*")
         self.assertEqual([file for file in writable if not allowed.fullmatch(file)], [])
         shared = [line for line in lines if "mmap(" in line and "MAP_SHARED" in line]
         of_region = [line for line in shared if "oru_kzmshmnm_map" in line]
@@ -89,6 +89,35 @@ class Readers(WebTest):
         done = self.ask(STRANGER, [])
         self.assertEqual((done.returncode, done.stdout, done.stderr), (1, b"", b"Permission denied\n"))
 
+    def test_members_of_the_group_use_every_reading_command(self):
+        self.cluster()
+        self.serve_group()
+        address = f"unix:{self.path}"
+        for command in (["status"], ["status", "--format", "json"], ["list"], ["get", "cluster/alive"], ["dump", "-"], ["verify"], ["query", "cluster/alive=0"],
+                        ["wait", "cluster/alive=0"]):
+            with self.subTest(command):
+                here = self.tool(*command)
+                there = self.tool_of(READER, [GROUP], "--from", address, *command)
+                self.assertEqual((there.returncode, there.stdout, there.stderr), (here.status, here.raw, b""))
+        for command in (["set", "cluster/clstat", "1"], ["clear", "--yes"], ["lock", "--", "true"]):
+            with self.subTest(command):
+                self.assertEqual(self.tool_of(READER, [GROUP], "--from", address, *command).returncode, 2)
+                self.assertNotEqual(self.tool_of(READER, [GROUP], *command).returncode, 0)
+        refused = self.tool_of(STRANGER, [], "--from", address, "status")
+        self.assertEqual((refused.returncode, refused.stdout), (5, b""))
+        self.assertIn(b"Permission denied", refused.stderr)
+
+    def tool_of(self, user, groups, *arguments):
+        return subprocess.run([self.programs / "shmnmctl", *arguments], capture_output=True, env=self.environment, stdin=subprocess.DEVNULL, timeout=60,
+                              user=user, group=user, extra_groups=groups, cwd="/")
+
+    def test_a_front_end_needs_no_right_to_the_region(self):
+        self.cluster()
+        self.serve_group()
+        front = web_support.Server(self, "--listen", "127.0.0.1:0", "--from", f"unix:{self.path}", program=[str(self.programs / "shmnmweb")],
+                                   user=READER, group=READER, extra_groups=[GROUP], cwd="/")
+        self.assertEqual(front.get("/picture.json").body, self.tool("status", "--format", "json").raw)
+
     def test_members_of_the_group_can_change_nothing(self):
         self.cluster()
         before = self.dumped()
@@ -130,6 +159,43 @@ class Readers(WebTest):
         self.path.write_text("precious")
         done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=60)
         self.assertEqual((done.returncode, self.path.read_text()), (5, "precious"))
+
+
+class Activation(WebTest):
+    def test_the_sockets_of_the_service_manager_are_served_and_it_is_told(self):
+        self.cluster()
+        path = self.folder / "activated.sock"
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as told:
+            told.bind(str(self.folder / "notify"))
+            told.settimeout(web_support.DEADLINE)
+            with socket.create_server(("127.0.0.1", 0)) as probe:
+                port = probe.getsockname()[1]
+            activator = subprocess.Popen(["systemd-socket-activate", "-l", f"127.0.0.1:{port}", "-l", str(path),
+                                          "-E", "KZM_INSTALL_PATH", "-E", "KZMUTIL_NAMESPACE", "-E", f"NOTIFY_SOCKET={self.folder / 'notify'}"]
+                                         + support.program("shmnmweb"),
+                                         env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+            self.addCleanup(activator.communicate)
+            self.addCleanup(activator.kill)
+            end = time.monotonic() + web_support.DEADLINE
+            while True:
+                connection = LocalConnection(path)
+                try:
+                    connection.request("GET", "/healthz")
+                    break
+                except OSError:
+                    connection.close()
+                    self.assertLess(time.monotonic(), end)
+            self.assertEqual(connection.getresponse().status, 200)
+            connection.close()
+            self.assertEqual(told.recv(100), b"READY=1")
+            self.assertEqual(activator.stdout.readline(), f"listening on http://127.0.0.1:{port}/\n".encode())
+            self.assertEqual(activator.stdout.readline(), f"listening on unix:{path}\n".encode())
+            with socket.create_connection(("127.0.0.1", port)) as plain:
+                plain.sendall(b"GET /healthz HTTP/1.0\r\n\r\n")
+                self.assertIn(b"200 OK", plain.recv(4096))
+            activator.terminate()
+            self.assertEqual(told.recv(100), b"STOPPING=1")
+            self.assertTrue(path.exists())
 
 
 if __name__ == "__main__":

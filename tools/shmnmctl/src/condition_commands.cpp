@@ -13,6 +13,7 @@
 #include "picture/decode.h"
 #include "picture/escape.h"
 #include "picture/platform.h"
+#include "region_source.h"
 #include "session.h"
 
 namespace shmnmctl {
@@ -51,7 +52,7 @@ Exit query(const Context& context, const ConditionOptions& options) {
 }
 
 /// What keeps the condition from holding; empty: it holds.
-std::string unmet_now(LiveRegion& region, const Condition& condition, uint32_t lock_timeout_ms) {
+std::string unmet_now(RegionSource& region, const Condition& condition, uint32_t lock_timeout_ms) {
     try {
         const auto snapshot = region.try_copy(Bytes::in_use, lock_timeout_ms);
         // One that has gone may come back, in this one's place or another's.
@@ -80,7 +81,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
         return static_cast<uint32_t>(std::min((left_us + 999) / 1'000, most_ms));
     };
     session::catch_stop();
-    LiveRegion region(context.access);
+    RegionSource region(context);
     region.expect();
     for (;;) {
         const std::string unmet = unmet_now(region, condition, left_ms(longest_lock_ms));
@@ -92,7 +93,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
             throw Failure(Exit::timeout,
                           fmt::format("the condition did not hold within {}: {}", *options.timeout, unmet));
         }
-        if (session::wait(left_ms(options.interval_ms)) == session::Wake::stop) {
+        if (region.wait(left_ms(options.interval_ms)) == session::Wake::stop) {
             throw Failure(Exit::failed, fmt::format("interrupted before the condition held: {}", unmet));
         }
     }

@@ -1,5 +1,7 @@
 #include "context.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,11 +11,15 @@
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/laid_out.h"
+#include "region_source.h"
 
 namespace shmnmctl {
 
 Snapshot look_unjudged(const Context& context, Bytes wanted) {
-    return context.file.empty() ? LiveRegion(context.access).copy(wanted) : read_dump(context.file);
+    if (!context.file.empty() && !context.from.empty()) {
+        throw Failure(Exit::usage, "a dump and a server were named; use --file or --from");
+    }
+    return context.file.empty() ? RegionSource(context).copy(wanted) : read_dump(context.file);
 }
 
 Snapshot look(const Context& context) {
@@ -67,6 +73,25 @@ void add_read_force(CLI::App& command, Context& context) {
 
 void refuse_file(const Context& context, const std::string& advice) {
     if (!context.file.empty()) throw Failure(Exit::usage, "a dump does not change: " + advice);
+}
+
+void add_from(CLI::App& app, Context& context) {
+    app.add_option("--from", context.from, "Read from shmnmweb at unix:PATH, http://HOST:PORT or https://HOST:PORT")
+        ->type_name("ADDRESS");
+    app.add_option("--ca-file", context.credentials.authorities, "Authorities that https servers are known by")
+        ->type_name("FILE");
+    app.add_option("--cert", context.credentials.certificate, "This user's certificate for https")->type_name("FILE");
+    app.add_option("--key", context.credentials.key, "Its key, if that is in a file of its own")->type_name("FILE");
+}
+
+void refuse_from(const CLI::App& app, const Context& context) {
+    if (context.from.empty()) return;
+    constexpr std::array readers{"status", "list", "get", "dump", "verify", "query", "wait", "watch", "export", "diff"};
+    for (const CLI::App* const command : app.get_subcommands()) {
+        if (std::find(readers.begin(), readers.end(), command->get_name()) != readers.end()) continue;
+        throw Failure(Exit::usage, fmt::format("\"{}\" needs the region of this machine: run it there, without --from",
+                                               command->get_name()));
+    }
 }
 
 void add_force(CLI::App& command, Context& context) {

@@ -11,6 +11,7 @@
 #include "picture/json.h"
 #include "picture/live.h"
 #include "picture/snapshot.h"
+#include "picture_http/connection.h"
 
 namespace shmnmctl {
 
@@ -20,14 +21,16 @@ struct Context {
     Access access;
     std::string format = "text";
     std::string file;  ///< a dump to be read in place of the live region; empty: none
+    std::string from;  ///< a server to be asked in place of the live region; empty: none
+    picture_http::Credentials credentials;
     bool force = false;
     std::function<Exit()> command;  ///< what the command line asks for
 
     bool json() const { return format == "json"; }
 };
 
-/// A copy of what a reading command looks at: the dump that was named, else the live region. What calls of the library
-/// have made odd is told on standard error.
+/// A copy of what a reading command looks at: the dump or server that was named, else the live region. What calls of
+/// the library have made odd is told on standard error.
 /// @throws Error  also when the dump was cut, or is none, unless --force was given
 Snapshot look(const Context& context);
 
@@ -50,6 +53,10 @@ void add_read_force(CLI::App& command, Context& context);             // for wha
 /// @param[in] advice  what reads a dump
 void refuse_file(const Context& context, const std::string& advice);
 void add_force(CLI::App& command, Context& context);
+/// --from, with what belongs to it: for the whole tool.
+void add_from(CLI::App& app, Context& context);
+/// @throws Failure  a server was named, and this command needs this machine's region
+void refuse_from(const CLI::App& app, const Context& context);
 
 /// Every command adds itself.
 void add_status_command(CLI::App& app, Context& context);      // status

@@ -31,7 +31,7 @@ Exit export_picture(const Context& context) {
 
 /// What one side of a comparison names.
 Document side(const Context& context, const std::string& name) {
-    return name == "live" ? document_of(LiveRegion(context.access).copy(Bytes::in_use)) : read_document(name);
+    return name == "live" ? document_of(look(context)) : read_document(name);
 }
 
 Exit diff(const Context& context, const DocumentArguments& given) {

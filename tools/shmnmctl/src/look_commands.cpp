@@ -52,7 +52,7 @@ Exit get(const Context& context, const std::string& key) {
 }
 
 Exit dump(const Context& context, const std::string& name) {
-    const Snapshot snapshot = LiveRegion(context.access).copy(Bytes::all);
+    const Snapshot snapshot = look_unjudged(context, Bytes::all);
     const std::string_view bytes(reinterpret_cast<const char*>(snapshot.bytes.data()), snapshot.bytes.size());
     if (name == "-") {
         write_output(bytes);

@@ -88,6 +88,7 @@ int main(int argc, char** argv) {
             };
         },
         "Tell the full names of the kernel objects that are opened");
+    add_from(app, context);
     add_status_command(app, context);
     add_looking_commands(app, context);
     add_changing_commands(app, context);
@@ -105,6 +106,7 @@ int main(int argc, char** argv) {
     }
     try {
         app.parse(arguments_of(argc, argv));
+        refuse_from(app, context);
     } catch (const CLI::CallForHelp&) {
         context.command = [&app] { return show(app.help()); };
     } catch (const CLI::CallForVersion& version) {

@@ -16,6 +16,7 @@
 #include "picture/platform.h"
 #include "picture/spelling.h"
 #include "picture_text.h"
+#include "region_source.h"
 #include "screen.h"
 #include "session.h"
 #include "status_view.h"
@@ -58,7 +59,7 @@ Exit show_once(const Context& context, const StatusOptions& options) {
 
 /// Writes a page, or a document, each time; for output that is not a screen.
 Exit show_again_and_again(const Context& context, const StatusOptions& options) {
-    LiveRegion region(context.access);
+    RegionSource region(context);
     region.expect();
     std::optional<Picture> shown;
     do {

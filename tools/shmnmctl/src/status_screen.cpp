@@ -6,6 +6,7 @@
 #include "picture/decode.h"
 #include "picture/error.h"
 #include "picture/platform.h"
+#include "region_source.h"
 #include "screen.h"
 #include "session.h"
 #include "status_view.h"
@@ -26,7 +27,7 @@ std::vector<std::string> titles(uint32_t interval_ms) {
 Exit show_on_screen(const Context& context, const StatusOptions& options, Screen& screen) {
     // A key that is pressed while the lock does not come takes effect no later than this.
     constexpr uint32_t longest_lock_ms = 1'000;
-    LiveRegion region(context.access);
+    RegionSource region(context);
     Viewport viewport;
     std::optional<Picture> shown;
     const auto look = [&] {

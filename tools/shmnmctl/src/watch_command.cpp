@@ -13,6 +13,7 @@
 #include "picture/keys.h"
 #include "picture/platform.h"
 #include "picture/spelling.h"
+#include "region_source.h"
 #include "session.h"
 
 namespace shmnmctl {
@@ -172,7 +173,7 @@ Exit watch(const Context& context, const WatchOptions& options) {
     refuse_file(context, "list its words with \"shmnmctl list --file FILE\"");
     expect_prefix(options.prefix);
     session::catch_stop();
-    LiveRegion region(context.access);
+    RegionSource region(context);
     region.expect();
     Watch watch(context, options);
     for (bool stopped = false;;) {
@@ -184,7 +185,7 @@ Exit watch(const Context& context, const WatchOptions& options) {
         }
         // After a stop, one last copy shows what happened before it.
         if (stopped) break;
-        const session::Wake wake = session::wait(options.interval_ms, {.closed_output = true});
+        const session::Wake wake = region.wait(options.interval_ms, {.closed_output = true});
         if (wake == session::Wake::closed_output) throw closed_output();
         stopped = wake == session::Wake::stop;
     }

@@ -40,6 +40,9 @@ std::string client_of(SocketHandle connection, bool is_local);
 /// The signals that ask this process to stop.
 std::vector<int> stop_signals();
 
+/// Tells the service manager that started this process, if one asked to be told, a line such as "READY=1".
+void notify_service_manager(const char* state);
+
 /// As many open files as the system grants.
 void raise_file_limit();
 

@@ -23,6 +23,7 @@
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/value.h"
+#include "service_manager.h"
 
 namespace shmnmweb {
 namespace {
@@ -232,6 +233,10 @@ std::string client_of(SocketHandle connection, bool is_local) {
 
 std::vector<int> stop_signals() {
     return {SIGINT, SIGTERM, SIGHUP};
+}
+
+void notify_service_manager(const char* state) {
+    service_manager::notify(state);
 }
 
 void raise_file_limit() {

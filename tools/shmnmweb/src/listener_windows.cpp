@@ -107,6 +107,8 @@ std::vector<int> stop_signals() {
     return {SIGINT, SIGTERM, SIGBREAK};
 }
 
+void notify_service_manager(const char*) {}
+
 void raise_file_limit() {}
 
 }  // namespace shmnmweb

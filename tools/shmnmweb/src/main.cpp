@@ -28,7 +28,7 @@ enum Exit : int { done = 0, usage = 2, failed = 5 };
 
 struct Options {
     std::vector<std::string> listen, allowed_hosts;
-    std::string socket, socket_group, names, dump;
+    std::string socket, socket_group, names, dump, from;
     bool allow_remote = false;
     Limits limits;
 };
@@ -58,7 +58,9 @@ void serve(const Options& options) {
     site.hosts = HostCheck(options.allowed_hosts);
     if (!options.names.empty()) site.names = Names(options.names);
     site.history = History(new_run());
-    auto source = options.dump.empty() ? live_source() : dump_source(options.dump);
+    auto source = !options.dump.empty()   ? dump_source(options.dump)
+                  : !options.from.empty() ? remote_source(options.from)
+                                          : live_source();
     // The first answer shows the picture already.
     Look look = look_at(*source, look_at(*source, {}, picture::Bytes::all), picture::Bytes::in_use);
     site.add(std::make_shared<const Look>(look));
@@ -72,7 +74,9 @@ void serve(const Options& options) {
         for (const std::string& address : server.addresses()) text += "listening on " + address + "\n";
         std::fputs(text.c_str(), stdout);
         std::fflush(stdout);
+        notify_service_manager("READY=1");
     });
+    notify_service_manager("STOPPING=1");
     // Before the server, to which it speaks.
     sampler.reset();
 }
@@ -91,7 +95,10 @@ int main(int argc, char** argv) {
     app.add_option("--socket", options.socket, "Serve on a Unix socket of this path, with mode 0660");
     app.add_option("--socket-group", options.socket_group, "Group whose members may connect to the Unix socket");
     app.add_option("--names", options.names, "File that gives names and levels to values");
-    app.add_option("--dump", options.dump, "Show this dump, not the live region");
+    CLI::Option* const dump = app.add_option("--dump", options.dump, "Show this dump, not the live region");
+    app.add_option("--from", options.from,
+                   "Show what another shmnmweb shows, at unix:PATH, http://HOST:PORT or https://HOST:PORT")
+        ->excludes(dump);
     app.add_option("--allow-host", options.allowed_hosts,
                    "Name by which clients may call this server, beside localhost; may be repeated")
         ->take_all()

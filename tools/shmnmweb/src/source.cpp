@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "picture/error.h"
+#include "picture/laid_out.h"
+#include "picture_http/remote.h"
 
 namespace shmnmweb {
 namespace {
@@ -23,9 +25,29 @@ class LiveSource : public Source {
     picture::LiveRegion region_{{.lock_timeout_ms = lock_timeout_ms}};
 };
 
+class RemoteSource : public Source {
+  public:
+    explicit RemoteSource(const std::string& address) : remote_(address, {}) {}
+    std::optional<picture::Snapshot> copy(Bytes wanted) override {
+        auto arrival = remote_.try_copy(wanted);
+        if (!arrival) return std::nullopt;
+        is_held_ = arrival->is_lock_held;
+        return std::move(arrival->snapshot);
+    }
+    std::optional<LockHolder> lock() override { return std::nullopt; }
+    /// Its process is of another machine, or of a user that cannot be looked at.
+    bool is_held(const LockHolder&) override { return is_held_; }
+
+  private:
+    picture_http::Remote remote_;
+    bool is_held_ = false;
+};
+
 class DumpSource : public Source {
   public:
-    explicit DumpSource(const std::string& file) : snapshot_(picture::read_dump(file)) {}
+    explicit DumpSource(const std::string& file) : snapshot_(picture::read_dump(file)) {
+        static_cast<void>(picture::settle_dump(snapshot_, file));
+    }
     std::optional<picture::Snapshot> copy(Bytes) override { return snapshot_; }
     std::optional<LockHolder> lock() override { return std::nullopt; }
     bool is_held(const LockHolder&) override { return false; }
@@ -38,6 +60,10 @@ class DumpSource : public Source {
 
 std::unique_ptr<Source> live_source() {
     return std::make_unique<LiveSource>();
+}
+
+std::unique_ptr<Source> remote_source(const std::string& address) {
+    return std::make_unique<RemoteSource>(address);
 }
 
 std::unique_ptr<Source> dump_source(const std::string& file) {

@@ -27,6 +27,10 @@ class Source {
 /// The region of this machine. It is mapped for reading only.
 std::unique_ptr<Source> live_source();
 
+/// The region behind another server, at unix:PATH, http://HOST:PORT or https://HOST:PORT.
+/// @throws picture::Error  it is no such address
+std::unique_ptr<Source> remote_source(const std::string& address);
+
 /// A dump, which never changes. @throws picture::Error  it cannot be read
 std::unique_ptr<Source> dump_source(const std::string& file);
 

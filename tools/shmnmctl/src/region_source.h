@@ -1,0 +1,32 @@
+// What reading commands look at: the live region of this machine, or the one behind a server of shmnmweb.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "context.h"
+#include "picture_http/remote.h"
+#include "session.h"
+
+namespace shmnmctl {
+
+class RegionSource {
+  public:
+    /// @throws Error  --from is not an address
+    explicit RegionSource(const Context& context);
+
+    /// @throws Error  there is no region
+    void expect();
+    /// As those of LiveRegion. The server waits for the lock as long as it sees fit.
+    Snapshot copy(Bytes wanted);
+    std::optional<Snapshot> try_copy(Bytes wanted, uint32_t lock_timeout_ms = UINT32_MAX);
+
+    /// Waits as session::wait() does. With a server, a change that it tells of ends the wait, too.
+    session::Wake wait(uint32_t milliseconds, session::WakeFor also = {});
+
+  private:
+    std::optional<LiveRegion> live_;
+    std::optional<picture_http::Remote> remote_;
+};
+
+}  // namespace shmnmctl
