@@ -197,7 +197,7 @@ const keyText = key =>
 const eventTexts = {
   gone: 'The region has gone',
   replaced: 'Another region is in its place',
-  back: 'There is a region again',
+  created: 'There is a region',
 };
 function changeLine(change) {
   if (change.event)
