@@ -55,8 +55,9 @@ class Reader {
         std::map<std::string, uint32_t> seen;  // with the line
         for (const auto& [name, content] : num) {
             if (name.starts_with('<')) continue;  // the parser's own, such as attributes
-            const auto* const element = std::find_if(std::begin(count_elements), std::end(count_elements),
-                                                     [&](const CountElement& each) { return name == each.name; });
+            const auto* const element =
+                std::find_if(std::begin(count_elements), std::end(count_elements),
+                             [&name = name](const CountElement& each) { return name == each.name; });
             if (element == std::end(count_elements)) {
                 report(content, fmt::format("unknown element \"{}\" in /root/all/num{}", printable(name),
                                             did_you_mean(name, count_names(), "use server, hbr, npr and fstr")));
