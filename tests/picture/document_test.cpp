@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 
@@ -18,8 +19,9 @@ using test::LibraryRegion;
 using test::Random;
 
 std::vector<std::string> lines(const std::vector<Difference>& differences) {
-    std::vector<std::string> all;
-    for (const Difference& difference : differences) all.push_back(to_text(difference));
+    std::vector<std::string> all(differences.size());
+    std::transform(differences.begin(), differences.end(), all.begin(),
+                   [](const Difference& one) { return to_text(one); });
     return all;
 }
 

@@ -102,7 +102,7 @@ class Entry {
         return *found;
     }
     std::string name(size_t limit) const {
-        const std::string found = bytes(limit);
+        std::string found = bytes(limit);
         if (found.find('\0') != std::string::npos) refuse("has a NUL within a name");
         return found;
     }
