@@ -187,7 +187,8 @@ TEST(KernelFolderVariable, RefusesAParentInWhichOthersMayRemoveIt) {
         for (const unsigned mode : {0777u, 0770u, 0702u}) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
             expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
-            EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("other users may remove your folder from /dev/shm/parent/"));
+            EXPECT_THAT(kzmkernel_explanation(),
+                        testing::StartsWith("other users may remove your folder from /dev/shm/parent/"));
         }
         for (const unsigned mode : {0700u, 0755u, 01777u}) {
             ASSERT_EQ(chmod("/dev/shm/parent", mode), 0);
