@@ -191,7 +191,7 @@ INSTANTIATE_TEST_SUITE_P(
         WrongCase{"a=1)", "4, \")\"", "\"and\", \"or\" or the end is expected"},
         WrongCase{"()", "2, \")\"", "a key is expected"},
         WrongCase{"a=1 or servers/*/pri=1", "8, \"servers/*/pri=1\"",
-                  "\"all\" or \"any\" is expected before a key with *"},
+                  "a key with * needs \"any\" or \"all\" before it, as in 'any servers/*/pri=0'"},
         WrongCase{"a=1 \x1b[31m\n\xff", "5, \"%1B[31m%0A%FF\"", "\"and\", \"or\" or the end is expected"},
         WrongCase{"a=1 0123456789012345678901234567890123456789XY",
                   "5, \"0123456789012345678901234567890123456789...\"", "\"and\", \"or\" or the end is expected"}));

@@ -33,6 +33,9 @@ TEST(Nearest, PrefersTheWordWithFewerDifferences) {
 
 TEST(Nearest, FindsAWordByItsBeginning) {
     EXPECT_EQ(nearest("nod", some_words), "nodestat");
+    EXPECT_EQ(nearest("no", some_words), "nodestat");
+    EXPECT_EQ(nearest("n", some_words), "");
+    EXPECT_EQ(nearest("od", some_words), "");
 }
 
 TEST(Nearest, FindsNothingThatIsNotLikeIt) {
@@ -90,12 +93,13 @@ TEST(ExpectKey, NamesTheWholeKeyOfAWordThatStandsAlone) {
 
 TEST(ExpectKey, RefusesAKeyThatIsNotWholeOrGoesOn) {
     EXPECT_EQ(error_of(expect_key, "servers"),
-              "\"servers\" is not a whole key; add what is missing, as in \"servers/NAME/pri\"");
+              "\"servers\" is not a whole key: \"shmnmctl list servers\" shows the keys below it, such as "
+              "\"servers/NAME/pri\"");
     EXPECT_EQ(
         error_of(expect_key, "hb/lan/lanhb1/svstat"),
-        "\"hb/lan/lanhb1/svstat\" is not a whole key; add what is missing, as in \"hb/lan/lanhb1/svstat/SERVER\"");
-    EXPECT_EQ(error_of(expect_key, "cluster/clstat/x"),
-              "no key \"cluster/clstat/x\" can exist: \"cluster/clstat\" is a whole key");
+        "\"hb/lan/lanhb1/svstat\" is not a whole key: \"shmnmctl list hb/lan/lanhb1/svstat\" shows the keys below "
+        "it, such as \"hb/lan/lanhb1/svstat/SERVER\"");
+    EXPECT_EQ(error_of(expect_key, "cluster/clstat/x"), "there is no key below \"cluster/clstat\": leave out \"/x\"");
 }
 
 TEST(ExpectKey, ShowsHowANameIsWritten) {
@@ -103,8 +107,24 @@ TEST(ExpectKey, ShowsHowANameIsWritten) {
     EXPECT_EQ(error_of(expect_key, "servers/a%2fb/pri"), "invalid name \"a%2fb\" in a key: write it \"a%2Fb\"");
     EXPECT_EQ(error_of(expect_key, "servers/50%/pri"),
               "invalid name \"50%\" in a key: use two hexadecimal digits after each %");
+}
+
+TEST(ExpectKey, SaysWhatTakesAKeyWithAStar) {
     EXPECT_EQ(error_of(expect_key, "servers/*/pri"),
-              "invalid name \"*\" in a key: write a * as %2A; it stands for other bytes only in conditions");
+              "\"servers/*/pri\" is not one key: \"shmnmctl list servers\" shows the keys below \"servers\", "
+              "\"shmnmctl query 'any servers/*/pri=0'\" tests the words that match (a * in a name is written %2A)");
+    EXPECT_EQ(error_of(expect_prefix, "*"),
+              "\"*\" is not one key: \"shmnmctl list\" shows all keys (a * in a name is written %2A)");
+    EXPECT_EQ(error_of(expect_key, "servers/*/prio"), "no such word \"prio\"; did you mean \"pri\"?");
+}
+
+TEST(NearestKey, IsLikeTheKeyInEachPart) {
+    const std::vector<Word> all{
+        {"servers/alpha/pri", {}}, {"servers/alphabet/pri", {}}, {"servers/alpha/nodestat", {}}};
+    EXPECT_EQ(nearest_key("servers/alhpa/pri", all), "servers/alpha/pri");
+    EXPECT_EQ(nearest_key("servers/alphabt/pri", all), "servers/alphabet/pri");
+    EXPECT_EQ(nearest_key("servers/omega/pri", all), "");
+    EXPECT_EQ(nearest_key("servers/alhpa", all), "");
 }
 
 TEST(ExpectPrefix, AcceptsTheBeginningsOfKeys) {

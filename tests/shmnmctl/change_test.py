@@ -65,7 +65,7 @@ class Changing(ToolTest):
 
     def test_set_needs_both_words_of_a_pair(self):
         api = self.cluster()
-        self.assertIn("; give all of them in one \"shmnmctl set\"", self.refused(5, "set", "cluster/hbinfo_a", "3"))
+        self.assertIn('as in "shmnmctl set cluster/hbinfo_a 3 cluster/hbinfo_b 1"', self.refused(5, "set", "cluster/hbinfo_a", "3"))
         self.done("set", "cluster/hbinfo_a", "3", "cluster/hbinfo_b", "4")
         self.done("set", "cluster/hbinfo_b", "5")
         self.assertEqual(api.ok("shmnm_gethbinfo_ex"), ["3", "5"])
@@ -137,7 +137,7 @@ class Changing(ToolTest):
         self.done("set", "-", input="# states\r\n\n  cluster/clstat\t 8  \r\n")
         self.assertEqual(api.ok("shmnm_getclstat"), ["8"])
         self.assertIn("line 2", self.refused(2, "set", "-", input="cluster/clstat 9\ncluster/bwflag\n"))
-        self.assertIn("pairs", self.refused(2, "set", "cluster/clstat"))
+        self.assertIn("VALUE is missing after cluster/clstat", self.refused(2, "set", "cluster/clstat"))
 
     def test_servers_are_added_changed_and_removed(self):
         api = self.cluster()

@@ -99,6 +99,18 @@ class Candidates(ToolTest):
             self.assertIn("any", self.offered(command, ""))
             self.assertIn("cluster/clstat=1 and not", self.offered(command, "cluster/clstat=1 and "))
 
+    def test_the_words_of_rows_are_offered_for_only(self):
+        self.cluster()
+        self.assertEqual(self.offered("status", "--only", "hold"), ["holdstat"])
+        self.assertEqual(self.offered("status", "--only=hold"), ["--only=holdstat"])
+        self.assertEqual(self.offered("status", "servers", "--only", "nodestat!=1 and ping"), ["nodestat!=1 and pingstat"])
+        self.assertEqual(self.offered("status", "--only", "any svs"), ["any svstat/"])
+        self.assertEqual(self.offered("status", "--only", "svstat/b"), ["svstat/beta"])
+        self.assertEqual(self.offered("status", "--only", "pids/"), ["pids/0", "pids/1", "pids/2"])
+        self.assertEqual(self.offered("status", "--only", "nodestat "), ["nodestat " + each for each in ("=", "!=", "<", "<=", ">", ">=")])
+        self.assertEqual(self.offered("status", "--only", "clst"), [])
+        self.assertEqual(self.offered("status", "servers/b"), ["servers/beta/"])
+
     def test_files_and_commands_are_left_to_the_shell(self):
         for words in (["dump", ""], ["status", "--file", ""], ["verify", "x"], ["get", "--file", ""], ["get", "-f", ""], ["serve", "--config", ""], ["lock", "--", "x", ""]):
             with self.subTest(words):

@@ -8,6 +8,7 @@ READING = {
     "get": ["get", "cluster/clstat"],
     "query": ["query", "cluster/clstat=7"],
     "describe": ["describe", "fst"],
+    "export": ["export"],
 }
 
 
@@ -28,15 +29,18 @@ class Dumps(ToolTest):
         (self.folder / "file").write_bytes(content)
         return path(self.folder / "file")
 
-    def refused(self, content, size, wanted):
-        """Every reading command refuses it with status 5, and shows it with --force and a warning."""
-        file = self.file(content)
+    def refused_as_cut(self, content, wanted):
+        file, size = self.file(content), len(content)
         what = f"{file} was cut or is not a dump: it has {size} bytes, and its header asks for {wanted}"
+        self.refused(file, size, what, f'"shmnmctl verify {file}" checks it, "shmnmctl status --force {file}" shows what there is')
+
+    def refused(self, file, size, what, advice):
+        """Every reading command refuses it with status 5, and shows it with --force and a warning."""
         for name, command in READING.items():
             with self.subTest(name, size=size):
                 result = self.tool(*command, "--file", file)
                 self.assertEqual((result.status, result.out), (5, ""))
-                self.assertEqual(result.err, f'shmnmctl: {what}; check it with "shmnmctl verify", or use --force to show what there is\n')
+                self.assertEqual(result.err, f"shmnmctl: {what}; {advice}\n")
                 forced = self.tool(*command, "--file", file, "--force")
                 self.assertLess(forced.status, 2, forced)
                 self.assertIn(f"shmnmctl: warning: {what}\n", forced.err)
@@ -45,21 +49,24 @@ class Dumps(ToolTest):
 
     def test_a_file_that_is_no_dump_is_refused_by_every_reading_command_but_verify(self):
         text = b"root:x:0:0:root:/root:/bin/bash\n" * 60
-        self.refused(text, len(text), "more than any memory has")
+        file = self.file(text)
+        self.refused(file, len(text), f"{file} is not a dump", 'name a file written by "shmnmctl dump"')
         self.assertEqual(self.tool("verify", "--file", self.file(text)).status, 1)
 
     def test_a_cut_dump_is_refused_wherever_it_was_cut(self):
         whole = self.dump_of()
         self.assertEqual(len(whole), 16052)
         for size in (1084, 4096, 8192, 12288, len(whole) - 1):
-            self.refused(whole[:size], size, "16052 bytes")
-        self.refused(whole + b"\0", len(whole) + 1, "16052 bytes")
+            self.refused_as_cut(whole[:size], "16052 bytes")
+        self.refused_as_cut(whole + b"\0", "16052 bytes")
         self.assertIn("header/maxima: expected those of a file of 4096 bytes", self.tool("verify", self.file(whole[:4096])).out)
 
     def test_force_shows_what_a_cut_dump_has(self):
         whole = self.dump_of()
         shown = self.tool("get", "--force", "--file", self.file(whole[:4096]), "servers/delta/pri")
         self.assertEqual((shown.status, shown.out), (0, "3\n"))
+        exported = self.tool("export", "--force", "--file", self.file(whole[:4096]))
+        self.assertEqual([server["name"] for server in exported.json["servers"]], ["alpha", "beta", "gamma", "delta"])
 
     def test_a_whole_dump_is_shown_without_a_word(self):
         file = self.file(self.dump_of())

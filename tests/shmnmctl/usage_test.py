@@ -114,15 +114,16 @@ class Options(UsageTest):
 
     def test_each_error_of_usage_shows_the_command_at_hand(self):
         for command, message in (
-            (["get"], "KEY is missing; usage: shmnmctl get [--format text|json] [--file FILE]"),
-            (["add", "server", "x"], "PRI is missing; usage: shmnmctl add server [--format text|json] [--force] NAME PRI"),
+            (["get"], 'KEY is missing: "shmnmctl list" shows all keys; usage: shmnmctl get [--format text|json] [--file FILE]'),
+            (["add", "server", "x"], "PRI is missing: the priority, a whole number; usage: shmnmctl add server [--format text|json] [--force] NAME PRI"),
             (["dump", "a", "b"], 'unexpected argument "b"; usage: shmnmctl dump [--format text|json]'),
             (["get", "--file"], "--file needs a value; usage: shmnmctl get "),
             (["get", "x", "-f", "a", "-f", "b"], "--file is given more than once; usage: shmnmctl get "),
             (["repair", "--force", "--discard"], "use either --force or --discard; usage: shmnmctl repair "),
             (["add"], 'a command is missing after "shmnmctl add"; usage: shmnmctl add server|hb|np|fst ...'),
             ([], 'a command is missing after "shmnmctl"; "shmnmctl --help" lists the commands'),
-            (["lock"], 'use either "lock --who" or "lock -- COMMAND"'),
+            (["lock"], 'COMMAND is missing: "shmnmctl lock -- COMMAND" runs COMMAND'),
+            (["lock", "--who", "--", "x"], 'use either "lock --who" or "lock -- COMMAND"'),
         ):
             with self.subTest(command):
                 result = self.tool(*command)

@@ -1,6 +1,7 @@
 #include "picture/assignments.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <map>
@@ -153,14 +154,20 @@ class Planner {
         std::apply([&](auto... numbers) { step(joint.function, header_.*numbers...); }, joint.numbers);
     }
     template <typename... Numbers>
-    [[noreturn]] static void refuse_joint(const Joint<Numbers...>& joint) {
-        std::string keys;
+    [[noreturn]] void refuse_joint(const Joint<Numbers...>& joint) const {
+        std::vector<std::string> keys;
+        std::string command = force_ ? "shmnmctl set --force" : "shmnmctl set";
         for (const ClusterWord& word : cluster_words) {
             const auto number = word.source.number();
             if (std::find(joint.numbers.begin(), joint.numbers.end(), number) == joint.numbers.end()) continue;
-            keys += fmt::format("{}cluster/{}", keys.empty() ? "" : ", ", word.key);
+            keys.push_back(std::string("cluster/") + word.key);
+            command += fmt::format(" {} {}", keys.back(), std::max(header_.*number, 1));
         }
-        refuse(ErrorKind::set_together, keys, "the library sets them together, each to at least 1");
+        const std::string last = keys.back();
+        keys.pop_back();
+        throw Error(ErrorKind::set_together,
+                    fmt::format("{} and {} can only be set together, each to at least 1, as in \"{}\"",
+                                fmt::join(keys, ", "), last, command));
     }
 
     template <typename... Parameters, typename... Arguments>

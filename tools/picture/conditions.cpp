@@ -31,7 +31,7 @@ class Parser {
     }
 
   private:
-    [[noreturn]] void refuse(const char* why) {
+    [[noreturn]] void refuse(const std::string& why) {
         constexpr size_t most_shown = 40;
         const std::string_view rest = next().empty() ? std::string_view() : text_.substr(at_);
         const std::string shown = as_typed(rest.substr(0, most_shown)) + (rest.size() > most_shown ? "..." : "");
@@ -111,7 +111,10 @@ class Parser {
         part.pattern = take_text("a key is expected");
         if (part.pattern.find('*') != std::string::npos && !quantified) {
             at_ = key_at;
-            refuse("\"all\" or \"any\" is expected before a key with *");
+            const std::string why = fmt::format("a key with * needs \"any\" or \"all\" before it, as in 'any {}=0'",
+                                                as_typed(part.pattern));
+            if (key_at == 0) throw Error(ErrorKind::invalid_condition, why);
+            refuse(why);
         }
         part.compare = take_operator();
         next();

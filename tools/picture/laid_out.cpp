@@ -58,6 +58,8 @@ std::string changed_maxima(const Counts& header, const Counts& laid_out) {
                        to_text(header), to_text(laid_out));
 }
 
+constexpr uint64_t most_bytes = uint64_t{1} << 32;
+
 constexpr const char* cleared = "the header was cleared, and no process has attached since";
 
 }  // namespace
@@ -71,10 +73,11 @@ std::string settle_dump(Snapshot& dump, const std::string& file) {
         dump.counts = *counts;
         return changed_maxima(header, *counts);
     }
-    const std::string wanted = size >= Layout::nowhere ? "more than any memory has" : fmt::format("{} bytes", size);
+    // No region has such maxima, so these bytes are no header.
+    if (size > most_bytes) throw Error(ErrorKind::not_a_dump, fmt::format("{} is not a dump", as_typed(file)));
     throw Error(ErrorKind::not_whole, fmt::format("{} was cut or is not a dump: it has {} bytes, and its header asks "
-                                                  "for {}",
-                                                  as_typed(file), dump.bytes.size(), wanted));
+                                                  "for {} bytes",
+                                                  as_typed(file), dump.bytes.size(), size));
 }
 
 std::string doubt_about(const Snapshot& live) {

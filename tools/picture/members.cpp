@@ -6,6 +6,7 @@
 
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/spelling.h"
 
 namespace picture {
 namespace {
@@ -45,6 +46,16 @@ Answer set_priority(const Member& member, int64_t priority) {
 Answer describe(const Member& member, const std::string& bytes) {
     return answer(member.kind->describe, member.type.c_str(), member.name.c_str(), bytes.data(),
                   static_cast<int32_t>(bytes.size()));
+}
+
+Error no_such_member(const Picture& picture, const Member& member) {
+    std::string near;
+    if (!member.kind) {
+        std::vector<std::string> names;
+        for (const Server& server : picture.servers) names.push_back(escaped(server.name));
+        near = nearest(escaped(member.name), names);
+    }
+    return {ErrorKind::no_such_member, fmt::format("there is no {}{}", to_text(member), question(near))};
 }
 
 void expect_ok(const Answer& answer, const Member& member) {

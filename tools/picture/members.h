@@ -31,6 +31,9 @@ Answer set_priority(const Member& member, int64_t priority);
 /// Of a resource; 256 bytes.
 Answer describe(const Member& member, const std::string& bytes);
 
+/// That there is no such member, and which server may be meant.
+Error no_such_member(const Picture& picture, const Member& member);
+
 /// @throws Error  the result is not SHMNM_OK; the message names the member
 void expect_ok(const Answer& answer, const Member& member);
 

@@ -244,13 +244,17 @@ Counts read_counts(const Entry& from) {
 
 }  // namespace
 
+Document document_of_rest(const Snapshot& snapshot) {
+    return {snapshot.counts, decode(snapshot)};
+}
+
 Document document_of(const Snapshot& snapshot) {
     const uint64_t expected = Layout(snapshot.counts).size;
     if (expected != snapshot.bytes.size()) {
         throw Error(ErrorKind::damaged, fmt::format("a region for {} has {} bytes, not {}", to_text(snapshot.counts),
                                                     expected, snapshot.bytes.size()));
     }
-    Document document{snapshot.counts, decode(snapshot)};
+    Document document = document_of_rest(snapshot);
     const Picture& picture = document.picture;
     const auto expect_all = [](const char* what, size_t decoded, int32_t counted) {
         if (counted >= 0 && decoded == static_cast<size_t>(counted)) return;

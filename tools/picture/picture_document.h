@@ -20,6 +20,9 @@ struct Document {
 /// @throws Error  it does not hold all the records that it counts
 Document document_of(const Snapshot& snapshot);
 
+/// What is left in a copy that may be cut.
+Document document_of_rest(const Snapshot& snapshot);
+
 /// As document "picture".
 Json to_json(const Document& document);
 

@@ -53,14 +53,6 @@ std::vector<RowKey> pid_keys() {
     return keys;
 }
 
-std::vector<std::string> words_of_rows() {
-    std::vector<std::string> all;
-    for (const auto& keys : {server_keys(), resource_keys(resource_kinds[0]), pid_keys()}) {
-        for (const RowKey& key : keys) all.emplace_back(key.word);
-    }
-    return all;
-}
-
 /// The words of a row, with keys that follow the row's.
 std::vector<Word> words_of(const Server& server) {
     std::vector<Word> all;
@@ -118,6 +110,14 @@ bool is_like_area(std::string_view text) {
     return !nearest(text.substr(0, text.find('/')), {std::begin(areas), std::end(areas)}).empty();
 }
 
+std::vector<std::string> words_of_rows() {
+    std::vector<std::string> all;
+    for (const auto& keys : {server_keys(), resource_keys(resource_kinds[0]), pid_keys()}) {
+        for (const RowKey& key : keys) all.push_back(std::string(key.word) + (key.is_many ? "/" : ""));
+    }
+    return all;
+}
+
 bool ShownRows::any() const {
     const auto any_of = [](const std::vector<bool>& rows) {
         return std::find(rows.begin(), rows.end(), true) != rows.end();
@@ -137,9 +137,11 @@ Selection::Selection(std::vector<std::string> prefixes, const std::optional<std:
     for (const std::string& pattern : only_->patterns()) {
         const Tables having{have(servers, pattern), have(hb, pattern), have(np, pattern), have(pids, pattern)};
         if (!having.servers && !having.hb && !having.np && !having.fst_pids) {
+            std::vector<std::string> known = words_of_rows();
+            for (std::string& word : known) word = word.substr(0, word.find('/'));
             throw Error(ErrorKind::no_such_word,
                         fmt::format("no row has a word \"{}\"{}", as_typed(pattern),
-                                    did_you_mean(pattern.substr(0, pattern.find('/')), words_of_rows(),
+                                    did_you_mean(pattern.substr(0, pattern.find('/')), known,
                                                  "name a word without the key of its row, as in nodestat!=1")));
         }
         tables_ = {tables_.servers && having.servers, tables_.hb && having.hb, tables_.np && having.np,

@@ -24,6 +24,9 @@ struct ShownRows {
     bool any() const;
 };
 
+/// The words that a condition on rows may name; with a slash after those that a row has for each server or kind.
+std::vector<std::string> words_of_rows();
+
 class Selection {
   public:
     /// Everything.

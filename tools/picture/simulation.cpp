@@ -16,7 +16,7 @@ std::vector<uint32_t> failures_by_priority(const Picture& picture, const std::ve
     std::map<int32_t, bool> failed;
     for (const std::string& name : servers) {
         const Server* const server = find_server(picture, name);
-        if (!server) throw Error(ErrorKind::no_such_member, fmt::format("there is no server {}", escaped(name)));
+        if (!server) throw no_such_member(picture, {.type = "", .name = name});
         const int32_t pri = server->record.pri;
         if (pri < 0 || pri >= priority_limit) {
             throw Error(ErrorKind::refused,

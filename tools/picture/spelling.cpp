@@ -68,12 +68,6 @@ const std::vector<Shape>& shapes() {
 }
 
 void expect_name(std::string_view part, bool is_pattern) {
-    if (part.find('*') != std::string_view::npos && !is_pattern) {
-        refuse(
-            fmt::format("invalid name \"{}\" in a key: write a * as %2A; it stands for other bytes only in "
-                        "conditions",
-                        as_typed(part)));
-    }
     std::string rest(part);
     if (is_pattern) std::erase(rest, '*');
     const auto name = unescaped(rest);
@@ -122,8 +116,29 @@ std::vector<std::string> words_at(const std::vector<Shape>& among, size_t positi
 
 enum class Extent { whole, beginning };
 
+std::string list_command(std::string_view prefix) {
+    return fmt::format("\"shmnmctl list{}{}\"", prefix.empty() ? "" : " ", as_typed(prefix));
+}
+
+/// Says what takes a key with *, which only conditions do.
+[[noreturn]] void refuse_pattern(std::string_view key, Extent extent) {
+    const size_t slash = key.substr(0, key.find('*')).rfind('/');
+    const std::string_view prefix = slash == std::string_view::npos ? std::string_view() : key.substr(0, slash);
+    const std::string below = prefix.empty() ? "all keys" : fmt::format("the keys below \"{}\"", as_typed(prefix));
+    const std::string query =
+        extent == Extent::beginning
+            ? ""
+            : fmt::format(", \"shmnmctl query 'any {}=0'\" tests the words that match", as_typed(key));
+    refuse(fmt::format("\"{}\" is not one key: {} shows {}{} (a * in a name is written %2A)", as_typed(key),
+                       list_command(prefix), below, query));
+}
+
 /// The shapes that fit.
 std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) {
+    if (!is_pattern && key.find('*') != std::string_view::npos) {
+        expect(key, extent, true);
+        refuse_pattern(key, extent);
+    }
     std::vector<Shape> fitting = shapes();
     const std::vector<std::string_view> typed = parts_of(key);
     for (size_t i = 0; i < typed.size(); ++i) {
@@ -132,8 +147,8 @@ std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) 
             std::any_of(fitting.begin(), fitting.end(), [&](const Shape& shape) { return shape.parts.size() > i; });
         if (!may_go_on) {
             const auto end = static_cast<size_t>(typed[i].data() - key.data()) - 1;
-            refuse(fmt::format("no key \"{}\" can exist: \"{}\" is a whole key", as_typed(key),
-                               as_typed(key.substr(0, end))));
+            refuse(fmt::format("there is no key below \"{}\": leave out \"{}\"", as_typed(key.substr(0, end)),
+                               as_typed(key.substr(end))));
         }
         if (next.empty()) refuse_word(fitting, i, typed[i]);
         fitting = std::move(next);
@@ -144,7 +159,8 @@ std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) 
     if (std::none_of(fitting.begin(), fitting.end(), ends_here)) {
         std::string whole = as_typed(key);
         for (size_t i = typed.size(); i < fitting[0].parts.size(); ++i) whole += "/" + std::string(fitting[0].parts[i]);
-        refuse(fmt::format("\"{}\" is not a whole key; add what is missing, as in \"{}\"", as_typed(key), whole));
+        refuse(fmt::format("\"{}\" is not a whole key: {} shows the keys below it, such as \"{}\"", as_typed(key),
+                           list_command(key), whole));
     }
     std::erase_if(fitting, [&](const Shape& shape) { return !ends_here(shape); });
     return fitting;
@@ -153,12 +169,14 @@ std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) 
 }  // namespace
 
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates) {
-    // Of a word of one or two letters another one is always near.
-    const size_t most = word.size() < 3 ? 0 : std::max<size_t>(1, word.size() / 3);
+    // Of a word of one or two letters another one is always near. Two may be a beginning.
+    if (word.size() < 2) return "";
+    const size_t most = std::max<size_t>(1, word.size() / 3);
     size_t least = most + 1;
     std::string found;
     for (const std::string& candidate : candidates) {
-        const bool is_beginning = most > 0 && candidate.starts_with(word);
+        const bool is_beginning = candidate.starts_with(word);
+        if (word.size() == 2 && !is_beginning) continue;
         const size_t letters = is_beginning ? 1 : letters_between(word, candidate);
         if (letters >= least) continue;
         least = letters;
@@ -167,9 +185,34 @@ std::string nearest(std::string_view word, const std::vector<std::string>& candi
     return found;
 }
 
+std::string question(const std::string& meant) {
+    return meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant);
+}
+
 std::string did_you_mean(std::string_view word, const std::vector<std::string>& candidates, const std::string& advice) {
     const std::string found = nearest(word, candidates);
-    return found.empty() ? "; " + advice : fmt::format("; did you mean \"{}\"?", found);
+    return found.empty() ? "; " + advice : question(found);
+}
+
+std::string nearest_key(std::string_view key, const std::vector<Word>& words) {
+    const std::vector<std::string_view> typed = parts_of(key);
+    std::string found;
+    size_t least = std::numeric_limits<size_t>::max();
+    for (const Word& word : words) {
+        const std::vector<std::string_view> parts = parts_of(word.key);
+        if (parts.size() != typed.size()) continue;
+        size_t letters = 0;
+        bool are_near = true;
+        for (size_t i = 0; i < parts.size() && are_near; ++i) {
+            if (parts[i] == typed[i]) continue;
+            are_near = !nearest(typed[i], {std::string(parts[i])}).empty();
+            letters += letters_between(typed[i], parts[i]);
+        }
+        if (!are_near || letters >= least) continue;
+        least = letters;
+        found = word.key;
+    }
+    return found;
 }
 
 void expect_key(std::string_view key) {

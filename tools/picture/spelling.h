@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "picture/keys.h"
 #include "picture/value.h"
 
 namespace picture {
@@ -12,8 +13,14 @@ namespace picture {
 /// The candidate that is most like a word, by the letters to be typed otherwise; "" when none is like it.
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
 
+/// "; did you mean "X"?"; "" for "".
+std::string question(const std::string& meant);
+
 /// "; did you mean "X"?" with the nearest candidate, else "; " and the advice.
 std::string did_you_mean(std::string_view word, const std::vector<std::string>& candidates, const std::string& advice);
+
+/// The key among these words each of whose parts is equal to a key's or like it; "" if there is none.
+std::string nearest_key(std::string_view key, const std::vector<Word>& words);
 
 /// @throws Error  no region has such a key, whatever its names are: a word is misspelt, or the key is not whole
 void expect_key(std::string_view key);

@@ -15,6 +15,7 @@
 #include "picture/library.h"
 #include "picture/members.h"
 #include "picture/simulation.h"
+#include "picture/spelling.h"
 
 namespace shmnmctl {
 namespace {
@@ -60,6 +61,16 @@ void change(const Context& context, const Call& call) {
     LiveRegion region(context.access);
     const Change attached(region, context.force);
     call();
+}
+
+/// Makes one call that concerns a member.
+template <typename Call>
+void change(const Context& context, const Member& member, const Call& call) {
+    LiveRegion region(context.access);
+    const Change attached(region, context.force);
+    const Answer answer = call();
+    if (answer.result == SHMNM_ERR_NOTFOUND) throw no_such_member(decode(attached.before()), member);
+    expect_ok(answer, member);
 }
 
 /// The end of a change: a document, if one is asked for, once the lock was given back.
@@ -110,7 +121,10 @@ Exit set(const Context& context, const Arguments& given) {
             assignments.push_back(parse_assignment(given.many[i], given.many[i + 1]));
         }
     } else {
-        throw Failure(Exit::usage, "set takes pairs of KEY and VALUE, or - to read them from standard input");
+        const std::string& key = given.many.back();
+        const std::string range = range_of(key);
+        throw Failure(Exit::usage, fmt::format("VALUE is missing after {}: use a whole number{}{}", as_typed(key),
+                                               range.empty() ? "" : " from ", range));
     }
     set_all(context, assignments);
     // Of two values for one word the last one stays.
@@ -139,14 +153,14 @@ int64_t priority_from(const Member& member, const Arguments& given) {
 Exit add_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
     const Member member = member_from(kind, given);
     const int64_t priority = priority_from(member, given);
-    change(context, [&] { expect_ok(add(member, priority), member); });
+    change(context, member, [&] { return add(member, priority); });
     return answered(context,
                     set_words("add", {{.key = key_of(member) + "/pri", .value = value_of_priority(priority)}}));
 }
 
 Exit remove_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
     const Member member = member_from(kind, given);
-    change(context, [&] { expect_ok(remove(member), member); });
+    change(context, member, [&] { return remove(member); });
     Json answer = document("remove");
     answer["removed"] = key_of(member);
     return answered(context, answer);
@@ -155,7 +169,7 @@ Exit remove_member(const Context& context, const ResourceKind* kind, const Argum
 Exit modify_member(const Context& context, const ResourceKind* kind, const Arguments& given) {
     const Member member = member_from(kind, given);
     const int64_t priority = priority_from(member, given);
-    change(context, [&] { expect_ok(set_priority(member, priority), member); });
+    change(context, member, [&] { return set_priority(member, priority); });
     return answered(context,
                     set_words("modify", {{.key = key_of(member) + "/pri", .value = value_of_priority(priority)}}));
 }
@@ -309,16 +323,20 @@ void add_changing_commands(CLI::App& app, Context& context) {
         made->require_subcommand(1);
         return made;
     };
-    const auto name_option = [](CLI::App& made) { made.add_option("NAME", given.name, "As in keys")->required(); };
+    const auto name_option = [](CLI::App& made) {
+        made.add_option("NAME", given.name, "The name, as in keys")->required();
+    };
     const auto type_and_name = [&](CLI::App& made) {
-        made.add_option("TYPE", given.type, "As in keys")->required();
+        made.add_option("TYPE", given.type, "The type, as in keys")->required();
         name_option(made);
     };
-    const auto pri_option = [](CLI::App& made) { made.add_option("PRI", given.pri, "The priority")->required(); };
+    const auto pri_option = [](CLI::App& made) {
+        made.add_option("PRI", given.pri, "The priority, a whole number")->required();
+    };
 
     command(app, "set", "Set words by their keys, all under one lock or none",
             [](const Context& all) { return set(all, given); })
-        ->add_option("KEY VALUE", given.many, "Pairs; \"-\" alone reads such lines from standard input")
+        ->add_option("KEY VALUE", given.many, "Pairs; \"-\" alone reads them, one per line, from standard input")
         ->required();
 
     CLI::App* const add = group("add", "Add a server, a resource or a process id");

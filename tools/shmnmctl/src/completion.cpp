@@ -9,6 +9,7 @@
 #include "picture/decode.h"
 #include "picture/keys.h"
 #include "picture/live.h"
+#include "picture/selection.h"
 #include "picture/spelling.h"
 #include "usage.h"
 
@@ -113,6 +114,8 @@ class Completion {
         const std::string type = option.get_type_name();
         if (type == "FILE") {
             answer_ = files;
+        } else if (type == "CONDITION") {
+            condition("", before, [&](const std::string& lead, const std::string& begun) { row_words(lead, begun); });
         } else if (type.find('|') != std::string::npos) {
             for (size_t at = 0; at <= type.size();) {
                 const size_t end = std::min(type.find('|', at), type.size());
@@ -133,7 +136,11 @@ class Completion {
         } else if (name == "COMMAND") {
             answer_ = place_.arguments.empty() ? commands : files;
         } else if (name == "CONDITION") {
-            condition();
+            std::string earlier;
+            for (const std::string& argument : place_.arguments) earlier += argument + " ";
+            condition(earlier, "", [&](const std::string& before, const std::string& begun) {
+                keys(before, begun, [](const std::string&) { return true; });
+            });
         } else if (name == "KEY" || name == "PREFIX") {
             keys("", word_, [](const std::string&) { return true; });
         } else if (name == "KEY VALUE" && place_.arguments.size() % 2 == 0) {
@@ -218,12 +225,31 @@ class Completion {
         return token == "and" || token == "or" ? Expected::factor : expected;
     }
 
-    void condition() {
+    /// The words of a row without its key.
+    void row_words(const std::string& before, const std::string& begun) {
+        const size_t slash = begun.find('/');
+        if (slash == std::string::npos) {
+            for (const std::string& word : words_of_rows()) add(before + word);
+            return;
+        }
+        const std::string word = begun.substr(0, slash + 1);
+        const std::vector<std::string> kinds = words_below("fst/" + word + "NAME/");
+        for (const std::string& kind : kinds) add(before + word + kind);
+        if (!kinds.empty()) return;
+        for (std::string server : live_parts("servers/")) {
+            server.pop_back();
+            add(before + word + server);
+        }
+    }
+
+    /// @param[in] earlier  arguments that belong to the condition
+    /// @param[in] lead     what the word has before the condition: "--only="
+    /// @param[in] offer    offers keys after what the word has before them
+    void condition(const std::string& earlier, const std::string& lead,
+                   const std::function<void(const std::string& before, const std::string& begun)>& offer) {
         constexpr std::string_view blanks = " \t\r\n", marks = "()=!<>", ends = " \t\r\n()=!<>";
-        std::string text;
-        for (const std::string& argument : place_.arguments) text += argument + " ";
-        const size_t word_at = text.size();
-        text += word_;
+        const size_t word_at = earlier.size();
+        const std::string text = earlier + word_.substr(lead.size());
         Expected expected = Expected::factor;
         size_t last_at = 0;
         for (;;) {
@@ -237,10 +263,9 @@ class Completion {
         }
         // Arguments before the last one are not completed any more.
         if (last_at < word_at) return;
-        const std::string before = word_.substr(0, last_at - word_at), begun = text.substr(last_at);
-        const auto any_key = [](const std::string&) { return true; };
+        const std::string before = lead + text.substr(word_at, last_at - word_at), begun = text.substr(last_at);
         if (expected == Expected::factor || expected == Expected::existing_key || expected == Expected::compared_key) {
-            keys(before, begun, any_key);
+            offer(before, begun);
         }
         const auto words = [&](std::initializer_list<const char*> all) {
             for (const char* const each : all) add(before + each);

@@ -110,7 +110,8 @@ void add_condition_commands(CLI::App& app, Context& context) {
         "before\n"
         "it: \"all servers/*/pingstat=1\". A key that does not exist, and \"all\" of no key, do not hold.";
     const auto condition = [](CLI::App& command) {
-        command.add_option("CONDITION", options.condition, "Quote it for the shell")->required();
+        command.add_option("CONDITION", options.condition, "Quoted for the shell, such as 'cluster/clstat=1'")
+            ->required();
         command.footer(grammar);
     };
     CLI::App* const query_command = app.add_subcommand("query", "Answer by the exit status whether a condition holds");

@@ -28,6 +28,12 @@ Snapshot look(const Context& context) {
     try {
         doubt = snapshot.live ? doubt_about(snapshot) : settle_dump(snapshot, context.file);
     } catch (const Error& error) {
+        if (!context.force && error.kind == ErrorKind::not_whole) {
+            const std::string file = as_typed(context.file);
+            throw Failure(Exit::failed, fmt::format("{}; \"shmnmctl verify {}\" checks it, \"shmnmctl status --force "
+                                                    "{}\" shows what there is",
+                                                    error.what(), file, file));
+        }
         if (!context.force) throw;
         doubt = error.what();
     }

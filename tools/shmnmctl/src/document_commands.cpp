@@ -25,7 +25,8 @@ std::string lines(const std::vector<Difference>& differences) {
 }
 
 Exit export_picture(const Context& context) {
-    write_output(line(to_json(document_of(look(context)))));
+    const Snapshot snapshot = look(context);
+    write_output(line(to_json(context.force ? document_of_rest(snapshot) : document_of(snapshot))));
     return Exit::done;
 }
 
@@ -80,6 +81,7 @@ void add_document_commands(CLI::App& app, Context& context) {
         app.add_subcommand("export", "Write the picture as a JSON document, for diff and apply");
     add_format(*export_command, context);
     add_file(*export_command, context);
+    add_read_force(*export_command, context);
     export_command->callback([&] { context.command = [&] { return export_picture(context); }; });
 
     CLI::App* const diff_command =

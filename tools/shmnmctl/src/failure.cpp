@@ -28,10 +28,8 @@ Ending ending(ErrorKind kind) {
             return {Exit::no, "\"shmnmctl status\" shows what there is"};
         case ErrorKind::member_exists:
             return {Exit::failed, "change it with \"shmnmctl modify\""};
-        case ErrorKind::set_together:
-            return {Exit::failed, "give all of them in one \"shmnmctl set\""};
         case ErrorKind::set_by_simulation:
-            return {Exit::failed, "use \"shmnmctl simulate\""};
+            return {Exit::failed, "use \"shmnmctl simulate on SERVER\" or \"shmnmctl simulate off\""};
         case ErrorKind::shared_priority:
             return {Exit::failed, "give one of them another priority with \"shmnmctl modify server\""};
         case ErrorKind::needs_force:
@@ -53,8 +51,6 @@ Ending ending(ErrorKind kind) {
             return {Exit::failed, "\"shmnmctl verify\" tells more"};
         case ErrorKind::interrupted:
             return {Exit::failed, "run \"shmnmctl repair\" first"};
-        case ErrorKind::not_whole:
-            return {Exit::failed, "check it with \"shmnmctl verify\", or use --force to show what there is"};
         case ErrorKind::no_notes:
             return {Exit::failed, "\"shmnmctl verify\" finds what the bytes alone can tell"};
         case ErrorKind::note_outdated:
@@ -64,6 +60,8 @@ Ending ending(ErrorKind kind) {
                     "look at the region, then complete the change with --force or drop its note with --discard"};
         case ErrorKind::change_lost:
             return {Exit::failed, "put the region right by other commands, then drop the note with --discard"};
+        case ErrorKind::set_together:
+        case ErrorKind::not_whole:
         case ErrorKind::invalid_configuration:
         case ErrorKind::inexpressible:
         case ErrorKind::refused:
@@ -75,10 +73,14 @@ Ending ending(ErrorKind kind) {
 
 std::string advised(const picture::Error& error) {
     const char* const advice = ending(error.kind).advice;
-    return advice ? std::string(error.what()) + "; " + advice : error.what();
+    return advice ? followed_by(error.what(), advice) : error.what();
 }
 
 }  // namespace
+
+std::string followed_by(const std::string& what, const std::string& next) {
+    return what + (what.ends_with('?') ? " " : "; ") + next;
+}
 
 Failure::Failure(const picture::Error& error) : Failure(ending(error.kind).exit, advised(error)) {}
 

@@ -29,6 +29,9 @@ class Failure : public std::runtime_error {
     Exit exit;
 };
 
+/// A sentence with what may follow it: after a question mark comes no semicolon.
+std::string followed_by(const std::string& what, const std::string& next);
+
 /// Whatever was thrown, as a failure. Only where an exception is being handled.
 Failure current_failure();
 

@@ -76,7 +76,12 @@ void add_lock_command(CLI::App& app, Context& context) {
     command->add_flag("--who", who, "Tell who holds the lock; the exit status is 1 when nobody does");
     command->add_option("COMMAND", words, "After --: the command and its arguments");
     command->callback([&context] {
-        if (who != words.empty()) throw Failure(Exit::usage, "use either \"lock --who\" or \"lock -- COMMAND\"");
+        if (!who && words.empty()) {
+            throw Failure(Exit::usage,
+                          "COMMAND is missing: \"shmnmctl lock -- COMMAND\" runs COMMAND while it holds the "
+                          "lock, \"shmnmctl lock --who\" shows who holds it");
+        }
+        if (who && !words.empty()) throw Failure(Exit::usage, "use either \"lock --who\" or \"lock -- COMMAND\"");
         context.command = [&context] { return who ? tell_who(context) : run_locked(context, words); };
     });
 }

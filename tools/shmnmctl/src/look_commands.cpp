@@ -38,8 +38,12 @@ Exit list(const Context& context, const std::string& prefix) {
 
 Exit get(const Context& context, const std::string& key) {
     expect_key(key);
-    const std::optional<Word> word = find(decode(look(context)), key);
-    if (!word) throw Error(ErrorKind::no_such_key, fmt::format("there is no key {}", as_typed(key)));
+    const Picture picture = decode(look(context));
+    const std::optional<Word> word = find(picture, key);
+    if (!word) {
+        const std::string near = nearest_key(key, words(picture));
+        throw Error(ErrorKind::no_such_key, fmt::format("there is no key {}{}", as_typed(key), question(near)));
+    }
     if (context.json()) {
         Json answer = document("get");
         answer["key"] = word->key;
@@ -96,12 +100,13 @@ void add_looking_commands(CLI::App& app, Context& context) {
     add_format(*get_command, context);
     add_file(*get_command, context);
     add_read_force(*get_command, context);
-    get_command->add_option("KEY", argument, "As \"list\" shows it")->required();
+    get_command->add_option("KEY", argument, "\"shmnmctl list\" shows all keys")->required();
     get_command->callback([&] { context.command = [&] { return get(context, argument); }; });
 
     CLI::App* const dump_command = app.add_subcommand("dump", "Write the region's bytes to a file");
     add_format(*dump_command, context);
-    dump_command->add_option("FILE", argument, "\"-\": standard output, the bytes alone")->required();
+    dump_command->add_option("FILE", argument, "The file to write; \"-\": standard output, the bytes alone")
+        ->required();
     dump_command->callback([&] { context.command = [&] { return dump(context, argument); }; });
 }
 

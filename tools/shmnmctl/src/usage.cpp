@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <string_view>
 #include <vector>
 
@@ -47,11 +48,6 @@ std::string positional(const CLI::Option& option) {
     return option.get_required() ? " " + name : " [" + name + "]";
 }
 
-/// A sentence with what may follow it: after a question mark comes no semicolon.
-std::string joined(const std::string& what, const std::string& next) {
-    return what + (what.ends_with('?') ? " " : "; ") + next;
-}
-
 /// The part of a text after its first mark; all of it where there is none.
 std::string after(const std::string& text, std::string_view mark) {
     const size_t at = text.find(mark);
@@ -84,6 +80,19 @@ std::string first_wrong(const std::vector<std::string>& words) {
     return option == words.end() ? words.front() : *option;
 }
 
+/// An argument that is missing, with what it is.
+std::string missing(const CLI::App& command, const std::string& name) {
+    std::string what;
+    for (const CLI::Option* const option : command.get_options()) {
+        if (option->get_positional() && option->get_name(true) == name) what = option->get_description();
+    }
+    if (what.empty()) return name + " is missing";
+    if (what.size() > 1 && std::islower(static_cast<unsigned char>(what[1]))) {
+        what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));
+    }
+    return fmt::format("{} is missing: {}", name, what);
+}
+
 std::string what_is_wrong(const CLI::App& app, const CLI::App& command, const CLI::ParseError& error) {
     const std::string what = as_typed(error.what());
     const std::vector<std::string> left = app.remaining(true);
@@ -94,7 +103,7 @@ std::string what_is_wrong(const CLI::App& app, const CLI::App& command, const CL
     }
     if (is(CLI::ExitCodes::RequiredError)) {
         if (lacks_command) return fmt::format("a command is missing after \"{}\"", full_name(command));
-        return before(what, " is required") + " is missing";
+        return missing(command, before(what, " is required"));
     }
     if (is(CLI::ExitCodes::ArgumentMismatch)) {
         const bool too_many = what.find("At Most") != std::string::npos;
@@ -138,8 +147,8 @@ std::string synopsis(const CLI::App& command) {
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     const CLI::App& command = command_at_hand(app);
     const std::string what = what_is_wrong(app, command, error);
-    if (!command.get_parent()) return {Exit::usage, joined(what, "\"shmnmctl --help\" lists the commands")};
-    return {Exit::usage, joined(what, "usage: " + synopsis(command))};
+    if (!command.get_parent()) return {Exit::usage, followed_by(what, "\"shmnmctl --help\" lists the commands")};
+    return {Exit::usage, followed_by(what, "usage: " + synopsis(command))};
 }
 
 }  // namespace shmnmctl
