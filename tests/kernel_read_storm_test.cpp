@@ -150,6 +150,7 @@ TEST(KernelReadStorm, KeepsNoTornCopyBesideWritersThatAreKilled) {
         return child;
     };
     std::vector<Child> writers;
+    writers.reserve(2);
     for (int i = 0; i < 2; ++i) writers.push_back(start_one());
 
     const auto takeovers = [&] {

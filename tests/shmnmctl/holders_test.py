@@ -5,23 +5,12 @@ import pwd
 import shutil
 import signal
 import subprocess
-import sys
 
 import support
 from support import Result, ToolTest
 
 # As spare_user() of the other tests: a user that no account has and only this process uses.
 OTHER_USER = int(os.environ["SHMNM_SPARE_USERS"]) + os.getpid() % 10_000 * 4
-# Attaches, forks, and lets only the child live. The child says when it is there and waits for the end of its input.
-FORKED = """
-import ctypes, os, sys
-library = ctypes.CDLL(sys.argv[1])
-assert library.shmnm_attach() == 0
-if os.fork():
-    os._exit(0)
-print(os.getpid(), flush=True)
-sys.stdin.read()
-"""
 
 
 class HoldersOfTheRegion(ToolTest):
@@ -50,8 +39,7 @@ class HoldersOfTheRegion(ToolTest):
 
     def test_a_forked_child_is_listed_after_its_parent_has_ended(self):
         creator = self.cluster().process.pid
-        library = str(support.FOLDER / "libkzmshmnm.so.1")
-        parent = subprocess.Popen([sys.executable, "-c", FORKED, library], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment)
+        parent = subprocess.Popen(support.program("forked_holder"), stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment)
         child = int(parent.stdout.readline())
         parent.wait()
         self.assertEqual(set(self.listed()), {creator, child})

@@ -85,6 +85,7 @@ std::vector<Word> words_of(const FstPid& record) {
 /// The same words with their whole keys.
 std::vector<std::string> whole_keys(const std::string& row, const std::vector<Word>& words) {
     std::vector<std::string> keys;
+    keys.reserve(words.size());
     for (const Word& word : words) keys.push_back(row + word.key);
     return keys;
 }

@@ -57,6 +57,7 @@ const std::vector<Shape>& shapes() {
     static const std::vector<KeyHelp> keys = key_help();
     static const std::vector<Shape> all = [] {
         std::vector<Shape> made;
+        made.reserve(keys.size());
         for (const KeyHelp& key : keys) made.push_back({&key, parts_of(key.pattern)});
         return made;
     }();

@@ -94,7 +94,7 @@ std::string missing(const CLI::App& command, const std::string& name) {
 }
 
 std::string what_is_wrong(const CLI::App& app, const CLI::App& command, const CLI::ParseError& error) {
-    const std::string what = as_typed(error.what());
+    std::string what = as_typed(error.what());
     const std::vector<std::string> left = app.remaining(true);
     const bool lacks_command = !visible_commands(command).empty();
     const auto is = [&](CLI::ExitCodes code) { return error.get_exit_code() == static_cast<int>(code); };
