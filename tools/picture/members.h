@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "picture/error.h"
 #include "picture/words.h"
 
 namespace picture {
