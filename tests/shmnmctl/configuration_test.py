@@ -46,7 +46,7 @@ class Configuration(ToolTest):
     def test_misspelt_counts_are_refused(self):
         for count, text in (
             ("<servers>4</servers>", 'unknown element "servers" in /root/all/num; did you mean "server"?'),
-            ("<hb>4</hb>", 'unknown element "hb" in /root/all/num; use server, hbr, npr and fstr'),
+            ("<hb>4</hb>", 'unknown element "hb" in /root/all/num; did you mean "hbr"?'),
             ("<limit>4</limit>", 'unknown element "limit" in /root/all/num; use server, hbr, npr and fstr'),
             ("<server>5</server>", "/root/all/num has server twice, and only the first counts, in line 5: remove one of them"),
         ):
