@@ -131,6 +131,11 @@ function(shmnm_install libdir runtime development tool)
     install(
         FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml ${PROJECT_SOURCE_DIR}/examples/tutorial.c
               ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
+              ${PROJECT_SOURCE_DIR}/examples/states.json
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+        COMPONENT ${tool} ${ARGN})
+    install(
+        DIRECTORY ${PROJECT_SOURCE_DIR}/examples/prometheus ${PROJECT_SOURCE_DIR}/examples/grafana
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
 

@@ -315,9 +315,10 @@ TEST_F(KzmLog, DropsOrWritesWholeALineThatRacesWithAClose) {
             }
         });
     }
-    // Each log stays open until a line has come through, so that closes do meet writes.
+    // Each log stays open until a line has come through, which may be the last line of the log before: so closes do
+    // meet writes.
     std::uintmax_t size = 0;
-    for (int i = 0; i < 150; ++i) {
+    for (int i = 0; i < 150 || messages(text()).size() < 150; ++i) {
         log = open_log();
         while (std::filesystem::file_size(file()) == size) std::this_thread::yield();
         EXPECT_EQ(kzmlog_close(log), 0);
@@ -328,7 +329,6 @@ TEST_F(KzmLog, DropsOrWritesWholeALineThatRacesWithAClose) {
     const std::vector<std::string> lines = messages(text());
     EXPECT_EQ(lines.size(), static_cast<size_t>(written[0] + written[1] + written[2]));
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "racing"), static_cast<std::ptrdiff_t>(lines.size()));
-    EXPECT_GE(lines.size(), 150u);
 }
 
 TEST_F(KzmLog, RefusesLinesOfAClosedLogWhileAnotherLogOpens) {

@@ -20,6 +20,7 @@ FILES = """
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/operations.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
+    share/doc/shmnm/examples/states.json share/doc/shmnm/examples/prometheus/shmnm_rules.yml share/doc/shmnm/examples/grafana/shmnm.json
     share/man/man1/shmnmctl.1 share/man/man8/shmnm-keeper.8 share/man/man3/shmnm.3 share/man/man3/shmnm_create.3 share/man/man3/shmnm_setholdstat.3
 """.split()
 
