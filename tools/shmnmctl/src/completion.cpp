@@ -234,11 +234,12 @@ class Completion {
         }
         const std::string word = begun.substr(0, slash + 1);
         const std::vector<std::string> kinds = words_below("fst/" + word + "NAME/");
-        for (const std::string& kind : kinds) add(before + word + kind);
+        const std::string stem = before + word;
+        for (const std::string& kind : kinds) add(stem + kind);
         if (!kinds.empty()) return;
         for (std::string server : live_parts("servers/")) {
             server.pop_back();
-            add(before + word + server);
+            add(stem + server);
         }
     }
 
