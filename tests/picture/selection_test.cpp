@@ -9,8 +9,6 @@
 namespace picture {
 namespace {
 
-using testing::AllOf;
-using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
