@@ -69,7 +69,7 @@ namespace {
 
 /// No region and nothing around it is larger.
 constexpr size_t largest_body = size_t{1} << 32;
-constexpr size_t largest_head = 64 * 1'024;
+constexpr size_t largest_head = size_t{64} * 1'024;
 
 struct Answer {
     int status = 0;
@@ -85,7 +85,7 @@ struct Answer {
 
 /// Reads more. @return false: the connection has ended
 bool read_more(Connection& connection, std::string& text) {
-    std::array<char, 64 * 1'024> part{};
+    std::array<char, size_t{64} * 1'024> part{};
     const size_t size = connection.read(part.data(), part.size());
     text.append(part.data(), size);
     return size > 0;

@@ -40,13 +40,13 @@ using Parser = http::request_parser<http::buffer_body>;
 
 constexpr uint32_t header_limit = 8'192;
 /// So much of an answer is written at a time, each part with a time-out of its own.
-constexpr size_t part_bytes = 256 * 1'024;
+constexpr size_t part_bytes = size_t{256} * 1'024;
 /// What the system keeps for the reader of an event stream: a slow one is soon told merged changes, not old ones.
 constexpr int stream_buffer_bytes = 64 * 1'024;
 constexpr std::chrono::seconds alive_interval{5};
 constexpr unsigned alive_events_per_comment = 3;
 constexpr std::chrono::seconds linger_time{2};
-constexpr size_t drain_limit = 64 * 1'024;
+constexpr size_t drain_limit = size_t{64} * 1'024;
 
 void prepare(Parser& parser) {
     parser.header_limit(header_limit);
@@ -304,7 +304,7 @@ class Server::Implementation::Connection : public std::enable_shared_from_this<C
     Stream stream_;
     const std::string client_;
     const bool is_local_;
-    beast::flat_buffer buffer_{2 * header_limit};
+    beast::flat_buffer buffer_{size_t{2} * header_limit};
     std::optional<Parser> parser_;
     Request request_;
     Response response_;
