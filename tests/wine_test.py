@@ -16,6 +16,7 @@ class Wine(unittest.TestCase):
             subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], input=LATE_END, text=True, check=True)
             loader.write_text(f'#!/bin/sh\nLD_PRELOAD={library} exec {os.environ.get("WINE", "/usr/lib/wine/wine64")} "$@"\n')
             loader.chmod(0o755)
+            subprocess.run([WINE, "cmd", "/c", "exit 0"], check=True)
             ended = subprocess.run([WINE, "cmd", "/c", "exit 3"], env={**os.environ, "WINE": str(loader)})
         self.assertEqual(ended.returncode, 3)
 
