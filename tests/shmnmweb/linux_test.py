@@ -201,5 +201,47 @@ class Activation(WebTest):
             self.assertTrue(path.exists())
 
 
+class Watchdog(WebTest):
+    def watched(self, **variables):
+        """A server, and the socket on which its service manager is told."""
+        told = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(told.close)
+        told.bind(str(self.folder / "notify"))
+        told.settimeout(web_support.DEADLINE)
+        web = web_support.Server(self, "--listen", "127.0.0.1:0", environment=self.environment | {"NOTIFY_SOCKET": str(self.folder / "notify")} | variables)
+        self.assertEqual(told.recv(100), b"READY=1")
+        return web, told
+
+    def expect_looks(self, web, count):
+        """Waits until the server has looked at the region several times more."""
+        for number in range(1, count + 1):
+            self.tool("set", "cluster/clstat", str(number))
+            self.shown(web)
+
+    def test_the_service_manager_is_told_again_and_again_that_the_server_works(self):
+        self.cluster()
+        web, told = self.watched(WATCHDOG_USEC="100000")
+        for _ in range(3):
+            self.assertEqual(told.recv(100), b"WATCHDOG=1")
+        web.process.terminate()
+        while (last := told.recv(100)) == b"WATCHDOG=1":
+            pass
+        self.assertEqual(last, b"STOPPING=1")
+
+    def test_it_is_told_no_more_often_than_half_of_the_time_asks_for(self):
+        self.cluster()
+        web, told = self.watched(WATCHDOG_USEC=str(24 * 3600 * 1_000_000))
+        self.expect_looks(web, 3)
+        web.process.terminate()
+        self.assertEqual([told.recv(100), told.recv(100)], [b"WATCHDOG=1", b"STOPPING=1"])
+
+    def test_a_watchdog_of_another_process_is_told_nothing(self):
+        self.cluster()
+        web, told = self.watched(WATCHDOG_USEC="2", WATCHDOG_PID="1")
+        self.expect_looks(web, 3)
+        web.process.terminate()
+        self.assertEqual(told.recv(100), b"STOPPING=1")
+
+
 if __name__ == "__main__":
     web_support.main()

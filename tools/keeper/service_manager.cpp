@@ -9,6 +9,15 @@
 #include <cstring>
 
 namespace service_manager {
+namespace {
+
+/// A number in the environment; 0 if there is none.
+uint64_t number_in_environment(const char* name) {
+    const char* const text = std::getenv(name);
+    return text ? std::strtoull(text, nullptr, 10) : 0;
+}
+
+}  // namespace
 
 void notify(const char* state) {
     const char* const name = std::getenv("NOTIFY_SOCKET");
@@ -26,6 +35,13 @@ void notify(const char* state) {
         sendto(descriptor, state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
                static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
     close(descriptor);
+}
+
+uint64_t watchdog_us() {
+    // The variables may be inherited from a parent that is watched itself.
+    const uint64_t watched = number_in_environment("WATCHDOG_PID");
+    if (watched != 0 && watched != static_cast<uint64_t>(getpid())) return 0;
+    return number_in_environment("WATCHDOG_USEC");
 }
 
 }  // namespace service_manager

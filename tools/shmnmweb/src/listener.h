@@ -43,6 +43,9 @@ std::vector<int> stop_signals();
 /// Tells the service manager that started this process, if one asked to be told, a line such as "READY=1".
 void notify_service_manager(const char* state);
 
+/// The time within which the service manager expects the next "WATCHDOG=1"; 0: it does not watch this process.
+uint64_t watchdog_us();
+
 /// As many open files as the system grants.
 void raise_file_limit();
 

@@ -239,6 +239,10 @@ void notify_service_manager(const char* state) {
     service_manager::notify(state);
 }
 
+uint64_t watchdog_us() {
+    return service_manager::watchdog_us();
+}
+
 void raise_file_limit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;

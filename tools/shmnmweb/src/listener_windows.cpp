@@ -109,6 +109,10 @@ std::vector<int> stop_signals() {
 
 void notify_service_manager(const char*) {}
 
+uint64_t watchdog_us() {
+    return 0;
+}
+
 void raise_file_limit() {}
 
 }  // namespace shmnmweb

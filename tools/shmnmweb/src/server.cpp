@@ -121,6 +121,7 @@ class Server::Implementation {
     class Connection;
 
     void add(std::shared_ptr<const Look> look);
+    void tell_watchdog();
     void accept(Acceptor& acceptor, const Listener& listener);
     void take(Socket socket, bool is_local);
     void keep_alive();
@@ -138,6 +139,8 @@ class Server::Implementation {
     std::vector<Acceptor> acceptors_;
     Timer alive_timer_{io_}, retry_timer_{io_};
     unsigned alive_events_ = 0;
+    const uint64_t watchdog_us_ = watchdog_us();
+    std::optional<uint64_t> told_watchdog_us_;
 };
 
 /// One client's connection, from its acceptance to its end. It lives as long as an operation of it is under way.
@@ -320,6 +323,7 @@ class Server::Implementation::Connection : public std::enable_shared_from_this<C
 };
 
 void Server::Implementation::add(std::shared_ptr<const Look> look) {
+    tell_watchdog();
     const bool is_new = site_.add(std::move(look));
     for (const auto& connection : std::exchange(waiting_, {})) connection->respond_now();
     if (!is_new) return;
@@ -328,6 +332,15 @@ void Server::Implementation::add(std::shared_ptr<const Look> look) {
     for (Connection* const stream : all) {
         if (streams_.contains(stream)) stream->update();
     }
+}
+
+/// Looks arrive every 50 ms. If either thread hangs, none arrives, and the service manager restarts the program.
+void Server::Implementation::tell_watchdog() {
+    if (watchdog_us_ == 0) return;
+    const uint64_t now_us = picture::platform::steady_clock_us();
+    if (told_watchdog_us_ && now_us - *told_watchdog_us_ < watchdog_us_ / 2) return;
+    told_watchdog_us_ = now_us;
+    notify_service_manager("WATCHDOG=1");
 }
 
 void Server::Implementation::keep_alive() {
