@@ -57,6 +57,12 @@ elseif(UNIX)
     endif()
 endif()
 
+# For static libraries that are linked to a fuzzer: instruments them. Other programs run with them as before.
+add_library(shmnm_fuzzed INTERFACE)
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND SHMNM_SANITIZE MATCHES address)
+    target_compile_options(shmnm_fuzzed INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # shmnm_library(NAME SOURCE...): the shared library libNAME.so or NAME.dll, with its headers in include/ of its folder.
 function(shmnm_library name)
     add_library(${name} SHARED ${ARGN})
