@@ -1,6 +1,6 @@
-# What is installed and where. `cmake --install` makes one relocatable tree of three components: `runtime` (the libraries),
-# `development` (headers, import libraries, find_package and pkg-config files) and `tool` (shmnmctl and the documents). The Debian
-# packages contain the same files in Debian's folders, as components that only cpack installs (packages.cmake).
+# What is installed and where. `cmake --install` makes one relocatable tree of four components: `runtime` (the libraries),
+# `development` (headers, import libraries, find_package and pkg-config files), `tool` (shmnmctl and the documents) and `web`
+# (shmnmweb). The Debian packages contain the same files in Debian's folders, as components that only cpack installs (packages.cmake).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -28,6 +28,7 @@ function(shmnm_run_path program folder)
                                                 BUILD_RPATH "${CMAKE_INSTALL_RPATH}" INSTALL_RPATH "${run_path}")
 endfunction()
 shmnm_run_path(shmnmctl ${CMAKE_INSTALL_BINDIR})
+shmnm_run_path(shmnmweb ${CMAKE_INSTALL_BINDIR})
 shmnm_run_path(shmnm-keeper ${CMAKE_INSTALL_LIBEXECDIR})
 
 if(TARGET shmnmctl AND NOT WIN32 AND NOT SHMNM_SANITIZE)
@@ -67,9 +68,9 @@ endif()
 
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/shmnm-config-version.cmake COMPATIBILITY SameMajorVersion)
 
-# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL [EXCLUDE_FROM_ALL]): the install rules of one layout. RUNTIME, DEVELOPMENT and TOOL
-# are the names of its components.
-function(shmnm_install libdir runtime development tool)
+# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL WEB [EXCLUDE_FROM_ALL]): the install rules of one layout. RUNTIME, DEVELOPMENT, TOOL
+# and WEB are the names of its components.
+function(shmnm_install libdir runtime development tool web)
     install(
         TARGETS kzmshmnm ${SHMNM_COMPANIONS}
         EXPORT ${development}
@@ -119,6 +120,9 @@ function(shmnm_install libdir runtime development tool)
     if(TARGET shmnm-keeper)
         install(TARGETS shmnm-keeper RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR} COMPONENT ${tool} ${ARGN})
     endif()
+    if(TARGET shmnmweb)
+        install(TARGETS shmnmweb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${web} ${ARGN})
+    endif()
     file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.json)
     install(
         FILES ${documents}
@@ -131,6 +135,7 @@ function(shmnm_install libdir runtime development tool)
     install(
         FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml ${PROJECT_SOURCE_DIR}/examples/tutorial.c
               ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
+              ${PROJECT_SOURCE_DIR}/examples/shmnmweb.service ${PROJECT_SOURCE_DIR}/examples/shmnmweb.socket
               ${PROJECT_SOURCE_DIR}/examples/states.json
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
@@ -160,8 +165,13 @@ function(shmnm_install libdir runtime development tool)
                 COMPONENT ${tool} ${ARGN}
                 OPTIONAL
                 FILES_MATCHING
-                REGEX "/man[15678]/[^/]+\\.[15678](\\.gz)?$")
+                REGEX "/man[15678]/[^/]+\\.[15678](\\.gz)?$"
+                PATTERN shmnmweb.8 EXCLUDE)
         endforeach()
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/docs/man/man8/shmnmweb.8
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+            COMPONENT ${web} ${ARGN})
         install(
             FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/shmnmctl.bash
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
@@ -186,11 +196,13 @@ function(shmnm_install libdir runtime development tool)
             DESTINATION ${libdir}
             COMPONENT ${development} ${ARGN})
         # The installed files are stripped. Their symbols, which only debuggers need, are in files beside them.
-        foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl)
+        foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnmweb)
             if(TARGET ${target})
                 set(component ${runtime})
                 if(target STREQUAL shmnmctl)
                     set(component ${tool})
+                elseif(target STREQUAL shmnmweb)
+                    set(component ${web})
                 endif()
                 install(
                     CODE "set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\")
@@ -202,4 +214,4 @@ execute_process(COMMAND ${CMAKE_OBJCOPY} --strip-debug --strip-unneeded --add-gn
     endif()
 endfunction()
 
-shmnm_install(${CMAKE_INSTALL_LIBDIR} runtime development tool)
+shmnm_install(${CMAKE_INSTALL_LIBDIR} runtime development tool web)

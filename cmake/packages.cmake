@@ -1,4 +1,5 @@
-# What `cpack` makes from a build: on Linux three Debian packages (libshmnm1, libshmnm-dev, shmnmctl), for Windows one zip.
+# What `cpack` makes from a build: on Linux four Debian packages (libshmnm1, libshmnm-dev, shmnmctl, shmnmweb), for Windows one
+# zip.
 set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "The packages' maintainer")
 
 set(CPACK_PACKAGE_NAME shmnm)
@@ -21,7 +22,7 @@ else()
         COMMAND dpkg-parsechangelog --file ${packaging}/changelog --show-field Timestamp
         OUTPUT_VARIABLE CPACK_SOURCE_DATE_EPOCH
         OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-    set(packages libshmnm1 libshmnm-dev shmnmctl)
+    set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
 
     # Every package has its copyright file and its changelog, and a file that lists lintian's remarks that do not apply.
@@ -76,6 +77,16 @@ endif()"
             RENAME shmnmctl.conf
             COMPONENT shmnmctl EXCLUDE_FROM_ALL)
     endforeach()
+    # A separate package, so that installing the tool opens no socket.
+    install(
+        FILES ${service}/shmnmweb.service ${service}/shmnmweb.socket
+        DESTINATION lib/systemd/system
+        COMPONENT shmnmweb EXCLUDE_FROM_ALL)
+    install(
+        FILES ${packaging}/shmnmweb/sysusers
+        DESTINATION lib/sysusers.d
+        RENAME shmnmweb.conf
+        COMPONENT shmnmweb EXCLUDE_FROM_ALL)
     install(
         FILES ${service}/cluster.xml ${PROJECT_SOURCE_DIR}/packaging/environment
         DESTINATION /etc/shmnm
@@ -89,7 +100,7 @@ file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
 
     # Builds what the packages contain, and no more.
     add_custom_target(packaged)
-    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnm-keeper manual_of_shmnmctl documentation)
+    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnm-keeper shmnmweb manual_of_shmnmctl documentation)
         if(TARGET ${target})
             add_dependencies(packaged ${target})
         endif()
@@ -135,6 +146,17 @@ This package contains what is needed to build programs with the library:\nheader
     set(CPACK_COMPONENT_SHMNMCTL_DESCRIPTION
         "live picture of a failover cluster in shared memory (command)\n${what}\n.\n\
 This package contains the command shmnmctl, which shows, changes, checks and\nserves the picture, the service that creates and keeps it, and the documents.")
+    set(CPACK_DEBIAN_SHMNMWEB_PACKAGE_NAME shmnmweb)
+    set(CPACK_DEBIAN_SHMNMWEB_PACKAGE_SECTION admin)
+    # shmnmctl has the user, the environment and the documents.
+    set(CPACK_DEBIAN_SHMNMWEB_PACKAGE_DEPENDS
+        "${same_version}, shmnmctl (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), systemd | systemd-standalone-sysusers")
+    foreach(file postinst postrm prerm)
+        list(APPEND CPACK_DEBIAN_SHMNMWEB_PACKAGE_CONTROL_EXTRA ${packaging}/shmnmweb/${file})
+    endforeach()
+    set(CPACK_COMPONENT_SHMNMWEB_DESCRIPTION
+        "live picture of a failover cluster in shared memory (over HTTP)\n${what}\n.\n\
+This package contains shmnmweb, which shows the picture to browsers, to\nPrometheus and to health checks, and can change nothing.")
 endif()
 
 include(CPack)

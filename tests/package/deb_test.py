@@ -13,8 +13,8 @@ from support import TUTORIAL, Place, run
 import interface
 from binary_file import Elf
 
-PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl")
-UNITS = ("shmnm.service", "shmnm-keeper.service")
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb")
+UNITS = {"shmnm.service": "shmnmctl", "shmnm-keeper.service": "shmnmctl", "shmnmweb.service": "shmnmweb", "shmnmweb.socket": "shmnmweb"}
 LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
 
 
@@ -69,7 +69,7 @@ class Packages(Place):
         run("cc", "-std=c11", TUTORIAL, *flags, f"-Wl,-rpath,{root / LIB}", "-o", program)
         return program
 
-    def test_there_are_three_packages(self):
+    def test_there_are_four_packages(self):
         self.assertEqual(set(self.packages), set(PACKAGES))
 
     def test_lintian_accepts_every_package(self):
@@ -95,12 +95,14 @@ class Packages(Place):
                 self.assertIn("live picture of a failover cluster", control["Description"])
         same = f"libshmnm1 (= {version})"
         self.assertEqual(fields(self.packages["libshmnm-dev"])["Depends"], same)
-        self.assertIn(same, fields(self.packages["shmnmctl"])["Depends"].split(", "))
-        for package in ("libshmnm1", "shmnmctl"):
+        for package in ("shmnmctl", "shmnmweb"):
+            self.assertIn(same, fields(self.packages[package])["Depends"].split(", "))
+        self.assertIn(f"shmnmctl (= {version})", fields(self.packages["shmnmweb"])["Depends"].split(", "))
+        for package in ("libshmnm1", "shmnmctl", "shmnmweb"):
             self.assertIn("libc6 (>= 2.", fields(self.packages[package])["Depends"])
 
     def test_each_file_is_in_the_right_package(self):
-        library, development, tool = (files(self.packages[package]) for package in PACKAGES)
+        library, development, tool, web = (files(self.packages[package]) for package in PACKAGES)
         self.assertEqual({name for name in library if name.startswith("usr/lib/")} - {f"{LIB}/libkzmshmnm.so.1", "usr/lib/tmpfiles.d/shmnm.conf"},
                          {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
                          {name for name in library if re.fullmatch(rf"{LIB}/libkzmshmnm\.so\.1\.\d+\.\d+", name)})
@@ -111,12 +113,17 @@ class Packages(Place):
             self.assertIn(f"{LIB}/{file}", development)
         for file in ("bin/shmnmctl", "share/man/man1/shmnmctl.1.gz", "share/bash-completion/completions/shmnmctl",
                      "share/zsh/vendor-completions/_shmnmctl", "share/fish/vendor_completions.d/shmnmctl.fish",
-                     "share/doc/shmnm/examples/cluster.xml", "share/doc/shmnm/examples/tutorial.c",
+                     "share/doc/shmnm/examples/cluster.xml", "share/doc/shmnm/examples/tutorial.c", "share/doc/shmnm/examples/states.json",
+                     "share/doc/shmnm/examples/prometheus/shmnm_rules.yml", "share/doc/shmnm/examples/grafana/shmnm.json",
                      "lib/systemd/system/shmnm.service", "lib/systemd/system/shmnm-keeper.service", "libexec/shmnm-keeper",
                      "share/man/man8/shmnm-keeper.8.gz", "lib/sysusers.d/shmnmctl.conf", "lib/tmpfiles.d/shmnmctl.conf"):
             self.assertIn(f"usr/{file}", tool)
         self.assertEqual({name for name in tool if not name.startswith("usr/")}, {"etc/shmnm/cluster.xml", "etc/shmnm/environment"})
-        for package, names in zip(PACKAGES, (library, development, tool)):
+        # Installing the tool installs nothing that listens.
+        self.assertEqual({name for name in web if not name.startswith(("usr/share/doc/", "usr/share/lintian/"))},
+                         {"usr/bin/shmnmweb", "usr/lib/systemd/system/shmnmweb.service", "usr/lib/systemd/system/shmnmweb.socket",
+                          "usr/lib/sysusers.d/shmnmweb.conf", "usr/share/man/man8/shmnmweb.8.gz"})
+        for package, names in zip(PACKAGES, (library, development, tool, web)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
 
@@ -148,7 +155,8 @@ class Packages(Place):
 
     def test_systemd_accepts_the_units(self):
         root = self.folder / "units"
-        run("dpkg-deb", "--extract", self.packages["shmnmctl"], root)
+        for package in set(UNITS.values()):
+            run("dpkg-deb", "--extract", self.packages[package], root)
         for unit in UNITS:
             # The programs are not on this machine.
             text = (root / "usr/lib/systemd/system" / unit).read_text()
@@ -166,9 +174,11 @@ class Packages(Place):
 
     def test_the_services_are_exposed_by_less_than_2_5(self):
         root = self.folder / "exposed"
-        run("dpkg-deb", "--extract", self.packages["shmnmctl"], root)
-        for unit in UNITS:
+        for unit, package in UNITS.items():
+            if not unit.endswith(".service"):
+                continue
             with self.subTest(unit):
+                run("dpkg-deb", "--extract", self.packages[package], root)
                 said = run("systemd-analyze", "security", "--offline=yes", "--no-pager", root / "usr/lib/systemd/system" / unit)
                 (exposure,) = re.findall(r"Overall exposure level for \S+: ([\d.]+)", said)
                 self.assertLess(float(exposure), 2.5, said)
@@ -231,9 +241,10 @@ class Packages(Place):
         self.assertTrue((root / "usr/bin/shmnmctl").is_file())
         self.dpkg(root, "--purge", *PACKAGES)
         # The user stays, so that no later user gets its number.
-        users = {"etc", *(f"etc/{name}" for name in ("passwd", "group", "shadow", "gshadow", ".pwd.lock"))}
+        users = {"etc", *(f"etc/{name}" for name in ("passwd", "group", "group-", "shadow", "gshadow", "gshadow-", ".pwd.lock"))}
         self.assertEqual(installed(root) - before, users)
         self.assertIn("\nshmnm:x:", "\n" + (root / "etc/passwd").read_text())
+        self.assertIn("\nshmnm-readers:x:", "\n" + (root / "etc/group").read_text())
         self.assertEqual(run("dpkg-query", "--admindir", root / "var/lib/dpkg", "--show"), "")
 
 

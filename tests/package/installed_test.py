@@ -11,7 +11,7 @@ from support import PROJECT, TUTORIAL, Place, run
 from binary_file import Elf
 
 FILES = """
-    bin/shmnmctl libexec/shmnm-keeper
+    bin/shmnmctl bin/shmnmweb libexec/shmnm-keeper
     include/kzmkernel.h include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/libkzmkernel.so lib/libkzmlog.so lib/libkzmshmnm.so lib/libkzmshmnm.so.1 lib/libkzmutil.so lib/libkzmxml.so
@@ -20,8 +20,10 @@ FILES = """
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/operations.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
-    share/doc/shmnm/examples/states.json share/doc/shmnm/examples/prometheus/shmnm_rules.yml share/doc/shmnm/examples/grafana/shmnm.json
-    share/man/man1/shmnmctl.1 share/man/man8/shmnm-keeper.8 share/man/man3/shmnm.3 share/man/man3/shmnm_create.3 share/man/man3/shmnm_setholdstat.3
+    share/doc/shmnm/examples/shmnmweb.service share/doc/shmnm/examples/shmnmweb.socket share/doc/shmnm/examples/states.json
+    share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/prometheus.yml
+    share/doc/shmnm/examples/prometheus/shmnm_rules.yml share/doc/shmnm/examples/prometheus/shmnm_rules_test.yml
+    share/man/man1/shmnmctl.1 share/man/man8/shmnm-keeper.8 share/man/man8/shmnmweb.8 share/man/man3/shmnm.3 share/man/man3/shmnm_create.3 share/man/man3/shmnm_setholdstat.3
 """.split()
 
 
@@ -59,14 +61,14 @@ class MovedTree(Place):
 
     def test_no_file_contains_a_path_of_the_build(self):
         for file in self.prefix.rglob("*"):
-            if file.suffix in (".cmake", ".pc", ".h", ".service", ".1", ".3") and not file.is_symlink():
+            if file.suffix in (".cmake", ".pc", ".h", ".service", ".socket", ".1", ".3", ".8") and not file.is_symlink():
                 text = file.read_bytes()
                 for place in (support.BUILD, PROJECT, self.folder):
                     self.assertNotIn(bytes(place), text, file)
 
     def test_each_binary_finds_its_libraries_relative_to_itself(self):
-        binaries = [self.tool, self.prefix / "libexec/shmnm-keeper", *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
-        self.assertEqual(len(binaries), 7)
+        binaries = [self.tool, self.prefix / "bin/shmnmweb", self.prefix / "libexec/shmnm-keeper", *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
+        self.assertEqual(len(binaries), 8)
         for file in binaries:
             with self.subTest(file.name):
                 run_path = Elf(file, "nm", "readelf").run_path
@@ -103,6 +105,11 @@ class MovedTree(Place):
         )
         self.assertIn("libkzmshmnm.so.1", Elf(program, "nm", "readelf").needed)
         self.expect_tutorial(program, self.tool, self.environment())
+
+    def test_the_tree_s_shmnmweb_shows_the_region(self):
+        environment = self.environment()
+        self.serve(self.tool, environment)
+        self.assertEqual(support.healthz(self, [self.prefix / "bin/shmnmweb"], environment), 200)
 
     def test_a_companion_is_replaced_by_replacing_its_file(self):
         swapped = self.folder / "swapped"

@@ -6,6 +6,7 @@ Each test file is run natively and, with Windows programs, under wine:
 
 PLATFORM is linux or windows, BUILD is the build folder that is installed and packed.
 """
+import http.client
 import os
 import pathlib
 import re
@@ -78,6 +79,20 @@ class Place(unittest.TestCase):
         output = run(*self.program(tutorial), "beta", env=environment)
         self.assertEqual(output, "alpha: 2\nbeta: 1\ngamma: 2\ndelta: 2\n")
         self.assertEqual(run(*self.program(tool), "get", "servers/beta/nodestat", env=environment), "1\n")
+
+
+def healthz(test, program, environment):
+    """The status that a server answers about the region's health."""
+    process = subprocess.Popen([str(word) for word in program] + ["--listen", "127.0.0.1:0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                               stderr=subprocess.DEVNULL, env=environment)
+    test.addCleanup(process.stdout.close)
+    test.addCleanup(process.wait)
+    test.addCleanup(process.kill)
+    address = re.fullmatch(r"listening on http://(.+):(\d+)/\r?\n", process.stdout.readline().decode())
+    connection = http.client.HTTPConnection(address[1], int(address[2]), timeout=60)
+    test.addCleanup(connection.close)
+    connection.request("GET", "/healthz")
+    return connection.getresponse().status
 
 
 def packages(build):

@@ -4,6 +4,7 @@ while the service is restarted, upgraded, downgraded and purged.
 Ends with 77, which ctest reports as "Skipped", where no such machine can run.
 """
 import re
+import socket
 import sys
 import tempfile
 import pathlib
@@ -12,7 +13,7 @@ import shutil
 import machine
 import support
 
-PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl")
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb")
 # What dpkg, the users' database, caches and logs keep of any package.
 TRACES = r"/(dev|run|tmp|var/(lib/(dpkg|systemd)|cache|log(/(dpkg.log|alternatives.log|journal|wtmp|lastlog)))|etc/(passwd|group|shadow|gshadow)-?|etc/(subuid|subgid)-?|etc/ld.so.cache|etc/.pwd.lock)(/|$)"
 
@@ -35,6 +36,19 @@ class Machine(support.Place):
 
     def install(self, prefix=""):
         self.machine.run("sh", "-c", f"dpkg --install /dev/packages/{prefix}lib*.deb /dev/packages/{prefix}shmnmctl_*.deb")
+
+    def install_web(self):
+        """Installs the server too, on a port that nothing of this machine uses."""
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            self.port = probe.getsockname()[1]
+        place = "/etc/systemd/system/shmnmweb.socket.d"
+        listen = f"ListenStream=\\nListenStream=127.0.0.1:{self.port}\\nListenStream=/run/shmnmweb.sock"
+        self.machine.run("sh", "-c", f"mkdir -p {place}; printf '[Socket]\\n{listen}\\n' >{place}/port.conf; dpkg --install /dev/packages/shmnmweb_*.deb")
+
+    def health(self, *identity):
+        """The status of the server's answer to a user of the machine."""
+        return self.machine.result(*identity, "curl", "--silent", "--unix-socket", "/run/shmnmweb.sock", "--output", "/dev/null", "--write-out",
+                                   "%{http_code}", "http://localhost/healthz").stdout
 
     def tool(self, *arguments):
         """The output of the tool, run by the cluster's user without environment variables."""
@@ -154,13 +168,60 @@ class Machine(support.Place):
             self.assertRegex(watch.stdout.readline(), rf"servers/alpha/pingstat .*\b{value}\n$")
         self.tool("verify")
 
+    def test_the_server_is_started_by_its_sockets_for_readers_and_for_nobody_else(self):
+        self.install()
+        self.install_web()
+        # What listens is the administrator's decision.
+        self.assertEqual(self.machine.result("systemctl", "is-enabled", "shmnmweb.socket").stdout, "disabled\n")
+        self.assertEqual(self.machine.result("systemctl", "is-active", "shmnmweb.socket").stdout, "inactive\n")
+        self.machine.run("systemctl", "enable", "--now", "shmnmweb.socket")
+        self.assertEqual(self.machine.result("systemctl", "is-active", "shmnmweb").stdout, "inactive\n")
+        self.assertEqual(self.machine.run("stat", "--format=%a %U %G", "/run/shmnmweb.sock").strip(), "660 root shmnm-readers")
+
+        group = self.machine.run("getent", "group", "shmnm-readers").split(":")[2]
+        reader = ("setpriv", "--reuid=54321", "--regid=54321", f"--groups={group}")
+        stranger = ("setpriv", "--reuid=54322", "--regid=54322", "--clear-groups")
+        self.assertEqual(self.health(*reader), "503", "there is no region yet")
+        self.serve()
+        self.machine.run("sh", "-c", "until curl --silent --fail --unix-socket /run/shmnmweb.sock http://localhost/healthz; do :; done")
+        self.assertEqual((self.health(*reader), self.health(*stranger)), ("200", "000"))
+        self.assertEqual(self.machine.run(*reader, "shmnmctl", "--from", "unix:/run/shmnmweb.sock", "list"), self.tool("list"))
+        self.assertNotEqual(self.machine.result(*reader, "shmnmctl", "list").returncode, 0)
+        self.assertEqual(self.machine.run("curl", "--silent", f"http://127.0.0.1:{self.port}/picture.json"), self.tool("status", "--format", "json"))
+        self.assertIn("\nshmnm_lock_held 0\n", self.machine.run("curl", "--silent", f"http://127.0.0.1:{self.port}/metrics"))
+
+        process = self.process("shmnmweb")
+        state = self.machine.run("cat", f"/proc/{process}/status")
+        self.assertEqual(re.search(r"^Uid:\s+(\d+)", state, re.M)[1], self.machine.run("id", "-u", "shmnm").strip())
+        self.assertIn(group, re.search(r"^Groups:(.*)$", state, re.M)[1].split())
+        self.assertRegex(self.machine.run("systemctl", "show", "--property=WatchdogUSec", "shmnmweb"), "=30s")
+
+    def test_an_upgrade_of_the_server_refuses_no_client(self):
+        self.install()
+        self.install_web()
+        self.serve()
+        self.machine.run("systemctl", "start", "shmnmweb.socket", "shmnmweb.service")
+        before = self.process("shmnmweb")
+        self.machine.run("sh", "-c", "dpkg --install /dev/packages/later_lib*.deb /dev/packages/later_shmnmctl_*.deb /dev/packages/later_shmnmweb_*.deb")
+        self.assertNotIn(self.process("shmnmweb"), (before, "0"))
+        self.assertEqual(self.health(), "200")
+        self.machine.run("kill", "-KILL", self.process("shmnmweb"))
+        self.assertEqual(self.health(), "200", "the socket starts it anew")
+        self.machine.run("dpkg", "--remove", "shmnmweb")
+        self.assertEqual(self.machine.result("systemctl", "is-active", "shmnmweb.socket", "shmnmweb.service").stdout, "inactive\ninactive\n")
+        self.assertEqual(self.machine.result("test", "-e", "/run/shmnmweb.sock").returncode, 1)
+        self.assertEqual(self.machine.run("systemctl", "is-active", "shmnm"), "active\n")
+
     def test_a_removal_ends_the_services_and_a_purge_leaves_nothing_behind(self):
         before = self.machine.changed()
         self.install()
-        self.machine.run("systemctl", "enable", "--now", "shmnm")
+        self.install_web()
+        self.machine.run("systemctl", "enable", "--now", "shmnm", "shmnmweb.socket")
         self.set_words()
-        self.machine.run("dpkg", "--remove", "shmnmctl")
-        self.assertEqual(self.machine.result("systemctl", "is-active", "shmnm", "shmnm-keeper").stdout, "inactive\ninactive\n")
+        self.assertEqual(self.health(), "200")
+        self.machine.run("dpkg", "--remove", "shmnmweb", "shmnmctl")
+        self.assertEqual(self.machine.result("systemctl", "is-active", "shmnm", "shmnm-keeper", "shmnmweb.service", "shmnmweb.socket").stdout, "inactive\n" * 4)
+        self.machine.run("rm", "-r", "/etc/systemd/system/shmnmweb.socket.d")
         self.assertEqual(self.machine.run("ls", "/etc/shmnm"), "cluster.xml\nenvironment\n")
         self.machine.run("dpkg", "--purge", *PACKAGES)
         # A folder that a package shares with others stays in the list of changes, because a file was in it.

@@ -13,13 +13,14 @@ NM = "x86_64-w64-mingw32-nm"
 LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog")
 FILES = """
     bin/kzmlog.dll bin/kzmlog.dll.debug bin/kzmshmnm.dll bin/kzmshmnm.dll.debug bin/kzmutil.dll bin/kzmutil.dll.debug
-    bin/kzmxml.dll bin/kzmxml.dll.debug bin/shmnmctl.exe bin/shmnmctl.exe.debug
+    bin/kzmxml.dll bin/kzmxml.dll.debug bin/shmnmctl.exe bin/shmnmctl.exe.debug bin/shmnmweb.exe bin/shmnmweb.exe.debug
     include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/kzmshmnm.def lib/kzmshmnm.lib lib/libkzmlog.dll.a lib/libkzmshmnm.dll.a lib/libkzmutil.dll.a lib/libkzmxml.dll.a
     lib/pkgconfig/shmnm.pc
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
-    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
+    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/states.json
+    share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/shmnm_rules.yml
 """.split()
 
 
@@ -62,7 +63,7 @@ class Zip(Place):
                     self.assertNotIn(bytes(place), text, file)
 
     def test_each_binary_is_stripped_and_names_its_file_of_symbols(self):
-        for name in (*(f"{library}.dll" for library in LIBRARIES), "shmnmctl.exe"):
+        for name in (*(f"{library}.dll" for library in LIBRARIES), "shmnmctl.exe", "shmnmweb.exe"):
             with self.subTest(name):
                 headers = run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / name)
                 self.assertNotIn(".debug_info", headers)
@@ -85,6 +86,11 @@ class Zip(Place):
         self.assertEqual(members.count("Format: COFF-import-file\n"), 91)
         names = {line.split()[-1] for line in run("llvm-nm", self.prefix / "lib/kzmshmnm.lib").splitlines() if " T shmnm_" in line}
         self.assertEqual(names, interface.KZMSHMNM)
+
+    def test_the_zip_s_shmnmweb_shows_the_region(self):
+        environment = self.environment()
+        self.serve(self.tool, environment)
+        self.assertEqual(support.healthz(self, self.program(self.prefix / "bin/shmnmweb.exe"), environment), 200)
 
     def test_a_program_is_built_by_cmake_and_runs(self):
         consumer = self.folder / "by cmake"
