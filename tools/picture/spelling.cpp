@@ -178,6 +178,9 @@ std::string nearest(std::string_view word, const std::vector<std::string>& candi
     for (const std::string& candidate : candidates) {
         const bool is_beginning = candidate.starts_with(word);
         if (word.size() == 2 && !is_beginning) continue;
+        // A long key of a stranger costs no more than a short one.
+        const size_t at_least = std::max(word.size(), candidate.size()) - std::min(word.size(), candidate.size());
+        if (!is_beginning && at_least >= least) continue;
         const size_t letters = is_beginning ? 1 : letters_between(word, candidate);
         if (letters >= least) continue;
         least = letters;

@@ -9,7 +9,7 @@
 
 #include "context.h"
 #include "duration.h"
-#include "picture/conditions.h"
+#include "picture/answers.h"
 #include "picture/decode.h"
 #include "picture/escape.h"
 #include "picture/platform.h"
@@ -32,9 +32,7 @@ std::string joined(const std::vector<std::string>& words) {
 }
 
 Condition condition_of(const ConditionOptions& options) {
-    Condition condition(joined(options.condition));
-    condition.expect_words();
-    return condition;
+    return condition_on_words(joined(options.condition));
 }
 
 void answer(const Context& context, const char* kind, bool holds) {

@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <optional>
 
 #include "context.h"
+#include "picture/answers.h"
 #include "picture/decode.h"
 #include "picture/escape.h"
 #include "picture/json.h"
@@ -38,19 +38,14 @@ Exit list(const Context& context, const std::string& prefix) {
 
 Exit get(const Context& context, const std::string& key) {
     expect_key(key);
-    const Picture picture = decode(look(context));
-    const std::optional<Word> word = find(picture, key);
-    if (!word) {
-        const std::string near = nearest_key(key, words(picture));
-        throw Error(ErrorKind::no_such_key, fmt::format("there is no key {}{}", as_typed(key), question(near)));
-    }
+    const Word word = word_of(decode(look(context)), key);
     if (context.json()) {
         Json answer = document("get");
-        answer["key"] = word->key;
-        answer["value"] = to_json(word->value);
+        answer["key"] = word.key;
+        answer["value"] = to_json(word.value);
         write_output(line(answer));
     } else {
-        write_output(word->value.to_text() + "\n");
+        write_output(word.value.to_text() + "\n");
     }
     return Exit::done;
 }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "context.h"
+#include "picture/answers.h"
 #include "picture/cluster_file.h"
 #include "picture/escape.h"
 #include "picture/findings.h"
@@ -11,22 +12,10 @@ namespace shmnmctl {
 namespace {
 
 Exit verify(const Context& context) {
-    std::vector<Finding> found = findings(look_unjudged(context, Bytes::all));
-    for (Finding& finding : found) {
-        if (finding.can_be_completed) finding.expected += " (\"shmnmctl repair\" completes this one)";
-    }
+    const std::vector<Finding> found = with_repair(findings(look_unjudged(context, Bytes::all)));
     std::string text;
     if (context.json()) {
-        Json list = Json::array();
-        for (const Finding& finding : found) {
-            list.push_back({{"offset", finding.offset},
-                            {"key", finding.key},
-                            {"expected", finding.expected},
-                            {"found", finding.found}});
-        }
-        Json answer = document("verify");
-        answer["findings"] = std::move(list);
-        text = line(answer);
+        text = line(verify_document(found));
     } else {
         for (const Finding& finding : found) {
             text += fmt::format("{} {}: expected {}; found {}\n", finding.offset, finding.key, finding.expected,
