@@ -94,7 +94,7 @@ SHMNMPICTURE_API const char* shmnmpicture_version(void);
  * @param[in]  options  null: the defaults
  * @param[out] picture  receives a picture even if the call fails, because the picture has the error text and
  *                      shmnmpicture_update() can try again; free it with shmnmpicture_free(). Null if memory ran out
- * @retval SHMNMPICTURE_ERR_ARGUMENT  `picture` is null, or an option is invalid. Such a picture only has an error text
+ * @retval SHMNMPICTURE_ERR_ARGUMENT  `picture` is null, or an option is invalid. Such a picture has only an error text
  * @retval SHMNMPICTURE_ERR_NO_REGION, SHMNMPICTURE_ERR_LOCK_TIMEOUT, SHMNMPICTURE_ERR_FAILED  nothing was copied
  */
 SHMNMPICTURE_API int32_t shmnmpicture_open_live(const shmnmpicture_options* options, shmnmpicture** picture);
@@ -115,7 +115,7 @@ SHMNMPICTURE_API int32_t shmnmpicture_open_file(const char* file, const shmnmpic
  * Asks a server of shmnmweb. Otherwise as shmnmpicture_open_live().
  *
  * @param[in] address  as for `shmnmctl --from`: unix:PATH, http://HOST:PORT or https://HOST:PORT; Windows has http only
- * @retval SHMNMPICTURE_ERR_INVALID    it is not an address
+ * @retval SHMNMPICTURE_ERR_INVALID    it is not an address. Such a picture has only an error text
  * @retval SHMNMPICTURE_ERR_NO_REGION  the server has no region
  * @retval SHMNMPICTURE_ERR_FAILED     the server cannot be reached, is not trusted, or answers something else
  */
@@ -141,7 +141,8 @@ SHMNMPICTURE_API int32_t shmnmpicture_update(shmnmpicture* picture, uint32_t wai
  *
  * @param[out] text  receives the document
  * @param[out] size  receives its bytes; may be null
- * @retval SHMNMPICTURE_ERR_NOT_WHOLE  the picture is of a file that was cut, and SHMNMPICTURE_FORCE is not set
+ * @retval SHMNMPICTURE_ERR_NOT_WHOLE, SHMNMPICTURE_ERR_NOT_A_DUMP  the picture is of a file that was cut or is not a
+ *                                     dump, and SHMNMPICTURE_FORCE is not set
  * @return also, for a picture without a copy, the result of the copy that failed
  */
 SHMNMPICTURE_API int32_t shmnmpicture_json(shmnmpicture* picture, const char** text, size_t* size);
