@@ -55,6 +55,27 @@ class Stopping {
     Forked process_;
 };
 
+/// Another process, which created the running test's mapping, wrote 'd' into it and holds it.
+class OtherHolder {
+  public:
+    OtherHolder() { created_.await(); }
+    int end() {
+        over_.give();
+        return process_.wait();
+    }
+
+  private:
+    Sign created_, over_;
+    Forked process_{[this] {
+        const Handle mapping(create_mapping(object_name()));
+        char* const view = map(mapping.value);
+        view[0] = 'd';
+        kzmkernel_unmap_view(view);
+        created_.give();
+        over_.await();
+    }};
+};
+
 constexpr uint32_t existed = KZMKERNEL_ERROR_ALREADY_EXISTS;
 
 TEST(KernelLostGuards, LeaveTheMutexToItsOwner) {
@@ -213,6 +234,32 @@ TEST(KernelLostGuards, FailTheNextViewOfAMappingThatLostItsFileToo) {
     });
 }
 
+TEST(KernelLostGuards, LeaveTheMappingToAProcessThatOnlyReadsIt) {
+    OtherHolder creator;
+    Stopping reader([] {
+        void* const first = open_to_read(object_name());
+        EXPECT_EQ(map_to_read(first)[0], 'd');
+        close_all_descriptors();
+        Stopping::stop();
+        EXPECT_EQ(map_to_read(first), nullptr);
+        EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+        // Opened again it has its file again.
+        open_to_read(object_name());
+        EXPECT_EQ(map_to_read(first)[0], 'd');
+        EXPECT_EQ(descriptors_of(getpid(), file_of_mapping(object_name())), 1);
+        EXPECT_EQ(descriptors_of(getpid(), folder()), 1);
+    });
+    EXPECT_EQ(creator.end(), 0);
+    {
+        const Handle later(open_to_read(object_name()));
+        ASSERT_NE(later.value, nullptr);
+        EXPECT_EQ(map_to_read(later.value)[0], 'd');
+        EXPECT_EQ(Handle(create_mapping(object_name())).error, existed);
+        EXPECT_EQ(reader.go_on_to_its_end(), 0);
+    }
+    EXPECT_FALSE(fs::exists(file_of_mapping(object_name())));
+}
+
 // As in Windows, an object ends with its last handle.
 TEST(KernelLostGuards, AreNotConfusedWithViewsKeptWithoutAHandle) {
     Stopping viewer([] {
@@ -229,23 +276,35 @@ TEST(KernelLostGuards, AreNotConfusedWithViewsKeptWithoutAHandle) {
 }
 
 TEST(KernelLostGuards, AreNotConfusedWithViewsThatOutliveAllHandles) {
-    Sign created, viewed;
-    Forked holder([&] {
-        const Handle mapping(create_mapping(object_name()));
-        created.give();
-        viewed.await();
-    });
-    created.await();
+    OtherHolder holder;
     const Stopping viewer([] {
         Handle opened(open_mapping(object_name()));
         map(opened.value)[0] = 'v';
         opened.close();
         Stopping::stop();
     });
-    viewed.give();
-    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(holder.end(), 0);
     EXPECT_FALSE(fs::exists(file_of_mapping(object_name())));
     expect_new(create_page, object_name());
+}
+
+// Views for reading and for writing are mapped from different descriptors of the file.
+TEST(KernelLostGuards, AreNotConfusedWithViewsOfEitherKindThatOutliveAllHandles) {
+    for (const bool is_writable : {false, true}) {
+        OtherHolder holder;
+        const Stopping viewer([&] {
+            Handle reading(open_to_read(object_name())), writing(open_mapping(object_name()));
+            char* const other = is_writable ? map_to_read(reading.value) : map(writing.value);
+            EXPECT_NE(is_writable ? map(writing.value) : map_to_read(reading.value), nullptr);
+            reading.close();
+            writing.close();
+            EXPECT_TRUE(kzmkernel_unmap_view(other));
+            Stopping::stop();
+        });
+        EXPECT_EQ(holder.end(), 0);
+        EXPECT_FALSE(fs::exists(file_of_mapping(object_name())));
+        expect_new(create_page, object_name());
+    }
 }
 
 }  // namespace

@@ -46,6 +46,11 @@ CHILD(write_and_hang) {
     test::report(kernel::last_error());
     test::hang();
 }
+CHILD(open_for_reading_and_hang) {
+    const Handle mapping(test::open_mapping(for_reading, test::argument().c_str()));
+    test::report(mapping.get() != nullptr);
+    test::hang();
+}
 constexpr int write_refused = 3;
 CHILD(write_to_a_view_for_reading) {
     const Handle mapping(test::open_mapping(for_reading, test::argument().c_str()));
@@ -113,6 +118,23 @@ TEST(KernelMapping, KeepsTheBytesOfAKilledWriterWhileAnotherHoldsIt) {
     writer.kill();
     const View view(kernel::map_view(mapping.get()));
     EXPECT_EQ(view[page - 1], 0x5A);
+}
+
+TEST(KernelMapping, KeepsItsBytesWhileAProcessHoldsItForReading) {
+    Child writer = start(write_and_hang, object_name());
+    ASSERT_EQ(writer.reported(), 0u);
+    Child reader = start(open_for_reading_and_hang, object_name());
+    ASSERT_EQ(reader.reported(), 1u);
+    writer.kill();
+    {
+        const Handle mapping(test::create_mapping(page, object_name().c_str()));
+        EXPECT_EQ(kernel::last_error(), 183u);
+        const View view(kernel::map_view(mapping.get()));
+        EXPECT_EQ(view[page - 1], 0x5A);
+    }
+    reader.kill();
+    const Handle mapping(test::create_mapping(page, object_name().c_str()));
+    EXPECT_EQ(kernel::last_error(), 0u);
 }
 
 TEST(KernelMapping, KeepsItsSizeWhenItIsCreatedAgain) {
@@ -202,12 +224,34 @@ TEST(KernelView, StaysWhenAnotherViewIsUnmapped) {
     EXPECT_EQ(view[1], 8);
 }
 
+void expect_only_views_for_reading(const Handle& reading) {
+    ASSERT_NE(reading.get(), nullptr);
+    for (const uint32_t access : {2u, for_everything}) {
+        EXPECT_EQ(test::map_view(reading.get(), access), nullptr);
+        EXPECT_EQ(kernel::last_error(), error_access_denied);
+    }
+    const View view(test::map_view(reading.get(), for_reading));
+    EXPECT_NE(view.get(), nullptr);
+}
+
 TEST(KernelView, CannotBeWritableThroughAReadOnlyHandle) {
     const Handle mapping(test::create_mapping(page, object_name().c_str()));
+    expect_only_views_for_reading(Handle(test::open_mapping(for_reading, object_name().c_str())));
+}
+
+TEST(KernelView, CanBeWritableThroughASecondHandleAndStillNotThroughTheReadOnlyOne) {
+    Child holder = start(write_and_hang, object_name());
+    ASSERT_EQ(holder.reported(), 0u);
     const Handle reading(test::open_mapping(for_reading, object_name().c_str()));
-    ASSERT_NE(reading.get(), nullptr);
-    EXPECT_EQ(kernel::map_view(reading.get()), nullptr);
-    EXPECT_EQ(kernel::last_error(), error_access_denied);
+    const View shown(test::map_view(reading.get(), for_reading));
+    Handle writing(test::open_mapping(for_everything, object_name().c_str()));
+    const View view(kernel::map_view(writing.get()));
+    ASSERT_NE(view.get(), nullptr);
+    view[0] = 8;
+    EXPECT_EQ(shown[0], 8);
+    expect_only_views_for_reading(reading);
+    EXPECT_TRUE(writing.close());
+    expect_only_views_for_reading(reading);
 }
 
 TEST(KernelView, ShowsTheBytesOfOthersAndCannotBeWrittenWhenReadOnly) {

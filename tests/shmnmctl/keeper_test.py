@@ -1,4 +1,5 @@
 """shmnm-keeper: the second holder, which keeps the region while the process that created it is away."""
+import os
 import shutil
 import signal
 import socket
@@ -80,6 +81,14 @@ class Keeping(ToolTest):
         before = self.dumped()
         self.keep()
         self.assertEqual(self.dumped(), before)
+
+    def test_the_keeper_holds_the_region_by_a_descriptor_that_cannot_write(self):
+        self.serve()
+        keeper = self.keep()
+        region = f"s.{self.environment['KZMUTIL_NAMESPACE']}oru_kzmshmnm_map"
+        self.assertEqual(support.opened_by(keeper.pid)[region], {os.O_RDONLY})
+        holders = self.tool("holders", "--format", "json").json["holders"]
+        self.assertIn(keeper.pid, [holder["process"] for holder in holders])
 
     def test_the_region_ends_with_the_keeper_if_no_other_process_holds_it(self):
         for request in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):

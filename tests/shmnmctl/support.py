@@ -9,6 +9,7 @@ PLATFORM is linux or windows, FOLDER holds the programs and libraries.
 import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -68,6 +69,20 @@ def escaped(text):
     data = text.encode() if isinstance(text, str) else text
     plain = b"abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.:@+,"
     return "".join(chr(byte) if byte in plain else f"%{byte:02X}" for byte in data)
+
+
+def opened_by(process):
+    """The files of /dev/shm that a process has open, each with what it may do through its descriptors (Linux)."""
+    found = {}
+    for entry in pathlib.Path(f"/proc/{process}/fd").iterdir():
+        try:
+            name = pathlib.Path(os.readlink(entry))
+            flags = int(re.search(r"^flags:\s*(\d+)$", pathlib.Path(f"/proc/{process}/fdinfo/{entry.name}").read_text(), re.M)[1], 8)
+        except FileNotFoundError:
+            continue  # closed meanwhile
+        if name.is_relative_to("/dev/shm"):
+            found.setdefault(name.name, set()).add(flags & os.O_ACCMODE)
+    return found
 
 
 class Result:

@@ -3,6 +3,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import socket
 import stat
 import subprocess
@@ -40,7 +41,7 @@ class ReadOnly(WebTest):
         name = self.environment["KZMUTIL_NAMESPACE"]
         opened = [line for line in lines if re.search(r"\bopen(at)?\(|creat\(", line) and " = -1 " not in line]
         writable = {re.search(r'"([^"]+)"', line)[1] for line in opened if re.search(r"O_RDWR|O_WRONLY|O_CREAT", line)}
-        allowed = re.compile(rf"/dev/null|[ms]\.{re.escape(name)}oru_kzmshmnm_(lock|map)|kzmkernel\.\d+\.guard|{re.escape(str(self.folder))}/log/.*")
+        allowed = re.compile(rf"/dev/null|m\.{re.escape(name)}oru_kzmshmnm_lock|kzmkernel\.\d+\.guard|{re.escape(str(self.folder))}/log/.*")
         self.assertEqual([file for file in writable if not allowed.fullmatch(file)], [])
         shared = [line for line in lines if "mmap(" in line and "MAP_SHARED" in line]
         of_region = [line for line in shared if "oru_kzmshmnm_map" in line]
@@ -54,6 +55,40 @@ class ReadOnly(WebTest):
             self.assertFalse("mprotect(" in line and "PROT_WRITE" in line and "oru_kzmshmnm_map" in line, line)
         region.ok("shmnm_setclstat", 5)
         self.assertEqual(self.dumped(), before)
+
+    def test_a_running_server_can_write_to_nothing_shared_but_the_page_of_the_lock(self):
+        region = self.cluster()
+        web = self.serve()
+        # The server keeps the region open while it waits for the lock.
+        region.ok("shmnm_rwlock", 0)
+        map_file, lock_file = (f"{kind}.{self.environment['KZMUTIL_NAMESPACE']}oru_kzmshmnm_{name}" for kind, name in (("s", "map"), ("m", "lock")))
+        end = time.monotonic() + web_support.DEADLINE
+        while True:
+            web.process.send_signal(signal.SIGSTOP)
+            os.waitid(os.P_PID, web.process.pid, os.WSTOPPED)
+            opened, mapped = support.opened_by(web.process.pid), shared_memory_of(web.process.pid)
+            web.process.send_signal(signal.SIGCONT)
+            if map_file in opened and map_file in mapped:
+                break
+            self.assertLess(time.monotonic(), end)
+        region.ok("shmnm_rwunlock")
+        self.assertEqual(opened[map_file], {os.O_RDONLY})
+        self.assertEqual(mapped[map_file], {"r--s"})
+        self.assertEqual([file for file, rights in mapped.items() if any("w" in right for right in rights)], [lock_file])
+        writable = [file for file, flags in opened.items() if flags != {os.O_RDONLY}]
+        # The empty file through which processes lock their folder.
+        self.assertEqual(writable, [f"kzmkernel.{os.geteuid()}.guard"])
+        self.assertEqual(web.get("/picture.json").status, 200)
+
+
+def shared_memory_of(process):
+    """The files that a process has mapped as shared memory, each with its rights."""
+    found = {}
+    for line in pathlib.Path(f"/proc/{process}/maps").read_text().splitlines():
+        _, rights, _, _, _, *name = line.split(maxsplit=5)
+        if rights.endswith("s"):
+            found.setdefault(pathlib.Path("".join(name)).name, set()).add(rights)
+    return found
 
 
 class Readers(WebTest):

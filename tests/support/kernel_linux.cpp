@@ -53,7 +53,13 @@ void* open_mapping(const std::string& name) {
     return kzmkernel_open_mapping(for_everything, name.c_str());
 }
 char* map(void* mapping) {
-    return static_cast<char*>(kzmkernel_map_view(mapping, 2, 0, 0));
+    return static_cast<char*>(kzmkernel_map_view(mapping, for_writing, 0, 0));
+}
+void* open_to_read(const std::string& name) {
+    return kzmkernel_open_mapping(for_reading, name.c_str());
+}
+char* map_to_read(void* mapping) {
+    return static_cast<char*>(kzmkernel_map_view(mapping, for_reading, 0, 0));
 }
 
 void expect_new(void* (*create)(const std::string&), const std::string& name) {

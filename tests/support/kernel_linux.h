@@ -15,7 +15,7 @@ namespace kernel_test {
 namespace fs = std::filesystem;
 using namespace test;
 
-inline constexpr uint32_t for_everything = 0xF001F;
+inline constexpr uint32_t for_everything = 0xF001F, for_writing = 2, for_reading = 4;
 inline constexpr size_t page = 4096, kib = 1024;
 
 /// A name that only the running test uses.
@@ -45,6 +45,8 @@ void* create_mapping(const std::string& name, uint64_t size = page);
 void* create_page(const std::string& name);
 void* open_mapping(const std::string& name);
 char* map(void* mapping);
+void* open_to_read(const std::string& name);
+char* map_to_read(void* mapping);
 
 /// Mutexes and mappings, for what they have in common.
 struct Kind {

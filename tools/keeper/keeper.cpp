@@ -1,6 +1,6 @@
 // shmnm-keeper: holds a region that another process has created, so that the picture outlives a restart of its creator.
-// It needs the companions only, maps nothing, never takes the lock, and writes nothing into the region. An upgrade of
-// the packages leaves it running.
+// It needs the companions only, maps nothing, never takes the lock, and cannot write into the region. An upgrade of the
+// packages leaves it running.
 #include <csignal>
 #include <cstdio>
 #include <initializer_list>
@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr uint32_t all_access = 0xF001F;
+constexpr uint32_t to_read = 4;
 
 /// As shmnmctl ends.
 enum Exit { done = 0, no_region = 3, refused = 5 };
@@ -34,7 +34,7 @@ int main() {
 
     // The lock's page also holds the note of a killed caller, so both objects are held. They are closed by the end of
     // this process.
-    if (!KzmutilOpenNamedFileMapping(all_access, 0, "oru_kzmshmnm_map")) {
+    if (!KzmutilOpenNamedFileMapping(to_read, 0, "oru_kzmshmnm_map")) {
         if (kzmkernel_last_error() != KZMKERNEL_ERROR_FILE_NOT_FOUND) return fail("region");
         std::fputs("shmnm-keeper: there is no region to keep: start its creator (shmnm.service) first\n", stderr);
         return no_region;

@@ -84,7 +84,7 @@ KZMKERNEL_API void* kzmkernel_create_mapping(uint32_t protect, uint64_t size, co
 /**
  * Opens named shared memory; fails with 2 if there is none.
  *
- * @param[in] access  4: for reading; 2, or 0xF001F: for writing too
+ * @param[in] access  4: for reading, by a descriptor that cannot write; 2, or 0xF001F: for writing too
  */
 KZMKERNEL_API void* kzmkernel_open_mapping(uint32_t access, const char* name);
 

@@ -242,7 +242,7 @@ void remove_leftovers(const Gate& gate, RemovedFiles& removed) noexcept {
             life_of(gate.folder(), entry->d_name, &found) != Life::dead) {
             continue;
         }
-        Descriptor file = open_at(gate.folder(), entry->d_name, object_flags);
+        Descriptor file = open_at(gate.folder(), entry->d_name, read_flags);
         if (!file || is_used_by_others(file.get(), Patience{0})) continue;
         if (unlinkat(gate.folder(), entry->d_name, 0) == 0) removed.add(std::move(file));
     }

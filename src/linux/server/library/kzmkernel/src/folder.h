@@ -38,7 +38,9 @@
 
 namespace kzmkernel {
 
-/// How all files in the folder, and the sibling, are opened.
+/// How files in the folder are opened to be read or only looked at; and how they, and the sibling, are opened to be
+/// written or locked.
+inline constexpr int read_flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 inline constexpr int object_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 /// Files without a name. Their memory is freed at the end of this object's life.

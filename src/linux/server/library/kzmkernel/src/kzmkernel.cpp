@@ -50,7 +50,7 @@ void* create(Kind kind, const char* name, uint64_t size) {
 void* open(Kind kind, const char* name, bool writable) {
     const ProcessLock locked;
     Object* object = nullptr;
-    uint32_t error = open_object(kind, name, object);
+    uint32_t error = open_object(kind, name, writable, object);
     void* const handle = handle_for(error, object, writable);
     return handle ? handle : fail(error);
 }
@@ -134,7 +134,7 @@ void* kzmkernel_map_view(void* mapping, uint32_t access, uint64_t offset, size_t
     const bool writable = (access & file_map_write) != 0;
     if (writable && !use.writable()) return fail(KZMKERNEL_ERROR_ACCESS_DENIED);
     void* view = nullptr;
-    const uint32_t error = map_view(use->file, use->size, writable, offset, length, view);
+    const uint32_t error = map_view(use->file(use.writable()), use->size, writable, offset, length, view);
     return error == 0 ? view : fail(error);
 }
 

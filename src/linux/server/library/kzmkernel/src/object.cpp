@@ -1,6 +1,7 @@
 #include "object.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +19,9 @@ namespace kzmkernel {
 namespace {
 
 constexpr size_t longest_name = 200;
+
+/// What a caller wants of a name: to open its object, or to open or create it. A new object is writable.
+enum class Wish { read, write, create };
 
 /// The process's objects, and the closed mutexes whose page a thread of this process still owns or used last.
 constinit Object* objects = nullptr;
@@ -60,8 +64,9 @@ bool is_in_use(Kind kind, int file, const struct stat& status) {
 
 /// Opens the living file of a name. 2 if the name is free; `file` is then the dead object's file under it, if there is
 /// one.
-uint32_t open_file(const Gate& gate, Kind kind, const char* file_name, Descriptor& file, struct stat& status) {
-    file = open_at(gate.folder(), file_name, object_flags);
+uint32_t open_file(const Gate& gate, Kind kind, const char* file_name, int flags, Descriptor& file,
+                   struct stat& status) {
+    file = open_at(gate.folder(), file_name, flags);
     if (!file) {
         const int error = errno;
         if (error != ENOENT) {
@@ -92,11 +97,11 @@ bool other_kind_lives(const Gate& gate, const Object& object) {
     if (life_of(gate.folder(), file_name, nullptr) != Life::dead) return true;
     Descriptor file;
     struct stat status {};
-    return open_file(gate, other, file_name, file, status) == 0;
+    return open_file(gate, other, file_name, read_flags, file, status) == 0;
 }
 
 /// Fills in the Object of a living file that this process does not hold yet.
-uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& object) {
+uint32_t adopt(Gate& gate, Descriptor file, bool writable, const struct stat& status, Object& object) {
     object.device = status.st_dev;
     object.inode = status.st_ino;
     object.size = static_cast<uint64_t>(status.st_size);
@@ -119,22 +124,24 @@ uint32_t adopt(Gate& gate, Descriptor file, const struct stat& status, Object& o
         }
         return error;
     }
-    object.file = std::move(file);
+    object.file(writable) = std::move(file);
     return hold_alive(gate.folder(), object.file_name, status) ? 0 : windows_error(errno);
+}
+
+std::array<KeptDescriptor*, 4> descriptors_of(Object& object) {
+    return {&object.sibling, &object.folder, &object.read_file, &object.write_file};
 }
 
 /// Forgets a descriptor number that the system has given to another file.
 void forget_number(Object& object, int number) {
-    for (KeptDescriptor* const kept : {&object.sibling, &object.folder, &object.file}) kept->forget(number);
+    for (KeptDescriptor* const kept : descriptors_of(object)) kept->forget(number);
 }
 
 /// Forgets the descriptor numbers of an object in all other objects.
-void forget_numbers_of(const Object& object) {
+void forget_numbers_of(Object& object) {
     for (Object* other = objects; other; other = other->next) {
         if (other == &object) continue;
-        for (const KeptDescriptor* const kept : {&object.sibling, &object.folder, &object.file}) {
-            forget_number(*other, kept->get());
-        }
+        for (const KeptDescriptor* const kept : descriptors_of(object)) forget_number(*other, kept->get());
     }
 }
 
@@ -147,43 +154,46 @@ uint32_t keep(Gate& gate, Object* made, Object*& object) {
     return 0;
 }
 
-/// Guards an object of this process again if the program closed the descriptors with the guards, or if the sibling was
-/// removed.
-uint32_t guard_again(Gate& gate, Object& object, Descriptor file, const struct stat& status) {
+/// Gives an object of this process the file for another kind of handle. Guards the object again if the program closed
+/// the descriptors with the guards, or if the sibling was removed.
+uint32_t add_to(Gate& gate, Object& object, Descriptor file, bool writable, const struct stat& status) {
     struct stat sibling {};
     if (fstat(gate.sibling(), &sibling) != 0) return windows_error(errno);
     for (const int number : {gate.sibling(), gate.folder(), file.get()}) forget_number(object, number);
-    if (object.folder.is_there() && object.sibling.is(sibling) &&
-        (object.kind == Kind::mutex || object.file.is_there())) {
-        return 0;
+    const bool is_guarded = object.folder.is_there() && object.sibling.is(sibling);
+    const bool has_file = object.kind == Kind::mutex || object.file(writable).is_there();
+    if (is_guarded && has_file) return 0;
+    if (!is_guarded) {
+        if (!hold_alive(gate.folder(), object.file_name, status)) return windows_error(errno);
+        gate.leave_guarded(object.sibling, object.folder);
     }
-    if (!hold_alive(gate.folder(), object.file_name, status)) return windows_error(errno);
-    gate.leave_guarded(object.sibling, object.folder);
-    if (object.kind == Kind::mapping) object.file = std::move(file);
+    if (!has_file) object.file(writable) = std::move(file);
     forget_numbers_of(object);
     return 0;
 }
 
 /// Looks for the living object of made's name; the gate is held. 183: it is `object`; 2: the name is free. Removes a
 /// dead object's file if an object is to be made.
-uint32_t look(Gate& gate, Object* made, bool make, Object*& object, RemovedFiles& removed) {
+uint32_t look(Gate& gate, Object* made, Wish wish, Object*& object, RemovedFiles& removed) {
+    const bool writable = wish != Wish::read;
     Descriptor file;
     struct stat status {};
-    const uint32_t found = open_file(gate, made->kind, made->file_name, file, status);
+    const uint32_t found =
+        open_file(gate, made->kind, made->file_name, writable ? object_flags : read_flags, file, status);
     if (found == 0) {
         if (Object* const known = find_in(objects, made->kind, status)) {
-            if (const uint32_t error = guard_again(gate, *known, std::move(file), status)) return error;
+            if (const uint32_t error = add_to(gate, *known, std::move(file), writable, status)) return error;
             ++known->handles;
             object = known;
             return KZMKERNEL_ERROR_ALREADY_EXISTS;
         }
-        if (const uint32_t error = adopt(gate, std::move(file), status, *made)) return error;
+        if (const uint32_t error = adopt(gate, std::move(file), writable, status, *made)) return error;
         keep(gate, made, object);
         return KZMKERNEL_ERROR_ALREADY_EXISTS;
     }
     if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
     if (other_kind_lives(gate, *made)) return KZMKERNEL_ERROR_INVALID_HANDLE;
-    if (make && file) {
+    if (wish == Wish::create && file) {
         if (unlinkat(gate.folder(), made->file_name, 0) != 0) return windows_error(errno);
         removed.add(std::move(file));
     }
@@ -198,7 +208,7 @@ uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object, Remo
         if (const uint32_t error = made_file.prepare_mutex()) return error;
     }
     if (const uint32_t error = gate.step_in()) return error;
-    const uint32_t found = look(gate, made, true, object, removed);
+    const uint32_t found = look(gate, made, Wish::create, object, removed);
     if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
     if (const uint32_t error = made_file.name(made->file_name)) return error;
     // The file is opened by its name so that tools show the name.
@@ -208,14 +218,14 @@ uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object, Remo
     if (!file || fstat(file.get(), &status) != 0) {
         error = windows_error(errno);
     } else {
-        error = adopt(gate, std::move(file), status, *made);
+        error = adopt(gate, std::move(file), true, status, *made);
     }
     if (error == 0) return keep(gate, made, object);
     unlinkat(gate.folder(), made->file_name, 0);
     return error;
 }
 
-uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& object) {
+uint32_t obtain(Kind kind, const char* name, uint64_t size, Wish wish, Object*& object) {
     if (const uint32_t error = check_name(name)) return error;
     forget_explanation();
     forget_closed_mutexes();
@@ -227,16 +237,16 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, bool make, Object*& 
     const auto obtained = [&]() -> uint32_t {
         RemovedFiles removed;  // let go of after the gate
         Gate gate;
-        if (const uint32_t error = gate.enter(make)) return error;
-        uint32_t found = look(gate, made, make, object, removed);
-        if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND || !make) return found;
+        if (const uint32_t error = gate.enter(wish == Wish::create)) return error;
+        uint32_t found = look(gate, made, wish, object, removed);
+        if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND || wish != Wish::create) return found;
         // Only the first object of a process clears up: that is often enough, and later objects cost no more for it.
         if (!objects) remove_leftovers(gate, removed);
         gate.step_out();
         removed.let_go();
         if (gate.wait_for_maker_of(made->file_name)) {
             if (const uint32_t error = gate.step_in()) return error;
-            found = look(gate, made, make, object, removed);
+            found = look(gate, made, wish, object, removed);
             if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;
             gate.step_out();
             removed.let_go();
@@ -260,7 +270,7 @@ void remove_file_of(Object& object) {
     Gate gate;
     if (!(object.folder.is_there() ? gate.enter_again(object.folder.get()) : gate.enter(false) == 0)) return;
     object.folder.reset();
-    Descriptor file = open_at(gate.folder(), object.file_name, object_flags);
+    Descriptor file = open_at(gate.folder(), object.file_name, read_flags);
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0 || status.st_ino != object.inode ||
         life_of(gate.folder(), object.file_name, nullptr) != Life::dead || is_in_use(object.kind, file.get(), status)) {
@@ -279,12 +289,12 @@ void file_name_of(Kind kind, const char* name, char (&result)[file_name_size]) n
 uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& object) noexcept {
     if (size > static_cast<uint64_t>(INT64_MAX) - page) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
     object = nullptr;
-    return obtain(kind, name, (size + page - 1) / page * page, true, object);
+    return obtain(kind, name, (size + page - 1) / page * page, Wish::create, object);
 }
 
-uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept {
+uint32_t open_object(Kind kind, const char* name, bool writable, Object*& object) noexcept {
     object = nullptr;
-    const uint32_t result = obtain(kind, name, 0, false, object);
+    const uint32_t result = obtain(kind, name, 0, writable ? Wish::write : Wish::read, object);
     return result == KZMKERNEL_ERROR_ALREADY_EXISTS ? 0 : result;
 }
 
@@ -292,10 +302,11 @@ void drop_object(Object* object) noexcept {
     if (--object->handles > 0) return;
     forget_closed_mutexes();
     unlink_from(objects, object);
-    if (object->file.is_there() && !object->was_forked && is_viewed_here(object->device, object->inode)) {
-        mark_as_viewed(object->file.get());
+    const bool leaves_views = !object->was_forked && is_viewed_here(object->device, object->inode);
+    for (KeptDescriptor* const file : {&object->read_file, &object->write_file}) {
+        if (leaves_views && file->is_there()) mark_as_viewed(file->get());
+        file->reset();
     }
-    object->file.reset();
     object->sibling.reset();
     const bool is_mutex = object->kind == Kind::mutex;
     if (is_mutex && must_stay_mapped(*object->mapped)) {

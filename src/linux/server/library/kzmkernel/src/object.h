@@ -19,13 +19,15 @@
 //       because another process may have been first. If not, give the file its name.
 //   C7  Open the file, lock N and F, and release the gate and the makers' byte. If this process already has the object,
 //       use that: lock its guards again if they are gone, and give up those of this call.
+//       To open a mapping for reading, open its file for reading. If the process also opens it for writing, the object
+//       has two descriptors of its file until the last handle is dropped.
 // A process that is killed in C5 leaves nothing; in C6 it leaves a file without guards. A stopped process holds up
 // others only in C2, C6 and C7, where it holds the gate.
 //
 // To drop the last handle of the process:
-//   D1  If views of the object stay, leave the mark: read-lock byte 0 of the file on the description that the views are
-//       mapped from. Not after a fork: the other process may have views from the same description, and a handle; then
-//       the file stays, and the next creator finds out whether it is in use. Close the file and the sibling.
+//   D1  If views of the object stay, leave the mark: read-lock byte 0 of the file on the descriptions that the views
+//       are mapped from. Not after a fork: the other process may have views from the same description, and a handle;
+//       then the file stays, and the next creator finds out whether it is in use. Close the file and the sibling.
 //   D2  Lock the gate; if the folder's descriptor is gone, enter anew (E1 to E6). If that fails, the file stays, as
 //       after a kill. Close the folder, and with it the last of this process's guards.
 //   D3  If N is free now, the name still leads to this object's file and the file is not in use, remove the file.
@@ -57,13 +59,16 @@ struct Object {
     char file_name[file_name_size];
     dev_t device;
     ino_t inode;
-    uint64_t size;                   ///< bytes, whole pages
-    KeptDescriptor sibling, folder;  ///< carry the guards
-    KeptDescriptor file;             ///< of a mapping
-    MappedMutex* mapped;             ///< of a mutex
-    bool was_forked;                 ///< a forked process shares its open files and what is mapped from them
+    uint64_t size;                         ///< bytes, whole pages
+    KeptDescriptor sibling, folder;        ///< carry the guards
+    KeptDescriptor read_file, write_file;  ///< of a mapping; each for the handles of its kind
+    MappedMutex* mapped;                   ///< of a mutex
+    bool was_forked;                       ///< a forked process shares its open files and what is mapped from them
     uint32_t handles;
     Object* next;
+
+    /// The file that a handle's views are mapped from. A view of `read_file` cannot be made writable.
+    KeptDescriptor& file(bool writable) { return writable ? write_file : read_file; }
 };
 
 /// The caller holds the process's lock. Results are 0 or a Windows error number.
@@ -71,7 +76,7 @@ struct Object {
 /// Opens the object or makes it; 183 if it existed. Each success adds one handle.
 uint32_t create_object(Kind kind, const char* name, uint64_t size, Object*& object) noexcept;
 /// Opens a living object; 2 if there is none.
-uint32_t open_object(Kind kind, const char* name, Object*& object) noexcept;
+uint32_t open_object(Kind kind, const char* name, bool writable, Object*& object) noexcept;
 /// Gives up one handle. The process's last handle takes its Object with it, and the last handle of all processes the
 /// file.
 void drop_object(Object* object) noexcept;
