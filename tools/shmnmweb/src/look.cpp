@@ -1,6 +1,10 @@
 #include "look.h"
 
+#include <algorithm>
 #include <cstring>
+#include <set>
+#include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "picture/json.h"
@@ -10,8 +14,25 @@ namespace {
 
 using picture::Json;
 
+/// Whether records share a key.
+template <typename Record, typename Key>
+bool has_double(const std::vector<Record>& records, const Key& key) {
+    std::set<decltype(key(records.front()))> seen;
+    return !std::all_of(records.begin(), records.end(),
+                        [&](const Record& record) { return seen.insert(key(record)).second; });
+}
+
+/// Whether there are records of which no word tells: words tell only of the first of several with one name.
+bool has_double_names(const picture::Picture& decoded) {
+    const auto name = [](const auto& record) { return std::string_view(record.name); };
+    const auto type_and_name = [](const picture::Resource& resource) { return std::tie(resource.type, resource.name); };
+    return has_double(decoded.servers, name) || has_double(decoded.hb, type_and_name) ||
+           has_double(decoded.np, type_and_name) || has_double(decoded.fst_pids, name);
+}
+
 /// The document without the words that events tell of.
 std::string structure_of(const picture::Snapshot& snapshot, const picture::Picture& decoded) {
+    if (has_double_names(decoded)) return picture::to_json(snapshot, decoded).dump();
     std::string text;
     const auto add = [&](const std::string& part) {
         text += std::to_string(part.size());

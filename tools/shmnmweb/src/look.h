@@ -25,7 +25,8 @@ class Content {
     const picture::Snapshot snapshot;
     const picture::Picture decoded;
     const std::vector<picture::Word> words;
-    /// All that the picture's document shows and no word tells: records and their order, descriptions, counts.
+    /// All that the document shows and no word tells: records and their order, descriptions, counts. The whole document
+    /// if records share a name.
     const std::string structure;
 
     /// The document "status", as shmnmctl writes it.
