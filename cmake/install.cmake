@@ -88,6 +88,10 @@ function(shmnm_install libdir runtime development tool web)
         endif()
         install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${development} ${ARGN})
     endforeach()
+    install(
+        FILES ${PROJECT_SOURCE_DIR}/src/windows/server/library/shmnm/include/shmnm.hpp
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT ${development} ${ARGN})
 
     set(config_folder ${libdir}/cmake/shmnm)
     configure_package_config_file(

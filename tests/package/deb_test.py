@@ -107,7 +107,7 @@ class Packages(Place):
                          {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
                          {name for name in library if re.fullmatch(rf"{LIB}/libkzmshmnm\.so\.1\.\d+\.\d+", name)})
         self.assertIn("usr/lib/tmpfiles.d/shmnm.conf", library)
-        for file in ("shmnm.h", "kzmlog.h", "kzmutil.h", "kzmxml.h", "kzmkernel.h"):
+        for file in ("shmnm.h", "shmnm.hpp", "kzmlog.h", "kzmutil.h", "kzmxml.h", "kzmkernel.h"):
             self.assertIn(f"usr/include/{file}", development)
         for file in ("libkzmshmnm.so", "pkgconfig/shmnm.pc", "cmake/shmnm/shmnm-config.cmake"):
             self.assertIn(f"{LIB}/{file}", development)

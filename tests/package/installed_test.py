@@ -12,7 +12,7 @@ from binary_file import Elf
 
 FILES = """
     bin/shmnmctl bin/shmnmweb libexec/shmnm-keeper
-    include/kzmkernel.h include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h
+    include/kzmkernel.h include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h include/shmnm.hpp
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/libkzmkernel.so lib/libkzmlog.so lib/libkzmshmnm.so lib/libkzmshmnm.so.1 lib/libkzmutil.so lib/libkzmxml.so
     lib/pkgconfig/shmnm.pc

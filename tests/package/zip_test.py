@@ -14,7 +14,7 @@ LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog")
 FILES = """
     bin/kzmlog.dll bin/kzmlog.dll.debug bin/kzmshmnm.dll bin/kzmshmnm.dll.debug bin/kzmutil.dll bin/kzmutil.dll.debug
     bin/kzmxml.dll bin/kzmxml.dll.debug bin/shmnmctl.exe bin/shmnmctl.exe.debug bin/shmnmweb.exe bin/shmnmweb.exe.debug
-    include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h
+    include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h include/shmnm.hpp
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/kzmshmnm.def lib/kzmshmnm.lib lib/libkzmlog.dll.a lib/libkzmshmnm.dll.a lib/libkzmutil.dll.a lib/libkzmxml.dll.a
     lib/pkgconfig/shmnm.pc
