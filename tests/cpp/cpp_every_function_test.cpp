@@ -155,6 +155,7 @@ void each_pair(const Do& with) {
 /// Calls an operation in both forms, expects the same calls of both, and returns them.
 template <typename Operation>
 std::vector<std::string> calls_of(const Operation& operation) {
+    recorder::take();
     operation();
     std::vector<std::string> calls = recorder::take();
     std::error_code error = shmnm::errc::notfound;
