@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import ctypes
-from typing import NamedTuple, Optional, Tuple
+from typing import NamedTuple, Optional
 
 from ._calls import int32
 from ._holder import Holder, Word
@@ -43,7 +43,7 @@ class Cluster(Holder):
         return HbInfo(a.value, b.value)
 
     @hbinfo.setter
-    def hbinfo(self, pair: Tuple[int, int]) -> None:
+    def hbinfo(self, pair: HbInfo) -> None:
         a, b = pair
         self._call("sethbinfo_ex", int32(a), int32(b))
 
@@ -59,7 +59,7 @@ class Cluster(Holder):
         return Maxima(servers.value, hb.value, np.value)
 
     @maxima.setter
-    def maxima(self, values: Tuple[int, int, int]) -> None:
+    def maxima(self, values: Maxima) -> None:
         servers, hb, np = values
         self._call("setmaxvalue_ex", int32(servers), int32(hb), int32(np))
 
