@@ -228,6 +228,38 @@ class Page(WebTest):
         self.press(Keys.SHIFT, "N", Keys.NULL)
         self.assertIn(self.focused(), exceptions)
 
+    def hash(self):
+        return self.script("return location.hash")
+
+    def test_a_link_focuses_the_cell_whose_key_it_has(self):
+        region = self.cluster()
+        region.ok("shmnm_addnode", "a b/c%", 9)
+        web = self.serve()
+        for key in ("servers/beta/pingstat", "servers/a%20b%2Fc%25/nodestat", "np/ping/pingnp1/svstat/gamma"):
+            with self.subTest(key):
+                self.open(web, "#" + key)
+                self.until(lambda: self.focused() == key)
+                self.assertIn(key, self.text("say"))
+                self.assertEqual(self.script("return document.querySelectorAll('td[tabindex=\"0\"]').length"), 1)
+        self.open(web, "#servers/nobody/<b>")
+        self.until(lambda: self.text("say") == "No cell has the key servers/nobody/%3Cb%3E.")
+
+    def test_the_address_follows_the_focus_and_the_history_stays_as_it_is(self):
+        self.cluster()
+        self.open(self.serve(), "?theme=dark")
+        entries = self.script("return history.length")
+        self.cell("servers/beta/pingstat").click()
+        self.until(lambda: self.hash() == "#servers/beta/pingstat")
+        self.press(Keys.ARROW_RIGHT, Keys.ARROW_DOWN)
+        self.until(lambda: self.hash() == "#servers/gamma/holdstat")
+        self.assertEqual(self.script("return [history.length, location.search]"), [entries, "?theme=dark"])
+        self.browser.refresh()
+        self.until(lambda: self.focused() == "servers/gamma/holdstat")
+        self.script("location.hash = '#servers/alpha/nodestat'")
+        self.until(lambda: self.focused() == "servers/alpha/nodestat")
+        self.browser.back()
+        self.until(lambda: self.focused() == "servers/gamma/holdstat")
+
     def test_the_filter_shows_the_cells_whose_keys_have_the_words(self):
         self.cluster()
         self.open(self.serve())

@@ -35,6 +35,7 @@ function go(row, x) {
   cell.tabIndex = 0;
   cell.focus();
   say(row, x);
+  writeLink();
 }
 function goTo(key) {
   const place = places.get(key);
@@ -46,6 +47,24 @@ function goTo(key) {
   }
   go(place.row, place.x);
 }
+
+// A link names a cell by its key: /#servers/alpha/nodestat
+let linkTimer = 0;
+function followLink() {
+  const key = location.hash.slice(1);
+  if (!picture || !key.includes('/')) return;
+  if (places.has(key)) goTo(key);
+  else $('say').textContent = `No cell has the key ${key}.`;
+}
+// The address follows the focus once it rests: browsers limit how often a page may change its address.
+function writeLink() {
+  clearTimeout(linkTimer);
+  linkTimer = setTimeout(() => {
+    if (focus) history.replaceState(null, '', '#' + focus.row.key(focus.x));
+  }, 250);
+}
+addEventListener('hashchange', followLink);
+
 function nextException(step) {
   if (!focus || !shown) return;
   const {rows: kept, columns} = shown,

@@ -24,7 +24,8 @@ function localTime(at) {
   return `${time.getFullYear()}-${two(time.getMonth() + 1)}-${two(time.getDate())}T${two(time.getHours())}:${two(time.getMinutes())}:${two(time.getSeconds())}.000`;
 }
 
-let stream = null;
+let stream = null,
+  isOpened = false; // the page has shown a picture
 function connect() {
   if (stream) stream.close();
   stream = new EventSource('events');
@@ -47,8 +48,11 @@ function connect() {
     if (!event.history.length) $('changes').append(element('li', null, '', element('span', null, 'None since the server started'), ''));
     lastChange = event.history.length ? event.history[event.history.length - 1].time : null;
     setStale(event.stale ? event.stale.since || '' : null, event.stale ? event.stale.message : '');
-    $('source').textContent = event.names_problem || '';
     summarise();
+    if (picture && !isOpened) {
+      isOpened = true;
+      followLink();
+    }
   });
   on('changes', event => {
     for (const change of event.changes) {
