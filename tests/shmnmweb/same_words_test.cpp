@@ -1,10 +1,14 @@
-// One picture, three ways to read it: the words that "shmnmctl list" writes, the JSON document and the metrics, each
-// read back from its text, say the same of any region.
+// One picture, several ways to read it: the words of "shmnmctl list", the text of "shmnmctl status", the JSON document
+// and the metrics, each read back, say the same of any region. The browser's test continues with the page: it gets the
+// documents and the words of these regions in the file that SHMNM_PICTURES names, one line of JSON per region.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +20,9 @@
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/library_region.h"
+#include "picture/words.h"
+#include "picture_text.h"
+#include "sheet.h"
 
 namespace shmnmweb {
 namespace {
@@ -23,6 +30,7 @@ namespace {
 using picture::Json;
 using test::LibraryRegion;
 using test::Random;
+using testing::IsEmpty;
 
 /// Values by the keys of shmnmctl, as text.
 using Values = std::map<std::string, std::string>;
@@ -91,6 +99,111 @@ Values read_document(const Json& document) {
         }
     }
     return values;
+}
+
+using Tokens = std::vector<std::string>;
+
+/// The lines of a text up to the next empty one, each as what blanks separate in it.
+std::vector<Tokens> read_block(std::istream& text) {
+    std::vector<Tokens> block;
+    for (std::string line; std::getline(text, line) && !line.empty();) {
+        std::istringstream stream(line);
+        block.emplace_back(std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>());
+    }
+    return block;
+}
+
+std::string number_of(const std::string& text) {
+    return text == "yes" || text == "on" ? "1" : text == "no" || text == "off" ? "0" : text;
+}
+
+class TextReader {
+  public:
+    Values read(const std::string& text) {
+        std::istringstream stream(text);
+        for (auto block = read_block(stream); !block.empty(); block = read_block(stream)) {
+            const std::string& kind = block[0][0];
+            if (kind == "cluster") read_cluster(block);
+            if (kind == "server") read_servers(block);
+            if (kind == "hb" || kind == "np") read_resources(kind, block);
+            if (kind == "fst" || kind == "process") read_fst(block);
+        }
+        return std::move(values_);
+    }
+
+  private:
+    void add(const std::string& key, const std::string& text) { values_.emplace(key, number_of(text)); }
+
+    void read_cluster(const std::vector<Tokens>& block) {
+        ASSERT_EQ(block.size(), 3u);
+        for (size_t i = 1; i + 1 < block[0].size(); i += 2) add("cluster/" + block[0][i], block[0][i + 1]);
+        // "in use", then NAME COUNT of LIMIT each.
+        for (size_t i = 2; i + 3 < block[1].size(); i += 4) {
+            if (block[1][i] != "process") add("cluster/max_" + block[1][i], block[1][i + 3]);
+        }
+        add("cluster/dfailstatus", block[2][1]);
+        for (size_t i = 3; i < block[2].size(); i += 2) add("servers/" + block[2][i] + "/dfailstatus", "1");
+    }
+    void read_servers(const std::vector<Tokens>& block) {
+        for (size_t row = 1; row < block.size(); ++row) {
+            const std::string& name = servers_.emplace_back(block[row][0]);
+            size_t column = 0;
+            for (const picture::ServerWord& word : picture::server_words) {
+                if (!word.heading) continue;
+                ++column;
+                EXPECT_EQ(block[0].at(column), word.heading);
+                add("servers/" + name + "/" + word.key, block[row].at(column));
+            }
+            add("servers/" + name + "/dfailstatus", "0");
+        }
+    }
+    void read_resources(const std::string& kind, const std::vector<Tokens>& block) {
+        constexpr size_t own = 3;
+        EXPECT_EQ(Tokens(block[0].begin() + own, block[0].end()), servers_);
+        std::string record;
+        for (size_t row = 1; row < block.size(); ++row) {
+            const Tokens& line = block[row];
+            // The network-wide states stand below the resource's own line; the name of a resource has a slash.
+            const bool is_network = line[0] == "network";
+            if (!is_network) {
+                record = kind + "/" + line[0];
+                add(record + "/pri", line.at(1));
+                add(record + "/stat", line.at(2));
+            }
+            const size_t first = is_network ? 1 : own;
+            EXPECT_EQ(line.size(), first + servers_.size());
+            for (size_t i = 0; i < servers_.size(); ++i) {
+                add(record + (is_network ? "/network/" : "/svstat/") + servers_[i], line.at(first + i));
+            }
+        }
+    }
+    void read_fst(const std::vector<Tokens>& block) {
+        for (const Tokens& line : block) {
+            if (line[0] == "fst") {
+                if (line[1] == "stat") add("fst/stat", line.at(2));
+            } else if (line[0] != "process") {
+                for (size_t kind = 0; kind < 3; ++kind) {
+                    add(fmt::format("fst/pids/{}/{}", line[0], kind), line.at(1 + kind));
+                    add(fmt::format("fst/piddata/{}/{}", line[0], kind), line.at(4 + kind));
+                }
+            }
+        }
+    }
+
+    Values values_;
+    Tokens servers_;
+};
+
+/// What the text shows: of simulations only whether there are any, of a failed server its name.
+Values shown_in_text(const Content& content) {
+    Values shown = listed(content);
+    std::string& simulation = shown.at("cluster/dfailstatus");
+    if (simulation != "0") simulation = "1";
+    for (const picture::Server& server : content.decoded.servers) {
+        const std::string key = "servers/" + picture::escaped(server.name) + "/dfailstatus";
+        if (server.is_simulated() || shown.at(key) != "0") shown.at(key) = "1";
+    }
+    return shown;
 }
 
 struct Sample {
@@ -191,6 +304,21 @@ std::map<std::string, std::string> counted(const Json& document) {
     return texts;
 }
 
+/// One line for each key whose values differ.
+Tokens differences(const Values& read, const Values& expected) {
+    Tokens lines;
+    const auto compare = [&](const Values& from, const Values& with, const char* what) {
+        for (const auto& [key, value] : from) {
+            const auto other = with.find(key);
+            if (other != with.end() && other->second == value) continue;
+            lines.push_back(fmt::format("{} {} {}", key, what, value));
+        }
+    };
+    compare(read, expected, "is read as");
+    compare(expected, read, "should be");
+    return lines;
+}
+
 std::string metrics_of(std::shared_ptr<const Content> content) {
     Look look;
     look.content = std::move(content);
@@ -202,8 +330,10 @@ std::string metrics_of(std::shared_ptr<const Content> content) {
     return to_metrics(scrape);
 }
 
-TEST(OnePicture, IsReadBackAlikeFromListJsonAndMetrics) {
+TEST(OnePicture, IsReadBackAlikeFromTextJsonAndMetrics) {
     Random random(test::seed());
+    const char* const file = std::getenv("SHMNM_PICTURES");
+    std::ofstream pictures(file ? file : "");
     size_t words = 0;
     for (unsigned round = 0; round < test::share_of(1'000); ++round) {
         const auto count = [&](uint32_t most) { return static_cast<int32_t>(1 + test::below(random, most)); };
@@ -212,9 +342,13 @@ TEST(OnePicture, IsReadBackAlikeFromListJsonAndMetrics) {
         const auto content = std::make_shared<const Content>(region.dump());
         const Values expected = listed(*content);
         const Json document = Json::parse(content->document());
-        ASSERT_EQ(read_document(document), expected) << "round " << round;
+        ASSERT_THAT(differences(read_document(document), expected), IsEmpty()) << "round " << round;
+        const std::string text =
+            shmnmctl::to_text(shmnmctl::to_sheet(content->decoded, picture::Selection(), nullptr), {});
+        ASSERT_THAT(differences(TextReader().read(text), shown_in_text(*content)), IsEmpty()) << "round " << round;
+        pictures << Json{{"document", document}, {"words", expected}} << "\n";
         const Metrics metrics = read_metrics(metrics_of(content));
-        ASSERT_EQ(metrics.values, measured(expected)) << "round " << round;
+        ASSERT_THAT(differences(metrics.values, measured(expected)), IsEmpty()) << "round " << round;
         ASSERT_EQ(metrics.counts, counted(document)) << "round " << round;
         words += expected.size();
     }

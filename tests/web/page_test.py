@@ -5,8 +5,10 @@
 FOLDER holds the programs; the pictures that the tests take of the page go to PICTURES; AXE is axe-core's script.
 """
 import json
+import os
 import pathlib
 import re
+import subprocess
 import sys
 import time
 import urllib.parse
@@ -21,7 +23,7 @@ from selenium.webdriver.common.keys import Keys
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "tests/shmnmweb"))
 import web_support  # noqa: E402
-from web_support import DEADLINE, WebTest  # noqa: E402
+from web_support import DEADLINE, WebTest, support  # noqa: E402
 
 PICTURES = AXE = None
 STATES = PROJECT / "examples/states.json"
@@ -114,9 +116,9 @@ class Page(WebTest):
                     region.ok("shmnm_setrscsvstat_nw", "lan", name, server, 4 if (server, resource) == (2, 0) else state)
         return region
 
-    def expected_cells(self):
-        """What the cells must show, by shmnmctl."""
-        words = self.tool("list", "--format", "json").json["words"]
+    def expected_cells(self, words=None):
+        """What the cells must show, by the words of shmnmctl."""
+        words = words or self.tool("list", "--format", "json").json["words"]
         shown = {}
         for key, value in words.items():
             parts = key.split("/")
@@ -138,6 +140,28 @@ class Page(WebTest):
                 network = self.script("return [...document.querySelectorAll('td[data-network]')].map(td => [td.dataset.key, td.dataset.networkValue])")
                 self.assertEqual(network, [["hb/lan/hb1/svstat/node-003", "4"]])
                 region.end()
+
+    def test_a_thousand_regions_are_shown_as_shmnmctl_lists_them(self):
+        pictures = self.folder / "pictures"
+        subprocess.run(support.program("same_words_test"), env=os.environ | {"SHMNM_PICTURES": str(pictures)}, stdout=subprocess.DEVNULL, check=True)
+        lines = pictures.read_text().splitlines()
+        self.assertEqual(len(lines), 1000)
+        self.cluster()
+        self.open(self.serve())
+        self.script("stream.close()")
+        for begin in range(0, len(lines), 50):
+            regions = [json.loads(line) for line in lines[begin : begin + 50]]
+            shown = self.script(
+                # Of records with one name the first counts, as for the library.
+                "const first = (nodes, value) => Object.fromEntries([...nodes].reverse().map(node => [node.dataset.key, node.dataset[value]]));"
+                "return arguments[0].map(region => { takePicture(region); drawSummary(); return ["
+                "  first(document.querySelectorAll('td[data-key]'), 'value'), first(document.querySelectorAll('td[data-network-value]'), 'networkValue'),"
+                "  first(document.querySelectorAll('#facts div'), 'value')]; })", [region["document"] for region in regions])
+            for number, (region, (cells, network, facts)) in enumerate(zip(regions, shown), begin):
+                words = region["words"]
+                self.assertEqual(cells, self.expected_cells(words), f"region {number}")
+                self.assertEqual(network, {key.replace("/network/", "/svstat/"): value for key, value in words.items() if key.startswith("hb/") and "/network/" in key}, f"region {number}")
+                self.assertEqual(facts, {key: value for key, value in words.items() if key.startswith("cluster/") and key != "cluster/alive" and "/max_" not in key}, f"region {number}")
 
     def test_the_values_of_the_cluster_stand_at_the_head(self):
         region = self.cluster()
