@@ -70,6 +70,15 @@ class Answers(WebTest):
             ("//picture.json", 404, "there is nothing at this path"),
             ("/../picture.json", 404, "there is nothing at this path"),
             ("/%2e%2e/etc/passwd", 404, "there is nothing at this path"),
+            ("/./picture.json", 404, "there is nothing at this path"),
+            ("/picture.json%00", 404, "there is nothing at this path"),
+            ("/picture.json;x", 404, "there is nothing at this path"),
+            ("/PICTURE.JSON", 404, "there is nothing at this path"),
+            ("/..\\picture.json", 404, "there is nothing at this path"),
+            ("/%252e%252e/etc/passwd", 404, "there is nothing at this path"),
+            ("/servers/alpha/alive/", 404, "there is nothing at this path"),
+            ("/servers/../alive", 404, "there is no server .."),
+            ("/servers//alive", 404, "there is no server ;"),
             ("/%zz", 400, "the target is not a path as URLs write it; begin it with a slash"),
             ("/servers/delta/alive", 404, "there is no server delta; /picture.json shows what there is"),
             ("/query", 400, "the condition is missing; use /query?condition="),
@@ -98,6 +107,34 @@ class Answers(WebTest):
         web.until("/healthz", lambda answer: answer.status == 200)
         region.end()
         self.assertEqual(web.until("/healthz", lambda answer: answer.status == 503).json["status"], 3)
+
+    def test_a_copy_older_than_five_seconds_is_no_answer(self):
+        region = self.cluster()
+        region.ok("shmnm_setnodestat", "alpha", 1)
+        web = self.serve()
+        stream = self.stream(web)
+        self.assertIsNone(stream.next()[2]["stale"])
+        self.assertEqual(web.get("/servers/alpha/alive").status, 200)
+        region.ok("shmnm_rwlock", 0)
+        told = stream.next()[2]
+        self.assertEqual(told["picture"]["servers"][0]["name"], "alpha")
+        self.assertIn('see "shmnmctl lock --who"', told["stale"]["message"])
+        old = r"the newest copy of the region is \d+ s old: .*; see \"shmnmctl lock --who\""
+        answer = web.until("/healthz", lambda answer: answer.status == 503)
+        for path in ("/healthz", "/picture.json", "/servers/alpha/alive", "/dump", "/snapshot", "/query?condition=cluster/clstat=0"):
+            with self.subTest(path):
+                answer = web.get(path)
+                self.assertEqual((answer.status, answer.json["status"]), (503, 4))
+                self.assertRegex(answer.json["message"], old)
+        lines = web.get("/metrics").text.splitlines()
+        self.assertIn("shmnm_up 0", lines)
+        self.assertIn('shmnm_scrape_failures_total{reason="lock_timeout"} 1', lines)
+        if support.PLATFORM == "linux":
+            self.assertIn("shmnm_lock_held 1", lines)
+        region.ok("shmnm_rwunlock")
+        self.assertIsNone(stream.next()[2]["stale"])
+        for path in ("/healthz", "/picture.json", "/servers/alpha/alive"):
+            self.assertEqual(web.get(path).status, 200)
 
     def test_a_server_is_alive_by_the_librarys_rule(self):
         region = self.cluster()

@@ -81,6 +81,23 @@ class ReadOnly(WebTest):
         self.assertEqual(web.get("/picture.json").status, 200)
 
 
+    def test_a_free_lock_is_left_alone(self):
+        region = self.cluster()
+        web = self.serve()
+
+        def lock():
+            lines = web.get("/metrics?collect[]=lock").text.splitlines()
+            return {name: value for name, value in (line.rsplit(" ", 1) for line in lines if not line.startswith("#"))}
+
+        before = lock()
+        for value in range(1, 6):
+            region.ok("shmnm_setclstat", value)
+            web.until("/picture.json", lambda answer: answer.json["cluster"]["clstat"] == value)
+            now = lock()
+            self.assertEqual((now["shmnm_scrape_lock_wait_seconds"], now["shmnm_scrape_lock_hold_seconds"]), ("0.000000", "0.000000"))
+        self.assertEqual(now["shmnm_lock_takes_total"], before["shmnm_lock_takes_total"])
+
+
 def shared_memory_of(process):
     """The files that a process has mapped as shared memory, each with its rights."""
     found = {}

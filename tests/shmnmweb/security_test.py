@@ -171,6 +171,35 @@ class BadRequests(WebTest):
         return False
 
 
+    def test_a_client_of_events_that_talks_is_cut_off(self):
+        self.cluster()
+        web = self.serve()
+        with web.socket() as talker:
+            talker.sendall(b"GET /events HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            self.assertIn(b"200 OK", talker.recv(4096))
+            received = 0
+            try:
+                talker.sendall(b"x" * (1 << 20))
+                while part := talker.recv(65536):
+                    received += len(part)
+            except (ConnectionResetError, BrokenPipeError):
+                pass
+            self.assertLess(received, 1 << 20)
+        self.assertEqual(web.get("/healthz").status, 200)
+
+    def test_a_large_body_is_neither_read_nor_kept(self):
+        self.cluster()
+        web = self.serve()
+        for method, status in ((b"GET", b"400"), (b"POST", b"405")):
+            with self.subTest(method), web.socket() as connection:
+                connection.sendall(method + b" / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 1000000000\r\n\r\n")
+                self.assertEqual(connection.recv(4096).split(b" ")[1], status)
+                with self.assertRaises((ConnectionResetError, BrokenPipeError)):
+                    while True:
+                        connection.sendall(b"x" * 65536)
+        self.assertEqual(web.get("/healthz").status, 200)
+
+
 class Limits(WebTest):
     def test_a_client_has_no_more_than_its_share_of_connections(self):
         self.cluster()
