@@ -135,6 +135,7 @@ class Answers(WebTest):
         self.assertIsNone(stream.next()[2]["stale"])
         for path in ("/healthz", "/picture.json", "/servers/alpha/alive"):
             self.assertEqual(web.get(path).status, 200)
+        self.assertTrue(web_support.validated(web.get("/healthz").json)["healthy"])
 
     def test_a_server_is_alive_by_the_librarys_rule(self):
         region = self.cluster()
@@ -145,6 +146,7 @@ class Answers(WebTest):
         for path, alive in (("alpha", True), ("beta", False), ("gamma", False), ("a%20b%2Fc%25", True)):
             with self.subTest(path):
                 answer = web.get(f"/servers/{path}/alive")
+                web_support.validated(answer.json)
                 self.assertEqual((answer.status, answer.json["alive"]), (200 if alive else 503, alive))
 
     def test_a_condition_is_answered(self):
@@ -166,7 +168,7 @@ class Answers(WebTest):
             with self.subTest(target):
                 answer = web.get(target)
                 line, _, rest = answer.body.partition(b"\n")
-                head = json.loads(line)
+                head = web_support.validated(json.loads(line))
                 rebuilt = bytearray(head["size"])
                 for offset, length in head["ranges"]:
                     rebuilt[offset : offset + length], rest = rest[:length], rest[length:]

@@ -2,6 +2,7 @@
 import json
 import subprocess
 
+import jsonschema
 import web_support
 from web_support import WebTest, support
 
@@ -11,6 +12,7 @@ try:
 except ImportError as missing:
     raise SystemExit(f"{missing}: scripts/install-dependencies installs what is needed")
 
+NAMES_VALIDATOR = jsonschema.Draft202012Validator(json.loads((support.PROJECT / "docs/states.schema.json").read_text()))
 OPEN_METRICS = "application/openmetrics-text; version=1.0.0,text/plain;q=0.5"
 
 
@@ -149,6 +151,13 @@ class Names(WebTest):
         states = {labels["server"] + " " + labels["state"]: value for labels, value in ((dict(key), value) for (name, key), value in found.items() if name == "shmnm_server_state")}
         self.assertEqual(states, {"alpha up": 1, "alpha down": 0, "beta up": 0, "beta down": 1, "gamma up": 0, "gamma down": 0})
 
+    def test_the_example_obeys_the_schema_and_is_taken(self):
+        example = support.PROJECT / "examples/states.json"
+        NAMES_VALIDATOR.validate(json.loads(example.read_text()))
+        self.cluster()
+        web = self.serve("--names", support.path(example))
+        self.assertEqual(web.get("/names.json").body, example.read_bytes())
+
     def test_a_file_that_is_not_one_of_names_is_refused(self):
         for text, why in (("{", "it is not JSON; see examples/states.json"), ("[]", 'it has no "version": 1 or no "words"'),
                           ('{"version": 1, "words": {"servers/*/nodestat": 1}}', "servers/*/nodestat is not an object"),
@@ -157,6 +166,8 @@ class Names(WebTest):
             with self.subTest(text):
                 file = self.folder / "names.json"
                 file.write_text(text)
+                if text != "{":
+                    self.assertFalse(NAMES_VALIDATOR.is_valid(json.loads(text)))
                 done = subprocess.run(support.program("shmnmweb") + ["--listen", "127.0.0.1:0", "--names", support.path(file)], capture_output=True, env=self.environment, timeout=60)
                 self.assertEqual(done.returncode, 5)
                 self.assertIn(why, done.stderr.decode())

@@ -9,10 +9,20 @@ import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "shmnmctl"))
+import jsonschema  # noqa: E402
 import support  # noqa: E402
 from support import ToolTest  # noqa: E402
 
 DEADLINE = 60
+# Both schemas as one, because the server's refers to the tool's.
+WEB_SCHEMA = json.loads((support.PROJECT / "docs/shmnmweb.schema.json").read_text().replace('"shmnmctl.schema.json#', '"#'))
+VALIDATOR = jsonschema.Draft202012Validator(WEB_SCHEMA | {"$defs": support.SCHEMA["$defs"] | WEB_SCHEMA["$defs"]})
+
+
+def validated(document):
+    """Every document of the server that a test sees obeys the schema."""
+    VALIDATOR.validate(document)
+    return document
 
 
 class Answer:
@@ -64,7 +74,7 @@ class Stream:
         while True:
             line = self.line()
             if line == "" and fields:
-                return fields["event"], fields.get("id"), json.loads(fields["data"])
+                return fields["event"], fields.get("id"), validated(json.loads(fields["data"]))
             if line.startswith(":"):
                 self.comments += 1
             elif line:
