@@ -24,6 +24,13 @@ else()
         OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
     set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
+    if(TARGET wheel)
+        list(APPEND packages python3-shmnm)
+        install(
+            DIRECTORY ${SHMNM_WHEEL_FOLDER}/site/
+            DESTINATION lib/python3/dist-packages
+            COMPONENT python3-shmnm EXCLUDE_FROM_ALL)
+    endif()
 
     # Every package has its copyright file and its changelog, and a file that lists lintian's remarks that do not apply.
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
@@ -100,7 +107,7 @@ file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
 
     # Builds what the packages contain, and no more.
     add_custom_target(packaged)
-    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnm-keeper shmnmweb manual_of_shmnmctl documentation)
+    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnm-keeper shmnmweb manual_of_shmnmctl documentation wheel)
         if(TARGET ${target})
             add_dependencies(packaged ${target})
         endif()
@@ -157,6 +164,18 @@ This package contains the command shmnmctl, which shows, changes, checks and\nse
     set(CPACK_COMPONENT_SHMNMWEB_DESCRIPTION
         "live picture of a failover cluster in shared memory (over HTTP)\n${what}\n.\n\
 This package contains shmnmweb, which shows the picture to browsers, to\nPrometheus and to health checks, and can change nothing.")
+    set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_NAME python3-shmnm)
+    set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_SECTION python)
+    set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_ARCHITECTURE all)
+    set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_SHLIBDEPS OFF)
+    set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_DEPENDS
+        "python3 (>= 3.9), libshmnm1 (>= ${PROJECT_VERSION}), libshmnmpicture1 (>= ${PROJECT_VERSION})")
+    foreach(file postinst prerm)
+        list(APPEND CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_CONTROL_EXTRA ${packaging}/python3-shmnm/${file})
+    endforeach()
+    set(CPACK_COMPONENT_PYTHON3-SHMNM_DESCRIPTION
+        "live picture of a failover cluster in shared memory (Python)\n${what}\n.\n\
+This package contains the Python package shmnm, which reads and changes the\npicture through the library.")
 endif()
 
 include(CPack)

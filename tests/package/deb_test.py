@@ -13,7 +13,7 @@ from support import TUTORIAL, Place, run
 import interface
 from binary_file import Elf
 
-PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb")
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "python3-shmnm")
 UNITS = {"shmnm.service": "shmnmctl", "shmnm-keeper.service": "shmnmctl", "shmnmweb.service": "shmnmweb", "shmnmweb.socket": "shmnmweb"}
 LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
 
@@ -69,7 +69,7 @@ class Packages(Place):
         run("cc", "-std=c11", TUTORIAL, *flags, f"-Wl,-rpath,{root / LIB}", "-o", program)
         return program
 
-    def test_there_are_four_packages(self):
+    def test_there_are_five_packages(self):
         self.assertEqual(set(self.packages), set(PACKAGES))
 
     def test_lintian_accepts_every_package(self):
@@ -91,18 +91,20 @@ class Packages(Place):
         for package, file in self.packages.items():
             with self.subTest(package):
                 control = fields(file)
-                self.assertEqual((control["Package"], control["Version"], control["Source"], control["Architecture"]), (package, version, "shmnm", "amd64"))
+                self.assertEqual((control["Package"], control["Version"], control["Source"], control["Architecture"]), (package, version, "shmnm", "all" if package == "python3-shmnm" else "amd64"))
                 self.assertIn("live picture of a failover cluster", control["Description"])
         same = f"libshmnm1 (= {version})"
         self.assertEqual(fields(self.packages["libshmnm-dev"])["Depends"], same)
         for package in ("shmnmctl", "shmnmweb"):
             self.assertIn(same, fields(self.packages[package])["Depends"].split(", "))
         self.assertIn(f"shmnmctl (= {version})", fields(self.packages["shmnmweb"])["Depends"].split(", "))
+        needed = fields(self.packages["python3-shmnm"])["Depends"]
+        self.assertEqual(re.sub(r"\d+\.\d+\.\d+", "VERSION", needed), "python3 (>= 3.9), libshmnm1 (>= VERSION), libshmnmpicture1 (>= VERSION)")
         for package in ("libshmnm1", "shmnmctl", "shmnmweb"):
             self.assertIn("libc6 (>= 2.", fields(self.packages[package])["Depends"])
 
     def test_each_file_is_in_the_right_package(self):
-        library, development, tool, web = (files(self.packages[package]) for package in PACKAGES)
+        library, development, tool, web, python = (files(self.packages[package]) for package in PACKAGES)
         self.assertEqual({name for name in library if name.startswith("usr/lib/")} - {f"{LIB}/libkzmshmnm.so.1", "usr/lib/tmpfiles.d/shmnm.conf"},
                          {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
                          {name for name in library if re.fullmatch(rf"{LIB}/libkzmshmnm\.so\.1\.\d+\.\d+", name)})
@@ -123,7 +125,12 @@ class Packages(Place):
         self.assertEqual({name for name in web if not name.startswith(("usr/share/doc/", "usr/share/lintian/"))},
                          {"usr/bin/shmnmweb", "usr/lib/systemd/system/shmnmweb.service", "usr/lib/systemd/system/shmnmweb.socket",
                           "usr/lib/sysusers.d/shmnmweb.conf", "usr/share/man/man8/shmnmweb.8.gz"})
-        for package, names in zip(PACKAGES, (library, development, tool, web)):
+        place = "usr/lib/python3/dist-packages/"
+        modules = {f"{place}shmnm/{file.name}" for file in (support.PROJECT / "bindings/python/shmnm").iterdir() if file.is_file()}
+        self.assertEqual({name for name in python if name.startswith(f"{place}shmnm/")}, modules)
+        self.assertEqual({re.sub(r"-\d+\.\d+\.\d+", "", name) for name in python if not name.startswith("usr/share/")} - modules,
+                         {f"{place}shmnm.dist-info/{file}" for file in ("METADATA", "WHEEL", "top_level.txt")})
+        for package, names in zip(PACKAGES, (library, development, tool, web, python)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
 
@@ -203,6 +210,20 @@ class Packages(Place):
         program = self.tutorial(root)
         self.assertIn("libkzmshmnm.so.1", Elf(program, "nm", "readelf").needed)
         self.expect_tutorial(program, root / "usr/bin/shmnmctl", self.installation(root))
+
+    def test_a_python_program_runs_with_the_installed_packages(self):
+        root = self.installed()
+        environment = self.installation(root)
+        # The library's own folder is the system's path of this root.
+        environment |= {"PYTHONPATH": str(root / "usr/lib/python3/dist-packages"), "LD_LIBRARY_PATH": str(root / LIB)}
+        program = support.PROJECT / "examples/python/tutorial.py"
+        self.serve(root / "usr/bin/shmnmctl", environment)
+        output = run("/usr/bin/python3", "-B", "-W", "error", program, "beta", env=environment)
+        self.assertEqual(output, "alpha: 2\nbeta: 1\ngamma: 2\ndelta: 2\n")
+        where = "import shmnm\nshmnm.attach().close()\nprint(shmnm.__file__, open('/proc/self/maps').read())"
+        loaded = run("/usr/bin/python3", "-B", "-c", where, env=environment)
+        self.assertIn(str(root / "usr/lib/python3/dist-packages/shmnm/__init__.py"), loaded)
+        self.assertIn(str(root / LIB / "libkzmshmnm.so.1"), loaded)
 
     def test_a_running_process_and_its_region_outlive_an_upgrade(self):
         root = self.installed()

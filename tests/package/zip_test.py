@@ -21,6 +21,7 @@ FILES = """
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/states.json
     share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/shmnm_rules.yml
+    share/doc/shmnm/examples/python/tutorial.py share/doc/shmnm/examples/python/failed_servers.py
 """.split()
 
 
