@@ -1,5 +1,4 @@
-# What `cpack` makes from a build: on Linux four Debian packages (libshmnm1, libshmnm-dev, shmnmctl, shmnmweb), for Windows one
-# zip.
+# What `cpack` makes from a build: on Linux Debian packages, for Windows one zip.
 set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "The packages' maintainer")
 
 set(CPACK_PACKAGE_NAME shmnm)
