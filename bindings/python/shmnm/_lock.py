@@ -16,6 +16,19 @@ DEFAULT_TIMEOUT = 5.0
 _NO_LIMIT = 0xFFFFFFFF
 
 
+# Asking the system for it at each take and release would take longer than the rest of them.
+_process = os.getpid()
+
+
+def _note_process() -> None:
+    global _process
+    _process = os.getpid()
+
+
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_note_process)
+
+
 class _Thread(threading.local):
     def __init__(self) -> None:
         #: The locks that this thread holds, in the order in which it took them.
@@ -51,11 +64,11 @@ class Lock:
     @property
     def held(self) -> bool:
         """Whether the calling thread holds this lock. A forked child never holds a lock of its parent."""
-        return (self._process, self._thread) == (os.getpid(), threading.get_ident())
+        return self._process == _process and self._thread == threading.get_ident()
 
     def acquire(self) -> None:
         """Takes the lock. Raises `LockTimeout` if the time-out passes first."""
-        if self._process == os.getpid():
+        if self._process == _process:
             raise LockMisuse("this lock object is in use; call region.lock() for each take")
         task = _current_task()
         for lock in _thread.locks:
@@ -64,7 +77,7 @@ class Lock:
         code = self._take(self._timeout_ms)
         if code:
             raise failure(code, self._take, self._timeout_ms)
-        self._process, self._thread, self._task = os.getpid(), threading.get_ident(), task
+        self._process, self._thread, self._task = _process, threading.get_ident(), task
         _thread.locks.append(self)
         if task is not None:
             # The loop runs this only if the task gives up control before it releases the lock.
@@ -73,7 +86,7 @@ class Lock:
 
     def release(self) -> None:
         """Releases the lock. In a forked child it does nothing, because the lock is the parent's."""
-        if self._process not in (0, os.getpid()):
+        if self._process not in (0, _process):
             self._process = 0
             return
         if not self.held:
