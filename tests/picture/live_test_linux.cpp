@@ -114,8 +114,9 @@ TEST_F(LiveCopy, HoldsNobodyUpWhileItIsStopped) {
     test::Random random(test::seed());
     Child copier = start(copy_when_told);
     const auto process = static_cast<pid_t>(copier.process_id());
+    const unsigned rounds = test::share_of(100);
     uint64_t disturbed = 0;
-    for (unsigned round = 0; round < 100 || disturbed == 0; ++round) {
+    for (unsigned round = 0; round < rounds || disturbed == 0; ++round) {
         copier.tell(0);
         // Somewhere in the copy, which takes a millisecond or two.
         const uint64_t until_us = platform::steady_clock_us() + test::below(random, 3000);

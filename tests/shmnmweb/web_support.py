@@ -168,7 +168,9 @@ class Server:
     def end(self):
         if self.process.poll() is None:
             self.process.kill()
-        self.process.communicate()
+        _, told = self.process.communicate()
+        if b"Sanitizer" in told:
+            raise AssertionError(told.decode())
 
 
 class WebTest(ToolTest):
