@@ -138,6 +138,9 @@ function(shmnm_install libdir runtime development tool web)
         COMPONENT ${tool} ${ARGN})
     install(
         FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml ${PROJECT_SOURCE_DIR}/examples/tutorial.c
+              ${PROJECT_SOURCE_DIR}/examples/alive.c ${PROJECT_SOURCE_DIR}/examples/alive.cpp
+              ${PROJECT_SOURCE_DIR}/examples/alive_codes.cpp ${PROJECT_SOURCE_DIR}/examples/hb_table.cpp
+              ${PROJECT_SOURCE_DIR}/examples/tutorial.cpp
               ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
               ${PROJECT_SOURCE_DIR}/examples/shmnmweb.service ${PROJECT_SOURCE_DIR}/examples/shmnmweb.socket
               ${PROJECT_SOURCE_DIR}/examples/states.json

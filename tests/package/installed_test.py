@@ -18,7 +18,7 @@ FILES = """
     lib/pkgconfig/shmnm.pc
     share/bash-completion/completions/shmnmctl share/zsh/vendor-completions/_shmnmctl share/fish/vendor_completions.d/shmnmctl.fish
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/operations.md
-    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c
+    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/tutorial.cpp
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
     share/doc/shmnm/examples/shmnmweb.service share/doc/shmnm/examples/shmnmweb.socket share/doc/shmnm/examples/states.json
     share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/prometheus.yml
@@ -98,6 +98,12 @@ class MovedTree(Place):
         flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnm >= 1.0", env=environment))
         libdir = run("pkg-config", "--variable=libdir", "shmnm", env=environment).strip().replace("\\ ", " ")
         program = self.build("cc", "-std=c11", TUTORIAL, *flags, f"-Wl,-rpath,{libdir}", "-o", "{program}")
+        self.expect_tutorial(program, self.tool, self.environment())
+
+    def test_a_program_in_cpp_is_built_by_pkg_config_and_runs(self):
+        environment = self.environment(PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnm >= 1.0", env=environment))
+        program = self.build("c++", "-std=c++17", TUTORIAL.with_suffix(".cpp"), *flags, f"-Wl,-rpath,{self.lib}", "-o", "{program}")
         self.expect_tutorial(program, self.tool, self.environment())
 
     def test_a_program_is_built_by_the_plain_compiler_and_runs(self):

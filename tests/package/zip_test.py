@@ -107,6 +107,12 @@ class Zip(Place):
         flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnm >= 1.0", env=environment))
         self.expect_tutorial(self.build(CC, "-std=c11", TUTORIAL, *flags, "-o", "{program}"), self.tool, self.environment())
 
+    def test_a_program_in_cpp_is_built_by_the_plain_compiler_and_runs(self):
+        compiler = CC.replace("gcc", "g++")
+        source = TUTORIAL.with_suffix(".cpp")
+        program = self.build(compiler, "-std=c++17", "-static", source, f"-I{self.prefix}/include", f"-L{self.prefix}/lib", "-lkzmshmnm", "-o", "{program}")
+        self.expect_tutorial(program, self.tool, self.environment())
+
     def test_a_program_is_built_by_the_plain_compiler_and_runs(self):
         program = self.build(CC, "-std=c11", TUTORIAL, f"-I{self.prefix}/include", f"-L{self.prefix}/lib", "-lkzmshmnm", "-o", "{program}")
         self.assertEqual(Pe(program, NM).imports()["kzmshmnm.dll"] - interface.KZMSHMNM, set())

@@ -324,7 +324,9 @@ class Name {
     /** There is no name without a text. */
     Name(std::nullptr_t) = delete;
 
+    /** Points to the same text, or has a copy of its own. */
     Name(const Name& other) noexcept : text_(other.is_copy() ? copied(other.text_) : other.text_) {}
+    /** Points to the same text, or has a copy of its own. */
     Name& operator=(const Name& other) noexcept {
         if (this != &other) text_ = other.is_copy() ? copied(other.text_) : other.text_;
         return *this;
@@ -352,7 +354,7 @@ class Name {
 struct State {
     std::uint32_t value = 0; /**< the word */
 
-    /** 1, which means in #nodestat that the server is alive. */
+    /** 1, which means in `nodestat` that the server is alive. */
     static const State alive;
     /** 2, which the library writes into the states of new servers and resources. */
     static const State initial;
@@ -590,7 +592,7 @@ constexpr std::uint32_t milliseconds(const std::chrono::duration<Representation,
  * own.
  *
  * A time-out is a duration, rounded up to milliseconds. Zero or less tries once without waiting. The longest time-out
- * is 49 days; #forever waits without limit.
+ * is 49 days; `forever` waits without limit.
  */
 template <class Take, class Release>
 class BasicLock final : public Lock {
@@ -1073,6 +1075,7 @@ inline void dump(const Bytes& bytes, std::error_code& error) noexcept {
 #ifdef __cpp_exceptions
 /** @name The same, throwing Error
  * @{ */
+/** As the form with an error code. */
 template <class Get, class Set>
 [[nodiscard]] State get(ClusterWord<Get, Set>) {
     return {detail::number<Get, std::uint32_t>(detail::Throw{})};
@@ -1234,6 +1237,7 @@ class Server {
 #ifdef __cpp_exceptions
     /** @name The same, throwing Error
      * @{ */
+    /** As the form with an error code. */
     [[nodiscard]] static Server with_priority(Priority priority) {
         return found(detail::Throw{}, priority);
     }
@@ -1461,6 +1465,7 @@ class Resource {
 #ifdef __cpp_exceptions
     /** @name The same, throwing Error
      * @{ */
+    /** As the form with an error code. */
     [[nodiscard]] static Resource named(const Name& name) {
         return found(detail::Throw{}, name);
     }
