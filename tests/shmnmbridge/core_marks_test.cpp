@@ -1,0 +1,121 @@
+#include "core_marks.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+namespace bridge {
+namespace {
+
+Marks some_marks() {
+    Marks marks;
+    marks.is_connected = marks.is_running = marks.is_fed = true;
+    marks.servers = {{.server = "beta",
+                      .freshness = Freshness::fresh,
+                      .age = 250,
+                      .sequence = 7,
+                      .address = "beta:8080",
+                      .is_claimed = true,
+                      .has_other_names = true},
+                     {.server = "gamma", .freshness = Freshness::silent, .is_unmatched = true, .is_duplicate = true}};
+    marks.agreed = {4, 3, 1, 2};
+    marks.contested = {"clstat"};
+    marks.unmatched = {"servers/gamma"};
+    return marks;
+}
+
+TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
+    const auto page = std::make_unique<MarksPage>();
+    write_marks(*page, some_marks());
+    const auto read = read_marks(*page);
+    ASSERT_TRUE(read);
+    const Marks& marks = read->marks;
+    EXPECT_TRUE(marks.is_connected);
+    EXPECT_TRUE(marks.is_running);
+    EXPECT_FALSE(marks.is_refused);
+    EXPECT_TRUE(marks.is_fed);
+    ASSERT_EQ(marks.servers.size(), 2U);
+    EXPECT_EQ(marks.servers[0].server, "beta");
+    EXPECT_EQ(marks.servers[0].freshness, Freshness::fresh);
+    EXPECT_EQ(marks.servers[0].age, 250);
+    EXPECT_EQ(marks.servers[0].sequence, 7U);
+    EXPECT_EQ(marks.servers[0].address, "beta:8080");
+    EXPECT_TRUE(marks.servers[0].is_claimed);
+    EXPECT_TRUE(marks.servers[0].has_other_names);
+    EXPECT_FALSE(marks.servers[0].is_unmatched);
+    EXPECT_EQ(marks.servers[1].freshness, Freshness::silent);
+    EXPECT_EQ(marks.servers[1].age, -1);
+    EXPECT_TRUE(marks.servers[1].is_unmatched);
+    EXPECT_TRUE(marks.servers[1].is_duplicate);
+    EXPECT_EQ(marks.agreed.proposed, 4U);
+    EXPECT_EQ(marks.agreed.accepted, 3U);
+    EXPECT_EQ(marks.agreed.lost, 1U);
+    EXPECT_EQ(marks.agreed.replaced, 2U);
+    EXPECT_EQ(marks.contested, std::vector<std::string>{"clstat"});
+    EXPECT_EQ(marks.unmatched, std::vector<std::string>{"servers/gamma"});
+}
+
+TEST(BridgeMarks, MoveTheSequenceWithEveryWrite) {
+    const auto page = std::make_unique<MarksPage>();
+    write_marks(*page, some_marks());
+    const uint64_t first = read_marks(*page).value().sequence;
+    write_marks(*page, some_marks());
+    EXPECT_GT(read_marks(*page).value().sequence, first);
+}
+
+TEST(BridgeMarks, AreRefusedInAnotherFormatAndWhileTheyAreWritten) {
+    const auto page = std::make_unique<MarksPage>();
+    EXPECT_FALSE(read_marks(*page)) << "a new page";
+    write_marks(*page, some_marks());
+    ++page->header.version;
+    EXPECT_FALSE(read_marks(*page)) << "another version";
+    --page->header.version;
+    ++page->header.sequence;
+    EXPECT_FALSE(read_marks(*page)) << "a writer that was stopped within a write";
+    write_marks(*page, some_marks());
+    EXPECT_TRUE(read_marks(*page)) << "the writer after it";
+}
+
+TEST(BridgeMarks, AreCutToTheRoomThereIsAndSayHowMuchIsMissing) {
+    Marks marks;
+    marks.servers.resize(marked_servers + 5);
+    marks.contested.assign(marked_words - 1, "clstat");
+    marks.unmatched.assign(3, std::string(300, 'u'));
+    const auto page = std::make_unique<MarksPage>();
+    write_marks(*page, marks);
+    const Marks read = read_marks(*page).value().marks;
+    EXPECT_EQ(read.servers.size(), marked_servers);
+    EXPECT_EQ(read.contested.size(), marked_words - 1);
+    EXPECT_EQ(read.unmatched, std::vector<std::string>{std::string(256, 'u')});
+    EXPECT_EQ(page->header.lost_words, 2U);
+}
+
+TEST(BridgeMarks, AreNeverReadHalfWritten) {
+    const auto page = std::make_unique<MarksPage>();
+    Marks marks = some_marks();
+    write_marks(*page, marks);
+    std::atomic<bool> ends = false;
+    std::thread writer([&] {
+        for (uint32_t round = 1; !ends; ++round) {
+            marks.agreed.proposed = marks.agreed.lost = round;
+            marks.servers[0].sequence = marks.servers[1].sequence = round;
+            write_marks(*page, marks);
+        }
+    });
+    unsigned whole = 0;
+    for (int reads = 0; reads < 300 || whole < 20; ++reads) {
+        const auto read = read_marks(*page);
+        if (!read || read->marks.agreed.proposed == 4) continue;
+        ++whole;
+        EXPECT_EQ(read->marks.agreed.proposed, read->marks.agreed.lost);
+        EXPECT_EQ(read->marks.servers[0].sequence, read->marks.agreed.lost);
+        EXPECT_EQ(read->marks.servers[1].sequence, read->marks.agreed.lost);
+    }
+    ends = true;
+    writer.join();
+}
+
+}  // namespace
+}  // namespace bridge

@@ -1,0 +1,237 @@
+#include "core_feeder.h"
+
+#include <algorithm>
+
+namespace bridge {
+namespace {
+
+/// A region that is made and filled between two looks goes unnoticed only if they are close together.
+constexpr Time longest_gap = 200;
+
+/// The word of a look that a call sets; null if it is not there.
+template <typename AnyLook>
+auto word_of(AnyLook& look, const Call& call) -> decltype(&look.servers.front().words[0]) {
+    const auto position = look.find_server(call.server);
+    if (!position) return nullptr;
+    if (call.setter == Call::Setter::server_word) return &look.servers[*position].words[call.word];
+    for (auto& resource : look.resources) {
+        if (resource.key != call.resource || *position >= resource.cells.size()) continue;
+        auto& cell = resource.cells[*position];
+        return call.setter == Call::Setter::svstat ? &cell.svstat : &cell.network;
+    }
+    return nullptr;
+}
+
+std::string key_of(const Call& call) {
+    if (call.setter == Call::Setter::server_word) return "servers/" + call.server + '/' + server_words[call.word];
+    return call.resource + (call.setter == Call::Setter::svstat ? "/svstat/" : "/network/") + call.server;
+}
+
+uint32_t new_value_of(const Call& call) {
+    return call.setter == Call::Setter::server_word ? new_server_words[call.word] : unknown_state;
+}
+
+}  // namespace
+
+template <typename Visit>
+void Feeder::visit_words(const Look& look, size_t position, const ServerState* state, Visit visit) {
+    const LookedServer& server = look.servers[position];
+    Call call{.server = server.name, .pri = server.pri};
+    for (call.word = 0; call.word < server_words.size(); ++call.word) {
+        visit(call, server.words[call.word], state ? &state->words[call.word] : nullptr, call.word < words_of_silence);
+    }
+    call.word = 0;
+    for (const LookedResource& resource : look.resources) {
+        if (position >= resource.cells.size()) continue;
+        const Cell* theirs = nullptr;
+        if (state) {
+            const auto found = state->cells.find(resource.key);
+            if (found != state->cells.end()) theirs = &found->second;
+        }
+        call.resource = resource.key;
+        call.setter = Call::Setter::svstat;
+        visit(call, resource.cells[position].svstat, theirs ? &theirs->svstat : nullptr, true);
+        if (!resource.is_hb()) continue;
+        call.setter = Call::Setter::network;
+        visit(call, resource.cells[position].network, theirs ? &theirs->network : nullptr, true);
+    }
+}
+
+AgreedWords::Continuity Feeder::continuity(Time now, const Look& look, bool is_changed) const {
+    AgreedWords::Continuity continuity;
+    continuity.is_changed = is_changed;
+    const auto own = look.find_server(settings_.server);
+    if (!shown_ || !own) {
+        continuity.is_new = !was_absent_ || rules_.absence_tells;
+        return continuity;
+    }
+    if (!is_changed) return continuity;
+    const auto own_before = shown_->find_server(settings_.server);
+    const bool own_fell = own_before && is_as_new(look, *own) && !is_as_new(*shown_, *own_before);
+    const bool pair_fell = is_pair(shown_->header[hbinfo]) && !is_pair(look.header[hbinfo]);
+    continuity.is_new = (rules_.absence_tells && was_absent_) ||
+                        (rules_.object_tells && look.object != shown_->object) ||
+                        (rules_.fallen_words_tell && own_fell) || (rules_.fallen_pair_tells && pair_fell) ||
+                        (rules_.fallen_others_tell && others_fell(look));
+    const bool has_number = look.object != 0 || !rules_.witness;
+    const bool is_gapless = now - looked_at_ <= longest_gap || !rules_.gap_needs_witness;
+    continuity.is_proven = (has_number && is_gapless) || is_witness(look);
+    for (const LookedResource& resource : look.resources) {
+        if (rules_.fallen_row_tells && is_new_row(resource, *own)) continuity.new_records.push_back(resource.key);
+    }
+    return continuity;
+}
+
+bool Feeder::is_new_row(const LookedResource& resource, size_t own) const {
+    const LookedResource* const before = shown_->find_resource(resource.key);
+    if (!before || resource.stat != new_stat) return false;
+    // The own column may have been set since.
+    for (size_t position = 0; position < resource.cells.size(); ++position) {
+        if (position != own && resource.cells[position] != Cell{}) return false;
+    }
+    return before->cells != resource.cells &&
+           std::any_of(before->cells.begin(), before->cells.end(), [](const Cell& cell) { return cell != Cell{}; });
+}
+
+bool Feeder::others_fell(const Look& look) const {
+    bool any_fell = false;
+    for (const std::string& server : fed_) {
+        const auto before = shown_->find_server(server), now = look.find_server(server);
+        if (!before || !now) continue;
+        if (!is_as_new(look, *now)) return false;
+        any_fell = any_fell || !is_as_new(*shown_, *before);
+    }
+    return any_fell;
+}
+
+bool Feeder::is_witness(const Look& look) const {
+    bool found = false;
+    for (const std::string& server : fed_) {
+        const auto position = look.find_server(server);
+        if (!position) continue;
+        visit_words(look, *position, nullptr, [&](const Call& call, uint32_t here, const uint32_t*, bool) {
+            if (here == new_value_of(call) || contested_.contains(key_of(call))) return;
+            const uint32_t* const before = word_of(*shown_, call);
+            found = found || (before && *before == here);
+        });
+    }
+    return found;
+}
+
+void Feeder::see_nothing() {
+    was_absent_ = true;
+    if (rules_.absence_tells) shown_.reset();
+}
+
+void Feeder::look(Time now, const Look& look, const AgreedWords::Continuity& continuity, Peers& peers) {
+    looked_at_ = now;
+    if (continuity.is_new) {
+        for (auto& [server, peer] : peers) peer.set_not_shown();
+        fed_.clear();
+        contested_.clear();
+    }
+    if (shown_ && !continuity.is_new && continuity.is_changed) {
+        for (const std::string& server : fed_) {
+            const auto position = look.find_server(server);
+            const auto peer = peers.find(server);
+            if (position && peer != peers.end()) follow_contests(look, *position, peer->second);
+        }
+    }
+    if (!contested_.empty()) {
+        for (const auto& [server, peer] : peers) {
+            const auto position = look.find_server(server);
+            if (!position || !peer.state()) continue;
+            visit_words(look, *position, &peer.state()->state,
+                        [&](const Call& call, uint32_t here, const uint32_t* theirs, bool) {
+                            if (theirs && *theirs == here) contested_.erase(key_of(call));
+                        });
+        }
+    }
+    if (continuity.is_changed) shown_ = look;
+    was_absent_ = false;
+}
+
+void Feeder::follow_contests(const Look& look, size_t position, const Peer& peer) {
+    const std::string& server = look.servers[position].name;
+    const auto before = shown_->find_server(server);
+    if (!before) return;
+    const bool was_added_again = is_as_new(look, position);
+    const auto own = look.find_server(settings_.server);
+    std::set<std::string, std::less<>> new_rows;
+    for (const LookedResource& resource : look.resources) {
+        if (own && is_new_row(resource, *own)) new_rows.insert(resource.key);
+    }
+    visit_words(look, position, peer.state() ? &peer.state()->state : nullptr,
+                [&](const Call& call, uint32_t here, const uint32_t* theirs, bool) {
+                    const uint32_t* const shown = word_of(*shown_, call);
+                    if (was_added_again || (!call.resource.empty() && new_rows.contains(call.resource))) {
+                        contested_.erase(key_of(call));
+                    } else if (shown && *shown != here && !(theirs && *theirs == here) && rules_.step_back) {
+                        if (contested_.insert(key_of(call)).second) {
+                            outbox_.notice("a local process has set " + key_of(call) + ", which is another machine's");
+                        }
+                    }
+                });
+}
+
+void Feeder::add_calls(std::vector<Call>& calls, const std::string& server, Peer& peer, Freshness freshness,
+                       bool is_heard) {
+    const auto position = shown_->find_server(server);
+    if (!position || !may_feed() || (rules_.refuse_duplicates && is_duplicate(server))) return peer.set_not_shown();
+    if (server == settings_.server && rules_.own_is_never_fed) return;
+    const bool all = is_heard && peer.state().has_value();
+    const bool silence = !all && freshness == Freshness::silent && rules_.silence_writes_unknown;
+    if (!all && !silence) return;
+    const size_t before = calls.size();
+    visit_words(*shown_, *position, all ? &peer.state()->state : nullptr,
+                [&](const Call& call, uint32_t here, const uint32_t* theirs, bool of_silence) {
+                    const auto value = theirs                  ? std::optional(*theirs)
+                                       : silence && of_silence ? std::optional(unknown_state)
+                                                               : std::nullopt;
+                    if (!value || here == *value || contested_.contains(key_of(call))) return;
+                    calls.push_back(call);
+                    calls.back().value = {*value, 0};
+                    calls.back().expected = AgreedValue{here, 0};
+                });
+    fed_.insert(server);
+    if (!all) {
+        peer.set_not_shown();
+    } else if (calls.size() == before) {
+        peer.set_shown();
+    }
+}
+
+void Feeder::made(const Call& call) {
+    if (!shown_) return;
+    if (call.setter == Call::Setter::header_word) {
+        shown_->header[call.word] = call.value;
+    } else if (call.setter == Call::Setter::stat) {
+        for (LookedResource& resource : shown_->resources) {
+            if (resource.key == call.resource) resource.stat = call.value[0];
+        }
+    } else if (uint32_t* const word = word_of(*shown_, call)) {
+        *word = call.value[0];
+    }
+}
+
+bool Feeder::may_feed() const {
+    return shown_ && (shown_->counts == shown_->configured || !rules_.counts_are_compared);
+}
+
+bool Feeder::is_duplicate(const std::string& server) const {
+    const auto position = shown_ ? shown_->find_server(server) : std::nullopt;
+    return position && !shown_->has_own_priority(*position);
+}
+
+std::vector<std::string> Feeder::unmatched(const std::string& server, const Peer& peer) const {
+    std::vector<std::string> keys;
+    if (!shown_) return keys;
+    if (!shown_->find_server(server)) keys.push_back("servers/" + server);
+    if (!peer.state()) return keys;
+    for (const auto& [key, cell] : peer.state()->state.cells) {
+        if (!shown_->find_resource(key)) keys.push_back(key + '/' + server);
+    }
+    return keys;
+}
+
+}  // namespace bridge

@@ -1,0 +1,63 @@
+// What is set in this machine's region: the words of the other servers. Compares each look with the one before it, so
+// that a word that a local process has overwritten is noticed and left alone.
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core_agreed.h"
+#include "core_messages.h"
+#include "core_peers.h"
+#include "core_rules.h"
+#include "core_settings.h"
+
+namespace bridge {
+
+class Feeder {
+  public:
+    Feeder(const Settings& settings, const Rules& rules, Outbox& outbox)
+        : settings_(settings), rules_(rules), outbox_(outbox) {}
+
+    /// What a look says of the looks before it.
+    AgreedWords::Continuity continuity(Time now, const Look& look, bool is_changed) const;
+    /// A look found no region, or one without the own server.
+    void see_nothing();
+    /// Takes in a look, and follows which words are contested.
+    void look(Time now, const Look& look, const AgreedWords::Continuity& continuity, Peers& peers);
+    /// The calls that make the region of the last look show a server's words.
+    void add_calls(std::vector<Call>& calls, const std::string& server, Peer& peer, Freshness freshness, bool is_heard);
+    /// A call was made.
+    void made(const Call& call);
+
+    /// The last look, with the calls made since.
+    const std::optional<Look>& shown() const { return shown_; }
+    bool may_feed() const;
+    const std::set<std::string>& contested() const { return contested_; }
+    /// Whether servers share this server's priority, so that it is not fed.
+    bool is_duplicate(const std::string& server) const;
+    /// What a server has and this region has not.
+    std::vector<std::string> unmatched(const std::string& server, const Peer& peer) const;
+
+  private:
+    /// One word of a server in the region. Calls `visit(key, call, value here, value of the server or null, is of
+    /// silence)`.
+    template <typename Visit>
+    static void visit_words(const Look& look, size_t position, const ServerState* state, Visit visit);
+    bool is_witness(const Look& look) const;
+    bool others_fell(const Look& look) const;
+    bool is_new_row(const LookedResource& resource, size_t own) const;
+    void follow_contests(const Look& look, size_t position, const Peer& peer);
+
+    const Settings& settings_;
+    const Rules& rules_;
+    Outbox& outbox_;
+    std::optional<Look> shown_;
+    Time looked_at_ = 0;
+    bool was_absent_ = false;
+    std::set<std::string, std::less<>> fed_;  ///< servers whose words were set or found here since the region is new
+    std::set<std::string> contested_;         ///< "servers/alpha/pingstat", "hb/lan/lan1/svstat/alpha"
+};
+
+}  // namespace bridge

@@ -1,0 +1,70 @@
+#include "core_peers.h"
+
+#include <algorithm>
+
+namespace bridge {
+
+void Peer::claim_changed(const KeyValue& change) {
+    claim_ = change.value ? claim_from(*change.value) : std::nullopt;
+}
+
+void Peer::state_changed(const KeyValue& change) {
+    state_ = change.value ? state_from(*change.value) : std::nullopt;
+}
+
+void Peer::beat_came(const BeatValue& beat, Time date, Time limit, Time now) {
+    while (!beats_.empty() && now - beats_.front().date >= limit) beats_.pop_front();
+    beats_.push_back({beat.run, beat.sequence, date});
+}
+
+void Peer::set_shown() {
+    if (!state_ || (shown_run_ == state_->run && shown_sequence_ == state_->sequence)) return;
+    shown_run_ = state_->run;
+    shown_sequence_ = state_->sequence;
+}
+
+bool Peer::is_of_claim(const Beat& beat, const Rules& rules) const {
+    return !rules.runs_are_compared || (claim_ && beat.run == claim_->run);
+}
+
+std::optional<Time> Peer::heard_at(const Rules& rules) const {
+    std::optional<Time> newest;
+    for (const Beat& beat : beats_) {
+        if (is_of_claim(beat, rules)) newest = std::max(newest.value_or(beat.date), beat.date);
+    }
+    return newest;
+}
+
+bool Peer::is_heard(Time now, Time limit, const Rules& rules) const {
+    if (!claim_ && rules.gone_claim_is_silent) return false;
+    const std::optional<Time> heard = heard_at(rules);
+    return heard && now - *heard < limit;
+}
+
+std::optional<Time> Peer::shown_since(const Rules& rules) const {
+    std::optional<Time> since;
+    const std::string& run = rules.fresh_after_applying ? shown_run_ : state_ ? state_->run : shown_run_;
+    const uint64_t sequence = rules.fresh_after_applying ? shown_sequence_ : UINT64_MAX;
+    for (const Beat& beat : beats_) {
+        if (!is_of_claim(beat, rules) || (rules.runs_are_compared && beat.run != run)) continue;
+        if (beat.sequence <= sequence) since = std::max(since.value_or(beat.date), beat.date);
+    }
+    return since;
+}
+
+Freshness Peer::freshness(Time now, const Settings& settings, const OwnBeats& own, bool connected,
+                          const Rules& rules) const {
+    if (!connected) return Freshness::unknown;
+    if (!claim_ && rules.gone_claim_is_silent) return Freshness::silent;
+    const std::optional<Time> since = shown_since(rules);
+    if (since && now - *since < settings.limit()) return Freshness::fresh;
+    if (is_heard(now, settings.limit(), rules)) return Freshness::unknown;
+    // An own beat came back that was sent long after the newest word of the server, and the server had time to answer
+    // it. What is only late because this machine's own beats did not land is not silent.
+    const std::optional<Time> heard = heard_at(rules);
+    const Time unanswered = heard && rules.silence_needs_echo ? *heard + settings.window : 0;
+    const Time answer_by = rules.grace_after_reconnection ? now - 3 * settings.beat() : now;
+    return own.came_back(unanswered, answer_by) ? Freshness::silent : Freshness::unknown;
+}
+
+}  // namespace bridge

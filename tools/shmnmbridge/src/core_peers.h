@@ -1,0 +1,63 @@
+// What is known of the other servers, and which of them are fresh, silent or unknown.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "core_beats.h"
+#include "core_keys.h"
+#include "core_messages.h"
+#include "core_rules.h"
+#include "core_settings.h"
+
+namespace bridge {
+
+enum class Freshness : uint32_t {
+    unknown,  ///< nothing can be said: this machine is cut off, or has only just heard of the server again
+    fresh,    ///< the region shows its words, which it had within the limit
+    silent    ///< this machine is connected and the server is not heard
+};
+
+class Peer {
+  public:
+    void claim_changed(const KeyValue& change);
+    void state_changed(const KeyValue& change);
+    /// @param[in] date  when its sender looked at its words, at the earliest
+    void beat_came(const BeatValue& beat, Time date, Time limit, Time now);
+
+    const std::optional<ClaimValue>& claim() const { return claim_; }
+    const std::optional<StateValue>& state() const { return state_; }
+    /// The region shows the state.
+    void set_shown();
+    void set_not_shown() { shown_run_.clear(); }
+
+    /// Whether a beat of the claimed run was heard.
+    bool is_heard(Time now, Time limit, const Rules& rules) const;
+    /// Of the newest beat of the claimed run.
+    std::optional<Time> heard_at(const Rules& rules) const;
+    /// The newest beat whose words the region shows: when its sender had them.
+    std::optional<Time> shown_since(const Rules& rules) const;
+    Freshness freshness(Time now, const Settings& settings, const OwnBeats& own, bool connected,
+                        const Rules& rules) const;
+
+  private:
+    struct Beat {
+        std::string run;
+        uint64_t sequence;
+        Time date;
+    };
+    bool is_of_claim(const Beat& beat, const Rules& rules) const;
+
+    std::optional<ClaimValue> claim_;
+    std::optional<StateValue> state_;
+    std::deque<Beat> beats_;  ///< of the last limit
+    std::string shown_run_;
+    uint64_t shown_sequence_ = 0;
+};
+
+/// By the server's name. A server is here from the first key on that was known of it.
+using Peers = std::map<std::string, Peer, std::less<>>;
+
+}  // namespace bridge

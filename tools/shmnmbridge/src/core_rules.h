@@ -1,0 +1,62 @@
+// The rules of the protocol, each a switch that is on. Only tests turn one off, to show what breaks without it.
+// docs/bridge-protocol.md explains each.
+#pragma once
+
+namespace bridge {
+
+struct Rules {
+    // Claims and own words.
+    bool fence = true;                ///< every write compares the claim's revision
+    bool refuse_other_host = true;    ///< the claim of another host is not replaced
+    bool renew_lost_claim = true;     ///< a lost claim starts a new run
+    bool state_on_base = true;        ///< a state is written only onto the state that this run knows
+    bool resend_unknown = true;       ///< after a write of unknown outcome the state is written again before a beat
+    bool beats_after_changes = true;  ///< no beat while a change is not yet in etcd
+    bool beats_after_looks = true;    ///< a beat needs a copy of the region that was just taken
+    bool end_deletes_keys = true;     ///< a clean end deletes claim, state and beat
+    bool own_is_never_fed = true;     ///< etcd's state of this machine's server is not written here
+
+    // Freshness.
+    bool beats_are_dated = true;           ///< a beat is as old as the own beat that its sender had seen
+    bool read_beats_are_dated = true;      ///< the same for a beat found by a read
+    bool own_echo = true;                  ///< connected: an own beat came back through the watch
+    bool grace_after_reconnection = true;  ///< a server has time to answer this machine's beats before it is silent
+    bool silence_needs_echo = true;        ///< silent: it did not answer own beats that came back
+    bool runs_are_compared = true;         ///< beat, state and claim belong together only if their runs are equal
+    bool gone_claim_is_silent = true;
+    bool fresh_after_applying = true;    ///< a beat counts for the mark once the region shows its words
+    bool silence_writes_unknown = true;  ///< the states of a silent server become 2
+
+    // Reading.
+    bool revision_order = true;       ///< what is older than what is known is dropped
+    bool ended_watch_is_read = true;  ///< after the end of a watch the keys are read again
+    bool quiet_watch_is_read = true;  ///< and after a watch brought no own beat for too long
+    bool cluster_is_checked = true;   ///< another cluster, or a smaller revision, makes everything unknown
+
+    // Feeding.
+    bool calls_compare = true;        ///< a call names the value that it replaces
+    bool counts_are_compared = true;  ///< a region laid out by other counts is not fed
+    bool refuse_duplicates = true;    ///< servers that share a priority are not fed
+    bool step_back = true;            ///< a foreign word that a local process overwrites is left alone
+    bool requests_wait = true;        ///< no request leaves while a batch is made
+
+    // Agreed words.
+    bool new_region_takes = true;         ///< a new region proposes nothing before it shows etcd's values
+    bool old_answers_are_dropped = true;  ///< an answer to a proposal of a former region changes nothing
+    bool same_base = true;                ///< a proposal is repeated on the revision on which it was made
+    bool late_own_is_accepted = true;     ///< an own proposal that shows up late was accepted
+    bool contest_ends_proposals = true;   ///< after more than 3 losses in 10 s a word is left alone
+    bool pair_needs_value = true;         ///< a pair with a number below 1 is no value
+
+    // How a new region is recognised.
+    bool object_tells = true;        ///< another object number
+    bool absence_tells = true;       ///< a look without a region, or without the own server
+    bool fallen_words_tell = true;   ///< the own words fell back to those of a new record
+    bool fallen_pair_tells = true;   ///< the pair lost its value, which no setter can do
+    bool fallen_others_tell = true;  ///< all foreign words fell back to those of new records
+    bool fallen_row_tells = true;    ///< a resource's row fell back: a new record
+    bool gap_needs_witness = true;   ///< after a time without looks the same
+    bool witness = true;             ///< without object numbers: a fed word still stands in the region
+};
+
+}  // namespace bridge
