@@ -6,6 +6,7 @@
 
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/json.h"
 #include "picture/spelling.h"
 
 namespace picture {
@@ -30,17 +31,15 @@ std::vector<Finding> with_repair(std::vector<Finding> findings) {
     return findings;
 }
 
-Json verify_document(const std::vector<Finding>& findings) {
-    Json list = Json::array();
+std::string verify_line(const std::vector<Finding>& findings) {
+    JsonText text = document_text("verify");
+    text.name("findings").begin_array();
     for (const Finding& finding : findings) {
-        list.push_back({{"offset", finding.offset},
-                        {"key", finding.key},
-                        {"expected", finding.expected},
-                        {"found", finding.found}});
+        text.begin_object().name("offset").number(finding.offset).name("key").string(finding.key);
+        text.name("expected").string(finding.expected).name("found").string(finding.found).end_object();
     }
-    Json answer = document("verify");
-    answer["findings"] = std::move(list);
-    return answer;
+    text.end_array();
+    return line(text);
 }
 
 }  // namespace picture

@@ -1,12 +1,12 @@
 // What the reading commands of shmnmctl answer, for every program that gives the same answers.
 #pragma once
 
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "picture/conditions.h"
 #include "picture/findings.h"
-#include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/picture.h"
 
@@ -22,7 +22,7 @@ Condition condition_on_words(std::string_view text);
 /// Adds to each finding that "shmnmctl repair" completes that it does.
 std::vector<Finding> with_repair(std::vector<Finding> findings);
 
-/// Document "verify".
-Json verify_document(const std::vector<Finding>& findings);
+/// Document "verify" in one line with a newline.
+std::string verify_line(const std::vector<Finding>& findings);
 
 }  // namespace picture

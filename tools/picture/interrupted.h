@@ -18,6 +18,8 @@ struct Interrupted {
     std::string change;       ///< what it did: "removed server gamma"
     bool superseded = false;  ///< tables have been changed since, so it cannot be completed
     uint32_t superseded_by = 0;
+
+    bool operator==(const Interrupted&) const = default;
 };
 
 /// The unfinished changes in a note, of the region with this number.

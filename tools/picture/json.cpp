@@ -1,7 +1,6 @@
 #include "picture/json.h"
 
-#include <iterator>
-#include <utility>
+#include <string>
 #include <variant>
 
 #include "picture/escape.h"
@@ -10,124 +9,124 @@
 namespace picture {
 namespace {
 
-/// An object that is built member by member. From an initializer list, each member would be copied several times.
-class Object {
-  public:
-    explicit Object(size_t members) { members_.reserve(members); }
-    template <typename Type>
-    Object& add(const char* name, Type&& value) {
-        members_.emplace_back(name, std::forward<Type>(value));
-        return *this;
-    }
-    Json take() { return std::move(members_); }
-
-  private:
-    Json::object_t members_;
-};
+/// Members may be added to documents of this version.
+constexpr int document_version = 1;
 
 template <typename Source, typename Part>
-Json shown(const Source& source, const Part& part) {
+void show(JsonText& text, const Source& source, const Part& part) {
     const Value value = source.value(part);
-    return source.is_flag() ? Json(value != Value(0u)) : to_json(value);
+    source.is_flag() ? text.boolean(value != Value(0u)) : text.value(value);
 }
 
-Json cluster(const Picture& picture) {
-    Object one(std::size(cluster_words));
+void show_cluster(JsonText& text, const Picture& picture) {
+    text.begin_object();
     for (const ClusterWord& word : cluster_words) {
-        if (word.is_state()) one.add(word.key, shown(word.source, picture));
+        if (word.is_state()) show(text.name(word.key), word.source, picture);
     }
-    return one.take();
+    text.end_object();
 }
 
-Json region(const Snapshot& snapshot, const Picture& picture) {
-    Object one(16);
-    one.add("live", snapshot.live).add("size", snapshot.bytes.size());
+void show_region(JsonText& text, const Snapshot& snapshot, const Picture& picture) {
+    text.begin_object().name("live").boolean(snapshot.live).name("size").number(snapshot.bytes.size());
     // Here, unlike in the words, a damaged count shows its sign.
     for (const ClusterWord& word : cluster_words) {
-        if (word.count) one.add(word.key, picture.header.*word.source.number());
+        if (word.count) text.name(word.key).number(picture.header.*word.source.number());
     }
-    one.add("fst_count", picture.header.fst_count).add("fst_pid_limit", picture.header.fst_pid_limit);
-    for (const TableCount* const table : table_counts) one.add(table->key, picture.header.*table->count);
-    return one.take();
+    text.name("fst_count").number(picture.header.fst_count).name("fst_pid_limit").number(picture.header.fst_pid_limit);
+    for (const TableCount* const table : table_counts) text.name(table->key).number(picture.header.*table->count);
+    text.end_object();
 }
 
-Json servers(const Picture& picture) {
-    Json all = Json::array();
+void show_servers(JsonText& text, const Picture& picture) {
+    text.begin_array();
     for (const Server& server : picture.servers) {
-        Object one(std::size(server_words) + 1);
-        one.add("name", escaped(server.name));
-        for (const ServerWord& word : server_words) one.add(word.key, shown(word.source, server));
-        all.push_back(one.take());
+        text.begin_object().name("name").string(escaped(server.name));
+        for (const ServerWord& word : server_words) show(text.name(word.key), word.source, server);
+        text.end_object();
     }
-    return all;
+    text.end_array();
 }
 
-Json resources(const Picture& picture, const ResourceKind& kind) {
-    Json all = Json::array();
+void show_resources(JsonText& text, const Picture& picture, const ResourceKind& kind) {
+    text.begin_array();
     for (const Resource& resource : picture.*kind.resources) {
-        Object one(7);
-        one.add("type", escaped(resource.type)).add("name", escaped(resource.name));
-        for (const ResourceWord& word : resource_words) one.add(word.key, shown(word.source, resource));
-        one.add("descript", escaped(resource.descript));
+        text.begin_object().name("type").string(escaped(resource.type)).name("name").string(escaped(resource.name));
+        for (const ResourceWord& word : resource_words) show(text.name(word.key), word.source, resource);
+        text.name("descript").string(escaped(resource.descript));
         for (const RowWord& word : row_words) {
-            if (kind.*word.set) one.add(word.key, (resource.*word.row).states);
+            if (!(kind.*word.set)) continue;
+            text.name(word.key).begin_array();
+            for (const uint32_t state : (resource.*word.row).states) text.number(state);
+            text.end_array();
         }
-        all.push_back(one.take());
+        text.end_object();
     }
-    return all;
+    text.end_array();
 }
 
-Json simulation(const Picture& picture) {
-    Json one;
+void show_simulation(JsonText& text, const Picture& picture) {
+    text.begin_object();
     for (const ClusterWord& word : cluster_words) {
-        if (std::holds_alternative<BySimulation>(word.set)) one[word.key] = shown(word.source, picture);
+        if (std::holds_alternative<BySimulation>(word.set)) show(text.name(word.key), word.source, picture);
     }
-    one["failed"] = Json::array();
+    text.name("failed").begin_array();
     for (const Server& server : picture.servers) {
-        if (server.is_simulated()) one["failed"].push_back(escaped(server.name));
+        if (server.is_simulated()) text.string(escaped(server.name));
     }
-    return one;
+    text.end_array().end_object();
 }
 
-Json to_json(uint32_t pid) {
-    return pid;
+void show_pid(JsonText& text, uint32_t pid) {
+    text.number(pid);
 }
 /// As text: many readers of JSON would round it.
-Json to_json(uint64_t data) {
-    return std::to_string(data);
+void show_pid(JsonText& text, uint64_t data) {
+    text.string(std::to_string(data));
 }
 
-Json pids(const Picture& picture) {
-    Json all = Json::array();
+void show_pids(JsonText& text, const Picture& picture) {
+    text.begin_array();
     for (const FstPid& record : picture.fst_pids) {
-        Object one(std::size(pid_words) + 1);
-        one.add("name", escaped(record.name));
+        text.begin_object().name("name").string(escaped(record.name));
         for (const PidWord& word : pid_words) {
-            Json values = Json::array();
+            text.name(word.member).begin_array();
             std::visit(
                 [&](const auto& member) {
-                    for (const auto value : record.*member) values.push_back(to_json(value));
+                    for (const auto value : record.*member) show_pid(text, value);
                 },
                 word.values);
-            one.add(word.member, std::move(values));
+            text.end_array();
         }
-        all.push_back(one.take());
+        text.end_object();
     }
-    return all;
+    text.end_array();
 }
 
-Json fst(const Picture& picture) {
-    Json one;
-    for (const FstWord& word : fst_words) one[word.key] = picture.fst ? shown(word.source, *picture.fst) : Json();
-    one["descript"] = picture.fst ? Json(escaped(picture.fst->descript)) : Json();
-    one["pids"] = pids(picture);
-    return one;
+void show_fst(JsonText& text, const Picture& picture) {
+    text.begin_object();
+    for (const FstWord& word : fst_words) {
+        text.name(word.key);
+        picture.fst ? show(text, word.source, *picture.fst) : static_cast<void>(text.null());
+    }
+    text.name("descript");
+    picture.fst ? text.string(escaped(picture.fst->descript)) : text.null();
+    show_pids(text.name("pids"), picture);
+    text.end_object();
+}
+
+void show_interrupted(JsonText& text, const std::vector<Interrupted>& changes) {
+    text.begin_array();
+    for (const Interrupted& one : changes) {
+        text.begin_object().name("process").number(one.process).name("call").string(one.call);
+        text.name("change").string(one.change).name("superseded").boolean(one.superseded).end_object();
+    }
+    text.end_array();
 }
 
 }  // namespace
 
 Json document(const char* kind) {
-    return Json{{"version", 1}, {"kind", kind}};
+    return Json{{"version", document_version}, {"kind", kind}};
 }
 
 std::string line(const Json& document) {
@@ -135,10 +134,7 @@ std::string line(const Json& document) {
 }
 
 Json to_json(const Value& value) {
-    constexpr uint64_t exact = uint64_t{1} << 53;
-    if (const auto number = value.to_int32()) return *number;
-    if (const auto number = value.to_uint64()) return *number <= exact ? Json(*number) : Json(value.to_text());
-    return nullptr;
+    return with_shown(value, [](const auto& shown) { return Json(shown); });
 }
 
 Json to_json(const std::vector<Word>& words) {
@@ -149,25 +145,38 @@ Json to_json(const std::vector<Word>& words) {
     return listed;
 }
 
-Json to_json(const std::vector<Interrupted>& all) {
-    Json list = Json::array();
-    for (const Interrupted& one : all) {
-        list.push_back(
-            {{"process", one.process}, {"call", one.call}, {"change", one.change}, {"superseded", one.superseded}});
-    }
-    return list;
+Json to_json(const std::vector<Interrupted>& changes) {
+    JsonText text;
+    show_interrupted(text, changes);
+    return Json::parse(text.take());
+}
+
+JsonText document_text(const char* kind) {
+    JsonText text;
+    text.begin_object().name("version").number(document_version).name("kind").string(kind);
+    return text;
+}
+
+std::string line(JsonText& document) {
+    std::string text = document.end_object().take();
+    text += '\n';
+    return text;
+}
+
+std::string status_line(const Snapshot& snapshot, const Picture& picture) {
+    JsonText text = document_text("status");
+    show_region(text.name("region"), snapshot, picture);
+    show_cluster(text.name("cluster"), picture);
+    show_servers(text.name("servers"), picture);
+    for (const ResourceKind& kind : resource_kinds) show_resources(text.name(kind.key), picture, kind);
+    show_simulation(text.name("simulation"), picture);
+    show_fst(text.name("fst"), picture);
+    show_interrupted(text.name("interrupted"), interrupted_in(snapshot));
+    return line(text);
 }
 
 Json to_json(const Snapshot& snapshot, const Picture& picture) {
-    Json status = document("status");
-    status["region"] = region(snapshot, picture);
-    status["cluster"] = cluster(picture);
-    status["servers"] = servers(picture);
-    for (const ResourceKind& kind : resource_kinds) status[kind.key] = resources(picture, kind);
-    status["simulation"] = simulation(picture);
-    status["fst"] = fst(picture);
-    status["interrupted"] = to_json(interrupted_in(snapshot));
-    return status;
+    return Json::parse(status_line(snapshot, picture));
 }
 
 }  // namespace picture

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "picture/interrupted.h"
+#include "picture/json_text.h"
 #include "picture/keys.h"
 #include "picture/picture.h"
 #include "picture/snapshot.h"
@@ -20,7 +21,13 @@ Json document(const char* kind);
 /// A document in one line, with a newline.
 std::string line(const Json& document);
 
-/// The whole picture, as document "status".
+/// The same for a document that is written part by part: its beginning, and the whole line once all is written.
+JsonText document_text(const char* kind);
+std::string line(JsonText& document);
+
+/// The whole picture, as document "status" in one line with a newline.
+std::string status_line(const Snapshot& snapshot, const Picture& picture);
+/// The same as values, for what changes them.
 Json to_json(const Snapshot& snapshot, const Picture& picture);
 
 /// A value as JSON shows it: a number, null for none; numbers of more than 53 bits as text, because many readers of

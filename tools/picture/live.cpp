@@ -124,12 +124,11 @@ std::optional<Counts> configured_counts() {
 /// The region mapped for reading, as long as this lives.
 class LiveRegion::View {
   public:
+    /// @param[in] mapping  closed at the end of this object's life
     explicit View(void* mapping) : mapping_(mapping), base_(platform::map_for_reading(mapping)) {
-        if (!base_) {
-            const std::string why = last_failure();
-            platform::close(mapping_);
-            throw Error(ErrorKind::failed, fmt::format("cannot map the region {} {}", full_name(mapping_name), why));
-        }
+        if (base_) return;
+        throw Error(ErrorKind::failed,
+                    fmt::format("cannot map the region {} {}", full_name(mapping_name), last_failure()));
     }
     ~View() {
         platform::unmap(base_);
@@ -182,8 +181,13 @@ void* LiveRegion::mutex() {
 std::unique_ptr<LiveRegion::View> LiveRegion::open() {
     if (!told_) tell("region", mapping_name);
     told_ = true;
-    void* const mapping = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
-    if (mapping) return std::make_unique<View>(mapping);
+    std::unique_ptr<void, void (*)(void*)> mapping(KzmutilOpenNamedFileMapping(map_read, 0, mapping_name),
+                                                   platform::close);
+    if (mapping) {
+        auto view = std::make_unique<View>(mapping.get());
+        static_cast<void>(mapping.release());
+        return view;
+    }
     if (platform::last_error() == error_not_found) return nullptr;
     throw Error(ErrorKind::failed,
                 fmt::format("cannot open the region {} {}", full_name(mapping_name), last_failure()));

@@ -12,7 +12,8 @@ namespace picture::platform {
 /// File name of the library, as the loader looks for it.
 extern const char* const library_file;
 
-/// Loads a shared library, from beside this program or where the system keeps them. @return null when that fails
+/// Loads a shared library, from beside this program (Windows: beside the file that has this code) or where the system
+/// keeps them. @return null when that fails
 void* load_module(const char* file);
 /// A function of a loaded library; null when it has none of that name.
 void* symbol(void* module, const char* name);

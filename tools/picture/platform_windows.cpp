@@ -4,11 +4,24 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
+#include <string>
+
 namespace picture::platform {
 
 const char* const library_file = "kzmshmnm.dll";
 
 void* load_module(const char* file) {
+    // This code is in a program or in a library, and the program that loads the library may be anywhere.
+    constexpr DWORD longest = 32'768,
+                    own = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+    HMODULE here = nullptr;
+    GetModuleHandleExA(own, reinterpret_cast<const char*>(&load_module), &here);
+    std::wstring path(longest, L'\0');
+    path.resize(GetModuleFileNameW(here, path.data(), longest));
+    path.resize(path.rfind(L'\\') + 1);
+    path.append(file, file + std::strlen(file));
+    if (void* const module = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) return module;
     return LoadLibraryA(file);
 }
 void* symbol(void* module, const char* name) {

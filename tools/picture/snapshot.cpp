@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <system_error>
 
 #include "picture/error.h"
 #include "picture/escape.h"
@@ -43,13 +44,23 @@ namespace {
     throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", printable(file), why));
 }
 
+/// On Windows names are UTF-8, and others cannot be converted.
+std::filesystem::path path_of(const std::string& file) {
+    try {
+        return file;
+    } catch (const std::system_error&) {
+        refuse(file, "its name is not UTF-8");
+    }
+}
+
 }  // namespace
 
 std::vector<uint8_t> read_file(const std::string& file) {
+    const std::filesystem::path path = path_of(file);
     std::error_code error;
-    if (std::filesystem::is_directory(file, error)) refuse(file, "it is a folder");
+    if (std::filesystem::is_directory(path, error)) refuse(file, "it is a folder");
     errno = 0;
-    std::ifstream stream(file, std::ios::binary);
+    std::ifstream stream(path, std::ios::binary);
     if (!stream) refuse(file, std::strerror(errno));
 
     std::vector<uint8_t> bytes;

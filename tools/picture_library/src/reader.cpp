@@ -23,7 +23,7 @@ namespace {
 /// Whether two copies give different answers, or are of different regions.
 bool differ(const Snapshot& before, const Snapshot& after) {
     return before.object != after.object || before.counts != after.counts || before.bytes != after.bytes ||
-           picture::to_json(picture::interrupted_in(before)) != picture::to_json(picture::interrupted_in(after));
+           picture::interrupted_in(before) != picture::interrupted_in(after);
 }
 
 }  // namespace
@@ -74,7 +74,7 @@ bool Reader::update(uint32_t wait_ms) {
 void Reader::expect_copy() const {
     if (copy_) return;
     if (failure_) throw Error(*failure_);
-    throw Error(ErrorKind::failed, "nothing was copied");
+    throw Error(ErrorKind::failed, "the picture has no copy; update it first");
 }
 
 Reader::Decoded& Reader::decoded() {
@@ -104,17 +104,18 @@ const std::vector<Word>& Reader::words() {
 
 const std::string& Reader::status() {
     Decoded& from = decoded();
-    if (from.status.empty()) from.status = picture::line(picture::to_json(*copy_, from.picture));
+    if (from.status.empty()) from.status = picture::status_line(*copy_, from.picture);
     return from.status;
 }
 
 std::string Reader::findings() const {
     expect_copy();
-    return picture::line(picture::verify_document(picture::with_repair(picture::findings(*copy_))));
+    return picture::verify_line(picture::with_repair(picture::findings(*copy_)));
 }
 
 std::string Reader::value(std::string_view key) {
-    return picture::to_json(picture::word_of(decoded().picture, key).value).dump();
+    picture::JsonText text;
+    return text.value(picture::word_of(decoded().picture, key).value).take();
 }
 
 std::string Reader::unmet(std::string_view text) {

@@ -18,16 +18,17 @@
 using picture::ErrorKind;
 using picture_library::Reader;
 
-struct shmnmpicture {
+namespace {
+
+constexpr const char* no_memory = "out of memory; free some and try again";
+
+/// What a caller knows as a shmnmpicture, which is never defined.
+struct Opened {
     std::optional<Reader> reader;  ///< nothing if its arguments were invalid
     std::string answer;            ///< the text that was given last
     std::string error;
     const char* shown_error = "";  ///< `error`, or a text that needs no memory
 };
-
-namespace {
-
-constexpr const char* no_memory = "out of memory; free some and try again";
 
 class InvalidArgument : public std::runtime_error {
     using runtime_error::runtime_error;
@@ -57,7 +58,7 @@ int32_t result_of(ErrorKind kind) {
     }
 }
 
-int32_t failed(shmnmpicture& picture, int32_t result, const char* why) {
+int32_t failed(Opened& picture, int32_t result, const char* why) {
     try {
         picture.error = why;
         picture.shown_error = picture.error.c_str();
@@ -68,11 +69,13 @@ int32_t failed(shmnmpicture& picture, int32_t result, const char* why) {
     }
 }
 
-/// Does the work of a function. What it throws becomes the result.
+/// Does the work of a function on an opened picture. What it throws becomes the result.
 template <typename Work>
-int32_t guarded(shmnmpicture& picture, const Work& work) {
+int32_t guarded(shmnmpicture* handle, const Work& work) {
+    if (!handle) return SHMNMPICTURE_ERR_ARGUMENT;
+    Opened& picture = *reinterpret_cast<Opened*>(handle);
     try {
-        work();
+        work(picture);
         return SHMNMPICTURE_OK;
     } catch (const InvalidArgument& error) {
         return failed(picture, SHMNMPICTURE_ERR_ARGUMENT, error.what());
@@ -91,7 +94,7 @@ void expect_argument(const void* pointer, const char* name) {
     if (!pointer) throw InvalidArgument(std::string(name) + " is a null pointer; pass its address");
 }
 
-Reader& reader_of(shmnmpicture& picture) {
+Reader& reader_of(Opened& picture) {
     if (!picture.reader) {
         throw InvalidArgument("the picture was opened with invalid arguments; open another with valid arguments");
     }
@@ -122,10 +125,9 @@ shmnmpicture_options checked(const shmnmpicture_options* given) {
 template <typename Source>
 int32_t open(shmnmpicture** out, const shmnmpicture_options* given, const char* file, const Source& source) {
     if (!out) return SHMNMPICTURE_ERR_ARGUMENT;
-    *out = new (std::nothrow) shmnmpicture;
+    *out = reinterpret_cast<shmnmpicture*>(new (std::nothrow) Opened);
     if (!*out) return SHMNMPICTURE_ERR_NO_MEMORY;
-    shmnmpicture& picture = **out;
-    return guarded(picture, [&] {
+    return guarded(*out, [&](Opened& picture) {
         const shmnmpicture_options options = checked(given);
         const auto text = [](const char* name) { return std::string(name ? name : ""); };
         picture_library::SourceOptions how;
@@ -143,7 +145,7 @@ int32_t open(shmnmpicture** out, const shmnmpicture_options* given, const char* 
 }
 
 /// Gives out a text that the picture keeps.
-void give(shmnmpicture& picture, std::string answer, const char** text, size_t* size) {
+void give(Opened& picture, std::string answer, const char** text, size_t* size) {
     picture.answer = std::move(answer);
     *text = picture.answer.c_str();
     if (size) *size = picture.answer.size();
@@ -174,68 +176,63 @@ int32_t shmnmpicture_open_address(const char* address, const shmnmpicture_option
 }
 
 int32_t shmnmpicture_update(shmnmpicture* picture, uint32_t wait_ms, int32_t* changed) {
-    if (!picture) return SHMNMPICTURE_ERR_ARGUMENT;
-    return guarded(*picture, [&] {
-        const bool has_changed = reader_of(*picture).update(wait_ms);
+    return guarded(picture, [&](Opened& opened) {
+        const bool has_changed = reader_of(opened).update(wait_ms);
         if (changed) *changed = has_changed ? 1 : 0;
     });
 }
 
 int32_t shmnmpicture_json(shmnmpicture* picture, const char** text, size_t* size) {
-    if (!picture) return SHMNMPICTURE_ERR_ARGUMENT;
-    return guarded(*picture, [&] {
+    return guarded(picture, [&](Opened& opened) {
         expect_argument(text, "text");
-        const std::string& status = reader_of(*picture).status();
+        const std::string& status = reader_of(opened).status();
         *text = status.c_str();
         if (size) *size = status.size();
     });
 }
 
 int32_t shmnmpicture_value(shmnmpicture* picture, const char* key, const char** text, size_t* size) {
-    if (!picture) return SHMNMPICTURE_ERR_ARGUMENT;
-    return guarded(*picture, [&] {
+    return guarded(picture, [&](Opened& opened) {
         expect_argument(key, "key");
         expect_argument(text, "text");
-        give(*picture, reader_of(*picture).value(key), text, size);
+        give(opened, reader_of(opened).value(key), text, size);
     });
 }
 
 int32_t shmnmpicture_holds(shmnmpicture* picture, const char* condition, int32_t* holds, const char** unmet) {
-    if (!picture) return SHMNMPICTURE_ERR_ARGUMENT;
-    return guarded(*picture, [&] {
+    return guarded(picture, [&](Opened& opened) {
         expect_argument(condition, "condition");
         expect_argument(holds, "holds");
-        std::string reasons = reader_of(*picture).unmet(condition);
+        std::string reasons = reader_of(opened).unmet(condition);
         const bool are_met = reasons.empty();
-        if (unmet) give(*picture, std::move(reasons), unmet, nullptr);
+        if (unmet) give(opened, std::move(reasons), unmet, nullptr);
         *holds = are_met ? 1 : 0;
     });
 }
 
 int32_t shmnmpicture_findings(shmnmpicture* picture, const char** text, size_t* size) {
-    if (!picture) return SHMNMPICTURE_ERR_ARGUMENT;
-    return guarded(*picture, [&] {
+    return guarded(picture, [&](Opened& opened) {
         expect_argument(text, "text");
-        Reader& reader = reader_of(*picture);
+        Reader& reader = reader_of(opened);
         if (reader.lacks_bytes()) {
             throw InvalidArgument("findings need all bytes; open the picture with SHMNMPICTURE_ALL_BYTES");
         }
-        give(*picture, reader.findings(), text, size);
+        give(opened, reader.findings(), text, size);
     });
 }
 
 int32_t shmnmpicture_warning(shmnmpicture* picture, const char** text) {
-    if (!picture) return SHMNMPICTURE_ERR_ARGUMENT;
-    return guarded(*picture, [&] {
+    return guarded(picture, [&](Opened& opened) {
         expect_argument(text, "text");
-        *text = reader_of(*picture).warning().c_str();
+        *text = reader_of(opened).warning().c_str();
     });
 }
 
 const char* shmnmpicture_error(const shmnmpicture* picture) {
-    return picture ? picture->shown_error : "there is no picture: a pointer is null, or memory ran out";
+    return picture ? reinterpret_cast<const Opened*>(picture)->shown_error
+                   : "there is no picture: a pointer is null, or memory ran out";
 }
 
 void shmnmpicture_free(shmnmpicture* picture) {
-    delete picture;
+    delete reinterpret_cast<Opened*>(picture);
 }

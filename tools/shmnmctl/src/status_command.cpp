@@ -48,7 +48,7 @@ Exit show_once(const Context& context, const StatusOptions& options) {
     options.selection.expect_words(picture);
     const bool is_shown = !options.selection.has_condition() || options.selection.rows(picture).any();
     if (context.json()) {
-        write_output(line(status_document(snapshot, picture, options.selection)));
+        write_output(status_document(snapshot, picture, options.selection));
     } else if (is_shown) {
         write_output(page(snapshot, to_sheet(picture, options.selection, nullptr)));
     } else {
@@ -69,7 +69,7 @@ Exit show_again_and_again(const Context& context, const StatusOptions& options) 
             const Snapshot snapshot = region.copy(Bytes::in_use);
             Picture picture = decode(snapshot);
             if (context.json()) {
-                text = line(status_document(snapshot, picture, options.selection));
+                text = status_document(snapshot, picture, options.selection);
             } else {
                 text += "\n" + page(snapshot, to_sheet(picture, options.selection, shown ? &*shown : &picture)) + "\n";
             }

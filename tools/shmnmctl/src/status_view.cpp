@@ -32,9 +32,9 @@ std::vector<std::string> warnings(const Snapshot& snapshot) {
     return lines;
 }
 
-Json status_document(const Snapshot& snapshot, const Picture& picture, const Selection& selection) {
+std::string status_document(const Snapshot& snapshot, const Picture& picture, const Selection& selection) {
+    if (selection.is_everything()) return status_line(snapshot, picture);
     Json status = to_json(snapshot, picture);
-    if (selection.is_everything()) return status;
     Json columns = Json::array();
     for (const Server& server : picture.servers) columns.push_back(escaped(server.name));
     const ShownRows rows = selection.rows(picture);
@@ -43,7 +43,7 @@ Json status_document(const Snapshot& snapshot, const Picture& picture, const Sel
     status["np"] = with_rows(status["np"], rows.np);
     status["fst"]["pids"] = with_rows(status["fst"]["pids"], rows.fst_pids);
     status["columns"] = std::move(columns);
-    return status;
+    return line(status);
 }
 
 }  // namespace shmnmctl

@@ -26,7 +26,7 @@ std::vector<std::string> warnings(const Snapshot& snapshot);
 
 /// The document "status" with the selected rows alone. Where any may be missing, "columns" names the servers to which
 /// the states of a row belong.
-Json status_document(const Snapshot& snapshot, const Picture& picture, const Selection& selection);
+std::string status_document(const Snapshot& snapshot, const Picture& picture, const Selection& selection);
 
 class Screen;
 

@@ -15,7 +15,7 @@ Exit verify(const Context& context) {
     const std::vector<Finding> found = with_repair(findings(look_unjudged(context, Bytes::all)));
     std::string text;
     if (context.json()) {
-        text = line(verify_document(found));
+        text = verify_line(found);
     } else {
         for (const Finding& finding : found) {
             text += fmt::format("{} {}: expected {}; found {}\n", finding.offset, finding.key, finding.expected,

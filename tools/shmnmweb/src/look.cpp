@@ -74,7 +74,7 @@ Content::Content(picture::Snapshot copy)
       structure(structure_of(snapshot, decoded)) {}
 
 const std::string& Content::document() const {
-    std::call_once(document_made_, [this] { document_ = picture::line(picture::to_json(snapshot, decoded)); });
+    std::call_once(document_made_, [this] { document_ = picture::status_line(snapshot, decoded); });
     return document_;
 }
 
