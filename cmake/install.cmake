@@ -47,24 +47,46 @@ endif()
 # The list of exported functions is read from the header, the only place that has it.
 set(SHMNM_HEADER ${PROJECT_SOURCE_DIR}/src/windows/server/library/shmnm/include/shmnm.h)
 if(WIN32)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${SHMNM_HEADER})
-    file(STRINGS ${SHMNM_HEADER} functions REGEX "^SHMNM_API uint32_t shmnm_")
-    list(TRANSFORM functions REPLACE "^SHMNM_API uint32_t (shmnm_[a-z_]+).*" "    \\1")
-    list(SORT functions)
-    list(JOIN functions "\n" functions)
-    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def CONTENT "LIBRARY kzmshmnm.dll\nEXPORTS\n@functions@\n" @ONLY)
     # The import library for Microsoft's linker and lld-link. The MinGW linker writes its own, libkzmshmnm.dll.a.
     find_program(SHMNM_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
     if(NOT SHMNM_LLVM_DLLTOOL)
         message(FATAL_ERROR "llvm-dlltool is not installed: scripts/install-dependencies installs what the project needs")
     endif()
-    add_custom_command(
-        OUTPUT ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
-        COMMAND ${SHMNM_LLVM_DLLTOOL} --machine i386:x86-64 --input-def lib/kzmshmnm.def --output-lib lib/kzmshmnm.lib
-        DEPENDS ${PROJECT_BINARY_DIR}/lib/kzmshmnm.def
-        WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
-    add_custom_target(msvc_import_library ALL DEPENDS ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib)
+    # shmnm_import_library(NAME HEADER PREFIX MARK): lib/NAME.def and lib/NAME.lib from the functions that the header declares with
+    # this mark.
+    function(shmnm_import_library name header prefix mark)
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
+        file(STRINGS ${header} functions REGEX "^${mark} [^(]*${prefix}[a-z_]+\\(")
+        list(TRANSFORM functions REPLACE "^${mark} [^(]*[ *](${prefix}[a-z_]+)\\(.*" "    \\1")
+        list(SORT functions)
+        list(JOIN functions "\n" functions)
+        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/lib/${name}.def CONTENT "LIBRARY ${name}.dll\nEXPORTS\n@functions@\n" @ONLY)
+        add_custom_command(
+            OUTPUT ${PROJECT_BINARY_DIR}/lib/${name}.lib
+            COMMAND ${SHMNM_LLVM_DLLTOOL} --machine i386:x86-64 --input-def lib/${name}.def --output-lib lib/${name}.lib
+            DEPENDS ${PROJECT_BINARY_DIR}/lib/${name}.def
+            WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
+        add_custom_target(msvc_import_library_of_${name} ALL DEPENDS ${PROJECT_BINARY_DIR}/lib/${name}.lib)
+    endfunction()
+    shmnm_import_library(kzmshmnm ${SHMNM_HEADER} shmnm_ SHMNM_API)
+
+    # shmnm_separate_symbols(TARGET COMPONENT [EXCLUDE_FROM_ALL]): strips the installed file. Its symbols, which only debuggers need,
+    # are in a file beside it.
+    function(shmnm_separate_symbols target component)
+        install(
+            CODE "set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\")
+execute_process(COMMAND ${CMAKE_OBJCOPY} --only-keep-debug \${installed} \${installed}.debug COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND ${CMAKE_OBJCOPY} --strip-debug --strip-unneeded --add-gnu-debuglink=\${installed}.debug \${installed} COMMAND_ERROR_IS_FATAL ANY)"
+            COMPONENT ${component} ${ARGN})
+    endfunction()
 endif()
+
+# The way from a folder pkgconfig to the prefix.
+function(shmnm_prefix_from_pc out libdir)
+    file(RELATIVE_PATH way /prefix/${libdir}/pkgconfig /prefix)
+    string(REGEX REPLACE "/$" "" way ${way})
+    set(${out} ${way} PARENT_SCOPE)
+endfunction()
 
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/shmnm-config-version.cmake COMPATIBILITY SameMajorVersion)
 
@@ -111,8 +133,7 @@ function(shmnm_install libdir runtime development tool web)
         DESTINATION ${config_folder}
         COMPONENT ${development} ${ARGN})
 
-    file(RELATIVE_PATH prefix_from_pc /prefix/${libdir}/pkgconfig /prefix)
-    string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
+    shmnm_prefix_from_pc(prefix_from_pc ${libdir})
     configure_file(${PROJECT_SOURCE_DIR}/cmake/shmnm.pc.in ${PROJECT_BINARY_DIR}/package/${development}/shmnm.pc @ONLY)
     install(
         FILES ${PROJECT_BINARY_DIR}/package/${development}/shmnm.pc
@@ -140,7 +161,7 @@ function(shmnm_install libdir runtime development tool web)
         FILES ${PROJECT_SOURCE_DIR}/examples/cluster.xml ${PROJECT_SOURCE_DIR}/examples/tutorial.c
               ${PROJECT_SOURCE_DIR}/examples/alive.c ${PROJECT_SOURCE_DIR}/examples/alive.cpp
               ${PROJECT_SOURCE_DIR}/examples/alive_codes.cpp ${PROJECT_SOURCE_DIR}/examples/hb_table.cpp
-              ${PROJECT_SOURCE_DIR}/examples/tutorial.cpp
+              ${PROJECT_SOURCE_DIR}/examples/tutorial.cpp ${PROJECT_SOURCE_DIR}/examples/picture.c
               ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
               ${PROJECT_SOURCE_DIR}/examples/shmnmweb.service ${PROJECT_SOURCE_DIR}/examples/shmnmweb.socket
               ${PROJECT_SOURCE_DIR}/examples/states.json
@@ -202,7 +223,6 @@ function(shmnm_install libdir runtime development tool web)
             FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
             DESTINATION ${libdir}
             COMPONENT ${development} ${ARGN})
-        # The installed files are stripped. Their symbols, which only debuggers need, are in files beside them.
         foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnmweb)
             if(TARGET ${target})
                 set(component ${runtime})
@@ -211,11 +231,7 @@ function(shmnm_install libdir runtime development tool web)
                 elseif(target STREQUAL shmnmweb)
                     set(component ${web})
                 endif()
-                install(
-                    CODE "set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\")
-execute_process(COMMAND ${CMAKE_OBJCOPY} --only-keep-debug \${installed} \${installed}.debug COMMAND_ERROR_IS_FATAL ANY)
-execute_process(COMMAND ${CMAKE_OBJCOPY} --strip-debug --strip-unneeded --add-gnu-debuglink=\${installed}.debug \${installed} COMMAND_ERROR_IS_FATAL ANY)"
-                    COMPONENT ${component})
+                shmnm_separate_symbols(${target} ${component} ${ARGN})
             endif()
         endforeach()
     endif()

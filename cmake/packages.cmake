@@ -30,6 +30,8 @@ else()
             DESTINATION lib/python3/dist-packages
             COMPONENT python3-shmnm EXCLUDE_FROM_ALL)
     endif()
+    shmnm_install_picture(${SHMNM_MULTIARCH_LIBDIR} libshmnmpicture1 libshmnmpicture-dev EXCLUDE_FROM_ALL)
+    list(APPEND packages libshmnmpicture1 libshmnmpicture-dev)
 
     # Every package has its copyright file and its changelog, and a file that lists lintian's remarks that do not apply.
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
@@ -106,7 +108,7 @@ file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
 
     # Builds what the packages contain, and no more.
     add_custom_target(packaged)
-    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnm-keeper shmnmweb manual_of_shmnmctl documentation wheel)
+    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmpicture shmnmctl shmnm-keeper shmnmweb manual_of_shmnmctl documentation wheel)
         if(TARGET ${target})
             add_dependencies(packaged ${target})
         endif()
@@ -175,6 +177,21 @@ This package contains shmnmweb, which shows the picture to browsers, to\nPrometh
     set(CPACK_COMPONENT_PYTHON3-SHMNM_DESCRIPTION
         "live picture of a failover cluster in shared memory (Python)\n${what}\n.\n\
 This package contains the Python package shmnm, which reads and changes the\npicture through the library.")
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE1_PACKAGE_NAME libshmnmpicture1)
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE1_PACKAGE_SECTION libs)
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE1_PACKAGE_DEPENDS "${same_version}")
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE1_PACKAGE_CONTROL_EXTRA
+        ${packaging}/libshmnmpicture1/symbols ${packaging}/libshmnmpicture1/shlibs ${packaging}/triggers)
+    set(CPACK_COMPONENT_LIBSHMNMPICTURE1_DESCRIPTION
+        "live picture of a failover cluster in shared memory (reader)\n${what}\n.\n\
+This package contains the library that reads the picture as shmnmctl does,\nfor language bindings and other tools.")
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE-DEV_PACKAGE_NAME libshmnmpicture-dev)
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE-DEV_PACKAGE_SECTION libdevel)
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE-DEV_PACKAGE_DEPENDS "libshmnmpicture1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+    set(CPACK_DEBIAN_LIBSHMNMPICTURE-DEV_PACKAGE_SUGGESTS "pkg-config, shmnmctl")
+    set(CPACK_COMPONENT_LIBSHMNMPICTURE-DEV_DESCRIPTION
+        "live picture of a failover cluster in shared memory (reader, development)\n${what}\n.\n\
+This package contains what is needed to build programs that read the picture:\nthe header shmnmpicture.h, files for pkg-config and CMake.")
 endif()
 
 include(CPack)

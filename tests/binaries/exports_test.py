@@ -11,7 +11,9 @@ import unittest
 import interface
 from binary_file import Elf, Pe
 
-HEADER = os.path.join(os.path.dirname(__file__), "../../src/windows/server/library/shmnm/include/shmnm.h")
+PROJECT = os.path.join(os.path.dirname(__file__), "../..")
+HEADER = os.path.join(PROJECT, "src/windows/server/library/shmnm/include/shmnm.h")
+PICTURE_HEADER = os.path.join(PROJECT, "tools/picture_library/include/shmnmpicture.h")
 
 
 class Interface(unittest.TestCase):
@@ -24,10 +26,15 @@ class Interface(unittest.TestCase):
         self.assertEqual(len(declared), 91)
         self.assertEqual(set(declared), interface.KZMSHMNM)
 
+    def test_the_reader_s_header_declares_exactly_its_functions(self):
+        with open(PICTURE_HEADER, encoding="utf-8") as file:
+            declared = re.findall(r"^SHMNMPICTURE_API [\w *]+?(shmnmpicture_\w+)\(", file.read(), re.M)
+        self.assertEqual(sorted(declared), sorted(interface.SHMNMPICTURE))
+
 
 class Linux(unittest.TestCase):
     run_times = {"libc.so.6", "libm.so.6", "libgcc_s.so.1", "libstdc++.so.6", "ld-linux-x86-64.so.2"}
-    exports = dict(interface.EXPORTS, kzmkernel=interface.KZMKERNEL)
+    exports = dict(interface.EXPORTS, kzmkernel=interface.KZMKERNEL, shmnmpicture=interface.SHMNMPICTURE)
 
     def library(self, name):
         return Elf(os.path.join(folder, f"lib{name}.so"), nm, readelf)
@@ -57,7 +64,7 @@ class Linux(unittest.TestCase):
                 self.assertEqual(set(self.library(name).needed) - self.run_times, libraries)
 
     def test_each_companion_is_found_by_its_plain_file_name_beside_the_others(self):
-        for name in self.exports.keys() - {"kzmshmnm"}:
+        for name in self.exports.keys() - {"kzmshmnm", "shmnmpicture"}:
             with self.subTest(name):
                 library = self.library(name)
                 self.assertFalse(os.path.islink(library.path))
@@ -65,10 +72,18 @@ class Linux(unittest.TestCase):
                 self.assertEqual(library.run_path, ["$ORIGIN"])
 
     def test_programs_depend_on_the_version_of_the_library_s_interface(self):
-        library = self.library("kzmshmnm")
-        self.assertEqual(library.soname, ["libkzmshmnm.so." + version.split(".")[0]])
-        self.assertEqual(library.run_path, ["$ORIGIN"])
-        self.assertEqual(os.path.basename(os.path.realpath(library.path)), "libkzmshmnm.so." + version)
+        for name in ("kzmshmnm", "shmnmpicture"):
+            with self.subTest(name):
+                library = self.library(name)
+                self.assertEqual(library.soname, [f"lib{name}.so." + version.split(".")[0]])
+                self.assertEqual(library.run_path, ["$ORIGIN"])
+                self.assertEqual(os.path.basename(os.path.realpath(library.path)), f"lib{name}.so." + version)
+
+    def test_the_reader_loads_the_library_only_when_it_needs_it(self):
+        library = self.library("shmnmpicture")
+        self.assertEqual(set(library.needed) - self.run_times,
+                         {"libkzmutil.so", "libkzmxml.so", "libkzmkernel.so", "libssl.so.3", "libcrypto.so.3"})
+        self.assertNotIn("libstdc++.so.6", library.needed)
 
 
 class Windows(unittest.TestCase):
@@ -78,9 +93,13 @@ class Windows(unittest.TestCase):
         return Pe(os.path.join(folder, f"{name}.dll"), nm)
 
     def test_each_library_exports_its_functions_and_nothing_else(self):
-        for name, functions in interface.EXPORTS.items():
+        for name, functions in dict(interface.EXPORTS, shmnmpicture=interface.SHMNMPICTURE).items():
             with self.subTest(name):
                 self.assertEqual(self.library(name).exports(), {function: ".text" for function in functions})
+
+    def test_the_reader_loads_the_library_only_when_it_needs_it(self):
+        imports = set(self.library("shmnmpicture").imports())
+        self.assertEqual(imports - self.system, {"kzmutil.dll", "kzmxml.dll", "WS2_32.dll"})
 
     def test_the_library_imports_the_14_companion_functions(self):
         imports = self.library("kzmshmnm").imports()

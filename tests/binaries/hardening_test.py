@@ -14,7 +14,7 @@ from binary_file import Elf, Pe
 class Linux(unittest.TestCase):
     def setUp(self):
         self.libraries = {name: Elf(os.path.join(folder, f"lib{name}.so"), nm, readelf)
-                          for name in [*interface.EXPORTS, "kzmkernel"]}
+                          for name in [*interface.EXPORTS, "kzmkernel", "shmnmpicture"]}
 
     def test_function_addresses_become_read_only_after_loading(self):
         for name, library in self.libraries.items():
@@ -55,7 +55,7 @@ class Windows(unittest.TestCase):
     high_entropy_addresses, dynamic_base, no_execute = 0x20, 0x40, 0x100
 
     def setUp(self):
-        self.libraries = {name: Pe(os.path.join(folder, f"{name}.dll"), nm) for name in interface.EXPORTS}
+        self.libraries = {name: Pe(os.path.join(folder, f"{name}.dll"), nm) for name in [*interface.EXPORTS, "shmnmpicture"]}
 
     def test_the_address_is_chosen_at_load_from_all_64_bits(self):
         for name, library in self.libraries.items():

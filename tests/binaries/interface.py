@@ -32,4 +32,9 @@ _LIBRARY = """
 """
 KZMSHMNM = {"shmnm_" + name for name in _LIBRARY.split()}
 
+SHMNMPICTURE = {"shmnmpicture_" + name for name in """
+    version open_live open_file open_address update json value holds findings warning error free
+""".split()}
+
+# Of the library and of the companions that an installation may replace.
 EXPORTS = {"kzmshmnm": KZMSHMNM, "kzmutil": KZMUTIL, "kzmxml": KZMXML, "kzmlog": KZMLOG}

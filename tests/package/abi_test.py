@@ -9,10 +9,11 @@ from support import PROJECT, Place
 
 import interface
 
-HEADER = PROJECT / "src/windows/server/library/shmnm/include/shmnm.h"
+HEADERS = (PROJECT / "src/windows/server/library/shmnm/include/shmnm.h", PROJECT / "tools/picture_library/include/shmnmpicture.h")
 COMPILERS = {"c": ("gcc", "clang", "x86_64-w64-mingw32-gcc-posix"), "c++": ("g++", "clang++", "x86_64-w64-mingw32-g++-posix")}
 STANDARDS = {"c": ("c11", "c17"), "c++": ("c++11", "c++14", "c++17", "c++20")}
 LIBRARIES = ("kzmkernel", "kzmlog", "kzmshmnm", "kzmutil", "kzmxml")
+PICTURE = "shmnmpicture"
 
 
 def compared(before, after):
@@ -22,7 +23,7 @@ def compared(before, after):
 
 class BinaryInterface(Place):
     def test_each_library_matches_its_saved_interface(self):
-        for library in LIBRARIES:
+        for library in (*LIBRARIES, PICTURE):
             with self.subTest(library):
                 done = compared(PROJECT / f"abi/lib{library}.abi", support.BUILD / f"bin/lib{library}.so")
                 self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
@@ -32,6 +33,12 @@ class BinaryInterface(Place):
         self.assertEqual(set(re.findall(r"<elf-symbol name='(\w+)'", text)), interface.KZMSHMNM)
         self.assertEqual(set(re.findall(r"<function-decl name='(\w+)'", text)), interface.KZMSHMNM)
         self.assertEqual(len(interface.KZMSHMNM), 91)
+
+    def test_the_saved_reader_has_its_functions_with_their_types_and_the_options(self):
+        text = (PROJECT / "abi/libshmnmpicture.abi").read_text()
+        self.assertEqual(set(re.findall(r"<elf-symbol name='(\w+)'", text)), interface.SHMNMPICTURE)
+        self.assertEqual(set(re.findall(r"<function-decl name='(\w+)'", text)), interface.SHMNMPICTURE)
+        self.assertRegex(text, r"<class-decl name='shmnmpicture_options' size-in-bits='320'")
 
     def test_a_changed_argument_type_is_detected(self):
         saved = PROJECT / "abi/libkzmshmnm.abi"
@@ -64,19 +71,20 @@ class Header(Place):
 
     def test_the_header_compiles_alone_and_without_warnings_with_each_compiler(self):
         # As a file that is included: a header compiled as the main file has warnings of its own kind.
-        for language, compilers in COMPILERS.items():
-            alone = self.folder / f"alone.{language}"
-            alone.write_text(f'#include "{HEADER}"\nextern int nothing_else;\n')
-            for compiler in compilers:
-                for standard in STANDARDS[language]:
-                    with self.subTest(compiler=compiler, standard=standard):
-                        done = self.compiled(alone, compiler, language, standard)
-                        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        for header in HEADERS:
+            for language, compilers in COMPILERS.items():
+                alone = self.folder / f"{header.stem}.{language}"
+                alone.write_text(f'#include "{header}"\nextern int nothing_else;\n')
+                for compiler in compilers:
+                    for standard in STANDARDS[language]:
+                        with self.subTest(header=header.name, compiler=compiler, standard=standard):
+                            done = self.compiled(alone, compiler, language, standard)
+                            self.assertEqual((done.returncode, done.stderr), (0, ""))
 
     def test_a_warning_in_the_header_is_detected(self):
         for language, compilers in COMPILERS.items():
             bad = self.folder / "bad.h"
-            shutil.copy(HEADER, bad)
+            shutil.copy(HEADERS[0], bad)
             bad.write_text(bad.read_text() + "static inline int shmnm_bad(unsigned long long wide) { return wide; }\n")
             alone = self.folder / f"bad.{language}"
             alone.write_text(f'#include "{bad}"\n')
@@ -97,6 +105,9 @@ class Promise(Place):
             else:
                 current.add(re.match(r" (\w+)@Base \d+\.\d+\.\d+$", line)[1])
         self.assertEqual(listed, dict(interface.EXPORTS, kzmkernel=interface.KZMKERNEL))
+        first, *lines = (PROJECT / "packaging/debian/libshmnmpicture1/symbols").read_text().splitlines()
+        self.assertEqual(first, "libshmnmpicture.so.1 libshmnmpicture1 #MINVER#")
+        self.assertEqual({re.match(r" (\w+)@Base \d+\.\d+\.\d+$", line)[1] for line in lines}, interface.SHMNMPICTURE)
 
     def test_the_packages_changelog_ends_at_this_version(self):
         version = re.search(r"project\(shmnm VERSION ([\d.]+)", (PROJECT / "CMakeLists.txt").read_text())[1]

@@ -8,12 +8,12 @@ import shlex
 import subprocess
 
 import support
-from support import TUTORIAL, Place, run
+from support import PICTURE_EXAMPLE, TUTORIAL, Place, run
 
 import interface
 from binary_file import Elf
 
-PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "python3-shmnm")
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "python3-shmnm", "libshmnmpicture1", "libshmnmpicture-dev")
 UNITS = {"shmnm.service": "shmnmctl", "shmnm-keeper.service": "shmnmctl", "shmnmweb.service": "shmnmweb", "shmnmweb.socket": "shmnmweb"}
 LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
 
@@ -61,15 +61,18 @@ class Packages(Place):
         (folder / "etc/cluster.xml").write_bytes((root / "usr/share/doc/shmnm/examples/cluster.xml").read_bytes())
         return self.environment(KZM_INSTALL_PATH=str(folder))
 
-    def tutorial(self, root):
-        """The tutorial, built with pkg-config alone against the packages in a root."""
+    def built(self, root, source, package):
+        """A program, built with pkg-config alone against the packages in a root."""
         environment = dict(os.environ, PKG_CONFIG_LIBDIR=str(root / LIB / "pkgconfig"))
-        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnm", env=environment))
-        program = root / "tutorial"
-        run("cc", "-std=c11", TUTORIAL, *flags, f"-Wl,-rpath,{root / LIB}", "-o", program)
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", package, env=environment))
+        program = root / source.stem
+        run("cc", "-std=c11", source, *flags, f"-Wl,-rpath,{root / LIB}", "-o", program)
         return program
 
-    def test_there_are_five_packages(self):
+    def tutorial(self, root):
+        return self.built(root, TUTORIAL, "shmnm")
+
+    def test_there_are_seven_packages(self):
         self.assertEqual(set(self.packages), set(PACKAGES))
 
     def test_lintian_accepts_every_package(self):
@@ -95,16 +98,17 @@ class Packages(Place):
                 self.assertIn("live picture of a failover cluster", control["Description"])
         same = f"libshmnm1 (= {version})"
         self.assertEqual(fields(self.packages["libshmnm-dev"])["Depends"], same)
-        for package in ("shmnmctl", "shmnmweb"):
+        self.assertEqual(fields(self.packages["libshmnmpicture-dev"])["Depends"], f"libshmnmpicture1 (= {version})")
+        for package in ("shmnmctl", "shmnmweb", "libshmnmpicture1"):
             self.assertIn(same, fields(self.packages[package])["Depends"].split(", "))
         self.assertIn(f"shmnmctl (= {version})", fields(self.packages["shmnmweb"])["Depends"].split(", "))
         needed = fields(self.packages["python3-shmnm"])["Depends"]
         self.assertEqual(re.sub(r"\d+\.\d+\.\d+", "VERSION", needed), "python3 (>= 3.9), libshmnm1 (>= VERSION), libshmnmpicture1 (>= VERSION)")
-        for package in ("libshmnm1", "shmnmctl", "shmnmweb"):
+        for package in ("libshmnm1", "shmnmctl", "shmnmweb", "libshmnmpicture1"):
             self.assertIn("libc6 (>= 2.", fields(self.packages[package])["Depends"])
 
     def test_each_file_is_in_the_right_package(self):
-        library, development, tool, web, python = (files(self.packages[package]) for package in PACKAGES)
+        library, development, tool, web, python, reader, reader_development = (files(self.packages[package]) for package in PACKAGES)
         self.assertEqual({name for name in library if name.startswith("usr/lib/")} - {f"{LIB}/libkzmshmnm.so.1", "usr/lib/tmpfiles.d/shmnm.conf"},
                          {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
                          {name for name in library if re.fullmatch(rf"{LIB}/libkzmshmnm\.so\.1\.\d+\.\d+", name)})
@@ -130,7 +134,15 @@ class Packages(Place):
         self.assertEqual({name for name in python if name.startswith(f"{place}shmnm/")}, modules)
         self.assertEqual({re.sub(r"-\d+\.\d+\.\d+", "", name) for name in python if not name.startswith("usr/share/")} - modules,
                          {f"{place}shmnm.dist-info/{file}" for file in ("METADATA", "WHEEL", "top_level.txt")})
-        for package, names in zip(PACKAGES, (library, development, tool, web, python)):
+        documents = ("usr/share/doc/", "usr/share/lintian/")
+        (reader_file,) = {name for name in reader if re.fullmatch(rf"{LIB}/libshmnmpicture\.so\.1\.\d+\.\d+", name)}
+        self.assertEqual({name for name in reader if not name.startswith(documents)}, {f"{LIB}/libshmnmpicture.so.1", reader_file})
+        self.assertEqual({name for name in reader_development if not name.startswith(documents)},
+                         {"usr/include/shmnmpicture.h"} | {f"{LIB}/{file}" for file in (
+                             "libshmnmpicture.so", "pkgconfig/shmnmpicture.pc", "cmake/shmnmpicture/shmnmpicture-config.cmake",
+                             "cmake/shmnmpicture/shmnmpicture-config-version.cmake", "cmake/shmnmpicture/shmnmpicture-targets.cmake",
+                             "cmake/shmnmpicture/shmnmpicture-targets-relwithdebinfo.cmake")})
+        for package, names in zip(PACKAGES, (library, development, tool, web, python, reader, reader_development)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
 
@@ -150,6 +162,9 @@ class Packages(Place):
         part = listed[listed.index("libkzmshmnm.so.1 "):]
         self.assertEqual(set(re.findall(r"^ (shmnm_\w+)@Base", part, re.M)), interface.KZMSHMNM)
         self.assertIn("ldconfig", run("dpkg-deb", "--info", self.packages["libshmnm1"], "triggers"))
+        listed = run("dpkg-deb", "--info", self.packages["libshmnmpicture1"], "symbols")
+        self.assertEqual(set(re.findall(r"^ (\w+)@Base", listed, re.M)), interface.SHMNMPICTURE)
+        self.assertIn("ldconfig", run("dpkg-deb", "--info", self.packages["libshmnmpicture1"], "triggers"))
 
     def test_an_upgrade_keeps_what_an_administrator_has_changed_in_the_configuration(self):
         root = self.installed()
@@ -224,6 +239,12 @@ class Packages(Place):
         loaded = run("/usr/bin/python3", "-B", "-c", where, env=environment)
         self.assertIn(str(root / "usr/lib/python3/dist-packages/shmnm/__init__.py"), loaded)
         self.assertIn(str(root / LIB / "libkzmshmnm.so.1"), loaded)
+
+    def test_a_program_that_reads_pictures_is_built_against_the_installed_packages_and_runs(self):
+        root = self.installed()
+        program = self.built(root, PICTURE_EXAMPLE, "shmnmpicture")
+        self.assertIn("libshmnmpicture.so.1", Elf(program, "nm", "readelf").needed)
+        self.expect_picture(program, root / "usr/bin/shmnmctl", self.installation(root))
 
     def test_a_running_process_and_its_region_outlive_an_upgrade(self):
         root = self.installed()

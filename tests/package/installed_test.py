@@ -6,7 +6,7 @@ import shutil
 import subprocess
 
 import support
-from support import PROJECT, TUTORIAL, Place, run
+from support import PICTURE_EXAMPLE, PROJECT, TUTORIAL, Place, run
 
 from binary_file import Elf
 
@@ -16,9 +16,13 @@ FILES = """
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/libkzmkernel.so lib/libkzmlog.so lib/libkzmshmnm.so lib/libkzmshmnm.so.1 lib/libkzmutil.so lib/libkzmxml.so
     lib/pkgconfig/shmnm.pc
+    include/shmnmpicture.h lib/libshmnmpicture.so lib/libshmnmpicture.so.1 lib/pkgconfig/shmnmpicture.pc
+    lib/cmake/shmnmpicture/shmnmpicture-config-version.cmake lib/cmake/shmnmpicture/shmnmpicture-config.cmake
+    lib/cmake/shmnmpicture/shmnmpicture-targets.cmake
     share/bash-completion/completions/shmnmctl share/zsh/vendor-completions/_shmnmctl share/fish/vendor_completions.d/shmnmctl.fish
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/operations.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/tutorial.cpp
+    share/doc/shmnm/examples/picture.c
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
     share/doc/shmnm/examples/shmnmweb.service share/doc/shmnm/examples/shmnmweb.socket share/doc/shmnm/examples/states.json
     share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/prometheus.yml
@@ -54,8 +58,9 @@ class MovedTree(Place):
         known = {str(pathlib.PurePath(file).parent) for file in FILES} | {"etc", "log", "share/doc/shmnm/docs"}
         folders = {str(file.relative_to(self.prefix).parent) for file in self.prefix.rglob("*") if file.is_file()}
         self.assertLessEqual(folders, known, "a file where nobody expects it")
-        self.assertEqual(os.readlink(self.lib / "libkzmshmnm.so"), "libkzmshmnm.so.1")
-        self.assertRegex(os.readlink(self.lib / "libkzmshmnm.so.1"), r"^libkzmshmnm\.so\.1\.\d+\.\d+$")
+        for name in ("libkzmshmnm", "libshmnmpicture"):
+            self.assertEqual(os.readlink(self.lib / f"{name}.so"), f"{name}.so.1")
+            self.assertRegex(os.readlink(self.lib / f"{name}.so.1"), rf"^{name}\.so\.1\.\d+\.\d+$")
 
     def test_every_link_in_the_documents_leads_to_an_installed_file(self):
         self.assertGreater(support.expect_links_to_lead_somewhere(self, self.prefix / "share/doc/shmnm"), 20)
@@ -69,7 +74,7 @@ class MovedTree(Place):
 
     def test_each_binary_finds_its_libraries_relative_to_itself(self):
         binaries = [self.tool, self.prefix / "bin/shmnmweb", self.prefix / "libexec/shmnm-keeper", *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
-        self.assertEqual(len(binaries), 8)
+        self.assertEqual(len(binaries), 9)
         for file in binaries:
             with self.subTest(file.name):
                 run_path = Elf(file, "nm", "readelf").run_path
@@ -112,6 +117,20 @@ class MovedTree(Place):
         )
         self.assertIn("libkzmshmnm.so.1", Elf(program, "nm", "readelf").needed)
         self.expect_tutorial(program, self.tool, self.environment())
+
+    def test_a_program_that_reads_pictures_is_built_by_cmake_and_runs(self):
+        consumer = self.folder / "reader by cmake"
+        run("cmake", "-G", "Ninja", "-S", PROJECT / "tests/package/picture_consumer", "-B", consumer, f"-DCMAKE_PREFIX_PATH={self.prefix}",
+            f"-DEXAMPLE={PICTURE_EXAMPLE}")
+        run("cmake", "--build", consumer)
+        self.expect_picture(consumer / "picture", self.tool, self.environment())
+
+    def test_a_program_that_reads_pictures_is_built_by_pkg_config_and_runs(self):
+        environment = self.environment(PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "shmnmpicture >= 1.0", env=environment))
+        program = self.build("cc", "-std=c11", PICTURE_EXAMPLE, *flags, f"-Wl,-rpath,{self.lib}", "-o", "{program}")
+        self.assertIn("libshmnmpicture.so.1", Elf(program, "nm", "readelf").needed)
+        self.expect_picture(program, self.tool, self.environment())
 
     def test_the_tree_s_shmnmweb_shows_the_region(self):
         environment = self.environment()

@@ -18,6 +18,7 @@ import unittest
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 TUTORIAL = PROJECT / "examples/tutorial.c"
+PICTURE_EXAMPLE = PROJECT / "examples/picture.c"
 sys.path.insert(0, str(PROJECT / "tests/binaries"))
 
 PLATFORM = "linux"
@@ -79,6 +80,13 @@ class Place(unittest.TestCase):
         output = run(*self.program(tutorial), "beta", env=environment)
         self.assertEqual(output, "alpha: 2\nbeta: 1\ngamma: 2\ndelta: 2\n")
         self.assertEqual(run(*self.program(tool), "get", "servers/beta/nodestat", env=environment), "1\n")
+
+    def expect_picture(self, program, tool, environment):
+        """The example of the reading library prints in this installation what the tool prints."""
+        self.serve(tool, environment)
+        output = run(*self.program(program), "all servers/*/nodestat=2", env=environment)
+        self.assertEqual(output, run(*self.program(tool), "status", "--format", "json", env=environment))
+        self.assertIn('"name":"gamma"', output)
 
 
 def healthz(test, program, environment):

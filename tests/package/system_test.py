@@ -13,7 +13,7 @@ import shutil
 import machine
 import support
 
-PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb")
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "libshmnmpicture1", "libshmnmpicture-dev")
 # What dpkg, the users' database, caches and logs keep of any package.
 TRACES = r"/(dev|run|tmp|var/(lib/(dpkg|systemd)|cache|log(/(dpkg.log|alternatives.log|journal|wtmp|lastlog)))|etc/(passwd|group|shadow|gshadow)-?|etc/(subuid|subgid)-?|etc/ld.so.cache|etc/.pwd.lock)(/|$)"
 

@@ -3,14 +3,16 @@ import shlex
 import zipfile
 
 import support
-from support import PROJECT, TUTORIAL, Place, run, windows_path
+from support import PICTURE_EXAMPLE, PROJECT, TUTORIAL, Place, run, windows_path
 
 import interface
 from binary_file import Pe
 
 CC = "x86_64-w64-mingw32-gcc-posix"
 NM = "x86_64-w64-mingw32-nm"
-LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog")
+LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog", "shmnmpicture")
+# What programs of Microsoft's ABI are linked to.
+IMPORTED = {"kzmshmnm": interface.KZMSHMNM, "shmnmpicture": interface.SHMNMPICTURE}
 FILES = """
     bin/kzmlog.dll bin/kzmlog.dll.debug bin/kzmshmnm.dll bin/kzmshmnm.dll.debug bin/kzmutil.dll bin/kzmutil.dll.debug
     bin/kzmxml.dll bin/kzmxml.dll.debug bin/shmnmctl.exe bin/shmnmctl.exe.debug bin/shmnmweb.exe bin/shmnmweb.exe.debug
@@ -18,6 +20,9 @@ FILES = """
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/kzmshmnm.def lib/kzmshmnm.lib lib/libkzmlog.dll.a lib/libkzmshmnm.dll.a lib/libkzmutil.dll.a lib/libkzmxml.dll.a
     lib/pkgconfig/shmnm.pc
+    bin/shmnmpicture.dll bin/shmnmpicture.dll.debug include/shmnmpicture.h lib/shmnmpicture.def lib/shmnmpicture.lib lib/libshmnmpicture.dll.a
+    lib/cmake/shmnmpicture/shmnmpicture-config-version.cmake lib/cmake/shmnmpicture/shmnmpicture-config.cmake
+    lib/cmake/shmnmpicture/shmnmpicture-targets.cmake lib/pkgconfig/shmnmpicture.pc
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/states.json
     share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/shmnm_rules.yml
@@ -77,16 +82,22 @@ class Zip(Place):
             with self.subTest(library):
                 self.assertIsNotNone(Pe(self.prefix / f"bin/{library}.dll", NM).version())
 
-    def test_the_module_definition_lists_the_91_functions(self):
-        lines = (self.prefix / "lib/kzmshmnm.def").read_text().split()
-        self.assertEqual(lines[:3], ["LIBRARY", "kzmshmnm.dll", "EXPORTS"])
-        self.assertEqual(lines[3:], sorted(interface.KZMSHMNM))
+    def test_each_module_definition_lists_the_functions_of_its_dll(self):
+        self.assertEqual(len(interface.KZMSHMNM), 91)
+        for name, functions in IMPORTED.items():
+            with self.subTest(name):
+                lines = (self.prefix / f"lib/{name}.def").read_text().split()
+                self.assertEqual(lines[:3], ["LIBRARY", f"{name}.dll", "EXPORTS"])
+                self.assertEqual(lines[3:], sorted(functions))
 
-    def test_microsoft_s_import_library_has_the_91_functions_of_the_dll(self):
-        members = run("llvm-readobj", "--file-headers", self.prefix / "lib/kzmshmnm.lib")
-        self.assertEqual(members.count("Format: COFF-import-file\n"), 91)
-        names = {line.split()[-1] for line in run("llvm-nm", self.prefix / "lib/kzmshmnm.lib").splitlines() if " T shmnm_" in line}
-        self.assertEqual(names, interface.KZMSHMNM)
+    def test_microsoft_s_import_libraries_have_the_functions_of_their_dlls(self):
+        for name, functions in IMPORTED.items():
+            with self.subTest(name):
+                library = self.prefix / f"lib/{name}.lib"
+                members = run("llvm-readobj", "--file-headers", library)
+                self.assertEqual(members.count("Format: COFF-import-file\n"), len(functions))
+                names = {line.split()[-1] for line in run("llvm-nm", library).splitlines() if " T shmnm" in line}
+                self.assertEqual(names, functions)
 
     def test_the_zip_s_shmnmweb_shows_the_region(self):
         environment = self.environment()
@@ -101,6 +112,16 @@ class Zip(Place):
         )
         run("cmake", "--build", consumer)
         self.expect_tutorial(consumer / "tutorial.exe", self.tool, self.environment())
+
+    def test_a_program_that_reads_pictures_is_built_by_cmake_and_runs(self):
+        consumer = self.folder / "reader by cmake"
+        run(
+            "cmake", "-G", "Ninja", "-S", PROJECT / "tests/package/picture_consumer", "-B", consumer,
+            f"-DCMAKE_TOOLCHAIN_FILE={PROJECT}/cmake/mingw-w64.cmake", f"-Dshmnmpicture_DIR={self.prefix}/lib/cmake/shmnmpicture",
+            f"-DEXAMPLE={PICTURE_EXAMPLE}",
+        )
+        run("cmake", "--build", consumer)
+        self.expect_picture(consumer / "picture.exe", self.tool, self.environment())
 
     def test_a_program_is_built_by_pkg_config_and_runs(self):
         environment = self.environment(PKG_CONFIG_LIBDIR=str(self.prefix / "lib/pkgconfig"))
