@@ -350,6 +350,15 @@ class Page(WebTest):
         self.assertNotIn("stale", self.script("return document.body.className"))
         self.assertEqual(self.script("return document.querySelector('[data-key=\"cluster/clstat\"]').dataset.value"), "42")
 
+    def test_a_picture_without_newer_copies_is_stale(self):
+        self.cluster()
+        self.open(self.serve())
+        hear = "stream.dispatchEvent(new MessageEvent('alive', {data: JSON.stringify({version: 1, kind: 'alive', time: arguments[0], copied: arguments[1]})}))"
+        self.script(hear, "2026-01-02T03:04:05.000+00:00", "2026-01-02T03:03:59.900+00:00")
+        self.assertEqual(self.live(), "Stale since 03:03:59: the server makes no newer copy")
+        self.script(hear, "2026-01-02T03:04:10.000+00:00", "2026-01-02T03:04:09.900+00:00")
+        self.assertEqual(self.live(), "Live")
+
     def test_a_region_that_has_gone_leaves_no_picture(self):
         region = self.cluster()
         self.open(self.serve())

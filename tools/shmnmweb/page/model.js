@@ -25,7 +25,8 @@ const groups = {hb: 'Heartbeat', np: 'Network partition'};
 const markMs = 4000,
   listedChanges = 200,
   listedAttention = 12,
-  contactMs = 25000;
+  contactMs = 25000,
+  oldestMs = 5000;
 
 function element(tag, attributes, ...children) {
   const made = document.createElement(tag);

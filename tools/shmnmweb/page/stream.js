@@ -66,6 +66,10 @@ function connect() {
   });
   on('alive', event => {
     if (staleWhy === noContact) connect();
+    // A server that cannot finish a copy does not know why yet.
+    const isOld = event.copied && Date.parse(event.time) - Date.parse(event.copied) > oldestMs;
+    if (isOld && staleSince === null) setStale(event.copied, noCopy);
+    else if (!isOld && staleWhy === noCopy) setStale(null, '');
   });
   stream.onopen = () => {
     lastContact = Date.now();
@@ -76,6 +80,7 @@ function connect() {
     if (stream.readyState === EventSource.CLOSED) setTimeout(connect, 1000);
   };
 }
+const noCopy = 'the server makes no newer copy';
 const noContact = 'no contact with the server; trying again';
 function loseContact() {
   if (staleSince === null || !staleWhy) setStale(localTime(lastContact), noContact);
