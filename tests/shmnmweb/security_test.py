@@ -1,6 +1,7 @@
 """Who may ask, what a client cannot do, and that bad clients take nothing from good ones."""
 import http.client
 import json
+import pathlib
 import socket
 import subprocess
 import threading
@@ -137,40 +138,6 @@ class BadRequests(WebTest):
                 pass
             connection.close()
 
-    def test_a_client_that_takes_nothing_in_is_cut_off(self):
-        self.configure(server=128, hbr=200, npr=200, fstr=1)
-        self.region()
-        web = self.serve("--write-timeout", "1")
-        with socket.socket() as slow:
-            slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            slow.settimeout(web_support.DEADLINE)
-            slow.connect(web.address)
-            slow.sendall(b"GET /dump HTTP/1.1\r\nHost: localhost\r\n\r\n" * 40)
-            # The server ends the connection although nothing was read; what is read then is cut short.
-            other = web.connection()
-            self.addCleanup(other.close)
-            self.assertEqual(web.get("/healthz").status, 200)
-            web.until("/healthz", lambda _: not self.is_connected(web, slow))
-            whole = len(web.get("/dump").body)
-            received = 0
-            try:
-                while part := slow.recv(1 << 20):
-                    received += len(part)
-            except OSError:
-                pass
-            self.assertLess(received, 40 * whole)
-
-    @staticmethod
-    def is_connected(web, connection):
-        """Whether the server has the other end open still, as the system's table of connections tells."""
-        local = connection.getsockname()[1]
-        for line in open("/proc/net/tcp").read().splitlines()[1:]:
-            _, there, here, state = line.split()[:4]
-            if int(there.split(":")[1], 16) == web.address[1] and int(here.split(":")[1], 16) == local:
-                return state == "01"
-        return False
-
-
     def test_a_client_of_events_that_talks_is_cut_off(self):
         self.cluster()
         web = self.serve()
@@ -198,6 +165,41 @@ class BadRequests(WebTest):
                     while True:
                         connection.sendall(b"x" * 65536)
         self.assertEqual(web.get("/healthz").status, 200)
+
+
+class SlowReaders(WebTest):
+    def test_a_client_that_takes_nothing_in_is_cut_off(self):
+        self.configure(server=128, hbr=200, npr=200, fstr=1)
+        self.region()
+        web = self.serve("--write-timeout", "1")
+        with socket.socket() as slow:
+            slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            slow.settimeout(web_support.DEADLINE)
+            slow.connect(web.address)
+            slow.sendall(b"GET /dump HTTP/1.1\r\nHost: localhost\r\n\r\n" * 40)
+            # The server ends the connection although nothing was read; what is read then is cut short.
+            other = web.connection()
+            self.addCleanup(other.close)
+            self.assertEqual(web.get("/healthz").status, 200)
+            web.until("/healthz", lambda _: not self.is_connected(web, slow))
+            whole = len(web.get("/dump").body)
+            received = 0
+            try:
+                while part := slow.recv(1 << 20):
+                    received += len(part)
+            except OSError:
+                pass
+            self.assertLess(received, 40 * whole)
+
+    @staticmethod
+    def is_connected(web, connection):
+        """Whether the server has the other end open still, as the system's table of connections tells."""
+        local = connection.getsockname()[1]
+        for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:
+            _, there, here, state = line.split()[:4]
+            if int(there.split(":")[1], 16) == web.address[1] and int(here.split(":")[1], 16) == local:
+                return state == "01"
+        return False
 
 
 class Limits(WebTest):
