@@ -2,11 +2,12 @@
 
 from __future__ import annotations
 
-import enum
 from typing import Any, Callable, Dict, Optional, Type
 
+from ._enumeration import Number
 
-class Result(enum.IntEnum):
+
+class Result(Number):
     """The result codes of the library's functions."""
 
     OK = 0

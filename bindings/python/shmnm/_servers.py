@@ -3,11 +3,11 @@
 from __future__ import annotations
 
 import ctypes
-import enum
 from collections.abc import Mapping
 from typing import TYPE_CHECKING, Iterator, List, Optional
 
 from ._calls import count_of_words, int32, list_of_texts, list_of_words
+from ._enumeration import Number
 from ._errors import NotFound, failure
 from ._holder import Holder, Word
 from ._lock import is_held
@@ -17,14 +17,14 @@ if TYPE_CHECKING:
     from ._region import Region
 
 
-class State(enum.IntEnum):
+class State(Number):
     """The states that the library itself knows. All others are the cluster's own."""
 
     ALIVE = 1
     NEW = 2
 
 
-class CombinedState(enum.IntEnum):
+class CombinedState(Number):
     """What the library makes of a server's nodestat, its isolateflag and the cluster's waitstat."""
 
     ALIVE = 1
