@@ -57,6 +57,8 @@ KILLS, TAKE_OVER_MEDIAN_MS, TAKE_OVER_WORST_MS = 5, 5, 50
 ATTACH_US, LOAD_US, PRIVATE_KIB = 150, 1000, 512
 # For how long a copy of the bytes in use of a full cluster holds the lock, when it takes it.
 COPIES, COPY_HOLD_US = 300, 20
+# The highest ratio of a call through shmnm.hpp to the C call, in the rows whose names begin so.
+CPP_ROWS, CPP_WAYS, CPP_GOAL = "cpp_", {"cpp": "", "cpp_codes": ", error code"}, 1.03
 # Under wine goals are wider by this factor; waits in the kernel have no goal there.
 WINE_ALLOWANCE = 1.5
 KERNEL_WAITS = ("lock", "locked_set", "picture")
@@ -188,6 +190,9 @@ def calls(result, folder, row, rounds, windows):
                         rows.setdefault(name, {}).setdefault(who, []).extend(ns)
     result.figures["calls"] = rows
     for name, ns in rows.items():
+        if name.startswith(CPP_ROWS):
+            cpp_calls(result, name, ns)
+            continue
         allowance = WINE_ALLOWANCE if windows else 1
         goal = FLOOR_GOALS.get(name)
         if windows and name.split("/")[0] in KERNEL_WAITS:
@@ -209,6 +214,14 @@ def calls(result, folder, row, rounds, windows):
             floor=f"{statistics.median(ns[FLOOR]):.1f}",
             ratio=f"{ratio:.2f}",
         )
+
+
+def cpp_calls(result, name, ns):
+    """The rows that compare calls through shmnm.hpp with the C calls."""
+    for way, meaning in CPP_WAYS.items():
+        ratio = median_ratio(ns[way], ns[LIBRARY])
+        text = f"{statistics.median(ns[way]):.1f} ns, {ratio:.3f} of the C call's {statistics.median(ns[LIBRARY]):.1f}"
+        result.add(name + meaning, text, f"<= {CPP_GOAL}", ratio <= CPP_GOAL)
 
 
 def two_processes(result, folder):
@@ -425,6 +438,8 @@ def compare(folder, other, row, rounds):
             for size in SIZES:
                 with Installation() as installation:
                     for name, ns in measured(installation, place, size, row, rounds, who=[LIBRARY, FLOOR]).items():
+                        if FLOOR not in ns:
+                            continue
                         entry = figures.setdefault(name, {"other": [], "this": []})
                         entry[side].append((statistics.median(ns[LIBRARY]), median_ratio(ns[LIBRARY], ns[FLOOR])))
     print(f"\n{'row':24}{'other ns':>12}{'this ns':>12}{'this/other':>12}{'other x floor':>15}{'this x floor':>14}")

@@ -54,8 +54,8 @@ void run(const Command& command) {
     bench::Contestants contestants({scratch, true});
     contestants.each([&](auto& who) { who.fill(command.cluster); });
     bench::Measurement measurement(command.options);
-    for (const bench::Subject subject :
-         {bench::header_word, bench::server_word, bench::pair_word, bench::listings, bench::lock, bench::picture}) {
+    for (const bench::Subject subject : {bench::header_word, bench::server_word, bench::pair_word, bench::listings,
+                                         bench::lock, bench::picture, bench::cpp_word}) {
         subject(measurement, command.cluster, contestants);
     }
     if (!command.json.empty() && !measurement.write(command.json)) throw std::runtime_error("cannot write figures");

@@ -38,8 +38,8 @@ class Measurement {
     explicit Measurement(Options options) : options_(std::move(options)) {}
 
     /// Measures one row. `check(contestant)` tells whether its answers are right; `work(contestant)` is timed.
-    template <typename Check, typename Work>
-    void row(const std::string& name, Contestants& contestants, const Check& check, const Work& work) {
+    template <typename Entrants, typename Check, typename Work>
+    void row(const std::string& name, Entrants& contestants, const Check& check, const Work& work) {
         if (!std::regex_search(name, std::regex(options_.only))) return;
         std::vector<Runner> runners;
         contestants.each([&](auto& who) { enter(runners, name, who, check, work); });
@@ -84,5 +84,6 @@ void pair_word(Measurement& measurement, const Cluster& cluster, Contestants& co
 void listings(Measurement& measurement, const Cluster& cluster, Contestants& contestants);
 void lock(Measurement& measurement, const Cluster& cluster, Contestants& contestants);
 void picture(Measurement& measurement, const Cluster& cluster, Contestants& contestants);
+void cpp_word(Measurement& measurement, const Cluster& cluster, Contestants& contestants);
 
 }  // namespace bench

@@ -228,6 +228,11 @@ const char* text_of(Other) noexcept {
     error = make_error_code(static_cast<errc>(result));
 }
 
+/// Clears an error of an earlier call. Out of line, because most codes are clear already.
+[[gnu::cold, gnu::noinline]] inline void forget(std::error_code& error) noexcept {
+    error.clear();
+}
+
 /// Where the result of a call goes: into the caller's error code.
 struct Into {
     std::error_code& error;
@@ -235,8 +240,7 @@ struct Into {
     template <class Function, class... Arguments>
     bool take(std::uint32_t result, Arguments...) const noexcept {
         if (result == SHMNM_OK) {
-            // Clearing costs a call, and most codes are clear already.
-            if (error) error.clear();
+            if (error) forget(error);
             return true;
         }
         store(error, result);
@@ -278,8 +282,9 @@ bool call(How how, Arguments... arguments) {
 /// Calls a function whose last argument receives a number. @return the number; 0 after a failure
 template <class Function, class Number, class How, class... Arguments>
 Number number(How how, Arguments... arguments) {
-    Number value{};
-    return call<Function>(how, arguments..., &value) ? value : Number{};
+    Number value{};  // a failure leaves it as it is
+    call<Function>(how, arguments..., &value);
+    return value;
 }
 
 /// A size as C takes it.
