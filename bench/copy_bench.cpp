@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "full_cluster.h"
 #include "picture/decode.h"
 #include "picture/live.h"
 #include "picture/platform.h"
@@ -16,26 +17,15 @@
 
 namespace {
 
-constexpr int servers = 128, resources = 16;
-
-void expect(uint32_t result) {
-    if (result != SHMNM_OK) throw std::runtime_error("the library refused a call with code " + std::to_string(result));
-}
-
-void fill() {
-    expect(shmnm_create());
-    for (int i = 0; i < servers; ++i) expect(shmnm_addnode(("server" + std::to_string(i)).c_str(), i));
-    for (int i = 0; i < resources; ++i) {
-        expect(shmnm_addhbrsc("lan", ("lanhb" + std::to_string(i)).c_str(), 0));
-        expect(shmnm_addnprsc("ping", ("pingnp" + std::to_string(i)).c_str(), 0));
-    }
-}
+using bench::expect;
+using bench::resources;
+using bench::servers;
 
 void run(int argc, char** argv) {
     if (argc != 4) throw std::runtime_error("usage: copy_bench COPIES in_use|all always|if_needed");
     const picture::Bytes wanted = std::string(argv[2]) == "all" ? picture::Bytes::all : picture::Bytes::in_use;
     const bool always = std::string(argv[3]) == "always";
-    fill();
+    bench::fill();
     picture::LiveRegion region({.may_skip_lock = !always});
     for (int left = std::atoi(argv[1]); left > 0; --left) {
         // A copy must show the last change.

@@ -59,6 +59,8 @@ ATTACH_US, LOAD_US, PRIVATE_KIB = 150, 1000, 512
 COPIES, COPY_HOLD_US = 300, 20
 # The highest ratio of a call through shmnm.hpp to the C call, in the rows whose names begin so.
 CPP_ROWS, CPP_WAYS, CPP_GOAL = "cpp_", {"cpp": "", "cpp_codes": ", error code"}, 1.03
+# How long the reading library takes for a copy of a full cluster with its JSON.
+SNAPSHOTS, SNAPSHOT_MS = 200, 10
 # Under wine goals are wider by this factor; waits in the kernel have no goal there.
 WINE_ALLOWANCE = 1.5
 KERNEL_WAITS = ("lock", "locked_set", "picture")
@@ -372,6 +374,16 @@ def copies(result, folder, windows):
         )
 
 
+def snapshots(result, folder, windows):
+    with Installation(windows) as installation:
+        lines = installation.output_of(folder / "snapshot_bench", SNAPSHOTS).splitlines()
+    figures = [[int(word) for word in line.split()] for line in lines]
+    result.figures["snapshot"] = figures
+    copied, updated = (statistics.median(column) / 1e3 for column in zip(*figures))
+    result.add("snapshot/128/32", f"{copied:.2f} ms with JSON, {updated:.2f} ms for an update without a change",
+               f"<= {SNAPSHOT_MS} ms", copied <= SNAPSHOT_MS)
+
+
 def good_path(result, folder):
     with Installation() as installation:
         trace = pathlib.Path(installation.folder) / "trace"
@@ -511,6 +523,7 @@ def main():
     subjects = {
         "attach, load": lambda: attach(result, arguments.folder, arguments.windows),
         "copy": lambda: copies(result, arguments.folder, arguments.windows),
+        "snapshot": lambda: snapshots(result, arguments.folder, arguments.windows),
     }
     if not arguments.windows:
         subjects |= {
