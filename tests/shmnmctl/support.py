@@ -212,10 +212,10 @@ class ToolTest(unittest.TestCase):
         self.assertEqual((result.status, result.err), (0, ""))
         return result.raw
 
-    def start(self, *arguments, **options):
+    def start(self, *arguments, environment=None, **options):
         """Starts the tool and leaves it running; it is killed at the end of the test."""
         process = subprocess.Popen(
-            program("shmnmctl") + [str(argument) for argument in arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.environment, **options
+            program("shmnmctl") + [str(argument) for argument in arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment or self.environment, **options
         )
 
         def finish():

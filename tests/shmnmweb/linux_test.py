@@ -201,7 +201,9 @@ class Readers(WebTest):
 
     def test_the_socket_of_a_killed_server_is_replaced_and_that_of_a_living_one_is_not(self):
         self.cluster()
-        self.serve_group().process.kill()
+        killed = self.serve_group().process
+        killed.kill()
+        killed.wait()
         web = self.serve_group()
         done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=60)
         self.assertEqual(done.returncode, 5)

@@ -11,6 +11,7 @@
 
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture_http/deadline.h"
 
 namespace picture_http {
 namespace {
@@ -19,66 +20,107 @@ using picture::Error;
 using picture::ErrorKind;
 using picture::printable;
 
-constexpr DWORD timeout_ms = 10'000;
-
-[[noreturn]] void throw_no_answer(const std::string& what) {
-    throw Error(ErrorKind::failed,
-                fmt::format("cannot speak with the server: {} (error {}); see whether shmnmweb runs there", what,
-                            WSAGetLastError()));
+[[noreturn]] void throw_no_answer(const std::string& what, int error) {
+    throw Error(
+        ErrorKind::failed,
+        fmt::format("cannot speak with the server: {} (error {}); see whether shmnmweb runs there", what, error));
 }
 
 class Socket : public Connection {
   public:
-    explicit Socket(SOCKET socket) : socket_(socket) {
-        setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout_ms), sizeof timeout_ms);
-        setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&timeout_ms), sizeof timeout_ms);
-    }
+    Socket(SOCKET socket, uint32_t timeout_ms) : socket_(socket), deadline_(timeout_ms) {}
     ~Socket() override { closesocket(socket_); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
+    void restart_deadline() override { deadline_.restart(); }
     void write(std::string_view bytes) override {
         while (!bytes.empty()) {
+            wait_for(POLLOUT);
             const int sent = send(socket_, bytes.data(), static_cast<int>(bytes.size()), 0);
-            if (sent < 0) throw_no_answer("it does not take the request");
+            if (sent < 0) throw_no_answer("it does not take the request", WSAGetLastError());
             bytes.remove_prefix(static_cast<size_t>(sent));
         }
     }
     size_t read(char* bytes, size_t size) override {
+        wait_for(POLLIN);
         const int received = recv(socket_, bytes, static_cast<int>(std::min<size_t>(size, INT_MAX)), 0);
-        if (received < 0) throw_no_answer("it does not answer");
+        if (received < 0) throw_no_answer("it does not answer", WSAGetLastError());
         return static_cast<size_t>(received);
     }
-    bool is_readable_within(uint32_t milliseconds) override {
-        WSAPOLLFD wanted{};
-        wanted.fd = socket_;
-        wanted.events = POLLIN;
-        return WSAPoll(&wanted, 1, static_cast<int>(std::min<uint32_t>(milliseconds, INT_MAX))) > 0;
+    bool is_readable_within(uint32_t milliseconds) override { return is_ready(POLLIN, milliseconds); }
+
+    /// @return 0, or the error
+    int connect(const sockaddr* address, int length) const {
+        // The system's own wait would be longer.
+        set_waiting(false);
+        int error = ::connect(socket_, address, length) == 0 ? 0 : WSAGetLastError();
+        if (error == WSAEWOULDBLOCK) {
+            fd_set made{1, {socket_}}, refused{1, {socket_}};
+            const uint32_t left_ms = deadline_.left_ms();
+            timeval limit{static_cast<long>(left_ms / 1'000), static_cast<long>(left_ms % 1'000 * 1'000)};
+            int length_of_error = sizeof error;
+            if (select(0, nullptr, &made, &refused, &limit) <= 0) {
+                error = WSAETIMEDOUT;
+            } else {
+                getsockopt(socket_, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &length_of_error);
+            }
+        }
+        set_waiting(true);
+        return error;
     }
 
-    bool connect(const sockaddr* address, int length) const { return ::connect(socket_, address, length) == 0; }
+  private:
+    void set_waiting(bool waits) const {
+        u_long is_off = waits ? 0 : 1;
+        ioctlsocket(socket_, static_cast<long>(FIONBIO), &is_off);
+    }
+    bool is_ready(short events, uint32_t milliseconds) const {
+        WSAPOLLFD wanted{};
+        wanted.fd = socket_;
+        wanted.events = events;
+        return WSAPoll(&wanted, 1, static_cast<int>(std::min<uint32_t>(milliseconds, INT_MAX))) > 0;
+    }
+    void wait_for(short events) const {
+        if (!is_ready(events, deadline_.left_ms())) throw_no_answer("it does not answer in time", WSAETIMEDOUT);
+    }
+
+    SOCKET socket_;
+    Deadline deadline_;
+};
+
+class PlainConnector : public Connector {
+  public:
+    PlainConnector(Address address, uint32_t timeout_ms) : address_(std::move(address)), timeout_ms_(timeout_ms) {
+        WSADATA data{};
+        WSAStartup(MAKEWORD(2, 2), &data);
+    }
+    std::unique_ptr<Connection> connect() override {
+        addrinfo hints{};
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        if (const int error = getaddrinfo(address_.host.c_str(), address_.port.c_str(), &hints, &found); error != 0) {
+            throw_no_answer(printable(address_.host) + " is not known", error);
+        }
+        const std::unique_ptr<addrinfo, void (*)(addrinfo*)> all(found, freeaddrinfo);
+        int error = 0;
+        for (const addrinfo* each = found; each; each = each->ai_next) {
+            auto made = std::make_unique<Socket>(socket(each->ai_family, SOCK_STREAM, IPPROTO_TCP), timeout_ms_);
+            error = made->connect(each->ai_addr, static_cast<int>(each->ai_addrlen));
+            if (error == 0) return made;
+        }
+        throw_no_answer(fmt::format("{} port {} does not answer", printable(address_.host), address_.port), error);
+    }
 
   private:
-    SOCKET socket_;
+    Address address_;
+    uint32_t timeout_ms_;
 };
 
 }  // namespace
 
-std::unique_ptr<Connection> connect(const Address& address, const Credentials&) {
-    WSADATA data{};
-    WSAStartup(MAKEWORD(2, 2), &data);
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found) != 0) {
-        throw_no_answer(printable(address.host) + " is not known");
-    }
-    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> all(found, freeaddrinfo);
-    for (const addrinfo* each = found; each; each = each->ai_next) {
-        auto made = std::make_unique<Socket>(socket(each->ai_family, SOCK_STREAM, IPPROTO_TCP));
-        if (made->connect(each->ai_addr, static_cast<int>(each->ai_addrlen))) return made;
-    }
-    throw_no_answer(fmt::format("{} port {} does not answer", printable(address.host), address.port));
+std::unique_ptr<Connector> make_connector(const Address& address, const Credentials&, uint32_t timeout_ms) {
+    return std::make_unique<PlainConnector>(address, timeout_ms);
 }
 
 bool has_connections(Address::Kind kind) {

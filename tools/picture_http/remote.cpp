@@ -70,6 +70,8 @@ namespace {
 /// No region and nothing around it is larger.
 constexpr size_t largest_body = size_t{1} << 32;
 constexpr size_t largest_head = size_t{64} * 1'024;
+/// The server has its time for each part of a body.
+constexpr size_t part_bytes = size_t{256} * 1'024;
 
 struct Answer {
     int status = 0;
@@ -124,8 +126,12 @@ Answer read_head(Connection& connection) {
 }
 
 void read_body(Connection& connection, Answer& answer) {
-    while (!answer.length || answer.body.size() < *answer.length) {
+    for (size_t part_end = 0; !answer.length || answer.body.size() < *answer.length;) {
         if (answer.body.size() > largest_body) refuse_answer("it is too long");
+        if (answer.body.size() >= part_end) {
+            connection.restart_deadline();
+            part_end = answer.body.size() + part_bytes;
+        }
         if (!read_more(connection, answer.body)) break;
     }
     if (answer.length && answer.body.size() != *answer.length) refuse_answer("it was cut");
@@ -155,11 +161,22 @@ void read_body(Connection& connection, Answer& answer) {
 
 }  // namespace
 
-Remote::Remote(const std::string& address, Credentials credentials)
-    : address_(parse_address(address)), credentials_(std::move(credentials)) {}
+Remote::Remote(const std::string& address, const Credentials& credentials, uint32_t timeout_ms)
+    : address_(parse_address(address)) {
+    if (address_.kind != Address::Kind::tls && !credentials.empty()) {
+        throw Error(ErrorKind::invalid,
+                    fmt::format("authorities, a certificate or a key were named, but {} does not use "
+                                "them; name the server as https://HOST:PORT",
+                                printable(address)));
+    }
+    if (credentials.certificate.empty() && !credentials.key.empty()) {
+        throw Error(ErrorKind::invalid, "a key was named without its certificate; name that, too");
+    }
+    connector_ = make_connector(address_, credentials, timeout_ms);
+}
 
 std::unique_ptr<Connection> Remote::request(const std::string& target) {
-    auto connection = connect(address_, credentials_);
+    auto connection = connector_->connect();
     // An answer to HTTP/1.0 comes in one piece and ends with the connection.
     connection->write(fmt::format("GET {} HTTP/1.0\r\nHost: {}\r\n\r\n", target, address_.host_field));
     return connection;
@@ -189,8 +206,11 @@ Bell Remote::wait_for_change(uint32_t milliseconds) {
             const Answer answer = read_head(*connection);
             if (answer.status != 200) return Bell::missing;
             events_ = std::move(connection);
+            // It begins with the picture of now, which may be newer than the last copy.
+            return Bell::rang;
         }
         if (!events_->is_readable_within(milliseconds)) return Bell::silent;
+        events_->restart_deadline();
         std::string text;
         if (!read_more(*events_, text)) events_.reset();
         return Bell::rang;

@@ -21,8 +21,11 @@ enum class Bell {
 
 class Remote {
   public:
-    /// @throws picture::Error  it is not an address
-    Remote(const std::string& address, Credentials credentials);
+    /// What a server has to connect, to answer, and to send each part of a long answer.
+    static constexpr uint32_t usual_timeout_ms = 10'000;
+
+    /// @throws picture::Error  it is not an address, or the credentials cannot be used
+    Remote(const std::string& address, const Credentials& credentials, uint32_t timeout_ms = usual_timeout_ms);
 
     /// A copy as the server has it.
     /// @throws picture::Error  the server cannot be reached, has no region, or answers something else
@@ -37,7 +40,7 @@ class Remote {
     std::unique_ptr<Connection> request(const std::string& target);
 
     Address address_;
-    Credentials credentials_;
+    std::unique_ptr<Connector> connector_;
     std::unique_ptr<Connection> events_;
 };
 

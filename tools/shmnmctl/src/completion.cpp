@@ -11,6 +11,7 @@
 #include "picture/live.h"
 #include "picture/selection.h"
 #include "picture/spelling.h"
+#include "picture_http/remote.h"
 #include "usage.h"
 
 namespace shmnmctl {
@@ -28,7 +29,9 @@ struct Place {
     const CLI::Option* value_of = nullptr;  ///< the option whose value it is
     std::vector<std::string> arguments;     ///< of the command, before it
     std::string file;                       ///< a dump that was named
-    bool in_options = true;                 ///< there was no -- before it
+    std::string from;                       ///< a server that was named
+    picture_http::Credentials credentials;
+    bool in_options = true;  ///< there was no -- before it
 };
 
 const CLI::Option* option_named(const CLI::App* command, const std::string& name) {
@@ -48,18 +51,29 @@ const CLI::App* command_named(const CLI::App& group, const std::string& name) {
     return found == all.end() ? nullptr : *found;
 }
 
+/// Keeps what says which region is meant.
+void take_value(Place& place, const CLI::Option& option, const std::string& value) {
+    if (option.check_lname("file")) place.file = value;
+    if (option.check_lname("from")) place.from = value;
+    if (option.check_lname("ca-file")) place.credentials.authorities = value;
+    if (option.check_lname("cert")) place.credentials.certificate = value;
+    if (option.check_lname("key")) place.credentials.key = value;
+}
+
 Place place_after(const CLI::App& app, const std::vector<std::string>& words) {
     Place place;
     place.command = &app;
     for (const std::string& word : words) {
         if (place.value_of) {
-            if (place.value_of->check_lname("file")) place.file = word;
+            take_value(place, *place.value_of, word);
             place.value_of = nullptr;
         } else if (place.in_options && word == "--") {
             place.in_options = false;
         } else if (place.in_options && word.starts_with('-')) {
-            const CLI::Option* const option = option_named(place.command, word);
-            if (option && option->get_items_expected_max() > 0) place.value_of = option;
+            const size_t equals = word.starts_with("--") ? word.find('=') : std::string::npos;
+            const CLI::Option* const option = option_named(place.command, word.substr(0, equals));
+            if (option && equals != std::string::npos) take_value(place, *option, word.substr(equals + 1));
+            if (option && equals == std::string::npos && option->get_items_expected_max() > 0) place.value_of = option;
         } else if (const CLI::App* const inner = command_named(*place.command, word)) {
             place.command = inner;
         } else {
@@ -67,6 +81,15 @@ Place place_after(const CLI::App& app, const std::vector<std::string>& words) {
         }
     }
     return place;
+}
+
+Snapshot copy_of(const Place& place) {
+    if (!place.file.empty()) return read_dump(place.file);
+    if (!place.from.empty()) {
+        return picture_http::Remote(place.from, place.credentials, most_patience_ms).copy(Bytes::in_use).snapshot;
+    }
+    const Access quick{.lock_timeout_ms = most_patience_ms, .tell = {}};
+    return LiveRegion(quick).copy(Bytes::in_use);
 }
 
 class Completion {
@@ -276,13 +299,12 @@ class Completion {
         if (expected == Expected::end) words({"and", "or"});
     }
 
-    /// The words of the dump that was named, else of the live region; none where neither can be read.
+    /// The words of the dump or server that was named, else of the live region; none where it cannot be read.
     const std::vector<Word>& live() {
         if (live_) return *live_;
         live_.emplace();
         try {
-            const Access quick{.lock_timeout_ms = most_patience_ms, .tell = {}};
-            live_ = words(decode(place_.file.empty() ? LiveRegion(quick).copy(Bytes::in_use) : read_dump(place_.file)));
+            live_ = words(decode(copy_of(place_)));
         } catch (const std::exception&) {
             // A key on the keyboard is no place for an error.
         }

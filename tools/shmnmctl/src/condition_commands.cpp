@@ -91,7 +91,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
             throw Failure(Exit::timeout,
                           fmt::format("the condition did not hold within {}: {}", *options.timeout, unmet));
         }
-        if (region.wait(left_ms(options.interval_ms)) == session::Wake::stop) {
+        if (region.wait(options.interval_ms, {}, left_ms(UINT32_MAX)) == session::Wake::stop) {
             throw Failure(Exit::failed, fmt::format("interrupted before the condition held: {}", unmet));
         }
     }

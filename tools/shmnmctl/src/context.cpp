@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "duration.h"
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/laid_out.h"
@@ -88,10 +89,18 @@ void add_from(CLI::App& app, Context& context) {
         ->type_name("FILE");
     app.add_option("--cert", context.credentials.certificate, "This user's certificate for https")->type_name("FILE");
     app.add_option("--key", context.credentials.key, "Its key, if that is in a file of its own")->type_name("FILE");
+    add_time(app, context.server_timeout_ms,
+             {.name = "--server-timeout",
+              .help = "Time for the server to connect and to answer, and for each 256 KiB of a long answer",
+              .least = "1ms",
+              .most = "24h"});
 }
 
 void refuse_from(const CLI::App& app, const Context& context) {
-    if (context.from.empty()) return;
+    if (context.from.empty()) {
+        if (context.credentials.empty()) return;
+        throw Failure(Exit::usage, "--ca-file, --cert and --key are for a server; name it by --from https://HOST:PORT");
+    }
     constexpr std::array readers{"status", "list", "get", "dump", "verify", "query", "wait", "watch", "export", "diff"};
     for (const CLI::App* const command : app.get_subcommands()) {
         if (std::find(readers.begin(), readers.end(), command->get_name()) != readers.end()) continue;

@@ -11,7 +11,7 @@
 #include "picture/json.h"
 #include "picture/live.h"
 #include "picture/snapshot.h"
-#include "picture_http/connection.h"
+#include "picture_http/remote.h"
 
 namespace shmnmctl {
 
@@ -23,6 +23,7 @@ struct Context {
     std::string file;  ///< a dump to be read in place of the live region; empty: none
     std::string from;  ///< a server to be asked in place of the live region; empty: none
     picture_http::Credentials credentials;
+    uint32_t server_timeout_ms = picture_http::Remote::usual_timeout_ms;
     bool force = false;
     std::function<Exit()> command;  ///< what the command line asks for
 
@@ -55,7 +56,7 @@ void refuse_file(const Context& context, const std::string& advice);
 void add_force(CLI::App& command, Context& context);
 /// --from, with what belongs to it: for the whole tool.
 void add_from(CLI::App& app, Context& context);
-/// @throws Failure  a server was named, and this command needs this machine's region
+/// @throws Failure  a server was named, and this command needs this machine's region; or none was, but what it takes
 void refuse_from(const CLI::App& app, const Context& context);
 
 /// Every command adds itself.

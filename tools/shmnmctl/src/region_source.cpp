@@ -16,7 +16,7 @@ RegionSource::RegionSource(const Context& context) {
     if (context.from.empty()) {
         live_.emplace(context.access);
     } else {
-        remote_.emplace(context.from, context.credentials);
+        remote_.emplace(context.from, context.credentials, context.server_timeout_ms);
     }
 }
 
@@ -36,9 +36,9 @@ std::optional<Snapshot> RegionSource::try_copy(Bytes wanted, uint32_t lock_timeo
     return std::move(arrival->snapshot);
 }
 
-session::Wake RegionSource::wait(uint32_t milliseconds, session::WakeFor also) {
-    if (live_) return session::wait(milliseconds, also);
-    for (uint32_t left_ms = std::min(milliseconds, longest_silence_ms);;) {
+session::Wake RegionSource::wait(uint32_t interval_ms, session::WakeFor also, uint32_t most_ms) {
+    if (live_) return session::wait(std::min(interval_ms, most_ms), also);
+    for (uint32_t left_ms = std::min(longest_silence_ms, most_ms);;) {
         if (const session::Wake wake = session::wait(0, also); wake != session::Wake::timeout) return wake;
         const uint32_t now_ms = std::min(left_ms, slice_ms);
         if (now_ms == 0) return session::Wake::timeout;
@@ -48,7 +48,7 @@ session::Wake RegionSource::wait(uint32_t milliseconds, session::WakeFor also) {
             case picture_http::Bell::silent:
                 break;
             case picture_http::Bell::missing:
-                return session::wait(now_ms, also);
+                return session::wait(left_ms, also);
         }
         left_ms -= now_ms;
     }

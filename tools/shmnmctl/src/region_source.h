@@ -21,8 +21,9 @@ class RegionSource {
     Snapshot copy(Bytes wanted);
     std::optional<Snapshot> try_copy(Bytes wanted, uint32_t lock_timeout_ms = UINT32_MAX);
 
-    /// Waits as session::wait() does. With a server, a change that it tells of ends the wait, too.
-    session::Wake wait(uint32_t milliseconds, session::WakeFor also = {});
+    /// Waits for the next look as session::wait() does, at most so long. A server is not asked at intervals: a change
+    /// that it tells of ends the wait.
+    session::Wake wait(uint32_t interval_ms, session::WakeFor also = {}, uint32_t most_ms = UINT32_MAX);
 
   private:
     std::optional<LiveRegion> live_;

@@ -90,7 +90,7 @@ Exit watch(const Context& context, const StatusOptions& options) {
     refuse_file(context, "use --watch without FILE");
     session::catch_stop();
     if (context.json() || !session::terminal().is_terminal) return show_again_and_again(context, options);
-    LiveRegion(context.access).expect();
+    RegionSource(context).expect();
     const std::unique_ptr<Screen> screen = Screen::open(wants_colors());
     return screen ? show_on_screen(context, options, *screen) : show_again_and_again(context, options);
 }

@@ -28,6 +28,9 @@ Exit verify(const Context& context) {
 
 /// Checks a configuration. A file that cannot be read is no answer but an error.
 Exit verify_configuration(const Context& context, const std::string& file) {
+    if (!context.from.empty()) {
+        throw Failure(Exit::usage, "a configuration and a server were named; use --config or --from");
+    }
     const std::vector<ConfigurationProblem> problems = check_cluster_file(file).problems;
     std::string text;
     if (context.json()) {
