@@ -168,7 +168,8 @@ function(shmnm_install libdir runtime development tool web)
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
     install(
-        DIRECTORY ${PROJECT_SOURCE_DIR}/examples/prometheus ${PROJECT_SOURCE_DIR}/examples/grafana ${PROJECT_SOURCE_DIR}/examples/python
+        DIRECTORY ${PROJECT_SOURCE_DIR}/examples/prometheus ${PROJECT_SOURCE_DIR}/examples/grafana
+                  ${PROJECT_SOURCE_DIR}/examples/haproxy ${PROJECT_SOURCE_DIR}/examples/python
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
 

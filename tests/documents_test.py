@@ -70,6 +70,10 @@ class Documents(unittest.TestCase):
                 for piece in pieces:
                     self.assertTrue(piece in text, f"{piece!r} is not in docs/troubleshooting.md")
 
+    def test_the_proxy_that_is_shown_is_the_example(self):
+        example = (PROJECT / "examples/haproxy/haproxy.cfg").read_text()
+        self.assertIn(f"```\n{example}```\n", (PROJECT / "docs/monitoring.md").read_text())
+
     def test_every_link_leads_to_a_file(self):
         links = 0
         for document in DOCUMENTS:

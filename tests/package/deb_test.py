@@ -120,7 +120,7 @@ class Packages(Place):
         for file in ("bin/shmnmctl", "share/man/man1/shmnmctl.1.gz", "share/bash-completion/completions/shmnmctl",
                      "share/zsh/vendor-completions/_shmnmctl", "share/fish/vendor_completions.d/shmnmctl.fish",
                      "share/doc/shmnm/examples/cluster.xml", "share/doc/shmnm/examples/tutorial.c", "share/doc/shmnm/examples/states.json",
-                     "share/doc/shmnm/examples/prometheus/shmnm_rules.yml", "share/doc/shmnm/examples/grafana/shmnm.json",
+                     "share/doc/shmnm/examples/prometheus/shmnm_rules.yml", "share/doc/shmnm/examples/grafana/shmnm.json", "share/doc/shmnm/examples/haproxy/haproxy.cfg",
                      "lib/systemd/system/shmnm.service", "lib/systemd/system/shmnm-keeper.service", "libexec/shmnm-keeper",
                      "share/man/man8/shmnm-keeper.8.gz", "lib/sysusers.d/shmnmctl.conf", "lib/tmpfiles.d/shmnmctl.conf"):
             self.assertIn(f"usr/{file}", tool)

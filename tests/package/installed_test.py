@@ -25,7 +25,7 @@ FILES = """
     share/doc/shmnm/examples/picture.c
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
     share/doc/shmnm/examples/shmnmweb.service share/doc/shmnm/examples/shmnmweb.socket share/doc/shmnm/examples/states.json
-    share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/prometheus.yml
+    share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/haproxy/haproxy.cfg share/doc/shmnm/examples/prometheus/prometheus.yml
     share/doc/shmnm/examples/prometheus/shmnm_rules.yml share/doc/shmnm/examples/prometheus/shmnm_rules_test.yml
     share/doc/shmnm/examples/python/tutorial.py share/doc/shmnm/examples/python/failed_servers.py
     share/man/man1/shmnmctl.1 share/man/man8/shmnm-keeper.8 share/man/man8/shmnmweb.8 share/man/man3/shmnm.3 share/man/man3/shmnm_create.3 share/man/man3/shmnm_setholdstat.3

@@ -25,7 +25,7 @@ FILES = """
     lib/cmake/shmnmpicture/shmnmpicture-targets.cmake lib/pkgconfig/shmnmpicture.pc
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
     share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/states.json
-    share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/prometheus/shmnm_rules.yml
+    share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/haproxy/haproxy.cfg share/doc/shmnm/examples/prometheus/shmnm_rules.yml
     share/doc/shmnm/examples/python/tutorial.py share/doc/shmnm/examples/python/failed_servers.py
 """.split()
 
