@@ -219,7 +219,7 @@ class Failing(TlsTest):
         for answer, error in ((stop, "cannot speak with the server: it does not answer in time; .*"), (end, "the server's answer cannot be used: it was cut; .*"),
                               (cut, f"cannot speak TLS with the server: .*; {NEXT['server']}")):
             with self.subTest(answer.__name__):
-                result = self.asked(self.front(answer=answer), "--server-timeout", "500ms", "status")
+                result = self.asked(self.front(answer=answer), "--server-timeout", "2s", "status")
                 self.assertEqual((result.status, result.raw), (5, b""))
                 self.assertRegex(result.err, f"^shmnmctl: {error}\n$")
 

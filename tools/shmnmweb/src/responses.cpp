@@ -152,16 +152,29 @@ Response show_alive(const std::string& name, const Site& site) {
     return response;
 }
 
-Response when_all_is_copied() {
-    Response response;
-    response.needs_all = true;
-    return response;
+/// What is answered before there is a copy of all bytes that may be sent: a slow client keeps its copy for long.
+std::optional<Response> not_copied(Site& site) {
+    constexpr size_t most = 8;
+    std::erase_if(site.sent, [](const auto& copy) { return copy.expired(); });
+    const auto& all = site.look->all;
+    const bool is_sent =
+        all && std::any_of(site.sent.begin(), site.sent.end(), [&](const auto& copy) { return copy.lock() == all; });
+    if (!is_sent && site.sent.size() >= most) {
+        return error(503, exit_failed, "clients are still reading 8 other copies of all bytes; try again later");
+    }
+    if (!all) {
+        Response response;
+        response.needs_all = true;
+        return response;
+    }
+    if (!is_sent) site.sent.push_back(all);
+    return std::nullopt;
 }
 
-Response show_dump(const Site& site) {
+Response show_dump(Site& site) {
     if (auto none = no_picture(site)) return *none;
+    if (auto none = not_copied(site)) return *none;
     const auto& all = site.look->all;
-    if (!all) return when_all_is_copied();
     Response response;
     response.content_type = "application/octet-stream";
     response.bodies.push_back(body_within(all, {reinterpret_cast<const char*>(all->bytes.data()), all->bytes.size()}));
@@ -173,11 +186,13 @@ bool has_tag(std::string_view known, std::string_view tag) {
     return known == "*" || known.find(tag) != std::string_view::npos;
 }
 
-Response show_snapshot(const Request& request, const Target& target, const Site& site) {
+Response show_snapshot(const Request& request, const Target& target, Site& site) {
     if (auto none = no_picture(site)) return *none;
     const Look& look = *site.look;
     const bool all = target.has("all");
-    if (all && !look.all) return when_all_is_copied();
+    if (all) {
+        if (auto none = not_copied(site)) return *none;
+    }
     Response response;
     response.content_type = "application/octet-stream";
     if (!all) {

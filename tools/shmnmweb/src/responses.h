@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "history.h"
 #include "host_check.h"
@@ -20,6 +21,7 @@ struct Site {
     History history{""};
     std::shared_ptr<const Look> look;  ///< the newest; null before the first
     ScrapeFailures failures;
+    std::vector<std::weak_ptr<const picture::Snapshot>> sent;  ///< copies of all bytes, while answers need them
 
     /// @return whether event streams have something new to be told
     bool add(std::shared_ptr<const Look> newest) {

@@ -137,7 +137,7 @@ class Server::Implementation {
     // Connections end with it at the latest, and take themselves out of what is above.
     asio::io_context io_{1};
     std::vector<Acceptor> acceptors_;
-    Timer alive_timer_{io_}, retry_timer_{io_};
+    Timer alive_timer_{io_};
     unsigned alive_events_ = 0;
     const uint64_t watchdog_us_ = watchdog_us();
     std::optional<uint64_t> told_watchdog_us_;
@@ -366,8 +366,9 @@ void Server::Implementation::accept(Acceptor& acceptor, const Listener& listener
             return accept(acceptor, listener);
         }
         // The system has no descriptor left: connections wait until some end.
-        retry_timer_.expires_after(std::chrono::milliseconds(100));
-        retry_timer_.async_wait([this, &acceptor, &listener](const error_code&) { accept(acceptor, listener); });
+        // Each acceptor has a timer of its own: setting a timer again ends every other wait for it.
+        const auto retry = std::make_shared<Timer>(io_, std::chrono::milliseconds(100));
+        retry->async_wait([this, retry, &acceptor, &listener](const error_code&) { accept(acceptor, listener); });
     });
 }
 
