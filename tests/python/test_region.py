@@ -3,6 +3,7 @@
 import gc
 import os
 import pickle
+import signal
 import threading
 import warnings
 
@@ -195,6 +196,7 @@ class TestRegion:
         shmnm._region.Region = original
         child = os.fork()
         if child == 0:
+            signal.alarm(30)
             with shmnm.attach() as region:
                 os._exit(region.cluster.clstat)
         status = os.waitpid(child, 0)[1]
@@ -203,7 +205,8 @@ class TestRegion:
         assert os.waitstatus_to_exitcode(status) == 0
 
     def test_threads_that_use_a_region_while_another_detaches_get_an_error_and_no_fault(self):
-        # A fault would end this process, so it is one of its own.
+        # A fault would end this process, so it is one of its own. In a large region a dump takes long enough to be met.
+        conftest.configure(server=128, hbr=16, npr=16)
         code = """if True:
             import shmnm, sys, threading
             sys.setswitchinterval(1e-6)
@@ -225,7 +228,7 @@ class TestRegion:
             threads = [threading.Thread(target=use) for _ in range(3)]
             for thread in threads:
                 thread.start()
-            for _ in range(300):
+            for _ in range(60):
                 box[0].close()
                 box[0] = shmnm.create()
                 box[0].servers.add("alpha", 0)

@@ -84,8 +84,8 @@ class TestSameAsShmnmctl:
 
     def test_a_snapshot_of_damage_is_what_status_and_list_show(self, tmp_path):
         file = tmp_path / "damaged"
-        places = st.one_of(st.integers(0, 1084), st.integers(0, 20000))
-        damage = st.lists(st.tuples(places, st.one_of(st.integers(0, 8), st.integers(0, 0xFFFFFFFF))), max_size=8)
+        places = st.one_of(st.integers(0, 16).map(lambda word: 4 * word), st.integers(0, 1084), st.integers(0, 20000))
+        damage = st.lists(st.tuples(places, st.one_of(st.integers(0, 8), st.integers(0, 0xFFFFFFFF), st.integers(0x80000000, 0xFFFFFFFF))), max_size=8)
         shown = []
 
         @many
