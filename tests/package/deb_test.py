@@ -239,6 +239,8 @@ class Packages(Place):
         loaded = run("/usr/bin/python3", "-B", "-c", where, env=environment)
         self.assertIn(str(root / "usr/lib/python3/dist-packages/shmnm/__init__.py"), loaded)
         self.assertIn(str(root / LIB / "libkzmshmnm.so.1"), loaded)
+        shown = run("/usr/bin/python3", "-B", "-W", "error", "-m", "shmnm", env=environment)
+        self.assertEqual(shown.split(), run(root / "usr/bin/shmnmctl", "status", env=environment).split())
 
     def test_a_program_that_reads_pictures_is_built_against_the_installed_packages_and_runs(self):
         root = self.installed()
