@@ -58,11 +58,11 @@ class Core {
 
     Freshness freshness_of(std::string_view server, Time now) const;
     Marks marks(Time now) const;
+    bool is_connected_at(Time now) const;
     const AgreedWords& agreed() const { return agreed_; }
     const Feeder& feeder() const { return feeder_; }
 
   private:
-    bool is_connected_at(Time now) const;
     void changed(const KeyValue& change, bool by_watch);
     void beat_came(const std::string& server, const BeatValue& beat, int64_t revision, bool by_watch);
     void forgotten();

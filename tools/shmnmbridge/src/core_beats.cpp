@@ -32,10 +32,15 @@ std::optional<Time> OwnBeats::date_of(int64_t seen) const {
     return newest == beats_.rend() ? std::nullopt : std::optional(newest->sent);
 }
 
-bool OwnBeats::came_back(Time sent_at, Time by) const {
-    return std::any_of(beats_.begin(), beats_.end(), [&](const Beat& beat) {
-        return beat.sent >= sent_at && beat.came_back && *beat.came_back <= by;
-    });
+int OwnBeats::came_back(Time sent_at, Time apart) const {
+    int count = 0;
+    std::optional<Time> last;
+    for (const Beat& beat : beats_) {
+        if (beat.sent < sent_at || !beat.came_back || (last && *beat.came_back - *last < apart)) continue;
+        last = beat.came_back;
+        ++count;
+    }
+    return count;
 }
 
 }  // namespace bridge

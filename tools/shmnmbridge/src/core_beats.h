@@ -29,8 +29,9 @@ class OwnBeats {
     bool has_echo(Time now) const { return echoed_ && now - *echoed_ < limit_; }
     /// When the watch last brought an own beat.
     std::optional<Time> echo_arrived() const { return echo_arrived_; }
-    /// Whether an own beat that was sent at a time or later had come back at another time.
-    bool came_back(Time sent_at, Time by) const;
+    /// How many own beats came back that were sent at a time or later. Those that came back at once, because etcd had
+    /// stood still, count as one.
+    int came_back(Time sent_at, Time apart) const;
 
   private:
     struct Beat {

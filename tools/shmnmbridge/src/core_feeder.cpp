@@ -77,20 +77,31 @@ AgreedWords::Continuity Feeder::continuity(Time now, const Look& look, bool is_c
     const bool is_gapless = now - looked_at_ <= longest_gap || !rules_.gap_needs_witness;
     continuity.is_proven = (has_number && is_gapless) || is_witness(look);
     for (const LookedResource& resource : look.resources) {
-        if (rules_.fallen_row_tells && is_new_row(resource, *own)) continuity.new_records.push_back(resource.key);
+        if (rules_.fallen_row_tells && (is_new_row(resource, *own) || may_be_new(resource))) {
+            continuity.new_records.push_back(resource.key);
+        }
     }
     return continuity;
 }
 
 bool Feeder::is_new_row(const LookedResource& resource, size_t own) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
-    if (!before || resource.stat != new_stat) return false;
-    // The own column may have been set since.
+    if (!before) return false;
+    // The own column and the resource's own state may have been set since.
     for (size_t position = 0; position < resource.cells.size(); ++position) {
         if (position != own && resource.cells[position] != Cell{}) return false;
     }
     return before->cells != resource.cells &&
            std::any_of(before->cells.begin(), before->cells.end(), [](const Cell& cell) { return cell != Cell{}; });
+}
+
+bool Feeder::may_be_new(const LookedResource& resource) const {
+    const LookedResource* const before = shown_->find_resource(resource.key);
+    if (!before || resource.stat != new_stat || before->stat == new_stat) return false;
+    for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
+        if (resource.cells[position] != Cell{} && resource.cells[position] == before->cells[position]) return false;
+    }
+    return true;
 }
 
 bool Feeder::others_fell(const Look& look) const {

@@ -47,6 +47,8 @@ class Feeder {
     static void visit_words(const Look& look, size_t position, const ServerState* state, Visit visit);
     bool is_witness(const Look& look) const;
     bool others_fell(const Look& look) const;
+    /// Whether a resource whose own state fell to that of a new one shows nothing that proves that it is not.
+    bool may_be_new(const LookedResource& resource) const;
     bool is_new_row(const LookedResource& resource, size_t own) const;
     void follow_contests(const Look& look, size_t position, const Peer& peer);
 

@@ -36,7 +36,6 @@ std::optional<Time> Peer::heard_at(const Rules& rules) const {
 }
 
 bool Peer::is_heard(Time now, Time limit, const Rules& rules) const {
-    if (!claim_ && rules.gone_claim_is_silent) return false;
     const std::optional<Time> heard = heard_at(rules);
     return heard && now - *heard < limit;
 }
@@ -55,16 +54,15 @@ std::optional<Time> Peer::shown_since(const Rules& rules) const {
 Freshness Peer::freshness(Time now, const Settings& settings, const OwnBeats& own, bool connected,
                           const Rules& rules) const {
     if (!connected) return Freshness::unknown;
-    if (!claim_ && rules.gone_claim_is_silent) return Freshness::silent;
     const std::optional<Time> since = shown_since(rules);
     if (since && now - *since < settings.limit()) return Freshness::fresh;
     if (is_heard(now, settings.limit(), rules)) return Freshness::unknown;
-    // An own beat came back that was sent long after the newest word of the server, and the server had time to answer
-    // it. What is only late because this machine's own beats did not land is not silent.
+    // Own beats came back that were sent long after the newest word of the server, so many that etcd gave it time to
+    // answer them. What is only late because this machine's own beats did not land is not silent.
     const std::optional<Time> heard = heard_at(rules);
     const Time unanswered = heard && rules.silence_needs_echo ? *heard + settings.window : 0;
-    const Time answer_by = rules.grace_after_reconnection ? now - 3 * settings.beat() : now;
-    return own.came_back(unanswered, answer_by) ? Freshness::silent : Freshness::unknown;
+    const int enough = rules.grace_after_reconnection ? 4 : 1;
+    return own.came_back(unanswered, settings.beat() / 2) >= enough ? Freshness::silent : Freshness::unknown;
 }
 
 }  // namespace bridge

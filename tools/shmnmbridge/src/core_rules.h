@@ -23,9 +23,8 @@ struct Rules {
     bool grace_after_reconnection = true;  ///< a server has time to answer this machine's beats before it is silent
     bool silence_needs_echo = true;        ///< silent: it did not answer own beats that came back
     bool runs_are_compared = true;         ///< beat, state and claim belong together only if their runs are equal
-    bool gone_claim_is_silent = true;
-    bool fresh_after_applying = true;    ///< a beat counts for the mark once the region shows its words
-    bool silence_writes_unknown = true;  ///< the states of a silent server become 2
+    bool fresh_after_applying = true;      ///< a beat counts for the mark once the region shows its words
+    bool silence_writes_unknown = true;    ///< the states of a silent server become 2
 
     // Reading.
     bool revision_order = true;       ///< what is older than what is known is dropped

@@ -1,0 +1,259 @@
+// Runs the core through schedules of faults on a virtual clock and checks the invariants of docs/bridge-protocol.md.
+// With each rule switched off, an invariant must fail.
+//
+// SHMNM_SEED: the first seed, else 1. SHMNM_BRIDGE_SCHEDULES: how many schedules instead of as many as fit the
+// time. SHMNM_BRIDGE_RATES: also count how many of so many schedules fail without each rule. SHMNM_BRIDGE_TELL: print
+// what happens in a failing schedule.
+#include "core.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+
+#include "shmnmbridge/simulation.h"
+
+namespace bridge::test {
+namespace {
+
+uint64_t number_from(const char* variable, uint64_t otherwise) {
+    const char* const text = std::getenv(variable);
+    return text ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+uint64_t first_seed() {
+    return number_from("SHMNM_SEED", 1);
+}
+
+std::string report(const Schedule& schedule, const Result& result) {
+    std::string text = to_text(schedule);
+    for (const std::string& violation : result.violations) text += "  " + violation + '\n';
+    return text;
+}
+
+bool fails(const Schedule& schedule, const Rules& rules = {}) {
+    return !run(schedule, rules).violations.empty();
+}
+
+TEST(BridgeCore, KeepsItsInvariants) {
+    using Clock = std::chrono::steady_clock;
+    const uint64_t wanted = number_from("SHMNM_BRIDGE_SCHEDULES", 0), seed = first_seed();
+    const auto begin = Clock::now();
+    const auto seconds = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
+    // In any case enough of them; more if there is time.
+    const auto goes_on = [&](uint64_t done) {
+        return wanted ? done < wanted : done < 2'000 || (seconds() < 30 && done < 100'000);
+    };
+    Result total;
+    uint64_t done = 0, faults = 0, failed = 0;
+    for (; goes_on(done) && failed < number_from("SHMNM_BRIDGE_SHOW", 3); ++done) {
+        const Schedule schedule = random_schedule(seed + done);
+        const Result result = run(schedule);
+        faults += schedule.faults.size();
+        total.looks += result.looks;
+        total.requests += result.requests;
+        total.calls += result.calls;
+        total.proposals += result.proposals;
+        if (result.violations.empty()) continue;
+        ++failed;
+        const Schedule small = shrunk(schedule, [](const Schedule& less) { return fails(less); });
+        ADD_FAILURE() << report(small, run(small, {}, number_from("SHMNM_BRIDGE_TELL", 0) != 0));
+    }
+    std::cout << done << " schedules from seed " << seed << " with " << faults << " faults, " << failed << " failed; "
+              << static_cast<double>(done) / seconds() << " per second; " << total.looks << " looks, " << total.requests
+              << " requests, " << total.calls << " calls, " << total.proposals << " proposals at the end\n";
+}
+
+TEST(BridgeCore, DoesTheSameForTheSameInputs) {
+    const uint64_t seed = first_seed();
+    for (uint64_t number = 0; number < 30; ++number) {
+        const Schedule schedule = random_schedule(seed + number);
+        EXPECT_EQ(run(schedule).trace, run(schedule).trace) << "seed " << seed + number;
+    }
+    EXPECT_NE(run(random_schedule(seed)).trace, run(random_schedule(seed + 1)).trace);
+}
+
+struct Switch {
+    const char* name;
+    bool Rules::*rule;
+    std::vector<Schedule> schedules = {};  ///< written by hand
+};
+
+// A quiet cluster in which only happens what the schedule says.
+Schedule quiet(std::vector<Fault> faults, Creator creator = {}, uint32_t windows = 0) {
+    Schedule schedule;
+    schedule.seed = 7;
+    schedule.writes = false;
+    schedule.windows = windows;
+    schedule.creator = creator;
+    schedule.faults = std::move(faults);
+    return schedule;
+}
+
+Schedule without_pair(Schedule schedule) {
+    schedule.sets_pair = false;
+    return schedule;
+}
+Schedule reading_seldom(Schedule schedule) {
+    schedule.read_again = 300'000;
+    return schedule;
+}
+/// With other latencies and losses.
+std::vector<Schedule> seeds(const Schedule& schedule) {
+    std::vector<Schedule> schedules(40, schedule);
+    for (size_t number = 0; number < schedules.size(); ++number) schedules[number].seed = number;
+    return schedules;
+}
+
+/// Machine 1 never runs, so that nothing of it stands in machine 0's region.
+const Fault alone{.at = 0, .what = What::kill, .machine = 1, .lasts = 12'000};
+const Fault word_is_set{.at = 4'000, .what = What::set_agreed, .machine = 0, .detail = 0};
+constexpr Creator quick{.sets_own = true, .sets_pair = true};
+
+const Switch switches[] = {
+    {"fence", &Rules::fence},
+    {"refuse_other_host", &Rules::refuse_other_host},
+    {"renew_lost_claim", &Rules::renew_lost_claim},
+    {"state_on_base", &Rules::state_on_base},
+    {"resend_unknown", &Rules::resend_unknown,
+     seeds(quiet({{.at = 4'900, .what = What::slow, .lasts = 4'000},
+                  {.at = 5'000, .what = What::flip_own, .lasts = 900},
+                  {.at = 6'500, .what = What::flip_own, .lasts = 900},
+                  {.at = 8'000, .what = What::flip_own, .lasts = 900}}))},
+    {"beats_after_changes",
+     &Rules::beats_after_changes,
+     {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 0},
+             {.at = 5'000, .what = What::lose_large, .machine = 1, .lasts = 8'000},
+             {.at = 5'500, .what = What::set_own, .machine = 1, .detail = 0}})}},
+    {"beats_after_looks",
+     &Rules::beats_after_looks,
+     {quiet({{.at = 4'000, .what = What::hold_lock, .machine = 1, .lasts = 8'000}})}},
+    {"end_deletes_keys",
+     &Rules::end_deletes_keys,
+     {quiet({{.at = 5'000, .what = What::end, .machine = 1, .lasts = 6'000}})}},
+    {"own_is_never_fed", &Rules::own_is_never_fed},
+    {"beats_are_dated", &Rules::beats_are_dated},
+    {"read_beats_are_dated",
+     &Rules::read_beats_are_dated,
+     {quiet({{.at = 4'000, .what = What::kill, .machine = 1, .lasts = 12'000},
+             {.at = 9'000, .what = What::kill, .machine = 0, .lasts = 300}})}},
+    {"own_echo", &Rules::own_echo},
+    {"grace_after_reconnection", &Rules::grace_after_reconnection},
+    {"silence_needs_echo", &Rules::silence_needs_echo},
+    {"runs_are_compared", &Rules::runs_are_compared,
+     seeds(quiet({{.at = 3'000, .what = What::kill, .machine = 1, .lasts = 7'000},
+                  {.at = 3'500, .what = What::set_own, .machine = 1, .detail = 0},
+                  {.at = 9'000, .what = What::reorder, .machine = 0, .lasts = 3'000}}))},
+    {"fresh_after_applying",
+     &Rules::fresh_after_applying,
+     {quiet({{.at = 4'000, .what = What::busy_lock, .machine = 0, .lasts = 9'000},
+             {.at = 4'500, .what = What::set_own, .machine = 1, .detail = 0}})}},
+    {"silence_writes_unknown", &Rules::silence_writes_unknown},
+    {"revision_order", &Rules::revision_order},
+    {"ended_watch_is_read",
+     &Rules::ended_watch_is_read,
+     {reading_seldom(
+         quiet({{.at = 5'000, .what = What::compact}, {.at = 6'000, .what = What::lose_member, .machine = 1}}))}},
+    {"quiet_watch_is_read", &Rules::quiet_watch_is_read},
+    {"cluster_is_checked", &Rules::cluster_is_checked},
+    {"calls_compare", &Rules::calls_compare},
+    {"counts_are_compared", &Rules::counts_are_compared},
+    {"refuse_duplicates", &Rules::refuse_duplicates},
+    {"step_back", &Rules::step_back},
+    {"requests_wait", &Rules::requests_wait},
+    {"new_region_takes", &Rules::new_region_takes},
+    {"old_answers_are_dropped", &Rules::old_answers_are_dropped,
+     seeds(quiet({{.at = 4'900, .what = What::slow, .lasts = 500},
+                  {.at = 5'000, .what = What::set_agreed, .detail = 0},
+                  {.at = 5'060, .what = What::new_region, .lasts = 1}}))},
+    {"same_base", &Rules::same_base},
+    {"late_own_is_accepted", &Rules::late_own_is_accepted,
+     seeds(quiet({{.at = 3'900, .what = What::lose_answers, .lasts = 700},
+                  {.at = 4'000, .what = What::set_agreed, .detail = 0}}))},
+    {"contest_ends_proposals",
+     &Rules::contest_ends_proposals,
+     {quiet({{.at = 4'000, .what = What::rival, .lasts = 8'000}})}},
+    {"pair_needs_value",
+     &Rules::pair_needs_value,
+     {without_pair(quiet({{.at = 4'000, .what = What::new_region, .lasts = 500}}))}},
+    // The region's number is the only sign: between two looks all that was set before is set again.
+    {"object_tells",
+     &Rules::object_tells,
+     {quiet({alone, word_is_set, {.at = 8'010, .what = What::new_region, .lasts = 1}}, quick)}},
+    // One look finds no own server.
+    {"absence_tells",
+     &Rules::absence_tells,
+     {quiet({alone, word_is_set, {.at = 8'010, .what = What::clear, .lasts = 60}}, quick)}},
+    {"fallen_words_tell",
+     &Rules::fallen_words_tell,
+     {quiet({alone, word_is_set, {.at = 8'010, .what = What::clear, .lasts = 1}},
+            {.sets_own = false, .sets_pair = true})}},
+    {"fallen_pair_tells",
+     &Rules::fallen_pair_tells,
+     {quiet({alone, word_is_set, {.at = 8'010, .what = What::clear, .lasts = 1}},
+            {.sets_own = true, .sets_pair = false})}},
+    {"fallen_others_tell",
+     &Rules::fallen_others_tell,
+     {quiet({word_is_set, {.at = 8'010, .what = What::clear, .lasts = 1}}, quick)}},
+    {"fallen_row_tells",
+     &Rules::fallen_row_tells,
+     {quiet({{.at = 4'000, .what = What::set_agreed, .machine = 0, .detail = 6},
+             {.at = 4'500, .what = What::set_own, .machine = 0, .detail = 9},
+             {.at = 8'010, .what = What::add_resource_again, .machine = 0}})}},
+    {"gap_needs_witness",
+     &Rules::gap_needs_witness,
+     {quiet({alone,
+             word_is_set,
+             {.at = 7'000, .what = What::stop, .lasts = 2'000},
+             {.at = 8'010, .what = What::clear, .lasts = 100}},
+            quick)}},
+    {"witness",
+     &Rules::witness,
+     {quiet({alone, word_is_set, {.at = 8'010, .what = What::new_region, .lasts = 1}}, quick, 1)}},
+};
+
+/// For the test's messages.
+std::ostream& operator<<(std::ostream& stream, const Switch& tried) {
+    return stream << tried.name;
+}
+
+class BridgeRule : public testing::TestWithParam<Switch> {};
+
+TEST_P(BridgeRule, IsNeeded) {
+    const Switch& tried = GetParam();
+    Rules rules;
+    rules.*tried.rule = false;
+    bool is_noticed = false;
+    size_t noticing = 0;
+    for (const Schedule& schedule : tried.schedules) {
+        const Result with = run(schedule), without = run(schedule, rules);
+        EXPECT_TRUE(with.violations.empty()) << "with the rule: " << report(schedule, with);
+        if (without.violations.empty()) continue;
+        ++noticing;
+        if (noticing == 1) std::cout << "without it: " << report(schedule, without);
+    }
+    is_noticed = noticing > 0;
+    std::cout << noticing << " of " << tried.schedules.size() << " schedules written by hand fail\n";
+    const uint64_t seed = first_seed(), rates = number_from("SHMNM_BRIDGE_RATES", 0);
+    uint64_t failed = 0, tries = 0;
+    for (; rates ? tries < rates : !is_noticed && tries < 3'000; ++tries) {
+        const Schedule schedule = random_schedule(seed + tries);
+        if (!fails(schedule, rules)) continue;
+        ++failed;
+        if (is_noticed) continue;
+        const Result with = run(schedule);
+        EXPECT_TRUE(with.violations.empty()) << "with the rule: " << report(schedule, with);
+        is_noticed = true;
+        const Schedule small = shrunk(schedule, [&rules](const Schedule& less) { return fails(less, rules); });
+        std::cout << "without it, the " << tries + 1 << ". schedule: " << report(small, run(small, rules));
+    }
+    if (rates) std::cout << "RATE " << tried.name << ": " << failed << " of " << tries << " random schedules fail\n";
+    EXPECT_TRUE(is_noticed) << "no schedule of " << tries << " from seed " << seed << " fails without it";
+}
+
+INSTANTIATE_TEST_SUITE_P(Without, BridgeRule, testing::ValuesIn(switches),
+                         [](const testing::TestParamInfo<Switch>& tried) { return std::string(tried.param.name); });
+
+}  // namespace
+}  // namespace bridge::test

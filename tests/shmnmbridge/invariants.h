@@ -1,0 +1,68 @@
+// The invariants of docs/bridge-protocol.md, checked while a schedule runs. The numbers in the messages are theirs.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core_keys.h"
+#include "shmnmbridge/machine.h"
+#include "shmnmbridge/model_etcd.h"
+#include "shmnmbridge/simulation.h"
+
+namespace bridge::test {
+
+class Checker {
+  public:
+    using Machines = std::vector<std::unique_ptr<Machine>>;
+
+    Checker(const Keys& keys, const ModelEtcd& etcd, Values& values, Result& result)
+        : keys_(keys), etcd_(etcd), values_(values), result_(result) {}
+
+    /// Everything that a core gives out.
+    void take_output(Time now, Machine& machine, const Output& output, bool is_in_batch);
+    /// Etcd is about to answer, and has written.
+    void before_request(const Request& request);
+    void check_written(Time now, const Transaction& transaction, int64_t revision);
+    void forget_history();
+    /// A batch is asked for, is about to be made, and is made.
+    void check_asked(Time now, const Machine& machine);
+    void begin_batch(const Machine& machine);
+    void check_call(Time now, Machine& machine, const Call& call);
+    void check_accepted(Time now, const Machine& machine, const Call& call, bool is_accepted);
+    void end_batch(Time now, const Machine& machine);
+    /// After each look.
+    void check_marks(Time now, Machine& machine, const Machines& machines);
+    /// Long after the last fault.
+    void check_end(Time now, const Machines& machines);
+
+    static std::string describe(const Call& call);
+
+  private:
+    template <typename... Parts>
+    void fail(Time now, const Machine* machine, int invariant, const Parts&... parts);
+    void check_state(Time now, const std::string& server, const std::string& json);
+    void check_proposal(Time now, const std::string& key, const std::string& json, int64_t revision);
+    void check_values(Time now, const Machine& machine, const std::string& server);
+    void check_peer(Time now, Machine& machine, const Machine& other, bool is_intruded);
+    void check_silence(Time now, Machine& machine, const std::string& server, Freshness freshness);
+    void check_end_of_peer(Time now, const Machine& machine, const Machine& other, const Marks& marks);
+    void check_end_of_agreed(Time now, const Machine& machine, const Marks& marks);
+
+    const Keys& keys_;
+    const ModelEtcd& etcd_;
+    Values& values_;
+    Result& result_;
+    std::map<std::string, std::string> claim_hosts_;   ///< before the request
+    std::map<std::string, uint32_t> highest_;          ///< by word and writer: what states have held
+    std::map<std::string, int64_t> landed_;            ///< by word and value: the revision of an agreed value
+    std::set<std::string> proposals_;                  ///< process and number
+    std::map<std::string, uint64_t> landed_of_;        ///< how many proposals of a process are in the history
+    std::map<std::string, std::string> last_process_;  ///< by the agreed key: who wrote it last
+    std::map<std::string, uint64_t> overwritten_of_;   ///< how many of them another process has overwritten
+    ServerState own_before_;
+};
+
+}  // namespace bridge::test

@@ -1,0 +1,70 @@
+// A machine of the simulation: its region, its bridge, and what is wrong with it at the moment.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+
+#include "core.h"
+#include "shmnmbridge/model_region.h"
+
+namespace bridge::test {
+
+/// When each trouble ends.
+struct Troubles {
+    Time cut_to = 0, cut_from = 0, cut_both = 0, slow = 0, lose_answers = 0, lose_large = 0, reorder = 0,
+         lose_token = 0, hold_lock = 0, busy_lock = 0, stop = 0, down = 0, no_region = 0, no_servers = 0,
+         other_counts = 0;
+};
+
+/// The watch, as the network sees it.
+struct Stream {
+    uint64_t id = 0;
+    bool is_open = false;
+    bool is_dead = false;  ///< brings nothing any more
+    Time last = 0;         ///< the latest delivery
+    std::map<std::string, Time> last_of_key;
+};
+
+struct Machine {
+    size_t id = 0;      ///< of the machine
+    size_t number = 0;  ///< of the server that it is
+    bool is_intruder = false;
+    bool was_intruded = false;  ///< another machine had its name
+    std::string server, host, process;
+    bool is_windows = false;
+    std::mt19937_64 network, writer;
+
+    std::optional<ModelRegion> region;
+    uint64_t generation = 0;  ///< of the region
+    picture::Counts configured;
+
+    std::unique_ptr<Core> core;
+    uint64_t life = 0;  ///< of the bridge's process: what was for an earlier one is dropped
+    std::optional<Batch> batch;
+    std::optional<Look> looked;  ///< what the core saw last
+    std::set<uint64_t> pending;  ///< requests without an answer
+    Stream stream;
+    std::deque<std::function<void()>> inbox;  ///< of a stopped bridge
+    Troubles until;
+
+    // For the invariants.
+    Time impaired_since = -1;  ///< it cannot read or cannot write
+    Time unhealthy_at = 0;     ///< when something was wrong last
+    Time ended_at = -1;        ///< the clean end
+    std::map<std::string, Time> silent_since;
+    std::map<std::string, int64_t> agreed_revision;  ///< of etcd's values that were set here
+    std::map<std::string, std::deque<Time>> losses;  ///< by the word
+    std::set<std::string> fed;                       ///< servers whose words this bridge has set here
+    std::set<std::string> overwritten;               ///< foreign words that a local process set after that
+
+    bool is_stopped(Time now) const { return now < until.stop; }
+    bool has_own_server() const { return region && region->look().find_server(server); }
+};
+
+}  // namespace bridge::test
