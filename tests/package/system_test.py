@@ -168,6 +168,23 @@ class Machine(support.Place):
             self.assertRegex(watch.stdout.readline(), rf"servers/alpha/pingstat .*\b{value}\n$")
         self.tool("verify")
 
+    def test_python_reads_the_service_s_picture_without_a_variable_for_libraries(self):
+        self.install()
+        before = self.machine.changed()
+        self.machine.run("sh", "-c", "dpkg --install /dev/packages/python3-shmnm_*.deb")
+        self.serve()
+        self.tool("set", "servers/alpha/pingstat", 5)
+        code = "import shmnm\nwith shmnm.attach() as region, region.lock(): region.servers['beta'].pingstat = 6"
+        python = ["runuser", "-u", "shmnm", "--", "sh", "-c", 'set -a; . /etc/shmnm/environment; exec python3 "$@"', "sh"]
+        self.machine.run(*python, "-c", code)
+        self.assertEqual(self.tool("get", "servers/beta/pingstat"), "6\n")
+        self.assertEqual(self.machine.run(*python, "-m", "shmnm").split(), self.tool("status").split())
+        # Root's programs have compiled nothing that stays.
+        self.machine.run("python3", "-c", "import shmnm")
+        self.machine.run("dpkg", "--purge", "python3-shmnm")
+        left = {name for name in self.machine.changed() - before if "shmnm" in name and "/python3/" in name}
+        self.assertEqual(left, set())
+
     def test_the_server_is_started_by_its_sockets_for_readers_and_for_nobody_else(self):
         self.install()
         self.install_web()
