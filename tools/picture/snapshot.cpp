@@ -9,6 +9,7 @@
 #include <fstream>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 #include "picture/error.h"
 #include "picture/escape.h"
@@ -44,23 +45,8 @@ namespace {
     throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", printable(file), why));
 }
 
-/// On Windows names are UTF-8, and others cannot be converted.
-std::filesystem::path path_of(const std::string& file) {
-    try {
-        return file;
-    } catch (const std::system_error&) {
-        refuse(file, "its name is not UTF-8");
-    }
-}
-
-}  // namespace
-
-std::vector<uint8_t> read_file(const std::string& file) {
-    const std::filesystem::path path = path_of(file);
-    std::error_code error;
-    if (std::filesystem::is_directory(path, error)) refuse(file, "it is a folder");
-    errno = 0;
-    std::ifstream stream(path, std::ios::binary);
+/// @param[in] stream  of the file, opened just now
+std::vector<uint8_t> read_opened(std::ifstream& stream, const std::string& file) {
     if (!stream) refuse(file, std::strerror(errno));
 
     std::vector<uint8_t> bytes;
@@ -75,9 +61,27 @@ std::vector<uint8_t> read_file(const std::string& file) {
     return bytes;
 }
 
-Snapshot read_dump(const std::string& file) {
+/// The bytes of the file at a place that is a path or a name.
+template <typename Place>
+std::vector<uint8_t> read_at(const Place& place, const std::string& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(place, error)) refuse(file, "it is a folder");
+    errno = 0;
+    std::ifstream stream(place, std::ios::binary);
+    return read_opened(stream, file);
+}
+
+std::filesystem::path path_of_utf8(const std::string& file) {
+    try {
+        return std::u8string(file.begin(), file.end());
+    } catch (const std::system_error&) {
+        refuse(file, "its name is not UTF-8");
+    }
+}
+
+Snapshot to_dump(std::vector<uint8_t> bytes, const std::string& file) {
     Snapshot snapshot;
-    snapshot.bytes = read_file(file);
+    snapshot.bytes = std::move(bytes);
     if (snapshot.bytes.size() < sizeof(shmnm_header)) {
         refuse(file, fmt::format("it has {} bytes and the header alone has {}, so it was cut or is not a dump",
                                  snapshot.bytes.size(), sizeof(shmnm_header)));
@@ -85,6 +89,20 @@ Snapshot read_dump(const std::string& file) {
     snapshot.mapped = snapshot.bytes.size();
     snapshot.counts = snapshot.header_counts();
     return snapshot;
+}
+
+}  // namespace
+
+std::vector<uint8_t> read_file(const std::string& file) {
+    return read_at(file, file);
+}
+
+Snapshot read_dump(const std::string& file) {
+    return to_dump(read_file(file), file);
+}
+
+Snapshot read_dump_of_utf8_name(const std::string& file) {
+    return to_dump(read_at(path_of_utf8(file), file), file);
 }
 
 }  // namespace picture

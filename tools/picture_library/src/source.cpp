@@ -42,7 +42,7 @@ class FileSource : public SilentSource {
   public:
     FileSource(const SourceOptions& options, std::string file)
         : SilentSource(options.interval_ms), file_(std::move(file)) {}
-    Snapshot copy(Bytes) override { return picture::read_dump(file_); }
+    Snapshot copy(Bytes) override { return picture::read_dump_of_utf8_name(file_); }
 
   private:
     std::string file_;
