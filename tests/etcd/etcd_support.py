@@ -49,6 +49,7 @@ class Member:
                         "--heartbeat-interval", "50", "--election-timeout", "500", "--logger", "zap", *options]
         self.log = open(folder / f"{name}.log", "ab")
         self.process = None
+        self.context = None  # of TLS, for what the tests ask themselves
 
     @property
     def endpoint(self):
@@ -76,10 +77,19 @@ class Member:
             headers["Authorization"] = token
         request = urllib.request.Request(self.endpoint + target, json.dumps(body).encode(), headers)
         try:
-            with urllib.request.urlopen(request, timeout=DEADLINE) as answer:
+            with urllib.request.urlopen(request, timeout=DEADLINE, context=self.context) as answer:
                 return answer.status, json.loads(answer.read())
         except urllib.error.HTTPError as error:
             return error.code, json.loads(error.read())
+
+    def wait_until_listens(self):
+        end = time.monotonic() + DEADLINE
+        while time.monotonic() < end and self.process.poll() is None:
+            with contextlib.suppress(OSError):
+                socket.create_connection(("127.0.0.1", self.port), timeout=DEADLINE).close()
+                return
+            threading.Event().wait(0.02)
+        raise AssertionError("etcd does not listen: " + pathlib.Path(self.log.name).read_text()[-2000:])
 
     def wait_until_serves(self):
         end = time.monotonic() + DEADLINE

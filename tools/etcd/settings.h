@@ -8,10 +8,10 @@
 
 namespace etcd {
 
-/// Names of files in PEM, for https.
+/// Names of files in PEM, for https. Windows has no https here.
 struct TlsSettings {
-    std::string authorities;       ///< who may have signed the members' certificates; "": the system's. Not on Windows
-    std::string certificate, key;  ///< of this client; "": none. Not on Windows
+    std::string authorities;       ///< who may have signed the members' certificates; "": the system's
+    std::string certificate, key;  ///< of this client; "": none
 };
 
 struct Settings {
