@@ -59,6 +59,8 @@ TEST_F(Names, AreTheirOwnAfterACopy) {
         copy = of_view;
         server = Server(of_view);
         EXPECT_NE(copy.c_str(), of_view.c_str());
+        EXPECT_NE(Name(of_view).c_str(), of_view.c_str());
+        EXPECT_NE(server.name().c_str(), of_view.c_str());
     }
     EXPECT_STREQ(copy.c_str(), "alpha");
     EXPECT_STREQ(server.name().c_str(), "alpha");
