@@ -7,7 +7,6 @@
 namespace {
 
 using bench::Asked;
-using bench::Cluster;
 
 /// The words that a row asks for, in three ways to call the library.
 struct InC {
