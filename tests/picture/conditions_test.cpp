@@ -196,6 +196,46 @@ INSTANTIATE_TEST_SUITE_P(
         WrongCase{"a=1 0123456789012345678901234567890123456789XY",
                   "5, \"0123456789012345678901234567890123456789...\"", "\"and\", \"or\" or the end is expected"}));
 
+/// Why a condition can never hold; "" if it may.
+std::string never(const char* text) {
+    try {
+        Condition(text).expect_possible();
+        return "";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::invalid);
+        return error.what();
+    }
+}
+
+TEST(ImpossibleCondition, ComparesAWordWithAValueThatItCannotHave) {
+    EXPECT_EQ(never("cluster/clstat=-1"),
+              "\"cluster/clstat=-1\" can never hold: use a value from 0 to 4294967295 for cluster/clstat");
+    EXPECT_EQ(never("servers/a/pri = 2147483648"),
+              "\"servers/a/pri = 2147483648\" can never hold: use a value from -2147483648 to 2147483647 for "
+              "servers/a/pri");
+    EXPECT_EQ(never("cluster/alive=2"),
+              "\"cluster/alive=2\" can never hold: use a value from 0 to 1 for cluster/alive");
+    EXPECT_EQ(never("all servers/*/combstat<0"),
+              "\"all servers/*/combstat<0\" can never hold: use a value from 0 to 4294967295 or none for "
+              "servers/*/combstat");
+    for (const char* const text :
+         {"cluster/clstat=4294967296", "cluster/clstat>4294967295", "cluster/clstat<0", "cluster/clstat<=-1",
+          "cluster/clstat=none", "any hb/*/*/svstat/* = -1", "fst/piddata/a/0<0", "fst/pids/a/0>4294967295",
+          "cluster/clstat=1 and cluster/clstat=-1", "(cluster/clstat=-1 or cluster/bwflag=-1) and cluster/clstat=1"}) {
+        EXPECT_NE(never(text), "") << text;
+    }
+}
+
+TEST(ImpossibleCondition, IsNoneThatAnyRegionMayMeet) {
+    for (const char* const text :
+         {"cluster/clstat=4294967295", "cluster/clstat>=0", "cluster/clstat<=0", "cluster/clstat>4294967294",
+          "cluster/clstat!=-1", "cluster/clstat!=none", "servers/a/pri=-2147483648", "cluster/hbinfo_a=0",
+          "servers/a/combstat=none", "servers/a/combstat=3", "any */*/pri=-1", "fst/piddata/a/0=18446744073709551615",
+          "cluster/clstat=-1 or cluster/clstat=1", "not cluster/clstat=-1", "exists servers/nobody/pri"}) {
+        EXPECT_EQ(never(text), "") << text;
+    }
+}
+
 TEST(ConditionNesting, IsLimited) {
     const auto nested = [](const char* opening, size_t times, const char* closing) {
         std::string text;

@@ -82,7 +82,6 @@ TEST(ExpectKey, NamesTheWordThatIsWrong) {
     EXPECT_EQ(error_of(expect_key, "np/ping/pingnp1/network/alpha"),
               "no such word \"network\"; \"shmnmctl list --help\" shows all keys");
     EXPECT_EQ(error_of(expect_key, "fst/pids/agent/3"), "no such word \"3\"; \"shmnmctl list --help\" shows all keys");
-    EXPECT_EQ(error_of(expect_key, ""), "no such word \"\"; \"shmnmctl list --help\" shows all keys");
     EXPECT_EQ(error_of(expect_key, "se\x1b/x"), "no such word \"se%1B\"; \"shmnmctl list --help\" shows all keys");
 }
 
@@ -100,6 +99,21 @@ TEST(ExpectKey, RefusesAKeyThatIsNotWholeOrGoesOn) {
         "\"hb/lan/lanhb1/svstat\" is not a whole key: \"shmnmctl list hb/lan/lanhb1/svstat\" shows the keys below "
         "it, such as \"hb/lan/lanhb1/svstat/SERVER\"");
     EXPECT_EQ(error_of(expect_key, "cluster/clstat/x"), "there is no key below \"cluster/clstat\": leave out \"/x\"");
+    EXPECT_EQ(error_of(expect_key, ""),
+              "\"\" is not a whole key: \"shmnmctl list\" shows the keys below it, such as \"cluster/waitstat\"");
+}
+
+TEST(ExpectKey, ShowsWhatASlashTooManyLacks) {
+    EXPECT_EQ(error_of(expect_key, "servers/alpha/"),
+              "\"servers/alpha/\" is not a whole key: \"shmnmctl list servers/alpha\" shows the keys below it, such as "
+              "\"servers/alpha/pri\"");
+    EXPECT_EQ(error_of(expect_pattern, "hb/*/*/svstat/"),
+              "\"hb/*/*/svstat/\" is not a whole key: \"shmnmctl list hb/*/*/svstat\" shows the keys below it, such as "
+              "\"hb/*/*/svstat/SERVER\"");
+    EXPECT_EQ(error_of(expect_key, "cluster/clstat/"), "there is no key below \"cluster/clstat\": leave out \"/\"");
+    EXPECT_EQ(error_of(expect_key, "cluster/clstat//"), "there is no key below \"cluster/clstat\": leave out \"//\"");
+    EXPECT_EQ(error_of(expect_key, "cluster//clstat"), "a part of a key cannot be empty: leave out one \"/\"");
+    EXPECT_EQ(error_of(expect_key, "/cluster/clstat"), "a part of a key cannot be empty: leave out one \"/\"");
 }
 
 TEST(ExpectKey, ShowsHowANameIsWritten) {

@@ -125,6 +125,16 @@ class Changing(ToolTest):
         self.assertIn("alpha has the same priority, 0; ", self.refused(5, "set", "hb/lan/lanhb1/svstat/gamma", "1"))
         self.done("set", "hb/lan/lanhb1/svstat/alpha", "1")
 
+    def test_set_finds_a_server_by_the_priority_that_the_same_command_gives_it(self):
+        api = self.cluster()
+        self.done("set", "servers/alpha/pri", "7", "hb/lan/lanhb1/svstat/alpha", "5", "servers/beta/pri", "0", "hb/lan/lanhb1/svstat/beta", "6")
+        self.assertEqual([api.ok("shmnm_gethbrscsvstat", "lan", "lanhb1", pri) for pri in (7, 0)], [["5"], ["6"]])
+
+    def test_set_refuses_a_state_on_a_server_that_the_same_command_hides_behind_another(self):
+        self.cluster()
+        self.assertIn("alpha has the same priority, 0; ", self.refused(5, "set", "servers/gamma/pri", "0", "hb/lan/lanhb1/svstat/gamma", "1"))
+        self.done("set", "hb/lan/lanhb1/svstat/gamma", "1", "servers/gamma/pri", "0")
+
     def test_set_checks_for_a_full_table_of_process_ids_before_it_changes_anything(self):
         api = self.cluster()
         for name in "abcd":

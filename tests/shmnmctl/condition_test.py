@@ -83,6 +83,13 @@ class Wait(ToolTest):
             self.assertEqual((result.status, result.out), (2, ""))
             self.assertEqual(result.err.strip(), 'shmnmctl: a dump does not change: test it with "shmnmctl query --file FILE"')
 
+    def test_wait_refuses_a_value_that_can_never_come(self):
+        self.cluster()
+        result = self.tool("wait", "cluster/clstat=-1", "--timeout", "0")
+        self.assertEqual((result.status, result.out), (2, ""))
+        self.assertEqual(result.err, 'shmnmctl: "cluster/clstat=-1" can never hold: use a value from 0 to 4294967295 for cluster/clstat\n')
+        self.assertEqual(self.tool("query", "cluster/clstat=-1").status, 1)
+
     def test_wait_returns_at_once_if_the_condition_holds(self):
         self.cluster()
         result = self.tool("wait", "cluster/clstat=0")

@@ -62,6 +62,25 @@ class Documents(ToolTest):
         self.assertEqual(self.apply(path(dump)).out, "cluster/clstat 8 -> 7\n")
         self.assertEqual(self.dumped(), dump.read_bytes())
 
+    def test_a_picture_is_compared_and_applied_from_standard_input(self):
+        api = self.full_cluster()
+        dump, export = self.dumped(), self.tool("export").raw
+        for picture in (dump, export):
+            api.ok("shmnm_setclstat", 8)
+            result = self.tool("diff", "-", "live", input=picture)
+            self.assertEqual((result.status, result.lines), (1, ["cluster/clstat 7 -> 8"]))
+            result = self.tool("diff", "live", "-", input=picture)
+            self.assertEqual((result.status, result.lines), (1, ["cluster/clstat 8 -> 7"]))
+            self.assertEqual(self.tool("apply", "-", "--dry-run", input=picture).lines, ["cluster/clstat 8 -> 7"])
+            self.assertEqual(self.tool("apply", "-", input=picture).lines, ["cluster/clstat 8 -> 7"])
+            self.assertEqual(self.dumped(), dump)
+        result = self.tool("apply", "-", input=b"x")
+        self.assertEqual(result.status, 5)
+        self.assertRegex(result.err, "^shmnmctl: cannot read standard input: ")
+        result = self.tool("diff", "-", "-", input=export)
+        self.assertEqual((result.status, result.out), (2, ""))
+        self.assertIn("A and B cannot both be standard input: write one of them to a file", result.err)
+
     def test_diff_writes_one_line_per_difference_and_ends_with_1(self):
         self.full_cluster()
         file = self.exported()

@@ -82,7 +82,7 @@ class HoldersOfTheRegion(ToolTest):
         result = Result(done.returncode, done.stdout, done.stderr.decode())
         self.assertEqual((result.status, result.err), (0, ""))
         self.assertEqual(result.lines[1].split()[:3], [str(creator.pid), str(OTHER_USER), "running"])
-        self.assertRegex(result.lines[2], r"^not looked at: [0-9]+ process(es)? of other users; run this as root to see all$")
+        self.assertRegex(result.lines[2], r"^not looked at: [0-9]+ process(es)? that this user may not look at; run this as root to see all$")
         self.assertEqual(len(result.lines), 3)
         found = subprocess.run([programs / "shmnmctl", "holders", "--format", "json"], capture_output=True, stdin=subprocess.DEVNULL, **as_other)
         self.assertGreaterEqual(support.validated(found.stdout.decode())[0]["unreadable"], 1)

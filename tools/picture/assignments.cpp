@@ -51,6 +51,7 @@ class Planner {
   public:
     Planner(const Picture& picture, bool force) : picture_(picture), force_(force), header_(picture.header) {
         for (const FstPid& record : picture.fst_pids) pids_.emplace(record.name, record);
+        for (const Server& server : picture.servers) priorities_.push_back(server.record.pri);
     }
 
     void add(const Assignment& assignment) {
@@ -96,7 +97,9 @@ class Planner {
     void add(const Assignment& assignment, const ServerPlace& place, Call<const char*, uint32_t> set) {
         step(set, place.server->name, word_of(assignment));
     }
+    /// Of servers the library sets only the priority by such a call.
     void add(const Assignment& assignment, const ServerPlace& place, Call<const char*, int32_t> set) {
+        priorities_[position_of(*place.server)] = number_of(assignment);
         step(set, place.server->name, number_of(assignment));
     }
 
@@ -113,18 +116,22 @@ class Planner {
         step(place.kind->*place.word->set, place.resource->type, place.resource->name, word_of(assignment));
     }
 
-    /// The library finds the server by its priority. Refuses the assignment if it would find another server.
+    size_t position_of(const Server& server) const { return static_cast<size_t>(&server - picture_.servers.data()); }
+
+    /// The library finds the server by the priority that it has by then. Refuses the assignment if it would find
+    /// another server.
     void add(const Assignment& assignment, const RowPlace& place) {
         const uint32_t value = word_of(assignment);
-        const auto found = std::find_if(picture_.servers.begin(), picture_.servers.end(), [&](const Server& server) {
-            return server.record.pri == place.server->record.pri;
-        });
-        if (&*found != place.server) {
+        const size_t wanted = position_of(*place.server);
+        const int32_t priority = priorities_[wanted];
+        const auto found =
+            static_cast<size_t>(std::find(priorities_.begin(), priorities_.end(), priority) - priorities_.begin());
+        if (found != wanted) {
             refuse(ErrorKind::shared_priority, assignment.key,
                    fmt::format("the library finds servers by priority here, and {} has the same priority, {}",
-                               escaped(found->name), found->record.pri));
+                               escaped(picture_.servers[found].name), priority));
         }
-        step(place.kind->*place.word->set, place.resource->type, place.resource->name, found->record.pri, value);
+        step(place.kind->*place.word->set, place.resource->type, place.resource->name, priority, value);
     }
 
     void add(const Assignment& assignment, const FstPlace& place) { step(place.word->set, word_of(assignment)); }
@@ -180,6 +187,7 @@ class Planner {
     std::map<std::string, Value> planned_;  ///< the values that are to be set, by their keys
     shmnm_header header_;                   ///< with the new values of the numbers that are set together
     std::map<std::string, FstPid> pids_;    ///< as they will be
+    std::vector<int32_t> priorities_;       ///< of the servers, after the steps so far
     const Pair* pair_ = nullptr;            ///< to be set
     const Triple* triple_ = nullptr;
     std::vector<Step> steps_;

@@ -200,6 +200,28 @@ void expect_words(const Part& part) {
     for (const Part& each : part.parts) expect_words(each);
 }
 
+/// The first comparison because of which a condition can never hold; null: it may hold.
+const Part* impossible(const Part& part) {
+    if (part.kind == Kind::none_of || part.kind == Kind::exists) return nullptr;
+    if (part.kind == Kind::comparison) {
+        const std::vector<Values> values = values_of(part.pattern);
+        const auto may_hold = [&](const Values& each) {
+            return part.compare(each.least, part.value) || part.compare(each.most, part.value) ||
+                   (each.has(part.value) && part.compare(part.value, part.value)) ||
+                   (each.may_be_none && part.compare(Value(), part.value));
+        };
+        return std::any_of(values.begin(), values.end(), may_hold) ? nullptr : &part;
+    }
+    const Part* first = nullptr;
+    for (const Part& each : part.parts) {
+        const Part* const found = impossible(each);
+        if (!first) first = found;
+        if (found && part.kind == Kind::all_of) return found;
+        if (!found && part.kind == Kind::one_of) return nullptr;
+    }
+    return first;
+}
+
 void add_patterns(std::vector<std::string>& to, const Part& part) {
     if (!part.pattern.empty()) to.push_back(part.pattern);
     for (const Part& each : part.parts) add_patterns(to, each);
@@ -211,6 +233,14 @@ Condition::Condition(std::string_view text) : whole_(Parser(text).parse()) {}
 
 void Condition::expect_words() const {
     picture::expect_words(whole_);
+}
+
+void Condition::expect_possible() const {
+    const Part* const never = impossible(whole_);
+    if (!never) return;
+    throw Error(ErrorKind::invalid,
+                fmt::format("\"{}\" can never hold: use a value from {} for {}", as_typed(never->text),
+                            values_of(never->pattern).front().to_text(), as_typed(never->pattern)));
 }
 
 bool Condition::holds(const std::vector<Word>& words) const {

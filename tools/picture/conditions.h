@@ -24,6 +24,9 @@ class Condition {
     /// @throws Error  a pattern has a word that no key can have
     void expect_words() const;
 
+    /// @throws Error  it compares words with values that they cannot have, so it can never hold
+    void expect_possible() const;
+
     /// A comparison with a key that does not exist does not hold, and neither does "all" if no key matches.
     bool holds(const std::vector<Word>& words) const;
 

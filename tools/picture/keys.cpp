@@ -252,6 +252,17 @@ std::string numbers_of(const PidWord& word) {
     return word.size() == sizeof(uint32_t) ? range_of_words : range_of_long_words;
 }
 
+template <typename AnyWord>
+Values values_of(const AnyWord& word) {
+    return word.source.values();
+}
+Values values_of(const RowWord&) {
+    return any_word;
+}
+Values values_of(const PidWord& word) {
+    return word.size() == sizeof(uint32_t) ? any_word : any_long_word;
+}
+
 }  // namespace
 
 std::vector<KeyHelp> key_help() {
@@ -261,7 +272,7 @@ std::vector<KeyHelp> key_help() {
         if constexpr (requires { word.set.index(); }) {
             if (std::holds_alternative<Computed>(word.set)) help += "; computed";
         }
-        all.push_back({pattern, help, numbers_of(word)});
+        all.push_back({pattern, help, numbers_of(word), values_of(word)});
     };
     for (const ClusterWord& word : cluster_words) describe(std::string("cluster/") + word.key, word);
     for (const ServerWord& word : server_words) {

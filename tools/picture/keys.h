@@ -74,6 +74,7 @@ struct KeyHelp {
     std::string pattern;  ///< "servers/NAME/nodestat"
     std::string help;
     std::string range;  ///< of the numbers that it accepts: "0 to 4294967295"; "" if it cannot be set
+    Values values;      ///< what it can be, whoever wrote it
 };
 std::vector<KeyHelp> key_help();
 

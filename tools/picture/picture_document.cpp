@@ -318,7 +318,10 @@ Document document_from(std::string_view text) {
 }
 
 Document read_document(const std::string& file) {
-    const std::vector<uint8_t> bytes = read_file(file);
+    return document_in(read_file(file), file);
+}
+
+Document document_in(std::vector<uint8_t> bytes, const std::string& file) {
     try {
         // A header has zeros, a text has none.
         if (std::find(bytes.begin(), bytes.end(), uint8_t{0}) == bytes.end()) {
@@ -327,7 +330,7 @@ Document read_document(const std::string& file) {
     } catch (const Error& error) {
         throw Error(error.kind, fmt::format("cannot read {}: {}", printable(file), error.what()));
     }
-    return document_of(read_dump(file));
+    return document_of(dump_of(std::move(bytes), file));
 }
 
 }  // namespace picture

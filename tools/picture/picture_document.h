@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "picture/decode.h"
 #include "picture/json.h"
@@ -33,5 +34,7 @@ Document document_from(std::string_view text);
 /// An export or a dump.
 /// @throws Error  the file is neither, or cannot be read
 Document read_document(const std::string& file);
+/// The same from the bytes of a file.
+Document document_in(std::vector<uint8_t> bytes, const std::string& file);
 
 }  // namespace picture

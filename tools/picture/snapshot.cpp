@@ -105,4 +105,8 @@ Snapshot read_dump_of_utf8_name(const std::string& file) {
     return to_dump(read_at(path_of_utf8(file), file), file);
 }
 
+Snapshot dump_of(std::vector<uint8_t> bytes, const std::string& file) {
+    return to_dump(std::move(bytes), file);
+}
+
 }  // namespace picture

@@ -66,5 +66,7 @@ std::vector<uint8_t> read_file(const std::string& file);
 Snapshot read_dump(const std::string& file);
 /// The same for a name in UTF-8 on Windows, where names are otherwise in the process's code page.
 Snapshot read_dump_of_utf8_name(const std::string& file);
+/// The same from the bytes of a file.
+Snapshot dump_of(std::vector<uint8_t> bytes, const std::string& file);
 
 }  // namespace picture

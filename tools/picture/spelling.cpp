@@ -103,6 +103,7 @@ std::vector<std::string> words_at(const std::vector<Shape>& among, size_t positi
 }
 
 [[noreturn]] void refuse_word(const std::vector<Shape>& before, size_t position, std::string_view typed) {
+    if (typed.empty()) refuse("a part of a key cannot be empty: leave out one \"/\"");
     const std::string word = as_typed(typed);
     // The last word of a key without those before it.
     for (const Shape& shape : before) {
@@ -134,6 +135,17 @@ std::string list_command(std::string_view prefix) {
                        list_command(prefix), below, query));
 }
 
+/// A whole key ends there, but what was typed goes on.
+[[noreturn]] void refuse_below(std::string_view key, size_t end) {
+    refuse(fmt::format("there is no key below \"{}\": leave out \"{}\"", as_typed(key.substr(0, end)),
+                       as_typed(key.substr(end))));
+}
+
+std::string_view without_slashes_at_end(std::string_view key) {
+    while (key.ends_with('/')) key.remove_suffix(1);
+    return key;
+}
+
 /// The shapes that fit.
 std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) {
     if (!is_pattern && key.find('*') != std::string_view::npos) {
@@ -141,15 +153,14 @@ std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) 
         refuse_pattern(key, extent);
     }
     std::vector<Shape> fitting = shapes();
-    const std::vector<std::string_view> typed = parts_of(key);
+    const std::string_view named = without_slashes_at_end(key);
+    const std::vector<std::string_view> typed = named.empty() ? std::vector<std::string_view>() : parts_of(named);
     for (size_t i = 0; i < typed.size(); ++i) {
         std::vector<Shape> next = matching(fitting, i, typed[i]);
         const bool may_go_on =
             std::any_of(fitting.begin(), fitting.end(), [&](const Shape& shape) { return shape.parts.size() > i; });
         if (!may_go_on) {
-            const auto end = static_cast<size_t>(typed[i].data() - key.data()) - 1;
-            refuse(fmt::format("there is no key below \"{}\": leave out \"{}\"", as_typed(key.substr(0, end)),
-                               as_typed(key.substr(end))));
+            refuse_below(key, static_cast<size_t>(typed[i].data() - key.data()) - 1);
         }
         if (next.empty()) refuse_word(fitting, i, typed[i]);
         fitting = std::move(next);
@@ -158,11 +169,14 @@ std::vector<Shape> expect(std::string_view key, Extent extent, bool is_pattern) 
     if (extent == Extent::beginning) return fitting;
     const auto ends_here = [&](const Shape& shape) { return shape.parts.size() == typed.size(); };
     if (std::none_of(fitting.begin(), fitting.end(), ends_here)) {
-        std::string whole = as_typed(key);
-        for (size_t i = typed.size(); i < fitting[0].parts.size(); ++i) whole += "/" + std::string(fitting[0].parts[i]);
+        std::string whole = as_typed(named);
+        for (size_t i = typed.size(); i < fitting[0].parts.size(); ++i) {
+            whole += (whole.empty() ? "" : "/") + std::string(fitting[0].parts[i]);
+        }
         refuse(fmt::format("\"{}\" is not a whole key: {} shows the keys below it, such as \"{}\"", as_typed(key),
-                           list_command(key), whole));
+                           list_command(named), whole));
     }
+    if (named.size() < key.size()) refuse_below(key, named.size());
     std::erase_if(fitting, [&](const Shape& shape) { return !ends_here(shape); });
     return fitting;
 }
@@ -223,11 +237,16 @@ void expect_key(std::string_view key) {
     expect(key, Extent::whole, false);
 }
 void expect_prefix(std::string_view prefix) {
-    while (prefix.ends_with('/')) prefix.remove_suffix(1);
-    if (!prefix.empty()) expect(prefix, Extent::beginning, false);
+    expect(prefix, Extent::beginning, false);
 }
 void expect_pattern(std::string_view pattern) {
     expect(pattern, Extent::whole, true);
+}
+
+std::vector<Values> values_of(std::string_view pattern) {
+    std::vector<Values> all;
+    for (const Shape& shape : expect(pattern, Extent::whole, true)) all.push_back(shape.help->values);
+    return all;
 }
 
 std::string range_of(std::string_view key) {

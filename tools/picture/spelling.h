@@ -29,6 +29,10 @@ void expect_prefix(std::string_view prefix);
 /// The same for a key in whose parts a * stands for any run of bytes.
 void expect_pattern(std::string_view pattern);
 
+/// What each key that a pattern can match may be.
+/// @throws Error  as expect_pattern()
+std::vector<Values> values_of(std::string_view pattern);
+
 /// The numbers that a word takes, such as "0 to 4294967295"; "" for a word that cannot be set.
 std::string range_of(std::string_view key);
 

@@ -53,4 +53,8 @@ std::partial_ordering Value::operator<=>(const Value& other) const {
     return negative_ ? other.magnitude_ <=> magnitude_ : magnitude_ <=> other.magnitude_;
 }
 
+std::string Values::to_text() const {
+    return least.to_text() + " to " + most.to_text() + (may_be_none ? " or none" : "");
+}
+
 }  // namespace picture

@@ -42,4 +42,18 @@ class Value {
     uint64_t magnitude_ = 0;
 };
 
+/// What a word can be: the numbers from `least` to `most`, and perhaps none.
+struct Values {
+    Value least, most;
+    bool may_be_none = false;
+
+    bool has(const Value& value) const { return value.is_none() ? may_be_none : least <= value && value <= most; }
+    /// "0 to 4294967295", with " or none".
+    std::string to_text() const;
+};
+
+inline const Values any_word{uint32_t{0}, UINT32_MAX};
+inline const Values any_long_word{uint64_t{0}, UINT64_MAX};
+inline const Values any_number{INT32_MIN, INT32_MAX};
+
 }  // namespace picture

@@ -46,6 +46,12 @@ class Source<record> {
         const int32_t number = part.*record.*number_;
         return has_sign_ ? Value(number) : Value(static_cast<uint32_t>(number));
     }
+    /// What the word can be in any region.
+    Values values() const {
+        if (test_) return {uint32_t{0}, uint32_t{1}};
+        if (compute_) return {any_word.least, any_word.most, true};
+        return number_ && has_sign_ ? any_number : any_word;
+    }
     /// Whether the value follows from other words.
     constexpr bool is_computed() const { return !word_ && !number_; }
     /// Puts a value into the member. @return false: it does not fit, or is computed

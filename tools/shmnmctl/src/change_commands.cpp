@@ -96,13 +96,6 @@ Value value_of_priority(int64_t priority) {
     return priority < 0 ? Value(static_cast<int32_t>(priority)) : Value(static_cast<uint64_t>(priority));
 }
 
-std::string read_standard_input() {
-    std::string text;
-    char part[1 << 14];
-    for (size_t size = 0; (size = std::fread(part, 1, sizeof part, stdin)) > 0;) text.append(part, size);
-    return text;
-}
-
 void set_all(const Context& context, const std::vector<Assignment>& assignments) {
     LiveRegion region(context.access);
     // Values that are there already need no change of the region, and so no attaching, which writes its header.

@@ -69,6 +69,7 @@ Exit wait(const Context& context, const ConditionOptions& options) {
     constexpr uint64_t longest_lock_ms = 1'000;
     refuse_file(context, "test it with \"shmnmctl query --file FILE\"");
     const Condition condition = condition_of(options);
+    condition.expect_possible();
     const uint64_t timeout_us =
         options.timeout ? duration_us("--timeout", *options.timeout, PlainUnit::seconds) : longest_us;
     const uint64_t start = platform::steady_clock_us();

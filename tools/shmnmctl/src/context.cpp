@@ -46,6 +46,13 @@ Failure closed_output() {
     return {Exit::failed, "cannot write to standard output: its reader has closed it"};
 }
 
+std::string read_standard_input() {
+    std::string text;
+    char part[1 << 14];
+    for (size_t size = 0; (size = std::fread(part, 1, sizeof part, stdin)) > 0;) text.append(part, size);
+    return text;
+}
+
 void write_output(std::string_view text) {
     errno = 0;
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;

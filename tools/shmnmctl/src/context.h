@@ -42,6 +42,9 @@ Snapshot look_unjudged(const Context& context, Bytes wanted);
 /// @throws Failure  it is closed or full
 void write_output(std::string_view text);
 
+/// All bytes of standard input.
+std::string read_standard_input();
+
 /// What a command ends with whose output nobody can read any more.
 Failure closed_output();
 

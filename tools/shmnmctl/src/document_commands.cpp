@@ -30,12 +30,22 @@ Exit export_picture(const Context& context) {
     return Exit::done;
 }
 
+/// The export or dump in a file; "-" is standard input.
+Document read(const std::string& file) {
+    if (file != "-") return read_document(file);
+    const std::string text = read_standard_input();
+    return document_in({text.begin(), text.end()}, "standard input");
+}
+
 /// What one side of a comparison names.
 Document side(const Context& context, const std::string& name) {
-    return name == "live" ? document_of(look(context)) : read_document(name);
+    return name == "live" ? document_of(look(context)) : read(name);
 }
 
 Exit diff(const Context& context, const DocumentArguments& given) {
+    if (given.left == "-" && given.right == "-") {
+        throw Failure(Exit::usage, "A and B cannot both be standard input: write one of them to a file");
+    }
     const std::vector<Difference> found = differences(side(context, given.left), side(context, given.right));
     if (context.json()) {
         Json answer = document("diff");
@@ -49,7 +59,7 @@ Exit diff(const Context& context, const DocumentArguments& given) {
 
 /// The difference is written before anything is changed, and without the lock: its reader may be slow.
 Exit apply_picture(const Context& context, const DocumentArguments& given) {
-    const Document target = read_document(given.file);
+    const Document target = read(given.file);
     std::vector<Difference> shown = differences_to_apply(context.access, target, context.force);
     if (!context.json()) write_output(lines(shown));
     if (!given.dry_run) {
@@ -87,8 +97,8 @@ void add_document_commands(CLI::App& app, Context& context) {
     CLI::App* const diff_command =
         app.add_subcommand("diff", "List what is different between two pictures; the exit status is 1 if anything is");
     add_format(*diff_command, context);
-    diff_command->add_option("A", given.left, "An export, a dump, or \"live\"")->required();
-    diff_command->add_option("B", given.right, "An export, a dump, or \"live\"")->required();
+    diff_command->add_option("A", given.left, "An export, a dump, or \"live\"; \"-\": standard input")->required();
+    diff_command->add_option("B", given.right, "An export, a dump, or \"live\"; \"-\": standard input")->required();
     diff_command->callback([&] { context.command = [&] { return diff(context, given); }; });
 
     CLI::App* const apply_command =
@@ -96,7 +106,7 @@ void add_document_commands(CLI::App& app, Context& context) {
     add_format(*apply_command, context);
     add_force(*apply_command, context);
     apply_command->add_flag("--dry-run", given.dry_run, "Only list what would be changed");
-    apply_command->add_option("FILE", given.file, "An export or a dump")->required();
+    apply_command->add_option("FILE", given.file, "An export or a dump; \"-\": standard input")->required();
     apply_command->callback([&] { context.command = [&] { return apply_picture(context, given); }; });
 }
 

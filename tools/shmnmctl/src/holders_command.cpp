@@ -36,8 +36,8 @@ std::string to_text(const Holders& found) {
         row(holder.process, printable(holder.user_name), holder.state, printable(holder.command));
     }
     if (found.unreadable > 0) {
-        text += fmt::format("not looked at: {} {} of other users; run this as root to see all\n", found.unreadable,
-                            found.unreadable == 1 ? "process" : "processes");
+        text += fmt::format("not looked at: {} {} that this user may not look at; run this as root to see all\n",
+                            found.unreadable, found.unreadable == 1 ? "process" : "processes");
     }
     return text;
 }

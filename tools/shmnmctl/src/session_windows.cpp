@@ -103,6 +103,7 @@ bool enable_escapes() {
 }
 
 void prepare() {
+    _setmode(_fileno(stdin), _O_BINARY);
     _setmode(_fileno(stdout), _O_BINARY);
     _setmode(_fileno(stderr), _O_BINARY);
     // Not every C run time writes at once what goes to a pipe here.
