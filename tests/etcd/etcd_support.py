@@ -225,7 +225,8 @@ class Client:
         test.addCleanup(self.end)
         self.lines, self.last_id, self.told = {}, 0, []
         self.lock = threading.Lock()
-        self.write({"endpoints": endpoints, **settings})
+        # A busy machine answers late: only where a time-out is the subject is it short.
+        self.write({"endpoints": endpoints, "timeout": 10_000, "connect_timeout": 5_000, **settings})
         self.first = json.loads(self.process.stdout.readline())
         self.reader = threading.Thread(target=self.read)
         self.reader.start()

@@ -99,8 +99,8 @@ async def loaded(environment):
             await asyncio.wait([measured], timeout=0.25)
             sizes.append(memory(web))
         end.set()
-        told = await asyncio.wait_for(asyncio.gather(*streams), 30)
-        await asyncio.wait_for(asyncio.gather(*clients), 30)
+        told = await asyncio.wait_for(asyncio.gather(*streams), 180)
+        await asyncio.wait_for(asyncio.gather(*clients), 180)
         return measured.result(), sizes, told, counts
     finally:
         web.kill()
