@@ -20,7 +20,7 @@ Output Core::look(Time now, const Look* look) {
     if (run_.is_ended()) return {};
     step(now);
     const auto own = look ? look->find_server(settings_.server) : std::nullopt;
-    if (!own) {
+    if (!look || !own) {
         feeder_.see_nothing();
         run_.step(now, nullptr, mirror_.is_synced(), mirror_.seen());
         return finish();
@@ -142,12 +142,10 @@ void Core::beat_came(const std::string& server, const BeatValue& beat, int64_t r
     }
     if (is_own && rules_.own_is_never_fed) return;
     std::optional<Time> date;
-    if (!by_watch && !rules_.read_beats_are_dated) {
+    if (by_watch ? !rules_.beats_are_dated : !rules_.read_beats_are_dated) {
         date = now_;
     } else if (rules_.beats_are_dated) {
         date = beats_.date_of(beat.seen);
-    } else if (by_watch) {
-        date = now_;
     }
     if (date) peers_[server].beat_came(beat, *date, settings_.limit(), now_);
 }

@@ -240,7 +240,7 @@ std::vector<std::string> Feeder::unmatched(const std::string& server, const Peer
     if (!shown_->find_server(server)) keys.push_back("servers/" + server);
     if (!peer.state()) return keys;
     for (const auto& [key, cell] : peer.state()->state.cells) {
-        if (!shown_->find_resource(key)) keys.push_back(key + '/' + server);
+        if (!shown_->find_resource(key)) keys.emplace_back(key).append("/").append(server);
     }
     return keys;
 }
