@@ -619,7 +619,10 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
             if (!machine.region) return;
             const auto position = machine.region->look().find_server(server);
             if (!position) return;
-            if (server == machine.server) end_own_values(machine);
+            if (server == machine.server) {
+                end_own_values(machine);
+                machine.fed.clear();
+            }
             machine.fed.erase(server);
             machine.overwritten.clear();
             const int32_t pri = ModelRegion::priority(fault.detail % schedule_.machines, machine.number);

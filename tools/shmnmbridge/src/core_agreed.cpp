@@ -29,7 +29,8 @@ void AgreedWords::changed(std::string_view word, const KeyValue& change) {
 void AgreedWords::forget() {
     for (auto& [key, entry] : entries_) {
         entry.etcd.reset();
-        entry.revision = 0;
+        // Whatever a batch that is being made sets here is older than all that the other etcd holds.
+        entry.revision = entry.applied = entry.base = 0;
         renew(entry);
     }
 }

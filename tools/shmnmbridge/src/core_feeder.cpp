@@ -88,11 +88,13 @@ bool Feeder::is_new_row(const LookedResource& resource, size_t own) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
     if (!before) return false;
     // The own column and the resource's own state may have been set since.
-    for (size_t position = 0; position < resource.cells.size(); ++position) {
-        if (position != own && resource.cells[position] != Cell{}) return false;
+    bool any_fell = false;
+    for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
+        const bool is_new = resource.cells[position] == Cell{};
+        if (position != own && !is_new) return false;
+        any_fell = any_fell || (is_new && before->cells[position] != Cell{});
     }
-    return before->cells != resource.cells &&
-           std::any_of(before->cells.begin(), before->cells.end(), [](const Cell& cell) { return cell != Cell{}; });
+    return any_fell;
 }
 
 bool Feeder::may_be_new(const LookedResource& resource) const {
