@@ -1,8 +1,8 @@
 // What the C library promises beside its answers: results, error texts, options, changes, locks, threads.
 #include <gmock/gmock.h>
 
+#include <array>
 #include <thread>
-#include <vector>
 
 #include "opened.h"
 #include "picture/live_region.h"
@@ -193,9 +193,9 @@ TEST_F(PictureLibrary, KeepsATextUntilTheNextCallWithTheSamePicture) {
 }
 
 TEST_F(PictureLibrary, MayBeUsedByManyThreadsWithAPictureEach) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
+    std::array<std::thread, 4> threads;
+    for (std::thread& thread : threads) {
+        thread = std::thread([] {
             Opened picture = Opened::live();
             for (unsigned round = 0; round < test::share_of(200); ++round) {
                 picture.update();
@@ -223,7 +223,7 @@ TEST_F(PictureLibrary, RefusesOptionsThatItDoesNotKnow) {
     const auto opened_with = [](const void* options) {
         shmnmpicture* picture = nullptr;
         const int32_t result = shmnmpicture_open_live(static_cast<const shmnmpicture_options*>(options), &picture);
-        const Answer answer{result, shmnmpicture_error(picture)};
+        Answer answer{result, shmnmpicture_error(picture)};
         shmnmpicture_free(picture);
         return answer;
     };
