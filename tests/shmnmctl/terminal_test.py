@@ -125,7 +125,10 @@ class OnAScreen(TerminalTest):
         self.assertEqual(headings.split()[:4], ["np", "pri", "stat", "server000"])
         self.press(terminal, *["Right"] * 7)
         terminal.wait_for(lambda seen: any(line.startswith("np ") and "<server007" in line for line in seen.lines))
-        self.assertTrue(any(line.startswith("ping/ping15 ") and "<" in line and line.endswith(">") for line in terminal.lines))
+        # The rows come after their heading, and the screen may have been read in between.
+        terminal.wait_for(
+            lambda seen: any(line.startswith("ping/ping15 ") and "<" in line and line.endswith(">") for line in seen.lines)
+        )
         self.press(terminal, "Left")
         terminal.wait_for(lambda seen: any(line.startswith("np ") and "<server006" in line for line in seen.lines))
         self.press(terminal, *[">"] * 40)
