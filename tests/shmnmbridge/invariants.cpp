@@ -316,7 +316,7 @@ void Checker::check_end_of_peer(Time now, const Machine& machine, const Machine&
 
 void Checker::check_end_of_agreed(Time now, const Machine& machine, const Marks& marks) {
     const AgreedWords& agreed = machine.core->agreed();
-    const AgreedWords::Counts& counts = agreed.counts();
+    const ProposalCounts& counts = agreed.counts();
     if (counts.proposed != counts.accepted + counts.lost + agreed.open_proposals()) {
         fail(now, &machine, 9, counts.proposed, " proposals, ", counts.accepted, " accepted, ", counts.lost, " lost");
     }

@@ -169,6 +169,8 @@ Marks Core::marks(Time now) const {
     marks.is_running = run_.is_running();
     marks.is_refused = run_.is_refused();
     marks.is_fed = feeder_.may_feed();
+    marks.server = settings_.server;
+    marks.cluster = settings_.cluster;
     marks.agreed = agreed_.counts();
     marks.contested = agreed_.contested();
     marks.contested.insert(marks.contested.end(), feeder_.contested().begin(), feeder_.contested().end());

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "bridge_marks/marks.h"
 #include "core_agreed.h"
 #include "core_beats.h"
 #include "core_feeder.h"
@@ -13,30 +14,6 @@
 #include "core_run.h"
 
 namespace bridge {
-
-/// What can be said of another server.
-struct Mark {
-    std::string server;
-    Freshness freshness = Freshness::unknown;
-    int64_t age = -1;           ///< milliseconds since it had the words that the region shows, at most; -1: not known
-    uint64_t sequence = 0;      ///< of its words in etcd
-    std::string address{};      ///< where its machine's picture is served
-    bool is_claimed = false;    ///< a bridge has its name
-    bool is_unmatched = false;  ///< this region has no such server
-    bool is_duplicate = false;  ///< another server has its priority, so it is not fed
-    bool has_other_names = false;  ///< its region has other counts or names
-};
-
-struct Marks {
-    bool is_connected = false;  ///< what is known of etcd is current
-    bool is_running = false;    ///< this machine has claimed its name
-    bool is_refused = false;    ///< another machine has it
-    bool is_fed = false;        ///< the region is there, laid out as this machine's configuration says
-    std::vector<Mark> servers;
-    AgreedWords::Counts agreed;
-    std::vector<std::string> contested;  ///< words that are left alone
-    std::vector<std::string> unmatched;  ///< what exists only elsewhere
-};
 
 class Core {
   public:

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "bridge_marks/marks.h"
 #include "core_keys.h"
 #include "core_outbox.h"
 #include "core_rules.h"
@@ -42,11 +43,7 @@ class AgreedWords {
     /// @return whether the answer was to a proposal
     bool answer(Time now, const Answer& answer);
 
-    struct Counts {
-        uint64_t proposed = 0, accepted = 0, lost = 0;
-        uint64_t replaced = 0;  ///< values of a new region for which etcd's were taken
-    };
-    const Counts& counts() const { return counts_; }
+    const ProposalCounts& counts() const { return counts_; }
     size_t open_proposals() const;
     std::vector<std::string> contested() const;
 
@@ -101,7 +98,7 @@ class AgreedWords {
     Outbox& outbox_;
     const Run& run_;
     std::map<std::string, Entry, std::less<>> entries_;
-    Counts counts_;
+    ProposalCounts counts_;
     uint64_t last_number_ = 0;
 };
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "bridge_marks/marks.h"
 #include "core_beats.h"
 #include "core_keys.h"
 #include "core_messages.h"
@@ -13,12 +14,6 @@
 #include "core_settings.h"
 
 namespace bridge {
-
-enum class Freshness : uint32_t {
-    unknown,  ///< nothing can be said: this machine is cut off, or has only just heard of the server again
-    fresh,    ///< the region shows its words, which it had within the limit
-    silent    ///< this machine is connected and the server is not heard
-};
 
 class Peer {
   public:

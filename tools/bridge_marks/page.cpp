@@ -1,4 +1,4 @@
-#include "core_marks.h"
+#include "bridge_marks/page.h"
 
 #include <algorithm>
 #include <atomic>
@@ -73,6 +73,9 @@ void fill(MarksPage& page, const Marks& marks) {
     header.accepted = marks.agreed.accepted;
     header.lost = marks.agreed.lost;
     header.replaced = marks.agreed.replaced;
+    put(header.server, marks.server);
+    put(header.cluster, marks.cluster);
+    put(header.member, marks.member);
     const size_t servers = std::min(marks.servers.size(), marked_servers);
     const size_t contested = std::min(marks.contested.size(), marked_words);
     const size_t others = std::min(marks.unmatched.size(), marked_words - contested);
@@ -92,6 +95,9 @@ Marks marks_of(const MarksPage& page) {
     marks.is_running = header.running;
     marks.is_refused = header.refused;
     marks.is_fed = header.fed;
+    marks.server = text_of(header.server);
+    marks.cluster = text_of(header.cluster);
+    marks.member = text_of(header.member);
     marks.agreed = {header.proposed, header.accepted, header.lost, header.replaced};
     for (size_t at = 0; at < std::min<size_t>(header.servers, marked_servers); ++at) {
         marks.servers.push_back(mark_of(page.servers[at]));
@@ -106,10 +112,11 @@ Marks marks_of(const MarksPage& page) {
 
 }  // namespace
 
-void write_marks(MarksPage& page, const Marks& marks) {
+void write_marks(MarksPage& page, const Marks& marks, uint64_t now_us) {
     const auto written = std::make_unique<MarksPage>();
     written->header.magic = marks_magic;
     written->header.version = marks_version;
+    written->header.written_us = now_us;
     fill(*written, marks);
     std::atomic_ref<uint64_t> sequence(page.header.sequence);
     const uint64_t begun = sequence.load(std::memory_order_relaxed) | 1;
@@ -133,7 +140,7 @@ std::optional<ReadMarks> read_marks(const MarksPage& page) {
         std::atomic_thread_fence(std::memory_order_acquire);
         if (word_of(page, word_of_sequence).load(std::memory_order_relaxed) != before) continue;
         if (copy->header.magic != marks_magic || copy->header.version != marks_version) return std::nullopt;
-        return ReadMarks{marks_of(*copy), before};
+        return ReadMarks{marks_of(*copy), before, copy->header.written_us, copy->header.lost_words};
     }
     return std::nullopt;
 }

@@ -1,6 +1,7 @@
 // The marks in a mapping of the bridge's own, for status, page and metrics. Its layout is a format: other builds read
 // it. The writer makes `sequence` odd, writes, and makes it even again; a reader repeats its copy until it has found
-// the same even number before and after. If `sequence` stands still for 2 s, there is no bridge.
+// the same even number before and after. If `sequence` stands still for 2 s, there is no bridge; `written_us` tells
+// that at once.
 #pragma once
 
 #include <cstddef>
@@ -8,14 +9,14 @@
 #include <optional>
 #include <type_traits>
 
-#include "core.h"
+#include "bridge_marks/marks.h"
 
 namespace bridge {
 
 inline constexpr uint32_t marks_magic = 0x4b4d5342;  // "BSMK"
 inline constexpr uint32_t marks_version = 1;
 inline constexpr size_t marked_servers = 256, marked_words = 256;
-inline constexpr Time marks_stand_still = 2'000;
+inline constexpr uint64_t marks_stand_still_ms = 2'000;
 
 struct MarksHeader {
     uint32_t magic, version;
@@ -27,7 +28,11 @@ struct MarksHeader {
     uint32_t lost_words;                        ///< words for which there was no room
     uint32_t reserved_52;
     uint64_t proposed, accepted, lost, replaced;
-    uint8_t reserved_88[40];
+    uint64_t written_us;  ///< of the machine's monotonic clock
+    uint8_t reserved_96[32];
+    char server[768];   ///< this machine's own, escaped, zero-padded
+    char cluster[128];  ///< cut
+    char member[128];   ///< cut
 };
 struct MarkedServer {
     char name[768];     ///< escaped, zero-padded; the longest name, each byte escaped
@@ -64,25 +69,31 @@ SHMNM_PIN_MARK(MarksHeader, proposed, 56);
 SHMNM_PIN_MARK(MarksHeader, accepted, 64);
 SHMNM_PIN_MARK(MarksHeader, lost, 72);
 SHMNM_PIN_MARK(MarksHeader, replaced, 80);
-static_assert(sizeof(MarksHeader) == 128);
+SHMNM_PIN_MARK(MarksHeader, written_us, 88);
+SHMNM_PIN_MARK(MarksHeader, server, 128);
+SHMNM_PIN_MARK(MarksHeader, cluster, 896);
+SHMNM_PIN_MARK(MarksHeader, member, 1024);
+static_assert(sizeof(MarksHeader) == 1152);
 SHMNM_PIN_MARK(MarkedServer, address, 768);
 SHMNM_PIN_MARK(MarkedServer, freshness, 896);
 SHMNM_PIN_MARK(MarkedServer, flags, 900);
 SHMNM_PIN_MARK(MarkedServer, age_ms, 904);
 SHMNM_PIN_MARK(MarkedServer, state_sequence, 912);
 static_assert(sizeof(MarkedServer) == 928);
-SHMNM_PIN_MARK(MarksPage, servers, 128);
-SHMNM_PIN_MARK(MarksPage, words, 128 + 928 * 256);
-static_assert(sizeof(MarksPage) == 128 + 928 * 256 + 256 * 256);
+SHMNM_PIN_MARK(MarksPage, servers, 1152);
+SHMNM_PIN_MARK(MarksPage, words, 1152 + 928 * 256);
+static_assert(sizeof(MarksPage) == 1152 + 928 * 256 + 256 * 256);
 static_assert(std::is_trivially_copyable_v<MarksPage>);
 #undef SHMNM_PIN_MARK
 
 /// Writes the marks. Only one thread writes a page. A new page is zeros.
-void write_marks(MarksPage& page, const Marks& marks);
+void write_marks(MarksPage& page, const Marks& marks, uint64_t now_us);
 
 struct ReadMarks {
     Marks marks;
     uint64_t sequence = 0;
+    uint64_t written_us = 0;  ///< of the machine's monotonic clock
+    uint64_t lost_words = 0;  ///< contested and unmatched words for which there was no room
 };
 /// Reads a page that another process may be writing. @return nothing if it is of another format, or was written at each
 /// try

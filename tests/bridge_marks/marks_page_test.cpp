@@ -1,4 +1,4 @@
-#include "core_marks.h"
+#include "bridge_marks/page.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +12,9 @@ namespace {
 Marks some_marks() {
     Marks marks;
     marks.is_connected = marks.is_running = marks.is_fed = true;
+    marks.server = "alpha";
+    marks.cluster = "production";
+    marks.member = "http://127.0.0.1:2379";
     marks.servers = {{.server = "beta",
                       .freshness = Freshness::fresh,
                       .age = 250,
@@ -28,7 +31,7 @@ Marks some_marks() {
 
 TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
     const auto page = std::make_unique<MarksPage>();
-    write_marks(*page, some_marks());
+    write_marks(*page, some_marks(), 5);
     const auto read = read_marks(*page);
     ASSERT_TRUE(read);
     const Marks& marks = read->marks;
@@ -36,6 +39,10 @@ TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
     EXPECT_TRUE(marks.is_running);
     EXPECT_FALSE(marks.is_refused);
     EXPECT_TRUE(marks.is_fed);
+    EXPECT_EQ(read->written_us, 5U);
+    EXPECT_EQ(marks.server, "alpha");
+    EXPECT_EQ(marks.cluster, "production");
+    EXPECT_EQ(marks.member, "http://127.0.0.1:2379");
     ASSERT_EQ(marks.servers.size(), 2U);
     EXPECT_EQ(marks.servers[0].server, "beta");
     EXPECT_EQ(marks.servers[0].freshness, Freshness::fresh);
@@ -59,22 +66,22 @@ TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
 
 TEST(BridgeMarks, MoveTheSequenceWithEveryWrite) {
     const auto page = std::make_unique<MarksPage>();
-    write_marks(*page, some_marks());
+    write_marks(*page, some_marks(), 5);
     const uint64_t first = read_marks(*page).value().sequence;
-    write_marks(*page, some_marks());
+    write_marks(*page, some_marks(), 5);
     EXPECT_GT(read_marks(*page).value().sequence, first);
 }
 
 TEST(BridgeMarks, AreRefusedInAnotherFormatAndWhileTheyAreWritten) {
     const auto page = std::make_unique<MarksPage>();
     EXPECT_FALSE(read_marks(*page)) << "a new page";
-    write_marks(*page, some_marks());
+    write_marks(*page, some_marks(), 5);
     ++page->header.version;
     EXPECT_FALSE(read_marks(*page)) << "another version";
     --page->header.version;
     ++page->header.sequence;
     EXPECT_FALSE(read_marks(*page)) << "a writer that was stopped within a write";
-    write_marks(*page, some_marks());
+    write_marks(*page, some_marks(), 5);
     EXPECT_TRUE(read_marks(*page)) << "the writer after it";
 }
 
@@ -84,24 +91,24 @@ TEST(BridgeMarks, AreCutToTheRoomThereIsAndSayHowMuchIsMissing) {
     marks.contested.assign(marked_words - 1, "clstat");
     marks.unmatched.assign(3, std::string(300, 'u'));
     const auto page = std::make_unique<MarksPage>();
-    write_marks(*page, marks);
+    write_marks(*page, marks, 5);
     const Marks read = read_marks(*page).value().marks;
+    EXPECT_EQ(read_marks(*page).value().lost_words, 2U);
     EXPECT_EQ(read.servers.size(), marked_servers);
     EXPECT_EQ(read.contested.size(), marked_words - 1);
     EXPECT_EQ(read.unmatched, std::vector<std::string>{std::string(256, 'u')});
-    EXPECT_EQ(page->header.lost_words, 2U);
 }
 
 TEST(BridgeMarks, AreNeverReadHalfWritten) {
     const auto page = std::make_unique<MarksPage>();
     Marks marks = some_marks();
-    write_marks(*page, marks);
+    write_marks(*page, marks, 5);
     std::atomic<bool> ends = false;
     std::thread writer([&] {
         for (uint32_t round = 1; !ends; ++round) {
             marks.agreed.proposed = marks.agreed.lost = round;
             marks.servers[0].sequence = marks.servers[1].sequence = round;
-            write_marks(*page, marks);
+            write_marks(*page, marks, 5);
         }
     });
     unsigned whole = 0;

@@ -1,0 +1,68 @@
+#include "bridge_marks/live.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "kzmutil.h"
+#include "picture/platform.h"
+#include "support/child.h"
+
+namespace bridge {
+namespace {
+
+namespace platform = picture::platform;
+
+Marks marks_of(const char* server) {
+    Marks marks;
+    marks.server = server;
+    return marks;
+}
+
+CHILD(write_marks_and_wait) {
+    LiveMarks live;
+    live.write(marks_of("alpha"));
+    test::report(0);
+    test::told();
+}
+
+TEST(LiveMarks, AreReadWhileTheirBridgeRunsAndVanishWithIt) {
+    EXPECT_FALSE(read_live_marks()) << "no bridge has run";
+    test::Child bridge = test::start(write_marks_and_wait);
+    bridge.reported();
+    const auto read = read_live_marks();
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->marks.server, "alpha");
+    bridge.kill();
+    EXPECT_FALSE(read_live_marks()) << "the bridge was killed";
+}
+
+TEST(LiveMarks, AreNoneBeforeTheFirstAreWritten) {
+    const LiveMarks live;
+    EXPECT_FALSE(read_live_marks());
+}
+
+TEST(LiveMarks, AreNoneOnceTheirBridgeHasStoodStillForTwoSeconds) {
+    void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
+    const std::unique_ptr<void, void (*)(void*)> mapping(
+        KzmutilCreateNamedFileMapping(no_file, 4, 0, sizeof(MarksPage), marks_name), platform::close);
+    ASSERT_TRUE(mapping);
+    auto* const page = static_cast<MarksPage*>(platform::map_for_writing(mapping.get()));
+    ASSERT_TRUE(page);
+    write_marks(*page, marks_of("alpha"), platform::steady_clock_us() - marks_stand_still_ms * 1'000);
+    EXPECT_FALSE(read_live_marks());
+    write_marks(*page, marks_of("alpha"), platform::steady_clock_us());
+    EXPECT_TRUE(read_live_marks());
+    platform::unmap(page);
+}
+
+TEST(LiveMarks, OfASmallerPageAreNone) {
+    void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
+    const std::unique_ptr<void, void (*)(void*)> mapping(
+        KzmutilCreateNamedFileMapping(no_file, 4, 0, 4'096, marks_name), platform::close);
+    ASSERT_TRUE(mapping);
+    EXPECT_FALSE(read_live_marks());
+}
+
+}  // namespace
+}  // namespace bridge
