@@ -30,7 +30,10 @@ if(WIN32)
 endif()
 if(WIN32)
     # The C++ run time is linked into each file, so that it needs only the system's own libraries.
-    target_link_options(shmnm_options INTERFACE -static -fstack-protector-strong -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat)
+    # No time of the build is in a file; its build id, from which debuggers know the file of its symbols, comes from its contents.
+    target_link_options(shmnm_options INTERFACE -static -fstack-protector-strong -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat
+                                                -Wl,--no-insert-timestamp -Wl,--build-id
+                                                $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,--tsaware>)
 elseif(UNIX)
     # A unique symbol would keep a library loaded for ever.
     target_compile_options(shmnm_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
@@ -63,6 +66,25 @@ if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND SHMNM_SANITIZE MATCHES address)
     target_compile_options(shmnm_fuzzed INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# shmnm_version(NAME): the file of this target states its version, which Windows shows in the file's properties.
+function(shmnm_version name)
+    if(NOT WIN32)
+        return()
+    endif()
+    get_target_property(type ${name} TYPE)
+    if(type STREQUAL EXECUTABLE)
+        set(file ${name}.exe)
+        set(file_type 0x1)
+    else()
+        set(file ${name}.dll)
+        set(file_type 0x2)
+    endif()
+    # A separate object library, because the resource compiler does not understand the compilers' options.
+    configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc @ONLY)
+    add_library(${name}_version OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc)
+    target_sources(${name} PRIVATE $<TARGET_OBJECTS:${name}_version>)
+endfunction()
+
 # shmnm_library(NAME SOURCE...): the shared library libNAME.so or NAME.dll, with its headers in include/ of its folder.
 function(shmnm_library name)
     add_library(${name} SHARED ${ARGN})
@@ -81,9 +103,6 @@ function(shmnm_library name)
     endif()
     if(WIN32)
         set_target_properties(${name} PROPERTIES PREFIX "")
-        # A separate object library, because the resource compiler does not understand the compilers' options.
-        configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc @ONLY)
-        add_library(${name}_version OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc)
-        target_sources(${name} PRIVATE $<TARGET_OBJECTS:${name}_version>)
     endif()
+    shmnm_version(${name})
 endfunction()

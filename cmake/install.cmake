@@ -1,6 +1,7 @@
-# What is installed and where. `cmake --install` makes one relocatable tree of four components: `runtime` (the libraries),
-# `development` (headers, import libraries, find_package and pkg-config files), `tool` (shmnmctl and the documents) and `web`
-# (shmnmweb). The Debian packages contain the same files in Debian's folders, as components that only cpack installs (packages.cmake).
+# What is installed and where. `cmake --install` makes one relocatable tree of components: `runtime` (the libraries),
+# `development` (headers, import libraries, find_package and pkg-config files), `tool` (shmnmctl and the documents), `web`
+# (shmnmweb) and, for Windows, `symbols` (what debuggers need). The Debian packages contain the same files in Debian's folders, as
+# components that only cpack installs (packages.cmake).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -71,13 +72,28 @@ if(WIN32)
     shmnm_import_library(kzmshmnm ${SHMNM_HEADER} shmnm_ SHMNM_API)
 
     # shmnm_separate_symbols(TARGET COMPONENT [EXCLUDE_FROM_ALL]): strips the installed file. Its symbols, which only debuggers need,
-    # are in a file beside it.
+    # are in a file beside it, in the component `symbols`. Without --preserve-dates objcopy writes the time into both.
     function(shmnm_separate_symbols target component)
+        get_target_property(type ${target} TYPE)
+        if(type STREQUAL EXECUTABLE)
+            set(symbols ${PROJECT_BINARY_DIR}/symbols/${target}.exe.debug)
+        else()
+            set(symbols ${PROJECT_BINARY_DIR}/symbols/${target}.dll.debug)
+        endif()
+        add_custom_command(
+            OUTPUT ${symbols}
+            COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/symbols
+            COMMAND ${CMAKE_OBJCOPY} --preserve-dates --only-keep-debug $<TARGET_FILE:${target}> ${symbols}
+            DEPENDS ${target})
+        add_custom_target(symbols_of_${target} ALL DEPENDS ${symbols})
         install(
-            CODE "set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\")
-execute_process(COMMAND ${CMAKE_OBJCOPY} --only-keep-debug \${installed} \${installed}.debug COMMAND_ERROR_IS_FATAL ANY)
-execute_process(COMMAND ${CMAKE_OBJCOPY} --strip-debug --strip-unneeded --add-gnu-debuglink=\${installed}.debug \${installed} COMMAND_ERROR_IS_FATAL ANY)"
+            CODE "execute_process(COMMAND ${CMAKE_OBJCOPY} --preserve-dates --strip-debug --strip-unneeded --add-gnu-debuglink=${symbols}
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\" COMMAND_ERROR_IS_FATAL ANY)"
             COMPONENT ${component} ${ARGN})
+        install(
+            FILES ${symbols}
+            DESTINATION ${CMAKE_INSTALL_BINDIR}
+            COMPONENT symbols ${ARGN})
     endfunction()
 endif()
 

@@ -1,4 +1,4 @@
-# What `cpack` makes from a build: on Linux Debian packages, for Windows one zip.
+# What `cpack` makes from a build: on Linux Debian packages, for Windows a zip, and another zip of the symbols.
 set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "The packages' maintainer")
 
 set(CPACK_PACKAGE_NAME shmnm)
@@ -13,7 +13,17 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXE
 if(WIN32)
     set(CPACK_GENERATOR ZIP)
     set(CPACK_PACKAGE_FILE_NAME shmnm-${PROJECT_VERSION}-windows-x64)
-    set(CPACK_MONOLITHIC_INSTALL ON)
+    # The symbols are in an archive of their own, which is unpacked over the installation.
+    set(CPACK_COMPONENTS_ALL runtime development tool web symbols)
+    set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
+    set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
+    set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+    set(CPACK_COMPONENT_SYMBOLS_GROUP symbols)
+    foreach(component RUNTIME DEVELOPMENT TOOL WEB)
+        set(CPACK_COMPONENT_${component}_GROUP installation)
+    endforeach()
+    set(CPACK_ARCHIVE_INSTALLATION_FILE_NAME ${CPACK_PACKAGE_FILE_NAME})
+    set(CPACK_ARCHIVE_SYMBOLS_FILE_NAME ${CPACK_PACKAGE_FILE_NAME}-symbols)
 else()
     set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
     # The time of everything in the packages: that of the changelog's last entry.

@@ -1,4 +1,4 @@
-"""Reads what a shared library shows to the outside: its exports, its imports, how it is hardened.
+"""Reads what a shared library or a program shows to the outside: its exports, its imports, how it is hardened.
 
 One class for each format: Elf asks nm and readelf, Pe reads the file itself.
 """
@@ -14,6 +14,7 @@ def _run(*command):
 class Elf:
     def __init__(self, path, nm, readelf):
         self.path = path
+        self.type = re.search(r"^  Type: +(\w+)", _run(readelf, "-hW", path), re.M)[1]
         symbols = [line.split() for line in _run(nm, "-D", "-P", path).splitlines()]
         # The name carries the version of the symbol, if it has one, behind an @.
         self.exports = {name.split("@")[0]: kind for name, kind, *_ in symbols if kind not in "Uwv"}
@@ -43,7 +44,8 @@ class Pe:
         optional_size, = struct.unpack_from("<H", self._bytes, header + 20)
         optional = header + 24
         if struct.unpack_from("<H", self._bytes, optional) != (0x20B,):
-            raise ValueError(f"{path} is no 64-bit library")
+            raise ValueError(f"{path} is no 64-bit file")
+        self.time_stamp = self._u32(header + 8)
         self.image_base, = struct.unpack_from("<Q", self._bytes, optional + 24)
         self.dll_characteristics, = struct.unpack_from("<H", self._bytes, optional + 70)
         self._directories = [struct.unpack_from("<II", self._bytes, optional + 112 + 8 * i) for i in range(16)]
@@ -70,6 +72,15 @@ class Pe:
 
     def has_relocations(self):
         return self._directories[5][1] > 0
+
+    def debug_entries(self):
+        """The contents of the debug directory's entries, each with its type."""
+        address, size = self._directories[6]
+        found = []
+        for at in range(self._place(address), self._place(address) + size, 28) if size else ():
+            kind, length, _, raw = struct.unpack_from("<IIII", self._bytes, at + 12)
+            found.append((kind, self._bytes[raw:raw + length]))
+        return found
 
     def exports(self):
         """The names, each with its section's name ("forwarded" for what another library does)."""

@@ -38,3 +38,6 @@ SHMNMPICTURE = {"shmnmpicture_" + name for name in """
 
 # Of the library and of the companions that an installation may replace.
 EXPORTS = {"kzmshmnm": KZMSHMNM, "kzmutil": KZMUTIL, "kzmxml": KZMXML, "kzmlog": KZMLOG}
+
+# Of the packages.
+PROGRAMS = {"linux": ("shmnmctl", "shmnmweb", "shmnm-keeper"), "windows": ("shmnmctl.exe", "shmnmweb.exe")}

@@ -1,4 +1,4 @@
-"""The Windows zip: unpacked anywhere, programs are built against it by MinGW and for Microsoft's ABI, and run."""
+"""The Windows zip: unpacked anywhere, programs are built against it by MinGW and for Microsoft's ABI, and run. The zip of its symbols."""
 import shlex
 import zipfile
 
@@ -14,13 +14,12 @@ LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog", "shmnmpicture")
 # What programs of Microsoft's ABI are linked to.
 IMPORTED = {"kzmshmnm": interface.KZMSHMNM, "shmnmpicture": interface.SHMNMPICTURE}
 FILES = """
-    bin/kzmlog.dll bin/kzmlog.dll.debug bin/kzmshmnm.dll bin/kzmshmnm.dll.debug bin/kzmutil.dll bin/kzmutil.dll.debug
-    bin/kzmxml.dll bin/kzmxml.dll.debug bin/shmnmctl.exe bin/shmnmctl.exe.debug bin/shmnmweb.exe bin/shmnmweb.exe.debug
+    bin/kzmlog.dll bin/kzmshmnm.dll bin/kzmutil.dll bin/kzmxml.dll bin/shmnmctl.exe bin/shmnmweb.exe
     include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h include/shmnm.hpp
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/kzmshmnm.def lib/kzmshmnm.lib lib/libkzmlog.dll.a lib/libkzmshmnm.dll.a lib/libkzmutil.dll.a lib/libkzmxml.dll.a
     lib/pkgconfig/shmnm.pc
-    bin/shmnmpicture.dll bin/shmnmpicture.dll.debug include/shmnmpicture.h lib/shmnmpicture.def lib/shmnmpicture.lib lib/libshmnmpicture.dll.a
+    bin/shmnmpicture.dll include/shmnmpicture.h lib/shmnmpicture.def lib/shmnmpicture.lib lib/libshmnmpicture.dll.a
     lib/cmake/shmnmpicture/shmnmpicture-config-version.cmake lib/cmake/shmnmpicture/shmnmpicture-config.cmake
     lib/cmake/shmnmpicture/shmnmpicture-targets.cmake lib/pkgconfig/shmnmpicture.pc
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
@@ -40,6 +39,12 @@ class Zip(Place):
             file.extractall(cls.folder)
         (cls.folder / archive.stem).rename(cls.folder / "moved here")
         cls.prefix = cls.folder / "moved here"
+        cls.binaries = sorted(file.name for file in (cls.prefix / "bin").iterdir())
+        with zipfile.ZipFile(archive.with_name(f"{archive.stem}-symbols.zip")) as file:
+            cls.symbols = sorted(name for name in file.namelist() if not name.endswith("/"))
+            file.extractall(cls.folder / "unpacked")
+        for file in (cls.folder / "unpacked" / archive.stem / "bin").iterdir():
+            file.rename(cls.prefix / "bin" / file.name)
         support.install_example_configuration(cls.prefix)
         cls.tool = cls.prefix / "bin/shmnmctl.exe"
 
@@ -68,8 +73,15 @@ class Zip(Place):
                 for place in (support.BUILD, PROJECT, self.folder):
                     self.assertNotIn(bytes(place), text, file)
 
+    def test_the_files_that_are_checked_for_versions_and_hardening_are_those_of_the_zip(self):
+        self.assertEqual(self.binaries, sorted([*(f"{library}.dll" for library in LIBRARIES), *interface.PROGRAMS["windows"]]))
+
+    def test_the_symbols_are_in_a_zip_of_their_own_that_is_unpacked_over_the_first(self):
+        (folder,) = {name.split("/")[0] for name in self.symbols}
+        self.assertEqual(self.symbols, [f"{folder}/bin/{name}.debug" for name in self.binaries])
+
     def test_each_binary_is_stripped_and_names_its_file_of_symbols(self):
-        for name in (*(f"{library}.dll" for library in LIBRARIES), "shmnmctl.exe", "shmnmweb.exe"):
+        for name in self.binaries:
             with self.subTest(name):
                 headers = run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / name)
                 self.assertNotIn(".debug_info", headers)
@@ -77,10 +89,24 @@ class Zip(Place):
                 self.assertIn(name.encode() + b".debug\0", (self.prefix / "bin" / name).read_bytes())
                 self.assertIn(".debug_info", run("x86_64-w64-mingw32-objdump", "-h", self.prefix / "bin" / f"{name}.debug"))
 
-    def test_each_library_states_its_version(self):
-        for library in LIBRARIES:
-            with self.subTest(library):
-                self.assertIsNotNone(Pe(self.prefix / f"bin/{library}.dll", NM).version())
+    def test_debuggers_find_the_line_of_a_function(self):
+        for name in interface.PROGRAMS["windows"]:
+            with self.subTest(name):
+                symbols = run(NM, "-P", self.prefix / "bin" / f"{name}.debug")
+                (address,) = (line.split()[2] for line in symbols.splitlines() if line.startswith("main T "))
+                line = run("x86_64-w64-mingw32-addr2line", "-fpe", self.prefix / "bin" / name, f"0x{address}")
+                self.assertRegex(line, rf"^main at .*/tools/{name[:-4]}/src/main\.cpp:\d+$")
+
+    def test_no_binary_contains_the_time_of_its_build(self):
+        for name in self.binaries:
+            with self.subTest(name):
+                self.assertEqual(Pe(self.prefix / "bin" / name, NM).time_stamp, 0)
+                self.assertEqual(Pe(self.prefix / "bin" / f"{name}.debug", NM).time_stamp, 0)
+
+    def test_each_binary_states_its_version(self):
+        for name in self.binaries:
+            with self.subTest(name):
+                self.assertIsNotNone(Pe(self.prefix / "bin" / name, NM).version())
 
     def test_each_module_definition_lists_the_functions_of_its_dll(self):
         self.assertEqual(len(interface.KZMSHMNM), 91)
