@@ -61,7 +61,24 @@ struct Function<uint32_t (*)(Arguments...)> {
     X(shmnm_setrscsvstat_nw)   \
     X(shmnm_setfstrscstat)     \
     X(shmnm_setfstdescript)    \
-    X(shmnm_setfstrscpid)
+    X(shmnm_setfstrscpid)      \
+    X(shmnm_gethbinfo_ex)      \
+    X(shmnm_getwaitstat)       \
+    X(shmnm_getbwflag)         \
+    X(shmnm_getbwflagdisk)     \
+    X(shmnm_getclstat)         \
+    X(shmnm_getnodename)       \
+    X(shmnm_getnodestat)       \
+    X(shmnm_getnodestat_nw)    \
+    X(shmnm_getdownnotifystat) \
+    X(shmnm_getisolateflag)    \
+    X(shmnm_getpingstat)       \
+    X(shmnm_getholdstat)       \
+    X(shmnm_gethbrscstat)      \
+    X(shmnm_getnprscstat)      \
+    X(shmnm_gethbrscsvstat)    \
+    X(shmnm_getnprscsvstat)    \
+    X(shmnm_getrscsvstat_nw)
 
 struct Library {
 #define PICTURE_FUNCTION(name) Function<decltype(&::name)> name;

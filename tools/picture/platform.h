@@ -35,6 +35,9 @@ uint64_t object_number(void* mapping);
 /// Maps all of a shared memory for reading and writing. @return null when that fails
 void* map_for_writing(void* mapping);
 
+/// Takes a mutex for this thread if no other thread owns it. @return whether this thread owns it now
+bool try_own(void* mutex);
+
 /// Who holds a lock, as far as the system tells. The fields are read one by one and may be of different moments.
 struct LockHolder {
     uint32_t process = 0, thread = 0;  ///< 0: nobody

@@ -96,6 +96,11 @@ uint64_t object_number(void* mapping) {
     return kzmkernel_object_number(mapping);
 }
 
+bool try_own(void* mutex) {
+    const uint32_t result = kzmkernel_wait(mutex, 0);
+    return result == KZMKERNEL_WAIT_OWNED || result == KZMKERNEL_WAIT_ABANDONED;
+}
+
 std::optional<LockHolder> lock_holder(void* mutex) {
     kzmkernel_mutex_info info{};
     if (!kzmkernel_mutex_info_get(mutex, &info)) return std::nullopt;

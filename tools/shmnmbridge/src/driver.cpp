@@ -1,0 +1,156 @@
+#include "driver.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <utility>
+
+#include "log.h"
+#include "machine.h"
+#include "picture/escape.h"
+#include "picture/platform.h"
+
+namespace bridge {
+namespace {
+
+constexpr Time look_interval = 50, longest_end = 2'000;
+
+Time now() {
+    return static_cast<Time>(picture::platform::steady_clock_us() / 1'000);
+}
+
+}  // namespace
+
+void Driver::Trouble::tell(const std::string& trouble, const char* end) {
+    if (trouble == told_) return;
+    log(trouble.empty() ? end : trouble);
+    told_ = trouble;
+}
+
+Driver::Driver(const Configuration& configuration)
+    : settings_(configuration.bridge),
+      core_(configuration.bridge),
+      watchdog_interval_(static_cast<Time>(watchdog_us() / 2'000)),
+      transport_(configuration.etcd, {.receive =
+                                          [this](Transport::Received received) {
+                                              const std::scoped_lock hold(mutex_);
+                                              inbox_.push_back(std::move(received));
+                                              woken_.notify_one();
+                                          },
+                                      .stop =
+                                          [this] {
+                                              const std::scoped_lock hold(mutex_);
+                                              stopping_ = true;
+                                              woken_.notify_one();
+                                          }}) {}
+
+bool Driver::wait(Time until, std::deque<Transport::Received>& received) {
+    std::unique_lock hold(mutex_);
+    woken_.wait_for(hold, std::chrono::milliseconds(std::max<Time>(until - now(), 0)),
+                    [this] { return stopping_ || !inbox_.empty(); });
+    received.swap(inbox_);
+    return !stopping_;
+}
+
+void Driver::run() {
+    Time look_at = now();
+    std::deque<Transport::Received> received;
+    while (wait(look_at, received)) {
+        for (const Transport::Received& each : received) take(each);
+        received.clear();
+        const Time begin = now();
+        if (begin < look_at) continue;
+        look_at = begin + look_interval;
+        look();
+        write_marks();
+        feed_watchdog(begin);
+    }
+    end();
+}
+
+void Driver::take(const Transport::Received& received) {
+    if (const auto* const answer = std::get_if<Answer>(&received)) carry_out(core_.answer(now(), *answer));
+    if (const auto* const events = std::get_if<Events>(&received)) carry_out(core_.events(now(), *events));
+    if (const auto* const ended = std::get_if<WatchEnded>(&received)) carry_out(core_.watch_ended(now(), *ended));
+}
+
+void Driver::look() {
+    const Region::Seen seen = region_.look();
+    if (seen.look && seen.look != last_) tell_of(*seen.look);
+    if (!seen.look) region_trouble_.tell(seen.problem, "");
+    last_ = seen.look;
+    carry_out(seen.failed ? core_.look_failed(now()) : core_.look(now(), seen.look.get()));
+}
+
+void Driver::tell_of(const Look& look) {
+    std::string trouble;
+    if (look.counts != look.configured) {
+        trouble = fmt::format(
+            "the region has {}, this machine's configuration has {}: nothing is fed into it until they "
+            "are equal",
+            picture::to_text(look.counts), picture::to_text(look.configured));
+    } else if (!look.find_server(settings_.server)) {
+        trouble = fmt::format(
+            "the region has no server {}: nothing is written to etcd; add it, or correct the name in "
+            "the configuration",
+            settings_.server);
+    }
+    region_trouble_.tell(trouble, "the region is bridged");
+}
+
+void Driver::carry_out(Output output) {
+    for (const std::string& notice : output.notices) log(notice);
+    transport_.send(std::move(output.sends));
+    if (!output.batch) return;
+    const Region::Made made = region_.make(*output.batch);
+    if (made.done.made || !made.problem.empty()) feed_trouble_.tell(made.problem, "the region is fed again");
+    carry_out(core_.batch_done(now(), made.done));
+}
+
+void Driver::write_marks() {
+    Marks marks = core_.marks(now());
+    marks.member = transport_.member();
+    const std::string trouble = transport_.trouble();
+    if (marks.is_connected != was_connected_) {
+        was_connected_ = marks.is_connected;
+        log(marks.is_connected ? fmt::format("connected to etcd at {}", marks.member)
+                               : "cut off from etcd: the other machines' words stay as they are" +
+                                     (trouble.empty() ? "" : ": " + trouble));
+        etcd_trouble_.tell("", "");
+    }
+    etcd_trouble_.tell(trouble.empty() ? "" : "etcd failed to answer: " + trouble, "etcd answers");
+    marks_.write(marks);
+}
+
+void Driver::feed_watchdog(Time now) {
+    if (watchdog_interval_ == 0 || now < watchdog_at_) return;
+    // The thread for etcd must be alive as well.
+    if (watchdog_at_ != 0 && transport_.signs() == signs_) return;
+    signs_ = transport_.signs();
+    transport_.ask_for_sign();
+    notify_service_manager("WATCHDOG=1");
+    watchdog_at_ = now + watchdog_interval_;
+}
+
+void Driver::end() {
+    notify_service_manager("STOPPING=1");
+    Output last = core_.end(now());
+    uint64_t awaited = 0;
+    for (const Send& each : last.sends) {
+        if (const auto* const request = std::get_if<Request>(&each)) awaited = request->id;
+    }
+    transport_.send(std::move(last.sends));
+    const Time until = now() + longest_end;
+    std::unique_lock hold(mutex_);
+    while (awaited != 0 && now() < until) {
+        woken_.wait_for(hold, std::chrono::milliseconds(until - now()), [this] { return !inbox_.empty(); });
+        for (const Transport::Received& each : inbox_) {
+            const auto* const answer = std::get_if<Answer>(&each);
+            if (answer && answer->request == awaited) awaited = 0;
+        }
+        inbox_.clear();
+    }
+    if (awaited != 0) log("etcd has not confirmed the end in time: the claim ends with its lease");
+}
+
+}  // namespace bridge

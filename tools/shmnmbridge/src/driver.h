@@ -1,0 +1,64 @@
+// Runs the core: looks at the region each 50 ms, carries out what the core asks for, and writes the marks. All of it on
+// one thread; only etcd has another.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "bridge_marks/live.h"
+#include "configuration.h"
+#include "core.h"
+#include "region.h"
+#include "transport.h"
+
+namespace bridge {
+
+class Driver {
+  public:
+    /// @throws etcd::Error     a setting cannot be used
+    /// @throws picture::Error  the marks cannot be made
+    explicit Driver(const Configuration& configuration);
+
+    /// Runs until this process is asked to stop, then deletes this machine's keys, for which etcd has 2 s.
+    void run();
+
+  private:
+    /// What fails again and again is logged once, and once it has ended.
+    class Trouble {
+      public:
+        void tell(const std::string& trouble, const char* end);
+
+      private:
+        std::string told_;
+    };
+
+    /// Takes what has come, or waits for it until a time. @return whether this process may go on
+    bool wait(Time until, std::deque<Transport::Received>& received);
+    void take(const Transport::Received& received);
+    void look();
+    void tell_of(const Look& look);
+    void carry_out(Output output);
+    void write_marks();
+    void feed_watchdog(Time now);
+    void end();
+
+    const Settings settings_;
+    Region region_;
+    Core core_;
+    LiveMarks marks_;
+    std::shared_ptr<const Look> last_;
+    Trouble region_trouble_, feed_trouble_, etcd_trouble_;
+    bool was_connected_ = false;
+    Time watchdog_interval_, watchdog_at_ = 0;
+    uint64_t signs_ = 0;
+
+    std::mutex mutex_;
+    std::condition_variable woken_;
+    std::deque<Transport::Received> inbox_;
+    bool stopping_ = false;
+    Transport transport_;
+};
+
+}  // namespace bridge

@@ -1,0 +1,77 @@
+// "run": bridges this machine's region until it is told to stop.
+#include <fmt/format.h>
+
+#include <memory>
+
+#include "commands.h"
+#include "configuration.h"
+#include "driver.h"
+#include "kzmutil.h"
+#include "log.h"
+#include "machine.h"
+#include "picture/error.h"
+#include "picture/escape.h"
+#include "picture/live.h"
+#include "picture/platform.h"
+
+namespace bridge {
+namespace {
+
+constexpr const char* bridge_mutex = "oru_kzmshmnm_bridge_lock";
+
+/// Held by the only bridge of this region.
+class OnlyOne {
+  public:
+    /// @throws picture::Error  another bridge runs
+    OnlyOne() : mutex_(KzmutilCreateNamedMutex(0, bridge_mutex)) {
+        using picture::Error, picture::ErrorKind;
+        if (!mutex_) {
+            throw Error(ErrorKind::failed, fmt::format("cannot open the bridge's mutex {} {}",
+                                                       picture::full_name(bridge_mutex), picture::last_failure()));
+        }
+        if (picture::platform::try_own(mutex_)) return;
+        const std::string holder = picture::describe_holder(mutex_);
+        picture::platform::close(mutex_);
+        throw Error(ErrorKind::refused, fmt::format("another bridge runs for this machine's region{}{}; stop it first",
+                                                    holder.empty() ? "" : ": ", holder));
+    }
+    ~OnlyOne() { picture::platform::close(mutex_); }
+    OnlyOne(const OnlyOne&) = delete;
+    OnlyOne& operator=(const OnlyOne&) = delete;
+
+  private:
+    void* mutex_;
+};
+
+Exit run(const std::string& file) {
+    const CheckedConfiguration checked = check_configuration(file);
+    for (const ConfigurationProblem& problem : checked.problems) {
+        log(fmt::format("{}, line {}: {}", picture::printable(file), problem.line, problem.text));
+    }
+    if (!checked.problems.empty()) return Exit::failed;
+    const OnlyOne only_one;
+    Driver driver(checked.configuration);
+    const Settings& settings = checked.configuration.bridge;
+    std::fputs(fmt::format("ready: server {} of cluster {}\n", settings.server, settings.cluster).c_str(), stdout);
+    std::fflush(stdout);
+    notify_service_manager("READY=1");
+    driver.run();
+    return Exit::done;
+}
+
+}  // namespace
+
+void add_run_command(CLI::App& app, Command& command) {
+    static std::string file;
+    CLI::App* const run_command = app.add_subcommand("run", "Bridge this machine's region until told to stop");
+    run_command->add_option("--config", file, "The bridge's configuration (etc/bridge.xml below the installation path)")
+        ->type_name("FILE");
+    run_command->callback(
+        [&command] { command = [] { return run(file.empty() ? installed_configuration_file() : file); }; });
+}
+
+void add_commands(CLI::App& app, Command& command) {
+    add_run_command(app, command);
+}
+
+}  // namespace bridge
