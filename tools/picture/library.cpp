@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include "kzmutil.h"
 #include "picture/error.h"
+#include "picture/live.h"
 #include "picture/platform.h"
 
 namespace picture {
@@ -18,9 +20,18 @@ void look_up(void* module, const char* name, Function<Pointer>& function) {
     }
 }
 
+/// Without its lock the library refuses to load, and the loader does not tell why.
+/// @throws Error  this user may not use the lock
+void expect_usable_lock() {
+    void* const mutex = KzmutilCreateNamedMutex(0, mutex_name);
+    if (mutex) return platform::close(mutex);
+    throw Error(ErrorKind::failed, fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure()));
+}
+
 Library load() {
     void* const module = platform::load_module(platform::library_file);
     if (!module) {
+        expect_usable_lock();
         throw Error(ErrorKind::failed, fmt::format("cannot load {}: put it beside this program, with its companions",
                                                    platform::library_file));
     }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 
 #include "kzmutil.h"
@@ -21,8 +20,7 @@ namespace {
 constexpr uint32_t map_read = 4, all_access = 0xF001F, error_not_found = 2, error_access_denied = 5;
 
 std::string with_prefix(const char* name) {
-    const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
-    return (prefix ? prefix : "") + std::string(name);
+    return platform::object_prefix() + name;
 }
 
 /// @throws Error  the region lives, but for another user
@@ -98,6 +96,9 @@ std::string how_copied(const Snapshot& copy) {
             return fmt::format("copied {} without the lock", what);
         case CopyWay::as_owner:
             return fmt::format("copied {} as the owner of the lock", what);
+        case CopyWay::by_reader:
+            return fmt::format("copied {} without a right to the lock: two of {} copies in a row were equal", what,
+                               copy.tries);
         case CopyWay::with_lock:
             break;
     }
@@ -176,6 +177,18 @@ void* LiveRegion::mutex() {
                     fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure()));
     }
     return mutex_;
+}
+
+// The lock is also refused if others could change it. Its own user may write to the region, so that refusal stays an
+// error.
+bool LiveRegion::is_reader() {
+    if (!platform::has_readers || mutex_ || is_reader_) return is_reader_;
+    mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
+    if (mutex_ || platform::last_error() != error_access_denied) return false;
+    void* const writable = KzmutilOpenNamedFileMapping(all_access, 0, mapping_name);
+    is_reader_ = !writable && platform::last_error() == error_access_denied;
+    if (writable) platform::close(writable);
+    return is_reader_;
 }
 
 std::unique_ptr<LiveRegion::View> LiveRegion::open() {
@@ -299,13 +312,35 @@ void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t t
     if (snapshot.lock) snapshot.lock->process = snapshot.lock->thread = 0;
 }
 
+void LiveRegion::copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const {
+    snapshot.way = CopyWay::by_reader;
+    fill(snapshot, view);
+    const uint64_t end_us = platform::steady_clock_us() + uint64_t{timeout_ms} * 1'000;
+    for (snapshot.tries = 2;; ++snapshot.tries) {
+        Snapshot next = snapshot;
+        forget(next);
+        fill(next, view);
+        const bool is_equal = next.bytes == snapshot.bytes;
+        snapshot = std::move(next);
+        if (is_equal) return;
+        if (platform::steady_clock_us() < end_us) continue;
+        throw Error(ErrorKind::lock_timeout,
+                    fmt::format("the region changed during each of {} copies in {} ms, and this user has no right to "
+                                "its lock",
+                                snapshot.tries, timeout_ms));
+    }
+}
+
 std::optional<Snapshot> LiveRegion::try_copy(Bytes wanted, uint32_t lock_timeout_ms) {
     const std::unique_ptr<View> view = open();
     if (!view) return std::nullopt;
     Snapshot snapshot = empty_copy_of(*view, wanted);
-    mutex();
-    if (!copy_without_lock(snapshot, *view)) {
-        copy_with_lock(snapshot, *view, std::min(lock_timeout_ms, access_.lock_timeout_ms));
+    const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
+    if (is_reader()) {
+        copy_as_reader(snapshot, *view, timeout_ms);
+    } else {
+        mutex();
+        if (!copy_without_lock(snapshot, *view)) copy_with_lock(snapshot, *view, timeout_ms);
     }
     // A take that has not ended is not yet counted as a look.
     const uint64_t own = snapshot.way == CopyWay::without_lock ? 0 : 1;

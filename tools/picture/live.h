@@ -53,6 +53,7 @@ class LiveRegion {
     /// @param[in] lock_timeout_ms  the longest wait for the lock, if shorter than the usual time-out
     /// @return nothing if there is no region
     /// @throws Error  the region is refused, or waiting for the lock timed out
+    /// A user who may read the region and has no right to its lock gets a copy that equals the copy before it.
     std::optional<Snapshot> try_copy(Bytes wanted, uint32_t lock_timeout_ms = UINT32_MAX);
     /// @throws Error  the same, or there is no region
     Snapshot copy(Bytes wanted);
@@ -71,8 +72,10 @@ class LiveRegion {
     bool try_lock();
     void unlock();
 
-    /// The lock's mutex.
+    /// The lock's mutex. @throws Error  this user may not use it
     void* mutex();
+    /// Whether this user may read the region and has no right to its lock.
+    bool is_reader();
 
   private:
     class View;
@@ -83,12 +86,13 @@ class LiveRegion {
     void fill_with_lock_facts(Snapshot& snapshot, const View& view) const;
     bool copy_without_lock(Snapshot& snapshot, const View& view) const;
     void copy_with_lock(Snapshot& snapshot, const View& view, uint32_t timeout_ms);
+    void copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const;
     [[noreturn]] void throw_no_lock(uint32_t timeout_ms);
     void tell(const char* what, const char* name);
 
     Access access_;
     void* mutex_ = nullptr;
-    bool told_ = false;
+    bool told_ = false, is_reader_ = false;
 };
 
 /// The live region, mapped for writes other than the library's calls. It is unmapped at the end of this object's life.

@@ -18,6 +18,11 @@ void* load_module(const char* file);
 /// A function of a loaded library; null when it has none of that name.
 void* symbol(void* module, const char* name);
 
+/// The text before the names of the installation's kernel objects.
+std::string object_prefix();
+/// Whether users may be allowed to read the region without a right to its lock.
+extern const bool has_readers;
+
 /// The reason for the last failure of a kernel call, as a Windows error number.
 uint32_t last_error();
 /// The same in words, with what to do about it; "" where no more than the number is known.

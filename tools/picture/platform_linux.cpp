@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -63,6 +64,12 @@ void* load_module(const char* file) {
 void* symbol(void* module, const char* name) {
     return dlsym(module, name);
 }
+
+std::string object_prefix() {
+    const char* const prefix = std::getenv("KZMUTIL_NAMESPACE");
+    return prefix ? prefix : "";
+}
+const bool has_readers = false;
 
 uint32_t last_error() {
     return kzmkernel_last_error();

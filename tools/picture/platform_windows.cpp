@@ -7,7 +7,22 @@
 #include <cstring>
 #include <string>
 
+#include "kzmutil.h"
+#include "setting_windows.h"
+
 namespace picture::platform {
+
+namespace {
+
+std::string install_path() {
+    constexpr uint32_t longest = 32'768;
+    std::string path(longest, '\0');
+    if (!KzmutilGetInstallPath(path.data(), longest)) return "";
+    path.resize(std::strlen(path.c_str()));
+    return path;
+}
+
+}  // namespace
 
 const char* const library_file = "kzmshmnm.dll";
 
@@ -27,6 +42,13 @@ void* load_module(const char* file) {
 void* symbol(void* module, const char* name) {
     return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
 }
+
+std::string object_prefix() {
+    std::string prefix;
+    kzmutil::read_setting("KZMUTIL_NAMESPACE", install_path, prefix);
+    return prefix;
+}
+const bool has_readers = true;
 
 uint32_t last_error() {
     return GetLastError();

@@ -23,7 +23,8 @@ enum class Bytes {
 enum class CopyWay {
     without_lock,  ///< nobody owned the lock meanwhile
     with_lock,
-    as_owner  ///< by a thread that had the lock already
+    as_owner,  ///< by a thread that had the lock already
+    by_reader  ///< by a user who may not take the lock: it equals the copy before it
 };
 
 struct Snapshot {

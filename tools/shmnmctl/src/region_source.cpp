@@ -1,6 +1,7 @@
 #include "region_source.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace shmnmctl {
 namespace {
@@ -12,12 +13,21 @@ constexpr uint32_t longest_silence_ms = 1'000;
 
 }  // namespace
 
-RegionSource::RegionSource(const Context& context) {
+const char* const read_without_lock =
+    "read without the lock: this user may not take it, and a change can have been half done";
+
+RegionSource::RegionSource(const Context& context, bool may_warn) : may_warn_(may_warn), json_(context.json()) {
     if (context.from.empty()) {
         live_.emplace(context.access);
     } else {
         remote_.emplace(context.from, context.credentials, context.server_timeout_ms);
     }
+}
+
+void RegionSource::warn_of(const Snapshot& snapshot) {
+    if (!may_warn_ || snapshot.way != CopyWay::by_reader) return;
+    std::fputs(warning(read_without_lock, json_).c_str(), stderr);
+    may_warn_ = false;
 }
 
 void RegionSource::expect() {
@@ -26,11 +36,18 @@ void RegionSource::expect() {
 }
 
 Snapshot RegionSource::copy(Bytes wanted) {
-    return live_ ? live_->copy(wanted) : remote_->copy(wanted).snapshot;
+    if (!live_) return remote_->copy(wanted).snapshot;
+    Snapshot snapshot = live_->copy(wanted);
+    warn_of(snapshot);
+    return snapshot;
 }
 
 std::optional<Snapshot> RegionSource::try_copy(Bytes wanted, uint32_t lock_timeout_ms) {
-    if (live_) return live_->try_copy(wanted, lock_timeout_ms);
+    if (live_) {
+        auto snapshot = live_->try_copy(wanted, lock_timeout_ms);
+        if (snapshot) warn_of(*snapshot);
+        return snapshot;
+    }
     auto arrival = remote_->try_copy(wanted);
     if (!arrival) return std::nullopt;
     return std::move(arrival->snapshot);

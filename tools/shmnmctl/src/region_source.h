@@ -10,10 +10,14 @@
 
 namespace shmnmctl {
 
+/// What those should know who see a copy that was made without a right to the lock (CopyWay::by_reader).
+extern const char* const read_without_lock;
+
 class RegionSource {
   public:
+    /// @param[in] may_warn  tell on standard error, once, that a copy was made without a right to the lock
     /// @throws Error  --from is not an address
-    explicit RegionSource(const Context& context);
+    explicit RegionSource(const Context& context, bool may_warn = true);
 
     /// @throws Error  there is no region
     void expect();
@@ -26,6 +30,9 @@ class RegionSource {
     session::Wake wait(uint32_t interval_ms, session::WakeFor also = {}, uint32_t most_ms = UINT32_MAX);
 
   private:
+    void warn_of(const Snapshot& snapshot);
+
+    bool may_warn_, json_;
     std::optional<LiveRegion> live_;
     std::optional<picture_http::Remote> remote_;
 };

@@ -1,6 +1,7 @@
 // "status --watch" on a screen.
 #include <algorithm>
 #include <optional>
+#include <string>
 
 #include "duration.h"
 #include "picture/decode.h"
@@ -27,7 +28,7 @@ std::vector<std::string> titles(uint32_t interval_ms) {
 Exit show_on_screen(const Context& context, const StatusOptions& options, Screen& screen) {
     // A key that is pressed while the lock does not come takes effect no later than this.
     constexpr uint32_t longest_lock_ms = 1'000;
-    RegionSource region(context);
+    RegionSource region(context, false);
     Viewport viewport;
     std::optional<Picture> shown;
     const auto look = [&] {
@@ -37,6 +38,7 @@ Exit show_on_screen(const Context& context, const StatusOptions& options, Screen
             if (!snapshot) throw Error(ErrorKind::no_region, "no process holds the region");
             Picture picture = decode(*snapshot);
             content.notes = warnings(*snapshot);
+            if (snapshot->way == CopyWay::by_reader) content.notes.push_back(std::string("! ") + read_without_lock);
             content.sheet = to_sheet(picture, options.selection, shown ? &*shown : &picture);
             shown = std::move(picture);
         } catch (const Error& error) {

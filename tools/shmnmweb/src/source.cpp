@@ -15,7 +15,10 @@ using picture::platform::LockHolder;
 class LiveSource : public Source {
   public:
     std::optional<picture::Snapshot> copy(Bytes wanted) override { return region_.try_copy(wanted); }
-    std::optional<LockHolder> lock() override { return picture::platform::lock_holder(region_.mutex()); }
+    std::optional<LockHolder> lock() override {
+        if (region_.is_reader()) return std::nullopt;
+        return picture::platform::lock_holder(region_.mutex());
+    }
     bool is_held(const LockHolder& lock) override { return lock.process != 0 && !picture::platform::has_ended(lock); }
 
   private:

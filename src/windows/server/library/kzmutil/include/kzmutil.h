@@ -6,10 +6,13 @@
  *  - Failure  returns null (or 0) and leaves the reason as a Windows error number in the thread's last error.
  *  - Success  of a create sets the last error to 0 (the object is new) or 183 (it existed). Success of any other
  *             function leaves the last error as it was.
- *  - Names    get the value of the environment variable KZMUTIL_NAMESPACE, if it is set, as a prefix.
+ *  - Names    get the value of the variable KZMUTIL_NAMESPACE, if it is set, as a prefix.
+ *  - Settings are variables of the environment. On Windows a variable that is unset there is read from etc\environment
+ *             below the installation path; if that file cannot be read, every call with a name fails.
  *  - Handles  are waited on, mapped and closed through the kernel: kernel32 on Windows, kzmkernel on Linux. Children
  *             do not inherit the handles that a create returns.
- *  - Access   a new object admits only the user who created it and, on Windows, administrators and the system. An
+ *  - Access   a new object admits only the user who created it and, on Windows, administrators and the system; new
+ *             memory also admits the group of the variable KZMUTIL_READERS, which can only map it for reading. An
  *             existing object is refused (5) if it belongs to anyone else or, on Windows, if anyone else may change it.
  *  - Setuid   on Linux a program with more rights than its caller (setuid, file capabilities) reads every variable as
  *             unset.
@@ -49,7 +52,7 @@ KZMUTIL_API void* KzmutilCreateNamedMutex(uint32_t flags, const char* name);
  * @param[in] size_high  upper 32 bits of the size in bytes
  * @param[in] size_low   lower 32 bits of the size
  * @param[in] name       NUL-terminated, at least one byte, without the namespace
- * @return the mapping, or null
+ * @return the mapping, or null: 5 if it is refused (see Access), on Windows 1332 if there is no group KZMUTIL_READERS
  */
 KZMUTIL_API void* KzmutilCreateNamedFileMapping(void* file, uint32_t protect, uint32_t size_high, uint32_t size_low,
                                                 const char* name);

@@ -5,6 +5,7 @@
 #include <new>
 #include <string>
 
+#include "installation.h"
 #include "platform.h"
 
 namespace kzmutil {
@@ -28,16 +29,18 @@ bool is_name(const char* name) noexcept {
 }
 
 std::string full_name(const char* name) {
-    return environment("KZMUTIL_NAMESPACE") + name;
+    return setting("KZMUTIL_NAMESPACE") + name;
 }
 
-/// Runs work that may run out of memory. No exception leaves the library.
+/// Runs work that may run out of memory or meet a setting that cannot be read. No exception leaves the library.
 template <typename Work>
 auto guarded(Work work) noexcept -> decltype(work()) {
     try {
         return work();
     } catch (const std::bad_alloc&) {
         return fail<decltype(work())>(error_not_enough_memory);
+    } catch (const Unknown& unknown) {
+        return fail<decltype(work())>(unknown.error);
     }
 }
 
@@ -57,7 +60,8 @@ void strip_last_part(std::string& path) {
     strip_trailing_separators(path);
 }
 
-/// Empty, with the reason in the last error, if the library's own file is not known.
+}  // namespace
+
 std::string install_path() {
     std::string path = environment("KZM_INSTALL_PATH");
     if (path.empty()) {
@@ -70,7 +74,6 @@ std::string install_path() {
     return path;
 }
 
-}  // namespace
 }  // namespace kzmutil
 
 using namespace kzmutil;

@@ -44,6 +44,10 @@ size_t root_length(std::string_view path) noexcept {
     return path.starts_with('/') ? 1 : 0;
 }
 
+std::string setting(const char* name) {
+    return environment(name);
+}
+
 void* create_mutex(const char* name) {
     return kzmkernel_create_mutex(name);
 }

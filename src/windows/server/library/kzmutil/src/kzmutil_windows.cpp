@@ -2,28 +2,16 @@
 
 #include <utility>
 
+#include "installation.h"
 #include "platform.h"
 #include "security_windows.h"
+#include "setting_windows.h"
+#include "wide_path.h"
 
 namespace kzmutil {
 namespace {
 
 const char in_this_library = 0;
-
-/// Calls `fill(buffer, size)` with growing buffers until the text fits. `fill` returns the length of its text, or at
-/// least `size` if the text does not fit, or 0 on failure, which gives an empty text.
-template <typename Fill>
-std::string fill_text(Fill fill) {
-    std::string text(MAX_PATH, '\0');
-    for (;;) {
-        const DWORD length = fill(text.data(), static_cast<DWORD>(text.size()));
-        if (length < text.size()) {
-            text.resize(length);
-            return text;
-        }
-        text.resize(text.size() * 2);
-    }
-}
 
 HANDLE refuse(Handle object) {
     object.reset();
@@ -33,9 +21,10 @@ HANDLE refuse(Handle object) {
 
 /// Calls `create(attributes)`. Refuses the object if it existed and others may do more than `reading`; otherwise the
 /// last error is the one that `create` left.
+/// @param[in] readers  the group that may read a new object; empty: none
 template <typename Create>
-HANDLE create_or_refuse(ACCESS_MASK reading, Create create) {
-    Local descriptor = owner_administrators_and_system();
+HANDLE create_or_refuse(ACCESS_MASK reading, const std::string& readers, Create create) {
+    Local descriptor = new_security(readers);
     if (!descriptor) return nullptr;
     SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), descriptor.get(), FALSE};
     SetLastError(ERROR_SUCCESS);
@@ -60,7 +49,9 @@ void set_last_error(uint32_t error) noexcept {
 }
 
 std::string environment(const char* name) {
-    return fill_text([&](char* buffer, DWORD size) { return GetEnvironmentVariableA(name, buffer, size); });
+    const std::wstring wide = wide_path::to_wide(name);
+    return wide_path::to_utf8(wide_path::fill_text(
+        [&](wchar_t* buffer, DWORD size) { return GetEnvironmentVariableW(wide.c_str(), buffer, size); }));
 }
 
 std::string own_file() {
@@ -69,7 +60,8 @@ std::string own_file() {
                             &in_this_library, &module)) {
         return {};
     }
-    return fill_text([&](char* buffer, DWORD size) { return GetModuleFileNameA(module, buffer, size); });
+    return wide_path::to_utf8(
+        wide_path::fill_text([&](wchar_t* buffer, DWORD size) { return GetModuleFileNameW(module, buffer, size); }));
 }
 
 size_t root_length(std::string_view path) noexcept {
@@ -78,20 +70,31 @@ size_t root_length(std::string_view path) noexcept {
     return path.size() >= 3 && path[1] == ':' && path_separators.find(path[2]) != std::string_view::npos ? 3 : 0;
 }
 
+std::string setting(const char* name) {
+    std::string value;
+    const uint32_t error = read_setting(name, install_path, value);
+    if (error != ERROR_SUCCESS) throw Unknown{error};
+    return value;
+}
+
+// No group gets rights to the mutex: who can wait for it can take it and block the cluster.
 void* create_mutex(const char* name) {
-    return create_or_refuse(reading_a_mutex,
-                            [&](SECURITY_ATTRIBUTES* attributes) { return CreateMutexA(attributes, FALSE, name); });
+    const std::wstring wide = wide_path::to_wide(name);
+    return create_or_refuse(reading_a_mutex, "", [&](SECURITY_ATTRIBUTES* attributes) {
+        return CreateMutexW(attributes, FALSE, wide.c_str());
+    });
 }
 
 void* create_mapping(uint32_t protect, uint64_t size, const char* name) {
-    return create_or_refuse(reading_a_mapping, [&](SECURITY_ATTRIBUTES* attributes) {
-        return CreateFileMappingA(INVALID_HANDLE_VALUE, attributes, protect, static_cast<DWORD>(size >> 32),
-                                  static_cast<DWORD>(size), name);
+    const std::wstring wide = wide_path::to_wide(name);
+    return create_or_refuse(reading_a_mapping, setting("KZMUTIL_READERS"), [&](SECURITY_ATTRIBUTES* attributes) {
+        return CreateFileMappingW(INVALID_HANDLE_VALUE, attributes, protect, static_cast<DWORD>(size >> 32),
+                                  static_cast<DWORD>(size), wide.c_str());
     });
 }
 
 void* open_mapping(uint32_t access, bool inherit, const char* name) {
-    Handle mapping(OpenFileMappingA(access | READ_CONTROL, inherit, name));
+    Handle mapping(OpenFileMappingW(access | READ_CONTROL, inherit, wide_path::to_wide(name).c_str()));
     if (mapping && !is_trusted(mapping.get(), reading_a_mapping)) return refuse(std::move(mapping));
     return mapping.release();
 }

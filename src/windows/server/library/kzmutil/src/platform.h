@@ -22,6 +22,13 @@ extern const std::string_view path_separators;
 /// The number of characters at the start of a path that name its root: 1 for "/usr", 0 for "usr".
 size_t root_length(std::string_view path) noexcept;
 
+/// The installation's value of a variable; empty if it has none.
+/// @throws Unknown  the value cannot be read
+std::string setting(const char* name);
+struct Unknown {
+    uint32_t error;
+};
+
 /// Creates or opens an object. After a success the last error is 0 if the object is new and 183 if it existed.
 void* create_mutex(const char* name);
 void* create_mapping(uint32_t protect, uint64_t size, const char* name);

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "wide_path.h"
+
 namespace kzmutil {
 namespace {
 
@@ -38,6 +40,29 @@ class User {
     } information_;
 };
 
+/// An identifier as text; empty on failure.
+std::wstring text_of(PSID sid) {
+    wchar_t* text = nullptr;
+    if (!sid || !ConvertSidToStringSidW(sid, &text)) return {};
+    const Local freed(text);
+    return text;
+}
+
+/// The identifier of an account as text, from its name or from such a text; empty on failure.
+std::wstring identifier_of(const std::string& account) {
+    const std::wstring name = wide_path::to_wide(account);
+    PSID given = nullptr;
+    if (ConvertStringSidToSidW(name.c_str(), &given)) {
+        const Local freed(given);
+        return text_of(given);
+    }
+    BYTE sid[SECURITY_MAX_SID_SIZE];
+    wchar_t domain[256];
+    DWORD sid_size = sizeof sid, domain_size = 256;
+    SID_NAME_USE use{};
+    return LookupAccountNameW(nullptr, name.c_str(), sid, &sid_size, domain, &domain_size, &use) ? text_of(sid) : L"";
+}
+
 /// The present owner and access list of an object, self-relative; empty on failure.
 std::vector<BYTE> security_of(HANDLE object) {
     std::vector<BYTE> descriptor;
@@ -66,14 +91,15 @@ bool is_harmless(ACE_HEADER& entry, PSID user, ACCESS_MASK reading) {
 
 }  // namespace
 
-Local owner_administrators_and_system() {
+Local new_security(const std::string& readers) {
     const User user;
-    char* sid = nullptr;
-    if (!user.sid() || !ConvertSidToStringSidA(user.sid(), &sid)) return {};
-    const Local freed(sid);
-    const std::string text = "O:" + std::string(sid) + "D:P(A;;GA;;;" + sid + ")(A;;GA;;;BA)(A;;GA;;;SY)";
+    const std::wstring sid = text_of(user.sid()), reader_sid = readers.empty() ? L"" : identifier_of(readers);
+    if (sid.empty() || (reader_sid.empty() && !readers.empty())) return {};
+    std::wstring text = L"O:" + sid + L"D:P(A;;GA;;;" + sid + L")(A;;GA;;;BA)(A;;GA;;;SY)";
+    if (!reader_sid.empty()) text += L"(A;;0x20004;;;" + reader_sid + L")";
+    static_assert((READ_CONTROL | SECTION_MAP_READ) == 0x20004);
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(text.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
         return {};
     }
     return Local(descriptor);

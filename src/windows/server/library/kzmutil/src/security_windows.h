@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <memory>
+#include <string>
 
 namespace kzmutil {
 
@@ -17,8 +18,10 @@ using Handle = std::unique_ptr<void, Close>;
 using Local = std::unique_ptr<void, Free>;
 
 /// The security descriptor of a new object. The user owns it; the user, administrators and the system have all rights;
-/// others have none. It inherits nothing. Null on failure.
-Local owner_administrators_and_system();
+/// others have none. It inherits nothing. Null on failure, with the reason in the last error.
+/// @param[in] readers  a group that may map shared memory for reading and nothing else: its name in UTF-8 or its
+///                     identifier, such as S-1-5-32-545; empty: none
+Local new_security(const std::string& readers);
 
 /// The rights that others may have: only rights to read the object. All other rights let others change it, deny it to
 /// its users or get more rights. So does the right to wait for a mutex, because it lets others take and keep it.
