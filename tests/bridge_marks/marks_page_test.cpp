@@ -85,6 +85,17 @@ TEST(BridgeMarks, AreRefusedInAnotherFormatAndWhileTheyAreWritten) {
     EXPECT_TRUE(read_marks(*page)) << "the writer after it";
 }
 
+TEST(BridgeMarks, AreReadAfterAWriterThatWasInterruptedHasGoneOn) {
+    const auto page = std::make_unique<MarksPage>();
+    write_marks(*page, {.is_connected = true}, 7);
+    ++page->header.sequence;
+    std::thread writer([&page] { write_marks(*page, {.is_connected = true, .is_fed = true}, 8); });
+    const auto read = read_marks(*page);
+    writer.join();
+    ASSERT_TRUE(read);
+    EXPECT_TRUE(read->marks.is_fed);
+}
+
 TEST(BridgeMarks, AreCutToTheRoomThereIsAndSayHowMuchIsMissing) {
     Marks marks;
     marks.servers.resize(marked_servers + 5);

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <thread>
 
 namespace bridge {
 namespace {
@@ -132,6 +134,8 @@ void write_marks(MarksPage& page, const Marks& marks, uint64_t now_us) {
 std::optional<ReadMarks> read_marks(const MarksPage& page) {
     const auto copy = std::make_unique<MarksPage>();
     for (int tries = 0; tries < 100; ++tries) {
+        // A writer that a busy machine interrupted goes on after some milliseconds.
+        if (tries > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         const uint64_t before = word_of(page, word_of_sequence).load(std::memory_order_acquire);
         if (before % 2 != 0) continue;
         for (size_t word = 0; word < words_of_page; ++word) {
