@@ -35,6 +35,7 @@
 #include "bridge_marks/live.h"
 #include "core_words.h"
 #include "picture/error.h"
+#include "picture/held_region.h"
 #include "picture/live.h"
 #include "shmnm.h"
 
@@ -265,9 +266,11 @@ class Commands {
         }
         if (name == "clear") {
             return locked([this] {
+                // Only a process that maps the region writes its maxima. Meanwhile the region must not end.
+                const auto held = picture::HeldRegion::open();
                 uint32_t result = shmnm_clear();
-                // Attaching writes the maxima again.
-                if (result == SHMNM_OK) result = shmnm_attach();
+                if (result == SHMNM_OK) result = shmnm_delete();
+                if (result == SHMNM_OK) result = shmnm_create();
                 return result == SHMNM_OK ? register_members(servers_) : result;
             });
         }

@@ -154,10 +154,8 @@ class Etcd:
         self.post("/v3/kv/compaction", {"revision": answer["header"]["revision"], "physical": True})
         for member in self.members:
             member.post("/v3/maintenance/defragment", {}, DEADLINE)
-            alarm = {"action": "DEACTIVATE", "memberID": 0, "alarm": "NOSPACE"}
-            for each in member.post("/v3/maintenance/alarm", {"action": "GET"}).get("alarms", ()):
-                alarm["memberID"] = each["memberID"]
-                member.post("/v3/maintenance/alarm", alarm)
+        for alarm in self.post("/v3/maintenance/alarm", {"action": "GET"}).get("alarms", ()):
+            self.post("/v3/maintenance/alarm", {"action": "DEACTIVATE", **alarm})
 
     def end(self):
         for member in self.members:

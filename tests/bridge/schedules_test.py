@@ -47,7 +47,6 @@ def schedule(seed, machines=None):
         faults.append(Fault(what, chance.randrange(count), chance.uniform(0, 4), chance.uniform(0.3, 5), chance.random()))
     start = chance.uniform(0, 2)
     for what in hand(ETCD_FAULTS):
-        # One after the other: a majority is to remain but where it is the fault that it does not.
         faults.append(Fault(what, None, start, chance.uniform(0.3, 4), chance.random()))
         start += faults[-1].lasts + chance.uniform(0.5, 1)
     return count, sorted(faults, key=lambda fault: fault.start)
@@ -206,6 +205,9 @@ class Run:
         while pending or open_faults:
             now = time.monotonic()
             for fault in [fault for fault in pending if self.begin + fault.start <= now]:
+                # A majority of members is to remain, but where it is the fault that it does not.
+                if fault.machine is None and any(other.machine is None for other, _, _ in open_faults):
+                    continue
                 pending.remove(fault)
                 open_faults.append((fault, *self.begin_fault(fault)))
             for each in [each for each in open_faults if each[2] + each[0].lasts <= now]:
