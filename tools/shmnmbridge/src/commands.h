@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <string>
 
 namespace bridge {
 
@@ -20,6 +21,12 @@ using Command = std::function<Exit()>;
 
 void add_commands(CLI::App& app, Command& command);
 
+/// The option --config.
+void add_configuration(CLI::App& command, std::string& file);
+/// What --config names, else the installed configuration.
+std::string file_or_installed(const std::string& file);
+
+void add_check_command(CLI::App& app, Command& command);
 void add_run_command(CLI::App& app, Command& command);
 void add_status_command(CLI::App& app, Command& command);
 

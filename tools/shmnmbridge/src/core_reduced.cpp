@@ -44,8 +44,9 @@ Look reduced(const picture::Snapshot& snapshot) {
     const shmnm_header& header = picture.header;
     Look look;
     look.object = snapshot.object;
-    look.counts = snapshot.counts;
-    look.configured = snapshot.configured.value_or(snapshot.counts);
+    // The header's, even where the layout is the configured one: attaching would write the configuration's into it.
+    look.counts = snapshot.header_counts();
+    look.configured = snapshot.configured.value_or(look.counts);
     look.header = {{{header.waitstat, 0},
                     {header.bwflag, 0},
                     {header.bwflagdisk, 0},

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -17,6 +18,16 @@ constexpr Time look_interval = 50, longest_end = 2'000;
 
 Time now() {
     return static_cast<Time>(picture::platform::steady_clock_us() / 1'000);
+}
+
+/// Adds the servers of which etcd has never told.
+void add_servers(const Look& look, const std::string& own, Marks& marks) {
+    for (const LookedServer& server : look.servers) {
+        const auto is_server = [&server](const Mark& mark) { return mark.server == server.name; };
+        if (server.name.empty() || server.name == own) continue;
+        if (std::none_of(marks.servers.begin(), marks.servers.end(), is_server))
+            marks.servers.push_back({.server = server.name});
+    }
 }
 
 }  // namespace
@@ -110,6 +121,7 @@ void Driver::carry_out(Output output) {
 void Driver::write_marks() {
     Marks marks = core_.marks(now());
     marks.member = transport_.member();
+    if (last_) add_servers(*last_, settings_.server, marks);
     const std::string trouble = transport_.trouble();
     if (marks.is_connected != was_connected_) {
         was_connected_ = marks.is_connected;
@@ -135,22 +147,23 @@ void Driver::feed_watchdog(Time now) {
 void Driver::end() {
     notify_service_manager("STOPPING=1");
     Output last = core_.end(now());
-    uint64_t awaited = 0;
-    for (const Send& each : last.sends) {
-        if (const auto* const request = std::get_if<Request>(&each)) awaited = request->id;
-    }
+    if (last.sends.empty()) return;
+    const auto request = std::get<Request>(last.sends.back());
     transport_.send(std::move(last.sends));
     const Time until = now() + longest_end;
     std::unique_lock hold(mutex_);
-    while (awaited != 0 && now() < until) {
-        woken_.wait_for(hold, std::chrono::milliseconds(until - now()), [this] { return !inbox_.empty(); });
-        for (const Transport::Received& each : inbox_) {
-            const auto* const answer = std::get_if<Answer>(&each);
-            if (answer && answer->request == awaited) awaited = 0;
-        }
-        inbox_.clear();
+    while (woken_.wait_for(hold, std::chrono::milliseconds(std::max<Time>(until - now(), 0)),
+                           [this] { return !inbox_.empty(); })) {
+        const auto received = std::move(inbox_.front());
+        inbox_.pop_front();
+        const auto* const answer = std::get_if<Answer>(&received);
+        if (!answer || answer->request != request.id) continue;
+        // If the compare failed, the claim is gone already.
+        if (answer->outcome == Outcome::done || answer->outcome == Outcome::compare_failed) return;
+        woken_.wait_for(hold, std::chrono::milliseconds(settings_.retry), [] { return false; });
+        transport_.send({request});
     }
-    if (awaited != 0) log("etcd has not confirmed the end in time: the claim ends with its lease");
+    log("etcd has not confirmed the end in time: the claim ends with its lease");
 }
 
 }  // namespace bridge

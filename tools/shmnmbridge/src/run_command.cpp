@@ -30,10 +30,10 @@ class OnlyOne {
                                                        picture::full_name(bridge_mutex), picture::last_failure()));
         }
         if (picture::platform::try_own(mutex_)) return;
-        const std::string holder = picture::describe_holder(mutex_);
+        const auto holder = picture::platform::lock_holder(mutex_);
         picture::platform::close(mutex_);
-        throw Error(ErrorKind::refused, fmt::format("another bridge runs for this machine's region{}{}; stop it first",
-                                                    holder.empty() ? "" : ": ", holder));
+        throw Error(ErrorKind::refused, fmt::format("another bridge runs for this machine's region{}; stop it first",
+                                                    holder ? fmt::format(": process {}", holder->process) : ""));
     }
     ~OnlyOne() { picture::platform::close(mutex_); }
     OnlyOne(const OnlyOne&) = delete;
@@ -64,14 +64,9 @@ Exit run(const std::string& file) {
 void add_run_command(CLI::App& app, Command& command) {
     static std::string file;
     CLI::App* const run_command = app.add_subcommand("run", "Bridge this machine's region until told to stop");
-    run_command->add_option("--config", file, "The bridge's configuration (etc/bridge.xml below the installation path)")
-        ->type_name("FILE");
-    run_command->callback(
-        [&command] { command = [] { return run(file.empty() ? installed_configuration_file() : file); }; });
-}
-
-void add_commands(CLI::App& app, Command& command) {
-    add_run_command(app, command);
+    add_configuration(*run_command, file);
+    run_command->footer("Exit status: 0 stopped by a signal; 5 it could not start, or failed.");
+    run_command->callback([&command] { command = [] { return run(file_or_installed(file)); }; });
 }
 
 }  // namespace bridge

@@ -1,0 +1,195 @@
+"""shmnmbridge run: two machines on one host, which differ in their names, and a real etcd."""
+import signal
+import socket
+import sys
+
+import bridge_support
+from bridge_support import BridgeTest, PLATFORM, until
+import etcd_support
+import support
+
+
+class Run(BridgeTest):
+    def test_two_machines_converge_and_a_clean_end_is_seen(self):
+        alpha, beta = self.machine("alpha", address="http://127.0.0.1:9683").create(), self.machine("beta").create()
+        self.assertEqual(alpha.start().ready, f"ready: server alpha of cluster {self.cluster}")
+        beta.start()
+        alpha.api.ok("shmnm_setnodestat", "alpha", 1)
+        alpha.api.ok("shmnm_sethbrscsvstat", "lan", "lan1", 0, 7)
+        alpha.api.ok("shmnm_setrscsvstat_nw", "lan", "lan1", 0, 8)
+        beta.api.ok("shmnm_setpingstat", "beta", 5)
+        beta.waits_for(1, "shmnm_getnodestat", "alpha")
+        beta.waits_for(7, "shmnm_gethbrscsvstat", "lan", "lan1", 0)
+        beta.waits_for(8, "shmnm_getrscsvstat_nw", "lan", "lan1", 0)
+        alpha.waits_for(5, "shmnm_getpingstat", "beta")
+        alpha.waits_for_freshness("beta", "fresh")
+        beta.waits_for_freshness("alpha", "fresh")
+        beta.api.ok("shmnm_setclstat", 4)
+        alpha.waits_for(4, "shmnm_getclstat")
+        beta.api.ok("shmnm_sethbinfo_ex", 3, 9)
+        until(lambda: alpha.api.call("shmnm_gethbinfo_ex") == (0, ["3", "9"]), "the pair")
+        status = beta.run("status")
+        self.assertEqual(status.status, 0, status)
+        self.assertIn("alpha   fresh", status.out)
+        self.assertIn("http://127.0.0.1:9683", status.out)
+        self.assertEqual({"claim/alpha", "state/alpha", "beat/alpha"} & set(self.keys()), {"claim/alpha", "state/alpha", "beat/alpha"})
+
+        if PLATFORM == "linux":
+            self.assertEqual(alpha.bridge.end(signal.SIGTERM), 0, alpha.bridge.logged())
+            self.assertEqual([key for key in self.keys() if "alpha" in key], [], "a clean end deletes its keys")
+        else:
+            alpha.bridge.end()
+        beta.waits_for(2, "shmnm_getnodestat", "alpha")
+        beta.waits_for(2, "shmnm_gethbrscsvstat", "lan", "lan1", 0)
+        beta.waits_for_freshness("alpha", "silent")
+        self.assertEqual(beta.run("status").status, 1)
+        self.assertEqual(alpha.run("status").status, 3)
+        self.assertEqual(alpha.get("shmnm_getnodestat", "alpha"), [1], "its own words are as they were")
+        alpha.start()
+        beta.waits_for(1, "shmnm_getnodestat", "alpha")
+
+    def test_a_second_bridge_of_a_region_is_refused(self):
+        alpha = self.machine("alpha").create()
+        alpha.start()
+        second = alpha.run("run")
+        self.assertEqual(second.status, 5)
+        self.assertRegex(second.err, r"^shmnmbridge: another bridge runs for this machine's region.*; stop it first\r?\n$")
+        if PLATFORM == "linux":
+            self.assertIn(f": process {alpha.bridge.process.pid}; ", second.err)
+        self.assertEqual(alpha.status()["up"], True)
+
+    def test_a_second_machine_of_a_name_is_refused_by_the_first_ones_claim(self):
+        first, second = self.machine("alpha").create(), self.machine("alpha").create()
+        first.start()
+        until(lambda: first.status().get("running"), "the first one's claim")
+        second.start()
+        until(lambda: second.status().get("refused"), "the refusal")
+        self.assertIn("another machine (host ", second.bridge.logged())
+        self.assertEqual((second.status()["running"], second.run("status").status), (False, 1))
+        check = second.run("check")
+        self.assertEqual(check.status, 1)
+        self.assertRegex(check.out, r"wrong  another machine, host \S+, has claimed the name alpha; ")
+        self.assertTrue(first.status()["running"])
+
+    def test_a_region_of_other_counts_is_not_fed(self):
+        alpha, beta = self.machine("alpha").create(), self.machine("beta").create()
+        configured = (beta.folder / "etc/cluster.xml").read_text()
+        (beta.folder / "etc/cluster.xml").write_text(configured.replace("<hbr>3", "<hbr>2"))
+        before = beta.api.ok("shmnm_getmaxvalue_ex")
+        alpha.api.ok("shmnm_setnodestat", "alpha", 1)
+        alpha.start()
+        beta.start()
+        until(lambda: beta.status().get("running") and beta.freshness("alpha"), "the bridge knows of alpha")
+        until(lambda: "nothing is fed into it until they are equal" in beta.bridge.logged(), "what is wrong is said")
+        self.assertEqual(beta.status()["fed"], False)
+        self.assertEqual(beta.run("status").status, 1)
+        self.assertIn("wrong  the region has servers 4, hb 3, np 2, fst 1, this machine's configuration has servers 4, hb 2, np 2, fst 1;", beta.run("check").out)
+        # alpha's words came with the claim that beta has read; a feed would have followed within two looks.
+        alpha.waits_for_freshness("beta", "fresh")
+        self.assertEqual(beta.get("shmnm_getnodestat", "alpha"), [2])
+        self.assertEqual(beta.api.ok("shmnm_getmaxvalue_ex"), before)
+        (beta.folder / "etc/cluster.xml").write_text(configured)
+        beta.waits_for(1, "shmnm_getnodestat", "alpha")
+        self.assertIn("the region is bridged", beta.bridge.logged())
+
+    def test_without_etcd_every_call_has_the_same_result(self):
+        nobody = [f"http://127.0.0.1:{port}" for port in etcd_support.free_ports(2)]
+        alone, bridged = self.machine("alpha", nobody).create(), self.machine("alpha", nobody).create()
+        bridged.start()
+        until(lambda: bridged.status().get("up"), "the bridge runs")
+        calls = [("shmnm_setnodestat", "alpha", 1), ("shmnm_setnodestat", "beta", 1), ("shmnm_setnodestat", "gamma", 1), ("shmnm_setclstat", 3),
+                 ("shmnm_sethbinfo_ex", 0, 1), ("shmnm_sethbinfo_ex", 2, 3), ("shmnm_addnode", "gamma", 2), ("shmnm_addnode", "gamma", 2),
+                 ("shmnm_sethbrscstat", "lan", "lan1", 6), ("shmnm_sethbrscsvstat", "lan", "lan1", 1, 5), ("shmnm_rwlock", 0), ("shmnm_rwunlock",),
+                 ("shmnm_settypehbstat", "lan", 4), ("shmnm_rmnode", "beta"), ("shmnm_getclstat",), ("shmnm_getnodestat", "alpha"), ("shmnm_clear",),
+                 ("shmnm_addnode", "alpha", 0), ("shmnm_setnodestat", "alpha", 1)]
+        for _ in range(5):
+            for call in calls:
+                self.assertEqual(bridged.api.call(*call), alone.api.call(*call), call)
+        self.assertEqual(bridged.words(), alone.words())
+        self.assertEqual(bridged.status()["connected"], False)
+        self.assertEqual(bridged.run("status").status, 1)
+
+    def test_an_etcd_that_hangs_delays_no_look_and_is_found_again(self):
+        etcd = etcd_support.Cluster(self.addCleanup)
+        alpha, beta = self.machine("alpha", etcd.endpoints).create(), self.machine("beta", etcd.endpoints).create()
+        alpha.start()
+        beta.start()
+        alpha.waits_for_freshness("beta", "fresh")
+        etcd.members[0].stop()
+        try:
+            until(lambda: not alpha.status().get("connected", True), "it notices")
+            # The marks would stand still, and show no bridge.
+            status = alpha.status()
+            self.assertEqual((status["up"], alpha.freshness("beta")), (True, "unknown"))
+            alpha.api.ok("shmnm_setnodestat", "alpha", 1)
+            self.assertIn("cut off from etcd", alpha.bridge.logged())
+        finally:
+            etcd.members[0].go_on()
+        beta.waits_for(1, "shmnm_getnodestat", "alpha")
+        alpha.waits_for_freshness("beta", "fresh")
+        self.assertEqual(alpha.bridge.logged().count("cut off from etcd"), 1)
+
+    def test_a_local_word_stays_local(self):
+        alpha, beta = self.machine("alpha", local="bwflag").create(), self.machine("beta").create()
+        alpha.start()
+        beta.start()
+        alpha.waits_for_freshness("beta", "fresh")
+        alpha.api.ok("shmnm_setbwflag", 6)
+        alpha.api.ok("shmnm_setwaitstat", 3)
+        beta.waits_for(3, "shmnm_getwaitstat")
+        self.assertEqual(beta.get("shmnm_getbwflag"), [0])
+
+    def test_without_a_region_it_waits_for_one(self):
+        alpha = self.machine("alpha")
+        alpha.start()
+        until(lambda: "no process holds the region" in alpha.bridge.logged(), "it is said")
+        alpha.create(servers=("beta",))
+        until(lambda: "the region has no server alpha" in alpha.bridge.logged(), "it is said")
+        self.assertEqual(self.keys(), {})
+        alpha.api.ok("shmnm_addnode", "alpha", 1)
+        until(lambda: "claim/alpha" in self.keys(), "the claim")
+        self.assertIn("the region is bridged", alpha.bridge.logged())
+
+
+class LinuxRun(BridgeTest):
+    def test_it_ends_in_time_although_etcd_hangs(self):
+        etcd = etcd_support.Cluster(self.addCleanup)
+        alpha = self.machine("alpha", etcd.endpoints).create()
+        alpha.start()
+        until(lambda: alpha.status().get("running"), "the claim")
+        etcd.members[0].stop()
+        self.addCleanup(etcd.members[0].go_on)
+        self.assertEqual(alpha.bridge.end(signal.SIGINT), 0)
+        self.assertIn("etcd has not confirmed the end in time: the claim ends with its lease", alpha.bridge.logged())
+
+    def test_it_tells_the_service_manager_how_it_is(self):
+        alpha = self.machine("alpha").create()
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.settimeout(bridge_support.DEADLINE)
+        manager.bind(str(alpha.folder / "notify"))
+        alpha.start(NOTIFY_SOCKET=str(alpha.folder / "notify"), WATCHDOG_USEC="200000")
+        told = [manager.recv(100).decode() for _ in range(5)]
+        self.assertEqual(told, ["READY=1"] + 4 * ["WATCHDOG=1"])
+        alpha.bridge.process.send_signal(signal.SIGTERM)
+        while told[-1] == "WATCHDOG=1":
+            told.append(manager.recv(100).decode())
+        self.assertEqual(told[-1], "STOPPING=1")
+        self.assertEqual(alpha.bridge.process.wait(bridge_support.DEADLINE), 0)
+
+
+class WindowsRun(BridgeTest):
+    def test_ctrl_c_ends_it_cleanly(self):
+        alpha = self.machine("alpha").create()
+        done = alpha.run(*support.native_program("shmnmbridge"), "run", program="console_interrupt")
+        self.assertEqual((done.status, done.out.strip()), (0, f"ready: server alpha of cluster {self.cluster}"), done)
+        self.assertEqual(self.keys(), {})
+
+
+if PLATFORM == "windows":
+    del LinuxRun
+else:
+    del WindowsRun
+
+if __name__ == "__main__":
+    bridge_support.main()
