@@ -237,6 +237,10 @@ function(shmnm_install libdir runtime development tool web)
             DESTINATION ${CMAKE_INSTALL_DATADIR}/shmnm
             COMPONENT ${tool} ${ARGN})
         install(
+            DIRECTORY ${PROJECT_SOURCE_DIR}/tools/shmnmctl/powershell/Shmnm
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/shmnm
+            COMPONENT ${tool} ${ARGN})
+        install(
             FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
             DESTINATION ${libdir}
             COMPONENT ${development} ${ARGN})

@@ -1,7 +1,7 @@
 # Completion of shmnmctl for PowerShell: the command itself says what may follow. Load it in your profile:
 #     . 'C:\Program Files\shmnm\share\shmnm\shmnmctl.ps1'
 
-Register-ArgumentCompleter -Native -CommandName shmnmctl, shmnmctl.exe -ScriptBlock {
+Register-ArgumentCompleter -Native -CommandName @('shmnmctl', 'shmnmctl.exe') -ScriptBlock {
     param($wordToComplete, $commandAst, $cursorPosition)
     $before = @($commandAst.CommandElements | Where-Object { $_.Extent.EndOffset -lt $cursorPosition })
     $words = @($before | ForEach-Object { $_.Extent.Text -replace '[''"]', '' })
