@@ -8,11 +8,13 @@ network, what etcd and the bridges use. --soak goes on, with cuts, failures of m
 memory and descriptors of the bridges, none of which is started again. Only the soak can fail: the machine's speed is not the subject.
 """
 import argparse
+import json
 import os
 import pathlib
 import random
 import re
 import signal
+import subprocess
 import sys
 import threading
 import time
@@ -36,8 +38,8 @@ def network_bytes(machine):
     """What has gone to a machine and come from it; nothing without namespaces."""
     if not machine.place.command:
         return 0
-    folder = pathlib.Path(f"/sys/class/net/to-{machine.place.name}/statistics")
-    return sum(int((folder / name).read_text()) for name in ("rx_bytes", "tx_bytes")) if folder.exists() else 0
+    told = subprocess.run(["ip", "-s", "-j", "link", "show", "dev", f"to-{machine.place.name}"], capture_output=True, check=True)
+    return sum(json.loads(told.stdout)[0]["stats64"][way]["bytes"] for way in ("rx", "tx"))
 
 
 def transactions(etcd):
