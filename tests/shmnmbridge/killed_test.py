@@ -138,7 +138,7 @@ class Lock(BridgeTest):
                 self.fail(f"{line} while the lock is held")
         self.assertGreaterEqual(holds, 5)
         self.assertGreaterEqual(calls, 4 * 5, "a reading and a call for each word")
-        self.assertGreater(network, 100)
+        self.assertGreater(network, 10, "the trace shows what the other thread does")
 
 
 if __name__ == "__main__":
