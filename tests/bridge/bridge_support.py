@@ -151,6 +151,8 @@ class Etcd:
         kept = self.post("/v3/kv/range", {"key": encoded(PREFIX), "range_end": encoded(after_prefix(PREFIX)), "keys_only": True}).get("kvs", ())
         newest = max((int(one["mod_revision"]) for one in kept), default=0)
         wait_until(lambda: history.revision >= newest, "the history is read")
+        # A watch that begins again must not ask for what is compacted.
+        history.revision = max(history.revision, int(answer["header"]["revision"]))
         self.post("/v3/kv/compaction", {"revision": answer["header"]["revision"], "physical": True})
         for member in self.members:
             member.post("/v3/maintenance/defragment", {}, DEADLINE)
@@ -195,7 +197,7 @@ class History:
                     pair = event["kv"]
                     value = None if event.get("type") == "DELETE" else json.loads(decoded(pair["value"]))
                     self.changes.append((int(pair["mod_revision"]), decoded(pair["key"])[len(PREFIX):], value))
-                    self.revision = int(pair["mod_revision"])
+                    self.revision = max(self.revision, int(pair["mod_revision"]))
 
     def end(self):
         self.ended = True
