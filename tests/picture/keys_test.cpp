@@ -119,7 +119,7 @@ std::string pattern_of(const std::string& key) {
             if (part == 2) text = "NAME";
             if (part == 4) text = "SERVER";
         }
-        if (is_pid && part == 2) text = "NAME";
+        if ((is_pid || key.starts_with("bridge/servers/")) && part == 2) text = "NAME";
         if (is_pid && part == 3) text = "KIND";
         pattern += (part ? "/" : "") + text;
         begin = end + 1;
@@ -131,7 +131,13 @@ TEST_F(Keys, AreEachNamedOnceInTheHelp) {
     LibraryRegion region({.servers = 2, .hb = 2, .np = 2, .fst = 1});
     region.fill();
     std::set<std::string> listed;
-    for (const Word& word : words(decode(region.dump()))) listed.insert(pattern_of(word.key));
+    Picture picture = decode(region.dump());
+    picture.bridge = Bridge{.is_up = true, .stopped_us = 0, .marks = {}, .left_out = 0};
+    picture.bridge->marks.servers.push_back({.server = "alpha"});
+    for (const Word& word : words(picture)) {
+        listed.insert(pattern_of(word.key));
+        EXPECT_EQ(find(picture, word.key), word) << word.key;
+    }
     std::vector<std::string> helped;
     for (const KeyHelp& help : key_help()) {
         helped.push_back(help.pattern);

@@ -21,7 +21,7 @@ class Changing(ToolTest):
         api.ok("shmnm_setfstrscpid", "agent", 1, 1, 1)
         fixed = {"alive", "dfailstatus", "combstat", "max_servers", "max_hb", "max_np", "hbinfo_a", "hbinfo_b", "pri"}
         keys = [line.split(" ")[0] for line in self.tool("list").lines]
-        keys = [key for key in keys if key.split("/")[-1] not in fixed]
+        keys = [key for key in keys if key.split("/")[-1] not in fixed and not key.startswith("bridge/")]
         values = {key: str(1000 + i) for i, key in enumerate(keys)}
         self.done("set", "-", input="".join(f"{key} {value}\n" for key, value in values.items()))
         listed = dict(line.split(" ") for line in self.tool("list").lines)

@@ -103,9 +103,9 @@ class Looking(ToolTest):
     def test_every_word_is_shown_as_the_library_returns_it(self):
         api = busy_cluster(self)
         expected = answers(api)
-        self.assertEqual(dict(line.split(" ") for line in self.tool("list").lines), expected)
+        self.assertEqual(dict(line.split(" ") for line in self.tool("list").lines), expected | {"bridge/up": "0"})
         listed = self.tool("list", "--format", "json").json["words"]
-        self.assertEqual({key: str(value) for key, value in listed.items()}, expected)
+        self.assertEqual({key: str(value) for key, value in listed.items()}, expected | {"bridge/up": "0"})
         status = self.tool("status", "--format", "json").json
         self.assertEqual(flattened(status), expected)
         self.assertEqual(status["simulation"]["failed"], ["beta"])
@@ -187,11 +187,13 @@ class Looking(ToolTest):
         # Elsewhere, later, under another configuration.
         self.configure(server=1, hbr=1, npr=1)
         self.environment["KZMUTIL_NAMESPACE"] += "elsewhere-"
-        self.assertEqual(self.tool("list", "--file", file).out, live[0].out)
+        # What is said of the bridge is said of now.
+        self.assertEqual(self.tool("list", "--file", file).out + "bridge/up 0\n", live[0].out)
         self.assertEqual(self.tool("status", file).out, live[1].out)
         self.assertEqual(self.tool("get", "-f", file, "cluster/clstat").out, live[2].out)
         offline = self.tool("status", "--format", "json", file).json
         status["region"]["live"] = False
+        self.assertFalse(status.pop("bridge")["up"])
         self.assertEqual(offline, status)
 
     def rows(self, *arguments):

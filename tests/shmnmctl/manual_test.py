@@ -43,7 +43,7 @@ class Manual(ToolTest):
         keys = []
         for line in re.search(r"## Keys\n\n```\n(.*?)```", document, re.S)[1].splitlines():
             first, *others = line.split()
-            record = re.match(r"(cluster|servers/NAME|(?:hb|np)/TYPE/NAME|fst)/", first)[0]
+            record = re.match(r"(bridge/servers/NAME|bridge|cluster|servers/NAME|(?:hb|np)/TYPE/NAME|fst)/", first)[0]
             keys += [first] + [other if other.startswith(record) else record + other for other in others]
         self.assertEqual(keys, [key for key, _ in key_patterns(self)])
 

@@ -159,6 +159,27 @@ class Api:
         self.process.wait()
 
 
+class Bridge:
+    """A process that writes marks as a bridge does."""
+
+    def __init__(self, environment):
+        self.process = subprocess.Popen(program("marks_writer"), stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=environment)
+
+    def says(self, *servers, **marks):
+        """Writes marks: each server as (name, freshness, more members)."""
+        marks["servers"] = [{"name": name, "freshness": freshness, **more} for name, freshness, more in servers]
+        self.process.stdin.write((json.dumps({"server": "alpha", **marks}) + "\n").encode())
+        self.process.stdin.flush()
+        if self.process.stdout.readline().strip() != b"written":
+            raise AssertionError(f"marks_writer ended with {self.process.wait()}")
+
+    def end(self):
+        if self.process.poll() is None:
+            self.process.stdin.close()
+            self.process.wait()
+        self.process.stdout.close()
+
+
 class ToolTest(unittest.TestCase):
     """A test with an installation and kernel objects of its own."""
 
@@ -233,6 +254,12 @@ class ToolTest(unittest.TestCase):
         caller = Api(self.environment)
         self.addCleanup(caller.end)
         return caller
+
+    def bridge(self):
+        """A bridge that has said nothing yet."""
+        bridge = Bridge(self.environment)
+        self.addCleanup(bridge.end)
+        return bridge
 
     def region(self):
         """A process that has created the region and holds it."""

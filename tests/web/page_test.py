@@ -369,6 +369,58 @@ class Page(WebTest):
         self.cluster()
         self.until(lambda: self.cells() and self.browser.find_element(By.ID, "picture").is_displayed())
 
+    def marked(self):
+        """A page of a machine whose bridge has heard of the two others."""
+        self.cluster()
+        marks = self.bridge()
+        marks.says(("beta", "fresh", {"age_ms": 100, "address": "http://127.0.0.1:1/"}), ("gamma", "silent", {"age_ms": 7000, "address": "javascript:alert(1)"}),
+                   contested=["cluster/clstat"])
+        web = self.serve()
+        self.open(web)
+        return marks
+
+    def hatched(self):
+        """The servers whose columns are hatched, as the browser draws them."""
+        return self.script(
+            "return [...new Set([...document.querySelectorAll('td[data-key^=\"servers/\"]')]"
+            ".filter(td => getComputedStyle(td.firstChild).backgroundImage.includes('repeating-linear-gradient(45deg'))"
+            ".map(td => td.dataset.key.split('/')[1]))]"
+        )
+
+    def test_the_columns_of_machines_that_are_not_heard_are_hatched(self):
+        marks = self.marked()
+        self.assertEqual(self.hatched(), ["gamma"])
+        self.assertRegex(self.script("return document.querySelector('th.server[data-x=\"2\"] small').textContent"), r"^silent since \d\d:\d\d:\d\d$")
+        self.assertTrue(self.cell("servers/gamma/pingstat").get_attribute("aria-label").endswith(", silent"))
+        self.assertFalse(self.script("return document.getElementById('machines-card').hidden"))
+        self.assertTrue(self.script("return document.getElementById('notice').hidden"))
+        self.assertIn("cluster/clstatcontested", self.text("machines"))
+        marks.says(("beta", "silent", {"address": "http://127.0.0.1:1/"}), ("gamma", "fresh", {"address": "javascript:alert(1)"}), contested=["cluster/clstat"])
+        self.until(lambda: self.hatched() == ["beta"])
+
+    def test_a_machine_that_is_cut_off_says_since_when(self):
+        marks = self.marked()
+        marks.says(("beta", "unknown", {"address": "http://127.0.0.1:1/"}), ("gamma", "unknown", {"address": "javascript:alert(1)"}), connected=False,
+                   contested=["cluster/clstat"])
+        self.until(lambda: self.hatched() == ["beta", "gamma"])
+        self.until(lambda: re.match(r"Cut off from the other machines since \d\d:\d\d:\d\d: what is shown of the other machines may be old\.$", self.text("notice")))
+        self.browser.save_screenshot(str(PICTURES / "cut-off.png"))
+        marks.process.kill()
+        self.until(lambda: self.text("notice").startswith("The bridge has ended since "))
+        self.assertEqual(self.hatched(), ["beta", "gamma"])
+
+    def test_the_pages_of_other_machines_are_linked_if_they_are_pages(self):
+        self.marked()
+        links = self.script("return [...document.querySelectorAll('#machines a')].map(a => [a.textContent, a.href, a.rel])")
+        self.assertEqual(links, [["beta", "http://127.0.0.1:1/", "noopener noreferrer"]])
+        self.assertIn("gamma", self.text("machines"))
+
+    def test_without_a_bridge_nothing_is_hatched(self):
+        self.cluster()
+        self.open(self.serve())
+        self.assertEqual(self.hatched(), [])
+        self.assertTrue(self.script("return document.getElementById('machines-card').hidden && document.getElementById('notice').hidden"))
+
     def test_a_screen_reader_hears_server_word_and_value(self):
         self.of_size(*SIZES[0])
         self.open(self.serve("--names", STATES))

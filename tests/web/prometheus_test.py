@@ -81,6 +81,7 @@ class Scraped(WebTest):
             region.ok("shmnm_setnodestat", server, 1)
         region.ok("shmnm_sethbinfo_ex", 3, 4)
         self.region = region
+        self.bridge().says(("beta", "fresh", {}), ("gamma", "silent", {}))
         self.web = self.serve()
         self.port = free_port()
         configuration = self.folder / "prometheus.yml"

@@ -24,12 +24,16 @@ struct Mark {
     bool is_unmatched = false;  ///< this region has no such server
     bool is_duplicate = false;  ///< another server has its priority, so it is not fed
     bool has_other_names = false;  ///< its region has other counts or names
+
+    bool operator==(const Mark&) const = default;
 };
 
 /// How the proposals of this machine's changes of agreed words ended.
 struct ProposalCounts {
     uint64_t proposed = 0, accepted = 0, lost = 0;
     uint64_t replaced = 0;  ///< values of a new region for which etcd's were taken
+
+    bool operator==(const ProposalCounts&) const = default;
 };
 
 struct Marks {
@@ -44,6 +48,8 @@ struct Marks {
     ProposalCounts agreed{};
     std::vector<std::string> contested{};  ///< words that are left alone
     std::vector<std::string> unmatched{};  ///< what exists only elsewhere
+
+    bool operator==(const Marks&) const = default;
 };
 
 }  // namespace bridge

@@ -55,6 +55,9 @@ class Planner {
     }
 
     void add(const Assignment& assignment) {
+        if (is_below(assignment.key, "bridge")) {
+            refuse(ErrorKind::refused, assignment.key, "only the bridge between machines says it");
+        }
         const std::optional<Place> place = locate(picture_, assignment.key);
         if (!place) {
             throw Error(ErrorKind::no_such_key,
@@ -146,6 +149,8 @@ class Planner {
         step(&Library::shmnm_setfstrscpid, record.name, static_cast<int32_t>(place.kind), record.pid[place.kind],
              record.piddata[place.kind]);
     }
+    void add(const Assignment&, const BridgePlace&) {}
+    void add(const Assignment&, const MarkPlace&) {}
     static void store(const Assignment& assignment, uint32_t& word) { word = word_of(assignment); }
     static void store(const Assignment& assignment, uint64_t& word) {
         const auto value = assignment.value.to_uint64();

@@ -18,7 +18,7 @@ struct WordChange {
 };
 
 /// The words at or below a prefix that changed, in the order of the new picture; then the removed words, in the order
-/// of the old picture.
+/// of the old picture. A word that moves all the time is among them only if the prefix is its key.
 std::vector<WordChange> changes(const std::vector<Word>& before, const std::vector<Word>& after,
                                 std::string_view prefix);
 

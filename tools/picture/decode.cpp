@@ -109,6 +109,7 @@ Picture decode(const Snapshot& snapshot) {
     for (int32_t i = 0; i < used.fst_pids.count; ++i) {
         picture.fst_pids.push_back(fst_pid_at(snapshot, used.fst_pids.at(i)));
     }
+    picture.bridge = snapshot.bridge;
     return picture;
 }
 

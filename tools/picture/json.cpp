@@ -123,7 +123,46 @@ void show_interrupted(JsonText& text, const std::vector<Interrupted>& changes) {
     text.end_array();
 }
 
+void show_mark(JsonText& text, const bridge::Mark& mark) {
+    text.begin_object().name("name").string(mark.server).name("freshness").string(name_of(mark.freshness));
+    text.name("age_ms");
+    mark.age < 0 ? text.null() : text.number(mark.age);
+    text.name("revision").value(mark.sequence).name("address").string(mark.address);
+    text.name("claimed").boolean(mark.is_claimed).name("unmatched").boolean(mark.is_unmatched);
+    text.name("duplicate_priority").boolean(mark.is_duplicate).name("other_names").boolean(mark.has_other_names);
+    text.end_object();
+}
+
+void show_texts(JsonText& text, const std::vector<std::string>& all) {
+    text.begin_array();
+    for (const std::string& one : all) text.string(one);
+    text.end_array();
+}
+
+void show_bridge(JsonText& text, const Bridge& bridge) {
+    const bridge::Marks& marks = bridge.marks;
+    text.begin_object().name("up").boolean(bridge.is_up).name("stopped_ms");
+    bridge.stopped_us == 0 ? text.null() : text.number(bridge.stopped_us / 1'000);
+    text.name("connected").boolean(marks.is_connected).name("running").boolean(marks.is_running);
+    text.name("refused").boolean(marks.is_refused).name("fed").boolean(marks.is_fed);
+    text.name("cluster").string(marks.cluster).name("server").string(marks.server);
+    text.name("member").string(marks.member).name("proposals").begin_object();
+    text.name("proposed").value(marks.agreed.proposed).name("accepted").value(marks.agreed.accepted);
+    text.name("lost").value(marks.agreed.lost).name("replaced").value(marks.agreed.replaced).end_object();
+    show_texts(text.name("contested"), marks.contested);
+    show_texts(text.name("unmatched"), marks.unmatched);
+    text.name("left_out").value(bridge.left_out).name("servers").begin_array();
+    for (const bridge::Mark& mark : marks.servers) show_mark(text, mark);
+    text.end_array().end_object();
+}
+
 }  // namespace
+
+std::string to_json_text(const Bridge& bridge) {
+    JsonText text;
+    show_bridge(text, bridge);
+    return text.take();
+}
 
 Json document(const char* kind) {
     return Json{{"version", document_version}, {"kind", kind}};
@@ -172,6 +211,7 @@ std::string status_line(const Snapshot& snapshot, const Picture& picture) {
     show_simulation(text.name("simulation"), picture);
     show_fst(text.name("fst"), picture);
     show_interrupted(text.name("interrupted"), interrupted_in(snapshot));
+    if (snapshot.bridge) show_bridge(text.name("bridge"), *snapshot.bridge);
     return line(text);
 }
 

@@ -27,6 +27,9 @@ std::string line(JsonText& document);
 
 /// The whole picture, as document "status" in one line with a newline.
 std::string status_line(const Snapshot& snapshot, const Picture& picture);
+/// The member "bridge" of that document.
+std::string to_json_text(const Bridge& bridge);
+
 /// The same as values, for what changes them.
 Json to_json(const Snapshot& snapshot, const Picture& picture);
 

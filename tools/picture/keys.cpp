@@ -41,6 +41,13 @@ Value value_of(const Picture&, const PidPlace& place) {
     return place.word->value(*place.record, place.kind);
 }
 
+Value value_of(const Picture& picture, const BridgePlace& place) {
+    return place.word->value(*picture.bridge);
+}
+Value value_of(const Picture&, const MarkPlace& place) {
+    return place.word->value(*place.mark);
+}
+
 uint64_t offset_of(const Picture&, const ClusterPlace& place) {
     return place.word->source.offset();
 }
@@ -59,6 +66,13 @@ uint64_t offset_of(const Picture& picture, const FstPlace& place) {
 }
 uint64_t offset_of(const Picture&, const PidPlace& place) {
     return place.record->offset + place.word->offset + place.word->size() * place.kind;
+}
+
+uint64_t offset_of(const Picture&, const BridgePlace&) {
+    return 0;
+}
+uint64_t offset_of(const Picture&, const MarkPlace&) {
+    return 0;
 }
 
 template <typename AnyPlace>
@@ -180,7 +194,40 @@ std::optional<Place> locate_fst(const Picture& picture, const std::vector<std::s
     return PidPlace{word, record, static_cast<size_t>(part[3][0] - '0')};
 }
 
+std::optional<Place> locate_in_bridge(const Picture& picture, const std::vector<std::string_view>& part) {
+    if (!picture.bridge) return std::nullopt;
+    if (part.size() == 2) {
+        const BridgeWord* const word = entry(bridge_words, part[1]);
+        if (!word || (word != bridge_words && !picture.bridge->is_there())) return std::nullopt;
+        return BridgePlace{word};
+    }
+    const MarkWord* const word = part.size() == 4 && part[1] == "servers" ? entry(mark_words, part[3]) : nullptr;
+    const bridge::Mark* const mark = word ? find_mark(*picture.bridge, part[2]) : nullptr;
+    if (!mark) return std::nullopt;
+    return MarkPlace{word, mark};
+}
+
 }  // namespace
+
+std::vector<Word> words(const Bridge& bridge) {
+    std::vector<Word> all;
+    for (const BridgeWord& word : bridge_words) {
+        all.push_back({std::string("bridge/") + word.key, word.value(bridge)});
+        if (!bridge.is_there()) return all;
+    }
+    for (const bridge::Mark& mark : bridge.marks.servers) {
+        for (const MarkWord& word : mark_words) {
+            all.push_back({fmt::format("bridge/servers/{}/{}", mark.server, word.key), word.value(mark)});
+        }
+    }
+    return all;
+}
+
+bool moves(std::string_view key) {
+    if (!key.starts_with("bridge/servers/")) return false;
+    const MarkWord* const word = entry(mark_words, key.substr(key.rfind('/') + 1));
+    return word && word->moves;
+}
 
 std::vector<Word> words(const Picture& picture) {
     Collector to;
@@ -196,7 +243,11 @@ std::vector<Word> words(const Picture& picture) {
     }
     for (const ResourceKind& kind : resource_kinds) add_resources(to, picture, kind, servers);
     add_fst(to, picture);
-    return to.take();
+    std::vector<Word> all = to.take();
+    if (picture.bridge) {
+        for (Word& word : words(*picture.bridge)) all.push_back(std::move(word));
+    }
+    return all;
 }
 
 std::optional<Place> locate(const Picture& picture, std::string_view key) {
@@ -204,6 +255,7 @@ std::optional<Place> locate(const Picture& picture, std::string_view key) {
     if (part[0] == "cluster") return locate_in_cluster(part);
     if (part[0] == "servers") return locate_server(picture, part);
     if (part[0] == "fst") return locate_fst(picture, part);
+    if (part[0] == "bridge") return locate_in_bridge(picture, part);
     const ResourceKind* const kind = entry(resource_kinds, part[0]);
     return kind ? locate_resource(picture, *kind, part) : std::nullopt;
 }
@@ -252,12 +304,25 @@ std::string numbers_of(const PidWord& word) {
     return word.size() == sizeof(uint32_t) ? range_of_words : range_of_long_words;
 }
 
+std::string numbers_of(const BridgeWord&) {
+    return "";
+}
+std::string numbers_of(const MarkWord&) {
+    return "";
+}
+
 template <typename AnyWord>
 Values values_of(const AnyWord& word) {
     return word.source.values();
 }
 Values values_of(const RowWord&) {
     return any_word;
+}
+Values values_of(const BridgeWord& word) {
+    return word.values;
+}
+Values values_of(const MarkWord& word) {
+    return word.values;
 }
 Values values_of(const PidWord& word) {
     return word.size() == sizeof(uint32_t) ? any_word : any_long_word;
@@ -287,6 +352,8 @@ std::vector<KeyHelp> key_help() {
     }
     for (const FstWord& word : fst_words) describe(std::string("fst/") + word.key, word);
     for (const PidWord& word : pid_words) describe(fmt::format("fst/{}/NAME/KIND", word.key), word);
+    for (const BridgeWord& word : bridge_words) describe(std::string("bridge/") + word.key, word);
+    for (const MarkWord& word : mark_words) describe(std::string("bridge/servers/NAME/") + word.key, word);
     return all;
 }
 

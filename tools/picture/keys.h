@@ -25,6 +25,11 @@ struct Word {
 
 /// All words, in the order of the picture. If several records share a name, only the first is listed.
 std::vector<Word> words(const Picture& picture);
+/// The words of the bridge alone, the last ones of a picture. Without marks there is one: it is not up.
+std::vector<Word> words(const Bridge& bridge);
+
+/// Whether a word moves all the time, so that its changes are told only to those who ask for it.
+bool moves(std::string_view key);
 
 // What a key names. The pointers are into the picture and the tables of words.
 struct ClusterPlace {
@@ -54,7 +59,15 @@ struct PidPlace {
     const FstPid* record;
     size_t kind;
 };
-using Place = std::variant<ClusterPlace, ServerPlace, ResourcePlace, RowPlace, FstPlace, PidPlace>;
+struct BridgePlace {
+    const BridgeWord* word;
+};
+struct MarkPlace {
+    const MarkWord* word;
+    const bridge::Mark* mark;
+};
+using Place =
+    std::variant<ClusterPlace, ServerPlace, ResourcePlace, RowPlace, FstPlace, PidPlace, BridgePlace, MarkPlace>;
 
 /// The place that a key names; nothing if there is no such word. Looks only at the records that the key names.
 std::optional<Place> locate(const Picture& picture, std::string_view key);

@@ -335,6 +335,8 @@ std::optional<Snapshot> LiveRegion::try_copy(Bytes wanted, uint32_t lock_timeout
     const std::unique_ptr<View> view = open();
     if (!view) return std::nullopt;
     Snapshot snapshot = empty_copy_of(*view, wanted);
+    // Before the region: what the bridge calls fresh now, it has set by now.
+    snapshot.bridge = bridge_.read();
     const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
     if (is_reader()) {
         copy_as_reader(snapshot, *view, timeout_ms);

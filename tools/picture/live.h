@@ -91,6 +91,7 @@ class LiveRegion {
     void tell(const char* what, const char* name);
 
     Access access_;
+    BridgeReader bridge_;
     void* mutex_ = nullptr;
     bool told_ = false, is_reader_ = false;
 };

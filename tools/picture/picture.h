@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "picture/bridge.h"
 #include "picture/layout.h"
 #include "shmnm.h"
 
@@ -58,6 +59,7 @@ struct Picture {
     std::vector<Resource> hb, np;
     std::optional<Fst> fst;  ///< none if the region was laid out without an fst record
     std::vector<FstPid> fst_pids;
+    std::optional<Bridge> bridge{};  ///< beside the region; nothing where it is not known
 
     bool is_any_alive() const {
         return std::any_of(servers.begin(), servers.end(), [](const Server& server) { return server.is_alive(); });

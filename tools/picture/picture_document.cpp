@@ -245,7 +245,10 @@ Counts read_counts(const Entry& from) {
 }  // namespace
 
 Document document_of_rest(const Snapshot& snapshot) {
-    return {snapshot.counts, decode(snapshot)};
+    Document document{snapshot.counts, decode(snapshot)};
+    // It is not of the region.
+    document.picture.bridge.reset();
+    return document;
 }
 
 Document document_of(const Snapshot& snapshot) {

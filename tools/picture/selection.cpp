@@ -15,7 +15,8 @@
 namespace picture {
 namespace {
 
-constexpr std::string_view areas[] = {"cluster", "servers", resource_kinds[0].key, resource_kinds[1].key, "fst"};
+constexpr std::string_view areas[] = {"cluster", "servers", resource_kinds[0].key, resource_kinds[1].key,
+                                      "fst",     "bridge"};
 
 /// A word as the rows of a table have it: alone, or once for each server or kind.
 struct RowKey {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "note.h"
+#include "picture/bridge.h"
 #include "picture/layout.h"
 #include "picture/platform.h"
 
@@ -46,6 +47,9 @@ struct Snapshot {
     /// counted.
     std::optional<uint64_t> steps;
     std::optional<shmnm::Note> note;  ///< of the live region's lock, where there is one
+    /// The bridge between machines, as it was just before the copy; nothing in a dump, or from a server that does not
+    /// tell.
+    std::optional<Bridge> bridge;
 
     bool holds(uint64_t offset, uint64_t size) const { return offset <= bytes.size() && size <= bytes.size() - offset; }
     /// The word at a place that the copy holds.

@@ -137,9 +137,67 @@ shmnm::Note note_of(const Json& hex) {
     return note;
 }
 
+std::string text_of(const Json& value) {
+    if (!value.is_string()) refuse("a text is missing");
+    return value.get<std::string>();
+}
+
+std::vector<std::string> texts_of(const Json& values) {
+    if (!values.is_array()) refuse("a list is missing");
+    std::vector<std::string> all;
+    for (const Json& value : values) all.push_back(text_of(value));
+    return all;
+}
+
+bridge::Mark mark_of(const Json& object) {
+    const Members members(object);
+    bridge::Mark mark;
+    mark.server = text_of(members.get("name"));
+    const std::string freshness = text_of(members.get("freshness"));
+    for (const auto each : {bridge::Freshness::fresh, bridge::Freshness::silent}) {
+        if (freshness == name_of(each)) mark.freshness = each;
+    }
+    if (!members.get("age_ms").is_null()) mark.age = members.number<int64_t>("age_ms");
+    mark.sequence = members.number<uint64_t>("revision");
+    mark.address = text_of(members.get("address"));
+    mark.is_claimed = members.flag("claimed");
+    mark.is_unmatched = members.flag("unmatched");
+    mark.is_duplicate = members.flag("duplicate_priority");
+    mark.has_other_names = members.flag("other_names");
+    return mark;
+}
+
+Bridge bridge_of(const Json& object) {
+    const Members members(object);
+    Bridge bridge;
+    bridge.is_up = members.flag("up");
+    if (!members.get("stopped_ms").is_null()) {
+        bridge.stopped_us = std::min<uint64_t>(members.number<uint64_t>("stopped_ms"), INT64_MAX / 1'000) * 1'000;
+    }
+    bridge::Marks& marks = bridge.marks;
+    marks.is_connected = members.flag("connected");
+    marks.is_running = members.flag("running");
+    marks.is_refused = members.flag("refused");
+    marks.is_fed = members.flag("fed");
+    marks.cluster = text_of(members.get("cluster"));
+    marks.server = text_of(members.get("server"));
+    marks.member = text_of(members.get("member"));
+    const Members proposals(members.get("proposals"));
+    marks.agreed = {proposals.number<uint64_t>("proposed"), proposals.number<uint64_t>("accepted"),
+                    proposals.number<uint64_t>("lost"), proposals.number<uint64_t>("replaced")};
+    marks.contested = texts_of(members.get("contested"));
+    marks.unmatched = texts_of(members.get("unmatched"));
+    bridge.left_out = members.number<uint64_t>("left_out");
+    const Json& servers = members.get("servers");
+    if (!servers.is_array()) refuse("the marks are missing");
+    for (const Json& server : servers) marks.servers.push_back(mark_of(server));
+    make_safe(marks);
+    return bridge;
+}
+
 }  // namespace
 
-Transfer to_transfer(const Snapshot& snapshot, bool is_lock_held, bool with_zeros) {
+Transfer to_transfer(const Snapshot& snapshot, const Bridge* bridge, bool is_lock_held, bool with_zeros) {
     const std::vector<SentRange> ranges =
         with_zeros ? std::vector<SentRange>{{0, snapshot.bytes.size()}} : ranges_in_use(snapshot.bytes);
     Json head = document("snapshot");
@@ -156,8 +214,7 @@ Transfer to_transfer(const Snapshot& snapshot, bool is_lock_held, bool with_zero
     head["lock"] = snapshot.lock ? to_json(*snapshot.lock) : Json();
     head["lock_held"] = is_lock_held;
     head["note"] = snapshot.note ? Json(to_hex(*snapshot.note)) : Json();
-    // Nothing on this machine marks words that come from others.
-    head["marks"] = nullptr;
+    head["marks"] = bridge ? Json::parse(to_json_text(*bridge)) : Json();
     head["ranges"] = Json::array();
     Transfer transfer;
     for (const SentRange& range : ranges) {
@@ -191,6 +248,8 @@ Arrival from_transfer(std::string_view text) {
     snapshot.wanted = members.flag("all") ? Bytes::all : Bytes::in_use;
     if (const Json& lock = members.get("lock"); !lock.is_null()) snapshot.lock = lock_of(lock);
     arrival.is_lock_held = members.flag("lock_held");
+    // An older server has none.
+    if (head.contains("marks") && !head["marks"].is_null()) snapshot.bridge = bridge_of(head["marks"]);
     if (const Json& note = members.get("note"); !note.is_null()) snapshot.note = note_of(note);
     const auto size = members.number<uint64_t>("size");
     if (size < sizeof(shmnm_header) || size > std::numeric_limits<uint32_t>::max()) refuse("no region has that size");

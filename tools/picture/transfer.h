@@ -15,9 +15,10 @@ struct Transfer {
     std::vector<std::string_view> bytes;  ///< what follows it; parts of the copy
 };
 
+/// @param[in] bridge        as it is now; null: not known
 /// @param[in] is_lock_held  whether the owner that the copy names has the lock still
 /// @param[in] with_zeros    also the bytes that are zero
-Transfer to_transfer(const Snapshot& snapshot, bool is_lock_held, bool with_zeros);
+Transfer to_transfer(const Snapshot& snapshot, const Bridge* bridge, bool is_lock_held, bool with_zeros);
 
 struct Arrival {
     Snapshot snapshot;

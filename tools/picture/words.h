@@ -149,6 +149,24 @@ struct TableCount {
     int64_t (*slots)(const Counts& counts);  ///< of a region that is laid out by these counts
 };
 
+/// A word of the bridge between machines.
+struct BridgeWord {
+    const char* key;
+    Value (*value)(const Bridge& bridge);
+    Values values;
+    const char* help;
+    bool is_flag = false;
+};
+
+/// A word of the bridge's mark of a server.
+struct MarkWord {
+    const char* key;
+    Value (*value)(const bridge::Mark& mark);
+    Values values;
+    const char* help;
+    bool moves = false;  ///< all the time, so its changes are not told
+};
+
 /// A function of the library that leaves a note of its change.
 struct NotedFunction {
     shmnm::NotedCall call;
@@ -282,6 +300,46 @@ inline constexpr FstWord fst_words[] = {
 inline constexpr PidWord pid_words[] = {
     {"pids",    "pid",     &FstPid::pid,     offsetof(shmnm_fst_pid, pid),     "",      "process id of a kind, 0 to 2"},
     {"piddata", "piddata", &FstPid::piddata, offsetof(shmnm_fst_pid, piddata), "data ", "64-bit value beside a process id"},
+};
+
+inline const Values yes_or_no{uint32_t{0}, uint32_t{1}};
+inline const Values any_age{uint64_t{0}, uint64_t{INT64_MAX}, true};
+
+inline const BridgeWord bridge_words[] = {
+    {"up",        [](const Bridge& bridge) { return Value(uint32_t{bridge.is_up}); }, yes_or_no,
+                  "1 while a bridge runs here and writes its marks", true},
+    {"connected", [](const Bridge& bridge) { return Value(uint32_t{bridge.marks.is_connected}); }, yes_or_no,
+                  "1 while what the bridge knows of the other machines is current", true},
+    {"running",   [](const Bridge& bridge) { return Value(uint32_t{bridge.marks.is_running}); }, yes_or_no,
+                  "1 while the bridge has claimed this machine's name", true},
+    {"refused",   [](const Bridge& bridge) { return Value(uint32_t{bridge.marks.is_refused}); }, yes_or_no,
+                  "1 while another machine has this machine's name", true},
+    {"fed",       [](const Bridge& bridge) { return Value(uint32_t{bridge.marks.is_fed}); }, yes_or_no,
+                  "1 while the bridge sets the other machines' words here", true},
+    {"contested", [](const Bridge& bridge) { return Value(uint64_t{bridge.marks.contested.size()}); }, any_long_word,
+                  "words that are left alone: a process here overwrites them"},
+    {"unmatched", [](const Bridge& bridge) { return Value(uint64_t{bridge.marks.unmatched.size()}); }, any_long_word,
+                  "records that only other machines have"},
+    {"proposed",  [](const Bridge& bridge) { return Value(bridge.marks.agreed.proposed); }, any_long_word,
+                  "changes of agreed words that were proposed to all machines"},
+    {"accepted",  [](const Bridge& bridge) { return Value(bridge.marks.agreed.accepted); }, any_long_word,
+                  "proposals that were accepted"},
+    {"lost",      [](const Bridge& bridge) { return Value(bridge.marks.agreed.lost); }, any_long_word,
+                  "proposals that another machine's value came before"},
+    {"replaced",  [](const Bridge& bridge) { return Value(bridge.marks.agreed.replaced); }, any_long_word,
+                  "values of a new region for which the cluster's were taken"},
+};
+
+inline const MarkWord mark_words[] = {
+    {"freshness", [](const bridge::Mark& mark) { return Value(static_cast<uint32_t>(mark.freshness)); },
+                  {uint32_t{0}, uint32_t{2}}, "0 unknown, 1 fresh, 2 silent"},
+    {"age_ms",    [](const bridge::Mark& mark) {
+                      return mark.age < 0 ? Value() : Value(static_cast<uint64_t>(mark.age));
+                  }, any_age, "its words here are at most so old; none: not known", true},
+    {"revision",  [](const bridge::Mark& mark) { return Value(mark.sequence); }, any_long_word,
+                  "the number of its last state", true},
+    {"claimed",   [](const bridge::Mark& mark) { return Value(uint32_t{mark.is_claimed}); }, yes_or_no,
+                  "1 while a bridge has this name"},
 };
 
 inline constexpr TableCount servers_in_use{"server_count", "servers",

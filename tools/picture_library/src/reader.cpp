@@ -20,10 +20,16 @@ using picture::Word;
 
 namespace {
 
+/// Whether two bridges say something else, ages and revisions apart.
+bool differ(const std::optional<picture::Bridge>& before, const std::optional<picture::Bridge>& after) {
+    if (!before || !after) return before.has_value() != after.has_value();
+    return !picture::say_the_same(*before, *after);
+}
+
 /// Whether two copies give different answers, or are of different regions.
 bool differ(const Snapshot& before, const Snapshot& after) {
-    return before.object != after.object || before.counts != after.counts || before.bytes != after.bytes ||
-           picture::interrupted_in(before) != picture::interrupted_in(after);
+    return differ(before.bridge, after.bridge) || before.object != after.object || before.counts != after.counts ||
+           before.bytes != after.bytes || picture::interrupted_in(before) != picture::interrupted_in(after);
 }
 
 }  // namespace
@@ -46,6 +52,10 @@ bool Reader::copy_once() {
     if (has_changed) {
         decoded_.reset();
         copy_ = std::move(next);
+    } else if (next.bridge) {
+        // Ages move on.
+        copy_->bridge = std::move(next.bridge);
+        decoded_.reset();
     }
     return has_changed;
 }

@@ -109,6 +109,8 @@ Exit set(const Context& context, const Arguments& given) {
     std::vector<Assignment> assignments;
     if (given.many.size() == 1 && given.many[0] == "-") {
         assignments = parse_assignments(read_standard_input());
+        // "list" has them, and only the bridge says them.
+        std::erase_if(assignments, [](const Assignment& one) { return is_below(one.key, "bridge"); });
     } else if (given.many.size() % 2 == 0) {
         for (size_t i = 0; i < given.many.size(); i += 2) {
             assignments.push_back(parse_assignment(given.many[i], given.many[i + 1]));

@@ -31,6 +31,15 @@ Cell shown(const Source& source, const Part& part, const std::string& key) {
     return {.text = yes ? "yes" : "no", .key = key, .tone = yes ? Tone::good : Tone::bad, .is_word = false};
 }
 
+/// For how long, as far as a glance needs it: "5s", "12min", "3h", "9d".
+std::string rough_time(uint64_t milliseconds) {
+    constexpr uint64_t second = 1'000, minute = 60 * second, hour = 60 * minute, day = 24 * hour;
+    if (milliseconds < 2 * minute) return fmt::format("{}s", milliseconds / second);
+    if (milliseconds < 2 * hour) return fmt::format("{}min", milliseconds / minute);
+    if (milliseconds < 2 * day) return fmt::format("{}h", milliseconds / hour);
+    return fmt::format("{}d", milliseconds / day);
+}
+
 /// Builds the sections and leaves out what is not shown.
 class Builder {
   public:
@@ -42,7 +51,10 @@ class Builder {
     }
 
     Sheet take() {
-        if (!selection_.has_condition()) add_cluster();
+        if (!selection_.has_condition()) {
+            add_cluster();
+            add_bridge();
+        }
         add_servers();
         for (const ResourceKind& kind : resource_kinds) add_resources(kind);
         add_fst();
@@ -146,12 +158,63 @@ class Builder {
         return whole_cluster;
     }
 
+    /// Without marks there is nothing to see, unless it is asked for.
+    bool shows_bridge() const { return picture_.bridge && (picture_.bridge->is_there() || selection_.has_prefixes()); }
+
+    void add_bridge() {
+        if (!shows_bridge()) return;
+        const Bridge& bridge = *picture_.bridge;
+        std::vector<Section> group;
+        NamedCells all;
+        const std::string state = bridge.is_up ? "up"
+                                  : bridge.is_there()
+                                      ? fmt::format("stopped for {}", rough_time(bridge.stopped_us / 1'000))
+                                      : "none";
+        for (const BridgeWord& word : bridge_words) {
+            Cell cell{.text = word.value(bridge).to_text(), .key = std::string("bridge/") + word.key};
+            const bool is_first = &word == bridge_words, yes = cell.text != "0";
+            if (word.is_flag) {
+                cell.text = is_first ? state : yes ? "yes" : "no";
+                cell.tone = yes != (word.key == std::string_view("refused")) ? Tone::good : Tone::bad;
+                cell.is_word = false;
+            }
+            all.emplace_back(is_first ? "" : word.key, std::move(cell));
+            if (!bridge.is_there()) break;
+        }
+        add(group, "bridge", std::move(all));
+        const auto list = [&](const char* what, const char* key, const std::vector<std::string>& texts) {
+            NamedCells listed;
+            for (const std::string& text : texts)
+                listed.emplace_back("", Cell{.text = text, .key = key, .is_word = false});
+            if (!texts.empty()) add(group, what, std::move(listed));
+        };
+        list("contested", "bridge/contested", bridge.marks.contested);
+        list("unmatched", "bridge/unmatched", bridge.marks.unmatched);
+        end(std::move(group));
+    }
+
+    /// What the bridge says of a server.
+    Cell mark_of(const std::string& server) const {
+        const bridge::Mark* const mark = find_mark(*picture_.bridge, server);
+        if (!mark && server == picture_.bridge->marks.server) return {.text = "own", .is_word = false};
+        const auto freshness = mark ? mark->freshness : bridge::Freshness::unknown;
+        Cell cell{.text = name_of(freshness),
+                  .key = fmt::format("bridge/servers/{}/freshness", server),
+                  .tone = freshness == bridge::Freshness::fresh ? Tone::good : Tone::bad,
+                  .is_word = false};
+        const bool is_old = mark && mark->age >= 0 && freshness != bridge::Freshness::fresh;
+        if (is_old) cell.text += " " + rough_time(static_cast<uint64_t>(mark->age));
+        return cell;
+    }
+
     void add_servers() {
+        const bool has_marks = picture_.bridge && picture_.bridge->is_there();
         Table table{.leading = 1};
         table.rows.push_back({.cells = {heading("server")}});
         for (const ServerWord& word : server_words) {
             if (word.heading) table.rows[0].cells.push_back(heading(word.heading));
         }
+        if (has_marks) table.rows[0].cells.push_back(heading("mark"));
         for (size_t i = 0; i < picture_.servers.size(); ++i) {
             if (!rows_.servers[i]) continue;
             const std::string name = escaped(picture_.servers[i].name);
@@ -160,6 +223,7 @@ class Builder {
                 if (!word.heading) continue;
                 row.cells.push_back(shown(word.source, picture_.servers[i], "servers/" + name + "/" + word.key));
             }
+            if (has_marks) row.cells.push_back(mark_of(name));
             table.rows.push_back(std::move(row));
         }
         std::vector<Section> group;

@@ -113,20 +113,37 @@ class Watch {
     void forget() {
         last_.reset();
         words_.clear();
+        marks_.clear();
         unseen_ = 0;
         from_nothing_ = true;
     }
 
     void compare(const Snapshot& snapshot) {
+        std::vector<Word> marks = snapshot.bridge ? words(*snapshot.bridge) : std::vector<Word>();
         if (!last_) {
-            words_ = words(decode(snapshot));
+            words_ = region_words(snapshot);
             if (from_nothing_) report(changes({}, words_, options_.prefix));
+            if (from_nothing_) report(changes({}, marks, options_.prefix));
+            marks_ = std::move(marks);
             return;
         }
+        compare_region(snapshot);
+        // The bridge does not take the region's lock to change them: no step is missing.
+        report(changes(marks_, marks, options_.prefix));
+        marks_ = std::move(marks);
+    }
+
+    static std::vector<Word> region_words(const Snapshot& snapshot) {
+        Picture picture = decode(snapshot);
+        picture.bridge.reset();
+        return words(picture);
+    }
+
+    void compare_region(const Snapshot& snapshot) {
         const std::optional<uint64_t> steps = steps_to(snapshot);
         std::vector<WordChange> found;
         if (last_->bytes != snapshot.bytes) {
-            std::vector<Word> now = words(decode(snapshot));
+            std::vector<Word> now = region_words(snapshot);
             found = changes(words_, now, options_.prefix);
             words_ = std::move(now);
         }
@@ -160,7 +177,7 @@ class Watch {
     const WatchOptions& options_;
     Reporter reporter_;
     std::optional<Snapshot> last_;
-    std::vector<Word> words_;
+    std::vector<Word> words_, marks_;  ///< of the region, and of the bridge
     uint64_t last_us_ = 0;
     uint64_t unseen_ = 0, unseen_since_us_ = 0;  ///< steps to report before the next change
     bool is_there_ = true;                       ///< the watch begins only if there is a region

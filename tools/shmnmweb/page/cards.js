@@ -68,6 +68,7 @@ function drawSummary() {
     $('lead').textContent = staleWhy;
     $('sign').className = 'sign';
     $('sign').textContent = '–';
+    drawMarks();
     for (const id of ['facts', 'legend', 'attention', 'region']) $(id).replaceChildren();
     return;
   }
@@ -187,6 +188,7 @@ function drawSummary() {
         '',
       ),
     );
+  drawMarks();
   drawRegion();
   drawAxis();
 }

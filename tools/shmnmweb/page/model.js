@@ -141,8 +141,9 @@ function mostCommon(values) {
   return best;
 }
 
-function takePicture(document) {
+function takePicture(document, time) {
   picture = document;
+  takeBridge(document.bridge, time);
   const before = places.size ? new Map([...places].map(([key, place]) => [key, valueAt(place)])) : null;
   const signature = JSON.stringify([
     document.servers.map(server => [server.name, server.pri]),
@@ -200,6 +201,7 @@ function rankValues() {
 
 function takeChange(change) {
   const value = 'new' in change ? change.new : null;
+  if (takeBridgeChange(change.key, value, change.time)) return;
   if (clusterWords.has(change.key)) clusterWords.set(change.key, value);
   const place = places.get(change.key);
   if (!place) return;

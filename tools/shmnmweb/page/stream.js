@@ -35,7 +35,7 @@ function connect() {
       take(JSON.parse(event.data));
     });
   on('picture', event => {
-    if (event.picture) takePicture(event.picture);
+    if (event.picture) takePicture(event.picture, event.time);
     else {
       picture = null;
       takePicture.signature = '';

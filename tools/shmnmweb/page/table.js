@@ -55,7 +55,7 @@ function build() {
           ? element('th', {scope: 'col'}, servers[x])
           : element(
               'th',
-              {scope: 'col', class: 'server', title: servers[x]},
+              {scope: 'col', class: 'server', title: servers[x], 'data-x': x},
               servers[x],
               element('small', null, 'priority ' + picture.servers[x].pri),
             ),
@@ -121,6 +121,7 @@ function paint(row, x) {
   cell.className = [
     state.look,
     isUnlike ? 'unlike' : '',
+    isOld(x) ? 'old' : '',
     cell.classList.contains('gap') ? 'gap' : '',
     cell.classList.contains('new') ? 'new' : '',
     pressed === state.look ? 'hit' : '',
@@ -144,7 +145,7 @@ function paint(row, x) {
   } else delete cell.dataset.network;
   cell.setAttribute(
     'aria-label',
-    `${servers[x]}, ${row.type ? row.type + ' ' : ''}${row.label}: ${spoken(state)}${network ? `, network-wide ${spoken(network)}` : ''}`,
+    `${servers[x]}, ${row.type ? row.type + ' ' : ''}${row.label}: ${spoken(state)}${network ? `, network-wide ${spoken(network)}` : ''}${isOld(x) ? `, ${markOf(x)}` : ''}`,
   );
 }
 

@@ -63,6 +63,28 @@ Json document(const char* kind, const std::string& run, uint64_t sequence, uint6
     return made;
 }
 
+std::vector<picture::Word> words_of(const Look& look) {
+    return look.bridge ? picture::words(*look.bridge) : std::vector<picture::Word>();
+}
+
+/// What the document shows of the bridge and no word tells.
+std::string texts_of(const Look& look) {
+    if (!look.bridge) return {};
+    picture::Bridge bridge = *look.bridge;
+    bridge.is_up = false;
+    bridge.stopped_us = 0;
+    bridge::Marks& marks = bridge.marks;
+    marks.is_connected = marks.is_running = marks.is_refused = marks.is_fed = false;
+    marks.agreed = {};
+    for (bridge::Mark& mark : marks.servers) {
+        mark.freshness = bridge::Freshness::unknown;
+        mark.age = -1;
+        mark.sequence = 0;
+        mark.is_claimed = false;
+    }
+    return picture::to_json_text(bridge);
+}
+
 }  // namespace
 
 bool History::add(std::shared_ptr<const Look> look) {
@@ -89,6 +111,16 @@ bool History::add(std::shared_ptr<const Look> look) {
             }
         }
         had_region_ = had_region_ || now;
+    }
+    const bool has_new_marks = now && old && before->bridge_version != look_->bridge_version;
+    if (has_new_marks && !step.is_whole) {
+        std::vector<WordChange> marks = picture::changes(words_of(*before), words_of(*look_), "");
+        step.is_whole = texts_of(*before) != texts_of(*look_);
+        is_new = is_new || step.is_whole || !marks.empty();
+        for (WordChange& change : marks) {
+            remember({.time_us = look_->time_us, .sequence = sequence, .event = nullptr, .change = change});
+            step.changes.push_back(std::move(change));
+        }
     }
     if (is_new) add_step(std::move(step));
     return is_new;
@@ -151,6 +183,7 @@ std::string History::picture_event(uint64_t merged) const {
         made["history"].push_back(std::move(one));
     }
     made["picture"] = content ? picture::to_json(content->snapshot, content->decoded) : Json();
+    if (content && look_->bridge) made["picture"]["bridge"] = Json::parse(picture::to_json_text(*look_->bridge));
     return event("picture", id_of(run_, sequence_), made);
 }
 

@@ -17,7 +17,8 @@
 
 namespace shmnmweb {
 
-/// A copy of the region and what is decoded from it. What few clients ask for is made when it is first asked for.
+/// A copy of the region and what is decoded from it, without the bridge, whose marks age. What few clients ask for is
+/// made when it is first asked for.
 class Content {
   public:
     explicit Content(picture::Snapshot copy);
@@ -49,6 +50,8 @@ struct Problem {
 };
 
 struct Look {
+    std::optional<picture::Bridge> bridge;  ///< beside `content`, as it was read last; nothing where it is not known
+    uint64_t bridge_version = 0;  ///< rises each time the bridge says something else, ages and revisions apart
     std::shared_ptr<const Content> content;        ///< the newest copy; null: none was made yet, or the region has gone
     uint64_t version = 0;                          ///< of `content`; rises with each that shows something else
     std::optional<Problem> problem;                ///< of this look; `content` is then of an earlier one, or null

@@ -101,6 +101,7 @@ class Exposition {
             if (wants("servers")) servers();
             if (wants("resources") || wants("pairs")) resources(content.decoded);
             if (wants("states")) states();
+            if (wants("bridge") && scrape_.look->bridge) bridge(*scrape_.look->bridge);
         }
         if (wants("lock")) lock();
         scrape();
@@ -274,6 +275,51 @@ class Exposition {
             for (const auto& [name, is] : is_in) {
                 writer_.add({{"server", server_names_[i]}, {"state", name}}, uint64_t{is});
             }
+        }
+    }
+
+    void bridge(const picture::Bridge& bridge) {
+        const bridge::Marks& marks = bridge.marks;
+        const auto gauge = [&](std::string_view name, std::string_view help, uint64_t value) {
+            writer_.family(name, Type::gauge, help);
+            writer_.add({}, value);
+        };
+        gauge("bridge_up", "Whether a bridge runs on this machine and writes its marks: 1 or 0.", bridge.is_up);
+        if (!bridge.is_there()) return;
+        gauge("bridge_connected", "Whether what the bridge knows of the other machines is current: 1 or 0.",
+              marks.is_connected);
+        gauge("bridge_running", "Whether the bridge has claimed this machine's name: 1 or 0.", marks.is_running);
+        gauge("bridge_refused", "Whether another machine has this machine's name: 1 or 0.", marks.is_refused);
+        gauge("bridge_fed", "Whether the bridge sets the other machines' words here: 1 or 0.", marks.is_fed);
+        gauge("bridge_contested_words", "Words that the bridge leaves alone, because a process here overwrites them.",
+              marks.contested.size());
+        gauge("bridge_unmatched_records", "Records that only other machines have.", marks.unmatched.size());
+        const auto counter = [&](std::string_view name, std::string_view help, uint64_t value) {
+            writer_.family(name, Type::counter, help);
+            writer_.add({}, value);
+        };
+        counter("bridge_proposals", "Changes of agreed words that were proposed to all machines.",
+                marks.agreed.proposed);
+        counter("bridge_proposals_accepted", "Proposals that were accepted.", marks.agreed.accepted);
+        counter("bridge_proposals_lost", "Proposals that another machine's value came before.", marks.agreed.lost);
+        counter("bridge_replaced_values", "Values of a new region for which the cluster's were taken.",
+                marks.agreed.replaced);
+        const auto each_mark = [&](std::string_view name, std::string_view help, const auto& holds) {
+            writer_.family(name, Type::gauge, help);
+            for (const bridge::Mark& mark : marks.servers) {
+                writer_.add({{"server", mark.server}}, uint64_t{holds(mark)});
+            }
+        };
+        each_mark("bridge_server_fresh", "Whether the words of another machine's server are current here: 1 or 0.",
+                  [](const bridge::Mark& mark) { return mark.freshness == bridge::Freshness::fresh; });
+        each_mark("bridge_server_silent", "Whether another machine's server is silent, not merely unknown: 1 or 0.",
+                  [](const bridge::Mark& mark) { return mark.freshness == bridge::Freshness::silent; });
+        writer_.family(
+            "bridge_server_age_seconds", Type::gauge,
+            "How old the words of another machine's server are here, at most; no series if it is not known.");
+        for (const bridge::Mark& mark : marks.servers) {
+            if (mark.age < 0) continue;
+            writer_.add({{"server", mark.server}}, fmt::format("{}.{:03}", mark.age / 1'000, mark.age % 1'000));
         }
     }
 

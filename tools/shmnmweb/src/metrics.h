@@ -14,8 +14,8 @@
 namespace shmnmweb {
 
 /// Groups of metrics that a scrape may choose by collect[].
-inline constexpr std::array<std::string_view, 7> metric_groups{"region", "cluster", "servers", "resources",
-                                                               "pairs",  "lock",    "states"};
+inline constexpr std::array<std::string_view, 8> metric_groups{"region", "cluster", "servers", "resources",
+                                                               "pairs",  "lock",    "states",  "bridge"};
 
 /// Scrapes that got no picture, since this server started, by the reason.
 struct ScrapeFailures {

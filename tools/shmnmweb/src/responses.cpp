@@ -83,7 +83,15 @@ Response show_names(const Site& site) {
 Response show_picture(const Site& site) {
     if (auto none = no_picture(site)) return *none;
     Response response;
-    response.bodies.push_back(body_within(site.look->content, site.look->content->document()));
+    std::string_view document = site.look->content->document();
+    if (!site.look->bridge) {
+        response.bodies.push_back(body_within(site.look->content, document));
+        return response;
+    }
+    // The marks age, and the rest is made once.
+    document.remove_suffix(std::string_view("}\n").size());
+    response.bodies.push_back(body_within(site.look->content, document));
+    response.bodies.push_back(body_of(",\"bridge\":" + picture::to_json_text(*site.look->bridge) + "}\n"));
     return response;
 }
 
@@ -197,7 +205,7 @@ Response show_snapshot(const Request& request, const Target& target, Site& site)
     response.content_type = "application/octet-stream";
     if (!all) {
         // Weak: the facts of the lock change without the region.
-        const std::string tag = fmt::format("\"{}-{}\"", site.history.run(), look.version);
+        const std::string tag = fmt::format("\"{}-{}-{}\"", site.history.run(), look.version, look.bridge_version);
         response.fields.emplace_back("ETag", "W/" + tag);
         response.fields.emplace_back("Cache-Control", "no-cache");
         if (has_tag(request.if_none_match, tag)) {
@@ -207,10 +215,19 @@ Response show_snapshot(const Request& request, const Target& target, Site& site)
     }
     const auto snapshot =
         all ? look.all : std::shared_ptr<const picture::Snapshot>(look.content, &look.content->snapshot);
-    picture::Transfer transfer = picture::to_transfer(*snapshot, look.is_lock_held, all);
+    picture::Transfer transfer =
+        picture::to_transfer(*snapshot, look.bridge ? &*look.bridge : nullptr, look.is_lock_held, all);
     response.bodies.push_back(body_of(std::move(transfer.head)));
     for (const std::string_view bytes : transfer.bytes) response.bodies.push_back(body_within(snapshot, bytes));
     return response;
+}
+
+/// The words of the region and of the bridge.
+std::vector<picture::Word> all_words(const Look& look) {
+    std::vector<picture::Word> words = look.content->words;
+    if (!look.bridge) return words;
+    for (picture::Word& word : picture::words(*look.bridge)) words.push_back(std::move(word));
+    return words;
 }
 
 Response answer_query(const Target& target, const Site& site) {
@@ -226,7 +243,7 @@ Response answer_query(const Target& target, const Site& site) {
     if (auto none = no_picture(site)) return *none;
     try {
         Json document = picture::document("query");
-        document["holds"] = picture::Condition(*text).holds(site.look->content->words);
+        document["holds"] = picture::Condition(*text).holds(all_words(*site.look));
         return plain_json(document);
     } catch (const picture::Error& wrong) {
         return error(400, exit_usage, std::string(wrong.what()) + R"(; see "shmnmctl query --help")");

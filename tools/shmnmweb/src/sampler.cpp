@@ -38,6 +38,12 @@ Problem no_region() {
 
 /// Makes a copy part of a look.
 void take(picture::Snapshot snapshot, picture::Bytes wanted, Look& look) {
+    const auto bridge = std::exchange(snapshot.bridge, std::nullopt);
+    const bool is_known = bridge.has_value() && look.bridge.has_value();
+    if (is_known ? !picture::say_the_same(*bridge, *look.bridge) : bridge.has_value() != look.bridge.has_value()) {
+        ++look.bridge_version;
+    }
+    look.bridge = bridge;
     if (wanted == picture::Bytes::all) {
         look.findings = picture::findings(snapshot).size();
         look.all = std::make_shared<const picture::Snapshot>(std::move(snapshot));
@@ -64,6 +70,7 @@ Look look_at(Source& source, const Look& last, picture::Bytes wanted) {
             take(std::move(*snapshot), wanted, now);
         } else {
             now.content.reset();
+            now.bridge.reset();
             now.problem = no_region();
             now.lock = source.lock();
         }
