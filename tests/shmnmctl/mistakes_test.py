@@ -6,7 +6,7 @@ KEYS = '"shmnmctl list" shows all keys'
 MEMBERS = '"shmnmctl status" shows what there is'
 
 USAGES = {
-    "status": "shmnmctl status [--format text|json] [--watch [TIME]] [--only CONDITION] [--file FILE] [--force] [PREFIX ...]",
+    "status": "shmnmctl status [--format text|json] [--watch [TIME]] [--only CONDITION] [--machines] [--file FILE] [--force] [PREFIX ...]",
     "get": "shmnmctl get [--format text|json] [--file FILE] [--force] KEY",
     "add server": "shmnmctl add server [--format text|json] [--force] NAME PRI",
 }

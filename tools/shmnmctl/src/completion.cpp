@@ -30,6 +30,7 @@ struct Place {
     std::vector<std::string> arguments;     ///< of the command, before it
     std::string file;                       ///< a dump that was named
     std::string from;                       ///< a server that was named
+    std::string machine;                    ///< whose region was named
     picture_http::Credentials credentials;
     bool in_options = true;  ///< there was no -- before it
 };
@@ -55,6 +56,7 @@ const CLI::App* command_named(const CLI::App& group, const std::string& name) {
 void take_value(Place& place, const CLI::Option& option, const std::string& value) {
     if (option.check_lname("file")) place.file = value;
     if (option.check_lname("from")) place.from = value;
+    if (option.check_lname("machine")) place.machine = value;
     if (option.check_lname("ca-file")) place.credentials.authorities = value;
     if (option.check_lname("cert")) place.credentials.certificate = value;
     if (option.check_lname("key")) place.credentials.key = value;
@@ -85,6 +87,14 @@ Place place_after(const CLI::App& app, const std::vector<std::string>& words) {
 
 Snapshot copy_of(const Place& place) {
     if (!place.file.empty()) return read_dump(place.file);
+    if (!place.machine.empty()) {
+        const Bridge bridge = BridgeReader().read();
+        const bridge::Mark* const mark = find_mark(bridge, place.machine);
+        if (mark)
+            return picture_http::Remote(mark->address, place.credentials, most_patience_ms)
+                .copy(Bytes::in_use)
+                .snapshot;
+    }
     if (!place.from.empty()) {
         return picture_http::Remote(place.from, place.credentials, most_patience_ms).copy(Bytes::in_use).snapshot;
     }
@@ -139,6 +149,10 @@ class Completion {
             answer_ = files;
         } else if (type == "CONDITION") {
             condition("", before, [&](const std::string& lead, const std::string& begun) { row_words(lead, begun); });
+        } else if (type == "SERVER") {
+            const Bridge bridge = BridgeReader().read();
+            if (bridge.is_there()) add(before + bridge.marks.server);
+            for (const bridge::Mark& mark : bridge.marks.servers) add(before + mark.server);
         } else if (type.find('|') != std::string::npos) {
             for (size_t at = 0; at <= type.size();) {
                 const size_t end = std::min(type.find('|', at), type.size());

@@ -92,6 +92,10 @@ void refuse_file(const Context& context, const std::string& advice) {
 void add_from(CLI::App& app, Context& context) {
     app.add_option("--from", context.from, "Read from shmnmweb at unix:PATH, http://HOST:PORT or https://HOST:PORT")
         ->type_name("ADDRESS");
+    app.add_option("--machine", context.machines,
+                   "Read from the machine of this server, whose address the bridge knows")
+        ->type_name("SERVER")
+        ->allow_extra_args(false);
     app.add_option("--ca-file", context.credentials.authorities, "Authorities that https servers are known by")
         ->type_name("FILE");
     app.add_option("--cert", context.credentials.certificate, "This user's certificate for https")->type_name("FILE");
@@ -104,15 +108,20 @@ void add_from(CLI::App& app, Context& context) {
 }
 
 void refuse_from(const CLI::App& app, const Context& context) {
-    if (context.from.empty()) {
+    if (context.from.empty() && context.machines.empty()) {
         if (context.credentials.empty()) return;
         throw Failure(Exit::usage, "--ca-file, --cert and --key are for a server; name it by --from https://HOST:PORT");
     }
     constexpr std::array readers{"status", "list", "get", "dump", "verify", "query", "wait", "watch", "export", "diff"};
     for (const CLI::App* const command : app.get_subcommands()) {
+        if (context.machines.size() > 1 && command->get_name() != "diff") {
+            throw Failure(Exit::usage,
+                          "several machines were named; \"status --machines\" shows all of them, \"diff\" "
+                          "compares two");
+        }
         if (std::find(readers.begin(), readers.end(), command->get_name()) != readers.end()) continue;
-        throw Failure(Exit::usage, fmt::format("\"{}\" needs the region of this machine: run it there, without --from",
-                                               command->get_name()));
+        throw Failure(Exit::usage, fmt::format("\"{}\" needs the region of this machine: run it there, without {}",
+                                               command->get_name(), context.from.empty() ? "--machine" : "--from"));
     }
 }
 

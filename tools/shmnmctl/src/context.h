@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -20,10 +21,12 @@ using namespace picture;  // most of what the commands speak of
 struct Context {
     Access access;
     std::string format = "text";
-    std::string file;  ///< a dump to be read in place of the live region; empty: none
-    std::string from;  ///< a server to be asked in place of the live region; empty: none
+    std::string file;                   ///< a dump to be read in place of the live region; empty: none
+    std::string from;                   ///< a server to be asked in place of the live region; empty: none
+    std::vector<std::string> machines;  ///< whose regions are read in place of this one's, by their servers' names
     picture_http::Credentials credentials;
     uint32_t server_timeout_ms = picture_http::Remote::usual_timeout_ms;
+    bool compares_machines = false;  ///< the command reads the machines itself
     bool force = false;
     std::function<Exit()> command;  ///< what the command line asks for
 

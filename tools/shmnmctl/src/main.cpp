@@ -11,6 +11,7 @@
 #include "context.h"
 #include "duration.h"
 #include "failure.h"
+#include "machines.h"
 #include "picture/installation.h"
 #include "session.h"
 #include "usage.h"
@@ -25,9 +26,22 @@ int report(const Failure& failure, bool json) {
     return static_cast<int>(failure.exit);
 }
 
-int run(const Context& context) {
+/// Runs the command where the one machine is that was named. Of several the command itself takes care.
+Exit run_there(Context& context) {
+    if (context.machines.size() != 1 || context.compares_machines) return context.command();
+    const Machine machine = named_machines(context).front();
+    if (!context.file.empty()) throw Failure(Exit::usage, "a dump and a machine were named; use --file or --machine");
+    context.from = at_machine(context, machine).from;
     try {
-        return static_cast<int>(context.command());
+        return context.command();
+    } catch (const std::exception&) {
+        throw failure_at(machine, current_failure());
+    }
+}
+
+int run(Context& context) {
+    try {
+        return static_cast<int>(run_there(context));
     } catch (const std::exception&) {
         return report(current_failure(), context.json());
     }

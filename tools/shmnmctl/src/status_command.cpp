@@ -9,6 +9,7 @@
 
 #include "context.h"
 #include "duration.h"
+#include "machines.h"
 #include "picture/decode.h"
 #include "picture/error.h"
 #include "picture/escape.h"
@@ -119,6 +120,7 @@ void add_status_command(CLI::App& app, Context& context) {
     static std::string time;
     static std::vector<std::string> arguments;
     static std::optional<std::string> only;
+    static bool all_machines = false;
     CLI::App* const command = app.add_subcommand("status", "Show the whole picture, or a part of it");
     add_format(*command, context);
     CLI::Option* const watch_option =
@@ -126,6 +128,7 @@ void add_status_command(CLI::App& app, Context& context) {
     watch_option->expected(0, 1)->type_name("TIME")->default_str("2s");
     command->add_option("--only", only, "Only the rows whose words meet this condition, such as nodestat!=1")
         ->type_name("CONDITION");
+    command->add_flag("--machines", all_machines, "What each machine of the cluster shows, side by side");
     add_file(*command, context);
     add_read_force(*command, context);
     command->add_option("PREFIX", arguments, "Only keys at or below these; FILE alone is the same as --file FILE");
@@ -136,6 +139,14 @@ void add_status_command(CLI::App& app, Context& context) {
     command->callback([&context, watch_option] {
         context.command = [&context, watch_option] {
             if (names_area(time)) arguments.push_back(std::exchange(time, ""));
+            if (all_machines) {
+                const bool is_alone = watch_option->count() == 0 && !only && arguments.empty() &&
+                                      context.file.empty() && context.machines.empty();
+                if (is_alone) return show_machines(context);
+                throw Failure(Exit::usage,
+                              "--machines shows whole machines: use it without other options and arguments, "
+                              "or name one machine by --machine SERVER");
+            }
             StatusOptions options{.selection = Selection(take_file(arguments, context), only)};
             if (watch_option->count() == 0) return show_once(context, options);
             options.interval_ms =
