@@ -57,7 +57,8 @@ class Candidates(ToolTest):
     def test_each_key_that_the_help_names_is_offered_part_by_part(self):
         region = self.cluster()
         region.ok("shmnm_setfstrscpid", "agent", 0, 1, 2)
-        names = {"servers": ("alpha",), "hb": ("lan", "lanhb1"), "np": ("ping", "pingnp1"), "fst": ("agent",)}
+        self.bridge().says(("beta", "fresh", {}))
+        names = {"servers": ("alpha",), "hb": ("lan", "lanhb1"), "np": ("ping", "pingnp1"), "fst": ("agent",), "bridge": ("beta",)}
         for pattern in key_patterns(self):
             first, *rest = pattern.split("/")
             given = list(names.get(first, ()))
@@ -66,6 +67,12 @@ class Candidates(ToolTest):
                 for i in range(len(parts)):
                     begun = "/".join(parts[:i] + [""]) if i else ""
                     self.assertIn("/".join(parts[: i + 1]) + ("/" if i + 1 < len(parts) else ""), self.offered("get", begun))
+
+    def test_machines_are_offered_that_the_bridge_knows(self):
+        self.cluster()
+        self.assertEqual(self.offered("status", "--machine", ""), [])
+        self.bridge().says(("beta", "fresh", {}), ("gamma", "silent", {}))
+        self.assertEqual(self.offered("status", "--machine", ""), ["alpha", "beta", "gamma"])
 
     def test_names_of_the_region_are_offered_where_existing_ones_are_wanted(self):
         self.cluster()
