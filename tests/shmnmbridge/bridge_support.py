@@ -119,8 +119,9 @@ class Machine:
         until(lambda: self.freshness(server) == freshness, f"{server} {freshness} on {self.server}: {self.bridge.logged()}")
 
     def words(self):
-        """The whole picture in words, as the tool shows it."""
-        return self.run("list", program="shmnmctl").out
+        """The whole picture in words, as the tool shows it, without what it says of the bridge."""
+        lines = self.run("list", program="shmnmctl").out.splitlines(keepends=True)
+        return "".join(line for line in lines if not line.startswith("bridge/"))
 
 
 class BridgeTest(unittest.TestCase):
