@@ -95,7 +95,7 @@ class Member:
 
     def is_leader(self):
         status = self.post("/v3/maintenance/status", {})
-        return status["leader"] == status["header"]["member_id"]
+        return status.get("leader") == status["header"]["member_id"]
 
 
 class Etcd:
