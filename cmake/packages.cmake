@@ -1,4 +1,5 @@
-# What `cpack` makes from a build: on Linux Debian packages, for Windows a zip, and another zip of the symbols.
+# What `cpack` makes from a build: on Linux Debian packages, for Windows a zip, another zip of the symbols, and an
+# installer.
 set(SHMNM_MAINTAINER "shmnm developers <maintainers@shmnm.example.org>" CACHE STRING "The packages' maintainer")
 
 set(CPACK_PACKAGE_NAME shmnm)
@@ -9,6 +10,14 @@ set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_THREADS 0)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
                                                 WORLD_EXECUTE)
+
+set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
+# The time of everything in the packages: that of the changelog's last entry.
+execute_process(
+    COMMAND dpkg-parsechangelog --file ${packaging}/changelog --show-field Timestamp
+    OUTPUT_VARIABLE package_time
+    OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/changelog)
 
 if(WIN32)
     set(CPACK_GENERATOR ZIP)
@@ -24,13 +33,22 @@ if(WIN32)
     endforeach()
     set(CPACK_ARCHIVE_INSTALLATION_FILE_NAME ${CPACK_PACKAGE_FILE_NAME})
     set(CPACK_ARCHIVE_SYMBOLS_FILE_NAME ${CPACK_PACKAGE_FILE_NAME}-symbols)
+
+    # The installer is made beside the zip, of the same files.
+    foreach(tool wixl msibuild msiinfo)
+        find_program(SHMNM_${tool} ${tool})
+        if(NOT SHMNM_${tool})
+            message(FATAL_ERROR "${tool} is not installed: scripts/install-dependencies installs what the project needs")
+        endif()
+    endforeach()
+    set(Python3_ROOT_DIR /usr)
+    set(Python3_FIND_STRATEGY LOCATION)
+    find_package(Python3 REQUIRED COMPONENTS Interpreter)
+    set(CPACK_SHMNM_PYTHON ${Python3_EXECUTABLE})
+    set(CPACK_SHMNM_TIME ${package_time})
+    set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/windows/add_installer.cmake)
 else()
-    set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
-    # The time of everything in the packages: that of the changelog's last entry.
-    execute_process(
-        COMMAND dpkg-parsechangelog --file ${packaging}/changelog --show-field Timestamp
-        OUTPUT_VARIABLE CPACK_SOURCE_DATE_EPOCH
-        OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    set(CPACK_SOURCE_DATE_EPOCH ${package_time})
     set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
     if(TARGET wheel)
@@ -48,7 +66,6 @@ else()
     execute_process(
         COMMAND gzip -9nc ${packaging}/changelog
         OUTPUT_FILE ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/changelog)
     foreach(package ${packages})
         install(
             FILES ${packaging}/copyright ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz

@@ -1,4 +1,4 @@
-"""Makes the Debian packages of a build, which the other tests of the packages share.
+"""Makes the packages of a build, which the other tests of the packages share.
 
     pack.py BUILD
 """

@@ -1,0 +1,234 @@
+"""The Windows installer, under wine in a prefix of its own: install, upgrade, repair, remove, with and without a process that
+uses the files."""
+import os
+import pathlib
+import shutil
+import struct
+import subprocess
+import sys
+
+import support
+from support import PROJECT, Place, run, windows_path
+
+from binary_file import Pe
+
+NM = "x86_64-w64-mingw32-nm"
+WINE = PROJECT / "scripts/wine"
+LATER = "1.99.0"
+COMPONENTS = ("runtime", "tool", "web", "development")
+# The installer's results. The status of a Unix process has only their lowest byte.
+DONE, RESTART_NEEDED, FAILED = 0, 3010 % 256, 1603 % 256
+MINE = b"\n<!-- edited by the administrator -->\n"
+
+
+def version():
+    """The project's."""
+    (cached,) = (line for line in (support.BUILD / "CMakeCache.txt").read_text().splitlines() if line.startswith("CMAKE_PROJECT_VERSION:"))
+    return cached.partition("=")[2]
+
+
+def make_later(file, now):
+    """Makes a DLL or program one of the later version: in its version resource, nowhere else."""
+    content = file.read_bytes()
+    at = content.index(struct.pack("<I", 0xFEEF04BD))
+    high = struct.pack("<HH", 99, 1)
+    content = content[:at + 8] + high + content[at + 12:at + 16] + high + content[at + 20:]
+    old, new = (text.encode("utf-16-le") for text in (now, LATER))
+    file.write_bytes(content.replace(old + b"\0" * (len(new) - len(old) + 2), new + b"\0\0"))
+
+
+def files(folder):
+    return {file.relative_to(folder).as_posix(): file.read_bytes() for file in folder.rglob("*") if file.is_file()}
+
+
+class Installer(Place):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.now = version()
+        (cls.msi,) = (support.BUILD / "package/packed").glob("*.msi")
+        cls.stage = cls.folder / "stage"
+        for component in COMPONENTS:
+            run("cmake", "--install", support.BUILD, "--component", component, "--prefix", cls.stage / component / "tree")
+        cls.first = {name: content for component in ("runtime", "tool", "web") for name, content in files(cls.stage / component / "tree").items()}
+        cls.development = files(cls.stage / "development/tree")
+        cls.example = cls.first["share/doc/shmnm/examples/cluster.xml"]
+
+        later = cls.folder / "later"
+        shutil.copytree(cls.stage, later)
+        for file in [*later.glob("*/tree/bin/*.dll"), *later.glob("*/tree/bin/*.exe")]:
+            make_later(file, cls.now)
+        documents = later / "tool/tree/share/doc/shmnm"
+        (documents / "docs/abi.md").rename(documents / "docs/of_the_later_version.md")
+        (documents / "CHANGELOG.md").write_text("the later version's\n")
+        (documents / "examples/cluster.xml").write_text("<root/>\n")
+        cls.second = {name: content for component in ("runtime", "tool", "web") for name, content in files(later / component / "tree").items()}
+        cls.later_msi = cls.make(later, LATER, "later.msi")
+
+        cls.prefix = cls.folder / "wine"
+        cls.installed = cls.prefix / "drive_c/Program Files/shmnm"
+        cls.tool = cls.installed / "bin/shmnmctl.exe"
+        cls.addClassCleanup(cls.end_wine)
+
+    @classmethod
+    def make(cls, stage, of_version, name):
+        file = cls.folder / name
+        run(sys.executable, "-B", PROJECT / "packaging/windows/make_msi.py", stage, of_version, file, env=dict(os.environ, SOURCE_DATE_EPOCH="1700000000"))
+        return file
+
+    @classmethod
+    def end_wine(cls):
+        """Ends everything that runs in the prefix, as a restart of the machine does."""
+        environment = dict(os.environ, WINEPREFIX=str(cls.prefix))
+        for option in ("-k", "-w"):
+            subprocess.run(["/usr/lib/wine/wineserver64", option], env=environment, stderr=subprocess.DEVNULL)
+
+    def environment(self, **more):
+        return super().environment(SHMNM_WINEPREFIX=str(self.prefix), **more)
+
+    def setUp(self):
+        self.present = None
+
+    def tearDown(self):
+        if self.present:
+            self.msiexec("/x", self.present)
+        shutil.rmtree(self.installed, ignore_errors=True)
+
+    def wine(self, *words):
+        done = subprocess.run([WINE, *words], env=self.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=300)
+        return done.stdout.decode(errors="replace").replace("\r\n", "\n")
+
+    def msiexec(self, action, msi, *properties):
+        """The result of the installer."""
+        # Not into a pipe: processes that the installer starts would keep it open.
+        result = subprocess.call([WINE, "msiexec", action, windows_path(msi), *properties, "/qn"], env=self.environment(), stdin=subprocess.DEVNULL,
+                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=300)
+        if result in (DONE, RESTART_NEEDED):
+            self.present = msi if action == "/i" else None
+        return result
+
+    def path_of_the_machine(self):
+        text = self.wine("reg", "query", r"HKLM\System\CurrentControlSet\Control\Session Manager\Environment", "/v", "PATH")
+        return [folder.rstrip("\\") for folder in text.split("REG_EXPAND_SZ")[1].strip().split(";")]
+
+    def products(self):
+        """The versions of this product that Windows lists."""
+        text = self.wine("reg", "query", r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall", "/s")
+        return [line.split()[-1] for line in text.splitlines() if "DisplayVersion" in line]
+
+    def install_and_edit(self, msi=None):
+        self.assertEqual(self.msiexec("/i", msi or self.msi), DONE)
+        with (self.installed / "etc/cluster.xml").open("ab") as file:
+            file.write(MINE)
+
+    def expect_installed(self, expected, configuration, folder=None):
+        found = files(folder or self.installed)
+        found = {name: content for name, content in found.items() if not name.startswith("log/")}
+        self.assertEqual(found.pop("etc/cluster.xml"), configuration)
+        self.assertEqual(sorted(found), sorted(expected))
+        self.assertEqual([name for name in found if found[name] != expected[name]], [])
+
+    def test_an_installation_is_complete_in_the_path_and_listed(self):
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        self.expect_installed(self.first, self.example)
+        self.assertTrue((self.installed / "log").is_dir())
+        self.assertIn(r"C:\Program Files\shmnm\bin", self.path_of_the_machine())
+        self.assertEqual(self.wine(self.tool, "--version"), f"shmnmctl {self.now}\n")
+        self.assertEqual(self.products(), [self.now])
+
+    def test_the_installed_programs_share_a_region(self):
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        environment = self.environment()
+        self.serve(self.tool, environment)
+        self.assertEqual(run(WINE, self.tool, "get", "servers/beta/nodestat", env=environment), "2\n")
+        self.assertEqual(support.healthz(self, [WINE, self.installed / "bin/shmnmweb.exe"], environment), 200)
+        self.assertTrue((self.installed / "log/shmnm.log").is_file())
+
+    def test_what_programs_are_built_with_is_installed_if_it_is_asked_for(self):
+        self.assertEqual(self.msiexec("/i", self.msi, "ADDLOCAL=ALL"), DONE)
+        self.expect_installed(self.first | self.development, self.example)
+
+    def test_an_upgrade_replaces_everything_but_an_edited_configuration(self):
+        self.install_and_edit()
+        self.assertEqual(self.msiexec("/i", self.later_msi), DONE)
+        self.expect_installed(self.second, self.example + MINE)
+        self.assertEqual(Pe(self.tool, NM).version()[0], (1, 99, 0, 0))
+        self.assertEqual(self.products(), [LATER])
+        self.assertEqual(self.path_of_the_machine().count(r"C:\Program Files\shmnm\bin"), 1)
+
+    def test_an_upgrade_leaves_an_attached_process_and_its_region_alone(self):
+        self.install_and_edit()
+        environment = self.environment()
+        process = self.serve(self.tool, environment)
+        run(WINE, self.tool, "set", "servers/beta/holdstat", "1", env=environment)
+        self.assertIn(self.msiexec("/i", self.later_msi), (DONE, RESTART_NEEDED))
+        self.assertIsNone(process.poll())
+        self.assertEqual(run(WINE, self.tool, "get", "servers/beta/holdstat", env=environment), "1\n")
+        self.assertEqual(run(WINE, self.tool, "verify", env=environment), "")
+        process.end()
+        self.end_wine()
+        self.wine("cmd", "/c", "exit")
+        self.expect_installed(self.second, self.example + MINE)
+
+    def test_an_upgrade_stays_in_the_folder_that_was_chosen(self):
+        chosen = self.prefix / "drive_c/cluster tools/картина"
+        self.assertEqual(self.msiexec("/i", self.msi, r"INSTALLDIR=C:\cluster tools\картина"), DONE)
+        self.expect_installed(self.first, self.example, chosen)
+        self.assertEqual(self.msiexec("/i", self.later_msi), DONE)
+        self.expect_installed(self.second, self.example, chosen)
+        self.assertFalse(self.installed.exists())
+        self.assertEqual(self.msiexec("/x", self.later_msi), DONE)
+        self.assertEqual(list(files(chosen)), ["etc/cluster.xml"])
+
+    def test_a_repair_puts_back_what_was_lost_or_changed_but_not_an_edited_configuration(self):
+        self.install_and_edit()
+        (self.installed / "bin/kzmxml.dll").unlink()
+        (self.installed / "bin/kzmlog.dll").write_bytes(b"damaged")
+        (self.installed / "share/doc/shmnm/CHANGELOG.md").write_text("changed")
+        self.assertEqual(self.msiexec("/i", self.msi, "REINSTALL=ALL", "REINSTALLMODE=amus"), DONE)
+        self.expect_installed(self.first, self.example + MINE)
+        (self.installed / "etc/cluster.xml").unlink()
+        self.assertEqual(self.msiexec("/i", self.msi, "REINSTALL=ALL", "REINSTALLMODE=amus"), DONE)
+        self.expect_installed(self.first, self.example)
+
+    def test_a_removal_leaves_the_configuration_and_nothing_else(self):
+        before = self.path_of_the_machine()
+        self.install_and_edit()
+        process = self.serve(self.tool, self.environment())
+        process.end()
+        self.assertTrue((self.installed / "log/shmnm.log").is_file())
+        self.assertEqual(self.msiexec("/x", self.msi), DONE)
+        self.assertEqual(files(self.installed), {"etc/cluster.xml": self.example + MINE})
+        self.assertEqual([entry.name for entry in self.installed.iterdir()], ["etc"])
+        self.assertEqual([folder for folder in self.path_of_the_machine() if folder], [folder for folder in before if folder])
+        self.assertEqual(self.products(), [])
+        self.assertNotIn("InstallDir", self.wine("reg", "query", r"HKLM\Software\shmnm"))
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        self.expect_installed(self.first, self.example + MINE)
+
+    def test_a_removal_leaves_an_attached_process_and_its_files_alone(self):
+        self.install_and_edit()
+        environment = self.environment()
+        process = self.serve(self.tool, environment)
+        self.assertIn(self.msiexec("/x", self.msi), (DONE, RESTART_NEEDED))
+        self.assertIsNone(process.poll())
+        self.assertEqual(run(WINE, self.tool, "get", "servers/beta/nodestat", env=environment), "2\n")
+        process.end()
+        in_use = {"bin/shmnmctl.exe", "bin/kzmshmnm.dll", "bin/kzmutil.dll", "bin/kzmxml.dll", "bin/kzmlog.dll"}
+        left = {name for name in files(self.installed) if not name.startswith("log/")}
+        self.assertLessEqual(left, in_use | {"etc/cluster.xml"})
+        self.assertEqual((self.installed / "etc/cluster.xml").read_bytes(), self.example + MINE)
+        self.assertEqual(self.products(), [])
+
+    def test_an_older_version_is_refused(self):
+        self.install_and_edit(self.later_msi)
+        self.assertEqual(self.msiexec("/i", self.msi), FAILED)
+        self.assertEqual(self.products(), [LATER])
+
+    def test_the_same_files_make_the_same_installer_byte_for_byte(self):
+        first, second = (self.make(self.stage, self.now, name).read_bytes() for name in ("one.msi", "two.msi"))
+        self.assertEqual(first, second)
+
+
+if __name__ == "__main__":
+    support.main()
