@@ -58,7 +58,8 @@ void* const shown[] = {
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) void* dlsym(void* module, const char* name) noexcept {
-    static const auto found = reinterpret_cast<void* (*)(void*, const char*)>(dlvsym(RTLD_NEXT, "dlsym", "GLIBC_2.2.5"));
+    static const auto found =
+        reinterpret_cast<void* (*)(void*, const char*)>(dlvsym(RTLD_NEXT, "dlsym", "GLIBC_2.2.5"));
     void* const function = found(module, name);
     const size_t index = index_of(name);
     if (index == count || !function) return function;

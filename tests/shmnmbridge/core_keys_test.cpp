@@ -24,15 +24,14 @@ TEST(BridgeKeys, AreSplitIntoKindAndName) {
 }
 
 TEST(BridgeValues, AreReadBackAsTheyWereWritten) {
-    const auto claim = claim_from(to_json(ClaimValue{"host", "p.1", "alpha:8080", "7"}));
+    const auto claim = claim_from(to_json(ClaimValue{"host", "p.1", "alpha:8080"}));
     ASSERT_TRUE(claim);
     EXPECT_EQ(claim->host, "host");
     EXPECT_EQ(claim->run, "p.1");
     EXPECT_EQ(claim->address, "alpha:8080");
-    EXPECT_EQ(claim->digest, "7");
 
     const ServerState words{{1, 2, 3, 4, 5, UINT32_MAX}, {{"hb/lan/lan1", {6, 7}}, {"np/ping/gw", {8, 2}}}};
-    const auto state = state_from(to_json(StateValue{"p.1", 9, words}));
+    const auto state = state_from(to_json(StateValue{"p.1", 9, words, "7"}));
     ASSERT_TRUE(state);
     EXPECT_EQ(state->run, "p.1");
     EXPECT_EQ(state->sequence, 9);
@@ -58,16 +57,17 @@ TEST(BridgeValues, AreRefusedIfAMemberIsMissingOrOfAnotherType) {
           R"({"run":"p.1","n":-1,"seq":1,"seen":1})", R"({"run":"p.1","n":1.5,"seq":1,"seen":1})"}) {
         EXPECT_FALSE(beat_from(text)) << text;
     }
-    const std::string good = R"({"run":"p.1","seq":1,"words":[1,2,3,4,5,6],"cells":{"hb/lan/lan1":[1,2]}})";
+    const std::string good =
+        R"({"run":"p.1","seq":1,"digest":"7","words":[1,2,3,4,5,6],"cells":{"hb/lan/lan1":[1,2]}})";
     EXPECT_TRUE(state_from(good));
-    for (const char* text : {R"({"run":"p.1","seq":1,"words":[1,2,3,4,5],"cells":{}})",
-                             R"({"run":"p.1","seq":1,"words":[1,2,3,4,5,4294967296],"cells":{}})",
-                             R"({"run":"p.1","seq":1,"words":[1,2,3,4,5,6],"cells":{"hb/lan/lan1":[1]}})",
-                             R"({"run":"p.1","seq":1,"words":[1,2,3,4,5,6],"cells":7})",
-                             R"({"run":"p.1","seq":1,"words":[1,2,3,4,5,"6"],"cells":{}})"}) {
+    for (const char* text : {R"({"run":"p.1","seq":1,"digest":"7","words":[1,2,3,4,5],"cells":{}})",
+                             R"({"run":"p.1","seq":1,"digest":"7","words":[1,2,3,4,5,4294967296],"cells":{}})",
+                             R"({"run":"p.1","seq":1,"digest":"7","words":[1,2,3,4,5,6],"cells":{"hb/lan/lan1":[1]}})",
+                             R"({"run":"p.1","seq":1,"digest":"7","words":[1,2,3,4,5,6],"cells":7})",
+                             R"({"run":"p.1","seq":1,"digest":"7","words":[1,2,3,4,5,"6"],"cells":{}})"}) {
         EXPECT_FALSE(state_from(text)) << text;
     }
-    EXPECT_FALSE(claim_from(R"({"host":"h","run":"r","address":""})"));
+    EXPECT_FALSE(claim_from(R"({"host":"h","run":"r"})"));
     EXPECT_FALSE(proposal_from(R"({"value":[1],"process":"p","n":1})"));
 }
 

@@ -1,19 +1,21 @@
 // Runs the core through schedules of faults on a virtual clock and checks the invariants of docs/bridge-protocol.md.
 // With each rule switched off, an invariant must fail.
 //
-// SHMNM_SEED: the first seed, else 1. SHMNM_BRIDGE_SCHEDULES: how many schedules instead of as many as fit the
-// time. SHMNM_BRIDGE_RATES: also count how many of so many schedules fail without each rule. SHMNM_BRIDGE_TELL: print
-// what happens in a failing schedule.
+// SHMNM_SEED: the first seed, else 1. SHMNM_BRIDGE_SCHEDULES: how many schedules, else 2000. SHMNM_BRIDGE_RATES: also
+// count how many of so many schedules fail without each rule. SHMNM_BRIDGE_TELL: print what happens in a failing
+// schedule. SHMNM_BRIDGE_SIZING: print the table of docs/bridge-protocol.md, for clusters of up to so many machines.
 #include "core.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
 
 #include "shmnmbridge/simulation.h"
+#include "shmnmbridge/sizing.h"
 
 namespace bridge::test {
 namespace {
@@ -39,16 +41,12 @@ bool fails(const Schedule& schedule, const Rules& rules = {}) {
 
 TEST(BridgeCore, KeepsItsInvariants) {
     using Clock = std::chrono::steady_clock;
-    const uint64_t wanted = number_from("SHMNM_BRIDGE_SCHEDULES", 0), seed = first_seed();
+    const uint64_t wanted = number_from("SHMNM_BRIDGE_SCHEDULES", 2'000), seed = first_seed();
     const auto begin = Clock::now();
     const auto seconds = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
-    // In any case enough of them; more if there is time.
-    const auto goes_on = [&](uint64_t done) {
-        return wanted ? done < wanted : done < 2'000 || (seconds() < 30 && done < 100'000);
-    };
     Result total;
     uint64_t done = 0, faults = 0, failed = 0;
-    for (; goes_on(done) && failed < number_from("SHMNM_BRIDGE_SHOW", 3); ++done) {
+    for (; done < wanted && failed < number_from("SHMNM_BRIDGE_SHOW", 3); ++done) {
         const Schedule schedule = random_schedule(seed + done);
         const Result result = run(schedule);
         faults += schedule.faults.size();
@@ -73,6 +71,26 @@ TEST(BridgeCore, DoesTheSameForTheSameInputs) {
         EXPECT_EQ(run(schedule).trace, run(schedule).trace) << "seed " << seed + number;
     }
     EXPECT_NE(run(random_schedule(seed)).trace, run(random_schedule(seed + 1)).trace);
+}
+
+TEST(BridgeCore, WritesNoMoreStatesInALargerCluster) {
+    const Sizing few = measure({.machines = 4, .resources = 4, .changes = 10, .lasts = 3'000});
+    EXPECT_TRUE(few.all_fresh);
+    EXPECT_GT(few.states, 25) << "of 40 changes a second";
+    const Sizing many = measure({.machines = 16, .resources = 4, .changes = 20, .lasts = 3'000});
+    EXPECT_TRUE(many.all_fresh);
+    EXPECT_GT(many.states, 60);
+    EXPECT_LE(many.states, 125 + 3 * 16) << "of 320 changes a second; a beat that is due takes a state with it";
+    EXPECT_LE(many.transactions, 180) << "most beats go out with the states";
+    const uint64_t limit = number_from("SHMNM_BRIDGE_SIZING", 0);
+    if (limit) std::cout << heading();
+    for (const size_t machines : std::array<size_t, 4>{3, 5, 32, 128}) {
+        for (const double changes : {0.1, 1.0, 10.0}) {
+            if (machines > limit) continue;
+            const Cluster cluster{.machines = machines, .changes = changes};
+            std::cout << to_text(cluster, measure(cluster)) << std::flush;
+        }
+    }
 }
 
 struct Switch {
@@ -130,6 +148,12 @@ const Switch switches[] = {
     {"beats_after_looks",
      &Rules::beats_after_looks,
      {quiet({{.at = 4'000, .what = What::hold_lock, .machine = 1, .lasts = 8'000}})}},
+    {"claim_on_base", &Rules::claim_on_base, {random_schedule(683)}},
+    {"claim_has_lease", &Rules::claim_has_lease, {random_schedule(619)}},
+    {"lease_is_kept", &Rules::lease_is_kept},
+    {"beats_with_changes",
+     &Rules::beats_with_changes,
+     {quiet({{.at = 4'000, .what = What::set_often, .machine = 1, .lasts = 9'000}})}},
     {"end_deletes_keys",
      &Rules::end_deletes_keys,
      {quiet({{.at = 5'000, .what = What::end, .machine = 1, .lasts = 6'000}})}},
@@ -151,17 +175,46 @@ const Switch switches[] = {
      {quiet({{.at = 4'000, .what = What::busy_lock, .machine = 0, .lasts = 9'000},
              {.at = 4'500, .what = What::set_own, .machine = 1, .detail = 0}})}},
     {"silence_writes_unknown", &Rules::silence_writes_unknown},
+    {"unheard_are_silent",
+     &Rules::unheard_are_silent,
+     {quiet({{.at = 4'000, .what = What::kill, .machine = 0, .lasts = 5'000},
+             {.at = 5'000, .what = What::end, .machine = 1, .lasts = 15'000}})}},
+    {"absence_is_not_fresh",
+     &Rules::absence_is_not_fresh,
+     {quiet({{.at = 8'000, .what = What::clear, .machine = 0, .lasts = 2'000}})}},
+    {"changes_are_not_fresh", &Rules::changes_are_not_fresh},
+    {"missing_is_unknown",
+     &Rules::missing_is_unknown,
+     {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 9},
+             {.at = 8'000, .what = What::remove_resource, .machine = 1, .detail = 0}})}},
+    {"cut_off_keeps_words",
+     &Rules::cut_off_keeps_words,
+     {quiet({{.at = 4'000, .what = What::cut_both, .machine = 0, .lasts = 9'000}})}},
+    {"heard_before_fed", &Rules::heard_before_fed},
     {"revision_order", &Rules::revision_order},
     {"ended_watch_is_read",
      &Rules::ended_watch_is_read,
      {reading_seldom(
          quiet({{.at = 5'000, .what = What::compact}, {.at = 6'000, .what = What::lose_member, .machine = 1}}))}},
+    {"keys_are_read_again",
+     &Rules::keys_are_read_again,
+     {quiet({{.at = 4'990, .what = What::lose_event, .machine = 0},
+             {.at = 5'000, .what = What::set_own, .machine = 1, .detail = 0}})}},
     {"quiet_watch_is_read", &Rules::quiet_watch_is_read},
     {"cluster_is_checked", &Rules::cluster_is_checked},
     {"calls_compare", &Rules::calls_compare},
     {"counts_are_compared", &Rules::counts_are_compared},
     {"refuse_duplicates", &Rules::refuse_duplicates},
     {"step_back", &Rules::step_back},
+    {"added_again_is_fed",
+     &Rules::added_again_is_fed,
+     {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 0},
+             {.at = 8'000, .what = What::move_server, .machine = 0, .detail = 1}})}},
+    {"set_type_contests",
+     &Rules::set_type_contests,
+     {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 5},
+             {.at = 8'000, .what = What::set_type, .machine = 0, .detail = 5}})}},
+    {"contest_ends", &Rules::contest_ends, {quiet({{.at = 4'000, .what = What::rival, .lasts = 8'000}})}},
     {"requests_wait", &Rules::requests_wait},
     {"new_region_takes", &Rules::new_region_takes},
     {"old_answers_are_dropped", &Rules::old_answers_are_dropped,
@@ -175,6 +228,8 @@ const Switch switches[] = {
     {"contest_ends_proposals",
      &Rules::contest_ends_proposals,
      {quiet({{.at = 4'000, .what = What::rival, .lasts = 8'000}})}},
+    {"local_words_stay", &Rules::local_words_stay},
+    {"new_values_are_no_change", &Rules::new_values_are_no_change},
     {"pair_needs_value",
      &Rules::pair_needs_value,
      {without_pair(quiet({{.at = 4'000, .what = What::new_region, .lasts = 500}}))}},

@@ -6,10 +6,6 @@
 namespace bridge::test {
 namespace {
 
-constexpr Time window = 3'000;
-/// After so long without trouble a machine must be fresh elsewhere.
-constexpr Time recovery = 8'000;
-
 std::string word_key(const Call& call) {
     return call.setter == Call::Setter::header_word ? header_words[call.word] : call.resource;
 }
@@ -38,6 +34,15 @@ void visit(const ServerState& state, Visit visit) {
 
 }  // namespace
 
+Checker::Checker(const Keys& keys, const ModelEtcd& etcd, Values& values, Result& result, const Schedule& schedule)
+    : keys_(keys),
+      etcd_(etcd),
+      values_(values),
+      result_(result),
+      schedule_(schedule),
+      limit_(schedule.limit()),
+      recovery_(limit_ + 4'000) {}
+
 template <typename... Parts>
 void Checker::fail(Time now, const Machine* machine, int invariant, const Parts&... parts) {
     if (result_.violations.size() >= 5) return;
@@ -51,7 +56,7 @@ void Checker::fail(Time now, const Machine* machine, int invariant, const Parts&
 
 std::string Checker::describe(const Call& call) {
     if (is_agreed(call)) return word_key(call);
-    if (call.setter == Call::Setter::server_word) return std::string(server_words[call.word]) + '/' + call.server;
+    if (call.setter == Call::Setter::server_word) return "servers/" + call.server + '/' + server_words[call.word];
     return call.resource + (call.setter == Call::Setter::svstat ? "/svstat/" : "/network/") + call.server;
 }
 
@@ -66,7 +71,13 @@ void Checker::take_output(Time now, Machine& machine, const Output& output, bool
         if (is_in_batch) fail(now, &machine, 7, "a request leaves while a batch is made");
         const auto* const transaction = std::get_if<Transaction>(&request->body);
         if (!transaction) continue;
-        for (const Put& put : transaction->puts) mix(trace, put.value);
+        for (const Put& put : transaction->puts) {
+            mix(trace, put.value);
+            const auto [kind, name] = keys_.parts_of(put.key);
+            if (kind == "agreed" && machine.local.contains(std::string(name))) {
+                fail(now, &machine, 6, "local ", name, " is proposed");
+            }
+        }
     }
     if (output.batch) {
         for (const Call& call : output.batch->calls) mix(trace, call.value[0]);
@@ -75,9 +86,11 @@ void Checker::take_output(Time now, Machine& machine, const Output& output, bool
         mix(trace, notice);
         const size_t begin = notice.find("value of "), end = notice.find(" came first");
         if (begin == std::string::npos || end == std::string::npos) continue;
-        auto& losses = machine.losses[notice.substr(begin, end - begin)];
+        const std::string word = notice.substr(begin + 9, end - begin - 9);
+        auto& losses = machine.losses[word];
         while (!losses.empty() && now - losses.front() >= 10'000) losses.pop_front();
         losses.push_back(now);
+        ++machine.lost[word];
         if (losses.size() > 4) fail(now, &machine, 9, "more than 4 losses of one word in 10 s");
     }
 }
@@ -112,6 +125,7 @@ void Checker::check_written(Time now, const Transaction& transaction, int64_t re
                 fail(now, nullptr, 5, "a write of run ", run, " outside its claim's life");
             }
             if (kind == "state") check_state(now, server, put.value);
+            if (kind == "beat") check_beat(now, server, put.value);
         }
     }
 }
@@ -129,9 +143,19 @@ void Checker::check_state(Time now, const std::string& server, const std::string
     });
 }
 
+void Checker::check_beat(Time now, const std::string& server, const std::string& json) {
+    const BeatValue beat = beat_from(json).value();
+    const KeyValue* const found = etcd_.find(keys_.state(server));
+    const StateValue state = found ? state_from(*found->value).value() : StateValue{};
+    if (state.run != beat.run || state.sequence < beat.sequence) {
+        fail(now, nullptr, 5, "a beat names state ", beat.sequence, " of run ", beat.run, ", which is not in etcd");
+    }
+}
+
 void Checker::check_proposal(Time now, const std::string& key, const std::string& json, int64_t revision) {
     const ProposalValue proposal = proposal_from(json).value();
-    if (proposal.value[0] < Values::first) {
+    // A resource's state may also be set to unknown.
+    if (proposal.value[0] < Values::first && proposal.value[0] != unknown_state) {
         fail(now, nullptr, 1, key, " of a new region is proposed: ", proposal.value[0]);
     }
     if (!proposals_.insert(proposal.process + ' ' + std::to_string(proposal.number)).second) {
@@ -150,7 +174,19 @@ void Checker::forget_history() {
     last_process_.clear();
 }
 
-void Checker::check_asked(Time now, const Machine& machine) {
+void Checker::check_asked(Time now, const Machine& machine, const Batch& batch) {
+    if (machine.cut_off_since >= 0 && !machine.core->is_connected_at(now)) {
+        for (const Call& call : batch.calls) {
+            const bool is_reset = !is_agreed(call) && call.value[0] == unknown_state && schedule_.reset_when_cut_off;
+            if (!is_reset) fail(now, &machine, 3, describe(call), " is set by a machine that is cut off");
+        }
+    }
+    for (const Call& call : batch.calls) {
+        const auto position = machine.looked ? machine.looked->find_server(call.server) : std::nullopt;
+        if (position && !machine.looked->has_own_priority(*position)) {
+            fail(now, &machine, 8, describe(call), " is to be set, but its server shares a priority");
+        }
+    }
     if (machine.looked && machine.looked->counts != machine.looked->configured) {
         fail(now, &machine, 8, "a region of other counts than configured is to be fed");
     }
@@ -158,19 +194,23 @@ void Checker::check_asked(Time now, const Machine& machine) {
 
 void Checker::begin_batch(const Machine& machine) {
     own_before_ = machine.region->state_of_server(machine.server);
+    seen_.reset();
+    if (!machine.looked) return;
+    seen_.emplace(*machine.region);
+    seen_->words() = *machine.looked;
 }
 
 void Checker::check_call(Time now, Machine& machine, const Call& call) {
     const auto here = machine.region->value_at(call);
     const std::string word = describe(call);
-    if (here && machine.looked) {
-        ModelRegion seen = *machine.region;
-        seen.words() = *machine.looked;
-        if (seen.value_at(call) && seen.value_at(call) != here) {
+    if (here && seen_) {
+        const auto seen = seen_->value_at(call);
+        if (seen && seen != here) {
             fail(now, &machine, 9, word, " is set although a local process has set it since the look");
         }
     }
     if (machine.overwritten.contains(word)) fail(now, &machine, 6, "contested ", word, " is set");
+    if (machine.local.contains(word)) fail(now, &machine, 6, "local ", word, " is set");
     if (is_agreed(call)) {
         const auto landed = landed_.find(word_key(call) + ' ' + std::to_string(call.value[0]));
         if (landed == landed_.end()) return;
@@ -199,7 +239,8 @@ void Checker::end_batch(Time now, const Machine& machine) {
 
 void Checker::check_marks(Time now, Machine& machine, const Machines& machines) {
     if (!machine.core || machine.is_intruder) return;
-    if (!machine.was_intruded && machine.impaired_since >= 0 && now - machine.impaired_since > window + 1'000 &&
+    check_cut_off(now, machine, machines);
+    if (!machine.was_intruded && machine.impaired_since >= 0 && now - machine.impaired_since > limit_ &&
         machine.core->is_connected_at(now)) {
         fail(now, &machine, 3, "it says that it is connected, but has not read or written since ",
              machine.impaired_since);
@@ -210,13 +251,47 @@ void Checker::check_marks(Time now, Machine& machine, const Machines& machines) 
     }
 }
 
+void Checker::check_cut_off(Time now, Machine& machine, const Machines& machines) {
+    if (machine.core->is_connected_at(now)) {
+        machine.cut_off_since = -1;
+        return;
+    }
+    if (machine.cut_off_since < 0) machine.cut_off_since = now;
+    const bool is_locked = now < std::max(machine.until.busy_lock, machine.until.hold_lock);
+    const bool may_feed = machine.has_own_server() && machine.region->look().counts == machine.configured;
+    if (is_locked || !may_feed) machine.cut_off_since = now;
+    if (now - machine.cut_off_since <= limit_ + 1'000 || !schedule_.reset_when_cut_off) return;
+    for (const auto& other : machines) {
+        if (other->number == machine.number || other->is_intruder || !is_fed(machine, *other)) continue;
+        if (!is_unknown(machine, other->server)) {
+            fail(now, &machine, 3, other->server, " is not reset although this machine is cut off");
+        }
+    }
+}
+
+bool Checker::is_fed(const Machine& machine, const Machine& other) {
+    const auto position = machine.region ? machine.region->look().find_server(other.server) : std::nullopt;
+    return position && machine.has_own_server() && machine.region->look().has_own_priority(*position) &&
+           machine.region->look().counts == machine.configured && machine.overwritten.empty();
+}
+
+bool Checker::is_unknown(const Machine& machine, const std::string& server) {
+    const ServerState state = machine.region->state_of_server(server);
+    const auto is_new = [](const auto& each) { return each.second == Cell{}; };
+    return state.words[0] == unknown_state && state.words[1] == unknown_state &&
+           std::all_of(state.cells.begin(), state.cells.end(), is_new);
+}
+
 void Checker::check_peer(Time now, Machine& machine, const Machine& other, bool is_intruded) {
     const Freshness freshness = machine.core->freshness_of(other.server, now);
-    const bool is_healthy_here = now - machine.unhealthy_at > recovery,
-               is_healthy_there = now - other.unhealthy_at > recovery;
+    const bool is_healthy_here = now - machine.unhealthy_at > recovery_,
+               is_healthy_there = now - other.unhealthy_at > recovery_;
     if (freshness == Freshness::fresh) {
-        check_values(now, machine, other.server);
-        const auto too_long = [now](Time since) { return since >= 0 && now - since > window + 1'000; };
+        check_values(now, machine, other);
+        if (!machine.has_own_server() && now >= machine.until.hold_lock) {
+            fail(now, &machine, 3, other.server, " is fresh without a region that shows its words");
+        }
+        const auto too_long = [this, now](Time since) { return since >= 0 && now - since > limit_; };
         if (!is_intruded && too_long(other.impaired_since)) {
             fail(now, &machine, 3, other.server, " is fresh, but has not read or written since ", other.impaired_since);
         }
@@ -228,14 +303,17 @@ void Checker::check_peer(Time now, Machine& machine, const Machine& other, bool 
             fail(now, &machine, 3, other.server, " is fresh, but ended cleanly at ", other.ended_at);
         }
     }
-    if (freshness == Freshness::silent && !is_intruded && now - other.unhealthy_at > 5'000) {
+    if (freshness == Freshness::silent && !is_intruded && now - other.unhealthy_at > recovery_ - 3'000) {
         fail(now, &machine, 4, other.server, " is silent, but beats");
     }
-    const auto position = machine.region ? machine.region->look().find_server(other.server) : std::nullopt;
-    const bool is_fed = position && machine.has_own_server() && machine.region->look().has_own_priority(*position) &&
-                        machine.region->look().counts == machine.configured && machine.overwritten.empty();
+    const bool is_fed = Checker::is_fed(machine, other);
     if (freshness != Freshness::fresh && !is_intruded && is_fed && is_healthy_here && is_healthy_there) {
         fail(now, &machine, 4, other.server, " is not fresh, without a fault");
+    }
+    const bool is_dead = other.impaired_since >= 0 && now - other.impaired_since > recovery_;
+    if (freshness != Freshness::silent && !is_intruded && is_fed && is_healthy_here && is_dead) {
+        fail(now, &machine, 4, other.server, " is not silent, but has not read or written since ",
+             other.impaired_since);
     }
     if (is_fed && now >= machine.until.busy_lock && now >= machine.until.hold_lock) {
         check_silence(now, machine, other.server, freshness);
@@ -244,19 +322,46 @@ void Checker::check_peer(Time now, Machine& machine, const Machine& other, bool 
     }
 }
 
-void Checker::check_values(Time now, const Machine& machine, const std::string& server) {
-    const auto position = machine.region ? machine.region->look().find_server(server) : std::nullopt;
-    if (!position) return;
-    const auto check = [&](uint32_t value, const std::string& word) {
-        const Values::Origin* const origin = values_.find(value);
-        if (!origin || origin->is_foreign || origin->ended < 0 || now - origin->ended <= window + 1'000) return;
-        fail(now, &machine, 3, word, " of ", server, " is fresh with ", value, ", which ended at ", origin->ended);
-    };
-    for (const uint32_t value : machine.region->look().servers[*position].words) check(value, "a state");
-    for (const LookedResource& resource : machine.region->look().resources) {
-        check(resource.cells[*position].svstat, resource.key);
-        check(resource.cells[*position].network, resource.key);
+void Checker::check_values(Time now, const Machine& machine, const Machine& other) {
+    const auto here = machine.region ? machine.region->look().find_server(other.server) : std::nullopt;
+    if (!here) return;
+    // Without a region the owner has no other words.
+    const Look& their_look = other.has_own_server() ? other.region->look() : machine.region->look();
+    const size_t there = their_look.find_server(other.server).value_or(*here);
+    const LookedServer& words = machine.region->look().servers[*here];
+    const LookedServer& owned = their_look.servers[there];
+    Call call{.server = other.server};
+    for (call.word = 0; call.word < server_words.size(); ++call.word) {
+        check_value(now, machine, other, call, words.words[call.word], owned.words[call.word]);
     }
+    const auto& all = their_look.resources;
+    const auto& resources = machine.region->look().resources;
+    for (size_t at = 0; at < resources.size(); ++at) {
+        const Cell& cell = resources[at].cells[*here];
+        const LookedResource* const same = at < all.size() && all[at].key == resources[at].key
+                                               ? &all[at]
+                                               : their_look.find_resource(resources[at].key);
+        const Cell& theirs = same ? same->cells[there] : cell;
+        call.resource = resources[at].key;
+        call.setter = Call::Setter::svstat;
+        check_value(now, machine, other, call, cell.svstat, theirs.svstat);
+        call.setter = Call::Setter::network;
+        check_value(now, machine, other, call, cell.network, theirs.network);
+    }
+}
+
+void Checker::check_value(Time now, const Machine& machine, const Machine& other, const Call& call, uint32_t here,
+                          uint32_t there) {
+    const Values::Origin* const origin = values_.find(here);
+    if (origin && !origin->is_foreign && origin->ended >= 0 && now - origin->ended > limit_) {
+        fail(now, &machine, 3, describe(call), " is fresh with ", here, ", which ended at ", origin->ended);
+    }
+    // A new record's value, where the owner has set another long ago. A held lock hides what was changed, and an
+    // intruder's words are not those of the owner's region.
+    const Values::Origin* const current = here < Values::first ? values_.find(there) : nullptr;
+    if (!current || now - current->begun <= limit_ || now < machine.until.hold_lock || other.was_intruded) return;
+    if (machine.ever_overwritten.contains(describe(call))) return;
+    fail(now, &machine, 3, describe(call), " is fresh with ", here, ", but is ", there, " since ", current->begun);
 }
 
 void Checker::check_silence(Time now, Machine& machine, const std::string& server, Freshness freshness) {
@@ -266,10 +371,7 @@ void Checker::check_silence(Time now, Machine& machine, const std::string& serve
     }
     const Time since = machine.silent_since.emplace(server, now).first->second;
     if (now - since < 1'000) return;
-    const ServerState state = machine.region->state_of_server(server);
-    bool is_unknown = state.words[0] == unknown_state && state.words[1] == unknown_state;
-    for (const auto& [key, cell] : state.cells) is_unknown = is_unknown && cell == Cell{};
-    if (!is_unknown) fail(now, &machine, 3, server, " is silent, but its states are not 2");
+    if (!is_unknown(machine, server)) fail(now, &machine, 3, server, " is silent, but its states are not 2");
 }
 
 void Checker::check_end(Time now, const Machines& machines) {
@@ -287,30 +389,57 @@ void Checker::check_end(Time now, const Machines& machines) {
             }
         }
         check_end_of_agreed(now, *machine, marks);
+        check_end_of_lists(now, *machine, marks, machines);
+    }
+}
+
+void Checker::check_end_of_lists(Time now, const Machine& machine, const Marks& marks, const Machines& machines) {
+    std::set<std::string> unmatched;
+    const Look& look = machine.region->look();
+    for (const auto& other : machines) {
+        if (other->number == machine.number || other->is_intruder || !other->has_own_server()) continue;
+        if (!look.find_server(other->server)) unmatched.insert("servers/" + other->server);
+        for (const LookedResource& resource : other->region->look().resources) {
+            if (!look.find_resource(resource.key)) unmatched.insert(resource.key + '/' + other->server);
+        }
+    }
+    if (std::set(marks.unmatched.begin(), marks.unmatched.end()) != unmatched) {
+        fail(now, &machine, 1, marks.unmatched.size(), " words are listed as unmatched instead of ", unmatched.size());
+    }
+    for (const std::string& word : marks.contested) {
+        const auto lost = machine.lost.find(word);
+        if (machine.ever_overwritten.contains(word) || (lost != machine.lost.end() && lost->second > 3)) continue;
+        fail(now, &machine, 1, word, " is listed as contested, but nobody has contested it");
+    }
+    for (const Mark& mark : marks.servers) {
+        const auto other = std::find_if(machines.begin(), machines.end(), [&mark](const auto& each) {
+            return each->server == mark.server && !each->is_intruder;
+        });
+        const bool differ = digest_of((*other)->region->look()) != digest_of(look);
+        if (differ != mark.has_other_names) fail(now, &machine, 1, mark.server, " has other names: ", differ);
     }
 }
 
 void Checker::check_end_of_peer(Time now, const Machine& machine, const Machine& other, const Marks& marks) {
+    if (!machine.region->look().find_server(other.server)) return;
     if (machine.core->freshness_of(other.server, now) != Freshness::fresh) {
         fail(now, &machine, 1, other.server, " is not fresh at the end");
     }
     const ServerState here = machine.region->state_of_server(other.server);
     const ServerState there = other.region->state_of_server(other.server);
-    const auto is_listed = [&](const std::string& key) {
-        return std::find(marks.contested.begin(), marks.contested.end(), key) != marks.contested.end();
+    const auto check = [&](const std::string& key, uint32_t value, uint32_t theirs) {
+        const bool is_listed = std::find(marks.contested.begin(), marks.contested.end(), key) != marks.contested.end();
+        if (value != theirs && !is_listed) fail(now, &machine, 1, key, " is ", value, ", not ", theirs);
+        if (value == theirs && is_listed) fail(now, &machine, 1, key, " is listed as contested, but is as its owner's");
     };
     for (size_t word = 0; word < server_words.size(); ++word) {
-        if (here.words[word] == there.words[word]) continue;
-        if (is_listed("servers/" + other.server + '/' + server_words[word])) continue;
-        fail(now, &machine, 1, server_words[word], " of ", other.server, " is ", here.words[word], ", not ",
-             there.words[word]);
+        check("servers/" + other.server + '/' + server_words[word], here.words[word], there.words[word]);
     }
-    for (const auto& [key, cell] : there.cells) {
-        const auto found = here.cells.find(key);
-        if (found == here.cells.end()) continue;
-        const bool svstat = found->second.svstat == cell.svstat || is_listed(key + "/svstat/" + other.server);
-        const bool network = found->second.network == cell.network || is_listed(key + "/network/" + other.server);
-        if (!svstat || !network) fail(now, &machine, 1, "states of ", key, " on ", other.server, " differ at the end");
+    for (const auto& [key, cell] : here.cells) {
+        const auto found = there.cells.find(key);
+        const Cell theirs = found == there.cells.end() ? Cell{} : found->second;
+        check(key + "/svstat/" + other.server, cell.svstat, theirs.svstat);
+        check(key + "/network/" + other.server, cell.network, theirs.network);
     }
 }
 
@@ -323,7 +452,7 @@ void Checker::check_end_of_agreed(Time now, const Machine& machine, const Marks&
     result_.proposals += counts.proposed;
     const uint64_t landed = landed_of_[machine.process], overwritten = overwritten_of_[machine.process];
     if (counts.accepted > landed) fail(now, &machine, 9, counts.accepted, " accepted, but ", landed, " in etcd");
-    if (counts.accepted + overwritten < landed && machine.generation == 1) {
+    if (counts.accepted + overwritten < landed && machine.generation == 1 && !machine.has_lost_records) {
         fail(now, &machine, 9, landed, " proposals in etcd, ", overwritten, " overwritten, but ", counts.accepted,
              " accepted");
     }
@@ -332,9 +461,12 @@ void Checker::check_end_of_agreed(Time now, const Machine& machine, const Marks&
     };
     const auto check = [&](const std::string& key, const AgreedValue& here) {
         const KeyValue* const found = etcd_.find(keys_.agreed(key));
-        if (!found || is_contested(key)) return;
+        if (!found || machine.local.contains(key)) return;
         const ProposalValue value = proposal_from(*found->value).value();
-        if (value.value != here) fail(now, &machine, 1, key, " is ", here[0], ", not ", value.value[0], " as in etcd");
+        if (is_contested(key)) {
+            if (value.value == here) fail(now, &machine, 1, key, " is listed as contested, but is as in etcd");
+        } else if (value.value != here)
+            fail(now, &machine, 1, key, " is ", here[0], ", not ", value.value[0], " as in etcd");
     };
     const Look& look = machine.region->look();
     for (size_t word = 0; word < header_words.size(); ++word) check(header_words[word], look.header[word]);

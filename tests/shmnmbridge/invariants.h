@@ -3,6 +3,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -18,8 +19,7 @@ class Checker {
   public:
     using Machines = std::vector<std::unique_ptr<Machine>>;
 
-    Checker(const Keys& keys, const ModelEtcd& etcd, Values& values, Result& result)
-        : keys_(keys), etcd_(etcd), values_(values), result_(result) {}
+    Checker(const Keys& keys, const ModelEtcd& etcd, Values& values, Result& result, const Schedule& schedule);
 
     /// Everything that a core gives out.
     void take_output(Time now, Machine& machine, const Output& output, bool is_in_batch);
@@ -28,7 +28,7 @@ class Checker {
     void check_written(Time now, const Transaction& transaction, int64_t revision);
     void forget_history();
     /// A batch is asked for, is about to be made, and is made.
-    void check_asked(Time now, const Machine& machine);
+    void check_asked(Time now, const Machine& machine, const Batch& batch);
     void begin_batch(const Machine& machine);
     void check_call(Time now, Machine& machine, const Call& call);
     void check_accepted(Time now, const Machine& machine, const Call& call, bool is_accepted);
@@ -41,20 +41,31 @@ class Checker {
     static std::string describe(const Call& call);
 
   private:
+    /// Whether the other machine's words should stand in this machine's region.
+    static bool is_fed(const Machine& machine, const Machine& other);
+    static bool is_unknown(const Machine& machine, const std::string& server);
     template <typename... Parts>
     void fail(Time now, const Machine* machine, int invariant, const Parts&... parts);
     void check_state(Time now, const std::string& server, const std::string& json);
     void check_proposal(Time now, const std::string& key, const std::string& json, int64_t revision);
-    void check_values(Time now, const Machine& machine, const std::string& server);
+    void check_beat(Time now, const std::string& server, const std::string& json);
+    void check_values(Time now, const Machine& machine, const Machine& other);
+    void check_value(Time now, const Machine& machine, const Machine& other, const Call& call, uint32_t here,
+                     uint32_t there);
+    void check_cut_off(Time now, Machine& machine, const Machines& machines);
     void check_peer(Time now, Machine& machine, const Machine& other, bool is_intruded);
     void check_silence(Time now, Machine& machine, const std::string& server, Freshness freshness);
     void check_end_of_peer(Time now, const Machine& machine, const Machine& other, const Marks& marks);
+    void check_end_of_lists(Time now, const Machine& machine, const Marks& marks, const Machines& machines);
     void check_end_of_agreed(Time now, const Machine& machine, const Marks& marks);
 
     const Keys& keys_;
     const ModelEtcd& etcd_;
     Values& values_;
     Result& result_;
+    const Schedule& schedule_;
+    const Time limit_;     ///< what is older is not fresh
+    const Time recovery_;  ///< after so long without trouble a machine must be fresh elsewhere
     std::map<std::string, std::string> claim_hosts_;   ///< before the request
     std::map<std::string, uint32_t> highest_;          ///< by word and writer: what states have held
     std::map<std::string, int64_t> landed_;            ///< by word and value: the revision of an agreed value
@@ -63,6 +74,7 @@ class Checker {
     std::map<std::string, std::string> last_process_;  ///< by the agreed key: who wrote it last
     std::map<std::string, uint64_t> overwritten_of_;   ///< how many of them another process has overwritten
     ServerState own_before_;
+    std::optional<ModelRegion> seen_;  ///< the region as the look showed it for which the batch was made
 };
 
 }  // namespace bridge::test

@@ -27,7 +27,8 @@ struct Stream {
     uint64_t id = 0;
     bool is_open = false;
     bool is_dead = false;  ///< brings nothing any more
-    Time last = 0;         ///< the latest delivery
+    bool loses_event = false;
+    Time last = 0;  ///< the latest delivery
     std::map<std::string, Time> last_of_key;
 };
 
@@ -62,6 +63,11 @@ struct Machine {
     std::map<std::string, std::deque<Time>> losses;  ///< by the word
     std::set<std::string> fed;                       ///< servers whose words this bridge has set here
     std::set<std::string> overwritten;               ///< foreign words that a local process set after that
+    std::set<std::string> ever_overwritten;
+    bool has_lost_records = false;         ///< a proposal may have been open for one of them
+    std::map<std::string, uint64_t> lost;  ///< by the word: how many losses
+    std::set<std::string> local;           ///< agreed words that it keeps to itself
+    Time cut_off_since = 0;                ///< by its own account; -1: it is connected
 
     bool is_stopped(Time now) const { return now < until.stop; }
     bool has_own_server() const { return region && region->look().find_server(server); }

@@ -90,6 +90,10 @@ std::optional<AgreedValue> ModelRegion::value_at(const Call& call) {
         const LookedResource* const resource = look_.find_resource(call.resource);
         return resource ? std::optional(AgreedValue{resource->stat, 0}) : std::nullopt;
     }
+    const auto server = std::find_if(look_.servers.begin(), look_.servers.end(),
+                                     [&call](const LookedServer& each) { return each.pri == call.pri; });
+    const bool is_found = server != look_.servers.end() && server->name == call.server;
+    if (call.setter != Call::Setter::server_word && !is_found) return std::nullopt;
     const uint32_t* const word = find(call);
     return word ? std::optional(AgreedValue{*word, 0}) : std::nullopt;
 }

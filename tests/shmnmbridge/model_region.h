@@ -20,10 +20,11 @@ class Values {
         size_t machine = 0;
         bool is_foreign = false;  ///< set by a process that should not
         Time ended = -1;          ///< when its writer put another in its place; -1: it has not
+        Time begun = 0;           ///< when it was set
     };
 
-    uint32_t make(size_t machine, bool is_foreign = false) {
-        origins_.push_back({machine, is_foreign, -1});
+    uint32_t make(Time now, size_t machine, bool is_foreign = false) {
+        origins_.push_back({machine, is_foreign, -1, now});
         return first + static_cast<uint32_t>(origins_.size()) - 1;
     }
     Origin* find(uint32_t value) {

@@ -4,6 +4,8 @@
 #include <random>
 #include <utility>
 
+#include "core_settings.h"
+
 namespace bridge::test {
 namespace {
 
@@ -25,6 +27,7 @@ constexpr Kind kinds[] = {
     {What::lose_answers, "answers are lost", 500, 6'000, 4},
     {What::lose_large, "requests that write a state are lost", 1'000, 8'000, 2},
     {What::reorder, "events of different keys overtake each other", 2'000, 9'000, 5},
+    {What::lose_event, "its watch loses a change", 0, 0, 0},
     {What::lose_member, "its member of etcd ends", 0, 0, 3},
     {What::lose_token, "its token is lost", 500, 6'000, 2},
     {What::fail_over, "etcd has no leader", 300, 2'700, 3},
@@ -39,12 +42,16 @@ constexpr Kind kinds[] = {
     {What::move_server, "a server is added again at the end", 0, 0, 3},
     {What::remove_server, "a server is missing", 500, 6'000, 2},
     {What::add_resource_again, "a resource is added again", 0, 0, 2},
+    {What::lose_server, "a foreign server is missing for good", 0, 0, 1},
+    {What::remove_resource, "a resource is missing for good", 0, 0, 1},
     {What::share_priority, "two foreign servers share a priority", 1'000, 9'000, 2},
     {What::other_counts, "its configuration has other counts", 1'000, 9'000, 2},
     {What::set_own, "a local process sets an own word", 0, 0, 0},
     {What::flip_own, "a local process sets an own word, and back", 30, 3'000, 4},
     {What::set_agreed, "a local process sets an agreed word", 0, 0, 0},
     {What::set_foreign, "a local process sets a foreign word", 0, 0, 2},
+    {What::set_type, "a local process sets the states of a type", 0, 0, 2},
+    {What::set_often, "a local process sets an own word all the time", 500, 9'000, 2},
     {What::rival, "all machines set one agreed word", 1'000, 8'000, 1},
     {What::intruder, "another machine has its name", 2'000, 14'000, 3},
 };
@@ -60,6 +67,12 @@ bool is_of_etcd(What what) {
 
 }  // namespace
 
+Time Schedule::limit() const {
+    Settings settings;
+    settings.gather = gather;
+    return settings.limit();
+}
+
 Schedule random_schedule(uint64_t seed) {
     std::mt19937_64 random(seed);
     const auto below = [&random](uint64_t limit) { return random() % limit; };
@@ -69,6 +82,9 @@ Schedule random_schedule(uint64_t seed) {
     schedule.windows = below(3) == 0 ? static_cast<uint32_t>(below(32)) : 0;
     schedule.sets_pair = below(4) != 0;
     schedule.creator = {below(2) == 0, below(2) == 0};
+    schedule.gather = below(5) == 0 ? 1'000 : 0;
+    schedule.reset_when_cut_off = below(4) == 0;
+    schedule.local = below(4) == 0 ? static_cast<uint32_t>(below(32)) : 0;
     unsigned weights = 0;
     for (const Kind& kind : kinds) weights += kind.weight;
     const uint64_t count = 1 + below(8);
@@ -109,11 +125,13 @@ std::string to_text(const Fault& fault) {
 }
 
 std::string to_text(const Schedule& schedule) {
-    std::string text = "seed " + std::to_string(schedule.seed) + ", " + std::to_string(schedule.machines) +
-                       " machines, of Windows: " + std::to_string(schedule.windows) + ", creators set" +
-                       (schedule.sets_pair ? " the pair" : " no pair") +
-                       (schedule.creator.sets_own ? ", own words at once" : "") +
-                       (schedule.creator.sets_pair ? ", the pair at once" : "") + '\n';
+    std::string text =
+        "seed " + std::to_string(schedule.seed) + ", " + std::to_string(schedule.machines) +
+        " machines, of Windows: " + std::to_string(schedule.windows) + ", creators set" +
+        (schedule.sets_pair ? " the pair" : " no pair") + (schedule.creator.sets_own ? ", own words at once" : "") +
+        (schedule.creator.sets_pair ? ", the pair at once" : "") + (schedule.gather ? ", changes are gathered" : "") +
+        (schedule.reset_when_cut_off ? ", cut off resets" : "") + ", local words: " + std::to_string(schedule.local) +
+        '\n';
     for (const Fault& fault : schedule.faults) text += "    " + to_text(fault) + '\n';
     return text;
 }

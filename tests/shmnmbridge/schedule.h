@@ -24,6 +24,7 @@ enum class What {
     lose_answers,  ///< half of them
     lose_large,    ///< requests that write a state
     reorder,       ///< events of different keys overtake each other
+    lose_event,    ///< the watch does not bring the next change, which etcd excludes
     lose_member,   ///< the watch ends
     lose_token,
     // etcd.
@@ -40,13 +41,17 @@ enum class What {
     move_server,  ///< a server is removed and added again, at the end
     remove_server,
     add_resource_again,
-    share_priority,  ///< two foreign servers
-    other_counts,    ///< in the configuration
+    lose_server,      ///< a foreign server, for good
+    remove_resource,  ///< for good
+    share_priority,   ///< two foreign servers
+    other_counts,     ///< in the configuration
     // Local processes.
     set_own,      ///< a word of the own server
     flip_own,     ///< a word of the own server, there and back
     set_agreed,   ///< `word`, by its number
     set_foreign,  ///< a word of another server
+    set_type,     ///< the states of a type's resources, on all servers
+    set_often,    ///< a word of the own server, more often than it is looked at
     rival,        ///< all machines set one agreed word, again and again
     intruder,     ///< another machine with the same name
 };
@@ -73,9 +78,15 @@ struct Schedule {
     Creator creator;
     Time read_again =
         2'000;  ///< how often a bridge reads everything; more often than a real one, for the sake of late reads
+    Time gather = 0;
+    bool reset_when_cut_off = false;
+    uint32_t local = 0;  ///< bits: words of the header that machine 0 keeps to itself
     std::vector<Fault> faults;
     Time heals = 20'000;  ///< when the last fault ends
     Time ends = 30'000;
+
+    /// What is older is not fresh.
+    Time limit() const;
 };
 
 Schedule random_schedule(uint64_t seed);

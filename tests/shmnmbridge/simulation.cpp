@@ -16,7 +16,11 @@ constexpr Time look_interval = 50, request_time_out = 1'000, lock_time_out = 200
 class Simulation {
   public:
     Simulation(const Schedule& schedule, const Rules& rules, bool tell)
-        : schedule_(schedule), rules_(rules), tell_(tell), keys_("cluster"), checker_(keys_, etcd_, values_, result_) {}
+        : schedule_(schedule),
+          rules_(rules),
+          tell_(tell),
+          keys_("cluster"),
+          checker_(keys_, etcd_, values_, result_, schedule) {}
 
     Result run();
 
@@ -71,12 +75,15 @@ class Simulation {
     void set_own(Machine& machine, uint32_t choice);
     void set_agreed(Machine& machine, uint32_t word);
     void set_foreign(Machine& machine, uint32_t choice);
+    void overwrite(Machine& machine, const Call& call);
+    void set_type(Machine& machine, uint32_t choice);
     void end_own_values(Machine& machine);
     void write_own_words(Machine& machine);
     void write_agreed_words(Machine& machine);
 
     void begin(const Fault& fault);
     void begin_of_region(const Fault& fault, Machine& machine);
+    void forget_resource(Machine& machine, const std::string& key);
     void follow_health(Machine& machine);
 
     const Schedule& schedule_;
@@ -144,6 +151,12 @@ void Simulation::start(Machine& machine) {
     settings.host = machine.host;
     settings.process = machine.process;
     settings.read_again = schedule_.read_again;
+    settings.gather = schedule_.gather;
+    settings.reset_when_cut_off = schedule_.reset_when_cut_off;
+    for (size_t word = 0; machine.number == 0 && word < header_words.size(); ++word) {
+        if (schedule_.local >> word & 1) settings.local.insert(header_words[word]);
+    }
+    machine.local = settings.local;
     machine.core = std::make_unique<Core>(settings, rules_);
     machine.ended_at = -1;
     machine.fed.clear();
@@ -151,6 +164,7 @@ void Simulation::start(Machine& machine) {
     machine.agreed_revision.clear();
     machine.silent_since.clear();
     machine.losses.clear();
+    machine.cut_off_since = now_;
 }
 
 void Simulation::kill(Machine& machine) {
@@ -172,8 +186,9 @@ void Simulation::tick(Machine& machine) {
         process(machine, machine.core->look_failed(now_));
     } else {
         ++result_.looks;
-        machine.looked.reset();
-        if (machine.region) {
+        if (!machine.region) {
+            machine.looked.reset();
+        } else {
             machine.looked = machine.region->look();
             machine.looked->configured = machine.configured;
             if (machine.is_windows) machine.looked->object = 0;
@@ -203,7 +218,7 @@ void Simulation::process(Machine& machine, const Output& output) {
         }
     }
     if (!output.batch) return;
-    checker_.check_asked(now_, machine);
+    checker_.check_asked(now_, machine, *output.batch);
     machine.batch = output.batch;
     const bool is_locked = now_ < std::max(machine.until.hold_lock, machine.until.busy_lock);
     const Time wait = is_locked ? lock_time_out : static_cast<Time>(machine.network() % 3);
@@ -352,6 +367,11 @@ void Simulation::deliver(Machine& machine, uint64_t life, uint64_t watch, const 
         return at(machine.until.cut_from,
                   [this, &machine, life, watch, events] { deliver(machine, life, watch, events); });
     }
+    const bool is_beat = keys_.parts_of(events.front().key).kind == "beat";
+    if (stream.loses_event && !is_beat) {
+        stream.loses_event = false;
+        return say(machine, "its watch loses ", events.front().key);
+    }
     input(machine, life, [this, watch, events](Core& core) {
         return core.events(now_, {.watch = watch, .cluster = etcd_.cluster(), .events = events});
     });
@@ -404,13 +424,13 @@ void Simulation::set_own(Machine& machine, uint32_t choice) {
     }
     uint32_t* const word = machine.region->find(call);
     values_.end(*word, now_);
-    *word = values_.make(machine.id);
+    *word = values_.make(now_, machine.id);
     say(machine, "a local process sets ", checker_.describe(call), " to ", *word);
 }
 
 void Simulation::set_agreed(Machine& machine, uint32_t word) {
     if (!machine.has_own_server()) return;
-    const uint32_t value = values_.make(machine.id);
+    const uint32_t value = values_.make(now_, machine.id);
     if (word < header_words.size()) {
         *machine.region->find_header(word) = {value, word == hbinfo ? value + 1 : 0};
     } else {
@@ -429,9 +449,36 @@ void Simulation::set_foreign(Machine& machine, uint32_t choice) {
     call.word = 4;
     uint32_t* const word = machine.region->find(call);
     if (!word) return;
-    *word = values_.make(machine.id, true);
-    if (machine.fed.contains(call.server)) machine.overwritten.insert(checker_.describe(call));
+    *word = values_.make(now_, machine.id, true);
+    overwrite(machine, call);
     say(machine, "a local process overwrites ", checker_.describe(call), " with ", *word);
+}
+
+void Simulation::overwrite(Machine& machine, const Call& call) {
+    const std::string word = checker_.describe(call);
+    // An owner whose region is new has the unknown state too, and then the contest is over.
+    const bool may_end = schedule_.writes && *machine.region->find(call) == unknown_state;
+    if (machine.fed.contains(call.server) && !may_end) machine.overwritten.insert(word);
+    machine.ever_overwritten.insert(word);
+}
+
+void Simulation::set_type(Machine& machine, uint32_t choice) {
+    if (!machine.has_own_server() || machine.region->look().resources.empty()) return;
+    auto& resources = machine.region->words().resources;
+    LookedResource& resource = resources[choice % resources.size()];
+    const uint32_t value = choice % 2 ? unknown_state : values_.make(now_, machine.id, true);
+    resource.stat = value;
+    for (size_t position = 0; position < resource.cells.size(); ++position) {
+        const std::string& server = machine.region->look().servers[position].name;
+        uint32_t& word = resource.cells[position].svstat;
+        if (server == machine.server) values_.end(word, now_);
+        const bool is_overwritten = server != machine.server && word != value;
+        word = value;
+        if (is_overwritten) {
+            overwrite(machine, {.setter = Call::Setter::svstat, .server = server, .resource = resource.key});
+        }
+    }
+    say(machine, "a local process sets all states of ", resource.key, " to ", value);
 }
 
 void Simulation::end_own_values(Machine& machine) {
@@ -576,6 +623,17 @@ void Simulation::begin(const Fault& fault) {
             return set_agreed(machine, fault.detail);
         case What::set_foreign:
             return set_foreign(machine, fault.detail);
+        case What::set_type:
+            return set_type(machine, fault.detail);
+        case What::set_often:
+            machine.unhealthy_at = unhealthy_before;
+            for (Time time = now_; time < end; time += 20) {
+                at(time, [this, &machine] { set_own(machine, 0); });
+            }
+            return;
+        case What::lose_event:
+            machine.stream.loses_event = true;
+            return;
         default:
             return begin_of_region(fault, machine);
     }
@@ -636,14 +694,21 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
         case What::add_resource_again: {
             if (!machine.region || machine.region->look().resources.empty()) return;
             const std::string key = machine.region->look().resources.front().key;
-            if (const auto own = machine.region->look().find_server(machine.server)) {
-                const Cell& cell = machine.region->look().resources.front().cells[*own];
-                values_.end(cell.svstat, now_);
-                values_.end(cell.network, now_);
-            }
-            machine.region->remove_resource(key);
-            machine.agreed_revision.erase(key);
+            forget_resource(machine, key);
             return machine.region->add_resource(key);
+        }
+        case What::lose_server: {
+            const std::string lost = ModelRegion::server_name(
+                (machine.number + 1 + fault.detail % (schedule_.machines - 1)) % schedule_.machines);
+            if (!machine.region) return;
+            machine.fed.erase(lost);
+            machine.overwritten.clear();
+            return machine.region->remove_server(lost);
+        }
+        case What::remove_resource: {
+            if (!machine.region || machine.region->look().resources.empty()) return;
+            const auto& resources = machine.region->look().resources;
+            return forget_resource(machine, std::string(resources[fault.detail % resources.size()].key));
         }
         case What::share_priority: {
             if (!machine.region) return;
@@ -678,6 +743,18 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
         default:
             return;
     }
+}
+
+void Simulation::forget_resource(Machine& machine, const std::string& key) {
+    if (const auto own = machine.region->look().find_server(machine.server)) {
+        const Cell& cell = machine.region->look().find_resource(key)->cells[*own];
+        values_.end(cell.svstat, now_);
+        values_.end(cell.network, now_);
+    }
+    machine.agreed_revision.erase(key);
+    machine.has_lost_records = true;
+    std::erase_if(machine.overwritten, [&key](const std::string& word) { return word.starts_with(key + '/'); });
+    machine.region->remove_resource(key);
 }
 
 void Simulation::follow_health(Machine& machine) {

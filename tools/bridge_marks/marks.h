@@ -18,7 +18,7 @@ struct Mark {
     std::string server;  ///< escaped
     Freshness freshness = Freshness::unknown;
     int64_t age = -1;           ///< milliseconds since it had the words that the region shows, at most; -1: not known
-    uint64_t sequence = 0;      ///< of its words in etcd
+    uint64_t sequence = 0;      ///< the revision of its words in etcd, the same for all machines that have them
     std::string address{};      ///< where its machine's picture is served
     bool is_claimed = false;    ///< a bridge has its name
     bool is_unmatched = false;  ///< this region has no such server

@@ -3,12 +3,19 @@
 #include <algorithm>
 
 namespace bridge {
+namespace {
+
+/// All machines together write about 125 states a second, at most, which each of them receives.
+constexpr Time gather_of_claim = 8;
+
+}  // namespace
 
 Core::Core(Settings settings, const Rules& rules)
     : settings_(std::move(settings)),
+      least_gather_(settings_.gather),
       rules_(rules),
       keys_(settings_.cluster),
-      beats_(settings_.limit()),
+      beats_(settings_),
       run_(settings_, rules_, keys_, outbox_, beats_),
       agreed_(settings_, rules_, keys_, outbox_, run_),
       feeder_(settings_, rules_, outbox_),
@@ -19,9 +26,10 @@ Core::Core(Settings settings, const Rules& rules)
 Output Core::look(Time now, const Look* look) {
     if (run_.is_ended()) return {};
     step(now);
+    if (!not_cut_off_until_) not_cut_off_until_ = now + settings_.limit();
     const auto own = look ? look->find_server(settings_.server) : std::nullopt;
     if (!look || !own) {
-        feeder_.see_nothing();
+        feeder_.see_nothing(peers_);
         run_.step(now, nullptr, mirror_.is_synced(), mirror_.seen());
         return finish();
     }
@@ -30,6 +38,7 @@ Output Core::look(Time now, const Look* look) {
     run_.step(now, &*own_, mirror_.is_synced(), mirror_.seen());
     const AgreedWords::Continuity continuity = feeder_.continuity(now, *look, is_changed);
     feeder_.look(now, *look, continuity, peers_);
+    if (is_changed) enter_peers();
     agreed_.look(now, *look, continuity, is_connected_at(now));
     feed(now);
     return finish();
@@ -43,13 +52,17 @@ Output Core::look_failed(Time now) {
 }
 
 void Core::feed(Time now) {
-    if (!is_connected_at(now)) return;
+    const bool connected = is_connected_at(now);
+    const bool resets = settings_.reset_when_cut_off || !rules_.cut_off_keeps_words;
+    if (!connected && !(resets && now >= *not_cut_off_until_)) return;
     std::vector<Call> calls;
     for (auto& [server, peer] : peers_) {
-        const Freshness freshness = peer.freshness(now, settings_, beats_, true, rules_);
-        feeder_.add_calls(calls, server, peer, freshness, peer.is_heard(now, settings_.limit(), rules_));
+        const bool is_heard = connected && peer.is_heard(now, settings_.limit(), rules_);
+        const Freshness freshness =
+            connected ? peer.freshness(now, settings_, beats_, true, rules_) : Freshness::silent;
+        feeder_.add_calls(calls, server, peer, freshness, is_heard);
     }
-    if (feeder_.may_feed()) {
+    if (connected && feeder_.may_feed()) {
         for (Call& call : agreed_.calls()) calls.push_back(std::move(call));
     }
     if (calls.empty()) return;
@@ -66,11 +79,15 @@ Output Core::batch_done(Time now, const BatchDone& done) {
     const Batch batch = std::move(*batch_);
     batch_.reset();
     for (size_t at = 0; done.made && at < batch.calls.size(); ++at) {
-        if (std::find(done.skipped.begin(), done.skipped.end(), at) != done.skipped.end()) continue;
         const Call& call = batch.calls[at];
+        if (std::find(done.skipped.begin(), done.skipped.end(), at) != done.skipped.end()) {
+            if (const auto peer = peers_.find(call.server); peer != peers_.end()) peer->second.applied(false);
+            continue;
+        }
         feeder_.made(call);
         if (call.setter == Call::Setter::header_word || call.setter == Call::Setter::stat) agreed_.made(call);
     }
+    for (auto& [server, peer] : peers_) peer.applied(done.made);
     return finish();
 }
 
@@ -130,7 +147,10 @@ void Core::changed(const KeyValue& change, bool by_watch) {
         if (beat) beat_came(server, *beat, change.revision, by_watch);
     } else if (!is_own || !rules_.own_is_never_fed) {
         Peer& peer = peers_[server];
-        if (kind == "claim") peer.claim_changed(change);
+        if (kind == "claim") {
+            peer.claim_changed(change);
+            follow_claims();
+        }
         if (kind == "state") peer.state_changed(change);
     }
 }
@@ -152,9 +172,25 @@ void Core::beat_came(const std::string& server, const BeatValue& beat, int64_t r
 
 void Core::forgotten() {
     peers_.clear();
+    enter_peers();
+    follow_claims();
     beats_.forget();
     run_.forget();
     agreed_.forget();
+    not_cut_off_until_ = now_ + settings_.limit();
+}
+
+void Core::enter_peers() {
+    if (!feeder_.shown() || !rules_.unheard_are_silent) return;
+    for (const LookedServer& server : feeder_.shown()->servers) {
+        if (!server.name.empty() && server.name != settings_.server) peers_.try_emplace(server.name);
+    }
+}
+
+void Core::follow_claims() {
+    const auto claims =
+        std::count_if(peers_.begin(), peers_.end(), [](const auto& each) { return each.second.claim().has_value(); });
+    settings_.gather = std::max(least_gather_, gather_of_claim * (claims + 1));
 }
 
 Freshness Core::freshness_of(std::string_view server, Time now) const {
@@ -175,18 +211,21 @@ Marks Core::marks(Time now) const {
     marks.contested = agreed_.contested();
     marks.contested.insert(marks.contested.end(), feeder_.contested().begin(), feeder_.contested().end());
     for (const auto& [server, peer] : peers_) {
+        const bool is_here = feeder_.shown() && feeder_.shown()->find_server(server);
+        // Removed here, and etcd knows nothing of it.
+        if (!is_here && !peer.claim() && !peer.state()) continue;
         Mark mark;
         mark.server = server;
         mark.freshness = freshness_of(server, now);
         if (const auto since = peer.shown_since(rules_)) mark.age = now - *since;
-        mark.sequence = peer.state() ? peer.state()->sequence : 0;
+        mark.sequence = peer.state() ? static_cast<uint64_t>(peer.state_revision()) : 0;
         mark.is_claimed = peer.claim().has_value();
         if (peer.claim()) {
             mark.address = peer.claim()->address;
-            mark.has_other_names = (own_ && peer.claim()->digest != own_->digest);
         }
+        mark.has_other_names = own_ && peer.state() && peer.state()->digest != own_->digest;
         for (std::string& key : feeder_.unmatched(server, peer)) marks.unmatched.push_back(std::move(key));
-        mark.is_unmatched = feeder_.shown() && !feeder_.shown()->find_server(server);
+        mark.is_unmatched = feeder_.shown() && !is_here;
         mark.is_duplicate = feeder_.is_duplicate(server);
         marks.servers.push_back(std::move(mark));
     }

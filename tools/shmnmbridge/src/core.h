@@ -43,11 +43,15 @@ class Core {
     void changed(const KeyValue& change, bool by_watch);
     void beat_came(const std::string& server, const BeatValue& beat, int64_t revision, bool by_watch);
     void forgotten();
+    /// Each server of the region has a peer: one that etcd knows nothing of is silent.
+    void enter_peers();
+    void follow_claims();
     void step(Time now);
     void feed(Time now);
     Output finish();
 
-    const Settings settings_;
+    Settings settings_;
+    const Time least_gather_;
     const Rules rules_;
     Keys keys_;
     Outbox outbox_;
@@ -58,8 +62,9 @@ class Core {
     Mirror mirror_;
     Peers peers_;
     Time now_ = 0;
-    std::optional<Batch> batch_;   ///< being made
-    std::optional<Run::Own> own_;  ///< of the last look
+    std::optional<Time> not_cut_off_until_;  ///< after a start a machine has time to connect
+    std::optional<Batch> batch_;             ///< being made
+    std::optional<Run::Own> own_;            ///< of the last look
 };
 
 }  // namespace bridge

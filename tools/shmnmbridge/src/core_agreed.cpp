@@ -66,7 +66,7 @@ void AgreedWords::enter_all(const Look& look) {
 
 void AgreedWords::enter(std::string_view key, const Call& word, const AgreedValue& raw,
                         std::optional<AgreedValue> new_value) {
-    if (settings_.local.contains(std::string(key))) return;
+    if (rules_.local_words_stay && settings_.local.contains(std::string(key))) return;
     auto found = entries_.find(key);
     if (found == entries_.end()) found = entries_.emplace(key, Entry{}).first;
     Entry& entry = found->second;
@@ -84,7 +84,7 @@ std::optional<AgreedValue> AgreedWords::value_of(const Entry& entry) const {
 void AgreedWords::look_at(Time now, const std::string& key, Entry& entry, bool connected) {
     if (!entry.is_taken && !take(entry, connected)) return;
     if (entry.is_contested) {
-        if (entry.etcd != value_of(entry)) return;
+        if (entry.etcd != value_of(entry) || !rules_.contest_ends) return;
         entry.is_contested = false;
         agree(entry, entry.etcd, entry.revision);
     }
@@ -96,7 +96,7 @@ bool AgreedWords::take(Entry& entry, bool connected) {
     if (!connected) return false;
     if (!entry.etcd) {
         // What a new region would not hold was set on purpose, and overwrites nothing: follow() proposes it.
-        agree(entry, entry.new_value, entry.revision);
+        agree(entry, rules_.new_values_are_no_change ? entry.new_value : std::nullopt, entry.revision);
         return true;
     }
     const auto value = value_of(entry);

@@ -5,7 +5,7 @@
 namespace bridge {
 
 void OwnBeats::sent(uint64_t number, Time now) {
-    while (!beats_.empty() && now - beats_.front().sent > 2 * limit_) beats_.pop_front();
+    while (!beats_.empty() && now - beats_.front().sent > 2 * settings_.limit()) beats_.pop_front();
     beats_.push_back({number, now, 0, std::nullopt});
 }
 

@@ -8,13 +8,13 @@
 #include <deque>
 #include <optional>
 
-#include "core_words.h"
+#include "core_settings.h"
 
 namespace bridge {
 
 class OwnBeats {
   public:
-    explicit OwnBeats(Time limit) : limit_(limit) {}
+    explicit OwnBeats(const Settings& settings) : settings_(settings) {}
 
     void sent(uint64_t number, Time now);
     /// An own beat is in etcd. @param[in] echo  it came through the watch, which therefore works
@@ -26,7 +26,7 @@ class OwnBeats {
     std::optional<Time> date_of(int64_t seen) const;
 
     /// Whether an own beat came back that was sent within the limit.
-    bool has_echo(Time now) const { return echoed_ && now - *echoed_ < limit_; }
+    bool has_echo(Time now) const { return echoed_ && now - *echoed_ < settings_.limit(); }
     /// When the watch last brought an own beat.
     std::optional<Time> echo_arrived() const { return echo_arrived_; }
     /// How many own beats came back that were sent at a time or later. Those that came back at once, because etcd had
@@ -41,7 +41,7 @@ class OwnBeats {
         std::optional<Time> came_back;  ///< through the watch
     };
 
-    Time limit_;
+    const Settings& settings_;
     std::deque<Beat> beats_;
     std::optional<Time> echoed_, echo_arrived_;
 };

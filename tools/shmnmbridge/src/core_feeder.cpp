@@ -34,7 +34,8 @@ uint32_t new_value_of(const Call& call) {
 }  // namespace
 
 template <typename Visit>
-void Feeder::visit_words(const Look& look, size_t position, const ServerState* state, Visit visit) {
+void Feeder::visit_words(const Look& look, size_t position, const ServerState* state, Visit visit) const {
+    static constexpr Cell unknown_cell;
     const LookedServer& server = look.servers[position];
     Call call{.server = server.name, .pri = server.pri};
     for (call.word = 0; call.word < server_words.size(); ++call.word) {
@@ -47,6 +48,7 @@ void Feeder::visit_words(const Look& look, size_t position, const ServerState* s
         if (state) {
             const auto found = state->cells.find(resource.key);
             if (found != state->cells.end()) theirs = &found->second;
+            if (!theirs && rules_.missing_is_unknown) theirs = &unknown_cell;
         }
         call.resource = resource.key;
         call.setter = Call::Setter::svstat;
@@ -87,7 +89,12 @@ AgreedWords::Continuity Feeder::continuity(Time now, const Look& look, bool is_c
 bool Feeder::is_new_row(const LookedResource& resource, size_t own) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
     if (!before) return false;
-    // The own column and the resource's own state may have been set since.
+    // The own column and the resource's own state may have been set since. If all are unknown, the states of the type
+    // were set in one call: a new resource's own state is another.
+    if (rules_.set_type_contests && resource.stat == unknown_state && before->stat != resource.stat &&
+        own < resource.cells.size() && resource.cells[own].svstat == unknown_state) {
+        return false;
+    }
     bool any_fell = false;
     for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
         const bool is_new = resource.cells[position] == Cell{};
@@ -131,23 +138,31 @@ bool Feeder::is_witness(const Look& look) const {
     return found;
 }
 
-void Feeder::see_nothing() {
+void Feeder::see_nothing(Peers& peers) {
     was_absent_ = true;
+    settled_.clear();
+    if (rules_.absence_is_not_fresh) {
+        for (auto& [server, peer] : peers) peer.set_not_shown();
+    }
     if (rules_.absence_tells) shown_.reset();
 }
 
 void Feeder::look(Time now, const Look& look, const AgreedWords::Continuity& continuity, Peers& peers) {
     looked_at_ = now;
+    if (continuity.is_changed || continuity.is_new || !contested_.empty()) settled_.clear();
     if (continuity.is_new) {
         for (auto& [server, peer] : peers) peer.set_not_shown();
         fed_.clear();
         contested_.clear();
     }
     if (shown_ && !continuity.is_new && continuity.is_changed) {
+        const std::set<std::string, std::less<>> new_rows = find_new_rows(look);
         for (const std::string& server : fed_) {
             const auto position = look.find_server(server);
             const auto peer = peers.find(server);
-            if (position && peer != peers.end()) follow_contests(look, *position, peer->second);
+            if (!position || peer == peers.end()) continue;
+            if (new_rows.empty() && shows_same(look, *position)) continue;
+            follow_contests(look, *position, peer->second, new_rows);
         }
     }
     if (!contested_.empty()) {
@@ -156,7 +171,7 @@ void Feeder::look(Time now, const Look& look, const AgreedWords::Continuity& con
             if (!position || !peer.state()) continue;
             visit_words(look, *position, &peer.state()->state,
                         [&](const Call& call, uint32_t here, const uint32_t* theirs, bool) {
-                            if (theirs && *theirs == here) contested_.erase(key_of(call));
+                            if (theirs && *theirs == here && rules_.contest_ends) contested_.erase(key_of(call));
                         });
         }
     }
@@ -164,20 +179,37 @@ void Feeder::look(Time now, const Look& look, const AgreedWords::Continuity& con
     was_absent_ = false;
 }
 
-void Feeder::follow_contests(const Look& look, size_t position, const Peer& peer) {
+bool Feeder::shows_same(const Look& look, size_t position) const {
+    if (position >= shown_->servers.size() || look.servers[position] != shown_->servers[position]) return false;
+    return std::equal(look.resources.begin(), look.resources.end(), shown_->resources.begin(), shown_->resources.end(),
+                      [position](const LookedResource& here, const LookedResource& before) {
+                          return here.key == before.key && position < here.cells.size() &&
+                                 position < before.cells.size() && here.cells[position] == before.cells[position];
+                      });
+}
+
+std::set<std::string, std::less<>> Feeder::find_new_rows(const Look& look) const {
+    std::set<std::string, std::less<>> rows;
+    const auto own = look.find_server(settings_.server);
+    for (const LookedResource& resource : look.resources) {
+        if (own && is_new_row(resource, *own)) rows.insert(resource.key);
+    }
+    return rows;
+}
+
+void Feeder::follow_contests(const Look& look, size_t position, Peer& peer,
+                             const std::set<std::string, std::less<>>& new_rows) {
     const std::string& server = look.servers[position].name;
     const auto before = shown_->find_server(server);
-    if (!before) return;
-    const bool was_added_again = is_as_new(look, position);
-    const auto own = look.find_server(settings_.server);
-    std::set<std::string, std::less<>> new_rows;
-    for (const LookedResource& resource : look.resources) {
-        if (own && is_new_row(resource, *own)) new_rows.insert(resource.key);
-    }
+    bool is_shown = before.has_value();
+    const bool was_added_again = rules_.added_again_is_fed && (!before || is_as_new(look, position));
     visit_words(look, position, peer.state() ? &peer.state()->state : nullptr,
                 [&](const Call& call, uint32_t here, const uint32_t* theirs, bool) {
                     const uint32_t* const shown = word_of(*shown_, call);
-                    if (was_added_again || (!call.resource.empty() && new_rows.contains(call.resource))) {
+                    is_shown = is_shown && shown && *shown == here;
+                    const bool is_new_row = !call.resource.empty() &&
+                                            (new_rows.contains(call.resource) || !shown_->find_resource(call.resource));
+                    if (was_added_again || (is_new_row && rules_.added_again_is_fed)) {
                         contested_.erase(key_of(call));
                     } else if (shown && *shown != here && !(theirs && *theirs == here) && rules_.step_back) {
                         if (contested_.insert(key_of(call)).second) {
@@ -185,15 +217,24 @@ void Feeder::follow_contests(const Look& look, size_t position, const Peer& peer
                         }
                     }
                 });
+    if (!is_shown && rules_.changes_are_not_fresh) peer.set_not_shown();
 }
 
 void Feeder::add_calls(std::vector<Call>& calls, const std::string& server, Peer& peer, Freshness freshness,
                        bool is_heard) {
+    const bool all = (is_heard || !rules_.heard_before_fed) && peer.state().has_value();
+    const bool silence = !all && freshness == Freshness::silent && rules_.silence_writes_unknown;
+    // In a large cluster nearly all servers are as they were.
+    const Settled wanted = all ? Settled{peer.state()->run, peer.state()->sequence} : Settled{};
+    const auto settled = settled_.find(server);
+    if ((all || silence) && settled != settled_.end() && settled->second == wanted) {
+        if (!all) return peer.set_not_shown();
+        peer.set_applied();
+        return peer.applied(true);
+    }
     const auto position = shown_->find_server(server);
     if (!position || !may_feed() || (rules_.refuse_duplicates && is_duplicate(server))) return peer.set_not_shown();
     if (server == settings_.server && rules_.own_is_never_fed) return;
-    const bool all = is_heard && peer.state().has_value();
-    const bool silence = !all && freshness == Freshness::silent && rules_.silence_writes_unknown;
     if (!all && !silence) return;
     const size_t before = calls.size();
     visit_words(*shown_, *position, all ? &peer.state()->state : nullptr,
@@ -207,10 +248,16 @@ void Feeder::add_calls(std::vector<Call>& calls, const std::string& server, Peer
                     calls.back().expected = AgreedValue{here, 0};
                 });
     fed_.insert(server);
+    if (calls.size() == before) {
+        settled_.insert_or_assign(server, wanted);
+    } else {
+        settled_.erase(server);
+    }
     if (!all) {
         peer.set_not_shown();
-    } else if (calls.size() == before) {
-        peer.set_shown();
+    } else {
+        peer.set_applied();
+        if (calls.size() == before) peer.applied(true);
     }
 }
 

@@ -2,6 +2,7 @@
 // that a word that a local process has overwritten is noticed and left alone.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -23,7 +24,7 @@ class Feeder {
     /// What a look says of the looks before it.
     AgreedWords::Continuity continuity(Time now, const Look& look, bool is_changed) const;
     /// A look found no region, or one without the own server.
-    void see_nothing();
+    void see_nothing(Peers& peers);
     /// Takes in a look, and follows which words are contested.
     void look(Time now, const Look& look, const AgreedWords::Continuity& continuity, Peers& peers);
     /// The calls that make the region of the last look show a server's words.
@@ -44,13 +45,26 @@ class Feeder {
     /// One word of a server in the region. Calls `visit(key, call, value here, value of the server or null, is of
     /// silence)`.
     template <typename Visit>
-    static void visit_words(const Look& look, size_t position, const ServerState* state, Visit visit);
+    void visit_words(const Look& look, size_t position, const ServerState* state, Visit visit) const;
     bool is_witness(const Look& look) const;
     bool others_fell(const Look& look) const;
     /// Whether a resource whose own state fell to that of a new one shows nothing that proves that it is not.
     bool may_be_new(const LookedResource& resource) const;
     bool is_new_row(const LookedResource& resource, size_t own) const;
-    void follow_contests(const Look& look, size_t position, const Peer& peer);
+    /// Whether a server's words are those of the look before.
+    bool shows_same(const Look& look, size_t position) const;
+    /// The keys of resources that were added again.
+    std::set<std::string, std::less<>> find_new_rows(const Look& look) const;
+    void follow_contests(const Look& look, size_t position, Peer& peer,
+                         const std::set<std::string, std::less<>>& new_rows);
+
+    /// What the region was found to show of a server: a state, or silence.
+    struct Settled {
+        std::string run;
+        uint64_t sequence = 0;
+
+        bool operator==(const Settled&) const = default;
+    };
 
     const Settings& settings_;
     const Rules& rules_;
@@ -59,7 +73,8 @@ class Feeder {
     Time looked_at_ = 0;
     bool was_absent_ = false;
     std::set<std::string, std::less<>> fed_;  ///< servers whose words were set or found here since the region is new
-    std::set<std::string> contested_;         ///< "servers/alpha/pingstat", "hb/lan/lan1/svstat/alpha"
+    std::map<std::string, Settled, std::less<>> settled_;  ///< since the last change of the region
+    std::set<std::string> contested_;                      ///< "servers/alpha/pingstat", "hb/lan/lan1/svstat/alpha"
 };
 
 }  // namespace bridge

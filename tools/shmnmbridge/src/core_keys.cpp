@@ -58,13 +58,18 @@ class Members {
 }  // namespace
 
 std::string to_json(const ClaimValue& value) {
-    return json{{"host", value.host}, {"run", value.run}, {"address", value.address}, {"digest", value.digest}}.dump();
+    return json{{"host", value.host}, {"run", value.run}, {"address", value.address}}.dump();
 }
 
 std::string to_json(const StateValue& value) {
     json cells = json::object();
     for (const auto& [key, cell] : value.state.cells) cells[key] = {cell.svstat, cell.network};
-    return json{{"run", value.run}, {"seq", value.sequence}, {"words", value.state.words}, {"cells", cells}}.dump();
+    return json{{"run", value.run},
+                {"seq", value.sequence},
+                {"digest", value.digest},
+                {"words", value.state.words},
+                {"cells", cells}}
+        .dump();
 }
 
 std::string to_json(const BeatValue& value) {
@@ -77,13 +82,12 @@ std::string to_json(const ProposalValue& value) {
 
 std::optional<ClaimValue> claim_from(const std::string& text) {
     Members members(text);
-    return members.checked(
-        ClaimValue{members.text("host"), members.text("run"), members.text("address"), members.text("digest")});
+    return members.checked(ClaimValue{members.text("host"), members.text("run"), members.text("address")});
 }
 
 std::optional<StateValue> state_from(const std::string& text) {
     Members members(text);
-    StateValue value{members.text("run"), members.number("seq"), {}};
+    StateValue value{members.text("run"), members.number("seq"), {}, members.text("digest")};
     value.state.words = members.words<server_words.size()>("words");
     if (const json* const cells = members.find("cells")) {
         for (const auto& [key, cell] : cells->items()) {

@@ -12,12 +12,12 @@ namespace bridge {
 
 struct ClaimValue {
     std::string host, run, address;
-    std::string digest;  ///< of the counts and names of its region
 };
 struct StateValue {
     std::string run;
     uint64_t sequence = 0;
     ServerState state;
+    std::string digest;  ///< of the counts and names of its region
 };
 /// "When I had seen this revision, my words were those of this sequence number."
 struct BeatValue {

@@ -97,7 +97,8 @@ struct Call {
     int32_t pri = 0;         ///< of this server here, by which the library finds its column
     std::string resource{};  ///< the key of a resource
     AgreedValue value{};
-    std::optional<AgreedValue> expected{};  ///< if the region holds another value, the call is skipped
+    /// If the region holds another value, or the server has another priority there, the call is skipped.
+    std::optional<AgreedValue> expected{};
 
     bool operator==(const Call&) const = default;
 };
@@ -113,7 +114,7 @@ struct Batch {
 struct BatchDone {
     uint64_t batch = 0;
     bool made = false;            ///< false: no call was made
-    std::vector<size_t> skipped;  ///< calls whose word held another value than expected
+    std::vector<size_t> skipped;  ///< calls whose word or priority was not the expected one
 };
 
 /// What a step of the core asks for. Everything is sent before the batch is made.

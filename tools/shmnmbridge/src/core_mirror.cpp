@@ -11,7 +11,7 @@ void Mirror::step(Time now, std::optional<Time> echo) {
         drop_watch();
         wants_read_ = true;
     }
-    if (synced_ && now - last_read_ > settings_.read_again) wants_read_ = true;
+    if (synced_ && rules_.keys_are_read_again && now - last_read_ > settings_.read_again) wants_read_ = true;
     if (wants_read_ && !read_ && now >= retry_at_) {
         read_ = outbox_.send(Range{prefix_});
         seen_at_read_ = seen_;

@@ -10,6 +10,7 @@ void Peer::claim_changed(const KeyValue& change) {
 
 void Peer::state_changed(const KeyValue& change) {
     state_ = change.value ? state_from(*change.value) : std::nullopt;
+    state_revision_ = change.revision;
 }
 
 void Peer::beat_came(const BeatValue& beat, Time date, Time limit, Time now) {
@@ -17,10 +18,18 @@ void Peer::beat_came(const BeatValue& beat, Time date, Time limit, Time now) {
     beats_.push_back({beat.run, beat.sequence, date});
 }
 
-void Peer::set_shown() {
-    if (!state_ || (shown_run_ == state_->run && shown_sequence_ == state_->sequence)) return;
-    shown_run_ = state_->run;
-    shown_sequence_ = state_->sequence;
+void Peer::set_applied() {
+    if (!state_ || (shown_sequence_ == state_->sequence && shown_run_ == state_->run)) return;
+    applied_run_ = state_->run;
+    applied_sequence_ = state_->sequence;
+}
+
+void Peer::applied(bool made) {
+    if (applied_run_ && made) {
+        shown_run_ = std::move(*applied_run_);
+        shown_sequence_ = applied_sequence_;
+    }
+    applied_run_.reset();
 }
 
 bool Peer::is_of_claim(const Beat& beat, const Rules& rules) const {

@@ -24,8 +24,11 @@ class Peer {
 
     const std::optional<ClaimValue>& claim() const { return claim_; }
     const std::optional<StateValue>& state() const { return state_; }
-    /// The region shows the state.
-    void set_shown();
+    int64_t state_revision() const { return state_revision_; }
+    /// The region is about to show the state.
+    void set_applied();
+    /// It does, or the calls for it were not made.
+    void applied(bool made);
     void set_not_shown() { shown_run_.clear(); }
 
     /// Whether a beat of the claimed run was heard.
@@ -47,9 +50,12 @@ class Peer {
 
     std::optional<ClaimValue> claim_;
     std::optional<StateValue> state_;
+    int64_t state_revision_ = 0;
     std::deque<Beat> beats_;  ///< of the last limit
     std::string shown_run_;
     uint64_t shown_sequence_ = 0;
+    std::optional<std::string> applied_run_;  ///< of the state that a batch makes the region show
+    uint64_t applied_sequence_ = 0;
 };
 
 /// By the server's name. A server is here from the first key on that was known of it.

@@ -16,7 +16,7 @@ void Run::step(Time now, const Own* own, bool synced, int64_t seen) {
 }
 
 void Run::keep_lease(Time now) {
-    if (!lease_ || keep_alive_ || now < keep_alive_at_) return;
+    if (!lease_ || keep_alive_ || now < keep_alive_at_ || !rules_.lease_is_kept) return;
     keep_alive_ = outbox_.send(KeepAlive{lease_});
     keep_alive_at_ = now + settings_.lease / 3;
 }
@@ -33,15 +33,16 @@ void Run::claim(Time now, const Own& own, int64_t seen) {
     }
     phase_ = Phase::claiming;
     run_ = settings_.process + '.' + std::to_string(++runs_);
-    sent_.state = own.state;
+    sent_.own = own;
     sent_.sequence = sequence_ = 1;
+    last_state_ = now;
     const std::string& server = settings_.server;
     attempt_ = {};
-    attempt_.compares = {{keys_.claim(server), known_value_ ? known_claim_ : 0}};
-    attempt_.puts = {
-        {keys_.claim(server), to_json(ClaimValue{settings_.host, run_, settings_.address, own.digest}), lease_},
-        {keys_.state(server), to_json(StateValue{run_, sequence_, own.state})},
-        beat_put(now, sequence_, seen)};
+    if (rules_.claim_on_base) attempt_.compares = {{keys_.claim(server), known_value_ ? known_claim_ : 0}};
+    attempt_.puts = {{keys_.claim(server), to_json(ClaimValue{settings_.host, run_, settings_.address}),
+                      rules_.claim_has_lease ? lease_ : 0},
+                     {keys_.state(server), to_json(StateValue{run_, sequence_, own.state, own.digest})},
+                     beat_put(now, sequence_, seen)};
     attempt_.reads = {keys_.claim(server)};
     sent_.request = outbox_.send(attempt_);
 }
@@ -63,20 +64,22 @@ void Run::write(Time now, const Own* own, int64_t seen) {
         if (beat_is_due && !rules_.beats_after_looks && in_etcd_) write_beat(now, seen);
         return;
     }
-    if (in_etcd_ == own->state || (beat_is_due && !rules_.beats_after_changes)) {
+    if (in_etcd_ == *own || (beat_is_due && !rules_.beats_after_changes)) {
         if (beat_is_due) write_beat(now, seen);
         return;
     }
+    if (!beat_is_due && now - last_state_ < settings_.gather) return;
     // A beat that is due goes out together with the change: words that change at every look would leave no room for it.
     Transaction transaction;
     add_fence(transaction);
     const std::string key = keys_.state(settings_.server);
     if (rules_.state_on_base) transaction.compares.push_back({key, state_revision_});
     transaction.reads.push_back(key);
-    transaction.puts.push_back({key, to_json(StateValue{run_, ++sequence_, own->state})});
-    if (beat_is_due) transaction.puts.push_back(beat_put(now, sequence_, seen));
+    transaction.puts.push_back({key, to_json(StateValue{run_, ++sequence_, own->state, own->digest})});
+    if (beat_is_due && rules_.beats_with_changes) transaction.puts.push_back(beat_put(now, sequence_, seen));
     if (rules_.resend_unknown) in_etcd_.reset();
-    sent_.state = own->state;
+    last_state_ = now;
+    sent_.own = *own;
     sent_.sequence = sequence_;
     sent_.request = outbox_.send(transaction);
 }
@@ -85,7 +88,7 @@ void Run::write_beat(Time now, int64_t seen) {
     Transaction transaction;
     add_fence(transaction);
     transaction.puts = {beat_put(now, in_etcd_sequence_, seen)};
-    sent_.state.reset();
+    sent_.own.reset();
     sent_.request = outbox_.send(transaction);
 }
 
@@ -115,11 +118,11 @@ bool Run::answer(Time now, const Answer& answer) {
     if (!done) return true;
     if (phase_ == Phase::claiming) {
         won(answer.revision);
-    } else if (phase_ == Phase::running && sent_.state) {
-        in_etcd_ = std::move(sent_.state);
+    } else if (phase_ == Phase::running && sent_.own) {
+        in_etcd_ = std::move(sent_.own);
         in_etcd_sequence_ = sent_.sequence;
         state_revision_ = answer.revision;
-        sent_.state.reset();
+        sent_.own.reset();
     }
     return true;
 }
@@ -128,7 +131,7 @@ void Run::won(int64_t revision) {
     phase_ = Phase::running;
     refused_ = false;
     claim_revision_ = state_revision_ = revision;
-    in_etcd_ = std::move(sent_.state);
+    in_etcd_ = std::move(sent_.own);
     in_etcd_sequence_ = sent_.sequence;
     sent_ = {};
 }
@@ -143,7 +146,7 @@ void Run::write_failed(const Answer& answer) {
     }
     if (claim != claim_revision_) {
         lose();
-    } else if (sent_.state) {
+    } else if (sent_.own) {
         // An earlier write of this run landed late.
         state_revision_ = state;
     }

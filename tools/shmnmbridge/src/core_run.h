@@ -22,6 +22,8 @@ class Run {
     struct Own {
         ServerState state;
         std::string digest;
+
+        bool operator==(const Own&) const = default;
     };
     /// @param[in] own     null: no copy was taken, or the region has no such server
     /// @param[in] synced  all keys have been read
@@ -48,7 +50,7 @@ class Run {
 
     struct Sent {
         uint64_t request = 0;  ///< 0: none is on its way
-        std::optional<ServerState> state;
+        std::optional<Own> own;
         uint64_t sequence = 0;
     };
 
@@ -82,9 +84,9 @@ class Run {
 
     Transaction attempt_;  ///< to claim; repeated as it is
     Sent sent_;
-    Time retry_at_ = 0, last_beat_ = 0;
+    Time retry_at_ = 0, last_beat_ = 0, last_state_ = 0;
     int64_t claim_revision_ = 0, state_revision_ = 0;
-    std::optional<ServerState> in_etcd_;  ///< the own words there; nothing if that is not known
+    std::optional<Own> in_etcd_;  ///< the own words there; nothing if that is not known
     uint64_t in_etcd_sequence_ = 0;
 };
 

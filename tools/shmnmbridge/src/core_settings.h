@@ -1,6 +1,7 @@
 // What a bridge is told at its start.
 #pragma once
 
+#include <algorithm>
 #include <set>
 #include <string>
 
@@ -19,8 +20,13 @@ struct Settings {
     Time lease = 10'000;
     Time retry = 200;           ///< after a refused request
     Time read_again = 300'000;  ///< all keys, although nothing is in doubt
+    /// Own changes are written so far apart, at least. A larger cluster gathers for longer: 8 ms for each claim.
+    Time gather = 0;
+    /// While this machine is cut off, the others' states here are set to unknown, as if they were silent.
+    bool reset_when_cut_off = false;
 
-    Time beat() const { return window / 9; }
+    /// A beat carries the state if that has changed, so that gathering for longer than this would change nothing.
+    Time beat() const { return std::max(window / 9, gather); }
     /// A beat older than this says nothing. A failure of `window` delays a beat by up to three intervals: until this
     /// machine's beat, until the other machine has seen it, until that machine's next beat.
     Time limit() const { return window + 3 * beat(); }
