@@ -65,6 +65,7 @@ async def stream(reader, writer, go_on):
         told = json.loads(line[6:])
         if told.get("picture"):
             shown = {f"servers/{server['name']}/pingstat": server["pingstat"] for server in told["picture"]["servers"]}
+            shown["cluster/clstat"] = told["picture"]["cluster"]["clstat"]
         shown |= {change["key"]: change["new"] for change in told.get("changes", ())}
         if shown.get("cluster/clstat") == LAST:
             writer.close()
