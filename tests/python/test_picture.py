@@ -2,6 +2,7 @@
 
 import copy
 import dataclasses
+import json
 import os
 import pickle
 import subprocess
@@ -35,6 +36,62 @@ def module(*arguments, expect=0):
     done = subprocess.run([sys.executable, "-B", "-m", "shmnm", *map(str, arguments)], capture_output=True, text=True, timeout=60)
     assert done.returncode == expect, done.stderr
     return done.stdout if expect == 0 else done.stderr
+
+
+class Marks:
+    """A process that writes marks as a bridge does."""
+
+    def __enter__(self):
+        self.process = subprocess.Popen([conftest.BIN / "marks_writer"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        return self
+
+    def say(self, **bridge):
+        print(json.dumps({"server": "alpha", **bridge}), file=self.process.stdin, flush=True)
+        assert self.process.stdout.readline() == "written\n"
+
+    def __exit__(self, *_):
+        self.process.stdin.close()
+        self.process.wait()
+        self.process.stdout.close()
+
+
+class TestBridge:
+    def test_a_machine_without_a_bridge_says_so(self, cluster):
+        bridge = cluster.snapshot().bridge
+        assert (bridge.up, bridge.stopped_ms, bridge.servers) == (False, None, ())
+        assert cluster.snapshot().words()["bridge/up"] == 0
+
+    def test_marks_stand_beside_the_picture(self, cluster):
+        with Marks() as marks:
+            marks.say(
+                servers=[
+                    {"name": "b%20ta", "freshness": "fresh", "age_ms": 40, "revision": 7, "address": "http://10.0.0.2:9683", "claimed": True},
+                    {"name": "gamma", "freshness": "silent", "claimed": False},
+                ],
+                contested=["servers/gamma/nodestat"],
+                proposals={"proposed": 5, "accepted": 4, "lost": 1, "replaced": 0},
+            )
+            snapshot = cluster.snapshot()
+            bridge = snapshot.bridge
+            assert (bridge.up, bridge.connected, bridge.cluster, bridge.server) == (True, True, "production", "alpha")
+            assert bridge.proposals == shmnm.ProposalsPicture(5, 4, 1, 0) and bridge.contested == ("servers/gamma/nodestat",)
+            beta, gamma = bridge.servers
+            assert (beta.name, beta.freshness, beta.revision, beta.address) == ("b ta", shmnm.Freshness.FRESH, 7, "http://10.0.0.2:9683")
+            assert (gamma.freshness, gamma.claimed) == (shmnm.Freshness.SILENT, False)
+            words = snapshot.words()
+            assert (words["bridge/contested"], words["bridge/lost"], words["bridge/servers/b%20ta/freshness"]) == (1, 1, 1)
+            listed = json.loads(conftest.tool("list", "--format", "json"))["words"]
+            assert [key for key in words if key.startswith("bridge/")] == [key for key in listed if key.startswith("bridge/")]
+            assert pickle.loads(pickle.dumps(snapshot)) == snapshot
+
+    def test_a_change_of_a_mark_is_watched_and_its_age_is_not(self, cluster):
+        with Marks() as marks:
+            marks.say(servers=[{"name": "beta", "freshness": "fresh", "age_ms": 10}])
+            events = shmnm.watch(interval=0.01)
+            next(events)
+            marks.say(servers=[{"name": "beta", "freshness": "fresh", "age_ms": 20}])
+            marks.say(servers=[{"name": "beta", "freshness": "silent", "age_ms": 3000}])
+            assert [(change.key, change.old, change.new) for change in next(events).changes] == [("bridge/servers/beta/freshness", 1, 2)]
 
 
 class TestSnapshot:
@@ -78,7 +135,7 @@ class TestSnapshot:
         file.write_bytes(full.dump())
         live, dumped = full.snapshot(), shmnm.snapshot(file=file)
         assert not dumped.region.live
-        assert dataclasses.replace(dumped, region=live.region) == live
+        assert dumped.bridge is None and dataclasses.replace(dumped, region=live.region, bridge=live.bridge) == live
         assert shmnm.snapshot(file=os.fsencode(file)) == dumped
 
     def test_of_a_cut_dump_needs_force(self, full, tmp_path):

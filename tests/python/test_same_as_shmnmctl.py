@@ -43,6 +43,15 @@ def document(snapshot):
     fst["pids"] = [{"name": escaped(each["name"]), "pid": list(each["pid"]), "piddata": [str(data) for data in each["piddata"]]} for each in fst["pids"]]
     for table in ("servers", "hb", "np", "interrupted"):
         status[table] = list(status[table])
+    if status["bridge"] is None:
+        del status["bridge"]
+    else:
+        bridge = status["bridge"]
+        bridge["server"] = escaped(bridge["server"])
+        for mark in bridge["servers"]:
+            mark["name"], mark["freshness"] = escaped(mark["name"]), mark["freshness"].name.lower()
+        for table in ("contested", "unmatched", "servers"):
+            bridge[table] = list(bridge[table])
     fst["pids"] = list(fst["pids"])
     return {"version": 1, "kind": "status", **status}
 

@@ -51,10 +51,14 @@ from ._resources import HbResource, HbResources, NpResource, NpResources, Resour
 from ._servers import CombinedState, Server, Servers, State
 from ._simulation import Simulation
 from ._snapshot import (
+    BridgePicture,
     ClusterPicture,
+    Freshness,
     FstPicture,
     InterruptedChange,
+    MarkPicture,
     ProcessIdPicture,
+    ProposalsPicture,
     RegionPicture,
     ResourcePicture,
     ServerPicture,
@@ -69,6 +73,7 @@ __version__ = "1.0.0"
 __all__ = [
     "AlreadyExists",
     "AlreadyMapped",
+    "BridgePicture",
     "BufferTooSmall",
     "Change",
     "Cluster",
@@ -84,6 +89,7 @@ __all__ = [
     "Error",
     "Event",
     "Finding",
+    "Freshness",
     "Fst",
     "FstPicture",
     "HbInfo",
@@ -101,6 +107,7 @@ __all__ = [
     "LockTimeout",
     "MISSING",
     "MapFailed",
+    "MarkPicture",
     "Maxima",
     "Missing",
     "NoPicture",
@@ -116,6 +123,7 @@ __all__ = [
     "ProcessId",
     "ProcessIdPicture",
     "ProcessIds",
+    "ProposalsPicture",
     "Region",
     "RegionPicture",
     "Resource",

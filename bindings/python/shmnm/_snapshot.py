@@ -6,6 +6,7 @@ import json
 from dataclasses import dataclass
 from typing import Any, Dict, Iterator, Mapping, Optional, Tuple
 
+from ._enumeration import Number
 from ._servers import CombinedState
 from ._text import escaped, unescaped, unescaped_bytes
 
@@ -111,9 +112,69 @@ class InterruptedChange:
     superseded: bool
 
 
+class Freshness(Number):
+    """What the bridge says of another server's words in this region."""
+
+    UNKNOWN = 0
+    FRESH = 1
+    SILENT = 2
+
+
+@dataclass(frozen=True)
+class MarkPicture:
+    """The bridge's mark of another server. Its words here are at most `age_ms` old; None: not known.
+
+    `address` is where that machine's picture is served, or empty.
+    """
+
+    name: str
+    freshness: Freshness
+    age_ms: Optional[int]
+    revision: int
+    address: str
+    claimed: bool
+    unmatched: bool
+    duplicate_priority: bool
+    other_names: bool
+
+
+@dataclass(frozen=True)
+class ProposalsPicture:
+    """Changes of agreed words that were proposed to all machines, and what became of them."""
+
+    proposed: int
+    accepted: int
+    lost: int
+    replaced: int
+
+
+@dataclass(frozen=True)
+class BridgePicture:
+    """The bridge between machines, as it was just before the copy of the region.
+
+    `stopped_ms` says for how long a bridge has stood still; None: it has not. `contested` and `unmatched` are keys,
+    `left_out` is how many more of them there are.
+    """
+
+    up: bool
+    stopped_ms: Optional[int]
+    connected: bool
+    running: bool
+    refused: bool
+    fed: bool
+    cluster: str
+    server: str
+    member: str
+    proposals: ProposalsPicture
+    contested: Tuple[str, ...]
+    unmatched: Tuple[str, ...]
+    left_out: int
+    servers: Tuple[MarkPicture, ...]
+
+
 @dataclass(frozen=True)
 class Snapshot:
-    """The picture at one moment. All tables are in order of position."""
+    """The picture at one moment. All tables are in order of position. `bridge` is None in a dump."""
 
     region: RegionPicture
     cluster: ClusterPicture
@@ -123,6 +184,7 @@ class Snapshot:
     simulation: SimulationPicture
     fst: FstPicture
     interrupted: Tuple[InterruptedChange, ...]
+    bridge: Optional[BridgePicture] = None
 
     def server(self, name: str) -> ServerPicture:
         """The first server of this name. Raises `KeyError`."""
@@ -166,6 +228,25 @@ def _process_id(members: Mapping[str, Any]) -> ProcessIdPicture:
     return ProcessIdPicture(unescaped(members["name"]), (pid[0], pid[1], pid[2]), (int(data[0]), int(data[1]), int(data[2])))
 
 
+def _mark(members: Dict[str, Any]) -> MarkPicture:
+    members["name"] = unescaped(members["name"])
+    members["freshness"] = Freshness[members["freshness"].upper()]
+    members["revision"] = int(members["revision"])
+    made: MarkPicture = _plain(MarkPicture, members)
+    return made
+
+
+def _bridge(members: Dict[str, Any]) -> BridgePicture:
+    members["proposals"] = ProposalsPicture(*[int(members["proposals"][name]) for name in ProposalsPicture.__dataclass_fields__])
+    members["server"] = unescaped(members["server"])
+    for name in ("contested", "unmatched"):
+        members[name] = tuple(members[name])
+    members["left_out"] = int(members["left_out"])
+    members["servers"] = tuple(map(_mark, members["servers"]))
+    made: BridgePicture = _plain(BridgePicture, members)
+    return made
+
+
 def parsed(document: "str | bytes") -> Snapshot:
     """The snapshot of a document "status"."""
     status = json.loads(document)
@@ -183,6 +264,7 @@ def parsed(document: "str | bytes") -> Snapshot:
             pids=tuple(map(_process_id, fst["pids"])),
         ),
         interrupted=tuple(_plain(InterruptedChange, change) for change in status["interrupted"]),
+        bridge=_bridge(status["bridge"]) if "bridge" in status else None,
     )
 
 
@@ -234,3 +316,23 @@ def _words(snapshot: Snapshot) -> Iterator[Tuple[str, Optional[int]]]:
         for number in range(3):
             yield f"fst/pids/{name}/{number}", record_of_ids.pid[number]
             yield f"fst/piddata/{name}/{number}", record_of_ids.piddata[number]
+    if snapshot.bridge is not None:
+        yield from _bridge_words(snapshot.bridge)
+
+
+def _bridge_words(bridge: BridgePicture) -> Iterator[Tuple[str, Optional[int]]]:
+    yield "bridge/up", int(bridge.up)
+    if not bridge.up and bridge.stopped_ms is None:
+        return
+    for flag in ("connected", "running", "refused", "fed"):
+        yield f"bridge/{flag}", int(getattr(bridge, flag))
+    yield "bridge/contested", len(bridge.contested)
+    yield "bridge/unmatched", len(bridge.unmatched)
+    for count in ProposalsPicture.__dataclass_fields__:
+        yield f"bridge/{count}", getattr(bridge.proposals, count)
+    for mark in bridge.servers:
+        record = f"bridge/servers/{escaped(mark.name)}"
+        yield f"{record}/freshness", int(mark.freshness)
+        yield f"{record}/age_ms", mark.age_ms
+        yield f"{record}/revision", mark.revision
+        yield f"{record}/claimed", int(mark.claimed)

@@ -56,18 +56,25 @@ def changes(before: Words, after: Words) -> Tuple[Change, ...]:
     return tuple(found)
 
 
+def _told(snapshot: Snapshot) -> Words:
+    """The words whose changes are told: not those of the bridge's marks that move all the time."""
+    moving = ("/age_ms", "/revision")
+    return {key: value for key, value in snapshot.words().items() if not (key.startswith("bridge/servers/") and key.endswith(moving))}
+
+
 def watch(*, address: Optional[str] = None, interval: float = 0.05) -> Iterator[Event]:
     """Yields the picture as it is, without changes, and then an event each time that words have changed.
 
     It compares copies, one every `interval` seconds (a server of shmnmweb tells of changes instead). Steps between two
     copies are seen as one, and a word that was changed and changed back is not seen. When the region ends, all its keys
-    are gone, and when there is another, all are new. It holds no region and no lock, so other processes do not notice it.
+    are gone, and when there is another, all are new. Ages and revisions of the bridge's marks are not compared. It holds
+    no region and no lock, so other processes do not notice it.
 
     Raises `NoPicture` at the first event if there is no region, and `PictureError` if reading fails.
     """
     with Picture(address=address, interval=interval) as picture:
         snapshot = picture.snapshot()
-        words = snapshot.words()
+        words = _told(snapshot)
         yield Event(snapshot, ())
         while True:
             try:
@@ -79,7 +86,7 @@ def watch(*, address: Optional[str] = None, interval: float = 0.05) -> Iterator[
             except PictureLockTimeout:
                 # The next copy has the newest values.
                 continue
-            before, words = words, {} if now is None else now.words()
+            before, words = words, {} if now is None else _told(now)
             found = changes(before, words)
             if found:
                 yield Event(now, found)
