@@ -1,6 +1,6 @@
 # What is installed and where. `cmake --install` makes one relocatable tree of components: `runtime` (the libraries),
 # `development` (headers, import libraries, find_package and pkg-config files), `tool` (shmnmctl and the documents), `web`
-# (shmnmweb) and, for Windows, `symbols` (what debuggers need). The Debian packages contain the same files in Debian's folders, as
+# (shmnmweb), `bridge` (shmnmbridge) and, for Windows, `symbols` (what debuggers need). The Debian packages contain the same files in Debian's folders, as
 # components that only cpack installs (packages.cmake).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -30,6 +30,7 @@ function(shmnm_run_path program folder)
 endfunction()
 shmnm_run_path(shmnmctl ${CMAKE_INSTALL_BINDIR})
 shmnm_run_path(shmnmweb ${CMAKE_INSTALL_BINDIR})
+shmnm_run_path(shmnmbridge ${CMAKE_INSTALL_BINDIR})
 shmnm_run_path(shmnm-keeper ${CMAKE_INSTALL_LIBEXECDIR})
 
 if(TARGET shmnmctl AND NOT WIN32 AND NOT SHMNM_SANITIZE)
@@ -106,9 +107,9 @@ endfunction()
 
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/shmnm-config-version.cmake COMPATIBILITY SameMajorVersion)
 
-# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL WEB [EXCLUDE_FROM_ALL]): the install rules of one layout. RUNTIME, DEVELOPMENT, TOOL
-# and WEB are the names of its components.
-function(shmnm_install libdir runtime development tool web)
+# shmnm_install(LIBDIR RUNTIME DEVELOPMENT TOOL WEB BRIDGE [EXCLUDE_FROM_ALL]): the install rules of one layout. RUNTIME,
+# DEVELOPMENT, TOOL, WEB and BRIDGE are the names of its components.
+function(shmnm_install libdir runtime development tool web bridge)
     install(
         TARGETS kzmshmnm ${SHMNM_COMPANIONS}
         EXPORT ${development}
@@ -164,6 +165,9 @@ function(shmnm_install libdir runtime development tool web)
     if(TARGET shmnmweb)
         install(TARGETS shmnmweb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${web} ${ARGN})
     endif()
+    if(TARGET shmnmbridge)
+        install(TARGETS shmnmbridge RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${bridge} ${ARGN})
+    endif()
     file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.json)
     install(
         FILES ${documents}
@@ -180,6 +184,7 @@ function(shmnm_install libdir runtime development tool web)
               ${PROJECT_SOURCE_DIR}/examples/tutorial.cpp ${PROJECT_SOURCE_DIR}/examples/picture.c
               ${PROJECT_SOURCE_DIR}/examples/shmnm.service ${PROJECT_SOURCE_DIR}/examples/shmnm-keeper.service
               ${PROJECT_SOURCE_DIR}/examples/shmnmweb.service ${PROJECT_SOURCE_DIR}/examples/shmnmweb.socket
+              ${PROJECT_SOURCE_DIR}/examples/shmnmbridge.service ${PROJECT_SOURCE_DIR}/examples/bridge.xml
               ${PROJECT_SOURCE_DIR}/examples/states.json
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT ${tool} ${ARGN})
@@ -211,12 +216,17 @@ function(shmnm_install libdir runtime development tool web)
                 OPTIONAL
                 FILES_MATCHING
                 REGEX "/man[15678]/[^/]+\\.[15678](\\.gz)?$"
-                PATTERN shmnmweb.8 EXCLUDE)
+                PATTERN shmnmweb.8 EXCLUDE
+                PATTERN shmnmbridge.8 EXCLUDE)
         endforeach()
         install(
             FILES ${PROJECT_SOURCE_DIR}/docs/man/man8/shmnmweb.8
             DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
             COMPONENT ${web} ${ARGN})
+        install(
+            FILES ${PROJECT_SOURCE_DIR}/docs/man/man8/shmnmbridge.8
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+            COMPONENT ${bridge} ${ARGN})
         install(
             FILES ${PROJECT_SOURCE_DIR}/tools/shmnmctl/completion/shmnmctl.bash
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
@@ -244,13 +254,15 @@ function(shmnm_install libdir runtime development tool web)
             FILES ${PROJECT_BINARY_DIR}/lib/kzmshmnm.lib
             DESTINATION ${libdir}
             COMPONENT ${development} ${ARGN})
-        foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnmweb)
+        foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmctl shmnmweb shmnmbridge)
             if(TARGET ${target})
                 set(component ${runtime})
                 if(target STREQUAL shmnmctl)
                     set(component ${tool})
                 elseif(target STREQUAL shmnmweb)
                     set(component ${web})
+                elseif(target STREQUAL shmnmbridge)
+                    set(component ${bridge})
                 endif()
                 shmnm_separate_symbols(${target} ${component} ${ARGN})
             endif()
@@ -258,4 +270,4 @@ function(shmnm_install libdir runtime development tool web)
     endif()
 endfunction()
 
-shmnm_install(${CMAKE_INSTALL_LIBDIR} runtime development tool web)
+shmnm_install(${CMAKE_INSTALL_LIBDIR} runtime development tool web bridge)

@@ -23,12 +23,12 @@ if(WIN32)
     set(CPACK_GENERATOR ZIP)
     set(CPACK_PACKAGE_FILE_NAME shmnm-${PROJECT_VERSION}-windows-x64)
     # The symbols are in an archive of their own, which is unpacked over the installation.
-    set(CPACK_COMPONENTS_ALL runtime development tool web symbols)
+    set(CPACK_COMPONENTS_ALL runtime development tool web bridge symbols)
     set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
     set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
     set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
     set(CPACK_COMPONENT_SYMBOLS_GROUP symbols)
-    foreach(component RUNTIME DEVELOPMENT TOOL WEB)
+    foreach(component RUNTIME DEVELOPMENT TOOL WEB BRIDGE)
         set(CPACK_COMPONENT_${component}_GROUP installation)
     endforeach()
     set(CPACK_ARCHIVE_INSTALLATION_FILE_NAME ${CPACK_PACKAGE_FILE_NAME})
@@ -49,7 +49,7 @@ if(WIN32)
     set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/windows/add_installer.cmake)
 else()
     set(CPACK_SOURCE_DATE_EPOCH ${package_time})
-    set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb)
+    set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb shmnmbridge)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
     if(TARGET wheel)
         list(APPEND packages python3-shmnm)
@@ -117,6 +117,11 @@ endif()"
         FILES ${service}/shmnmweb.service ${service}/shmnmweb.socket
         DESTINATION lib/systemd/system
         COMPONENT shmnmweb EXCLUDE_FROM_ALL)
+    # A separate package, so that only machines that use it have it.
+    install(
+        FILES ${service}/shmnmbridge.service
+        DESTINATION lib/systemd/system
+        COMPONENT shmnmbridge EXCLUDE_FROM_ALL)
     install(
         FILES ${packaging}/shmnmweb/sysusers
         DESTINATION lib/sysusers.d
@@ -135,7 +140,7 @@ file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
 
     # Builds what the packages contain, and no more.
     add_custom_target(packaged)
-    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmpicture shmnmctl shmnm-keeper shmnmweb manual_of_shmnmctl documentation wheel)
+    foreach(target kzmshmnm ${SHMNM_COMPANIONS} shmnmpicture shmnmctl shmnm-keeper shmnmweb shmnmbridge manual_of_shmnmctl documentation wheel)
         if(TARGET ${target})
             add_dependencies(packaged ${target})
         endif()
@@ -192,6 +197,18 @@ This package contains the command shmnmctl, which shows, changes, checks and\nse
     set(CPACK_COMPONENT_SHMNMWEB_DESCRIPTION
         "live picture of a failover cluster in shared memory (over HTTP)\n${what}\n.\n\
 This package contains shmnmweb, which shows the picture to browsers, to\nPrometheus and to health checks, and can change nothing.")
+    set(CPACK_DEBIAN_SHMNMBRIDGE_PACKAGE_NAME shmnmbridge)
+    set(CPACK_DEBIAN_SHMNMBRIDGE_PACKAGE_SECTION admin)
+    # shmnmctl has the user, the environment and the documents.
+    set(CPACK_DEBIAN_SHMNMBRIDGE_PACKAGE_DEPENDS "${same_version}, shmnmctl (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+    set(CPACK_DEBIAN_SHMNMBRIDGE_PACKAGE_RECOMMENDS "ca-certificates")
+    set(CPACK_DEBIAN_SHMNMBRIDGE_PACKAGE_SUGGESTS "etcd-server")
+    foreach(file postinst postrm prerm)
+        list(APPEND CPACK_DEBIAN_SHMNMBRIDGE_PACKAGE_CONTROL_EXTRA ${packaging}/shmnmbridge/${file})
+    endforeach()
+    set(CPACK_COMPONENT_SHMNMBRIDGE_DESCRIPTION
+        "live picture of a failover cluster in shared memory (bridge)\n${what}\n.\n\
+This package contains shmnmbridge, which lets the pictures of the cluster's\nmachines converge through etcd, and says which states are fresh.")
     set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_NAME python3-shmnm)
     set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_SECTION python)
     set(CPACK_DEBIAN_PYTHON3-SHMNM_PACKAGE_ARCHITECTURE all)

@@ -40,4 +40,4 @@ SHMNMPICTURE = {"shmnmpicture_" + name for name in """
 EXPORTS = {"kzmshmnm": KZMSHMNM, "kzmutil": KZMUTIL, "kzmxml": KZMXML, "kzmlog": KZMLOG}
 
 # Of the packages.
-PROGRAMS = {"linux": ("shmnmctl", "shmnmweb", "shmnm-keeper"), "windows": ("shmnmctl.exe", "shmnmweb.exe")}
+PROGRAMS = {"linux": ("shmnmctl", "shmnmweb", "shmnmbridge", "shmnm-keeper"), "windows": ("shmnmctl.exe", "shmnmweb.exe", "shmnmbridge.exe")}

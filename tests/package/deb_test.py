@@ -13,8 +13,9 @@ from support import PICTURE_EXAMPLE, TUTORIAL, Place, run
 import interface
 from binary_file import Elf
 
-PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "python3-shmnm", "libshmnmpicture1", "libshmnmpicture-dev")
-UNITS = {"shmnm.service": "shmnmctl", "shmnm-keeper.service": "shmnmctl", "shmnmweb.service": "shmnmweb", "shmnmweb.socket": "shmnmweb"}
+PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "shmnmbridge", "python3-shmnm", "libshmnmpicture1", "libshmnmpicture-dev")
+UNITS = {"shmnm.service": "shmnmctl", "shmnm-keeper.service": "shmnmctl", "shmnmweb.service": "shmnmweb", "shmnmweb.socket": "shmnmweb",
+         "shmnmbridge.service": "shmnmbridge"}
 LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
 
 
@@ -99,16 +100,19 @@ class Packages(Place):
         same = f"libshmnm1 (= {version})"
         self.assertEqual(fields(self.packages["libshmnm-dev"])["Depends"], same)
         self.assertEqual(fields(self.packages["libshmnmpicture-dev"])["Depends"], f"libshmnmpicture1 (= {version})")
-        for package in ("shmnmctl", "shmnmweb", "libshmnmpicture1"):
+        for package in ("shmnmctl", "shmnmweb", "shmnmbridge", "libshmnmpicture1"):
             self.assertIn(same, fields(self.packages[package])["Depends"].split(", "))
-        self.assertIn(f"shmnmctl (= {version})", fields(self.packages["shmnmweb"])["Depends"].split(", "))
+        for package in ("shmnmweb", "shmnmbridge"):
+            self.assertIn(f"shmnmctl (= {version})", fields(self.packages[package])["Depends"].split(", "))
+        self.assertEqual({re.sub(r" .*", "", each) for each in fields(self.packages["shmnmbridge"])["Depends"].split(", ")},
+                         {"libc6", "libgcc-s1", "libssl3", "libstdc++6", "libshmnm1", "shmnmctl"}, "nothing but what it uses")
         needed = fields(self.packages["python3-shmnm"])["Depends"]
         self.assertEqual(re.sub(r"\d+\.\d+\.\d+", "VERSION", needed), "python3 (>= 3.9), libshmnm1 (>= VERSION), libshmnmpicture1 (>= VERSION)")
-        for package in ("libshmnm1", "shmnmctl", "shmnmweb", "libshmnmpicture1"):
+        for package in ("libshmnm1", "shmnmctl", "shmnmweb", "shmnmbridge", "libshmnmpicture1"):
             self.assertIn("libc6 (>= 2.", fields(self.packages[package])["Depends"])
 
     def test_each_file_is_in_the_right_package(self):
-        library, development, tool, web, python, reader, reader_development = (files(self.packages[package]) for package in PACKAGES)
+        library, development, tool, web, bridge, python, reader, reader_development = (files(self.packages[package]) for package in PACKAGES)
         self.assertEqual({name for name in library if name.startswith("usr/lib/")} - {f"{LIB}/libkzmshmnm.so.1", "usr/lib/tmpfiles.d/shmnm.conf"},
                          {f"{LIB}/libkzm{name}.so" for name in ("kernel", "log", "util", "xml")} |
                          {name for name in library if re.fullmatch(rf"{LIB}/libkzmshmnm\.so\.1\.\d+\.\d+", name)})
@@ -129,6 +133,8 @@ class Packages(Place):
         self.assertEqual({name for name in web if not name.startswith(("usr/share/doc/", "usr/share/lintian/"))},
                          {"usr/bin/shmnmweb", "usr/lib/systemd/system/shmnmweb.service", "usr/lib/systemd/system/shmnmweb.socket",
                           "usr/lib/sysusers.d/shmnmweb.conf", "usr/share/man/man8/shmnmweb.8.gz"})
+        self.assertEqual({name for name in bridge if not name.startswith(("usr/share/doc/", "usr/share/lintian/"))},
+                         {"usr/bin/shmnmbridge", "usr/lib/systemd/system/shmnmbridge.service", "usr/share/man/man8/shmnmbridge.8.gz"})
         place = "usr/lib/python3/dist-packages/"
         modules = {f"{place}shmnm/{file.name}" for file in (support.PROJECT / "bindings/python/shmnm").iterdir() if file.is_file()}
         self.assertEqual({name for name in python if name.startswith(f"{place}shmnm/")}, modules)
@@ -142,7 +148,7 @@ class Packages(Place):
                              "libshmnmpicture.so", "pkgconfig/shmnmpicture.pc", "cmake/shmnmpicture/shmnmpicture-config.cmake",
                              "cmake/shmnmpicture/shmnmpicture-config-version.cmake", "cmake/shmnmpicture/shmnmpicture-targets.cmake",
                              "cmake/shmnmpicture/shmnmpicture-targets-relwithdebinfo.cmake")})
-        for package, names in zip(PACKAGES, (library, development, tool, web, python, reader, reader_development)):
+        for package, names in zip(PACKAGES, (library, development, tool, web, bridge, python, reader, reader_development)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
 

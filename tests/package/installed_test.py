@@ -11,7 +11,7 @@ from support import PICTURE_EXAMPLE, PROJECT, TUTORIAL, Place, run
 from binary_file import Elf
 
 FILES = """
-    bin/shmnmctl bin/shmnmweb libexec/shmnm-keeper
+    bin/shmnmctl bin/shmnmweb bin/shmnmbridge libexec/shmnm-keeper
     include/kzmkernel.h include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h include/shmnm.hpp
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/libkzmkernel.so lib/libkzmlog.so lib/libkzmshmnm.so lib/libkzmshmnm.so.1 lib/libkzmutil.so lib/libkzmxml.so
@@ -25,6 +25,7 @@ FILES = """
     share/doc/shmnm/examples/picture.c
     share/doc/shmnm/examples/shmnm.service share/doc/shmnm/examples/shmnm-keeper.service
     share/doc/shmnm/examples/shmnmweb.service share/doc/shmnm/examples/shmnmweb.socket share/doc/shmnm/examples/states.json
+    share/doc/shmnm/examples/shmnmbridge.service share/doc/shmnm/examples/bridge.xml share/man/man8/shmnmbridge.8
     share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/haproxy/haproxy.cfg share/doc/shmnm/examples/prometheus/prometheus.yml
     share/doc/shmnm/examples/prometheus/shmnm_rules.yml share/doc/shmnm/examples/prometheus/shmnm_rules_test.yml
     share/doc/shmnm/examples/python/tutorial.py share/doc/shmnm/examples/python/failed_servers.py
@@ -73,8 +74,8 @@ class MovedTree(Place):
                     self.assertNotIn(bytes(place), text, file)
 
     def test_each_binary_finds_its_libraries_relative_to_itself(self):
-        binaries = [self.tool, self.prefix / "bin/shmnmweb", self.prefix / "libexec/shmnm-keeper", *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
-        self.assertEqual(len(binaries), 9)
+        binaries = [self.tool, self.prefix / "bin/shmnmweb", self.prefix / "bin/shmnmbridge", self.prefix / "libexec/shmnm-keeper", *(file for file in self.lib.glob("*.so*") if not file.is_symlink())]
+        self.assertEqual(len(binaries), 10)
         for file in binaries:
             with self.subTest(file.name):
                 run_path = Elf(file, "nm", "readelf").run_path

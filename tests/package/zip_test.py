@@ -14,7 +14,7 @@ LIBRARIES = ("kzmshmnm", "kzmutil", "kzmxml", "kzmlog", "shmnmpicture")
 # What programs of Microsoft's ABI are linked to.
 IMPORTED = {"kzmshmnm": interface.KZMSHMNM, "shmnmpicture": interface.SHMNMPICTURE}
 FILES = """
-    bin/kzmlog.dll bin/kzmshmnm.dll bin/kzmutil.dll bin/kzmxml.dll bin/shmnmctl.exe bin/shmnmweb.exe
+    bin/kzmlog.dll bin/kzmshmnm.dll bin/kzmutil.dll bin/kzmxml.dll bin/shmnmctl.exe bin/shmnmweb.exe bin/shmnmbridge.exe
     include/kzmlog.h include/kzmutil.h include/kzmxml.h include/shmnm.h include/shmnm.hpp
     lib/cmake/shmnm/shmnm-config-version.cmake lib/cmake/shmnm/shmnm-config.cmake lib/cmake/shmnm/shmnm-targets.cmake
     lib/kzmshmnm.def lib/kzmshmnm.lib lib/libkzmlog.dll.a lib/libkzmshmnm.dll.a lib/libkzmutil.dll.a lib/libkzmxml.dll.a
@@ -23,7 +23,7 @@ FILES = """
     lib/cmake/shmnmpicture/shmnmpicture-config-version.cmake lib/cmake/shmnmpicture/shmnmpicture-config.cmake
     lib/cmake/shmnmpicture/shmnmpicture-targets.cmake lib/pkgconfig/shmnmpicture.pc
     share/doc/shmnm/CHANGELOG.md share/doc/shmnm/docs/abi.md share/doc/shmnm/docs/windows.md
-    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/states.json
+    share/doc/shmnm/examples/cluster.xml share/doc/shmnm/examples/tutorial.c share/doc/shmnm/examples/states.json share/doc/shmnm/examples/bridge.xml
     share/doc/shmnm/examples/grafana/shmnm.json share/doc/shmnm/examples/haproxy/haproxy.cfg share/doc/shmnm/examples/prometheus/shmnm_rules.yml
     share/doc/shmnm/examples/python/tutorial.py share/doc/shmnm/examples/python/failed_servers.py
 """.split()
