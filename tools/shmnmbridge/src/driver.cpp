@@ -14,10 +14,19 @@
 namespace bridge {
 namespace {
 
-constexpr Time look_interval = 50, longest_end = 2'000;
+/// Other machines' words are set at a look, so the next look is sooner once some have come.
+constexpr Time look_interval = 50, soon = 20;
+constexpr Time longest_end = 2'000, trouble_interval = 60'000;
 
 Time now() {
     return static_cast<Time>(picture::platform::steady_clock_us() / 1'000);
+}
+
+/// Whether it tells of more than beats.
+bool brings_words(const Transport::Received& received) {
+    const auto* const events = std::get_if<Events>(&received);
+    return events && std::any_of(events->events.begin(), events->events.end(),
+                                 [](const KeyValue& change) { return change.key.find("/beat/") == std::string::npos; });
 }
 
 /// Adds the servers of which etcd has never told.
@@ -64,13 +73,17 @@ bool Driver::wait(Time until, std::deque<Transport::Received>& received) {
 }
 
 void Driver::run() {
-    Time look_at = now();
+    Time look_at = now(), looked_at = look_at;
     std::deque<Transport::Received> received;
     while (wait(look_at, received)) {
-        for (const Transport::Received& each : received) take(each);
+        for (const Transport::Received& each : received) {
+            take(each);
+            if (brings_words(each)) look_at = std::min(look_at, looked_at + soon);
+        }
         received.clear();
         const Time begin = now();
         if (begin < look_at) continue;
+        looked_at = begin;
         look_at = begin + look_interval;
         look();
         write_marks();
@@ -87,9 +100,9 @@ void Driver::take(const Transport::Received& received) {
 
 void Driver::look() {
     const Region::Seen seen = region_.look();
-    if (seen.look && seen.look != last_) tell_of(*seen.look);
+    if (seen.look) tell_of(*seen.look);
     if (!seen.look) region_trouble_.tell(seen.problem, "");
-    last_ = seen.look;
+    if (!seen.failed) last_ = seen.look;
     carry_out(seen.failed ? core_.look_failed(now()) : core_.look(now(), seen.look.get()));
 }
 
@@ -122,16 +135,22 @@ void Driver::write_marks() {
     Marks marks = core_.marks(now());
     marks.member = transport_.member();
     if (last_) add_servers(*last_, settings_.server, marks);
+    tell_of_etcd(marks);
+    marks_.write(marks);
+}
+
+void Driver::tell_of_etcd(const Marks& marks) {
     const std::string trouble = transport_.trouble();
     if (marks.is_connected != was_connected_) {
         was_connected_ = marks.is_connected;
         log(marks.is_connected ? fmt::format("connected to etcd at {}", marks.member)
-                               : "cut off from etcd: the other machines' words stay as they are" +
-                                     (trouble.empty() ? "" : ": " + trouble));
-        etcd_trouble_.tell("", "");
+                               : "cut off from etcd: the other machines' words stay as they are");
+        etcd_trouble_at_.reset();
     }
-    etcd_trouble_.tell(trouble.empty() ? "" : "etcd failed to answer: " + trouble, "etcd answers");
-    marks_.write(marks);
+    // Several requests may fail in several ways, again and again.
+    if (trouble.empty() || (etcd_trouble_at_ && now() - *etcd_trouble_at_ < trouble_interval)) return;
+    log("etcd failed to answer: " + trouble);
+    etcd_trouble_at_ = now();
 }
 
 void Driver::feed_watchdog(Time now) {

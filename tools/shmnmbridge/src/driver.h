@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "bridge_marks/live.h"
@@ -41,6 +42,7 @@ class Driver {
     void tell_of(const Look& look);
     void carry_out(Output output);
     void write_marks();
+    void tell_of_etcd(const Marks& marks);
     void feed_watchdog(Time now);
     void end();
 
@@ -49,7 +51,8 @@ class Driver {
     Core core_;
     LiveMarks marks_;
     std::shared_ptr<const Look> last_;
-    Trouble region_trouble_, feed_trouble_, etcd_trouble_;
+    Trouble region_trouble_, feed_trouble_;
+    std::optional<Time> etcd_trouble_at_;  ///< when it was logged last
     bool was_connected_ = false;
     Time watchdog_interval_, watchdog_at_ = 0;
     uint64_t signs_ = 0;
