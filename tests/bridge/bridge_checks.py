@@ -30,8 +30,8 @@ class Steps:
         return self.values[found - 1] if found else None
 
     def spans(self, end):
-        """Each value with its begin and end."""
-        return zip(self.values, self.times, [*self.times[1:], end])
+        """Each known value with its begin and end."""
+        return [span for span in zip(self.values, self.times, [*self.times[1:], end]) if span[0] is not None]
 
 
 def steps(events):
@@ -43,7 +43,7 @@ def steps(events):
 
 
 def is_own(value):
-    return FIRST_NUMBER <= value < AGREED_NUMBER
+    return value is not None and FIRST_NUMBER <= value < AGREED_NUMBER
 
 
 class Checker:
@@ -63,6 +63,7 @@ class Checker:
         self.check_words_never_fall()
         self.check_own_columns()
         self.check_troubles()
+        self.check_accounts()
         self.check_silence()
         self.check_marks_without_trouble()
         self.check_fresh_words()
@@ -100,15 +101,19 @@ class Checker:
     def check_troubles(self):
         for trouble in self.troubles:
             late = trouble.start + LIMIT + 1 + SLACK
-            for machine in self.scene.machines:
-                if machine is trouble.machine:
-                    pairs = [(machine, other) for other in self.scene.others(machine)] if trouble.blinds else []
-                elif trouble.machine:
-                    pairs = [(machine, trouble.machine)] if trouble.hides else []
-                else:
-                    pairs = [(machine, other) for other in self.scene.others(machine)] if trouble.hides else []
-                for here, there in pairs:
-                    self.check_trouble(trouble, late, here, there)
+            for here, there in self.pairs(trouble):
+                self.check_trouble(trouble, late, here, there)
+
+    def pairs(self, trouble):
+        """Who must not call whom fresh."""
+        pairs = []
+        for machine in self.scene.machines:
+            if machine is trouble.machine or not trouble.machine:
+                does_not_know = trouble.blinds if trouble.machine else trouble.hides
+                pairs += [(machine, other) for other in self.scene.others(machine)] if does_not_know else []
+            elif trouble.hides:
+                pairs.append((machine, trouble.machine))
+        return pairs
 
     def check_trouble(self, trouble, late, here, there):
         word = self.marks[here].get(there.server)
@@ -133,6 +138,26 @@ class Checker:
                         for state, since, until in word.spans(self.end) if word else ():
                             if state != UNKNOWN and min(end, until) - max(begin, since) > 1 + SLACK:
                                 self.find(3, f"servers/{server}{suffix} is {state} on {machine.server} although {server} is silent since {self.moment(begin)}")
+
+    def check_accounts(self):
+        """What `shmnmbridge status` said: whole, and not fresh when the watched marks must not be fresh either."""
+        for machine in self.scene.machines:
+            for account in machine.accounts:
+                document = account.document
+                marks = {mark["name"]: mark for mark in document.get("servers", ())}
+                fresh = [name for name, mark in marks.items() if mark["freshness"] == "fresh"]
+                is_all_fresh = document["up"] and document["connected"] and document["running"] and document["fed"] and len(fresh) == len(marks)
+                if account.code != (0 if is_all_fresh else 1 if document["up"] else 3):
+                    self.find(3, f"status on {machine.server} ends with {account.code} at {self.moment(account.begin)} and says {document}")
+                for name in fresh:
+                    if not 0 <= marks[name]["age_ms"] < LIMIT * 1_000:
+                        self.find(3, f"status on {machine.server} calls {name} fresh at {self.moment(account.begin)} with an age of {marks[name]['age_ms']} ms")
+                for trouble in self.troubles:
+                    is_within = trouble.start + LIMIT + 1 + SLACK < account.begin and account.end < trouble.end
+                    for here, there in self.pairs(trouble) if is_within else ():
+                        if here is machine and there.server in fresh:
+                            self.find(3, f"status on {machine.server} calls {there.server} fresh at {self.moment(account.begin)}, during {trouble.what} from "
+                                         f"{self.moment(trouble.start)} to {self.moment(trouble.end)}")
 
     def is_troubled(self, machine, begin, end):
         return any(trouble.start <= end and trouble.end >= begin for trouble in self.troubles if trouble.machine in (machine, None))

@@ -245,6 +245,8 @@ class Local:
 
 
 Event = collections.namedtuple("Event", "time key value")
+# What "shmnmbridge status" said, with its exit status, between two times.
+Account = collections.namedtuple("Account", "begin end document code")
 
 
 class Machine:
@@ -262,7 +264,7 @@ class Machine:
         self.environment = dict(os.environ, KZM_INSTALL_PATH=self.path(self.folder), KZMUTIL_NAMESPACE=f"bridge-{os.getpid()}-{self.server}-")
         if self.is_windows:
             self.environment["SHMNM_WINEPREFIX"] = str(self.wine_prefix())
-        self.written, self.shown, self.marks, self.region = [], [], [], []
+        self.written, self.shown, self.marks, self.region, self.accounts = [], [], [], [], []
         self.lives = 0
         self.local = self.bridge = None
         (self.folder / "etc/cluster.xml").write_text(
@@ -316,6 +318,11 @@ class Machine:
     def end_region(self):
         if self.local:
             self.local.kill()
+            # With the region ends the only one that watches it: nothing is known until the next life.
+            now = time.monotonic()
+            self.region.append(Event(now, "", 0))
+            for events in (self.shown, self.marks):
+                events += [Event(now, key, None) for key in {event.key for event in events}]
         self.local = None
 
     # Its bridge.
@@ -341,9 +348,17 @@ class Machine:
         self.bridge = None
 
     def status(self):
-        """The bridge's own account, or nothing without a bridge; and the exit status."""
+        """The bridge's own account, or nothing if it failed; and the exit status."""
         done = self.run("shmnmbridge", "status", "--format", "json")
         return (json.loads(done.stdout) if done.stdout.strip() else None), done.returncode
+
+    def ask_status(self):
+        """Keeps the bridge's own account."""
+        begin = time.monotonic()
+        document, code = self.status()
+        assert document, f"status failed with {code}"
+        self.accounts.append(Account(begin, time.monotonic(), document, code))
+        return self.accounts[-1]
 
     def log(self):
         return (self.folder / "bridge.log").read_text(errors="replace")

@@ -1,20 +1,25 @@
 #!/usr/bin/env python3
 """The bridge on real machines with real members of etcd, through schedules of faults that are made from seeds.
 
-    schedules_test.py linux|windows FOLDER [--seed N] [--count N] [--machines N] [--verbose]
+    schedules_test.py linux|windows FOLDER [--seed N] [--count N] [--machines N] [--jobs N] [--verbose]
 
-Without a seed: three schedules, which together hold every kind of fault. Prints each schedule's seed, and the figures of all.
+Without a seed: three schedules, which together hold every kind of fault. Prints each schedule's seed, and the figures of all, or
+of each if several run at the same time.
 """
 import argparse
+import concurrent.futures
 import contextlib
+import itertools
 import random
 import signal
+import subprocess
 import sys
 import threading
 import time
 
 import bridge_checks
-from bridge_support import FIRST_NUMBER, LIMIT, History, Scene, begin, wait_until
+import bridge_network
+from bridge_support import CHILD, LIMIT, NOT_RUN, History, Scene, begin, wait_until
 
 HEALING = 10.0  # seconds after the last fault until everything must be equal and fresh
 AGREED = ("waitstat", "bwflag", "bwflagdisk", "clstat", "hbinfo")
@@ -184,6 +189,25 @@ class Run:
             self.scene.etcd.members[0].post("/v3/kv/compaction", {"revision": self.history.revision})
         return lambda: None
 
+    @contextlib.contextmanager
+    def asking_for_accounts(self):
+        """Meanwhile one machine after the other is asked. Not on Windows, where wine needs too much of the machine to start a program."""
+        is_over, machines = threading.Event(), [machine for machine in self.scene.machines if not machine.is_windows]
+
+        def ask():
+            for machine in itertools.cycle(machines):
+                if is_over.wait(0.2):
+                    return
+                machine.ask_status()
+
+        with concurrent.futures.ThreadPoolExecutor() as threads:
+            asked = threads.submit(ask)
+            try:
+                yield
+            finally:
+                is_over.set()
+            asked.result()
+
     def set_agreed_word(self):
         machine = self.chance.choice(self.scene.machines)
         if machine.local and machine not in self.busy:
@@ -240,9 +264,10 @@ class Run:
         left = []
 
         def is_settled():
-            left[:] = [f"{other.server} is {machine.now_marked().get(other.server)} on {machine.server}" for machine in self.scene.machines
+            # Asking etcd for its keys may take seconds, after which they must still be fresh.
+            left[:] = self.differences()
+            left[:] = left or [f"{other.server} is {machine.now_marked().get(other.server)} on {machine.server}" for machine in self.scene.machines
                        for other in self.scene.others(machine) if machine.now_marked().get(other.server) != "fresh"]
-            left[:] = left or self.differences()
             return not left
 
         try:
@@ -256,19 +281,34 @@ class Run:
         return [text for text in self.scene.differences() if not any(text.startswith(key) and f"on {server}" in text for server, key in listed)]
 
     def last_checks(self):
-        findings = []
+        findings = self.last_accounts()
         for machine in self.scene.machines:
             done = machine.run("shmnmctl", "verify")
             if done.returncode != 0:
                 findings.append(f"invariant 8: verify on {machine.server}: {done.stdout}{done.stderr}")
         return findings
 
+    def last_accounts(self):
+        """Where `shmnmbridge status` does not say in the end what is so: all are fresh, of their last revisions, and no word is contested but
+        those of a foreign process."""
+        findings = []
+        for machine in self.scene.machines:
+            account = machine.ask_status()
+            revisions = {key[len("state/"):]: revision for revision, key, _ in list(self.history.changes) if key.startswith("state/")}
+            expected = {other.server: ("fresh", revisions.get(other.server)) for other in self.scene.others(machine)}
+            told = {mark["name"]: (mark["freshness"], mark["revision"]) for mark in account.document.get("servers", ())}
+            contested = {key for key in account.document.get("contested", ()) if key.startswith("servers/")}
+            if account.code != 0 or told != expected or contested - {key for other, key in self.contested if other is machine}:
+                findings.append(f"invariant 1: status on {machine.server} ends with {account.code} and says {account.document}; expected {expected}")
+        return findings
+
     def run(self):
         findings = []
         try:
             self.start()
-            self.play()
-            settled, left = self.settle()
+            with self.asking_for_accounts():
+                self.play()
+                settled, left = self.settle()
             if settled is None:
                 findings += [f"invariant 1: {HEALING:.0f} s after the last fault {text}" for text in left]
             findings += self.last_checks()
@@ -279,6 +319,21 @@ class Run:
         return findings, settled, checker.stale
 
 
+def run_side_by_side(options):
+    """Each schedule in a process of its own. @return the exit status"""
+
+    def run_alone(seed):
+        command = [sys.executable, "-B", __file__, options.platform, options.folder, "--seed", str(seed), "--count", "1"]
+        command += ["--machines", str(options.machines)] if options.machines else []
+        done = subprocess.run([*CHILD, *command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        print(done.stdout, end="", flush=True)
+        return done.returncode
+
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as threads:
+        codes = set(threads.map(run_alone, range(options.seed, options.seed + options.count)))
+    return next(iter(codes - {0, NOT_RUN}), max(codes))
+
+
 def main():
     options = argparse.ArgumentParser()
     options.add_argument("platform", choices=("linux", "windows"))
@@ -286,8 +341,11 @@ def main():
     options.add_argument("--seed", type=int, default=0)
     options.add_argument("--count", type=int, default=3)
     options.add_argument("--machines", type=int)
+    options.add_argument("--jobs", type=int, default=1)
     options.add_argument("--verbose", action="store_true")
     options = options.parse_args()
+    if options.jobs > 1 and not bridge_network.reason_for_no_namespaces():
+        sys.exit(run_side_by_side(options))
     linux, windows = begin(options.platform, options.folder)
     settled, stale, failed, kinds = [], [], [], {}
     for seed in range(options.seed, options.seed + options.count):
