@@ -14,7 +14,7 @@ import bridge_support
 from bridge_support import Etcd, History, Scene, wait_until
 
 LINUX = WINDOWS = None
-ROUNDS = 25
+ROUNDS = 13
 
 
 def calls(number):
