@@ -4,6 +4,7 @@
 """
 import pathlib
 import re
+import subprocess
 import unittest
 
 PROJECT = pathlib.Path(__file__).resolve().parents[1]
@@ -73,6 +74,29 @@ class Documents(unittest.TestCase):
     def test_the_proxy_that_is_shown_is_the_example(self):
         example = (PROJECT / "examples/haproxy/haproxy.cfg").read_text()
         self.assertIn(f"```\n{example}```\n", (PROJECT / "docs/monitoring.md").read_text())
+
+    def test_every_defect_names_commits_of_the_history_and_a_test_of_its_mend(self):
+        def git(*arguments):
+            return subprocess.run(["git", *arguments], cwd=PROJECT, capture_output=True, text=True)
+
+        text = (PROJECT / "docs/track-record.md").read_text()
+        rows = re.findall(r"^\| `([0-9a-f]{7,40})` \| .* \| `([0-9a-f]{7,40})` \| (.*) \| .* \|$", text, re.M)
+        self.assertGreater(len(rows), 60)
+        if git("rev-parse", "--is-shallow-repository").stdout.strip() != "false":
+            print("docs/track-record.md: the commits are not compared with the history, which this copy does not have whole")
+            return
+        for mend, since, test in rows:
+            with self.subTest(mend=mend, test=test):
+                for commit in (mend, since):
+                    self.assertEqual(git("merge-base", "--is-ancestor", commit, "HEAD").returncode, 0, f"{commit} is not in the history")
+                self.assertEqual(git("merge-base", "--is-ancestor", since, mend).returncode, 0, f"{since} is not before the mend")
+                names = re.findall(r"`([^`]+)`", test)
+                self.assertTrue(names or test == "-")
+                for name in names[1:]:
+                    suite, _, method = name.rpartition(".")
+                    if "." in name:
+                        definition = rf"(TEST(_[FP])?\({suite}, {method}\)|def {method}\()"
+                        self.assertEqual(git("grep", "-qE", definition, mend, "--", "tests").returncode, 0, "no such test at the mend")
 
     def test_every_link_leads_to_a_file(self):
         links = 0
