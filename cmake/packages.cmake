@@ -16,11 +16,7 @@ if(WIN32)
     set(CPACK_MONOLITHIC_INSTALL ON)
 else()
     set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
-    # The time of everything in the packages: that of the changelog's last entry.
-    execute_process(
-        COMMAND dpkg-parsechangelog --file ${packaging}/changelog --show-field Timestamp
-        OUTPUT_VARIABLE CPACK_SOURCE_DATE_EPOCH
-        OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    set(CPACK_SOURCE_DATE_EPOCH ${SHMNM_SOURCE_DATE})
     set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
     if(TARGET wheel)
@@ -38,7 +34,6 @@ else()
     execute_process(
         COMMAND gzip -9nc ${packaging}/changelog
         OUTPUT_FILE ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/changelog)
     foreach(package ${packages})
         install(
             FILES ${packaging}/copyright ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz
