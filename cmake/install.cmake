@@ -41,7 +41,8 @@ if(TARGET shmnmctl AND NOT WIN32 AND NOT SHMNM_SANITIZE)
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man/man1)
     add_custom_command(
         OUTPUT ${manual}
-        COMMAND ${Python3_EXECUTABLE} -B ${PROJECT_SOURCE_DIR}/tools/shmnmctl/make_manual.py $<TARGET_FILE:shmnmctl> ${manual}
+        COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=${SHMNM_SOURCE_DATE} ${Python3_EXECUTABLE} -B
+                ${PROJECT_SOURCE_DIR}/tools/shmnmctl/make_manual.py $<TARGET_FILE:shmnmctl> ${manual}
         DEPENDS shmnmctl ${PROJECT_SOURCE_DIR}/tools/shmnmctl/make_manual.py)
     add_custom_target(manual_of_shmnmctl ALL DEPENDS ${manual})
 endif()

@@ -12,12 +12,6 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXE
                                                 WORLD_EXECUTE)
 
 set(packaging ${PROJECT_SOURCE_DIR}/packaging/debian)
-# The time of everything in the packages: that of the changelog's last entry.
-execute_process(
-    COMMAND dpkg-parsechangelog --file ${packaging}/changelog --show-field Timestamp
-    OUTPUT_VARIABLE package_time
-    OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/changelog)
 
 if(WIN32)
     set(CPACK_GENERATOR ZIP)
@@ -45,10 +39,10 @@ if(WIN32)
     set(Python3_FIND_STRATEGY LOCATION)
     find_package(Python3 REQUIRED COMPONENTS Interpreter)
     set(CPACK_SHMNM_PYTHON ${Python3_EXECUTABLE})
-    set(CPACK_SHMNM_TIME ${package_time})
+    set(CPACK_SHMNM_TIME ${SHMNM_SOURCE_DATE})
     set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/windows/add_installer.cmake)
 else()
-    set(CPACK_SOURCE_DATE_EPOCH ${package_time})
+    set(CPACK_SOURCE_DATE_EPOCH ${SHMNM_SOURCE_DATE})
     set(packages libshmnm1 libshmnm-dev shmnmctl shmnmweb shmnmbridge)
     shmnm_install(${SHMNM_MULTIARCH_LIBDIR} ${packages} EXCLUDE_FROM_ALL)
     if(TARGET wheel)

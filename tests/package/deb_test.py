@@ -1,5 +1,6 @@
 """The Debian packages: what they are made of, and their life in a root of their own: installed, used, upgraded below a running
 process, purged."""
+import datetime
 import gzip
 import os
 import pathlib
@@ -151,6 +152,15 @@ class Packages(Place):
         for package, names in zip(PACKAGES, (library, development, tool, web, bridge, python, reader, reader_development)):
             self.assertIn(f"usr/share/doc/{package}/copyright", names)
             self.assertIn(f"usr/share/doc/{package}/changelog.Debian.gz", names)
+
+    def test_manual_pages_have_the_date_of_the_changelog_and_not_of_the_build(self):
+        changelog = support.PROJECT / "packaging/debian/changelog"
+        day = datetime.datetime.fromtimestamp(int(run("dpkg-parsechangelog", "--file", changelog, "--show-field", "Timestamp")), datetime.timezone.utc)
+        for package, page, line in (("libshmnm-dev", "man3/shmnm_setholdstat.3.gz", f".Dd {day:%B} {day.day}, {day.year}"),
+                                    ("shmnmctl", "man1/shmnmctl.1.gz", f'.TH SHMNMCTL 1 "{day.date()}"')):
+            root = self.folder / package
+            run("dpkg-deb", "--extract", self.packages[package], root)
+            self.assertIn(line, gzip.decompress((root / "usr/share/man" / page).read_bytes()).decode())
 
     def test_each_function_has_a_manual_page_in_the_development_package(self):
         root = self.installed()
