@@ -23,7 +23,8 @@ def all_tests():
         elif file.suffix == ".py":
             names |= set(re.findall(r"^    def (test_\w+)", file.read_text(), re.M))
         elif file.name == "CMakeLists.txt":
-            names |= set(re.findall(r"NAME (\w+)", file.read_text()))
+            text = file.read_text()
+            names |= set(re.findall(r"NAME (\w+)", text)) | {f"bridge_{name}" for name in re.findall(r"^shmnm_bridge_scene\((\w+)", text, re.M)}
     return names
 
 
