@@ -42,7 +42,7 @@ class Candidates(ToolTest):
         self.assertEqual(self.offered("__c"), [])
 
     def test_every_option_of_each_help_is_offered(self):
-        groups = {"add": "server", "remove": "hb", "modify": "np", "describe": "fst", "simulate": "on"}
+        groups = {"add": "server", "remove": "hb", "modify": "np", "describe": "fst", "simulate": "on", "service": "install"}
         for name in self.commands():
             command = [name] + ([groups[name]] if name in groups else [])
             with self.subTest(command):

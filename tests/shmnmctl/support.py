@@ -207,16 +207,19 @@ class ToolTest(unittest.TestCase):
 
     def tool(self, *arguments, input=None, environment=None, stdout=subprocess.PIPE, timeout=60):
         """Runs the tool to its end. What it says in JSON is checked against the schema."""
-        done = subprocess.run(
-            program("shmnmctl") + [str(argument) for argument in arguments],
-            input=input.encode() if isinstance(input, str) else input,
-            stdin=subprocess.DEVNULL if input is None else None,
-            stdout=stdout,
-            stderr=subprocess.PIPE,
-            env=environment or self.environment,
-            timeout=timeout,
-        )
-        result = Result(done.returncode, done.stdout, done.stderr.decode())
+        # Not a pipe: if this is the first program under wine, wine's services inherit it and outlive the program, so a pipe would not end.
+        with tempfile.TemporaryFile() as errors:
+            done = subprocess.run(
+                program("shmnmctl") + [str(argument) for argument in arguments],
+                input=input.encode() if isinstance(input, str) else input,
+                stdin=subprocess.DEVNULL if input is None else None,
+                stdout=stdout,
+                stderr=errors,
+                env=environment or self.environment,
+                timeout=timeout,
+            )
+            errors.seek(0)
+            result = Result(done.returncode, done.stdout, errors.read().decode())
         if "json" in arguments or "--format=json" in arguments:
             validated(result.err)
             if done.stdout:

@@ -32,6 +32,7 @@ enum class ErrorKind {
     note_outdated,          ///< the note of an interrupted change is of a region that has ended
     change_in_doubt,        ///< an interrupted change can be completed, but the region was used since
     change_lost,            ///< an interrupted change can no longer be completed
+    region_refused,         ///< a region lives, but it is of another user or was laid out by other counts
     refused,                ///< trying again cannot help
     failed                  ///< the system or the library failed
 };

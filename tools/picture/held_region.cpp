@@ -14,7 +14,7 @@ namespace picture {
 namespace {
 
 Error cannot(const char* what) {
-    return {ErrorKind::failed,
+    return {kind_of_last_failure(),
             fmt::format("cannot {} the region {} {}", what, full_name(mapping_name), last_failure())};
 }
 

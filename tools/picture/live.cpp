@@ -48,6 +48,10 @@ std::string full_name(const char* name) {
     return printable(with_prefix(name));
 }
 
+ErrorKind kind_of_last_failure() {
+    return platform::last_error() == error_access_denied ? ErrorKind::region_refused : ErrorKind::failed;
+}
+
 std::string last_failure() {
     const uint32_t error = platform::last_error();
     if (const std::string known = platform::explanation(); !known.empty()) {
@@ -173,7 +177,7 @@ void* LiveRegion::mutex() {
     tell("mutex", mutex_name);
     mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
     if (!mutex_) {
-        throw Error(ErrorKind::failed,
+        throw Error(kind_of_last_failure(),
                     fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure()));
     }
     return mutex_;
@@ -202,7 +206,7 @@ std::unique_ptr<LiveRegion::View> LiveRegion::open() {
         return view;
     }
     if (platform::last_error() == error_not_found) return nullptr;
-    throw Error(ErrorKind::failed,
+    throw Error(kind_of_last_failure(),
                 fmt::format("cannot open the region {} {}", full_name(mapping_name), last_failure()));
 }
 
@@ -224,6 +228,10 @@ bool LiveRegion::try_lock() {
 
 void LiveRegion::unlock() {
     library().shmnm_rwunlock();
+}
+
+bool LiveRegion::take_over() {
+    return platform::take_over(mutex());
 }
 
 Snapshot LiveRegion::empty_copy_of(const View& view, Bytes wanted) const {
@@ -300,6 +308,7 @@ bool LiveRegion::copy_without_lock(Snapshot& snapshot, const View& view) const {
 
 void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t timeout_ms) {
     const Library& calls = library();
+    if (access_.took_over && platform::take_over(mutex_)) access_.took_over();
     const uint64_t asked_us = platform::steady_clock_us();
     if (calls.shmnm_rolock(timeout_ms) != SHMNM_OK) throw_no_lock(timeout_ms);
     const uint64_t taken_us = platform::steady_clock_us();

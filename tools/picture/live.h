@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "picture/error.h"
 #include "picture/library.h"
 #include "picture/snapshot.h"
 
@@ -16,6 +17,7 @@ struct Access {
     uint32_t lock_timeout_ms = 5'000;
     bool may_skip_lock = true;                          ///< copies take the lock only if they must; false: always
     std::function<void(const std::string&)> tell = {};  ///< receives what is opened and how it is copied; may be empty
+    std::function<void()> took_over = {};  ///< told when a copy takes the lock over from an owner that ended (Windows)
 };
 
 inline constexpr const char* mapping_name = "oru_kzmshmnm_map";
@@ -23,6 +25,9 @@ inline constexpr const char* mutex_name = "oru_kzmshmnm_lock";
 
 /// A name as the kernel knows it, with the prefix of the installation's namespace; escaped for a message.
 std::string full_name(const char* name);
+
+/// What opening an object of the region failed by.
+ErrorKind kind_of_last_failure();
 
 /// Why the kernel's last call failed and what to do about it, to stand after what failed.
 std::string last_failure();
@@ -71,6 +76,9 @@ class LiveRegion {
     /// Takes the lock if it is free. @return whether it was taken
     bool try_lock();
     void unlock();
+    /// Takes the lock and releases it, if it is free and if the system does not count take-overs itself (Windows).
+    /// @return whether its last owner had ended without releasing it
+    bool take_over();
 
     /// The lock's mutex. @throws Error  this user may not use it
     void* mutex();

@@ -58,6 +58,9 @@ std::optional<LockHolder> lock_holder(void* mutex);
 std::optional<shmnm::Note> note(void* mutex);
 /// That note itself, for this thread, which owns the lock; null where the system keeps none.
 void* own_note(void* mutex);
+/// Takes the lock and releases it, if it is free. Only where the system does not count how often it was taken over.
+/// @return whether its last owner had ended without releasing it
+bool take_over(void* mutex);
 /// This thread, which owns the lock, has taken it only to look.
 void count_look(void* mutex);
 /// A copy of what the lock guards, made without taking it. All of it must be loaded by relaxed atomics.

@@ -89,6 +89,11 @@ std::optional<shmnm::Note> note(void*) {
 void* own_note(void*) {
     return nullptr;
 }
+bool take_over(void* mutex) {
+    const DWORD taken = WaitForSingleObject(mutex, 0);
+    if (taken == WAIT_OBJECT_0 || taken == WAIT_ABANDONED) ReleaseMutex(mutex);
+    return taken == WAIT_ABANDONED;
+}
 void count_look(void*) {}
 const unsigned lockless_tries = 1;
 std::optional<LocklessCopy> begin_lockless_copy(void*) {

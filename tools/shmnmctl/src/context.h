@@ -29,6 +29,7 @@ struct Context {
     bool compares_machines = false;  ///< the command reads the machines itself
     bool force = false;
     std::function<Exit()> command;  ///< what the command line asks for
+    bool is_service = false;        ///< and the service manager has started it
 
     bool json() const { return format == "json"; }
 };
@@ -77,5 +78,6 @@ void add_watch_command(CLI::App& app, Context& context);       // watch
 void add_lock_command(CLI::App& app, Context& context);        // lock
 void add_holders_command(CLI::App& app, Context& context);     // holders
 void add_serve_command(CLI::App& app, Context& context);       // serve
+void add_service_command(CLI::App& app, Context& context);     // service
 
 }  // namespace shmnmctl

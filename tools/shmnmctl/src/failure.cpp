@@ -64,6 +64,7 @@ Ending ending(ErrorKind kind) {
         case ErrorKind::not_whole:
         case ErrorKind::invalid_configuration:
         case ErrorKind::inexpressible:
+        case ErrorKind::region_refused:
         case ErrorKind::refused:
         case ErrorKind::failed:
             break;

@@ -13,6 +13,8 @@
 #include "failure.h"
 #include "machines.h"
 #include "picture/installation.h"
+#include "service/command_line.h"
+#include "service/service.h"
 #include "session.h"
 #include "usage.h"
 
@@ -20,7 +22,8 @@ namespace {
 
 using namespace shmnmctl;
 
-int report(const Failure& failure, bool json) {
+int report(const Failure& failure, bool json, service::Event event = service::Event::failed) {
+    service::tell(event, failure.what());
     const std::string text = (json ? "" : "shmnmctl: ") + to_text(failure, json);
     std::fputs(text.c_str(), stderr);
     return static_cast<int>(failure.exit);
@@ -39,17 +42,25 @@ Exit run_there(Context& context) {
     }
 }
 
-int run(Context& context) {
+int run_here(Context& context) {
     try {
         return static_cast<int>(run_there(context));
+    } catch (const picture::Error& error) {
+        const bool is_refusal = error.kind == picture::ErrorKind::region_refused;
+        return report(Failure(error), context.json(),
+                      is_refusal ? service::Event::region_refused : service::Event::failed);
     } catch (const std::exception&) {
         return report(current_failure(), context.json());
     }
 }
 
-Exit show(const std::string& text) {
-    write_output(text);
-    return Exit::done;
+int run(Context& context) {
+    if (!context.is_service) return run_here(context);
+    try {
+        return service::run([&context] { return run_here(context); });
+    } catch (const picture::Error& error) {
+        return report(Failure(error), context.json());
+    }
 }
 
 /// Whether the command line asks for JSON, even if it is otherwise wrong.
@@ -61,6 +72,20 @@ bool asks_for_json(int count, char** arguments) {
         if (argument == "--") return false;
     }
     return false;
+}
+
+/// What is wrong with a command line. A service connects to its manager even if it can only fail.
+int refuse(const Failure& failure, int count, char** arguments) {
+    Context context;
+    context.format = asks_for_json(count, arguments) ? "json" : "text";
+    context.is_service = service::is_service(count, arguments);
+    context.command = [&failure]() -> Exit { throw failure; };
+    return run(context);
+}
+
+Exit show(const std::string& text) {
+    write_output(text);
+    return Exit::done;
 }
 
 /// The arguments in reverse order, as the parser expects them. A blank before a negative number keeps the parser from
@@ -114,6 +139,7 @@ int main(int argc, char** argv) {
     add_lock_command(app, context);
     add_holders_command(app, context);
     add_serve_command(app, context);
+    add_service_command(app, context);
     if (argc > 1 && std::string_view(argv[1]) == completion_word) {
         context.command = [&app, argc, argv] { return show(completion(app, {argv + 2, argv + argc})); };
         return run(context);
@@ -126,9 +152,9 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForVersion& version) {
         context.command = [text = std::string(version.what()) + "\n"] { return show(text); };
     } catch (const CLI::ParseError& error) {
-        return report(usage_failure(app, error), asks_for_json(argc, argv));
+        return refuse(usage_failure(app, error), argc, argv);
     } catch (const Failure& failure) {
-        return report(failure, asks_for_json(argc, argv));
+        return refuse(failure, argc, argv);
     }
     return run(context);
 }

@@ -14,6 +14,8 @@
 #include "picture/held_region.h"
 #include "picture/library.h"
 #include "picture/registration.h"
+#include "service/region_watch.h"
+#include "service/service.h"
 #include "session.h"
 
 namespace shmnmctl {
@@ -22,6 +24,7 @@ namespace {
 struct ServeOptions {
     std::string file;
     bool register_missing = false, clean = false, until_eof = false;
+    bool as_service = false, only_check_arguments = false;
 };
 
 /// The region as it was taken hold of.
@@ -71,7 +74,7 @@ void await_creator(const Access& access) {
 }
 
 /// Nothing is written to a region that was laid out by other counts: every process would read it at wrong places.
-/// @throws Failure  it was
+/// @throws Error  it was
 void expect_counts(const HeldRegion& held, const Counts& wanted, const std::string& file) {
     const HeldRegion::Size size = held.size();
     if (size.counts == wanted && size.fits(wanted)) return;
@@ -88,10 +91,10 @@ void expect_counts(const HeldRegion& held, const Counts& wanted, const std::stri
             "; put the region's counts into the configuration, or stop every process of the cluster before you "
             "start it with other counts";
     }
-    throw Failure(Exit::failed,
-                  fmt::format("nothing was written: the live region {} has {} in {} bytes, {} has {} in {} bytes{}",
-                              full_name(mapping_name), to_text(size.counts), size.bytes, printable(file),
-                              to_text(wanted), in_pages(Layout(wanted).size), advice));
+    throw Error(ErrorKind::region_refused,
+                fmt::format("nothing was written: the live region {} has {} in {} bytes, {} has {} in {} bytes{}",
+                            full_name(mapping_name), to_text(size.counts), size.bytes, printable(file), to_text(wanted),
+                            in_pages(Layout(wanted).size), advice));
 }
 
 /// Makes the region, or takes hold of the live one. All of it happens under the lock, so that others who serve find the
@@ -146,10 +149,29 @@ void take_out(LiveRegion& region, const ClusterMembers& members) {
     for (const Member& member : members) remove(member);
 }
 
-void tell_that_it_is_ready(const Context& context, const ClusterFile& file, const Hold& hold) {
-    const size_t servers = hold.picture.servers.size();
+std::string ready_text(const ClusterFile& file, const Hold& hold) {
     const size_t missing = missing_from(hold.picture, file.members).size();
+    std::string text;
+    for (const ResourceKind& kind : resource_kinds) {
+        text += fmt::format("{}{} {}", text.empty() ? "" : " and ", (hold.picture.*kind.resources).size(), kind.key);
+    }
+    text = fmt::format("ready: {} with {} servers, {} resources", full_name(mapping_name), hold.picture.servers.size(),
+                       text);
+    if (!hold.region.is_new()) text += fmt::format("; it was there, and {} members were registered", hold.added.size());
+    if (hold.completed) text += ", which a killed process had left out";
+    if (missing == 1) text += "; 1 member of the configuration is not in it, --register registers it";
+    if (missing > 1) {
+        text += fmt::format("; {} members of the configuration are not in it, --register registers them", missing);
+    }
+    if (!hold.without_lock.empty()) text += "; " + hold.without_lock;
+    return text;
+}
+
+void tell_that_it_is_ready(const Context& context, const ClusterFile& file, const Hold& hold) {
+    if (service::is_running()) return service::ready(ready_text(file, hold));
     if (context.json()) {
+        const size_t servers = hold.picture.servers.size();
+        const size_t missing = missing_from(hold.picture, file.members).size();
         Json ready = document("serve");
         ready["ready"] = true;
         ready["region"] = full_name(mapping_name);
@@ -162,23 +184,19 @@ void tell_that_it_is_ready(const Context& context, const ClusterFile& file, cons
         if (!hold.without_lock.empty()) ready["without_lock"] = hold.without_lock;
         write_output(line(ready));
     } else {
-        std::string text;
-        for (const ResourceKind& kind : resource_kinds) {
-            text +=
-                fmt::format("{}{} {}", text.empty() ? "" : " and ", (hold.picture.*kind.resources).size(), kind.key);
-        }
-        text = fmt::format("ready: {} with {} servers, {} resources", full_name(mapping_name), servers, text);
-        if (!hold.region.is_new())
-            text += fmt::format("; it was there, and {} members were registered", hold.added.size());
-        if (hold.completed) text += ", which a killed process had left out";
-        if (missing == 1) text += "; 1 member of the configuration is not in it, --register registers it";
-        if (missing > 1) {
-            text += fmt::format("; {} members of the configuration are not in it, --register registers them", missing);
-        }
-        if (!hold.without_lock.empty()) text += "; " + hold.without_lock;
-        write_output(text + "\n");
+        write_output(ready_text(file, hold) + "\n");
     }
     session::notify_service_manager("READY=1");
+}
+
+/// Until it is to stop, a service tells what its administrator should learn of.
+void watch_until_stop(LiveRegion& region, const Counts& counts) {
+    constexpr uint32_t look_ms = 1'000;
+    service::RegionWatch watch(service::tell);
+    while (session::wait(look_ms) != session::Wake::stop) {
+        if (region.take_over()) watch.see_takeover();
+        watch.see_configuration(service::configuration_problem(counts));
+    }
 }
 
 Exit serve(const Context& context, ServeOptions options) {
@@ -193,13 +211,23 @@ Exit serve(const Context& context, ServeOptions options) {
                         printable(options.file), to_text(file.counts), printable(installed), to_text(*configured)));
     }
     session::catch_stop();
+    // The lock may be waited for twice.
+    service::starting(context.access.lock_timeout_ms);
     await_creator(context.access);
+    service::starting(context.access.lock_timeout_ms);
     LiveRegion region(context.access);
     const Hold hold = take_hold(region, options, file);
     tell_that_it_is_ready(context, file, hold);
-    session::wait_for_stop(options.until_eof);
+    if (service::is_running()) {
+        watch_until_stop(region, file.counts);
+    } else {
+        session::wait_for_stop(options.until_eof);
+    }
     session::notify_service_manager("STOPPING=1");
-    if (options.clean) take_out(region, hold.added);
+    if (options.clean && !service::ends_with_the_system()) {
+        service::stopping(context.access.lock_timeout_ms);
+        take_out(region, hold.added);
+    }
     return Exit::done;
 }
 
@@ -207,6 +235,7 @@ Exit serve(const Context& context, ServeOptions options) {
 
 void add_serve_command(CLI::App& app, Context& context) {
     static ServeOptions options;
+    options = {};
     CLI::App* const command =
         app.add_subcommand("serve", "Create the region from the configuration, or hold the live one as it is");
     add_format(*command, context);
@@ -215,7 +244,16 @@ void add_serve_command(CLI::App& app, Context& context) {
     command->add_flag("--register", options.register_missing, "Register the members that a live region does not have");
     command->add_flag("--clean", options.clean, "Remove the members that it registered before it ends");
     command->add_flag("--until-eof", options.until_eof, "End when standard input ends, too");
-    command->callback([&context] { context.command = [&context] { return serve(context, options); }; });
+    // For "shmnmctl service" only.
+    command->add_flag("--service", options.as_service)->group("");
+    command->add_flag("--check-arguments", options.only_check_arguments)->group("");
+    command->callback([&context] {
+        if (options.as_service && options.until_eof) {
+            throw Failure(Exit::usage, "a service has no standard input: leave out --until-eof");
+        }
+        context.is_service = options.as_service && !options.only_check_arguments;
+        context.command = [&context] { return options.only_check_arguments ? Exit::done : serve(context, options); };
+    });
 }
 
 }  // namespace shmnmctl

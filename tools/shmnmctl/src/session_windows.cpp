@@ -12,6 +12,9 @@
 
 #include "failure.h"
 #include "picture/escape.h"
+#include "service/command_line.h"
+#include "service/service.h"
+#include "service/text_windows.h"
 
 // A * in an argument is for a condition; the run time must not look for files of that name.
 extern "C" {
@@ -41,32 +44,6 @@ BOOL WINAPI on_console_event(DWORD event) {
 BOOL WINAPI leave_to_command(DWORD event) {
     leave_time_to_main(event);
     return TRUE;
-}
-
-/// An argument as a program's own command line takes it apart again: quotes around it, quotes in it and the backslashes
-/// before any quote escaped by a backslash each.
-std::wstring quoted(const std::wstring& argument) {
-    std::wstring text = L"\"";
-    size_t backslashes = 0;
-    for (const wchar_t letter : argument) {
-        if (letter == L'\\') {
-            ++backslashes;
-            continue;
-        }
-        if (letter == L'"') backslashes = 2 * backslashes + 1;
-        text.append(backslashes, L'\\');
-        backslashes = 0;
-        text += letter;
-    }
-    text.append(2 * backslashes, L'\\');
-    return text + L"\"";
-}
-
-std::wstring wide(const std::string& text) {
-    const int length = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring result(static_cast<size_t>(length), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), result.data(), length);
-    return result;
 }
 
 /// Whether standard output is a pipe whose other end is closed. A write of no bytes would tell as well, but its reader
@@ -111,8 +88,14 @@ void prepare() {
 }
 
 void catch_stop() {
-    if (stop_event) return;
-    stop_event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    const bool is_caught = stop_event != nullptr;
+    if (!is_caught) stop_event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    // A service is asked by its manager. Its console would tell of every user who logs off.
+    if (stop_event && service::is_running()) {
+        ResetEvent(stop_event);
+        return service::on_stop([] { SetEvent(stop_event); });
+    }
+    if (is_caught) return;
     if (!stop_event || !SetConsoleCtrlHandler(on_console_event, TRUE)) {
         throw Failure(Exit::failed, fmt::format("cannot wait for console events (error {})", GetLastError()));
     }
@@ -215,7 +198,7 @@ int run(const std::vector<std::string>& command) {
     std::wstring line;
     for (const std::string& argument : command) {
         if (!line.empty()) line += L' ';
-        line += quoted(wide(argument));
+        line += service::quoted(service::wide(argument));
     }
     SetConsoleCtrlHandler(leave_to_command, TRUE);
     const Job job;

@@ -11,6 +11,7 @@
 #include "address.h"
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "service/service.h"
 
 namespace shmnmweb {
 namespace {
@@ -104,6 +105,8 @@ std::string client_of(SocketHandle connection, bool) {
 }
 
 std::vector<int> stop_signals() {
+    // A service is asked by its manager, and SIGBREAK tells it of every user who logs off.
+    if (service::is_running()) return {};
     return {SIGINT, SIGTERM, SIGBREAK};
 }
 

@@ -113,6 +113,7 @@ class Server::Implementation {
         return all;
     }
     void run(const std::function<void()>& ready);
+    void stop() { io_.stop(); }
     void show(std::shared_ptr<const Look> look) {
         asio::post(io_, [this, look = std::move(look)]() mutable { add(std::move(look)); });
     }
@@ -423,6 +424,9 @@ std::vector<std::string> Server::addresses() const {
 }
 void Server::run(const std::function<void()>& ready) {
     implementation_->run(ready);
+}
+void Server::stop() {
+    implementation_->stop();
 }
 void Server::show(std::shared_ptr<const Look> look) {
     implementation_->show(std::move(look));

@@ -36,6 +36,8 @@ class Server {
     /// Serves until SIGINT, SIGTERM or SIGHUP (Windows: Ctrl-C, Ctrl-Break).
     /// @param[in] ready  called once requests are served
     void run(const std::function<void()>& ready);
+    /// For any thread: ends run().
+    void stop();
     /// For any thread: makes a look the newest.
     void show(std::shared_ptr<const Look> look);
 

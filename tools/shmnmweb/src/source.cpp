@@ -14,6 +14,8 @@ using picture::platform::LockHolder;
 
 class LiveSource : public Source {
   public:
+    explicit LiveSource(std::function<void()> took_over)
+        : region_({.lock_timeout_ms = lock_timeout_ms, .took_over = std::move(took_over)}) {}
     std::optional<picture::Snapshot> copy(Bytes wanted) override { return region_.try_copy(wanted); }
     std::optional<LockHolder> lock() override {
         if (region_.is_reader()) return std::nullopt;
@@ -25,7 +27,7 @@ class LiveSource : public Source {
     /// A stop of the server takes no longer than this.
     static constexpr uint32_t lock_timeout_ms = 1'000;
 
-    picture::LiveRegion region_{{.lock_timeout_ms = lock_timeout_ms}};
+    picture::LiveRegion region_;
 };
 
 class RemoteSource : public Source {
@@ -61,8 +63,8 @@ class DumpSource : public Source {
 
 }  // namespace
 
-std::unique_ptr<Source> live_source() {
-    return std::make_unique<LiveSource>();
+std::unique_ptr<Source> live_source(std::function<void()> took_over) {
+    return std::make_unique<LiveSource>(std::move(took_over));
 }
 
 std::unique_ptr<Source> remote_source(const std::string& address) {

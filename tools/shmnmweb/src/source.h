@@ -1,6 +1,7 @@
 // Where copies of the region come from: the live region of this machine, a dump, or another server.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,7 +26,9 @@ class Source {
 };
 
 /// The region of this machine. It is mapped for reading only.
-std::unique_ptr<Source> live_source();
+/// @param[in] took_over  told when a copy takes the lock over from an owner that ended, if the system does not count
+/// this
+std::unique_ptr<Source> live_source(std::function<void()> took_over = {});
 
 /// The region behind another server, at unix:PATH, http://HOST:PORT or https://HOST:PORT.
 /// @throws picture::Error  it is no such address
