@@ -72,6 +72,7 @@ std::vector<Document> sides(const Context& context, const DocumentArguments& giv
     }
     std::vector<Document> all;
     const std::vector<Machine> machines = named_machines(context);
+    all.reserve(count);
     for (const std::string& name : names) all.push_back(side(context, name));
     for (const Machine& machine : machines) all.push_back(side(context, machine));
     return all;
