@@ -64,6 +64,12 @@ TEST(BridgeCore, KeepsItsInvariants) {
               << " requests, " << total.calls << " calls, " << total.proposals << " proposals at the end\n";
 }
 
+// A batch that is made between two looks hides nothing of a record that is added again between them.
+TEST(BridgeCore, FeedsAServerThatIsAddedAgainWhileABatchIsMade) {
+    const Schedule schedule = random_schedule(6'248);
+    EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
 TEST(BridgeCore, DoesTheSameForTheSameInputs) {
     const uint64_t seed = first_seed(), count = std::min<uint64_t>(30, number_from("SHMNM_BRIDGE_SCHEDULES", 30));
     for (uint64_t number = 0; number < count; ++number) {

@@ -83,6 +83,7 @@ class Simulation {
 
     void begin(const Fault& fault);
     void begin_of_region(const Fault& fault, Machine& machine);
+    void forget_server(Machine& machine, const std::string& server);
     void forget_resource(Machine& machine, const std::string& key);
     void follow_health(Machine& machine);
 
@@ -680,9 +681,12 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
             if (server == machine.server) {
                 end_own_values(machine);
                 machine.fed.clear();
+                machine.overwritten.clear();
             }
-            machine.fed.erase(server);
-            machine.overwritten.clear();
+            // If it is the own server or the only one that was fed, the bridge must take the region for a new one.
+            machine.losses.clear();
+            machine.has_lost_records = true;
+            forget_server(machine, server);
             const int32_t pri = ModelRegion::priority(fault.detail % schedule_.machines, machine.number);
             machine.region->remove_server(server);
             const auto add = [&machine, server, pri] {
@@ -701,8 +705,7 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
             const std::string lost = ModelRegion::server_name(
                 (machine.number + 1 + fault.detail % (schedule_.machines - 1)) % schedule_.machines);
             if (!machine.region) return;
-            machine.fed.erase(lost);
-            machine.overwritten.clear();
+            forget_server(machine, lost);
             return machine.region->remove_server(lost);
         }
         case What::remove_resource: {
@@ -743,6 +746,13 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
         default:
             return;
     }
+}
+
+void Simulation::forget_server(Machine& machine, const std::string& server) {
+    machine.fed.erase(server);
+    std::erase_if(machine.overwritten, [&server](const std::string& word) {
+        return word.starts_with("servers/" + server + '/') || word.ends_with('/' + server);
+    });
 }
 
 void Simulation::forget_resource(Machine& machine, const std::string& key) {

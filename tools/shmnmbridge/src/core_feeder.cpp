@@ -176,6 +176,7 @@ void Feeder::look(Time now, const Look& look, const AgreedWords::Continuity& con
         }
     }
     if (continuity.is_changed) shown_ = look;
+    made_.clear();
     was_absent_ = false;
 }
 
@@ -186,6 +187,17 @@ bool Feeder::shows_same(const Look& look, size_t position) const {
                           return here.key == before.key && position < here.cells.size() &&
                                  position < before.cells.size() && here.cells[position] == before.cells[position];
                       });
+}
+
+bool Feeder::is_added_again(const Look& look, size_t position) const {
+    bool is_new = true;
+    visit_words(look, position, nullptr, [&](const Call& call, uint32_t here, const uint32_t*, bool) {
+        if (here == new_value_of(call)) return;
+        is_new = is_new && std::any_of(made_.begin(), made_.end(), [&](const Call& made) {
+                     return made.value[0] == here && key_of(made) == key_of(call);
+                 });
+    });
+    return is_new;
 }
 
 std::set<std::string, std::less<>> Feeder::find_new_rows(const Look& look) const {
@@ -202,7 +214,7 @@ void Feeder::follow_contests(const Look& look, size_t position, Peer& peer,
     const std::string& server = look.servers[position].name;
     const auto before = shown_->find_server(server);
     bool is_shown = before.has_value();
-    const bool was_added_again = rules_.added_again_is_fed && (!before || is_as_new(look, position));
+    const bool was_added_again = rules_.added_again_is_fed && (!before || is_added_again(look, position));
     visit_words(look, position, peer.state() ? &peer.state()->state : nullptr,
                 [&](const Call& call, uint32_t here, const uint32_t* theirs, bool) {
                     const uint32_t* const shown = word_of(*shown_, call);
@@ -263,6 +275,7 @@ void Feeder::add_calls(std::vector<Call>& calls, const std::string& server, Peer
 
 void Feeder::made(const Call& call) {
     if (!shown_) return;
+    if (!call.server.empty()) made_.push_back(call);
     if (call.setter == Call::Setter::header_word) {
         shown_->header[call.word] = call.value;
     } else if (call.setter == Call::Setter::stat) {

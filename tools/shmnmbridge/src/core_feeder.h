@@ -53,6 +53,8 @@ class Feeder {
     bool is_new_row(const LookedResource& resource, size_t own) const;
     /// Whether a server's words are those of the look before.
     bool shows_same(const Look& look, size_t position) const;
+    /// Whether a server's words are those of a new record, but for what the last batch has set since.
+    bool is_added_again(const Look& look, size_t position) const;
     /// The keys of resources that were added again.
     std::set<std::string, std::less<>> find_new_rows(const Look& look) const;
     void follow_contests(const Look& look, size_t position, Peer& peer,
@@ -74,6 +76,7 @@ class Feeder {
     bool was_absent_ = false;
     std::set<std::string, std::less<>> fed_;  ///< servers whose words were set or found here since the region is new
     std::map<std::string, Settled, std::less<>> settled_;  ///< since the last change of the region
+    std::vector<Call> made_;                               ///< since the last look
     std::set<std::string> contested_;                      ///< "servers/alpha/pingstat", "hb/lan/lan1/svstat/alpha"
 };
 
