@@ -80,6 +80,11 @@ uint64_t object_number(void*) {
     return 0;
 }
 
+bool try_own(void* mutex) {
+    const DWORD taken = WaitForSingleObject(mutex, 0);
+    return taken == WAIT_OBJECT_0 || taken == WAIT_ABANDONED;
+}
+
 std::optional<LockHolder> lock_holder(void*) {
     return std::nullopt;
 }
