@@ -56,6 +56,24 @@ TEST(LiveMarks, AreNoneOnceTheirBridgeHasStoodStillForTwoSeconds) {
     platform::unmap(page);
 }
 
+TEST(LiveMarks, EndToSayFreshAtTheLimitAlthoughTheirBridgeStandsStill) {
+    void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
+    const std::unique_ptr<void, void (*)(void*)> mapping(
+        KzmutilCreateNamedFileMapping(no_file, 4, 0, sizeof(MarksPage), marks_name), platform::close);
+    ASSERT_TRUE(mapping);
+    auto* const page = static_cast<MarksPage*>(platform::map_for_writing(mapping.get()));
+    ASSERT_TRUE(page);
+    Marks marks = marks_of("alpha");
+    marks.limit = 2'000;
+    marks.servers = {{.server = "beta", .freshness = Freshness::fresh, .age = 1'995}};
+    write_marks(*page, marks, platform::steady_clock_us() - 10'000);
+    const auto read = read_live_marks();
+    ASSERT_TRUE(read);
+    EXPECT_GE(read->marks.servers[0].age, 2'005);
+    EXPECT_EQ(read->marks.servers[0].freshness, Freshness::unknown);
+    platform::unmap(page);
+}
+
 TEST(LiveMarks, OfASmallerPageAreNone) {
     void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
     const std::unique_ptr<void, void (*)(void*)> mapping(

@@ -12,6 +12,7 @@ namespace {
 Marks some_marks() {
     Marks marks;
     marks.is_connected = marks.is_running = marks.is_fed = true;
+    marks.limit = 4'000;
     marks.server = "alpha";
     marks.cluster = "production";
     marks.member = "http://127.0.0.1:2379";
@@ -39,6 +40,7 @@ TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
     EXPECT_TRUE(marks.is_running);
     EXPECT_FALSE(marks.is_refused);
     EXPECT_TRUE(marks.is_fed);
+    EXPECT_EQ(marks.limit, 4'000);
     EXPECT_EQ(read->written_us, 5U);
     EXPECT_EQ(marks.server, "alpha");
     EXPECT_EQ(marks.cluster, "production");
@@ -70,6 +72,26 @@ TEST(BridgeMarks, MoveTheSequenceWithEveryWrite) {
     const uint64_t first = read_marks(*page).value().sequence;
     write_marks(*page, some_marks(), 5);
     EXPECT_GT(read_marks(*page).value().sequence, first);
+}
+
+TEST(BridgeMarks, GrowOldUntilNoServerIsFreshWhileTheirBridgeStandsStill) {
+    Marks marks = some_marks();
+    make_older(marks, 3'749'000);
+    EXPECT_EQ(marks.servers[0].age, 3'999);
+    EXPECT_EQ(marks.servers[0].freshness, Freshness::fresh);
+    make_older(marks, 1'000);
+    EXPECT_EQ(marks.servers[0].age, 4'000);
+    EXPECT_EQ(marks.servers[0].freshness, Freshness::unknown);
+    EXPECT_EQ(marks.servers[1].age, -1) << "not known, and stays so";
+    EXPECT_EQ(marks.servers[1].freshness, Freshness::silent);
+}
+
+TEST(BridgeMarks, GrowOldWithoutAnEndIfTheirBridgeSaysNoLimit) {
+    Marks marks = some_marks();
+    marks.limit = 0;
+    make_older(marks, 60'000'000);
+    EXPECT_EQ(marks.servers[0].age, 60'250);
+    EXPECT_EQ(marks.servers[0].freshness, Freshness::fresh);
 }
 
 TEST(BridgeMarks, AreRefusedInAnotherFormatAndWhileTheyAreWritten) {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "kzmutil.h"
 #include "picture/error.h"
 #include "picture/live.h"
@@ -20,9 +22,13 @@ picture::Error cannot(const char* what) {
 std::optional<ReadMarks> read(const MarksPage* page) {
     if (platform::view_size(page) < sizeof *page) return std::nullopt;
     auto marks = read_marks(*page);
+    if (!marks) return std::nullopt;
     constexpr uint64_t us_per_ms = 1'000;
-    if (marks && platform::steady_clock_us() - marks->written_us >= marks_stand_still_ms * us_per_ms)
-        return std::nullopt;
+    // The marks may have been written again since the clock was read.
+    const uint64_t now_us = platform::steady_clock_us();
+    const uint64_t passed_us = now_us - std::min(now_us, marks->written_us);
+    if (passed_us >= marks_stand_still_ms * us_per_ms) return std::nullopt;
+    make_older(marks->marks, passed_us);
     return marks;
 }
 

@@ -41,6 +41,7 @@ struct Marks {
     bool is_running = false;    ///< this machine has claimed its name
     bool is_refused = false;    ///< another machine has it
     bool is_fed = false;        ///< the region is there, laid out as this machine's configuration says
+    int64_t limit = 0;          ///< milliseconds; a server is not fresh at this age; 0: not known
     std::string server{};       ///< this machine's own, escaped
     std::string cluster{};
     std::string member{};  ///< the address of etcd to which requests are sent

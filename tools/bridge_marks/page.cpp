@@ -71,6 +71,7 @@ void fill(MarksPage& page, const Marks& marks) {
     header.running = marks.is_running;
     header.refused = marks.is_refused;
     header.fed = marks.is_fed;
+    header.limit_ms = marks.limit;
     header.proposed = marks.agreed.proposed;
     header.accepted = marks.agreed.accepted;
     header.lost = marks.agreed.lost;
@@ -97,6 +98,7 @@ Marks marks_of(const MarksPage& page) {
     marks.is_running = header.running;
     marks.is_refused = header.refused;
     marks.is_fed = header.fed;
+    marks.limit = header.limit_ms;
     marks.server = text_of(header.server);
     marks.cluster = text_of(header.cluster);
     marks.member = text_of(header.member);
@@ -147,6 +149,16 @@ std::optional<ReadMarks> read_marks(const MarksPage& page) {
         return ReadMarks{marks_of(*copy), before, copy->header.written_us, copy->header.lost_words};
     }
     return std::nullopt;
+}
+
+void make_older(Marks& marks, uint64_t passed_us) {
+    constexpr uint64_t us_per_ms = 1'000;
+    for (Mark& mark : marks.servers) {
+        if (mark.age < 0) continue;
+        mark.age += static_cast<int64_t>(passed_us / us_per_ms);
+        const bool is_old = marks.limit > 0 && mark.age >= marks.limit;
+        if (mark.freshness == Freshness::fresh && is_old) mark.freshness = Freshness::unknown;
+    }
 }
 
 }  // namespace bridge

@@ -29,7 +29,8 @@ struct MarksHeader {
     uint32_t reserved_52;
     uint64_t proposed, accepted, lost, replaced;
     uint64_t written_us;  ///< of the machine's monotonic clock
-    uint8_t reserved_96[32];
+    int64_t limit_ms;     ///< a server is not fresh at this age, even if the bridge stands still; 0: not known
+    uint8_t reserved_104[24];
     char server[768];   ///< this machine's own, escaped, zero-padded
     char cluster[128];  ///< cut
     char member[128];   ///< cut
@@ -70,6 +71,7 @@ SHMNM_PIN_MARK(MarksHeader, accepted, 64);
 SHMNM_PIN_MARK(MarksHeader, lost, 72);
 SHMNM_PIN_MARK(MarksHeader, replaced, 80);
 SHMNM_PIN_MARK(MarksHeader, written_us, 88);
+SHMNM_PIN_MARK(MarksHeader, limit_ms, 96);
 SHMNM_PIN_MARK(MarksHeader, server, 128);
 SHMNM_PIN_MARK(MarksHeader, cluster, 896);
 SHMNM_PIN_MARK(MarksHeader, member, 1024);
@@ -98,5 +100,8 @@ struct ReadMarks {
 /// Reads a page that another process may be writing. @return nothing if it is of another format, or was written at each
 /// try
 std::optional<ReadMarks> read_marks(const MarksPage& page);
+
+/// What marks say that were written so long ago: ages go on growing, and end freshness, while the bridge stands still.
+void make_older(Marks& marks, uint64_t passed_us);
 
 }  // namespace bridge

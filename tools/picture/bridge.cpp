@@ -64,12 +64,6 @@ std::optional<ReadMarks> read_patiently(const MarksPage& page) {
     }
 }
 
-void make_older(Marks& marks, uint64_t passed_us) {
-    for (Mark& mark : marks.servers) {
-        if (mark.age >= 0) mark.age += static_cast<int64_t>(passed_us / 1'000);
-    }
-}
-
 /// Nobody vouches for what a bridge said that does not run.
 void forget_freshness(Marks& marks) {
     marks.is_connected = marks.is_running = marks.is_fed = false;

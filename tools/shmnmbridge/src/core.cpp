@@ -205,6 +205,7 @@ Marks Core::marks(Time now) const {
     marks.is_running = run_.is_running();
     marks.is_refused = run_.is_refused();
     marks.is_fed = feeder_.may_feed();
+    marks.limit = settings_.limit();
     marks.server = settings_.server;
     marks.cluster = settings_.cluster;
     marks.agreed = agreed_.counts();
