@@ -294,8 +294,8 @@ class Machine:
         program = [str(PROJECT / "scripts/wine"), str(self.programs / f"{name}.exe")] if self.is_windows else [str(self.programs / name)]
         return [*self.place.command, *CHILD, *program, *(str(argument) for argument in arguments)]
 
-    def start(self, name, *arguments, **streams):
-        return subprocess.Popen(self.command(name, *arguments), env=self.environment, **{"stdin": subprocess.DEVNULL, **streams})
+    def start(self, name, *arguments, environment=None, **streams):
+        return subprocess.Popen(self.command(name, *arguments), env={**self.environment, **(environment or {})}, **{"stdin": subprocess.DEVNULL, **streams})
 
     def run(self, name, *arguments):
         return subprocess.run(self.command(name, *arguments), env=self.environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=DEADLINE)
@@ -327,9 +327,9 @@ class Machine:
 
     # Its bridge.
 
-    def start_bridge(self):
+    def start_bridge(self, **environment):
         with open(self.folder / "bridge.log", "ab") as log:
-            self.bridge = self.start("shmnmbridge", "run", stdout=log, stderr=log)
+            self.bridge = self.start("shmnmbridge", "run", environment=environment, stdout=log, stderr=log)
 
     def signal_bridge(self, number):
         if self.bridge:

@@ -76,7 +76,7 @@ class Killed(BridgeTest):
             value, call = value + 1, call + 1
             before = set(self.beta.get("shmnm_getholdstat", "alpha") + self.beta.get("shmnm_getnodestat", "alpha") + self.beta.get("shmnm_getpingstat", "alpha"))
             self.change(value)
-            bridge = self.beta.start(LD_PRELOAD=PRELOADED, SHMNM_KILL_AFTER=str(call))
+            bridge = self.beta.start(LD_PRELOAD=PRELOADED, SHMNM_KILL_AFTER_CALL=str(call))
             # It lives if it makes fewer calls.
             until(lambda: bridge.process.poll() is not None or self.beta.freshness("alpha") == "fresh" and self.beta.get("shmnm_getholdstat", "alpha") == [value],
                   f"the end after call {call}, or all words: {bridge.logged()}")
