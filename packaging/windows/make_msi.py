@@ -21,6 +21,7 @@ import xml.etree.ElementTree as ElementTree
 # Never changes: by it Windows knows the versions of this product.
 UPGRADE_CODE = uuid.UUID("6e7a2f0c-5c1b-4d8e-9f4a-3b1f0a2c7d51")
 CONFIGURATION = "etc/cluster.xml"
+TOOL = "bin/shmnmctl.exe"
 # What the library's companion puts into the folder of the log.
 LOGS = ("shmnm.log", "shmnm.log.1", "shmnm.log.2", "shmnm.log.3", "oru_kzmshmnm_log.lock")
 COMPONENT_PERMANENT, COMPONENT_NEVER_OVERWRITE, COMPONENT_64_BIT = 16, 128, 256
@@ -28,12 +29,15 @@ ON_REMOVAL = 2
 TICKS = 10_000_000  # of a FILETIME in a second
 LOCATOR_RAW_VALUE_64_BIT = 2 | 16
 SET_DIRECTORY = 51
+STARTS_WITH_WINDOWS = 2
+RUN_INSTALLED, IGNORE_RESULT, ON_ROLLBACK, DEFERRED, AS_SYSTEM = 18, 64, 256, 1024, 2048
 MACHINE = 2  # the root of a row of the table Registry
 
 FEATURES = [
     # Name, title, description, level (1: installed unless it is left out, 100: only if it is asked for), components.
     ("Cluster", "shmnm", "The library, shmnmctl, the documents, and an example configuration.", 1, ("runtime", "tool")),
     ("Web", "shmnmweb", "The picture over HTTP.", 1, ("web",)),
+    ("Service", "Service", "A service of Windows that creates the region and holds it.", 100, ()),
     ("Development", "Development", "Headers, import libraries, and files for CMake and pkg-config.", 100, ("development",)),
 ]
 
@@ -105,6 +109,9 @@ def describe(work, version):
     place = source.component("Cluster", ".", "place")
     key = source.add(place, "RegistryKey", Root="HKLM", Key="SOFTWARE\\shmnm")
     source.add(key, "RegistryValue", Name="InstallDir", Type="string", Value="[INSTALLDIR]", KeyPath="yes")
+    source.add(key, "RegistryValue", Name="Version", Type="string", Value="[ProductVersion]")
+    service = source.component("Service", ".", "service")
+    source.add(source.add(service, "RegistryKey", Root="HKLM", Key="SOFTWARE\\shmnm"), "RegistryValue", Name="Service", Type="string", Value="1", KeyPath="yes")
     return source.root
 
 
@@ -116,6 +123,39 @@ def keys(msi, table):
     """The first column of a table's rows."""
     exported = subprocess.run(["msiinfo", "export", msi, table], check=True, capture_output=True, text=True).stdout
     return [line.split("\t")[0] for line in exported.splitlines()[3:]]
+
+
+def service_statements():
+    """`shmnmctl service` makes and removes the service, so that it is the same whoever installs it. Services that run a program of
+    this installation are stopped while its files are replaced, and go with it; their settings stay as they are."""
+    as_system = RUN_INSTALLED | DEFERRED | AS_SYSTEM
+    replaced = "(NOT Installed OR REINSTALL)"
+    # A removal by a newer version, which has taken the place of this one, leaves the services to that version.
+    last = "INSTALLEDVERSION=ProductVersion"
+    # 3 or, because wine takes values of the registry for files that run from their source, 4.
+    wanted = "(&Service>=3 OR (REINSTALL AND !Service>=3 AND NOT &Service=2))"
+    mine, mine_of_web = "SERVICEPROGRAM~><INSTALLDIR", "WEBSERVICEPROGRAM~><INSTALLDIR"
+    actions = [
+        # Name, type, arguments, sequence, condition.
+        ("StopService", as_system | IGNORE_RESULT, "stop", 1910, f"{mine} AND {replaced}"),
+        ("StopWebService", as_system | IGNORE_RESULT, "stop --web", 1920, f"{mine_of_web} AND {replaced}"),
+        ("RemoveService", as_system | IGNORE_RESULT, "remove", 1930, f'{mine} AND {last} AND (REMOVE~="ALL" OR &Service=2)'),
+        ("RemoveWebService", as_system | IGNORE_RESULT, "remove --web", 1940, f'{mine_of_web} AND {last} AND (REMOVE~="ALL" OR &Web=2)'),
+        ("TakeServiceBack", as_system | ON_ROLLBACK | IGNORE_RESULT, "remove", 5810, f"{wanted} AND NOT SERVICEPROGRAM"),
+        ("InstallService", as_system, "install", 5820, f"{wanted} AND NOT {mine}"),
+        ("StartService", as_system | IGNORE_RESULT, "start", 5830, f'{mine} AND {replaced} AND SERVICESTART="#{STARTS_WITH_WINDOWS}"'),
+        ("StartWebService", as_system | IGNORE_RESULT, "start --web", 5840, f'{mine_of_web} AND {replaced} AND WEBSERVICESTART="#{STARTS_WITH_WINDOWS}"'),
+    ]
+    for service, prefix in (("shmnm", "SERVICE"), ("shmnmweb", "WEBSERVICE")):
+        for name, value in ((prefix + "START", "Start"), (prefix + "PROGRAM", "ImagePath")):
+            yield f"INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('{name}', '{name}')"
+            yield (f"INSERT INTO `RegLocator` (`Signature_`, `Root`, `Key`, `Name`, `Type`) VALUES ('{name}', {MACHINE},"
+                   f" 'SYSTEM\\CurrentControlSet\\Services\\{service}', '{value}', {LOCATOR_RAW_VALUE_64_BIT})")
+    for name, kind, arguments, sequence, condition in actions:
+        yield f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('{name}', {kind}, '{identifier('f', TOOL)}', 'service {arguments}')"
+        yield f"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('{name}', '{condition}', {sequence})"
+    # Wine replaces files at once and runs these actions late: only after this action are the services stopped before their files are replaced.
+    yield "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('InstallExecute', 'SERVICEPROGRAM OR WEBSERVICEPROGRAM', 1950)"
 
 
 def complete(msi, version):
@@ -147,10 +187,13 @@ def complete(msi, version):
         "CREATE TABLE `RegLocator` (`Signature_` CHAR(72) NOT NULL, `Root` SHORT NOT NULL, `Key` CHAR(255) NOT NULL, `Name` CHAR(255), `Type` SHORT"
         " PRIMARY KEY `Signature_`)",
         f"INSERT INTO `RegLocator` (`Signature_`, `Root`, `Key`, `Name`, `Type`) VALUES ('InstalledDir', {MACHINE}, 'SOFTWARE\\shmnm', 'InstallDir', {LOCATOR_RAW_VALUE_64_BIT})",
+        "INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDVERSION', 'InstalledVersion')",
+        f"INSERT INTO `RegLocator` (`Signature_`, `Root`, `Key`, `Name`, `Type`) VALUES ('InstalledVersion', {MACHINE}, 'SOFTWARE\\shmnm', 'Version', {LOCATOR_RAW_VALUE_64_BIT})",
         "CREATE TABLE `CustomAction` (`Action` CHAR(72) NOT NULL, `Type` SHORT NOT NULL, `Source` CHAR(72), `Target` CHAR(255) PRIMARY KEY `Action`)",
         f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('StayInFolder', {SET_DIRECTORY}, 'INSTALLDIR', '[INSTALLEDDIR]')",
         "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('AppSearch', '', 50)",
         "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('StayInFolder', 'INSTALLEDDIR', 60)",
+        *service_statements(),
     ]
     present = tables(msi)
     for statement in statements:

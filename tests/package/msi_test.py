@@ -1,5 +1,6 @@
 """The Windows installer, under wine in a prefix of its own: install, upgrade, repair, remove, with and without a process that
 uses the files."""
+import json
 import os
 import pathlib
 import shutil
@@ -16,6 +17,8 @@ NM = "x86_64-w64-mingw32-nm"
 WINE = PROJECT / "scripts/wine"
 LATER = "1.99.0"
 COMPONENTS = ("runtime", "tool", "web", "development")
+WITH_SERVICE = "ADDLOCAL=Cluster,Web,Service"
+SERVICES = r"HKLM\SYSTEM\CurrentControlSet\Services"
 # The installer's results. The status of a Unix process has only their lowest byte.
 DONE, RESTART_NEEDED, FAILED = 0, 3010 % 256, 1603 % 256
 MINE = b"\n<!-- edited by the administrator -->\n"
@@ -90,6 +93,9 @@ class Installer(Place):
         self.present = None
 
     def tearDown(self):
+        for service in ("shmnm", "shmnmweb"):
+            self.wine("sc", "stop", service)
+            self.wine("sc", "delete", service)
         if self.present:
             self.msiexec("/x", self.present)
         shutil.rmtree(self.installed, ignore_errors=True)
@@ -219,6 +225,95 @@ class Installer(Place):
         self.assertLessEqual(left, in_use | {"etc/cluster.xml"})
         self.assertEqual((self.installed / "etc/cluster.xml").read_bytes(), self.example + MINE)
         self.assertEqual(self.products(), [])
+
+    def service(self, *words):
+        """What `shmnmctl service` says."""
+        return json.loads(self.wine(self.tool, "--format", "json", "service", *words))
+
+    def registered(self, *services):
+        """All that the registry has about services and their events."""
+        keys = [rf"{SERVICES}\{place}{name}" for name in services for place in ("", "EventLog\\Application\\")]
+        return [text for text in (self.wine("reg", "query", key, "/s") for key in keys) if "Unable to find the specified registry key" not in text]
+
+    def test_the_service_is_the_one_that_shmnmctl_installs(self):
+        self.assertEqual(self.msiexec("/i", self.msi, WITH_SERVICE), DONE)
+        self.expect_installed(self.first, self.example)
+        state = self.service("status")
+        self.assertEqual((state["installed"], state["state"], state["account"], state["start"]), (True, "stopped", "LocalSystem", "automatic"))
+        self.assertEqual(state["command_line"], r'"C:\Program Files\shmnm\bin\shmnmctl.exe" serve --service')
+        self.assertFalse(self.service("status", "--web")["installed"])
+        made = self.registered("shmnm")
+        self.assertIn("EventMessageFile", made[1])
+        self.service("remove")
+        self.service("install")
+        self.assertEqual(self.registered("shmnm"), made)
+
+    def test_the_installed_service_starts_and_goes_with_a_removal(self):
+        self.assertEqual(self.msiexec("/i", self.msi, WITH_SERVICE), DONE)
+        environment = self.environment()
+        self.assertEqual(self.service("start")["state"], "running")
+        self.assertEqual(run(WINE, self.tool, "get", "servers/beta/nodestat", env=environment), "2\n")
+        self.service("install", "--web", "--", "--listen", "127.0.0.1:0")
+        self.assertEqual(self.service("start", "--web")["state"], "running")
+        self.assertEqual(self.msiexec("/x", self.msi), DONE)
+        self.assertEqual(files(self.installed), {"etc/cluster.xml": self.example})
+        self.assertEqual(self.registered("shmnm", "shmnmweb"), [])
+
+    def test_a_service_that_was_not_asked_for_is_not_installed(self):
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        self.assertEqual(self.registered("shmnm", "shmnmweb"), [])
+
+    def test_the_service_is_added_and_taken_out_later(self):
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        self.assertEqual(self.msiexec("/i", self.msi, "ADDLOCAL=Service"), DONE)
+        self.service("start")
+        self.assertEqual(self.msiexec("/i", self.msi, "ADDLOCAL=Development"), DONE)
+        self.assertEqual(self.service("status")["state"], "running")
+        self.assertEqual(self.msiexec("/i", self.msi, "REMOVE=Service"), DONE)
+        self.assertEqual(self.registered("shmnm"), [])
+        self.expect_installed(self.first | self.development, self.example)
+
+    def test_an_upgrade_and_a_repair_restart_the_service_and_keep_its_settings(self):
+        self.assertEqual(self.msiexec("/i", self.msi, WITH_SERVICE), DONE)
+        self.service("install", "--", "--register")
+        before = self.service("start")
+        made = self.registered("shmnm")
+        # No other process uses the files, so they are all replaced at once.
+        self.assertEqual(self.msiexec("/i", self.later_msi, WITH_SERVICE), DONE)
+        self.expect_installed(self.second, self.example)
+        after = self.service("status")
+        self.assertEqual((after["state"], after["command_line"]), ("running", before["command_line"]))
+        self.assertNotEqual(after["process"], before["process"])
+        self.assertEqual(self.registered("shmnm"), made)
+        (self.installed / "bin/kzmlog.dll").write_bytes(b"damaged")
+        self.assertEqual(self.msiexec("/i", self.later_msi, "REINSTALL=ALL", "REINSTALLMODE=amus"), DONE)
+        self.expect_installed(self.second, self.example)
+        self.assertEqual(self.service("status")["state"], "running")
+        self.assertEqual(self.registered("shmnm"), made)
+        self.service("remove")
+        self.assertEqual(self.msiexec("/i", self.later_msi, "REINSTALL=ALL", "REINSTALLMODE=amus"), DONE)
+        self.assertEqual(self.service("status")["state"], "stopped")
+
+    def test_an_upgrade_of_the_service_leaves_the_region_of_an_attached_process_alone(self):
+        self.assertEqual(self.msiexec("/i", self.msi, WITH_SERVICE), DONE)
+        environment = self.environment()
+        process = self.serve(self.tool, environment)
+        self.service("start")
+        run(WINE, self.tool, "set", "servers/beta/holdstat", "1", env=environment)
+        self.assertIn(self.msiexec("/i", self.later_msi, WITH_SERVICE), (DONE, RESTART_NEEDED))
+        self.assertIsNone(process.poll())
+        self.assertEqual(self.service("status")["state"], "running")
+        process.end()
+        self.assertEqual(run(WINE, self.tool, "get", "servers/beta/holdstat", env=environment), "1\n", "held by the service now")
+
+    def test_a_service_of_another_installation_is_left_alone(self):
+        self.wine("sc", "create", "shmnm", "binPath=", r'"C:\elsewhere\bin\shmnmctl.exe" serve --service')
+        before = self.registered("shmnm")
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        self.assertEqual(self.msiexec("/i", self.later_msi), DONE)
+        self.assertEqual(self.msiexec("/x", self.later_msi), DONE)
+        self.assertIn("elsewhere", before[0])
+        self.assertEqual(self.registered("shmnm"), before)
 
     def test_an_older_version_is_refused(self):
         self.install_and_edit(self.later_msi)
