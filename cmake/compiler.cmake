@@ -90,7 +90,7 @@ function(shmnm_library name)
     add_library(${name} SHARED ${ARGN})
     target_link_libraries(${name} PRIVATE shmnm_options)
     # All sources are compiled as one, so that calls between subjects cost nothing.
-    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ${SHMNM_JOINED} UNITY_BUILD_BATCH_SIZE 0)
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
     string(TOUPPER ${name} upper)
     target_compile_definitions(${name} PRIVATE ${upper}_BUILD)
