@@ -9,6 +9,7 @@
 
 #include "descriptor.h"
 #include "folder.h"
+#include "guard.h"
 #include "lock_list.h"
 #include "object.h"
 #include "place.h"
