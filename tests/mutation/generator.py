@@ -1,8 +1,9 @@
 """Writes a copy of a C++ source in which every mutant can be chosen when the program runs.
 
 Each mutated expression becomes one that asks mutants::on(NUMBER), see mutants.h. No line is added, so messages and records of the
-copy have the original's line numbers. What the compiler needs as a constant cannot be chosen later; such places are counted.
+copy have the original's line numbers. Places that cannot be chosen later, or where nobody could tell, are counted by reason.
 """
+import collections
 import os
 import re
 import subprocess
@@ -19,6 +20,7 @@ ASSIGNMENTS = {'+=': '-=', '-=': '+=', '*=': '/=', '/=': '*=', '&=': '|=', '|=':
 COMPARISONS = ('<', '<=', '>', '>=', '==', '!=')
 FUNCTIONS = (Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUCTOR, Kind.CONVERSION_FUNCTION, Kind.FUNCTION_TEMPLATE)
 TRANSPARENT = (Kind.UNEXPOSED_EXPR, Kind.PAREN_EXPR)
+CONSTANT, MACRO, REFUSED, SAME = 'the compiler needs a constant', 'in a macro', 'lines refused by the compiler', 'returns 0 already'
 NUMBERS = (TypeKind.BOOL, TypeKind.INT, TypeKind.UINT, TypeKind.LONG, TypeKind.ULONG, TypeKind.LONGLONG, TypeKind.ULONGLONG,
            TypeKind.SHORT, TypeKind.USHORT, TypeKind.CHAR_S, TypeKind.SCHAR, TypeKind.UCHAR)
 
@@ -26,9 +28,8 @@ NUMBERS = (TypeKind.BOOL, TypeKind.INT, TypeKind.UINT, TypeKind.LONG, TypeKind.U
 class Mutant:
     """One change: `old` at `line` and `column` becomes `new`."""
 
-    def __init__(self, file, line, column, old, new, text):
-        self.file, self.line, self.column, self.old, self.new, self.text = file, line, column, old, new, text
-        self.number = None
+    def __init__(self, file, line, column, old, new, text, number):
+        self.file, self.line, self.column, self.old, self.new, self.text, self.number = file, line, column, old, new, text, number
 
     def change(self):
         return f'{self.old} -> {self.new}'
@@ -43,7 +44,7 @@ class Source:
         with open(path, 'rb') as file:
             self.bytes = file.read()
         self.lines = self.bytes.decode().split('\n')
-        self.mutants, self.left_out = [], 0
+        self.mutants, self.left_out = [], collections.Counter()
         self.barred = set()  # lines on which the compiler refuses a mutant
         unit = cindex.Index.create().parse(path, arguments, options=cindex.TranslationUnit.PARSE_DETAILED_PROCESSING_RECORD)
         errors = [str(one) for one in unit.diagnostics if one.severity >= cindex.Diagnostic.Error]
@@ -66,7 +67,7 @@ class Source:
 
     def mutated(self, first):
         """The copy; numbers the mutants from `first` on."""
-        self.mutants, self.left_out, self.next = [], 0, first
+        self.mutants, self.left_out, self.next = [], collections.Counter({REFUSED: len(self.barred)}), first
         edits = []
         self.functions(self.unit.cursor, edits)
         return self.apply(0, len(self.bytes), edits)
@@ -93,11 +94,11 @@ class Source:
             elif child.kind in (Kind.NAMESPACE, Kind.LINKAGE_SPEC, Kind.CLASS_DECL, Kind.STRUCT_DECL, Kind.CLASS_TEMPLATE, Kind.UNEXPOSED_DECL):
                 self.functions(child, edits)
 
-    def count(self, cursor):
-        """Counts what would have been mutants where the compiler needs constants."""
+    def count(self, cursor, reason=CONSTANT):
+        """Counts what would have been mutants."""
         for one in cursor.walk_preorder():
             if one.kind in (Kind.INTEGER_LITERAL, Kind.BINARY_OPERATOR, Kind.CXX_BOOL_LITERAL_EXPR):
-                self.left_out += 1
+                self.left_out[reason] += 1
 
     # -- walks; each appends (begin, end, text) to edits
 
@@ -116,8 +117,7 @@ class Source:
         column = at - (self.bytes.rfind(b'\n', 0, at) + 1) + 1
         text = self.lines[line - 1]
         # The place within the line, counted from its first character: indentation may change.
-        mutant = Mutant(self.name, line, column - (len(text) - len(text.lstrip())), old, new, text.strip())
-        mutant.number = self.next
+        mutant = Mutant(self.name, line, column - (len(text) - len(text.lstrip())), old, new, text.strip(), self.next)
         self.next += 1
         self.mutants.append(mutant)
         return mutant.number
@@ -137,7 +137,7 @@ class Source:
             self.count(cursor)
             return
         if any(low <= begin and end <= high for low, high in self.macros):
-            self.count(cursor)
+            self.count(cursor, MACRO)
             return
         if kind == Kind.VAR_DECL:
             self.variable(cursor, edits)
@@ -374,6 +374,10 @@ class Source:
         begin, end = self.range(parts[0])
         text = self.slice(begin, end)
         kind = result.get_canonical().kind
+        named = value.referenced if value.kind == Kind.DECL_REF_EXPR else None
+        if named is not None and named.kind == Kind.ENUM_CONSTANT_DECL and named.enum_value == 0:
+            self.left_out[SAME] += 1
+            return False
         # "return 0" has its constant's mutant, "return a < b" its comparison's.
         if text in ('0', '{}', 'nullptr', 'true', 'false') or self.operator(value) in COMPARISONS or self.operator(value) in ('&&', '||'):
             return False

@@ -95,6 +95,11 @@ class Generator(unittest.TestCase):
         first, changes = self.answers('bool f() { return a; }', 'bool a = true;')
         self.assertEqual((first, changes), ('1', {'a -> !(a)': '0'}))
 
+    def test_a_return_that_gives_nothing_already_is_left_out(self):
+        mutants = self.mutate('enum { good, bad };\nunsigned f(bool a) { if (a) return bad; return good; }\nint main() {}\n')
+        self.assertEqual([one.change() for one in mutants], ['a -> !(a)', 'bad -> {}'])
+        self.assertEqual(self.source.left_out[generator.SAME], 1)
+
     def test_constructor_arguments_are_changed(self):
         first, changes = self.answers('int f() { const Pair pair(4, {5}); return pair.sum; }',
                                       'struct Pair { int sum; Pair(int a, int (&&b)[1]) : sum(a + b[0]) {} };')
@@ -108,17 +113,19 @@ class Generator(unittest.TestCase):
             mutants = self.mutate(code + '\nint main() {}\n')
             self.assertEqual([one.change() for one in mutants if one.new != '{}'], [], code)
             if not code.startswith(('static_assert', '#include')):
-                self.assertGreater(self.source.left_out, 0, code)
+                self.assertGreater(self.source.left_out[generator.CONSTANT], 0, code)
 
     def test_macros_are_not_looked_into(self):
         mutants = self.mutate('#define LESS(a, b) ((a) < (b) ? 1 : 2)\nint f(int a) { return LESS(a, 3); }\nint main() {}\n')
         self.assertEqual([one.change() for one in mutants], ['LESS(a, 3) -> {}'])
+        self.assertGreater(self.source.left_out[generator.MACRO], 0)
 
     def test_lines_that_the_compiler_refuses_are_left_out(self):
         # The analysis of the source does not know that the size must be a constant two lines below.
         mutants = self.mutate('template <int N> struct Box {};\nvoid f() {\n    const int n = 3;\n    Box<n> box;\n    (void)box;\n}\nint main() {}\n')
         self.assertEqual(mutants, [])
         self.assertEqual(self.source.barred, {3})
+        self.assertEqual(self.source.left_out[generator.REFUSED], 1)
 
     def test_lines_keep_their_numbers(self):
         text = 'int f(int a) {\n    return a <\n           3 &&\n           a > 1;\n}\nint line() { return __LINE__; }\nint main() { return line(); }\n'
@@ -128,7 +135,7 @@ class Generator(unittest.TestCase):
     def test_a_record_says_which_mutants_ran(self):
         mutants = self.mutate('int f(bool a) {\n    if (a) return 5;\n    return 6;\n}\nint main() { f(false); }\n')
         with open(self.path('run'), 'wb') as file:
-            file.truncate(1 << 16)
+            file.truncate(1 << 19)
         self.answer(SHMNM_MUTANTS_RUN=self.path('run'))
         with open(self.path('run'), 'rb') as file:
             ran = file.read()

@@ -13,7 +13,7 @@
 
 namespace mutants {
 
-constexpr int most = 1 << 16;
+constexpr int most = 1 << 19;
 
 struct Choice {
     int number = -1;
