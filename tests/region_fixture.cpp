@@ -16,8 +16,8 @@ std::string mapping_name() {
     return (prefix ? prefix : "") + std::string("oru_kzmshmnm_map");
 }
 
-/// Takes back every create and attach that this process has made, whatever state the last test left: both handles
-/// closed, no attach counted.
+}  // namespace
+
 void unmap_everything() {
     fakes::companions().reset();
     shmnm_delete();
@@ -36,8 +36,6 @@ void unmap_everything() {
         shmnm::kernel::close(handle);
     }
 }
-
-}  // namespace
 
 RegionTest::RegionTest() {
     fake.reset();

@@ -305,7 +305,41 @@ bool same_bytes(const Outputs& left, const Outputs& right) {
     return std::equal(bytes, bytes + sizeof left, reinterpret_cast<const unsigned char*>(&right));
 }
 
+/// The size that a call is given.
+uint32_t size_for(const Function& function, const Arguments& arguments) {
+    return function.name == std::string_view("dump") || std::strstr(function.name, "descript")
+               ? static_cast<uint32_t>(arguments.length())
+               : arguments.size();
+}
+
 }  // namespace
+
+struct Caller::State {
+    uint32_t last_size = 16;  ///< that a call has written back
+    Outputs outputs;
+    Library library;
+};
+
+Caller::Caller() : state_(std::make_unique<State>()) {}
+Caller::~Caller() = default;
+
+uint32_t Caller::make(const Call& call) {
+    const Function& function = function_of(call);
+    const Arguments arguments(call, state_->last_size);
+    const uint32_t size = size_for(function, arguments);
+    state_->outputs.reset(size);
+    const uint32_t result = function.on_library(state_->library, arguments, state_->outputs);
+    if (state_->outputs.size != size) state_->last_size = state_->outputs.size;
+    return result;
+}
+
+std::span<const unsigned char> Caller::outputs() const {
+    return {reinterpret_cast<const unsigned char*>(&state_->outputs), sizeof(Outputs)};
+}
+
+const void* Caller::flag() const {
+    return state_->outputs.words;
+}
 
 struct Harness::State {
     std::unique_ptr<ViewGuard> guard;
@@ -362,9 +396,7 @@ std::optional<std::string> Harness::step(const Call& call) {
     State& state = *state_;
     const Function& function = function_of(call);
     const Arguments arguments(call, state.last_size);
-    const uint32_t size = function.name == std::string_view("dump") || std::strstr(function.name, "descript")
-                              ? static_cast<uint32_t>(arguments.length())
-                              : arguments.size();
+    const uint32_t size = size_for(function, arguments);
     // Both sides write to the same place in turn: one line of the log shows a pointer.
     state.outputs.reset(size);
     const uint32_t found = function.on_library(state.library, arguments, state.outputs);
@@ -419,6 +451,10 @@ Call call_of(std::string_view function, Call choices) {
                                            [&](const Function& candidate) { return candidate.name == function; });
     if (found == std::end(functions)) throw std::logic_error("no such function: " + std::string(function));
     return call_of(static_cast<size_t>(found - std::begin(functions)), choices);
+}
+
+const char* name_of(const Call& call) {
+    return function_of(call).name;
 }
 
 std::ostream& operator<<(std::ostream& stream, const Call& call) {

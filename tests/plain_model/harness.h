@@ -8,6 +8,7 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -32,6 +33,28 @@ size_t function_count();
 Call call_of(size_t function, Call choices);
 /// The same for the function of this name, without its prefix.
 Call call_of(std::string_view function, Call choices);
+/// The name of a call's function, without its prefix.
+const char* name_of(const Call& call);
+
+/// Makes calls on the library alone.
+class Caller {
+  public:
+    Caller();
+    ~Caller();
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+    /// @return the call's result
+    uint32_t make(const Call& call);
+    /// Everything that the last call could write to. Bytes that it left alone hold 0xC3.
+    std::span<const unsigned char> outputs() const;
+    /// Where a call puts a flag: one line of the log shows this address.
+    const void* flag() const;
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
 
 class Harness {
   public:
