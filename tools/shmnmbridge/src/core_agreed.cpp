@@ -15,9 +15,7 @@ void AgreedWords::changed(std::string_view word, const KeyValue& change) {
     Entry& entry = found != entries_.end() ? found->second : entries_[std::string(word)];
     const auto value = change.value ? proposal_from(*change.value) : std::nullopt;
     entry.etcd = value ? std::optional(value->value) : std::nullopt;
-    if (word == header_words[hbinfo] && rules_.pair_needs_value && entry.etcd && !is_pair(*entry.etcd)) {
-        entry.etcd.reset();
-    }
+    if (entry.etcd && !is_value(word, *entry.etcd)) entry.etcd.reset();
     entry.revision = change.value ? change.revision : 0;
     if (!entry.etcd) entry.is_taken = false;
     if (entry.open && value && value->process == settings_.process && value->number == entry.open->number &&
@@ -26,11 +24,15 @@ void AgreedWords::changed(std::string_view word, const KeyValue& change) {
     }
 }
 
+bool AgreedWords::is_value(std::string_view word, const AgreedValue& value) const {
+    return word == header_words[hbinfo] ? is_pair(value) || !rules_.pair_needs_value : value[1] == 0;
+}
+
 void AgreedWords::forget() {
     for (auto& [key, entry] : entries_) {
         entry.etcd.reset();
         // Whatever a batch that is being made sets here is older than all that the other etcd holds.
-        entry.revision = entry.applied = entry.base = 0;
+        entry.revision = entry.applied = entry.base = entry.replaced = 0;
         renew(entry);
     }
 }
@@ -97,6 +99,8 @@ bool AgreedWords::take(Entry& entry, bool connected) {
     if (!entry.etcd) {
         // What a new region would not hold was set on purpose, and overwrites nothing: follow() proposes it.
         agree(entry, rules_.new_values_are_no_change ? entry.new_value : std::nullopt, entry.revision);
+        // The key was deleted: no other machine's value is in the way of the open proposal.
+        if (entry.open) entry.open->base = entry.base;
         return true;
     }
     const auto value = value_of(entry);
@@ -104,7 +108,10 @@ bool AgreedWords::take(Entry& entry, bool connected) {
         agree(entry, value, entry.revision);
         return true;
     }
-    if (value && value != entry.new_value) ++counts_.replaced;
+    if (value && value != entry.new_value && entry.replaced < entry.revision) {
+        ++counts_.replaced;
+        entry.replaced = entry.revision;
+    }
     entry.apply = true;
     return false;
 }
@@ -152,8 +159,12 @@ void AgreedWords::send(Time, const std::string& key, Entry& entry) {
 void AgreedWords::lose(Time now, const std::string& key, Entry& entry) {
     ++counts_.lost;
     outbox_.notice("another machine's value of " + key + " came first");
-    // As if etcd's value had come before the change.
+    // As if etcd's value had come before the change, and before what was set since.
     entry.agreed = value_of(entry);
+    if (entry.agreed && entry.agreed != entry.open->value) {
+        ++counts_.proposed;
+        ++counts_.lost;
+    }
     entry.open.reset();
     while (!entry.losses.empty() && now - entry.losses.front() >= contest_period) entry.losses.pop_front();
     entry.losses.push_back(now);
@@ -211,7 +222,8 @@ bool AgreedWords::answer(Time now, const Answer& answer) {
         if (entry.open && entry.open->request == answer.request) {
             entry.open->request = 0;
             if (answer.outcome == Outcome::done) accept(entry, answer.revision);
-            if (answer.outcome == Outcome::failed) entry.open->retry_at = now + settings_.retry;
+            const bool is_unanswered = answer.outcome == Outcome::failed || answer.outcome == Outcome::timed_out;
+            if (is_unanswered) entry.open->retry_at = now + settings_.retry;
             return true;
         }
         if (!rules_.old_answers_are_dropped && entry.stale.request == answer.request &&

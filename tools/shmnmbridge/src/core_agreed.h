@@ -71,6 +71,7 @@ class AgreedWords {
         bool is_taken = false;  ///< it has shown etcd's value since the region is new
         bool apply = false;     ///< it is to be set to etcd's value
         int64_t applied = 0;    ///< the revision of that value
+        int64_t replaced = 0;   ///< the revision that was last counted as replacing a value of this region
 
         std::optional<Proposal> open;
         Proposal stale{};  ///< the open one of a former region
@@ -91,6 +92,8 @@ class AgreedWords {
     void send(Time now, const std::string& key, Entry& entry);
     void lose(Time now, const std::string& key, Entry& entry);
     std::optional<AgreedValue> value_of(const Entry& entry) const;
+    /// Whether etcd's value can be one of this word's.
+    bool is_value(std::string_view word, const AgreedValue& value) const;
 
     const Settings& settings_;
     const Rules& rules_;

@@ -25,11 +25,10 @@ void Mirror::step(Time now, std::optional<Time> echo) {
 void Mirror::answer(Time now, const Answer& answer) {
     const bool is_read = read_ && answer.request == read_;
     if (is_read) read_ = 0;
-    if (answer.outcome == Outcome::failed) {
+    if (answer.outcome == Outcome::failed || answer.outcome == Outcome::timed_out) {
         if (is_read) retry_at_ = now + settings_.retry;
         return;
     }
-    if (answer.outcome == Outcome::timed_out) return;
     follow_cluster(answer.cluster);
     if (is_read) {
         read_done(now, answer);
