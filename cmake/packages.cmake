@@ -145,8 +145,10 @@ file(CREATE_LINK /etc/shmnm/environment \${folder}/environment SYMBOLIC)"
     set(CPACK_COMPONENTS_ALL ${packages})
     set(CPACK_COMPONENTS_GROUPING IGNORE)
     set(CPACK_DEB_COMPONENT_INSTALL ON)
-    set(CPACK_STRIP_FILES ON)
+    # Strips the programs and libraries of each package; their symbols are in a package of their own.
+    set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
     set(CPACK_POST_BUILD_SCRIPTS ${packaging}/finish_packages.cmake)
+    set(CPACK_DEBIAN_COMPRESSION_TYPE none) # that script packs them again
     set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
     set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
     set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

@@ -15,6 +15,7 @@ import interface
 from binary_file import Elf
 
 PACKAGES = ("libshmnm1", "libshmnm-dev", "shmnmctl", "shmnmweb", "shmnmbridge", "python3-shmnm", "libshmnmpicture1", "libshmnmpicture-dev")
+WITH_SYMBOLS = ("libshmnm1", "shmnmctl", "shmnmweb", "shmnmbridge", "libshmnmpicture1")
 UNITS = {"shmnm.service": "shmnmctl", "shmnm-keeper.service": "shmnmctl", "shmnmweb.service": "shmnmweb", "shmnmweb.socket": "shmnmweb",
          "shmnmbridge.service": "shmnmbridge"}
 LIB = f"usr/lib/{os.uname().machine}-linux-gnu"
@@ -30,11 +31,17 @@ def files(package):
     return {line.split()[5].removeprefix("./") for line in run("dpkg-deb", "--contents", package).splitlines() if not line.startswith("d")}
 
 
+def identity_of(file):
+    """What a program and its symbols have in common."""
+    return re.search(r"Build ID: ([0-9a-f]+)", run("readelf", "--notes", "--wide", file))[1]
+
+
 class Packages(Place):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
         cls.packages = support.packages(support.BUILD)
+        cls.symbols = support.symbols(support.BUILD)
 
     def root(self):
         """An empty system that packages can be installed into."""
@@ -74,11 +81,12 @@ class Packages(Place):
     def tutorial(self, root):
         return self.built(root, TUTORIAL, "shmnm")
 
-    def test_there_are_seven_packages(self):
+    def test_there_are_eight_packages_and_symbols_of_each_that_has_programs(self):
         self.assertEqual(set(self.packages), set(PACKAGES))
+        self.assertEqual(set(self.symbols), set(WITH_SYMBOLS))
 
     def test_lintian_accepts_every_package(self):
-        done = subprocess.run(["lintian", "--fail-on", "error,warning", *self.packages.values()], capture_output=True, text=True)
+        done = subprocess.run(["lintian", "--fail-on", "error,warning", *self.packages.values(), *self.symbols.values()], capture_output=True, text=True)
         self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
 
     def test_lintian_reports_a_faulty_package(self):
@@ -235,6 +243,38 @@ class Packages(Place):
         folder, guard = root / "dev/shm/kzmkernel.0", root / "dev/shm/kzmkernel.0.guard"
         self.assertEqual((folder.stat().st_mode, folder.stat().st_uid), (0o40700, 0))
         self.assertEqual((guard.stat().st_mode, guard.stat().st_uid, guard.stat().st_size), (0o100600, 0, 0))
+
+    def test_the_symbols_of_each_program_and_library_are_found_by_its_identity(self):
+        root = self.installed()
+        self.dpkg(root, "--install", *self.symbols.values())
+        found = set()
+        for package, file in self.symbols.items():
+            control = fields(file)
+            self.assertEqual((control["Package"], control["Section"], control["Depends"]),
+                             (f"{package}-dbgsym", "debug", f"{package} (= {control['Version']})"))
+            identities = set()
+            for name in files(self.packages[package]):
+                program = root / name
+                if program.is_symlink() or program.read_bytes()[:4] != b"\x7fELF":
+                    continue
+                with self.subTest(name):
+                    identity = identity_of(program)
+                    symbols = root / "usr/lib/debug/.build-id" / identity[:2] / f"{identity[2:]}.debug"
+                    self.assertEqual(identity_of(symbols), identity)
+                    for each, has in ((program, False), (symbols, True)):
+                        self.assertEqual(".debug_info" in run("readelf", "--section-headers", "--wide", each), has, each)
+                    identities.add(identity)
+                    found.add(program.name)
+            self.assertEqual(set(control["Build-Ids"].split()), identities)
+        self.assertLessEqual({"shmnmctl", "shmnm-keeper", "shmnmweb", "shmnmbridge", "libkzmkernel.so", "libkzmlog.so", "libkzmutil.so", "libkzmxml.so"}, found)
+
+    def test_a_debugger_names_the_lines_of_a_running_process_with_the_symbols_and_not_without(self):
+        root = self.installed()
+        process = self.serve(root / "usr/bin/shmnmctl", self.installation(root))
+        for names_lines in (False, True):
+            shown = run("gdb", "--batch", "-nx", "-iex", f"set debug-file-directory {root}/usr/lib/debug", "-p", process.pid, "-ex", "thread apply all backtrace")
+            self.assertEqual(bool(re.search(r" in main \(.* at .*tools/shmnmctl/src/main\.cpp:\d+", shown)), names_lines, shown)
+            self.dpkg(root, "--install", *self.symbols.values())
 
     def test_a_program_built_against_the_installed_packages_runs(self):
         root = self.installed()

@@ -37,10 +37,10 @@ class Packages(Place):
              *(f"-D{name}={cached(name)}" for name in ("CMAKE_BUILD_TYPE", "CMAKE_C_COMPILER", "CMAKE_CXX_COMPILER")))
         step("cmake", "--build", build, "--parallel", str(os.cpu_count()), "--target", "packaged")
         step("cpack", "--config", build / "CPackConfig.cmake", "-B", build / "package/packed")
-        cls.first, cls.second = support.packages(support.BUILD), support.packages(build)
+        cls.first, cls.second = ({file.name: file for each in (support.packages, support.symbols) for file in each(folder).values()} for folder in (support.BUILD, build))
 
     def test_two_builds_are_identical_byte_for_byte(self):
-        self.assertEqual(len(self.first), 7)
+        self.assertEqual(len(self.first), 8 + 5, "packages and their symbols")
         self.assertEqual([file.name for file in self.first.values()], [file.name for file in self.second.values()])
         for name, package in self.first.items():
             with self.subTest(name):

@@ -108,6 +108,11 @@ def packages(build):
     return {file.name.partition("_")[0]: file for file in sorted((build / "package/packed").glob("*.deb"))}
 
 
+def symbols(build):
+    """The Debian packages of debug symbols of a build, by the names of their programs' packages."""
+    return {file.name.partition("-dbgsym_")[0]: file for file in sorted((build / "package/packed").glob("*-dbgsym_*.ddeb"))}
+
+
 def later(package, folder):
     """The same package as the next version, made below a folder."""
     file = folder / f"later_{package.name}"

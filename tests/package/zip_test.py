@@ -1,4 +1,5 @@
 """The Windows zip: unpacked anywhere, programs are built against it by MinGW and for Microsoft's ABI, and run. The zip of its symbols."""
+import re
 import shlex
 import zipfile
 
@@ -95,6 +96,23 @@ class Zip(Place):
                 (address,) = (line.split()[2] for line in symbols.splitlines() if line.startswith("main T "))
                 line = run("x86_64-w64-mingw32-addr2line", "-fpe", self.prefix / "bin" / name, f"0x{address}")
                 self.assertRegex(line, rf"^main at .*/tools/{name[:-4]}/src/main\.cpp:\d+$")
+
+    def test_a_debugger_shows_from_a_dump_where_a_process_was(self):
+        writer, dump = self.folder / "dump_writer.exe", self.folder / "serve.dmp"
+        run(CC, "-municode", "-Wall", "-Wextra", "-Werror", PROJECT / "tests/package/dump_writer.c", "-o", writer, "-ldbghelp")
+        environment = self.environment()
+        run(*self.program(writer), windows_path(dump), f'"{windows_path(self.tool)}" serve --until-eof', env=environment)
+        # The system's own files are those of wine.
+        system = run(PROJECT / "scripts/wine", "winepath", "-u", r"C:\windows\system32", env=environment).strip()
+        commands = (f'settings set target.exec-search-paths "{system}"', f'target create --core "{dump}" "{self.tool}"', f'target symbols add "{self.tool}.debug"', "bt all")
+        shown = run("lldb-14", "--batch", *(word for command in commands for word in ("-o", command)))
+        frames = {name: address for address, name in re.findall(r"frame #\d+: 0x(\w+) shmnmctl\.exe`([\w:]+)", shown)}
+        self.assertIn("main", frames, shown)
+        self.assertIn("shmnmctl::session::wait_for_stop", frames, shown)
+        for name, line in (("main", r"tools/shmnmctl/src/main\.cpp:\d+"), ("shmnmctl::session::wait_for_stop", r"tools/shmnmctl/src/session_windows\.cpp:\d+")):
+            # Where a call was made, not where it returns to.
+            told = run("x86_64-w64-mingw32-addr2line", "-Cfpie", self.tool, hex(int(frames[name], 16) - 1))
+            self.assertRegex(told, rf"{name}\b.* at .*/{line}\n")
 
     def test_no_binary_contains_the_time_of_its_build(self):
         for name in self.binaries:
