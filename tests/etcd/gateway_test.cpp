@@ -146,6 +146,7 @@ TEST(Answer, TellsFailuresApart) {
     EXPECT_EQ(failure(429, 8, "etcdserver: too many requests"), Failure::refused);
     EXPECT_EQ(failure(401, 16, "etcdserver: invalid auth token"), Failure::unauthenticated);
     EXPECT_EQ(failure(400, 3, "etcdserver: user name is empty"), Failure::unauthenticated);
+    EXPECT_EQ(failure(400, 3, "etcdserver: revision of auth store is old"), Failure::unauthenticated);
     EXPECT_EQ(failure(400, 3, "etcdserver: authentication failed, invalid user ID or password"),
               Failure::unauthenticated);
     EXPECT_EQ(failure(403, 7, "etcdserver: permission denied"), Failure::denied);

@@ -6,7 +6,8 @@ namespace bridge::test {
 
 ModelRegion::ModelRegion(uint64_t object, const picture::Counts& counts, size_t servers, size_t first_server) {
     look_.object = object;
-    look_.counts = look_.configured = counts;
+    look_.counts = counts;
+    look_.configured = counts;
     for (size_t number = 0; number < servers; ++number) {
         const size_t server = (number + first_server) % servers;
         add_server(server_name(server), priority(server, first_server));

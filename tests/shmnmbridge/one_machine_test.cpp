@@ -142,14 +142,14 @@ TEST_F(BridgeOfOneMachine, WaitsBeforeItRepeatsAReadThatFailedAtOnce) {
 TEST_F(BridgeOfOneMachine, CountsAReplacedValueOnce) {
     put(clstat, R"({"value":[7,0],"process":"other","n":1})");
     word(3) = {5, 0};
-    region_.words().configured.servers += 1;  // nothing may be set here
+    region_.words().configured->servers += 1;  // nothing may be set here
     look_for(5'000);
     EXPECT_EQ(word(3), (AgreedValue{5, 0}));
     EXPECT_EQ(counts().replaced, 1U);
     put(clstat, R"({"value":[8,0],"process":"other","n":2})");
     look_for(1'000);
     EXPECT_EQ(counts().replaced, 2U) << "another value";
-    region_.words().configured.servers -= 1;
+    region_.words().configured->servers -= 1;
     look_for(1'000);
     EXPECT_EQ(word(3), (AgreedValue{8, 0}));
     EXPECT_EQ(counts().replaced, 2U);

@@ -1,4 +1,6 @@
 """shmnmbridge run: two machines on one host, which differ in their names, and a real etcd."""
+import base64
+import json
 import signal
 import socket
 import subprocess
@@ -89,9 +91,30 @@ class Run(BridgeTest):
         alpha.waits_for_freshness("beta", "fresh")
         self.assertEqual(beta.get("shmnm_getnodestat", "alpha"), [2])
         self.assertEqual(beta.api.ok("shmnm_getmaxvalue_ex"), before)
+        (beta.folder / "etc/cluster.xml").write_text("<root><all>")
+        until(lambda: "configuration cannot be read: nothing is fed" in beta.bridge.logged(), "a damaged file is named")
+        self.assertEqual(beta.status()["fed"], False)
+        self.assertIn("wrong  this machine's configuration cannot be read", beta.run("check").out)
         (beta.folder / "etc/cluster.xml").write_text(configured)
         beta.waits_for(1, "shmnm_getnodestat", "alpha")
         self.assertIn("the region is bridged", beta.bridge.logged())
+
+    def test_what_others_write_to_etcd_reaches_no_terminal_as_it_is(self):
+        def put(key, value):
+            body = {name: base64.b64encode(text).decode() for name, text in (("key", f"/shmnm/{self.cluster}/1/".encode() + key), ("value", value))}
+            self.assertEqual(self.etcd.members[0].post("/v3/kv/put", body)[0], 200)
+        alpha = self.machine("alpha").create()
+        put(b"claim/alpha", json.dumps({"host": "a\n\x1b[31mb", "run": "x.1", "address": ""}).encode())
+        put(b"claim/beta", json.dumps({"host": "h", "run": "x.1", "address": "http://b\x1b" + "\u00e9" * 200}).encode())
+        put(b"claim/\x1b[31m\xff", json.dumps({"host": "h", "run": "x.1", "address": ""}).encode())
+        alpha.start()
+        until(lambda: alpha.status().get("refused"), "the refusal")
+        self.assertIn("another machine (host a%0A%1B[31mb) has claimed the name alpha", alpha.bridge.logged())
+        text, document = alpha.run("status"), alpha.run("status", "--format", "json")
+        self.assertEqual((text.status, document.status), (1, 1))
+        for output in (text.out, document.out, alpha.bridge.logged()):
+            self.assertTrue(output.replace("\n", "").replace("\r", "").isprintable(), output)
+            self.assertNotIn("\xff", output)
 
     def test_without_etcd_every_call_has_the_same_result(self):
         nobody = [f"http://127.0.0.1:{port}" for port in etcd_support.free_ports(2)]

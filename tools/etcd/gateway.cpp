@@ -258,15 +258,19 @@ Failure failure_of(int code, std::string_view message) {
         case unauthenticated:
             return Failure::unauthenticated;
         default:
-            return says("authentication failed") || says("user name is empty") ? Failure::unauthenticated
-                                                                               : Failure::refused;
+            // A token that was made before the users or their rights were changed is worth nothing.
+            return says("authentication failed") || says("user name is empty") || says("auth store is old")
+                       ? Failure::unauthenticated
+                       : Failure::refused;
     }
 }
 
 /// A watch that etcd ends tells why only in words.
 Failure failure_of_cancel(std::string_view reason) {
     const auto says = [&](std::string_view part) { return reason.find(part) != std::string_view::npos; };
-    if (says("invalid auth token") || says("user name is empty")) return Failure::unauthenticated;
+    if (says("invalid auth token") || says("user name is empty") || says("auth store is old")) {
+        return Failure::unauthenticated;
+    }
     if (says("permission denied")) return Failure::denied;
     return says("no leader") ? Failure::unavailable : Failure::refused;
 }

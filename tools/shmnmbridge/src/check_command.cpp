@@ -109,11 +109,15 @@ class Check {
         const Region::Seen seen = region.look();
         if (!seen.look) return wrong(seen.problem);
         const Look& look = *seen.look;
+        if (!look.configured) {
+            return wrong(
+                "this machine's configuration cannot be read, and nothing is fed; see \"shmnmctl verify --config\"");
+        }
         if (look.counts != look.configured) {
             return wrong(
                 fmt::format("the region has {}, this machine's configuration has {}; make them equal, otherwise "
                             "nothing is fed",
-                            picture::to_text(look.counts), picture::to_text(look.configured)));
+                            picture::to_text(look.counts), picture::to_text(*look.configured)));
         }
         right(fmt::format("the region has {} servers, laid out as configured", look.servers.size()));
         if (!server.empty() && !look.find_server(server)) {

@@ -46,7 +46,7 @@ Look reduced(const picture::Snapshot& snapshot) {
     look.object = snapshot.object;
     // The header's, even where the layout is the configured one: attaching would write the configuration's into it.
     look.counts = snapshot.header_counts();
-    look.configured = snapshot.configured.value_or(look.counts);
+    look.configured = snapshot.configured;
     look.header = {{{header.waitstat, 0},
                     {header.bwflag, 0},
                     {header.bwflagdisk, 0},

@@ -70,7 +70,8 @@ struct LookedResource {
 /// finds no other.
 struct Look {
     uint64_t object = 0;  ///< another region has another number; 0 where the system tells none
-    picture::Counts counts, configured;
+    picture::Counts counts;
+    std::optional<picture::Counts> configured;  ///< nothing: the configuration cannot be read, and nothing is fed
     std::array<AgreedValue, header_words.size()> header{};
     std::vector<LookedServer> servers;
     std::vector<LookedResource> resources;

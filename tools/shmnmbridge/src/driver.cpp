@@ -108,11 +108,15 @@ void Driver::look() {
 
 void Driver::tell_of(const Look& look) {
     std::string trouble;
-    if (look.counts != look.configured) {
+    if (!look.configured) {
+        trouble =
+            "this machine's configuration cannot be read: nothing is fed into the region; see \"shmnmctl verify "
+            "--config\"";
+    } else if (look.counts != look.configured) {
         trouble = fmt::format(
             "the region has {}, this machine's configuration has {}: nothing is fed into it until they "
             "are equal",
-            picture::to_text(look.counts), picture::to_text(look.configured));
+            picture::to_text(look.counts), picture::to_text(*look.configured));
     } else if (!look.find_server(settings_.server)) {
         trouble = fmt::format(
             "the region has no server {}: nothing is written to etcd; add it, or correct the name in "

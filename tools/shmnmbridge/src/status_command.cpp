@@ -8,6 +8,7 @@
 #include "bridge_marks/live.h"
 #include "commands.h"
 #include "log.h"
+#include "picture/bridge.h"
 #include "picture/error.h"
 #include "picture/json.h"
 
@@ -100,7 +101,8 @@ std::string to_text(const ReadMarks& read) {
 }
 
 Exit show_status(bool json) {
-    const std::optional<ReadMarks> read = read_live_marks();
+    std::optional<ReadMarks> read = read_live_marks();
+    if (read) picture::make_safe(read->marks);
     const std::string text = json ? to_json_line(read) : read ? to_text(*read) : "";
     if (!read && !json) log("no bridge runs here: start it with \"shmnmbridge run\", or its service");
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
