@@ -3,6 +3,7 @@ uses the files."""
 import json
 import os
 import pathlib
+import re
 import shutil
 import struct
 import subprocess
@@ -314,6 +315,25 @@ class Installer(Place):
         self.assertEqual(self.msiexec("/x", self.later_msi), DONE)
         self.assertIn("elsewhere", before[0])
         self.assertEqual(self.registered("shmnm"), before)
+
+    def test_the_commands_of_the_document_say_what_the_document_shows(self):
+        document = (PROJECT / "docs/windows.md").read_text()
+        self.assertEqual(self.msiexec("/i", self.msi), DONE)
+        shown = re.search(r"```\n(> shmnmctl service install.*?)```", document, re.S)[1]
+        commands = re.findall(r"^> shmnmctl (.*)\n((?:[^>].*\n)+)", shown, re.M)
+        self.assertEqual(len(commands), shown.count("> "))
+        for command, output in commands:
+            # The namespace is this test's.
+            told = re.sub(r"  variable  KZMUTIL_NAMESPACE=.*\n", "", self.wine(self.tool, *command.split()))
+            self.assertEqual(re.sub(r"process \d+", "process 4712", told), output, command)
+        batch = self.prefix / "drive_c/dumps.bat"
+        (lines,) = re.findall(r"```\n(set key=.*?)```", document, re.S)
+        batch.write_text(lines.replace("\n", "\r\n"))
+        self.wine("cmd", "/c", r"C:\dumps.bat")
+        (key,) = re.findall(r"set key=(.*)\n", lines)
+        made = self.wine("reg", "query", key)
+        self.assertRegex(made, r"DumpFolder +REG_EXPAND_SZ +C:\\Dumps\n")
+        self.assertRegex(made, r"DumpType +REG_DWORD +0x2\n")
 
     def test_an_older_version_is_refused(self):
         self.install_and_edit(self.later_msi)
