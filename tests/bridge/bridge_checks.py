@@ -6,7 +6,7 @@ A machine under load is late: times that are limits of the protocol get SLACK.
 import bisect
 import collections
 
-from bridge_support import FIRST_NUMBER, LIMIT
+from bridge_support import FIRST_NUMBER, LIMIT, MARKED
 
 SLACK = 0.5
 FOREIGN_NUMBER = 900_000_000  # from here on: what local processes set in another server's words
@@ -100,7 +100,7 @@ class Checker:
 
     def check_troubles(self):
         for trouble in self.troubles:
-            late = trouble.start + LIMIT + 1 + SLACK
+            late = trouble.start + MARKED + SLACK
             for here, there in self.pairs(trouble):
                 self.check_trouble(trouble, late, here, there)
 
@@ -153,7 +153,7 @@ class Checker:
                     if not 0 <= marks[name]["age_ms"] < LIMIT * 1_000:
                         self.find(3, f"status on {machine.server} calls {name} fresh at {self.moment(account.begin)} with an age of {marks[name]['age_ms']} ms")
                 for trouble in self.troubles:
-                    is_within = trouble.start + LIMIT + 1 + SLACK < account.begin and account.end < trouble.end
+                    is_within = trouble.start + MARKED + SLACK < account.begin and account.end < trouble.end
                     for here, there in self.pairs(trouble) if is_within else ():
                         if here is machine and there.server in fresh:
                             self.find(3, f"status on {machine.server} calls {there.server} fresh at {self.moment(account.begin)}, during {trouble.what} from "
@@ -190,7 +190,7 @@ class Checker:
         return ends
 
     def check_fresh_word(self, machine, owner, key, value, begin, end, ended, fresh):
-        late = ended + LIMIT + 1 + SLACK
+        late = ended + MARKED + SLACK
         if end <= late:
             return
         for since, until in fresh:

@@ -31,6 +31,7 @@ SERVERS = ("alpha", "beta", "gamma", "delta", "epsilon")
 PREFIX = "/shmnm/tests/1/"
 WINDOW, LEASE = 1.5, 3.0
 LIMIT = WINDOW + 3 * WINDOW / 9
+MARKED = WINDOW + 1  # by then a machine that is no longer heard is not fresh
 # A number that no local process sets says nothing of its origin: what new records hold.
 FIRST_NUMBER = 1_000
 QUOTA = 16 << 20

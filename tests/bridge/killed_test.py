@@ -17,7 +17,7 @@ import sys
 import time
 
 import bridge_checks
-from bridge_support import DEADLINE, LIMIT, Scene, begin, wait_until
+from bridge_support import DEADLINE, MARKED, Scene, begin, wait_until
 from schedules_test import AGREED, HEALING, Run
 
 KINDS = ("call", "request")
@@ -61,7 +61,7 @@ class KilledRun(Run):
         # It needs the lock.
         machine.local.ask("agree", AGREED[machine.number % len(AGREED)], next(self.numbers))
         if is_last:
-            wait_until(lambda: time.monotonic() > died + LIMIT + 2, "it is silent")
+            wait_until(lambda: time.monotonic() > died + MARKED + 1, "it is silent")
         restarted = time.monotonic()
         machine.start_bridge()
         wait_until(lambda: self.is_healed(machine, restarted), f"{machine.server} is fresh after {kind} {number}")
@@ -94,7 +94,7 @@ def main():
     if seconds is not None:
         print(f"equal and fresh after the last start: {seconds:.2f} s (limit {HEALING:.0f} s)")
     if times:
-        print(f"no longer fresh after a death: longest {max(times):.2f} s (limit {LIMIT + 1:.1f} s)")
+        print(f"no longer fresh after a death: longest {max(times):.2f} s (limit {MARKED:.1f} s)")
     if findings:
         for server, log in logs.items():
             print(f"--- {server}'s bridge\n{log}")
