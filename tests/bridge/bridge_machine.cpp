@@ -27,6 +27,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -179,13 +180,18 @@ Shown shown_by(const bridge::Look& look) {
 class Watcher {
   public:
     void look() {
-        // The region first: a mark that says "fresh" speaks of words that are shown by then.
-        look_at_region();
-        if (++looks_ % looks_per_marks == 0) look_at_marks();
+        // What a mark calls fresh is shown by a region that is looked at after the mark was read.
+        std::optional<Marked> marked;
+        if (++looks_ % looks_per_marks == 0) marked = look_at_marks();
+        const bool is_looked_at = look_at_region();
+        if (marked) tell(*marked, is_looked_at);
     }
 
   private:
-    void look_at_region() {
+    using Marked = std::map<std::string, std::string>;
+
+    /// @return whether there is a region that could be copied, or none
+    bool look_at_region() {
         try {
             const auto copy = region_.try_copy(picture::Bytes::in_use, 0);
             const int64_t time = now();
@@ -194,7 +200,7 @@ class Watcher {
                 shown_.clear();
                 say("r", time, is_there_ ? 1 : 0);
             }
-            if (!copy) return;
+            if (!copy) return true;
             Shown shown = shown_by(bridge::reduced(*copy));
             for (const auto& [key, number] : shown) {
                 const auto before = shown_.find(key);
@@ -203,25 +209,33 @@ class Watcher {
                 }
             }
             shown_ = std::move(shown);
+            return true;
         } catch (const picture::Error&) {
             // The lock is held, or the region is being made.
+            return false;
         }
     }
 
-    void look_at_marks() {
+    Marked look_at_marks() const {
         constexpr std::array names = {"unknown", "fresh", "silent"};
-        std::map<std::string, std::string> marked;
+        Marked marked;
         for (const auto& [server, mark] : marked_) marked[server] = "none";
         if (const auto marks = bridge::read_live_marks()) {
             for (const bridge::Mark& mark : marks->marks.servers) {
                 marked[mark.server] = names.at(static_cast<size_t>(mark.freshness));
             }
         }
+        return marked;
+    }
+
+    /// A mark that says fresh is told only when what it speaks of has been told.
+    void tell(const Marked& marked, bool is_looked_at) {
         const int64_t time = now();
         for (const auto& [server, mark] : marked) {
-            if (marked_[server] != mark) say("m", time, server, mark);
+            if (marked_[server] == mark || (mark == "fresh" && !is_looked_at)) continue;
+            say("m", time, server, mark);
+            marked_[server] = mark;
         }
-        marked_ = std::move(marked);
     }
 
     static constexpr unsigned looks_per_marks = 8;
@@ -229,7 +243,7 @@ class Watcher {
     picture::LiveRegion region_{picture::Access()};
     unsigned looks_ = 0;
     Shown shown_;
-    std::map<std::string, std::string> marked_;
+    Marked marked_;
     bool is_there_ = false;
 };
 
