@@ -66,6 +66,8 @@ class Member:
 
     def stop(self):
         self.process.send_signal(signal.SIGSTOP)
+        # Until then it may still answer.
+        os.waitid(os.P_PID, self.process.pid, os.WSTOPPED)
 
     def go_on(self):
         self.process.send_signal(signal.SIGCONT)
