@@ -89,8 +89,10 @@ std::optional<Process> process(uint32_t id);
 /// Bytes of memory of this machine, with what it can put aside; 0 where that is not known.
 uint64_t memory_size();
 
-/// Microseconds since 1970, and of a clock that nobody sets.
+/// Microseconds since 1970.
 uint64_t wall_clock_us();
+/// Microseconds of a clock that nobody sets, and that goes on while the machine is suspended: what was fresh before is
+/// old afterwards.
 uint64_t steady_clock_us();
 
 /// "2026-03-01T12:34:56.789+01:00", local time.

@@ -185,7 +185,8 @@ uint64_t wall_clock_us() {
     return clock_us(CLOCK_REALTIME);
 }
 uint64_t steady_clock_us() {
-    return clock_us(CLOCK_MONOTONIC);
+    // CLOCK_MONOTONIC stands still while the machine is suspended.
+    return clock_us(CLOCK_BOOTTIME);
 }
 
 std::string to_text(uint64_t wall_clock_us) {

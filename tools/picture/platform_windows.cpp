@@ -128,6 +128,7 @@ uint64_t wall_clock_us() {
 }
 
 uint64_t steady_clock_us() {
+    // This counter goes on while the machine is suspended.
     LARGE_INTEGER frequency{}, counter{};
     QueryPerformanceFrequency(&frequency);
     QueryPerformanceCounter(&counter);
