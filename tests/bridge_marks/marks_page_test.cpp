@@ -13,6 +13,7 @@ Marks some_marks() {
     Marks marks;
     marks.is_connected = marks.is_running = marks.is_fed = true;
     marks.limit = 4'000;
+    marks.longest_hold_us = 412;
     marks.server = "alpha";
     marks.cluster = "production";
     marks.member = "http://127.0.0.1:2379";
@@ -41,6 +42,7 @@ TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
     EXPECT_FALSE(marks.is_refused);
     EXPECT_TRUE(marks.is_fed);
     EXPECT_EQ(marks.limit, 4'000);
+    EXPECT_EQ(marks.longest_hold_us, 412U);
     EXPECT_EQ(read->written_us, 5U);
     EXPECT_EQ(marks.server, "alpha");
     EXPECT_EQ(marks.cluster, "production");

@@ -128,9 +128,9 @@ class Lock(BridgeTest):
             thread, _, what = line.partition(" ")
             network += bool(re.match(r"\s*(sendmsg|recvmsg|sendto|recvfrom|connect)\(", what))
             mark = re.match(r'\s*write\(-1, "([<>]) (\w+)"', what)
-            if mark and mark.groups() == ("<", "shmnm_rwlock"):
+            if mark and mark[1] == "<" and mark[2] in ("shmnm_rwlock", "shmnm_rolock"):
                 held, holds = thread, holds + 1
-            elif mark and mark.groups() == (">", "shmnm_rwunlock"):
+            elif mark and mark[1] == ">" and mark[2] in ("shmnm_rwunlock", "shmnm_rounlock"):
                 held = None
             elif mark and held:
                 calls += mark[1] == ">"

@@ -34,6 +34,8 @@ class Run(BridgeTest):
         status = beta.run("status")
         self.assertEqual(status.status, 0, status)
         self.assertIn("alpha   fresh", status.out)
+        self.assertRegex(status.out, r"(?m)^lock        held for \d+ us at most\r?$")
+        self.assertGreater(beta.status()["longest_hold_us"], 0)
         self.assertIn("http://127.0.0.1:9683", status.out)
         self.assertEqual({"claim/alpha", "state/alpha", "beat/alpha"} & set(self.keys()), {"claim/alpha", "state/alpha", "beat/alpha"})
 

@@ -37,12 +37,13 @@ struct ProposalCounts {
 };
 
 struct Marks {
-    bool is_connected = false;  ///< what is known of etcd is current
-    bool is_running = false;    ///< this machine has claimed its name
-    bool is_refused = false;    ///< another machine has it
-    bool is_fed = false;        ///< the region is there, laid out as this machine's configuration says
-    int64_t limit = 0;          ///< milliseconds; a server is not fresh at this age; 0: not known
-    std::string server{};       ///< this machine's own, escaped
+    bool is_connected = false;     ///< what is known of etcd is current
+    bool is_running = false;       ///< this machine has claimed its name
+    bool is_refused = false;       ///< another machine has it
+    bool is_fed = false;           ///< the region is there, laid out as this machine's configuration says
+    uint64_t longest_hold_us = 0;  ///< for which the bridge has held the region's lock
+    int64_t limit = 0;             ///< milliseconds; a server is not fresh at this age; 0: not known
+    std::string server{};          ///< this machine's own, escaped
     std::string cluster{};
     std::string member{};  ///< the address of etcd to which requests are sent
     std::vector<Mark> servers{};

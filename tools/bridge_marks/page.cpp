@@ -72,6 +72,7 @@ void fill(MarksPage& page, const Marks& marks) {
     header.refused = marks.is_refused;
     header.fed = marks.is_fed;
     header.limit_ms = marks.limit;
+    header.longest_hold_us = marks.longest_hold_us;
     header.proposed = marks.agreed.proposed;
     header.accepted = marks.agreed.accepted;
     header.lost = marks.agreed.lost;
@@ -99,6 +100,7 @@ Marks marks_of(const MarksPage& page) {
     marks.is_refused = header.refused;
     marks.is_fed = header.fed;
     marks.limit = header.limit_ms;
+    marks.longest_hold_us = header.longest_hold_us;
     marks.server = text_of(header.server);
     marks.cluster = text_of(header.cluster);
     marks.member = text_of(header.member);

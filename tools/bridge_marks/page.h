@@ -28,9 +28,10 @@ struct MarksHeader {
     uint32_t lost_words;                        ///< words for which there was no room
     uint32_t reserved_52;
     uint64_t proposed, accepted, lost, replaced;
-    uint64_t written_us;  ///< of the machine's monotonic clock
-    int64_t limit_ms;     ///< a server is not fresh at this age, even if the bridge stands still; 0: not known
-    uint8_t reserved_104[24];
+    uint64_t written_us;       ///< of the machine's monotonic clock
+    int64_t limit_ms;          ///< a server is not fresh at this age, even if the bridge stands still; 0: not known
+    uint64_t longest_hold_us;  ///< for which the bridge has held the region's lock
+    uint8_t reserved_112[16];
     char server[768];   ///< this machine's own, escaped, zero-padded
     char cluster[128];  ///< cut
     char member[128];   ///< cut
@@ -72,6 +73,7 @@ SHMNM_PIN_MARK(MarksHeader, lost, 72);
 SHMNM_PIN_MARK(MarksHeader, replaced, 80);
 SHMNM_PIN_MARK(MarksHeader, written_us, 88);
 SHMNM_PIN_MARK(MarksHeader, limit_ms, 96);
+SHMNM_PIN_MARK(MarksHeader, longest_hold_us, 104);
 SHMNM_PIN_MARK(MarksHeader, server, 128);
 SHMNM_PIN_MARK(MarksHeader, cluster, 896);
 SHMNM_PIN_MARK(MarksHeader, member, 1024);

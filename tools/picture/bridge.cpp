@@ -105,6 +105,7 @@ void make_safe(Marks& marks) {
 bool say_the_same(const Bridge& one, const Bridge& other) {
     const auto without_what_moves = [](const Bridge& bridge) {
         Marks marks = bridge.marks;
+        marks.longest_hold_us = 0;
         for (Mark& mark : marks.servers) {
             mark.age = std::min<int64_t>(mark.age, 0);
             mark.sequence = 0;

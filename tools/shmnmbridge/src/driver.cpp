@@ -139,6 +139,7 @@ void Driver::write_marks() {
     Marks marks = core_.marks(now());
     marks.member = transport_.member();
     if (last_) add_servers(*last_, settings_.server, marks);
+    marks.longest_hold_us = region_.longest_hold_us();
     tell_of_etcd(marks);
     marks_.write(marks);
 }

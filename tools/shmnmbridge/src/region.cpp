@@ -95,6 +95,7 @@ Region::Seen Region::look() {
                 .problem = fmt::format("no process holds the region {}; start the cluster, or run \"shmnmctl serve\"",
                                        picture::full_name(picture::mapping_name))};
         }
+        longest_hold_us_ = std::max(longest_hold_us_, copy->lock_held_us);
         if (!last_ || !is_same_content(*last_, *copy)) {
             look_ = std::make_shared<const Look>(reduced(*copy));
             last_ = std::move(*copy);
@@ -141,7 +142,7 @@ Region::Made Region::make(const Batch& batch) {
             }
         }
         library.shmnm_rwunlock();
-        made.lock_held_us = platform::steady_clock_us() - taken_us;
+        longest_hold_us_ = std::max(longest_hold_us_, platform::steady_clock_us() - taken_us);
         if (failed) made.problem = fmt::format("{} failed; the trace log has its reason", failed);
     } catch (const picture::Error& error) {
         made.problem = error.what();

@@ -24,17 +24,20 @@ class Region {
 
     struct Made {
         BatchDone done;
-        std::string problem{};      ///< why no call was made, or which call failed; for the log
-        uint64_t lock_held_us = 0;  ///< for how long the region's lock was held
+        std::string problem{};  ///< why no call was made, or which call failed; for the log
     };
     /// Makes the calls of a batch under one hold of the region's lock, for which it waits at most 200 ms. Whatever
     /// allocates, opens or logs is done before the lock is taken.
     Made make(const Batch& batch);
 
+    /// For how long a look or a batch has held the region's lock, at most.
+    uint64_t longest_hold_us() const { return longest_hold_us_; }
+
   private:
     picture::LiveRegion region_;
     std::optional<picture::Snapshot> last_;
     std::shared_ptr<const Look> look_;
+    uint64_t longest_hold_us_ = 0;
 };
 
 }  // namespace bridge

@@ -56,6 +56,7 @@ std::string to_json_line(const std::optional<ReadMarks>& read) {
                              {"accepted", marks.agreed.accepted},
                              {"lost", marks.agreed.lost},
                              {"replaced", marks.agreed.replaced}};
+    document["longest_hold_us"] = marks.longest_hold_us;
     document["contested"] = marks.contested;
     document["unmatched"] = marks.unmatched;
     document["lost_words"] = read->lost_words;
@@ -83,6 +84,7 @@ std::string to_text(const ReadMarks& read) {
     if (marks.is_refused) text += "refused     another machine has claimed the name of this server\n";
     text += fmt::format("proposals   proposed {}  accepted {}  lost {}  replaced {}\n", marks.agreed.proposed,
                         marks.agreed.accepted, marks.agreed.lost, marks.agreed.replaced);
+    text += fmt::format("lock        held for {} us at most\n", marks.longest_hold_us);
     for (const std::string& word : marks.contested) text += "contested   " + word + "\n";
     for (const std::string& word : marks.unmatched) text += "unmatched   " + word + "\n";
     if (read.lost_words > 0) text += fmt::format("            and {} more\n", read.lost_words);
