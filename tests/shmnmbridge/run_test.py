@@ -155,6 +155,27 @@ class Run(BridgeTest):
         alpha.waits_for_freshness("beta", "fresh")
         self.assertEqual(alpha.bridge.logged().count("cut off from etcd"), 1)
 
+    def test_etcds_trouble_is_logged_when_it_begins_and_when_it_ends(self):
+        etcd = etcd_support.Cluster(self.addCleanup)
+        proxy = etcd_support.Proxy(self, etcd.members[0].port)
+        alpha = self.machine("alpha", [proxy.endpoint]).create()
+        alpha.start()
+        until(lambda: alpha.status().get("connected"), "it is connected")
+        for times in (1, 2):
+            proxy.holds_answers, tries = True, proxy.accepted + 5
+            proxy.cut()
+            until(lambda: proxy.accepted > tries and not alpha.status()["connected"], "five requests have failed")
+            self.assertEqual([alpha.bridge.logged().count(line) for line in ("etcd failed to answer: ", "cut off from etcd (", "etcd answers again; ")], [times, times, times - 1])
+            proxy.holds_answers = False
+            proxy.cut()
+            until(lambda: alpha.bridge.logged().count("etcd answers again; ") == times, alpha.bridge.logged)
+            until(lambda: alpha.bridge.logged().count("connected to etcd at ") == times + 1, alpha.bridge.logged)
+        log = alpha.bridge.logged()
+        self.assertRegex(log, r"etcd failed to answer: \w.*\n")
+        self.assertRegex(log, r"cut off from etcd \(\w.*\): the other machines' words stay as they are\r?\n")
+        self.assertRegex(log, r"etcd answers again; requests that failed: \d+ within \d+\.\d s, the last one because: \w.*\n")
+        self.assertEqual((log.count("etcd failed to answer: "), log.count("cut off from etcd (")), (2, 2))
+
     def test_a_local_word_stays_local(self):
         alpha, beta = self.machine("alpha", local="bwflag").create(), self.machine("beta").create()
         alpha.start()

@@ -16,7 +16,7 @@ namespace {
 
 /// Other machines' words are set at a look, so the next look is sooner once some have come.
 constexpr Time look_interval = 50, soon = 20;
-constexpr Time longest_end = 2'000, trouble_interval = 60'000;
+constexpr Time longest_end = 2'000;
 
 Time now() {
     return static_cast<Time>(picture::platform::steady_clock_us() / 1'000);
@@ -50,6 +50,7 @@ void Driver::Trouble::tell(const std::string& trouble, const char* end) {
 Driver::Driver(const Configuration& configuration)
     : settings_(configuration.bridge),
       core_(configuration.bridge),
+      etcd_trouble_(configuration.bridge.limit()),
       watchdog_interval_(static_cast<Time>(watchdog_us() / 2'000)),
       transport_(configuration.etcd, {.receive =
                                           [this](Transport::Received received) {
@@ -145,17 +146,15 @@ void Driver::write_marks() {
 }
 
 void Driver::tell_of_etcd(const Marks& marks) {
-    const std::string trouble = transport_.trouble();
-    if (marks.is_connected != was_connected_) {
-        was_connected_ = marks.is_connected;
-        log(marks.is_connected ? fmt::format("connected to etcd at {}", marks.member)
-                               : "cut off from etcd: the other machines' words stay as they are");
-        etcd_trouble_at_.reset();
-    }
-    // Several requests may fail in several ways, again and again.
-    if (trouble.empty() || (etcd_trouble_at_ && now() - *etcd_trouble_at_ < trouble_interval)) return;
-    log("etcd failed to answer: " + trouble);
-    etcd_trouble_at_ = now();
+    const Outcomes outcomes = transport_.outcomes();
+    const std::string line = etcd_trouble_.step(now(), outcomes);
+    if (!line.empty()) log(line);
+    if (marks.is_connected == was_connected_) return;
+    was_connected_ = marks.is_connected;
+    if (was_connected_) return log(fmt::format("connected to etcd at {}", marks.member));
+    log(fmt::format("cut off from etcd ({}): the other machines' words stay as they are",
+                    etcd_trouble_.is_on() ? outcomes.last_failure
+                                          : fmt::format("no beat has come back for {} ms", settings_.limit())));
 }
 
 void Driver::feed_watchdog(Time now) {

@@ -5,12 +5,12 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "bridge_marks/live.h"
 #include "configuration.h"
 #include "core.h"
+#include "etcd_trouble.h"
 #include "region.h"
 #include "transport.h"
 
@@ -52,7 +52,7 @@ class Driver {
     LiveMarks marks_;
     std::shared_ptr<const Look> last_;
     Trouble region_trouble_, feed_trouble_;
-    std::optional<Time> etcd_trouble_at_;  ///< when it was logged last
+    EtcdTrouble etcd_trouble_;
     bool was_connected_ = false;
     Time watchdog_interval_, watchdog_at_ = 0;
     uint64_t signs_ = 0;

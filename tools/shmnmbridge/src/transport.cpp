@@ -45,9 +45,9 @@ class Transport::Implementation {
         const std::scoped_lock hold(mutex_);
         return member_;
     }
-    std::string trouble() const {
+    Outcomes outcomes() const {
         const std::scoped_lock hold(mutex_);
-        return trouble_;
+        return outcomes_;
     }
     void ask_for_sign() {
         asio::post(io_, [this] { ++signs_; });
@@ -79,9 +79,11 @@ class Transport::Implementation {
         numbers_.erase(found);
     }
 
-    void note(const std::string& trouble) {
+    /// @param[in] failure  "": etcd has answered
+    void note(const std::string& failure) {
         const std::scoped_lock hold(mutex_);
-        trouble_ = trouble;
+        ++(failure.empty() ? outcomes_.answered : outcomes_.failed);
+        if (!failure.empty()) outcomes_.last_failure = failure;
         member_ = client_->member();
     }
 
@@ -91,7 +93,8 @@ class Transport::Implementation {
     std::unique_ptr<etcd::Client> client_;
     std::map<uint64_t, uint64_t> numbers_;  ///< the client's, by the core's
     mutable std::mutex mutex_;              ///< for what follows
-    std::string member_, trouble_;
+    std::string member_;
+    Outcomes outcomes_;
     std::atomic<uint64_t> signs_ = 0;
     StopRequests stop_;
     std::thread thread_;
@@ -106,8 +109,8 @@ void Transport::send(std::vector<Send> sends) {
 std::string Transport::member() const {
     return implementation_->member();
 }
-std::string Transport::trouble() const {
-    return implementation_->trouble();
+Outcomes Transport::outcomes() const {
+    return implementation_->outcomes();
 }
 void Transport::ask_for_sign() {
     implementation_->ask_for_sign();

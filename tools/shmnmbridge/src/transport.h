@@ -9,6 +9,7 @@
 
 #include "core_messages.h"
 #include "etcd/settings.h"
+#include "etcd_trouble.h"
 
 namespace bridge {
 
@@ -32,8 +33,8 @@ class Transport {
 
     /// Where requests are sent now.
     std::string member() const;
-    /// Why etcd failed to answer the last request; "": it answered.
-    std::string trouble() const;
+    /// How requests and watches have ended since the start.
+    Outcomes outcomes() const;
     /// Asks the thread for a sign of life, which counts up.
     void ask_for_sign();
     uint64_t signs() const;
