@@ -1,6 +1,7 @@
 """scripts/wine: what it adds to wine for the tests of Windows programs."""
 import os
 import pathlib
+import resource
 import subprocess
 import tempfile
 import unittest
@@ -19,6 +20,19 @@ class Wine(unittest.TestCase):
             subprocess.run([WINE, "cmd", "/c", "exit 0"], check=True)
             ended = subprocess.run([WINE, "cmd", "/c", "exit 3"], env={**os.environ, "WINE": str(loader)})
         self.assertEqual(ended.returncode, 3)
+
+    def test_the_server_may_have_as_many_descriptors_as_the_system_allows(self):
+        # It has one for each socket of each program, and keeps the limit that it was started with.
+        _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+        with tempfile.TemporaryDirectory() as folder:
+            prefix, server = pathlib.Path(folder), pathlib.Path(folder) / "server"
+            (prefix / ".ready").touch()
+            server.write_text(f"#!/bin/sh\nulimit -S -n >{prefix}/limit\nexit 2\n")
+            server.chmod(0o755)
+            subprocess.run([WINE], env={**os.environ, "WINE": "/bin/true", "WINESERVER": str(server), "SHMNM_WINEPREFIX": folder}, check=True,
+                           preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (256, most)))
+            limit = (prefix / "limit").read_text().strip()
+        self.assertEqual(limit, "unlimited" if most == resource.RLIM_INFINITY else str(most))
 
 
 if __name__ == "__main__":
