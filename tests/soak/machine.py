@@ -10,7 +10,7 @@ import subprocess
 import etcd_support
 from followers import Watch, Web
 from journal import Journal, SharedJournal
-from processes import CHILD, DEADLINE, Late, Member, Process, Ready, Silent, until  # noqa: F401
+from processes import CHILD, DEADLINE, Late, Member, Process, Ready, Silent, until
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 CLUSTER_FILE = (PROJECT / "examples/cluster.xml").read_text()

@@ -98,7 +98,8 @@ class Process:
         self.is_stopped = True
 
     def go_on(self):
-        self.child.send_signal(signal.SIGCONT)
+        if self.child:
+            self.child.send_signal(signal.SIGCONT)
         self.is_stopped = False
 
     def tell(self, text):
