@@ -118,20 +118,29 @@ void Checker::check_written(Time now, const Transaction& transaction, int64_t re
         } else if (kind == "agreed") {
             check_proposal(now, std::string(name), put.value, revision);
         } else {
-            const KeyValue* const claim = etcd_.find(keys_.claim(server));
-            const std::string run =
-                kind == "state" ? state_from(put.value).value().run : beat_from(put.value).value().run;
-            if (!claim || claim_from(*claim->value).value().run != run) {
-                fail(now, nullptr, 5, "a write of run ", run, " outside its claim's life");
+            if (kind == "state") {
+                Decoded<StateValue>& state = states_[server];
+                state = {revision, state_from(put.value).value()};
+                check_run(now, server, state.value.run);
+                check_state(now, server, state.value);
+            } else {
+                const BeatValue beat = beat_from(put.value).value();
+                check_run(now, server, beat.run);
+                check_beat(now, server, beat);
             }
-            if (kind == "state") check_state(now, server, put.value);
-            if (kind == "beat") check_beat(now, server, put.value);
         }
     }
 }
 
-void Checker::check_state(Time now, const std::string& server, const std::string& json) {
-    visit(state_from(json).value().state, [&](const std::string& word, uint32_t value) {
+void Checker::check_run(Time now, const std::string& server, const std::string& run) {
+    const KeyValue* const found = etcd_.find(keys_.claim(server));
+    Decoded<ClaimValue>& claim = claims_[server];
+    if (found && claim.revision != found->revision) claim = {found->revision, claim_from(*found->value).value()};
+    if (!found || claim.value.run != run) fail(now, nullptr, 5, "a write of run ", run, " outside its claim's life");
+}
+
+void Checker::check_state(Time now, const std::string& server, const StateValue& state) {
+    visit(state.state, [&](const std::string& word, uint32_t value) {
         const Values::Origin* const origin = values_.find(value);
         if (!origin || origin->is_foreign) return;
         uint32_t& highest = highest_[server + ' ' + word];
@@ -143,11 +152,11 @@ void Checker::check_state(Time now, const std::string& server, const std::string
     });
 }
 
-void Checker::check_beat(Time now, const std::string& server, const std::string& json) {
-    const BeatValue beat = beat_from(json).value();
+void Checker::check_beat(Time now, const std::string& server, const BeatValue& beat) {
     const KeyValue* const found = etcd_.find(keys_.state(server));
-    const StateValue state = found ? state_from(*found->value).value() : StateValue{};
-    if (state.run != beat.run || state.sequence < beat.sequence) {
+    const Decoded<StateValue>& state = states_[server];
+    const bool is_there = found && found->revision == state.revision;
+    if (!is_there || state.value.run != beat.run || state.value.sequence < beat.sequence) {
         fail(now, nullptr, 5, "a beat names state ", beat.sequence, " of run ", beat.run, ", which is not in etcd");
     }
 }
@@ -171,6 +180,8 @@ void Checker::check_proposal(Time now, const std::string& key, const std::string
 void Checker::forget_history() {
     highest_.clear();
     landed_.clear();
+    claims_.clear();
+    states_.clear();
     last_process_.clear();
 }
 
@@ -240,10 +251,9 @@ void Checker::end_batch(Time now, const Machine& machine) {
 void Checker::check_marks(Time now, Machine& machine, const Machines& machines) {
     if (!machine.core || machine.is_intruder) return;
     check_cut_off(now, machine, machines);
-    if (!machine.was_intruded && machine.impaired_since >= 0 && now - machine.impaired_since > limit_ &&
-        machine.core->is_connected_at(now)) {
-        fail(now, &machine, 3, "it says that it is connected, but has not read or written since ",
-             machine.impaired_since);
+    if (machine.core->is_connected_at(now) && now - machine.echoed_at > limit_) {
+        fail(now, &machine, 3, "it says that it is connected, but no beat came back that is newer than ",
+             machine.echoed_at);
     }
     for (const auto& other : machines) {
         if (other->number == machine.number || other->is_intruder) continue;
@@ -291,13 +301,12 @@ void Checker::check_peer(Time now, Machine& machine, const Machine& other, bool 
         if (!machine.has_own_server() && now >= machine.until.hold_lock) {
             fail(now, &machine, 3, other.server, " is fresh without a region that shows its words");
         }
-        const auto too_long = [this, now](Time since) { return since >= 0 && now - since > limit_; };
-        if (!is_intruded && too_long(other.impaired_since)) {
-            fail(now, &machine, 3, other.server, " is fresh, but has not read or written since ", other.impaired_since);
+        if (!is_intruded && now - other.told_at > limit_) {
+            fail(now, &machine, 3, other.server, " is fresh, but its newest beat proves only ", other.told_at);
         }
-        if (!is_intruded && too_long(machine.impaired_since)) {
-            fail(now, &machine, 3, other.server, " is fresh here, where nothing was read or written since ",
-                 machine.impaired_since);
+        if (now - machine.echoed_at > limit_) {
+            fail(now, &machine, 3, other.server, " is fresh here, where no beat came back that is newer than ",
+                 machine.echoed_at);
         }
         if (!is_intruded && other.ended_at >= 0 && now - other.ended_at > 1'000 && now - machine.unhealthy_at > 3'000) {
             fail(now, &machine, 3, other.server, " is fresh, but ended cleanly at ", other.ended_at);
@@ -310,10 +319,9 @@ void Checker::check_peer(Time now, Machine& machine, const Machine& other, bool 
     if (freshness != Freshness::fresh && !is_intruded && is_fed && is_healthy_here && is_healthy_there) {
         fail(now, &machine, 4, other.server, " is not fresh, without a fault");
     }
-    const bool is_dead = other.impaired_since >= 0 && now - other.impaired_since > recovery_;
+    const bool is_dead = now - other.told_at > recovery_;
     if (freshness != Freshness::silent && !is_intruded && is_fed && is_healthy_here && is_dead) {
-        fail(now, &machine, 4, other.server, " is not silent, but has not read or written since ",
-             other.impaired_since);
+        fail(now, &machine, 4, other.server, " is not silent, but its newest beat proves only ", other.told_at);
     }
     if (is_fed && now >= machine.until.busy_lock && now >= machine.until.hold_lock) {
         check_silence(now, machine, other.server, freshness);

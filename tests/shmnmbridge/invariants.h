@@ -46,9 +46,10 @@ class Checker {
     static bool is_unknown(const Machine& machine, const std::string& server);
     template <typename... Parts>
     void fail(Time now, const Machine* machine, int invariant, const Parts&... parts);
-    void check_state(Time now, const std::string& server, const std::string& json);
+    void check_state(Time now, const std::string& server, const StateValue& state);
     void check_proposal(Time now, const std::string& key, const std::string& json, int64_t revision);
-    void check_beat(Time now, const std::string& server, const std::string& json);
+    void check_beat(Time now, const std::string& server, const BeatValue& beat);
+    void check_run(Time now, const std::string& server, const std::string& run);
     void check_values(Time now, const Machine& machine, const Machine& other);
     void check_value(Time now, const Machine& machine, const Machine& other, const Call& call, uint32_t here,
                      uint32_t there);
@@ -66,6 +67,14 @@ class Checker {
     const Schedule& schedule_;
     const Time limit_;     ///< what is older is not fresh
     const Time recovery_;  ///< after so long without trouble a machine must be fresh elsewhere
+    /// What a key in etcd says, decoded once.
+    template <typename Value>
+    struct Decoded {
+        int64_t revision = 0;
+        Value value;
+    };
+    std::map<std::string, Decoded<ClaimValue>> claims_;  ///< by the server
+    std::map<std::string, Decoded<StateValue>> states_;
     std::map<std::string, std::string> claim_hosts_;   ///< before the request
     std::map<std::string, uint32_t> highest_;          ///< by word and writer: what states have held
     std::map<std::string, int64_t> landed_;            ///< by word and value: the revision of an agreed value

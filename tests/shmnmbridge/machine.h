@@ -15,6 +15,9 @@
 
 namespace bridge::test {
 
+/// Before everything.
+inline constexpr Time never = -1'000'000;
+
 /// When each trouble ends.
 struct Troubles {
     Time cut_to = 0, cut_from = 0, cut_both = 0, slow = 0, lose_answers = 0, lose_large = 0, reorder = 0,
@@ -48,16 +51,20 @@ struct Machine {
     std::unique_ptr<Core> core;
     uint64_t life = 0;  ///< of the bridge's process: what was for an earlier one is dropped
     std::optional<Batch> batch;
-    std::optional<Look> looked;  ///< what the core saw last
-    std::set<uint64_t> pending;  ///< requests without an answer
+    std::optional<Look> looked;        ///< what the core saw last
+    std::map<uint64_t, bool> pending;  ///< requests without an answer; whether each reads all keys
     Stream stream;
     std::deque<std::function<void()>> inbox;  ///< of a stopped bridge
     Troubles until;
 
     // For the invariants.
-    Time impaired_since = -1;  ///< it cannot read or cannot write
-    Time unhealthy_at = 0;     ///< when something was wrong last
-    Time ended_at = -1;        ///< the clean end
+    Time looked_at = never;         ///< the last look that found the own server
+    Time read_at = never;           ///< when etcd last told it of changes
+    Time told_at = never;           ///< its newest beat in etcd proves this date, and no later one
+    std::map<int64_t, Time> beats;  ///< by the revision: when this process looked for the beat
+    Time echoed_at = never;         ///< the same of the newest beat that its watch has brought back
+    Time unhealthy_at = 0;          ///< when something was wrong last
+    Time ended_at = -1;             ///< the clean end
     std::map<std::string, Time> silent_since;
     std::map<std::string, int64_t> agreed_revision;  ///< of etcd's values that were set here
     std::map<std::string, std::deque<Time>> losses;  ///< by the word

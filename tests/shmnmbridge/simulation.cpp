@@ -61,12 +61,23 @@ class Simulation {
     Time latency(Machine& machine) { return 1 + static_cast<Time>(machine.network() % 4); }
     bool is_half(Machine& machine) { return machine.network() % 2 == 0; }
     void send(Machine& machine, const Request& request);
-    void arrive(Machine& machine, uint64_t life, uint64_t cluster, const Request& request);
+    /// When the words were looked at of which a request tells, and what was read last before it was sent.
+    struct Known {
+        Time looked_at, read_at;
+    };
+    void arrive(Machine& machine, uint64_t life, uint64_t cluster, const Known& known, const Request& request);
+    void note_beat(Machine& machine, uint64_t life, const Known& known, const Transaction& transaction,
+                   int64_t revision);
+    void note_echo(Machine& machine, const std::vector<KeyValue>& events);
     void reply(Machine& machine, uint64_t life, Answer answer);
     void open(Machine& machine, const Watch& watch);
     void publish(size_t from);
-    void push(Machine& machine, std::vector<KeyValue> events);
-    void deliver(Machine& machine, uint64_t life, uint64_t watch, const std::vector<KeyValue>& events);
+    using Changes = std::shared_ptr<const std::vector<KeyValue>>;
+    static Changes shared(std::vector<KeyValue> changes) {
+        return std::make_shared<const std::vector<KeyValue>>(std::move(changes));
+    }
+    void push(Machine& machine, const Changes& events);
+    void deliver(Machine& machine, uint64_t life, uint64_t watch, const Changes& events);
     void end_watch(Machine& machine);
 
     // The region and its local processes.
@@ -99,7 +110,7 @@ class Simulation {
     std::vector<Event> events_;  ///< a heap
     Time now_ = 0;
     uint64_t order_ = 0, processes_ = 0, objects_ = 0;
-    Time no_leader_until_ = 0, down_until_ = 0, full_until_ = 0, last_fail_over_ = -100'000;
+    Time no_leader_until_ = 0, down_until_ = 0, full_until_ = 0, last_fail_over_ = never;
 };
 
 Result Simulation::run() {
@@ -166,6 +177,8 @@ void Simulation::start(Machine& machine) {
     machine.silent_since.clear();
     machine.losses.clear();
     machine.cut_off_since = now_;
+    machine.beats.clear();
+    machine.echoed_at = never;
 }
 
 void Simulation::kill(Machine& machine) {
@@ -194,6 +207,7 @@ void Simulation::tick(Machine& machine) {
             machine.looked->configured = machine.configured;
             if (machine.is_windows) machine.looked->object = 0;
         }
+        if (machine.has_own_server()) machine.looked_at = now_;
         process(machine, machine.core->look(now_, machine.looked ? &*machine.looked : nullptr));
     }
     checker_.check_marks(now_, machine, machines_);
@@ -260,7 +274,7 @@ void Simulation::make(Machine& machine, uint64_t life) {
 void Simulation::send(Machine& machine, const Request& request) {
     ++result_.requests;
     const uint64_t life = machine.life;
-    machine.pending.insert(request.id);
+    machine.pending.emplace(request.id, std::holds_alternative<Range>(request.body));
     after(request_time_out, [this, &machine, life, id = request.id] {
         if (machine.life != life || !machine.pending.erase(id)) return;
         input(machine, life,
@@ -274,17 +288,17 @@ void Simulation::send(Machine& machine, const Request& request) {
     if (is_large && now_ < machine.until.lose_large) return;
     Time delay = latency(machine);
     if (now_ < machine.until.slow && is_half(machine)) delay += static_cast<Time>(machine.network() % 4'000);
-    after(delay,
-          [this, &machine, life, cluster = etcd_.cluster(), request] { arrive(machine, life, cluster, request); });
+    after(delay, [this, &machine, life, cluster = etcd_.cluster(), known = Known{machine.looked_at, machine.read_at},
+                  request] { arrive(machine, life, cluster, known, request); });
 }
 
-void Simulation::arrive(Machine& machine, uint64_t life, uint64_t cluster, const Request& request) {
+void Simulation::arrive(Machine& machine, uint64_t life, uint64_t cluster, const Known& known, const Request& request) {
     Answer answer{.request = request.id};
     if (cluster != etcd_.cluster()) return;  // it was on its way to the former one
     if (now_ < down_until_) return reply(machine, life, answer);
     if (now_ < no_leader_until_) {
         return at(no_leader_until_ + latency(machine),
-                  [this, &machine, life, cluster, request] { arrive(machine, life, cluster, request); });
+                  [this, &machine, life, cluster, known, request] { arrive(machine, life, cluster, known, request); });
     }
     if (now_ < machine.until.lose_token && !std::holds_alternative<KeepAlive>(request.body))
         return reply(machine, life, answer);
@@ -296,9 +310,28 @@ void Simulation::arrive(Machine& machine, uint64_t life, uint64_t cluster, const
     if (const auto* const transaction = std::get_if<Transaction>(&request.body);
         transaction && answer.outcome == Outcome::done) {
         checker_.check_written(now_, *transaction, answer.revision);
+        note_beat(machine, life, known, *transaction, answer.revision);
     }
     publish(before);
     reply(machine, life, std::move(answer));
+}
+
+void Simulation::note_beat(Machine& machine, uint64_t life, const Known& known, const Transaction& transaction,
+                           int64_t revision) {
+    const std::string key = keys_.beat(machine.server);
+    const bool has_beat = std::any_of(transaction.puts.begin(), transaction.puts.end(),
+                                      [&key](const Put& put) { return put.key == key; });
+    if (!has_beat) return;
+    machine.told_at = std::max(machine.told_at, std::min(known.looked_at, known.read_at));
+    if (machine.life == life) machine.beats[revision] = known.looked_at;
+}
+
+void Simulation::note_echo(Machine& machine, const std::vector<KeyValue>& events) {
+    machine.read_at = now_;
+    for (const KeyValue& event : events) {
+        const auto beat = machine.beats.find(event.revision);
+        if (beat != machine.beats.end()) machine.echoed_at = std::max(machine.echoed_at, beat->second);
+    }
 }
 
 void Simulation::reply(Machine& machine, uint64_t life, Answer answer) {
@@ -307,8 +340,12 @@ void Simulation::reply(Machine& machine, uint64_t life, Answer answer) {
     if (now_ < machine.until.slow && is_half(machine)) delay += static_cast<Time>(machine.network() % 900);
     after(delay, [this, &machine, life, answer = std::move(answer)] {
         if (machine.life != life || now_ < std::max(machine.until.cut_from, machine.until.cut_both)) return;
-        if (!machine.pending.erase(answer.request)) return;
-        input(machine, life, [this, answer](Core& core) { return core.answer(now_, answer); });
+        const auto pending = machine.pending.extract(answer.request);
+        if (!pending) return;
+        input(machine, life, [this, &machine, answer, is_read = pending.mapped()](Core& core) {
+            if (is_read && answer.outcome == Outcome::done) machine.read_at = now_;
+            return core.answer(now_, answer);
+        });
     });
 }
 
@@ -325,37 +362,36 @@ void Simulation::open(Machine& machine, const Watch& watch) {
         for (const KeyValue& change : etcd_.history()) {
             if (change.revision >= watch.from) events.push_back(change);
         }
-        if (!events.empty()) push(machine, std::move(events));
+        if (!events.empty()) push(machine, shared(std::move(events)));
     });
 }
 
 void Simulation::publish(size_t from) {
     const auto& history = etcd_.history();
     if (from >= history.size()) return;
-    const std::vector<KeyValue> events(history.begin() + static_cast<ptrdiff_t>(from), history.end());
+    const Changes events = shared({history.begin() + static_cast<ptrdiff_t>(from), history.end()});
     for (const auto& machine : machines_) {
         if (machine->stream.is_open) push(*machine, events);
     }
 }
 
-void Simulation::push(Machine& machine, std::vector<KeyValue> events) {
+void Simulation::push(Machine& machine, const Changes& events) {
     Stream& stream = machine.stream;
     const uint64_t life = machine.life, id = stream.id;
     const Time time = now_ + latency(machine);
     if (now_ >= machine.until.reorder) {
         stream.last = std::max(stream.last, time);
-        return at(stream.last,
-                  [this, &machine, life, id, events = std::move(events)] { deliver(machine, life, id, events); });
+        return at(stream.last, [this, &machine, life, id, events] { deliver(machine, life, id, events); });
     }
-    for (KeyValue& event : events) {
+    for (const KeyValue& event : *events) {
         Time& last = stream.last_of_key[event.key];
         last = std::max(last, time + (is_half(machine) ? static_cast<Time>(machine.network() % 500) : 0));
         stream.last = std::max(stream.last, last);
-        at(last, [this, &machine, life, id, one = std::vector{std::move(event)}] { deliver(machine, life, id, one); });
+        at(last, [this, &machine, life, id, one = shared({event})] { deliver(machine, life, id, one); });
     }
 }
 
-void Simulation::deliver(Machine& machine, uint64_t life, uint64_t watch, const std::vector<KeyValue>& events) {
+void Simulation::deliver(Machine& machine, uint64_t life, uint64_t watch, const Changes& events) {
     Stream& stream = machine.stream;
     if (machine.life != life || stream.id != watch || stream.is_dead) return;
     if (now_ < machine.until.cut_both) {
@@ -368,13 +404,14 @@ void Simulation::deliver(Machine& machine, uint64_t life, uint64_t watch, const 
         return at(machine.until.cut_from,
                   [this, &machine, life, watch, events] { deliver(machine, life, watch, events); });
     }
-    const bool is_beat = keys_.parts_of(events.front().key).kind == "beat";
+    const bool is_beat = keys_.parts_of(events->front().key).kind == "beat";
     if (stream.loses_event && !is_beat) {
         stream.loses_event = false;
-        return say(machine, "its watch loses ", events.front().key);
+        return say(machine, "its watch loses ", events->front().key);
     }
-    input(machine, life, [this, watch, events](Core& core) {
-        return core.events(now_, {.watch = watch, .cluster = etcd_.cluster(), .events = events});
+    input(machine, life, [this, &machine, watch, events](Core& core) {
+        note_echo(machine, *events);
+        return core.events(now_, {.watch = watch, .cluster = etcd_.cluster(), .events = *events});
     });
 }
 
@@ -519,15 +556,9 @@ void Simulation::begin(const Fault& fault) {
     const Time end = now_ + fault.lasts;
     const Time unhealthy_before = machine.unhealthy_at;
     machine.unhealthy_at = std::max(machine.unhealthy_at, end);
-    const auto lengthen = [this, end, &machine](Time& time) {
-        time = std::max(time, end);
-        at(end, [&machine] { machine.impaired_since = -1; });
-    };
+    const auto lengthen = [end](Time& time) { time = std::max(time, end); };
     const auto stop_healthy = [this, end] {
-        for (const auto& each : machines_) {
-            each->unhealthy_at = std::max(each->unhealthy_at, end);
-            at(end, [&each = *each] { each.impaired_since = -1; });
-        }
+        for (const auto& each : machines_) each->unhealthy_at = std::max(each->unhealthy_at, end);
     };
     switch (fault.what) {
         case What::kill:
@@ -772,12 +803,7 @@ void Simulation::follow_health(Machine& machine) {
     const bool is_impaired = !machine.core || machine.is_stopped(now_) || !machine.has_own_server() ||
                              now_ < std::max({until.cut_to, until.cut_from, until.cut_both, until.lose_token,
                                               until.hold_lock, down_until_, full_until_});
-    if (!is_impaired) {
-        machine.impaired_since = -1;
-    } else {
-        machine.unhealthy_at = std::max(machine.unhealthy_at, now_);
-        if (machine.impaired_since < 0) machine.impaired_since = now_;
-    }
+    if (is_impaired) machine.unhealthy_at = std::max(machine.unhealthy_at, now_);
 }
 
 }  // namespace

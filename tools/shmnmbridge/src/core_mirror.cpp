@@ -42,8 +42,8 @@ void Mirror::read_done(Time now, const Answer& answer) {
     std::set<std::string_view> found;
     for (const KeyValue& value : answer.values) found.insert(value.key);
     std::vector<std::string> gone;
-    for (const auto& [key, exists] : exists_) {
-        if (exists && !found.contains(key)) gone.push_back(key);
+    for (const auto& [key, known] : keys_) {
+        if (known.exists && !found.contains(key)) gone.push_back(key);
     }
     for (const std::string& key : gone) accept({key, std::nullopt, answer.revision}, false);
     for (const KeyValue& value : answer.values) accept(value, false);
@@ -70,10 +70,9 @@ void Mirror::watch_ended(const WatchEnded& ended) {
 }
 
 void Mirror::accept(const KeyValue& change, bool by_watch) {
-    int64_t& known = revisions_[change.key];
-    if (rules_.revision_order && change.revision <= known) return;
-    known = change.revision;
-    exists_[change.key] = change.value.has_value();
+    Known& known = keys_[change.key];
+    if (rules_.revision_order && change.revision <= known.revision) return;
+    known = {change.revision, change.value.has_value()};
     changed_(change, by_watch);
 }
 
@@ -84,8 +83,7 @@ void Mirror::follow_cluster(uint64_t cluster) {
 
 void Mirror::forget() {
     outbox_.notice("etcd holds another cluster's keys, or older ones: everything is read again");
-    revisions_.clear();
-    exists_.clear();
+    keys_.clear();
     seen_ = 0;
     synced_ = false;
     wants_read_ = true;

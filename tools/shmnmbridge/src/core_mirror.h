@@ -52,8 +52,11 @@ class Mirror {
     Changed changed_;
     std::function<void()> forgotten_;
 
-    std::map<std::string, int64_t, std::less<>> revisions_;  ///< of each key's last change, deletions too
-    std::map<std::string, bool, std::less<>> exists_;
+    struct Known {
+        int64_t revision = 0;  ///< of the last change, deletions too
+        bool exists = false;
+    };
+    std::map<std::string, Known, std::less<>> keys_;
     uint64_t cluster_ = 0;
     int64_t seen_ = 0;
     bool synced_ = false, wants_read_ = true;

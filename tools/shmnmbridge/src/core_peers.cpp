@@ -15,7 +15,11 @@ void Peer::state_changed(const KeyValue& change) {
 
 void Peer::beat_came(const BeatValue& beat, Time date, Time limit, Time now) {
     while (!beats_.empty() && now - beats_.front().date >= limit) beats_.pop_front();
-    beats_.push_back({beat.run, beat.sequence, date});
+    if (!beats_.empty() && beats_.back().sequence == beat.sequence && beats_.back().run == beat.run) {
+        beats_.back().date = std::max(beats_.back().date, date);
+    } else {
+        beats_.push_back({beat.run, beat.sequence, date});
+    }
 }
 
 void Peer::set_applied() {

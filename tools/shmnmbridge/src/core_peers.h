@@ -51,7 +51,7 @@ class Peer {
     std::optional<ClaimValue> claim_;
     std::optional<StateValue> state_;
     int64_t state_revision_ = 0;
-    std::deque<Beat> beats_;  ///< of the last limit
+    std::deque<Beat> beats_;  ///< of the last limit; of several that say the same, the newest date
     std::string shown_run_;
     uint64_t shown_sequence_ = 0;
     std::optional<std::string> applied_run_;  ///< of the state that a batch makes the region show
