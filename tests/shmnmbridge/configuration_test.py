@@ -44,6 +44,8 @@ class Configuration(BridgeTest):
   <window_ms>20</window_ms>
   <lease_s>ten</lease_s>
   <lease_s>11</lease_s>
+  <gather_ms>-1</gather_ms>
+  <reset_when_cut_off>yes</reset_when_cut_off>
 </bridge>
 """)
         expected = ["1: no server: write this machine's name, as in cluster.xml",
@@ -60,7 +62,9 @@ class Configuration(BridgeTest):
                     '14: "hb/lan" is not a word that machines agree on; use waitstat, bwflag, ',
                     '16: window_ms is "20": use a number from 500 to 60000',
                     '17: lease_s is "ten": use a number from 2 to 3600',
-                    "18: /bridge has lease_s twice, first in line 17: remove one of them"]
+                    "18: /bridge has lease_s twice, first in line 17: remove one of them",
+                    '19: gather_ms is "-1": use a number from 0 to 10000',
+                    '20: reset_when_cut_off is "yes": use a number from 0 to 1']
         self.assertEqual(len(found), len(expected), found)
         for line, begin in zip(found, expected):
             self.assertTrue(line.startswith(begin), f"{line!r} does not begin with {begin!r}")

@@ -3,7 +3,7 @@
 //
 // SHMNM_SEED: the first seed, else 1. SHMNM_BRIDGE_SCHEDULES: how many schedules, else 2000. SHMNM_BRIDGE_RATES: also
 // count how many of so many schedules fail without each rule. SHMNM_BRIDGE_TELL: print what happens in a failing
-// schedule. SHMNM_BRIDGE_SIZING: print the table of docs/bridge-protocol.md, for clusters of up to so many machines.
+// schedule. SHMNM_BRIDGE_SIZING: print the table of docs/many-machines.md, for clusters of up to so many machines.
 #include "core.h"
 
 #include <gtest/gtest.h>
@@ -105,13 +105,13 @@ TEST(BridgeCore, WritesNoMoreStatesInALargerCluster) {
     EXPECT_LE(many.transactions, 180) << "most beats go out with the states";
     const uint64_t limit = number_from("SHMNM_BRIDGE_SIZING", 0);
     if (limit) std::cout << heading();
+    const auto tell = [limit](const Cluster& cluster) {
+        if (cluster.machines <= limit) std::cout << to_text(cluster, measure(cluster)) << std::flush;
+    };
     for (const size_t machines : std::array<size_t, 4>{3, 5, 32, 128}) {
-        for (const double changes : {0.1, 1.0, 10.0}) {
-            if (machines > limit) continue;
-            const Cluster cluster{.machines = machines, .changes = changes};
-            std::cout << to_text(cluster, measure(cluster)) << std::flush;
-        }
+        for (const double changes : {0.1, 1.0, 10.0}) tell({.machines = machines, .changes = changes});
     }
+    tell({.machines = 128, .changes = 1, .gather = 4'000});
 }
 
 struct Switch {
@@ -139,6 +139,10 @@ Schedule reading_seldom(Schedule schedule) {
     schedule.read_again = 300'000;
     return schedule;
 }
+Schedule resetting(Schedule schedule) {
+    schedule.reset_when_cut_off = true;
+    return schedule;
+}
 /// With other latencies and losses.
 std::vector<Schedule> seeds(const Schedule& schedule) {
     std::vector<Schedule> schedules(40, schedule);
@@ -154,6 +158,9 @@ constexpr Creator quick{.sets_own = true, .sets_pair = true};
 const Switch switches[] = {
     {"fence", &Rules::fence},
     {"refuse_other_host", &Rules::refuse_other_host},
+    {"replace_same_host",
+     &Rules::replace_same_host,
+     {quiet({{.at = 5'000, .what = What::kill, .machine = 1, .lasts = 50}})}},
     {"renew_lost_claim", &Rules::renew_lost_claim},
     {"state_on_base", &Rules::state_on_base},
     {"resend_unknown", &Rules::resend_unknown,
@@ -211,6 +218,9 @@ const Switch switches[] = {
     {"cut_off_keeps_words",
      &Rules::cut_off_keeps_words,
      {quiet({{.at = 4'000, .what = What::cut_both, .machine = 0, .lasts = 9'000}})}},
+    {"start_is_not_cut_off",
+     &Rules::start_is_not_cut_off,
+     {resetting(quiet({{.at = 5'000, .what = What::kill, .machine = 0, .lasts = 500}}))}},
     {"heard_before_fed", &Rules::heard_before_fed},
     {"revision_order", &Rules::revision_order},
     {"ended_watch_is_read",
@@ -222,8 +232,14 @@ const Switch switches[] = {
      {quiet({{.at = 4'990, .what = What::lose_event, .machine = 0},
              {.at = 5'000, .what = What::set_own, .machine = 1, .detail = 0}})}},
     {"quiet_watch_is_read", &Rules::quiet_watch_is_read},
-    {"cluster_is_checked", &Rules::cluster_is_checked},
-    {"calls_compare", &Rules::calls_compare},
+    // The new etcd's revisions are larger than the old one's once machine 0 sees them.
+    {"cluster_is_checked",
+     &Rules::cluster_is_checked,
+     {quiet({{.at = 2'000, .what = What::kill, .machine = 1, .lasts = 200},
+             {.at = 2'900, .what = What::cut_both, .machine = 0, .lasts = 9'000},
+             {.at = 3'000, .what = What::replace_etcd}})}},
+    {"revision_is_checked", &Rules::revision_is_checked, {quiet({{.at = 15'000, .what = What::restore_etcd}})}},
+    {"calls_compare", &Rules::calls_compare, {random_schedule(159)}},
     {"counts_are_compared", &Rules::counts_are_compared},
     {"refuse_duplicates", &Rules::refuse_duplicates},
     {"step_back", &Rules::step_back},
@@ -235,7 +251,7 @@ const Switch switches[] = {
      &Rules::set_type_contests,
      {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 5},
              {.at = 8'000, .what = What::set_type, .machine = 0, .detail = 5}})}},
-    {"contest_ends", &Rules::contest_ends, {quiet({{.at = 4'000, .what = What::rival, .lasts = 8'000}})}},
+    {"contest_ends", &Rules::contest_ends, {random_schedule(100)}},
     {"requests_wait", &Rules::requests_wait},
     {"new_region_takes", &Rules::new_region_takes},
     {"old_answers_are_dropped", &Rules::old_answers_are_dropped,
@@ -289,6 +305,9 @@ const Switch switches[] = {
      &Rules::witness,
      {quiet({alone, word_is_set, {.at = 8'010, .what = What::new_region, .lasts = 1}}, quick, 1)}},
 };
+
+// No rule is left out. They are nothing but switches.
+static_assert(std::size(switches) == sizeof(Rules));
 
 /// For the test's messages.
 std::ostream& operator<<(std::ostream& stream, const Switch& tried) {

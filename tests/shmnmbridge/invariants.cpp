@@ -190,6 +190,7 @@ void Checker::check_asked(Time now, const Machine& machine, const Batch& batch) 
         for (const Call& call : batch.calls) {
             const bool is_reset = !is_agreed(call) && call.value[0] == unknown_state && schedule_.reset_when_cut_off;
             if (!is_reset) fail(now, &machine, 3, describe(call), " is set by a machine that is cut off");
+            if (now - machine.started_at < limit_) fail(now, &machine, 3, describe(call), " is reset at the start");
         }
     }
     for (const Call& call : batch.calls) {

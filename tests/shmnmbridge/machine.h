@@ -74,6 +74,7 @@ struct Machine {
     bool has_lost_records = false;         ///< a proposal may have been open for one of them
     std::map<std::string, uint64_t> lost;  ///< by the word: how many losses
     std::set<std::string> local;           ///< agreed words that it keeps to itself
+    Time started_at = 0;                   ///< its bridge
     Time cut_off_since = 0;                ///< by its own account; -1: it is connected
 
     bool is_stopped(Time now) const { return now < until.stop; }

@@ -85,8 +85,8 @@ void ModelEtcd::renew_leases(Time now) {
     for (auto& [id, lease] : leases_) lease.ends = std::max(lease.ends, now + lease.life);
 }
 
-void ModelEtcd::replace() {
-    ++cluster_;
+void ModelEtcd::replace(bool same_cluster) {
+    if (!same_cluster) ++cluster_;
     revision_ = 1;
     compacted_ = 0;
     keys_.clear();

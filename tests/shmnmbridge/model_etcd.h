@@ -21,8 +21,8 @@ class ModelEtcd {
     /// A new leader gives every lease its whole life again.
     void renew_leases(Time now);
     void compact() { compacted_ = revision_; }
-    /// Another etcd in its place, empty.
-    void replace();
+    /// Another etcd in its place, empty. @param[in] same_cluster  it has the same number
+    void replace(bool same_cluster);
     void set_full(bool full) { full_ = full; }
 
     uint64_t cluster() const { return cluster_; }

@@ -1,10 +1,12 @@
 """shmnmbridge run: two machines on one host, which differ in their names, and a real etcd."""
 import base64
+import itertools
 import json
 import signal
 import socket
 import subprocess
 import sys
+import time
 
 import bridge_support
 from bridge_support import BridgeTest, PLATFORM, until
@@ -175,6 +177,46 @@ class Run(BridgeTest):
         self.assertRegex(log, r"cut off from etcd \(\w.*\): the other machines' words stay as they are\r?\n")
         self.assertRegex(log, r"etcd answers again; requests that failed: \d+ within \d+\.\d s, the last one because: \w.*\n")
         self.assertEqual((log.count("etcd failed to answer: "), log.count("cut off from etcd (")), (2, 2))
+
+    def test_a_machine_that_is_cut_off_keeps_words_or_resets_them_as_configured(self):
+        etcd = etcd_support.Cluster(self.addCleanup)
+        alpha, beta = self.machine("alpha", etcd.endpoints, reset_when_cut_off=1).create(), self.machine("beta", etcd.endpoints).create()
+        alpha.start()
+        beta.start()
+        for machine, other, priority in ((alpha, beta, 1), (beta, alpha, 0)):
+            other.api.ok("shmnm_setnodestat", other.server, 1)
+            other.api.ok("shmnm_sethbrscsvstat", "lan", "lan1", priority, 7)
+            other.api.ok("shmnm_setpingstat", other.server, 5)
+            machine.waits_for(5, "shmnm_getpingstat", other.server)
+            machine.waits_for(7, "shmnm_gethbrscsvstat", "lan", "lan1", priority)
+        etcd.members[0].stop()
+        try:
+            alpha.waits_for(2, "shmnm_getnodestat", "beta")
+            alpha.waits_for(2, "shmnm_gethbrscsvstat", "lan", "lan1", 1)
+            until(lambda: not beta.status().get("connected", True), "beta notices too")
+            self.assertEqual((alpha.freshness("beta"), beta.freshness("alpha")), ("unknown", "unknown"))
+            self.assertEqual(alpha.get("shmnm_getpingstat", "beta"), [5], "only states can be unknown")
+            self.assertEqual(beta.get("shmnm_getnodestat", "alpha"), [1])
+            self.assertEqual(beta.get("shmnm_gethbrscsvstat", "lan", "lan1", 0), [7])
+        finally:
+            etcd.members[0].go_on()
+        alpha.waits_for(1, "shmnm_getnodestat", "beta")
+        alpha.waits_for(7, "shmnm_gethbrscsvstat", "lan", "lan1", 1)
+
+    def test_changes_are_gathered_for_as_long_as_configured(self):
+        alpha = self.machine("alpha", gather_ms=500).create()
+        alpha.start()
+        until(lambda: "state/alpha" in self.keys(), "the claim")
+
+        def changed():
+            alpha.api.ok("shmnm_setpingstat", "alpha", next(values))
+            return json.loads(self.keys()["state/alpha"])["seq"]
+
+        values = itertools.count(1)
+        first, begin = changed(), time.monotonic()
+        until(lambda: changed() >= first + 6, "six more writes")
+        # The first of them may follow at once, the second with the next beat; any may come late, but none early.
+        self.assertGreater(time.monotonic() - begin, 3 * 0.5)
 
     def test_a_local_word_stays_local(self):
         alpha, beta = self.machine("alpha", local="bwflag").create(), self.machine("beta").create()

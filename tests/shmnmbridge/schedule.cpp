@@ -35,6 +35,7 @@ constexpr Kind kinds[] = {
     {What::full, "etcd's database is full", 500, 9'000, 2},
     {What::compact, "etcd is compacted", 0, 0, 2},
     {What::replace_etcd, "etcd is replaced by an empty one", 0, 0, 1},
+    {What::restore_etcd, "etcd is restored from an empty backup", 0, 0, 0},
     {What::hold_lock, "the region's lock is held", 300, 9'000, 3},
     {What::busy_lock, "the region's lock is never free when it is wanted", 300, 9'000, 3},
     {What::new_region, "the region is made anew", 1, 3'000, 4},
@@ -62,7 +63,7 @@ const Kind& kind_of(What what) {
 
 bool is_of_etcd(What what) {
     return what == What::fail_over || what == What::etcd_down || what == What::full || what == What::compact ||
-           what == What::replace_etcd || what == What::rival;
+           what == What::replace_etcd || what == What::restore_etcd || what == What::rival;
 }
 
 }  // namespace

@@ -32,7 +32,8 @@ enum class What {
     etcd_down,
     full,
     compact,
-    replace_etcd,
+    replace_etcd,  ///< by another cluster
+    restore_etcd,  ///< by the same cluster as it was at the beginning
     // The region.
     hold_lock,    ///< it can be neither copied nor changed
     busy_lock,    ///< it can be copied but not changed

@@ -176,7 +176,7 @@ void Simulation::start(Machine& machine) {
     machine.agreed_revision.clear();
     machine.silent_since.clear();
     machine.losses.clear();
-    machine.cut_off_since = now_;
+    machine.cut_off_since = machine.started_at = now_;
     machine.beats.clear();
     machine.echoed_at = never;
 }
@@ -625,8 +625,9 @@ void Simulation::begin(const Fault& fault) {
             etcd_.expire(now_);
             return etcd_.compact();
         case What::replace_etcd:
+        case What::restore_etcd:
             stop_healthy();
-            etcd_.replace();
+            etcd_.replace(fault.what == What::restore_etcd);
             checker_.forget_history();
             for (const auto& each : machines_) {
                 each->agreed_revision.clear();

@@ -94,7 +94,6 @@ Sizing Measured::run() {
     for (double* const each : {&sizing_.transactions, &sizing_.keep_alives, &sizing_.states, &sizing_.written}) {
         *each /= seconds;
     }
-    sizing_.events /= seconds * machines;
     sizing_.received /= seconds * machines;
     std::sort(latencies_.begin(), latencies_.end());
     if (!latencies_.empty()) {
@@ -126,6 +125,7 @@ void Measured::add_machine(size_t number) {
     settings.host = "machine-" + std::to_string(number);
     settings.process = settings.host + "-process";
     settings.address = "http://" + settings.host + ":8080";
+    settings.gather = cluster_.gather;
     machine.core = std::make_unique<Core>(settings);
     const auto offset = static_cast<Time>(random_() % look_interval);
     at(offset, [this, &machine] { look(machine); });
@@ -234,10 +234,7 @@ void Measured::publish(size_t from) {
     }
     for (const auto& each : machines_) {
         if (!each->watch) continue;
-        if (counts()) {
-            sizing_.events += static_cast<double>(events->size());
-            sizing_.received += static_cast<double>(size);
-        }
+        if (counts()) sizing_.received += static_cast<double>(size);
         Machine& machine = *each;
         machine.last_delivery = std::max(machine.last_delivery, now_ + latency());
         at(machine.last_delivery, [this, &machine, events] {
@@ -254,18 +251,19 @@ Sizing measure(const Cluster& cluster) {
 }
 
 std::string heading() {
-    return "| machines | changes/s each | transactions/s | keep-alives/s | states/s | written kB/s | events/s per "
-           "watcher "
-           "| kB/s per watcher | median ms | p99 ms | longest ms | look µs | events µs | share of a core |\n"
-           "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
+    return "| machines | changes/s on each | `gather_ms` | transactions/s | keep-alives/s | states/s | written | to "
+           "each machine "
+           "| shown after: median, p99, longest | a look, an event | processor of a bridge |\n"
+           "|---|---|---|---|---|---|---|---|---|---|---|\n";
 }
 
 std::string to_text(const Cluster& cluster, const Sizing& sizing) {
     return fmt::format(
-        "| {} | {} | {:.0f} | {:.1f} | {:.0f} | {:.1f} | {:.0f} | {:.0f} | {} | {} | {} | {:.0f} | {:.0f} | {:.1f}% "
+        "| {} | {} | {} | {:.0f} | {:.1f} | {:.0f} | {:.0f} kB/s | {:.0f} kB/s | {}, {}, {} ms | {:.0f}, {:.0f} µs | "
+        "{:.1f} % of a core "
         "|\n",
-        cluster.machines, cluster.changes, sizing.transactions, sizing.keep_alives, sizing.states, sizing.written / 1e3,
-        sizing.events, sizing.received / 1e3, sizing.median, sizing.p99, sizing.max, sizing.look, sizing.event,
+        cluster.machines, cluster.changes, cluster.gather, sizing.transactions, sizing.keep_alives, sizing.states,
+        sizing.written / 1e3, sizing.received / 1e3, sizing.median, sizing.p99, sizing.max, sizing.look, sizing.event,
         sizing.share * 100);
 }
 

@@ -43,7 +43,7 @@ std::optional<ReadMarks> read_live_marks() {
     if (!page) {
         const picture::Error error = cannot("map");
         platform::close(mapping);
-        throw error;
+        throw picture::Error(error);
     }
     auto marks = read(static_cast<const MarksPage*>(page));
     platform::unmap(page);
@@ -61,7 +61,7 @@ LiveMarks::LiveMarks() {
     const picture::Error error = cannot("map");
     if (page_) platform::unmap(page_);
     platform::close(mapping_);
-    throw error;
+    throw picture::Error(error);
 }
 
 LiveMarks::~LiveMarks() {

@@ -35,8 +35,9 @@ struct Known {
     const char* name;
     bool may_repeat;
 };
-constexpr Known bridge_elements[] = {{"cluster", false}, {"server", false}, {"etcd", false},      {"host", false},
-                                     {"address", false}, {"local", true},   {"window_ms", false}, {"lease_s", false}};
+constexpr Known bridge_elements[] = {
+    {"cluster", false}, {"server", false},    {"etcd", false},    {"host", false},      {"address", false},
+    {"local", true},    {"window_ms", false}, {"lease_s", false}, {"gather_ms", false}, {"reset_when_cut_off", false}};
 constexpr Known etcd_elements[] = {{"endpoint", true}, {"authorities", false}, {"certificate", false},
                                    {"key", false},     {"user", false},        {"password_file", false}};
 
@@ -205,6 +206,8 @@ class Reader {
         const size_t problems_before = checked_.problems.size();
         if (const auto window = number_in(elements, "window_ms", 500, 60'000)) settings.window = *window;
         if (const auto lease = number_in(elements, "lease_s", 2, 3'600)) settings.lease = Time{*lease} * 1'000;
+        if (const auto gather = number_in(elements, "gather_ms", 0, 10'000)) settings.gather = *gather;
+        if (const auto reset = number_in(elements, "reset_when_cut_off", 0, 1)) settings.reset_when_cut_off = *reset;
         if (checked_.problems.size() > problems_before) return;
         // A failure of etcd shorter than the window must not cost the claim: its lease is renewed each third of it.
         if (settings.lease * 2 < settings.window * 3) {

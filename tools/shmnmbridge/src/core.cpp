@@ -54,7 +54,8 @@ Output Core::look_failed(Time now) {
 void Core::feed(Time now) {
     const bool connected = is_connected_at(now);
     const bool resets = settings_.reset_when_cut_off || !rules_.cut_off_keeps_words;
-    if (!connected && !(resets && now >= *not_cut_off_until_)) return;
+    const bool is_start = now < *not_cut_off_until_ && rules_.start_is_not_cut_off;
+    if (!connected && (!resets || is_start)) return;
     std::vector<Call> calls;
     for (auto& [server, peer] : peers_) {
         const bool is_heard = connected && peer.is_heard(now, settings_.limit(), rules_);

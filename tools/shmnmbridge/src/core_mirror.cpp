@@ -38,7 +38,7 @@ void Mirror::answer(Time now, const Answer& answer) {
 }
 
 void Mirror::read_done(Time now, const Answer& answer) {
-    if (answer.revision < seen_at_read_ && rules_.cluster_is_checked) forget();
+    if (answer.revision < seen_at_read_ && rules_.revision_is_checked) forget();
     std::set<std::string_view> found;
     for (const KeyValue& value : answer.values) found.insert(value.key);
     std::vector<std::string> gone;

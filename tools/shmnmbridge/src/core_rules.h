@@ -8,6 +8,7 @@ struct Rules {
     // Claims and own words.
     bool fence = true;                ///< every write compares the claim's revision
     bool refuse_other_host = true;    ///< the claim of another host is not replaced
+    bool replace_same_host = true;    ///< that of the same host is: its bridge is gone
     bool renew_lost_claim = true;     ///< a lost claim starts a new run
     bool state_on_base = true;        ///< a state is written only onto the state that this run knows
     bool resend_unknown = true;       ///< after a write of unknown outcome the state is written again before a beat
@@ -32,6 +33,7 @@ struct Rules {
     bool unheard_are_silent = true;        ///< so do those of a server of which etcd knows nothing
     bool absence_is_not_fresh = true;      ///< without a region, or without the own server in it, no server is fresh
     bool cut_off_keeps_words = true;       ///< unless it is configured otherwise
+    bool start_is_not_cut_off = true;      ///< a machine that starts has time to connect before it resets words
     bool changes_are_not_fresh = true;     ///< nor is one whose words here were changed, until they are set again
     bool missing_is_unknown = true;        ///< the states of a resource that a server has not become 2
     bool heard_before_fed = true;          ///< only words of a server that is heard are set
@@ -41,7 +43,8 @@ struct Rules {
     bool ended_watch_is_read = true;  ///< after the end of a watch the keys are read again
     bool quiet_watch_is_read = true;  ///< and after a watch brought no own beat for too long
     bool keys_are_read_again = true;  ///< and now and then without any doubt
-    bool cluster_is_checked = true;   ///< another cluster, or a smaller revision, makes everything unknown
+    bool cluster_is_checked = true;   ///< another cluster makes everything unknown
+    bool revision_is_checked = true;  ///< so does a smaller revision
 
     // Feeding.
     bool calls_compare = true;        ///< a call names the value that it replaces

@@ -157,12 +157,13 @@ void Run::claim_changed(const KeyValue& claim) {
     known_value_ = claim.value ? claim_from(*claim.value) : std::nullopt;
     // A claim that cannot be read is another's.
     if (claim.value && !known_value_) known_value_ = ClaimValue{};
-    const bool refused = known_value_ && known_value_->host != settings_.host;
+    const bool mine = known_value_ && known_value_->run == run_;
+    const bool is_same_host = known_value_ && known_value_->host == settings_.host;
+    const bool refused = known_value_ && !mine && !(is_same_host && rules_.replace_same_host);
     if (refused && !refused_) {
         outbox_.notice("another machine (host " + known_value_->host + ") has claimed the name " + settings_.server);
     }
     refused_ = refused;
-    const bool mine = known_value_ && known_value_->run == run_;
     if (phase_ == Phase::claiming && mine) {
         won(claim.revision);
     } else if (phase_ == Phase::claiming) {
