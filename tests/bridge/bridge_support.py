@@ -160,6 +160,10 @@ class Etcd:
         for alarm in self.post("/v3/maintenance/alarm", {"action": "GET"}).get("alarms", ()):
             self.post("/v3/maintenance/alarm", {"action": "DEACTIVATE", **alarm})
 
+    def revisions(self):
+        """What each member has come to. They differ for moments only, unless the members hold different data."""
+        return {member.name: int(member.post("/v3/kv/range", {"key": encoded("x"), "serializable": True})["header"]["revision"]) for member in self.members}
+
     def end(self):
         for member in self.members:
             member.kill()

@@ -55,6 +55,10 @@ def descriptors(process):
     return len(os.listdir(f"/proc/{process.pid}/fd"))
 
 
+def longest_hold(machines):
+    return max(machine.status()[0]["longest_hold_us"] for machine in machines)
+
+
 def latencies(scene, since):
     """Milliseconds from each change until each other region shows it, or a later one of the same word. The newest are left out:
     they may be on their way."""
@@ -97,7 +101,8 @@ def measure(scene, seconds):
     print(f"  change to another machine's region: {len(found)} times, p50 {found[len(found) // 2]:.0f} ms, p99 {found[len(found) * 99 // 100]:.0f} ms, longest {found[-1]:.0f} ms")
     print(f"  etcd: {operations:.0f} writes a second, all members {member_load * 100:.0f} % of a core; state {sizes['state']} bytes, beat {sizes['beat']} bytes")
     print(f"  per machine: {traffic / len(machines) / 1_000:.1f} kB/s of network, bridge {bridge_load / len(machines) * 100:.1f} % of a core, "
-          f"{max(map(memory, bridges)) / 1_000:.1f} MB, {max(map(descriptors, bridges))} descriptors", flush=True)
+          f"{max(map(memory, bridges)) / 1_000:.1f} MB, {max(map(descriptors, bridges))} descriptors, the region's lock held for {longest_hold(machines)} us at most",
+          flush=True)
 
 
 def disturb(scene, chance):
@@ -142,7 +147,7 @@ def soak(scene, seconds):
     sizes = [max(size for size, _ in part) for part in (early, late)]
     open_files = [max(number for _, number in part) for part in (early, late)]
     print(f"soak of {seconds} s with {count} failures: memory of a bridge at most {sizes[0]} kB in the second quarter, {sizes[1]} kB in the last; "
-          f"descriptors {open_files[0]} and {open_files[1]}")
+          f"descriptors {open_files[0]} and {open_files[1]}; the region's lock held for {longest_hold(scene.machines)} us at most")
     for machine in scene.machines:
         if machine.bridge.poll() is not None:
             sys.exit(f"figures_test.py: {machine.server}'s bridge has ended: {machine.log()}")

@@ -310,6 +310,7 @@ class Run:
                 self.play()
                 settled, left = self.settle()
             if settled is None:
+                findings.append(f"invariant 1: members of etcd at revisions {self.scene.etcd.revisions()}")
                 findings += [f"invariant 1: {HEALING:.0f} s after the last fault {text}" for text in left]
             findings += self.last_checks()
         finally:
