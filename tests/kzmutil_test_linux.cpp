@@ -1,11 +1,14 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <string>
 
 #include "kzmkernel.h"
 #include "kzmutil_test_platform.h"
@@ -73,6 +76,28 @@ TEST(InstallPathOnLinux, FollowsLinksToTheLibrarysOwnFile) {
     fs::create_symlink(libraries / "libkzmutil.so", folder.path() / "lib" / "libkzmutil.so");
     EXPECT_EQ(test::start(load_by_a_relative_path, (folder.path() / "lib").string()).reported_text(),
               libraries.parent_path());
+}
+
+CHILD(ask_a_library_without_a_file) {
+    test::set_environment("KZM_INSTALL_PATH", nullptr);
+    std::ifstream original(libraries / "libkzmutil.so", std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(original), {}};
+    const int file = memfd_create("library", 0);
+    if (write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) std::abort();
+    void* const library = dlopen(("/proc/self/fd/" + std::to_string(file)).c_str(), RTLD_NOW | RTLD_LOCAL);
+    const auto get = reinterpret_cast<int32_t (*)(char*, uint32_t)>(dlsym(library, "KzmutilGetInstallPath"));
+    std::string path(PATH_MAX, '#');
+    kzmkernel_set_last_error(4711);
+    test::report(static_cast<uint64_t>(get(path.data(), PATH_MAX)));
+    test::report(kzmkernel_last_error());
+    test::report_text(path == std::string(PATH_MAX, '#') ? "nothing written" : path.c_str());
+}
+
+TEST(InstallPathOnLinux, IsNotFoundForALibraryWithoutAFile) {
+    test::Child child = test::start(ask_a_library_without_a_file);
+    EXPECT_EQ(child.reported(), 0u);
+    EXPECT_EQ(child.reported(), 2u);
+    EXPECT_EQ(child.reported_text(), "nothing written");
 }
 
 }  // namespace
