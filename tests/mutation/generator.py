@@ -28,14 +28,15 @@ NUMBERS = (TypeKind.BOOL, TypeKind.INT, TypeKind.UINT, TypeKind.LONG, TypeKind.U
 class Mutant:
     """One change: `old` at `line` and `column` becomes `new`."""
 
-    def __init__(self, file, line, column, old, new, text, number):
-        self.file, self.line, self.column, self.old, self.new, self.text, self.number = file, line, column, old, new, text, number
+    def __init__(self, file, function, line, column, old, new, text, number):
+        self.file, self.function, self.line, self.column = file, function, line, column
+        self.old, self.new, self.text, self.number = old, new, text, number
 
     def change(self):
         return f'{self.old} -> {self.new}'
 
     def key(self):
-        return f'{self.file} | {self.text} | {self.column} | {self.change()}'
+        return f'{self.file} | {self.function} | {self.text} | {self.column} | {self.change()}'
 
 
 class Source:
@@ -47,12 +48,12 @@ class Source:
         self.mutants, self.left_out = [], collections.Counter()
         self.barred = set()  # lines on which the compiler refuses a mutant
         unit = cindex.Index.create().parse(path, arguments, options=cindex.TranslationUnit.PARSE_DETAILED_PROCESSING_RECORD)
+        self.unit = unit  # the cursors do not keep it
         errors = [str(one) for one in unit.diagnostics if one.severity >= cindex.Diagnostic.Error]
         if errors:
             raise SystemExit(f'scripts/mutate: clang cannot read {name}:\n' + '\n'.join(errors))
-        self.unit = unit
-        self.macros = [self.range(one) for one in unit.cursor.get_children()
-                       if one.kind == Kind.MACRO_INSTANTIATION and self.is_here(one) and self.slice(*self.range(one)).endswith(')')]
+        self.top = [one for one in unit.cursor.get_children() if self.is_here(one)]
+        self.macros = [self.range(one) for one in self.top if one.kind == Kind.MACRO_INSTANTIATION and self.slice(*self.range(one)).endswith(')')]
 
     def is_here(self, cursor):
         return cursor.location.file is not None and cursor.location.file.name == self.path
@@ -69,7 +70,7 @@ class Source:
         """The copy; numbers the mutants from `first` on."""
         self.mutants, self.left_out, self.next = [], collections.Counter({REFUSED: len(self.barred)}), first
         edits = []
-        self.functions(self.unit.cursor, edits)
+        self.functions(self.top, edits)
         return self.apply(0, len(self.bytes), edits)
 
     def apply(self, begin, end, edits):
@@ -79,20 +80,19 @@ class Source:
             at = stop
         return text + self.slice(at, end)
 
-    def functions(self, cursor, edits):
-        for child in cursor.get_children():
-            if cursor.kind == Kind.TRANSLATION_UNIT and not self.is_here(child):
-                continue
+    def functions(self, cursors, edits):
+        for child in cursors:
             if child.kind in FUNCTIONS and child.is_definition():
                 body = [one for one in child.get_children() if one.kind in (Kind.COMPOUND_STMT, Kind.CXX_TRY_STMT)]
                 head = self.slice(child.extent.start.offset, body[0].extent.start.offset) if body else ''
                 if re.search(r'\b(constexpr|consteval)\b', head):
                     self.count(child)
                 elif body:
+                    self.function = child.spelling
                     self.result = child.result_type if not re.search(r'\bauto\b', head) else None
                     self.visit(body[0], edits, child)
             elif child.kind in (Kind.NAMESPACE, Kind.LINKAGE_SPEC, Kind.CLASS_DECL, Kind.STRUCT_DECL, Kind.CLASS_TEMPLATE, Kind.UNEXPOSED_DECL):
-                self.functions(child, edits)
+                self.functions(child.get_children(), edits)
 
     def count(self, cursor, reason=CONSTANT):
         """Counts what would have been mutants."""
@@ -117,7 +117,7 @@ class Source:
         column = at - (self.bytes.rfind(b'\n', 0, at) + 1) + 1
         text = self.lines[line - 1]
         # The place within the line, counted from its first character: indentation may change.
-        mutant = Mutant(self.name, line, column - (len(text) - len(text.lstrip())), old, new, text.strip(), self.next)
+        mutant = Mutant(self.name, self.function, line, column - (len(text) - len(text.lstrip())), old, new, text.strip(), self.next)
         self.next += 1
         self.mutants.append(mutant)
         return mutant.number
