@@ -58,6 +58,17 @@ TEST_F(KzmLog, NeverRotatesWithASizeOfZero) {
     kzmlog_close(log);
 }
 
+TEST_F(KzmLog, MakesNoLockFileWithASizeOfZero) {
+    void* const log = open_log(0);
+    std::filesystem::remove_all(folder());
+    EXPECT_EQ(write(log, "folder made again"), 0);
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder()))
+        names.push_back(entry.path().filename().string());
+    EXPECT_THAT(names, ElementsAre("shmnm.log"));
+    kzmlog_close(log);
+}
+
 TEST_F(KzmLog, RotatesAtTheLargestSize) {
     void* const log = open_log(0xFFFFFFFF);
     EXPECT_EQ(write(log, "fits"), 0);

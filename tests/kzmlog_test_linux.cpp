@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "kzmlog.h"
@@ -55,6 +56,35 @@ TEST_F(KzmLog, LeavesNoDescriptorOpenBetweenTwoLines) {
     EXPECT_EQ(write(log, "x"), 0);
     EXPECT_EQ(flags_of_descriptor_for(file()), "");
     kzmlog_close(log);
+}
+
+std::ptrdiff_t open_descriptors() {
+    using std::filesystem::directory_iterator;
+    return std::distance(directory_iterator("/proc/self/fd"), directory_iterator());
+}
+
+TEST_F(KzmLog, LeavesNoDescriptorOpenAfterARotation) {
+    void* const log = open_log(1);
+    const std::ptrdiff_t before = open_descriptors();
+    for (int line = 0; line < 6; ++line) EXPECT_EQ(write(log, "x"), 0);
+    EXPECT_TRUE(std::filesystem::exists(file("shmnm.log.3")));
+    EXPECT_EQ(open_descriptors(), before);
+    kzmlog_close(log);
+}
+
+// A program may have closed its standard input.
+TEST_F(KzmLog, UsesDescriptorZeroAsAnyOther) {
+    in_fork([this] {
+        close(0);
+        void* const log = open_log(1);
+        EXPECT_EQ(fcntl(0, F_GETFD), -1);
+        for (const char* const line : {"1", "2", "3", "4", "5", "6"}) {
+            EXPECT_EQ(write(log, line), 0);
+            EXPECT_EQ(fcntl(0, F_GETFD), -1) << line;
+        }
+        EXPECT_THAT(kept_messages(), ElementsAre("3", "4", "5", "6"));
+        EXPECT_EQ(kzmlog_close(log), 0);
+    });
 }
 
 TEST_F(KzmLog, PassesItsDescriptorToNoOtherProgram) {
