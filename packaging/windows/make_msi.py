@@ -37,6 +37,7 @@ FEATURES = [
     # Name, title, description, level (1: installed unless it is left out, 100: only if it is asked for), components.
     ("Cluster", "shmnm", "The library, shmnmctl, the documents, and an example configuration.", 1, ("runtime", "tool")),
     ("Web", "shmnmweb", "The picture over HTTP.", 1, ("web",)),
+    ("Bridge", "shmnmbridge", "The pictures of several machines converge through etcd.", 1, ("bridge",)),
     ("Service", "Service", "A service of Windows that creates the region and holds it.", 100, ()),
     ("Development", "Development", "Headers, import libraries, and files for CMake and pkg-config.", 100, ("development",)),
 ]

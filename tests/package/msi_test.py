@@ -17,8 +17,8 @@ from binary_file import Pe
 NM = "x86_64-w64-mingw32-nm"
 WINE = PROJECT / "scripts/wine"
 LATER = "1.99.0"
-COMPONENTS = ("runtime", "tool", "web", "development")
-WITH_SERVICE = "ADDLOCAL=Cluster,Web,Service"
+COMPONENTS = ("runtime", "tool", "web", "bridge", "development")
+WITH_SERVICE = "ADDLOCAL=Cluster,Web,Bridge,Service"
 SERVICES = r"HKLM\SYSTEM\CurrentControlSet\Services"
 # The installer's results. The status of a Unix process has only their lowest byte.
 DONE, RESTART_NEEDED, FAILED = 0, 3010 % 256, 1603 % 256
@@ -54,7 +54,7 @@ class Installer(Place):
         cls.stage = cls.folder / "stage"
         for component in COMPONENTS:
             run("cmake", "--install", support.BUILD, "--component", component, "--prefix", cls.stage / component / "tree")
-        cls.first = {name: content for component in ("runtime", "tool", "web") for name, content in files(cls.stage / component / "tree").items()}
+        cls.first = {name: content for component in ("runtime", "tool", "web", "bridge") for name, content in files(cls.stage / component / "tree").items()}
         cls.development = files(cls.stage / "development/tree")
         cls.example = cls.first["share/doc/shmnm/examples/cluster.xml"]
 
@@ -66,7 +66,7 @@ class Installer(Place):
         (documents / "docs/abi.md").rename(documents / "docs/of_the_later_version.md")
         (documents / "CHANGELOG.md").write_text("the later version's\n")
         (documents / "examples/cluster.xml").write_text("<root/>\n")
-        cls.second = {name: content for component in ("runtime", "tool", "web") for name, content in files(later / component / "tree").items()}
+        cls.second = {name: content for component in ("runtime", "tool", "web", "bridge") for name, content in files(later / component / "tree").items()}
         cls.later_msi = cls.make(later, LATER, "later.msi")
 
         cls.prefix = cls.folder / "wine"
