@@ -126,6 +126,14 @@ TEST(SessionsOnWindows, HaveTheirOwnNamesBesideTheGlobalOnes) {
     CloseHandle(made);
 }
 
+TEST(InstallPathOnWindows, IsUtf8) {
+    const test::ScopedEnvironment restored("KZM_INSTALL_PATH", "");
+    ASSERT_TRUE(SetEnvironmentVariableW(L"KZM_INSTALL_PATH", L"C:\\\x041A\x043B \xD83D\xDDA5\\"));
+    char path[64];
+    ASSERT_TRUE(KzmutilGetInstallPath(path, sizeof path));
+    EXPECT_STREQ(path, "C:\\\xD0\x9A\xD0\xBB \xF0\x9F\x96\xA5");
+}
+
 bool is_inheritable(HANDLE object) {
     DWORD flags = 0;
     EXPECT_TRUE(GetHandleInformation(object, &flags));

@@ -127,6 +127,14 @@ class Settings(Files):
         self.refused("longer than 64 KiB", user="a", password_file=self.secret("x" * 70_000))
         self.refused("cannot use the secret in ", user="a", password_file=path(self.folder / "none"))
 
+    def test_a_password_is_found_in_every_folder(self):
+        for name in ("with blanks", "Программы 集群 \U0001F5A5", "/".join(letter * 100 for letter in "lmn")):
+            self.secret("x")
+            file = self.folder / name / "password"
+            file.parent.mkdir(parents=True)
+            (self.folder / "password").rename(file)
+            self.client(["http://127.0.0.1:1"], user="a", password_file=path(file))
+
     def test_a_password_does_not_cross_the_network_readable(self):
         self.refused("use https$", ["http://10.0.0.1:2379"], user="a", password_file=self.secret("x"))
 

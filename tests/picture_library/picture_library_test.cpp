@@ -301,6 +301,12 @@ TEST(PictureOfAFile, IsFoundByItsUnicodeName) {
     EXPECT_EQ(picture.result(), SHMNMPICTURE_OK) << picture.error();
 }
 
+TEST(PictureOfAFile, IsNamedInAsciiByItsError) {
+    const Opened picture = Opened::file("100%\u00E4.bin");
+    EXPECT_EQ(picture.result(), SHMNMPICTURE_ERR_NOT_A_DUMP);
+    EXPECT_THAT(picture.error(), StartsWith("cannot read 100%%C3%A4.bin: "));
+}
+
 TEST(PictureOfAFile, IsRefusedUnlessTheFileCanBeADump) {
     const test::TemporaryFolder folder;
     folder.write("short", std::string(1'000, '\1'));

@@ -28,12 +28,9 @@ TEST(CommandLine, EscapesQuotesAndTheBackslashesBeforeThem) {
 }
 
 TEST(CommandLine, TellsAServiceEvenIfItsOtherArgumentsAreWrong) {
-    const char* const service[] = {"shmnmctl", "serve", "--bogus", "--service"};
-    const char* const by_hand[] = {"shmnmctl", "serve"};
-    const char* const check[] = {"shmnmctl", "serve", "--service", "--check-arguments"};
-    EXPECT_TRUE(is_service(4, service));
-    EXPECT_FALSE(is_service(2, by_hand));
-    EXPECT_FALSE(is_service(4, check));
+    EXPECT_TRUE(is_service({"serve", "--bogus", "--service"}));
+    EXPECT_FALSE(is_service({"serve"}));
+    EXPECT_FALSE(is_service({"serve", "--service", "--check-arguments"}));
 }
 
 }  // namespace

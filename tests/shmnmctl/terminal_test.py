@@ -51,6 +51,25 @@ class OnATerminal(TerminalTest):
             rows[columns] = sum(line.startswith("lan/lanhb1") for line in terminal.lines)
         self.assertEqual(rows, {80: 2, 200: 1})
 
+    def test_states_have_their_colours(self):
+        api = self.many_servers()
+        api.ok("shmnm_setnodestat", "server003", 1)
+        terminal = Terminal(self, 80, 60, "status")
+        self.assertEqual(terminal.read_to_end(), 0)
+        self.assertFalse([line for line in terminal.lines if "[" in line], "no escape sequence is shown as text")
+
+        def color(line, text):
+            row = next(i for i, shown in enumerate(terminal.lines) if shown.startswith(line))
+            cell = terminal.screen.buffer[row][terminal.lines[row].rindex(text)]
+            return cell.fg
+
+        self.assertEqual(color("server003", "yes"), "green")
+        self.assertEqual(color("server004", "no"), "red")
+        plain = Terminal(self, 80, 60, "status", NO_COLOR="1")
+        plain.read_to_end()
+        self.assertEqual(plain.lines, terminal.lines)
+        self.assertEqual({cell.fg for row in plain.screen.buffer.values() for cell in row.values()} - {"default", "white"}, set())
+
     def test_a_long_name_is_shortened_visibly(self):
         api = self.region()
         api.ok("shmnm_addnode", "n" * 200, 1)

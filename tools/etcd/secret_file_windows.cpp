@@ -6,6 +6,7 @@
 #include "etcd/gateway.h"
 #include "etcd/secret_file.h"
 #include "security_windows.h"
+#include "wide_path.h"
 
 namespace etcd {
 namespace {
@@ -15,8 +16,8 @@ constexpr size_t largest = size_t{64} * 1'024;
 class File {
   public:
     explicit File(const std::string& name)
-        : handle_(CreateFileA(name.c_str(), GENERIC_READ | READ_CONTROL, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                              FILE_ATTRIBUTE_NORMAL, nullptr)) {}
+        : handle_(CreateFileW(wide_path::for_call(name).c_str(), GENERIC_READ | READ_CONTROL, FILE_SHARE_READ, nullptr,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)) {}
     ~File() {
         if (is_open()) CloseHandle(handle_);
     }

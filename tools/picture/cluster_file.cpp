@@ -200,9 +200,9 @@ std::string read_text(const std::string& file) {
     std::string text;
     if (kzmxml::read_file(file, kzmxml::size_limit, text)) return text;
     std::error_code unknown;
-    const auto status = std::filesystem::status(file, unknown);
+    const auto status = std::filesystem::status(platform::file(file), unknown);
     const bool is_something_else = std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
-    throw Error(ErrorKind::no_configuration, fmt::format("cannot read the configuration {}{}", printable(file),
+    throw Error(ErrorKind::no_configuration, fmt::format("cannot read the configuration {}{}", shown_file(file),
                                                          is_something_else ? ": it is not a regular file" : ""));
 }
 
@@ -213,14 +213,14 @@ std::string installed_cluster_file() {
     if (!KzmutilGetInstallPath(path, sizeof path)) {
         throw Error(ErrorKind::failed, "the installation path is unknown: set KZM_INSTALL_PATH");
     }
-    std::filesystem::path folder = std::string(path) + "/etc";
+    std::string folder = std::string(path) + "/etc";
     // The packages' etc is a link to a folder of /etc, where administrators look for it.
     std::error_code unknown;
-    if (std::filesystem::is_symlink(folder, unknown)) {
-        const auto followed = std::filesystem::canonical(folder, unknown);
-        if (!unknown) folder = followed;
+    if (std::filesystem::is_symlink(platform::file(folder), unknown)) {
+        const auto followed = std::filesystem::canonical(platform::file(folder), unknown).u8string();
+        if (!unknown) folder.assign(followed.begin(), followed.end());
     }
-    return folder.string() + "/cluster.xml";
+    return folder + "/cluster.xml";
 }
 
 CheckedClusterFile check_cluster_file(const std::string& file) {
@@ -238,7 +238,7 @@ ClusterFile read_cluster_file(const std::string& file) {
     if (problems.empty()) return std::move(checked.file);
     throw Error(
         ErrorKind::invalid_configuration,
-        fmt::format("invalid configuration {}, line {}: {}{}", printable(file), problems[0].line, problems[0].text,
+        fmt::format("invalid configuration {}, line {}: {}{}", shown_file(file), problems[0].line, problems[0].text,
                     problems.size() > 1
                         ? fmt::format("; {} more: \"shmnmctl verify --config\" lists all", problems.size() - 1)
                         : ""));

@@ -1,7 +1,10 @@
 #include "picture/escape.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
+#include <iterator>
 
 namespace picture {
 namespace {
@@ -40,6 +43,35 @@ std::string escaped_unless(const Stays& stays, std::string_view bytes) {
     return text;
 }
 
+/// The code points from first to last.
+struct Span {
+    uint32_t first, last;
+};
+/// Beyond ASCII: controls, spaces, what is invisible or changes the direction of text, half characters, what has no
+/// meaning or only a private one.
+constexpr Span not_shown[] = {{0x80, 0xA0},       {0xAD, 0xAD},       {0x61C, 0x61C},     {0x115F, 0x1160},
+                              {0x180B, 0x180F},   {0x2000, 0x200F},   {0x2028, 0x202F},   {0x205F, 0x206F},
+                              {0x3000, 0x3000},   {0x3164, 0x3164},   {0xD800, 0xF8FF},   {0xFDD0, 0xFDEF},
+                              {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},   {0xFFF0, 0xFFFF},
+                              {0x1D173, 0x1D17A}, {0x1FFFE, 0x1FFFF}, {0x2FFFE, 0x10FFFF}};
+
+/// The bytes of the character beyond ASCII that a text begins with; 0 if there is none that is to be shown.
+size_t visible_character(std::string_view text) {
+    const auto byte = [&](size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0u; };
+    const size_t size = (byte(0) & 0xE0) == 0xC0 ? 2 : (byte(0) & 0xF0) == 0xE0 ? 3 : (byte(0) & 0xF8) == 0xF0 ? 4 : 0;
+    if (size == 0) return 0;
+    uint32_t code = byte(0) & (0xFFu >> (size + 1));
+    for (size_t i = 1; i < size; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+        code = code << 6 | (byte(i) & 0x3F);
+    }
+    constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < least[size] || code > 0x10FFFF) return 0;
+    const bool is_shown = std::none_of(std::begin(not_shown), std::end(not_shown),
+                                       [&](const Span& span) { return code >= span.first && code <= span.last; });
+    return is_shown ? size : 0;
+}
+
 }  // namespace
 
 std::string escaped(std::string_view bytes) {
@@ -52,6 +84,18 @@ std::string printable(std::string_view bytes) {
 
 std::string as_typed(std::string_view bytes) {
     return escaped_unless(in_ascii, bytes);
+}
+
+std::string shown_file(std::string_view name) {
+    std::string text;
+    while (!name.empty()) {
+        const bool is_ascii = name[0] >= ' ' && name[0] <= '~';
+        const size_t shown = is_ascii ? 1 : visible_character(name);
+        const std::string_view part = name.substr(0, std::max<size_t>(shown, 1));
+        text += shown > 0 ? std::string(part) : as_typed(part);
+        name.remove_prefix(part.size());
+    }
+    return text;
 }
 
 std::optional<std::string> unescaped(std::string_view text) {

@@ -20,4 +20,9 @@ std::string printable(std::string_view bytes);
 /// For messages about what a user typed: keeps printable ASCII, and writes every other byte as %XX.
 std::string as_typed(std::string_view bytes);
 
+/// For file names in messages to people: keeps printable ASCII and the letters and signs of other scripts in UTF-8, and
+/// writes every other byte as %XX. Nothing that it keeps controls a terminal, is invisible or changes the direction of
+/// the text. Messages to programs are ASCII: give them as_typed() of the message.
+std::string shown_file(std::string_view name);
+
 }  // namespace picture

@@ -18,6 +18,16 @@ Error cannot(const char* what) {
             fmt::format("cannot {} the region {} {}", what, full_name(mapping_name), last_failure())};
 }
 
+Error cannot_create() {
+    constexpr uint32_t error_access_denied = 5;
+    const Error usual = cannot("create");
+    if (platform::last_error() != error_access_denied) return usual;
+    const std::string why = platform::why_not_created(platform::object_prefix() + mapping_name);
+    if (why.empty()) return usual;
+    return {ErrorKind::failed, fmt::format("cannot create the region {} (error {}): {}", full_name(mapping_name),
+                                           error_access_denied, why)};
+}
+
 }  // namespace
 
 HeldRegion HeldRegion::make_or_open(const Counts& counts) {
@@ -26,7 +36,7 @@ HeldRegion HeldRegion::make_or_open(const Counts& counts) {
     const uint64_t size = Layout(counts).size;
     void* const mapping = KzmutilCreateNamedFileMapping(no_file, page_read_write, static_cast<uint32_t>(size >> 32),
                                                         static_cast<uint32_t>(size), mapping_name);
-    if (!mapping) throw cannot("create");
+    if (!mapping) throw cannot_create();
     return {mapping, platform::last_error() != error_already_exists};
 }
 

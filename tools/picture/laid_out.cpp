@@ -74,10 +74,10 @@ std::string settle_dump(Snapshot& dump, const std::string& file) {
         return changed_maxima(header, *counts);
     }
     // No region has such maxima, so these bytes are no header.
-    if (size > most_bytes) throw Error(ErrorKind::not_a_dump, fmt::format("{} is not a dump", as_typed(file)));
+    if (size > most_bytes) throw Error(ErrorKind::not_a_dump, fmt::format("{} is not a dump", shown_file(file)));
     throw Error(ErrorKind::not_whole, fmt::format("{} was cut or is not a dump: it has {} bytes, and its header asks "
                                                   "for {} bytes",
-                                                  as_typed(file), dump.bytes.size(), size));
+                                                  shown_file(file), dump.bytes.size(), size));
 }
 
 std::string doubt_about(const Snapshot& live) {

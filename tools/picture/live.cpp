@@ -13,6 +13,7 @@
 #include "picture/escape.h"
 #include "picture/in_use.h"
 #include "picture/platform.h"
+#include "picture/repeated_copy.h"
 
 namespace picture {
 namespace {
@@ -324,20 +325,11 @@ void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t t
 void LiveRegion::copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const {
     snapshot.way = CopyWay::by_reader;
     fill(snapshot, view);
-    const uint64_t end_us = platform::steady_clock_us() + uint64_t{timeout_ms} * 1'000;
-    for (snapshot.tries = 2;; ++snapshot.tries) {
-        Snapshot next = snapshot;
+    const auto copy_again = [&](Snapshot& next) {
         forget(next);
         fill(next, view);
-        const bool is_equal = next.bytes == snapshot.bytes;
-        snapshot = std::move(next);
-        if (is_equal) return;
-        if (platform::steady_clock_us() < end_us) continue;
-        throw Error(ErrorKind::lock_timeout,
-                    fmt::format("the region changed during each of {} copies in {} ms, and this user has no right to "
-                                "its lock",
-                                snapshot.tries, timeout_ms));
-    }
+    };
+    repeat_until_equal(snapshot, copy_again, platform::steady_clock_us, timeout_ms);
 }
 
 std::optional<Snapshot> LiveRegion::try_copy(Bytes wanted, uint32_t lock_timeout_ms) {
@@ -422,7 +414,7 @@ void attach() {
         throw Error(ErrorKind::failed,
                     fmt::format("nothing was changed: {} failed with code {} ({}); put the "
                                 "configuration at {}",
-                                function.name, result, meaning(result), as_typed(installed_cluster_file())));
+                                function.name, result, meaning(result), shown_file(installed_cluster_file())));
     }
     expect_ok(function.name, result);
 }

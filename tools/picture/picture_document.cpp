@@ -331,7 +331,7 @@ Document document_in(std::vector<uint8_t> bytes, const std::string& file) {
             return document_from({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
         }
     } catch (const Error& error) {
-        throw Error(error.kind, fmt::format("cannot read {}: {}", printable(file), error.what()));
+        throw Error(error.kind, fmt::format("cannot read {}: {}", shown_file(file), error.what()));
     }
     return document_of(dump_of(std::move(bytes), file));
 }

@@ -2,12 +2,22 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "note.h"
 
 namespace picture::platform {
+
+/// The arguments of a program's main(), in UTF-8 on Windows.
+std::vector<std::string> arguments(int count, char** given);
+/// A path in UTF-8 on Windows, as the system's calls take it, however long it is.
+std::filesystem::path file(const std::string& path);
+/// Opens a file to write it anew, in bytes as written. @return null, with the reason in errno, when that fails
+std::FILE* open_to_write(const std::string& path);
 
 /// File name of the library, as the loader looks for it.
 extern const char* const library_file;
@@ -27,6 +37,9 @@ extern const bool has_readers;
 uint32_t last_error();
 /// The same in words, with what to do about it; "" where no more than the number is known.
 std::string explanation();
+/// Why an object cannot be created after the system has denied it, and what to do; "" if the reason is not known.
+/// @param[in] name  its full name
+std::string why_not_created(const std::string& name);
 /// The user, other than this one, for whom shared memory of this name lives, as far as the system tells.
 std::optional<std::string> other_user_of(const std::string& mapping);
 void close(void* handle);

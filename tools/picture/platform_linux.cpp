@@ -51,6 +51,13 @@ const char* state_text(char letter) {
 
 }  // namespace
 
+std::filesystem::path file(const std::string& path) {
+    return path;
+}
+std::FILE* open_to_write(const std::string& path) {
+    return std::fopen(path.c_str(), "wb");
+}
+
 const char* const library_file = "libkzmshmnm.so.1";
 
 void* load_module(const char* file) {
@@ -76,6 +83,9 @@ uint32_t last_error() {
 }
 std::string explanation() {
     return kzmkernel_explanation();
+}
+std::string why_not_created(const std::string&) {
+    return "";
 }
 std::optional<std::string> other_user_of(const std::string& mapping) {
     uint32_t user = 0;

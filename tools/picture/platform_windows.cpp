@@ -9,6 +9,7 @@
 
 #include "kzmutil.h"
 #include "setting_windows.h"
+#include "wide_path.h"
 
 namespace picture::platform {
 
@@ -22,7 +23,31 @@ std::string install_path() {
     return path;
 }
 
+/// Whether this process may create shared memory for all sessions.
+bool may_create_globally() {
+    DWORD session = 0;
+    if (ProcessIdToSessionId(GetCurrentProcessId(), &session) && session == 0) return true;
+    HANDLE token = nullptr;
+    PRIVILEGE_SET wanted{
+        .PrivilegeCount = 1, .Control = PRIVILEGE_SET_ALL_NECESSARY, .Privilege = {{{}, SE_PRIVILEGE_ENABLED}}};
+    BOOL has_it = TRUE;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+        if (LookupPrivilegeValueW(nullptr, L"SeCreateGlobalPrivilege", &wanted.Privilege[0].Luid)) {
+            PrivilegeCheck(token, &wanted, &has_it);
+        }
+        CloseHandle(token);
+    }
+    return has_it != FALSE;
+}
+
 }  // namespace
+
+std::filesystem::path file(const std::string& path) {
+    return wide_path::for_call(path);
+}
+std::FILE* open_to_write(const std::string& path) {
+    return _wfopen(wide_path::for_call(path).c_str(), L"wb");
+}
 
 const char* const library_file = "kzmshmnm.dll";
 
@@ -44,8 +69,11 @@ void* symbol(void* module, const char* name) {
 }
 
 std::string object_prefix() {
+    // A message about a failure asks for the prefix, and for the failure's number.
+    const DWORD before = GetLastError();
     std::string prefix;
     kzmutil::read_setting("KZMUTIL_NAMESPACE", install_path, prefix);
+    SetLastError(before);
     return prefix;
 }
 const bool has_readers = true;
@@ -55,6 +83,16 @@ uint32_t last_error() {
 }
 std::string explanation() {
     return "";
+}
+std::string why_not_created(const std::string& name) {
+    if (!name.starts_with("Global\\") || may_create_globally()) return "";
+    // An object that exists is denied by its own access list.
+    const HANDLE mapping = OpenFileMappingW(FILE_MAP_READ, FALSE, wide_path::to_wide(name).c_str());
+    const bool exists = mapping || GetLastError() != ERROR_FILE_NOT_FOUND;
+    if (mapping) CloseHandle(mapping);
+    if (exists) return "";
+    return "below Global\\ this takes the privilege \"Create global objects\"; run this as a service or as an "
+           "administrator with elevated rights, or give the privilege to this account";
 }
 /// Objects of other sessions cannot be looked for.
 std::optional<std::string> other_user_of(const std::string&) {

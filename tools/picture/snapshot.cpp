@@ -13,6 +13,7 @@
 
 #include "picture/error.h"
 #include "picture/escape.h"
+#include "picture/platform.h"
 #include "shmnm.h"
 
 namespace picture {
@@ -42,7 +43,7 @@ Counts Snapshot::header_counts() const {
 namespace {
 
 [[noreturn]] void refuse(const std::string& file, const std::string& why) {
-    throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", printable(file), why));
+    throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", shown_file(file), why));
 }
 
 /// @param[in] stream  of the file, opened just now
@@ -61,9 +62,8 @@ std::vector<uint8_t> read_opened(std::ifstream& stream, const std::string& file)
     return bytes;
 }
 
-/// The bytes of the file at a place that is a path or a name.
-template <typename Place>
-std::vector<uint8_t> read_at(const Place& place, const std::string& file) {
+/// The bytes of the file at a place.
+std::vector<uint8_t> read_at(const std::filesystem::path& place, const std::string& file) {
     std::error_code error;
     if (std::filesystem::is_directory(place, error)) refuse(file, "it is a folder");
     errno = 0;
@@ -73,7 +73,8 @@ std::vector<uint8_t> read_at(const Place& place, const std::string& file) {
 
 std::filesystem::path path_of_utf8(const std::string& file) {
     try {
-        return std::u8string(file.begin(), file.end());
+        static_cast<void>(std::filesystem::path(std::u8string(file.begin(), file.end())));
+        return platform::file(file);
     } catch (const std::system_error&) {
         refuse(file, "its name is not UTF-8");
     }
@@ -94,7 +95,7 @@ Snapshot to_dump(std::vector<uint8_t> bytes, const std::string& file) {
 }  // namespace
 
 std::vector<uint8_t> read_file(const std::string& file) {
-    return read_at(file, file);
+    return read_at(platform::file(file), file);
 }
 
 Snapshot read_dump(const std::string& file) {

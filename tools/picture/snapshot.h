@@ -69,7 +69,7 @@ std::vector<uint8_t> read_file(const std::string& file);
 /// Reads a dump.
 /// @throws Error  it cannot be read, or is smaller than a header or larger than 2^32 bytes
 Snapshot read_dump(const std::string& file);
-/// The same for a name in UTF-8 on Windows, where names are otherwise in the process's code page.
+/// The same for a name that has to be UTF-8 on Windows, where read_dump() also takes one in the process's code page.
 Snapshot read_dump_of_utf8_name(const std::string& file);
 /// The same from the bytes of a file.
 Snapshot dump_of(std::vector<uint8_t> bytes, const std::string& file);

@@ -31,9 +31,10 @@ std::wstring command_line(const std::wstring& program, const std::vector<std::ws
     return line;
 }
 
-bool is_service(int count, const char* const* arguments) {
-    const std::vector<std::string> all(arguments, arguments + count);
-    const auto has = [&](const char* word) { return std::find(all.begin(), all.end(), word) != all.end(); };
+bool is_service(const std::vector<std::string>& arguments) {
+    const auto has = [&](const char* word) {
+        return std::find(arguments.begin(), arguments.end(), word) != arguments.end();
+    };
     return has("--service") && !has("--check-arguments");
 }
 

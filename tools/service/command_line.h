@@ -14,6 +14,6 @@ std::wstring quoted(const std::wstring& argument);
 std::wstring command_line(const std::wstring& program, const std::vector<std::wstring>& arguments);
 
 /// Whether the service manager was to start a program with these arguments, even if they are otherwise wrong.
-bool is_service(int count, const char* const* arguments);
+bool is_service(const std::vector<std::string>& arguments);
 
 }  // namespace service

@@ -1,7 +1,7 @@
 #include "service/control_manager_windows.h"
 
 #include "service/calls_windows.h"
-#include "service/text_windows.h"
+#include "wide_path.h"
 
 #include <fmt/format.h>
 
@@ -54,8 +54,8 @@ std::string advice(DWORD error) {
 
 [[noreturn]] void fail(const char* what, const std::wstring& name, DWORD error) {
     throw picture::Error(picture::ErrorKind::failed,
-                         fmt::format("cannot {} the service {} (error {}): {}", what, picture::as_typed(narrow(name)),
-                                     error, advice(error)));
+                         fmt::format("cannot {} the service {} (error {}): {}", what,
+                                     picture::shown_file(wide_path::to_utf8(name)), error, advice(error)));
 }
 
 [[noreturn]] void fail(const char* what, const std::wstring& name) {

@@ -5,7 +5,7 @@
 
 #include "messages.h"
 #include "service/calls_windows.h"
-#include "service/text_windows.h"
+#include "wide_path.h"
 
 namespace service {
 namespace {
@@ -59,7 +59,7 @@ std::string without_inserts(const std::string& text) {
 void write_event(const std::wstring& source, Event event, const std::string& what) {
     const HANDLE log = calls().register_source(nullptr, source.c_str());
     if (!log) return;
-    const std::wstring details = wide(without_inserts(what));
+    const std::wstring details = wide_path::to_wide(without_inserts(what));
     std::array<const wchar_t*, 2> texts{source.c_str(), details.c_str()};
     const DWORD id = id_of(event);
     calls().report_event(log, type_of(id), 0, id, nullptr, static_cast<WORD>(texts.size()), 0, texts.data(), nullptr);

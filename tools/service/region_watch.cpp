@@ -40,14 +40,14 @@ std::string configuration_problem(const picture::Counts& of_region) {
         return fmt::format(
             "{} has {}, but the live region has {}. Put the region's counts into it: a process that "
             "attaches writes its own into the region.",
-            picture::printable(file), to_text(*now), to_text(of_region));
+            picture::shown_file(file), to_text(*now), to_text(of_region));
     }
     try {
         static_cast<void>(picture::read_cluster_file(file));
     } catch (const picture::Error& error) {
         return fmt::format("{}. Put it back: no process can attach without it.", error.what());
     }
-    return fmt::format("{} cannot be read. Put it back: no process can attach without it.", picture::printable(file));
+    return fmt::format("{} cannot be read. Put it back: no process can attach without it.", picture::shown_file(file));
 }
 
 }  // namespace service

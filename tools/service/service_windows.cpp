@@ -11,7 +11,6 @@
 #include "picture/error.h"
 #include "service/calls_windows.h"
 #include "service/event_log_windows.h"
-#include "service/text_windows.h"
 
 namespace service {
 namespace {

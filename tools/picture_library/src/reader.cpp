@@ -6,6 +6,7 @@
 
 #include "picture/answers.h"
 #include "picture/decode.h"
+#include "picture/escape.h"
 #include "picture/interrupted.h"
 #include "picture/json.h"
 #include "picture/laid_out.h"
@@ -98,7 +99,7 @@ Reader::Decoded& Reader::decoded() {
             copy_->live ? picture::doubt_about(*copy_) : picture::settle_dump(settled.emplace(*copy_), options_.file);
     } catch (const Error& error) {
         if (!options_.force) throw;
-        warning = error.what();
+        warning = picture::as_typed(error.what());
     }
     const Snapshot& shown = settled ? *settled : *copy_;
     decoded_.emplace(

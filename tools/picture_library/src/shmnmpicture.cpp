@@ -60,7 +60,7 @@ int32_t result_of(ErrorKind kind) {
 
 int32_t failed(Opened& picture, int32_t result, const char* why) {
     try {
-        picture.error = why;
+        picture.error = picture::as_typed(why);
         picture.shown_error = picture.error.c_str();
         return result;
     } catch (const std::bad_alloc&) {

@@ -13,6 +13,7 @@
 #include "picture/escape.h"
 #include "picture/laid_out.h"
 #include "region_source.h"
+#include "session.h"
 
 namespace shmnmctl {
 
@@ -30,7 +31,7 @@ Snapshot look(const Context& context) {
         doubt = snapshot.live ? doubt_about(snapshot) : settle_dump(snapshot, context.file);
     } catch (const Error& error) {
         if (!context.force && error.kind == ErrorKind::not_whole) {
-            const std::string file = as_typed(context.file);
+            const std::string file = shown_file(context.file);
             throw Failure(Exit::failed, fmt::format("{}; \"shmnmctl verify {}\" checks it, \"shmnmctl status --force "
                                                     "{}\" shows what there is",
                                                     error.what(), file, file));
@@ -38,7 +39,7 @@ Snapshot look(const Context& context) {
         if (!context.force) throw;
         doubt = error.what();
     }
-    if (!doubt.empty()) std::fputs(warning(doubt, context.json()).c_str(), stderr);
+    if (!doubt.empty()) write_error(warning(doubt, context.json()));
     return snapshot;
 }
 
@@ -53,7 +54,16 @@ std::string read_standard_input() {
     return text;
 }
 
+void write_error(const std::string& text) {
+    if (session::write_to_console(stderr, text) == session::Written::is_no_console) std::fputs(text.c_str(), stderr);
+}
+
 void write_output(std::string_view text) {
+    const session::Written to_console = session::write_to_console(stdout, text);
+    if (to_console == session::Written::all) return;
+    if (to_console == session::Written::not_all) {
+        throw Failure(Exit::failed, "cannot write to standard output: the console does not accept it");
+    }
     errno = 0;
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
     if (written) return;

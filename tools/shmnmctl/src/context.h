@@ -46,6 +46,9 @@ Snapshot look_unjudged(const Context& context, Bytes wanted);
 /// @throws Failure  it is closed or full
 void write_output(std::string_view text);
 
+/// Writes to standard error.
+void write_error(const std::string& text);
+
 /// All bytes of standard input.
 std::string read_standard_input();
 

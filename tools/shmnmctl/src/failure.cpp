@@ -103,14 +103,14 @@ std::string to_text(const Failure& failure, bool json) {
     if (!json) return std::string(failure.what()) + "\n";
     picture::Json document = picture::document("error");
     document["status"] = static_cast<int>(failure.exit);
-    document["message"] = failure.what();
+    document["message"] = picture::as_typed(failure.what());
     return picture::line(document);
 }
 
 std::string warning(const std::string& line, bool json) {
     if (!json) return "shmnmctl: warning: " + line + "\n";
     picture::Json document = picture::document("warning");
-    document["message"] = line;
+    document["message"] = picture::as_typed(line);
     return picture::line(document);
 }
 

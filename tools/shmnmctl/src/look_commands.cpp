@@ -12,6 +12,7 @@
 #include "picture/escape.h"
 #include "picture/json.h"
 #include "picture/keys.h"
+#include "picture/platform.h"
 #include "picture/spelling.h"
 
 namespace shmnmctl {
@@ -57,11 +58,11 @@ Exit dump(const Context& context, const std::string& name) {
         write_output(bytes);
         return Exit::done;
     }
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(name.c_str(), "wb"), std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(platform::open_to_write(name), std::fclose);
     const bool written =
         file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() && std::fflush(file.get()) == 0;
     if (!written) {
-        throw Failure(Exit::failed, fmt::format("cannot write {}: {}", as_typed(name), std::strerror(errno)));
+        throw Failure(Exit::failed, fmt::format("cannot write {}: {}", shown_file(name), std::strerror(errno)));
     }
     if (context.json()) {
         Json answer = document("dump");

@@ -169,7 +169,7 @@ std::string text_of(const std::vector<View>& all) {
     Sheet sheet;
     sheet.groups.push_back({table_of_machines(all)});
     sheet.groups.push_back({table_of_servers(all)});
-    const bool colors = terminal.is_terminal && wants_colors() && session::enable_escapes();
+    const bool colors = terminal.is_terminal && wants_colors() && session::has_colors();
     std::string text = to_text(sheet, {.columns = terminal.columns, .colors = colors});
     for (const View& view : all) {
         if (!view.picture) text += fmt::format("\n{} cannot be read: {}\n", view.machine.name, view.problem);

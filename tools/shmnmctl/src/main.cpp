@@ -1,10 +1,8 @@
 // shmnmctl: shows, changes and checks the picture of the cluster, and waits for changes of it.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
 #include <exception>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "completion.h"
@@ -13,6 +11,7 @@
 #include "failure.h"
 #include "machines.h"
 #include "picture/installation.h"
+#include "picture/platform.h"
 #include "service/command_line.h"
 #include "service/service.h"
 #include "session.h"
@@ -25,7 +24,7 @@ using namespace shmnmctl;
 int report(const Failure& failure, bool json, service::Event event = service::Event::failed) {
     service::tell(event, failure.what());
     const std::string text = (json ? "" : "shmnmctl: ") + to_text(failure, json);
-    std::fputs(text.c_str(), stderr);
+    write_error(text);
     return static_cast<int>(failure.exit);
 }
 
@@ -64,21 +63,21 @@ int run(Context& context) {
 }
 
 /// Whether the command line asks for JSON, even if it is otherwise wrong.
-bool asks_for_json(int count, char** arguments) {
-    for (int i = 1; i < count; ++i) {
-        const std::string argument = arguments[i];
+bool asks_for_json(const std::vector<std::string>& arguments) {
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
         if (argument == "--format=json") return true;
-        if (argument == "--format" && i + 1 < count && std::string(arguments[i + 1]) == "json") return true;
+        if (argument == "--format" && i + 1 < arguments.size() && arguments[i + 1] == "json") return true;
         if (argument == "--") return false;
     }
     return false;
 }
 
 /// What is wrong with a command line. A service connects to its manager even if it can only fail.
-int refuse(const Failure& failure, int count, char** arguments) {
+int refuse(const Failure& failure, const std::vector<std::string>& arguments) {
     Context context;
-    context.format = asks_for_json(count, arguments) ? "json" : "text";
-    context.is_service = service::is_service(count, arguments);
+    context.format = asks_for_json(arguments) ? "json" : "text";
+    context.is_service = service::is_service(arguments);
     context.command = [&failure]() -> Exit { throw failure; };
     return run(context);
 }
@@ -90,8 +89,7 @@ Exit show(const std::string& text) {
 
 /// The arguments in reverse order, as the parser expects them. A blank before a negative number keeps the parser from
 /// taking it for an option; numbers may begin with a blank.
-std::vector<std::string> arguments_of(int count, char** arguments) {
-    std::vector<std::string> all(arguments + 1, arguments + count);
+std::vector<std::string> to_parser(std::vector<std::string> all) {
     for (std::string& argument : all) {
         if (argument == "--") break;
         if (argument.size() > 1 && argument[0] == '-' && argument[1] >= '0' && argument[1] <= '9')
@@ -121,11 +119,7 @@ int main(int argc, char** argv) {
               .plain = PlainUnit::milliseconds});
     app.add_flag_callback(
         "--verbose",
-        [&context] {
-            context.access.tell = [](const std::string& what) {
-                std::fputs(("shmnmctl: " + what + "\n").c_str(), stderr);
-            };
-        },
+        [&context] { context.access.tell = [](const std::string& what) { write_error("shmnmctl: " + what + "\n"); }; },
         "Tell the full names of the kernel objects that are opened");
     add_from(app, context);
     add_status_command(app, context);
@@ -140,21 +134,22 @@ int main(int argc, char** argv) {
     add_holders_command(app, context);
     add_serve_command(app, context);
     add_service_command(app, context);
-    if (argc > 1 && std::string_view(argv[1]) == completion_word) {
-        context.command = [&app, argc, argv] { return show(completion(app, {argv + 2, argv + argc})); };
+    const std::vector<std::string> arguments = picture::platform::arguments(argc, argv);
+    if (!arguments.empty() && arguments[0] == completion_word) {
+        context.command = [&] { return show(completion(app, {arguments.begin() + 1, arguments.end()})); };
         return run(context);
     }
     try {
-        app.parse(arguments_of(argc, argv));
+        app.parse(to_parser(arguments));
         refuse_from(app, context);
     } catch (const CLI::CallForHelp&) {
         context.command = [&app] { return show(app.help()); };
     } catch (const CLI::CallForVersion& version) {
         context.command = [text = std::string(version.what()) + "\n"] { return show(text); };
     } catch (const CLI::ParseError& error) {
-        return refuse(usage_failure(app, error), argc, argv);
+        return refuse(usage_failure(app, error), arguments);
     } catch (const Failure& failure) {
-        return refuse(failure, argc, argv);
+        return refuse(failure, arguments);
     }
     return run(context);
 }

@@ -1,7 +1,6 @@
 #include "region_source.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace shmnmctl {
 namespace {
@@ -26,7 +25,7 @@ RegionSource::RegionSource(const Context& context, bool may_warn) : may_warn_(ma
 
 void RegionSource::warn_of(const Snapshot& snapshot) {
     if (!may_warn_ || snapshot.way != CopyWay::by_reader) return;
-    std::fputs(warning(read_without_lock, json_).c_str(), stderr);
+    write_error(warning(read_without_lock, json_));
     may_warn_ = false;
 }
 

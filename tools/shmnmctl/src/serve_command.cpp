@@ -53,7 +53,7 @@ class Created {
         if (result == SHMNM_OK) return;
         throw Failure(Exit::failed, fmt::format("shmnm_create failed with code {} ({}); {}", result, meaning(result),
                                                 result == SHMNM_ERR_LOADCONFIG
-                                                    ? fmt::format("put the configuration at {}", printable(installed))
+                                                    ? fmt::format("put the configuration at {}", shown_file(installed))
                                                     : "see the trace log"));
     }
     ~Created() { library().shmnm_delete(); }
@@ -93,8 +93,8 @@ void expect_counts(const HeldRegion& held, const Counts& wanted, const std::stri
     }
     throw Error(ErrorKind::region_refused,
                 fmt::format("nothing was written: the live region {} has {} in {} bytes, {} has {} in {} bytes{}",
-                            full_name(mapping_name), to_text(size.counts), size.bytes, printable(file), to_text(wanted),
-                            in_pages(Layout(wanted).size), advice));
+                            full_name(mapping_name), to_text(size.counts), size.bytes, shown_file(file),
+                            to_text(wanted), in_pages(Layout(wanted).size), advice));
 }
 
 /// Makes the region, or takes hold of the live one. All of it happens under the lock, so that others who serve find the
@@ -208,7 +208,7 @@ Exit serve(const Context& context, ServeOptions options) {
             Exit::failed,
             fmt::format("{} has {}, but every process lays the region out by {}, which has {}; make "
                         "them equal",
-                        printable(options.file), to_text(file.counts), printable(installed), to_text(*configured)));
+                        shown_file(options.file), to_text(file.counts), shown_file(installed), to_text(*configured)));
     }
     session::catch_stop();
     // The lock may be waited for twice.

@@ -10,9 +10,9 @@
 #include "picture/escape.h"
 #include "service/command_line.h"
 #include "service/control_manager_windows.h"
-#include "service/text_windows.h"
 #include "service_command.h"
 #include "session.h"
+#include "wide_path.h"
 
 namespace shmnmctl {
 namespace {
@@ -20,9 +20,9 @@ namespace {
 using service::ControlManager;
 using service::Definition;
 using service::Installed;
-using service::narrow;
 using service::Phase;
-using service::wide;
+using wide_path::to_utf8;
+using wide_path::to_wide;
 
 constexpr uint32_t look_ms = 100;
 
@@ -43,10 +43,10 @@ class Service {
     Exit status() const;
 
   private:
-    std::string shown_name() const { return as_typed(name_); }
+    std::string shown_name() const { return shown_file(name_); }
     /// Another command for the same service.
     std::string command(const char* action) const;
-    std::optional<Installed> find() const { return manager_.find(wide(name_)); }
+    std::optional<Installed> find() const { return manager_.find(to_wide(name_)); }
     Installed find_installed() const;
     std::string program_by_hand() const { return request_.web ? "shmnmweb" : "shmnmctl serve"; }
 
@@ -83,7 +83,7 @@ std::vector<std::wstring> with_full_paths(const std::vector<std::string>& argume
     std::vector<std::wstring> all;
     bool is_file = false;
     for (const std::string& argument : arguments) {
-        const std::wstring text = wide(argument);
+        const std::wstring text = to_wide(argument);
         const size_t equals = text.find(L'=');
         const bool is_option = std::find(options.begin(), options.end(), text.substr(0, equals)) != options.end();
         if (is_file) {
@@ -119,19 +119,19 @@ std::vector<std::wstring> kept_variables() {
 std::wstring password_in(const std::string& name) {
     std::string line;
     std::ifstream file;
-    if (name != "-") file.open(std::filesystem::path(wide(name)));
+    if (name != "-") file.open(platform::file(name));
     std::istream& stream = name == "-" ? std::cin : file;
     if (!std::getline(stream, line)) {
         throw Failure(Exit::failed, fmt::format("cannot read a password from {}; write it into the first line",
-                                                name == "-" ? "standard input" : as_typed(name)));
+                                                name == "-" ? "standard input" : shown_file(name)));
     }
     if (line.ends_with('\r')) line.pop_back();
-    return wide(line);
+    return to_wide(line);
 }
 
 std::string Service::command(const char* action) const {
     return fmt::format("\"shmnmctl service {}{}{}\"", action, request_.web ? " --web" : "",
-                       request_.name.empty() ? "" : " --name " + as_typed(request_.name));
+                       request_.name.empty() ? "" : " --name " + shown_file(request_.name));
 }
 
 Installed Service::find_installed() const {
@@ -147,8 +147,8 @@ Definition Service::definition() const {
     if (request_.web) {
         program = tool.substr(0, tool.rfind(L'\\') + 1) + L"shmnmweb.exe";
         if (GetFileAttributesW(program.c_str()) == INVALID_FILE_ATTRIBUTES) {
-            throw Failure(Exit::failed,
-                          fmt::format("there is no {}; install shmnmweb beside shmnmctl", as_typed(narrow(program))));
+            throw Failure(Exit::failed, fmt::format("there is no {}; install shmnmweb beside shmnmctl",
+                                                    shown_file(to_utf8(program))));
         }
     } else {
         arguments.emplace_back(L"serve");
@@ -157,12 +157,12 @@ Definition Service::definition() const {
     const std::vector<std::wstring> more = with_full_paths(request_.arguments);
     arguments.insert(arguments.end(), more.begin(), more.end());
     Definition definition;
-    definition.name = wide(name_);
+    definition.name = to_wide(name_);
     definition.description = request_.web
                                  ? L"Shows the picture of this machine's failover cluster over HTTP."
                                  : L"Creates the region that this machine's failover cluster shares, and holds it.";
     definition.command_line = service::command_line(program, arguments);
-    definition.account = wide(request_.account);
+    definition.account = to_wide(request_.account);
     if (!request_.password_file.empty()) definition.password = password_in(request_.password_file);
     definition.environment = kept_variables();
     definition.message_file = tool;
@@ -172,7 +172,7 @@ Definition Service::definition() const {
 /// Lets the program judge its arguments, so that a misspelt one is noticed now and not when the system starts.
 Exit Service::check_arguments(const Definition& definition) const {
     if (request_.arguments.empty()) return Exit::done;
-    const std::string program = narrow(definition.command_line.substr(1, definition.command_line.find(L'"', 1) - 1));
+    const std::string program = to_utf8(definition.command_line.substr(1, definition.command_line.find(L'"', 1) - 1));
     std::vector<std::string> command{program};
     if (!request_.web) command.insert(command.end(), {"--format", context_.format, "serve"});
     command.insert(command.end(), {"--service", "--check-arguments"});
@@ -214,18 +214,18 @@ void Service::await(const char* what, const std::function<bool(const Installed&)
 }
 
 void Service::stop_running() {
-    manager_.stop(wide(name_));
+    manager_.stop(to_wide(name_));
     await("stop", [](const Installed& installed) { return installed.has_ended(); });
 }
 
 Exit Service::remove() {
     const auto installed = find();
     if (!installed) {
-        service::remove_event_source(wide(name_));
+        service::remove_event_source(to_wide(name_));
         return answer(fmt::format("the service {} is not installed", shown_name()), false);
     }
     if (!installed->has_ended()) stop_running();
-    manager_.remove(wide(name_));
+    manager_.remove(to_wide(name_));
     return answer(fmt::format("the service {} is removed", shown_name()), true);
 }
 
@@ -233,7 +233,7 @@ Exit Service::start() {
     if (find_installed().is_running()) {
         return answer(fmt::format("the service {} is already running", shown_name()), false);
     }
-    manager_.start(wide(name_));
+    manager_.start(to_wide(name_));
     await("get ready", [&](const Installed& installed) {
         if (!installed.has_ended()) return installed.is_running();
         throw Failure(Exit::failed,
@@ -277,7 +277,7 @@ std::string Service::state_text(const Installed& installed) const {
 
 Json Service::to_json(const std::optional<Installed>& installed) const {
     Json one = document("service");
-    one["name"] = shown_name();
+    one["name"] = as_typed(name_);
     one["installed"] = installed.has_value();
     if (!installed) return one;
     constexpr std::array phases{"stopped", "starting", "stopping", "running", "paused"};
@@ -286,12 +286,12 @@ Json Service::to_json(const std::optional<Installed>& installed) const {
     one["process"] = installed->has_ended() ? Json() : Json(installed->process);
     one["error"] = installed->error;
     one["exit_status"] = installed->exit;
-    one["account"] = as_typed(narrow(installed->account));
+    one["account"] = as_typed(to_utf8(installed->account));
     one["start"] = installed->is_disabled ? "disabled" : installed->is_automatic ? "automatic" : "by hand";
-    one["command_line"] = as_typed(narrow(installed->command_line));
+    one["command_line"] = as_typed(to_utf8(installed->command_line));
     one["environment"] = Json::array();
     for (const std::wstring& variable : installed->environment) {
-        one["environment"].push_back(as_typed(narrow(variable)));
+        one["environment"].push_back(as_typed(to_utf8(variable)));
     }
     return one;
 }
@@ -305,7 +305,7 @@ Exit Service::status() const {
     } else {
         std::string text = fmt::format("{}: {}\n", shown_name(), state_text(*installed));
         const auto row = [&](const char* what, const std::wstring& value) {
-            text += fmt::format("  {:<9} {}\n", what, as_typed(narrow(value)));
+            text += fmt::format("  {:<9} {}\n", what, shown_file(to_utf8(value)));
         };
         row("account", installed->account);
         row("start", installed->is_disabled ? L"disabled" : installed->is_automatic ? L"automatic" : L"by hand");

@@ -39,7 +39,7 @@ std::string page(const Snapshot& snapshot, const Sheet& sheet) {
     const session::Terminal terminal = session::terminal();
     std::string text;
     for (const std::string& warning : warnings(snapshot)) text += warning + "\n";
-    const bool colors = terminal.is_terminal && wants_colors() && session::enable_escapes();
+    const bool colors = terminal.is_terminal && wants_colors() && session::has_colors();
     return text + to_text(sheet, {.columns = columns(terminal), .colors = colors});
 }
 
@@ -102,12 +102,12 @@ std::vector<std::string> take_file(std::vector<std::string> arguments, Context& 
     std::for_each(arguments.begin(), first_file, expect_prefix);
     for (auto file = first_file; file != arguments.end(); ++file) {
         if (!context.file.empty()) {
-            throw Failure(Exit::usage, fmt::format("cannot read both {} and {}: name one dump", as_typed(context.file),
-                                                   as_typed(*file)));
+            throw Failure(Exit::usage, fmt::format("cannot read both {} and {}: name one dump",
+                                                   shown_file(context.file), shown_file(*file)));
         }
         std::error_code error;
         // What is neither a file nor like a key is refused as a file.
-        if (!std::filesystem::exists(*file, error) && is_like_area(*file)) expect_prefix(*file);
+        if (!std::filesystem::exists(platform::file(*file), error) && is_like_area(*file)) expect_prefix(*file);
         context.file = *file;
     }
     arguments.erase(first_file, arguments.end());

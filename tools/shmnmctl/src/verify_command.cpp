@@ -44,7 +44,7 @@ Exit verify_configuration(const Context& context, const std::string& file) {
         text = line(answer);
     } else {
         for (const ConfigurationProblem& problem : problems) {
-            text += fmt::format("{}:{}: {}\n", printable(file), problem.line, problem.text);
+            text += fmt::format("{}:{}: {}\n", shown_file(file), problem.line, problem.text);
         }
     }
     write_output(text);

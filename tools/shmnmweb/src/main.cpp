@@ -15,6 +15,7 @@
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/installation.h"
+#include "picture/platform.h"
 #include "sampler.h"
 #include "server.h"
 #include "service/command_line.h"
@@ -182,13 +183,14 @@ int main(int argc, char** argv) {
     app.add_flag("--service", options.as_service)->group("");
     app.add_flag("--check-arguments", options.only_check_arguments)->group("");
     app.footer("Exit status: 0 stopped by a signal; 2 wrong usage; 5 it could not start, or failed.");
+    const std::vector<std::string> arguments = picture::platform::arguments(argc, argv);
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::Success& asked_for) {
         return app.exit(asked_for);
     } catch (const CLI::ParseError& error) {
         const std::string what = picture::printable(error.what()) + "; see \"shmnmweb --help\"";
-        return run(service::is_service(argc, argv), [&] { return report(usage, what); });
+        return run(service::is_service(arguments), [&] { return report(usage, what); });
     }
     if (options.only_check_arguments) return done;
     return run(options.as_service, [&] { return serve_and_report(options); });

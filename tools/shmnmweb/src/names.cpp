@@ -13,6 +13,7 @@
 #include "picture/escape.h"
 #include "picture/json.h"
 #include "picture/pattern.h"
+#include "picture/platform.h"
 #include "picture/value.h"
 
 namespace shmnmweb {
@@ -25,7 +26,7 @@ constexpr std::array levels{"ok", "none", "unknown", "warning", "bad"};
 
 [[noreturn]] void refuse(const std::string& file, const std::string& why) {
     throw picture::Error(ErrorKind::failed,
-                         fmt::format("cannot use the names in {}: {}", picture::printable(file), why));
+                         fmt::format("cannot use the names in {}: {}", picture::shown_file(file), why));
 }
 
 /// A member of an object that is a text; nothing if there is none.
@@ -39,7 +40,7 @@ std::optional<std::string> text_member(const Json& object, const char* name) {
 
 Names::Names(const std::string& file) {
     errno = 0;
-    std::ifstream stream(file, std::ios::binary);
+    std::ifstream stream(picture::platform::file(file), std::ios::binary);
     text_.assign(std::istreambuf_iterator<char>(stream), {});
     if (!stream.is_open() || stream.bad()) refuse(file, std::strerror(errno));
     const Json names = Json::parse(text_, nullptr, false);

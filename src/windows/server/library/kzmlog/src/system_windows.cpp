@@ -1,6 +1,10 @@
 #include <windows.h>
 
+#include <algorithm>
+#include <cwchar>
+
 #include "system.h"
+#include "wide_path.h"
 
 namespace kzmlog {
 namespace {
@@ -35,6 +39,21 @@ Error error_of(DWORD number) {
     }
 }
 
+/// A path of absolute() for a wide call. It lies on the stack, because a line must not be lost for want of memory, nor
+/// its writer.
+class WidePath {
+  public:
+    explicit WidePath(const char* path) noexcept {
+        if (!MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, text_, longest)) text_[0] = L'\0';
+        std::replace(text_, text_ + std::wcslen(text_), L'/', L'\\');
+    }
+    operator const wchar_t*() const noexcept { return text_; }
+
+  private:
+    static constexpr int longest = 4352;  ///< the folder has at most 4096 bytes
+    wchar_t text_[longest];
+};
+
 HANDLE system_handle(intptr_t handle) {
     return reinterpret_cast<HANDLE>(handle);
 }
@@ -42,9 +61,9 @@ HANDLE system_handle(intptr_t handle) {
 /// Opens a file, or creates it. Other processes may read, write, rename and delete it meanwhile. Children do not
 /// inherit the handle.
 intptr_t open_shared(const char* path, DWORD access) {
-    return reinterpret_cast<intptr_t>(CreateFileA(path, access | FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    return reinterpret_cast<intptr_t>(CreateFileW(
+        WidePath(path), access | FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 /// Locks a byte far beyond the end of any file. Closing the handle unlocks it, however the process ends.
@@ -133,27 +152,28 @@ UndisturbedThread::~UndisturbedThread() {
 }
 
 bool exists(const char* path) noexcept {
-    return GetFileAttributesA(path) != INVALID_FILE_ATTRIBUTES;
+    return GetFileAttributesW(WidePath(path)) != INVALID_FILE_ATTRIBUTES;
 }
 
 // Replacing a file that another process has open fails with 5. But newer systems free the name of such a file when it
 // is deleted, so deleting it and renaming again succeeds. If the file to be renamed is the cause, the error is 32, and
 // nothing is deleted.
 bool FileLock::rename_over(const char* from, const char* to) noexcept {
-    if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING)) return true;
-    return GetLastError() == ERROR_ACCESS_DENIED && DeleteFileA(to) && MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING);
+    const WidePath wide_from(from), wide_to(to);
+    if (MoveFileExW(wide_from, wide_to, MOVEFILE_REPLACE_EXISTING)) return true;
+    return GetLastError() == ERROR_ACCESS_DENIED && DeleteFileW(wide_to) &&
+           MoveFileExW(wide_from, wide_to, MOVEFILE_REPLACE_EXISTING);
 }
 
 void make_folder(const char* path) noexcept {
-    CreateDirectoryA(path, nullptr);
+    CreateDirectoryW(WidePath(path), nullptr);
 }
 
 std::string absolute(const std::string& path) {
-    std::string result(GetFullPathNameA(path.c_str(), 0, nullptr, nullptr), '\0');
-    const DWORD length = GetFullPathNameA(path.c_str(), static_cast<DWORD>(result.size()), result.data(), nullptr);
-    if (length == 0 || length >= result.size()) return path;
-    result.resize(length);
-    return result;
+    const std::wstring wide = wide_path::to_wide(path);
+    const std::wstring full = wide_path::fill_text(
+        [&](wchar_t* buffer, DWORD size) { return GetFullPathNameW(wide.c_str(), size, buffer, nullptr); });
+    return wide_path::to_utf8(wide_path::unlimited(full.empty() ? wide : full));
 }
 
 uint32_t process_id() noexcept {

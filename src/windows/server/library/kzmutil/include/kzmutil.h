@@ -70,6 +70,7 @@ KZMUTIL_API void* KzmutilOpenNamedFileMapping(uint32_t access, int32_t inherit, 
 /**
  * Gets the installation path: the value of the environment variable KZM_INSTALL_PATH or, if that is unset or empty, the
  * parent of the folder that holds this library's own file. The path does not end with a separator, unless it is a root.
+ * On Windows it is UTF-8.
  *
  * @param[out] path  receives the path with its NUL
  * @param[in]  size  bytes that `path` can hold

@@ -13,21 +13,6 @@ namespace {
 
 const char in_this_library = 0;
 
-/// Calls `fill(buffer, size)` with growing buffers until the text fits. `fill` returns the length of its text, or at
-/// least `size` if the text does not fit, or 0 on failure, which gives an empty text.
-template <typename Fill>
-std::string fill_text(Fill fill) {
-    std::string text(MAX_PATH, '\0');
-    for (;;) {
-        const DWORD length = fill(text.data(), static_cast<DWORD>(text.size()));
-        if (length < text.size()) {
-            text.resize(length);
-            return text;
-        }
-        text.resize(text.size() * 2);
-    }
-}
-
 HANDLE refuse(Handle object) {
     object.reset();
     SetLastError(ERROR_ACCESS_DENIED);
@@ -64,7 +49,9 @@ void set_last_error(uint32_t error) noexcept {
 }
 
 std::string environment(const char* name) {
-    return fill_text([&](char* buffer, DWORD size) { return GetEnvironmentVariableA(name, buffer, size); });
+    const std::wstring wide = wide_path::to_wide(name);
+    return wide_path::to_utf8(wide_path::fill_text(
+        [&](wchar_t* buffer, DWORD size) { return GetEnvironmentVariableW(wide.c_str(), buffer, size); }));
 }
 
 std::string own_file() {
@@ -73,7 +60,8 @@ std::string own_file() {
                             &in_this_library, &module)) {
         return {};
     }
-    return fill_text([&](char* buffer, DWORD size) { return GetModuleFileNameA(module, buffer, size); });
+    return wide_path::to_utf8(
+        wide_path::fill_text([&](wchar_t* buffer, DWORD size) { return GetModuleFileNameW(module, buffer, size); }));
 }
 
 size_t root_length(std::string_view path) noexcept {

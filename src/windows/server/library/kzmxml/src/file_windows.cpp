@@ -4,6 +4,8 @@
 
 #include <memory>
 
+#include "wide_path.h"
+
 namespace kzmxml {
 namespace {
 
@@ -22,9 +24,9 @@ bool is_regular(HANDLE file) {
 }  // namespace
 
 bool read_file(const std::string& path, size_t limit, std::string& text) {
-    const HANDLE opened =
-        CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE opened = CreateFileW(wide_path::for_call(path).c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
     if (opened == INVALID_HANDLE_VALUE) return false;
     const std::unique_ptr<void, Close> file(opened);
     if (!is_regular(file.get())) return false;
