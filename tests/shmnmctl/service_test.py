@@ -1,6 +1,7 @@
 """service: serve and shmnmweb under the service manager of Windows, here that of wine; on Linux the way to systemd."""
 import http.client
 import re
+import shutil
 import socket
 import subprocess
 
@@ -102,6 +103,32 @@ class OnWindows(ToolTest):
         self.assertEqual(self.state()["command_line"], line)
         self.done("start")
         self.assertIn("servers/delta/pri 7", self.tool("list").lines)
+
+    def test_an_installation_in_any_folder_has_a_service(self):
+        folder = self.folder / "Программы и данные 集"
+        shutil.copytree(self.folder / "etc", folder / "etc")
+        (folder / "bin").mkdir()
+        for file in [*support.FOLDER.glob("kzm*.dll"), support.FOLDER / "shmnmctl.exe"]:
+            shutil.copy2(file, folder / "bin" / file.name)
+        del self.environment["KZM_INSTALL_PATH"]
+        members = folder / "é.xml"
+        shutil.copy2(folder / "etc/cluster.xml", members)
+
+        def there(action, *arguments):
+            command = program("shmnmctl")[:-1] + [str(folder / "bin/shmnmctl.exe"), "service", action, "--name", self.name, *arguments]
+            done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, env=self.environment, timeout=60)
+            self.assertEqual(done.returncode, 0, done)
+            return done.stdout.decode()
+
+        there("install", "--", "--config", path(members))
+        line = f'"{path(folder / "bin/shmnmctl.exe")}" serve --service --config "{path(members)}"'
+        self.assertEqual(self.state()["command_line"], "".join(letter if letter < "\x7F" else "".join(f"%{byte:02X}" for byte in letter.encode()) for letter in line))
+        there("start")
+        self.assertIn(line, there("status"))
+        self.assertIn("KzmutilCreateNamedFileMapping(use)", (folder / "log/shmnm.log").read_text())
+        self.assertEqual(self.tool("status").status, 0)
+        there("remove")
+        self.assertEqual(self.tool("status").status, 3)
 
     def test_a_file_is_named_in_full_because_a_service_begins_elsewhere(self):
         self.done("install", "--", "--config=members.xml")
