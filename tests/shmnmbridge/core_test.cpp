@@ -85,6 +85,39 @@ TEST(BridgeCore, IsFreshForAsLongAsItsNewestBeatProves) {
     EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
 }
 
+TEST(BridgeCore, FeedsAResourceThatIsAddedAgainWhileABatchIsMade) {
+    const Schedule schedule{.seed = 13'350,
+                            .machines = 3,
+                            .windows = 2,
+                            .creator = {.sets_own = true, .sets_pair = true},
+                            .reset_when_cut_off = true,
+                            .local = 17,
+                            .faults = {{.at = 4'701, .what = What::add_resource_again, .detail = 795}}};
+    EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
+// A process has set all states of a type since, so that no server looks new.
+TEST(BridgeCore, KnowsARegionThatWasClearedWhileItWasStopped) {
+    const Schedule schedule{.seed = 23'962,
+                            .sets_pair = false,
+                            .gather = 1'000,
+                            .local = 1,
+                            .faults = {{.at = 8'698, .what = What::stop, .lasts = 1'611, .detail = 148},
+                                       {.at = 9'548, .what = What::clear, .lasts = 534, .detail = 601},
+                                       {.at = 10'350, .what = What::set_type, .detail = 310}}};
+    EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
+// The second call changes nothing but the other machine's state, as if the resource were new.
+TEST(BridgeCore, LeavesStatesAloneThatAreSetToUnknownTwice) {
+    const Schedule schedule{.seed = 7,
+                            .writes = false,
+                            .faults = {{.at = 4'000, .what = What::set_type, .machine = 0, .detail = 5},
+                                       {.at = 6'000, .what = What::set_own, .machine = 1, .detail = 5},
+                                       {.at = 8'000, .what = What::set_type, .machine = 0, .detail = 5}}};
+    EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
 TEST(BridgeCore, DoesTheSameForTheSameInputs) {
     const uint64_t seed = first_seed(), count = std::min<uint64_t>(30, number_from("SHMNM_BRIDGE_SCHEDULES", 30));
     for (uint64_t number = 0; number < count; ++number) {

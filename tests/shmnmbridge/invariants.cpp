@@ -182,6 +182,10 @@ void Checker::forget_history() {
     landed_.clear();
     claims_.clear();
     states_.clear();
+    // The last proposals may have landed unheard.
+    for (const auto& [key, process] : last_process_) {
+        if (!process.empty()) ++overwritten_of_[process];
+    }
     last_process_.clear();
 }
 

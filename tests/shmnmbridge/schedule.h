@@ -76,7 +76,7 @@ struct Schedule {
     uint32_t windows = 0;   ///< bits: machines whose system tells no object numbers
     bool writes = true;     ///< local processes set words all the time, until the faults end
     bool sets_pair = true;  ///< the creator of a region sets the pair
-    Creator creator;
+    Creator creator{};
     Time read_again =
         2'000;  ///< how often a bridge reads everything; more often than a real one, for the sake of late reads
     Time gather = 0;

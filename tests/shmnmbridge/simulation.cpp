@@ -170,13 +170,13 @@ void Simulation::start(Machine& machine) {
     }
     machine.local = settings.local;
     machine.core = std::make_unique<Core>(settings, rules_);
-    machine.ended_at = -1;
+    machine.ended_at = machine.cut_off_since = -1;
     machine.fed.clear();
     machine.overwritten.clear();
     machine.agreed_revision.clear();
     machine.silent_since.clear();
     machine.losses.clear();
-    machine.cut_off_since = machine.started_at = now_;
+    machine.started_at = now_;
     machine.beats.clear();
     machine.echoed_at = never;
 }
@@ -496,6 +496,7 @@ void Simulation::overwrite(Machine& machine, const Call& call) {
     const std::string word = checker_.describe(call);
     // An owner whose region is new has the unknown state too, and then the contest is over.
     const bool may_end = schedule_.writes && *machine.region->find(call) == unknown_state;
+    if (may_end) machine.overwritten.erase(word);
     if (machine.fed.contains(call.server) && !may_end) machine.overwritten.insert(word);
     machine.ever_overwritten.insert(word);
 }
@@ -570,7 +571,8 @@ void Simulation::begin(const Fault& fault) {
             const bool is_in_batch = machine.batch.has_value();
             if (fault.what == What::end && !machine.is_stopped(now_)) {
                 process(machine, machine.core->end(now_));
-                if (now_ - unhealthy_before > 2'000 && !is_in_batch) machine.ended_at = now_;
+                const bool is_heard = now_ - unhealthy_before > 2'000 && now_ >= no_leader_until_;
+                if (is_heard && !is_in_batch) machine.ended_at = now_;
             }
             return kill(machine);
         }

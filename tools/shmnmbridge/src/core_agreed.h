@@ -31,6 +31,7 @@ class AgreedWords {
         bool is_changed = true;
         bool is_new = false;                   ///< another region, or it was cleared
         bool is_proven = true;                 ///< it is known to be the same; otherwise a change may be a new region's
+        bool has_lost_witnesses = false;       ///< after a gap none of the other servers' words stands any more
         std::vector<std::string> new_records;  ///< keys of resources that were added again
     };
     /// Compares a copy of the region with what it should show, and sends proposals.

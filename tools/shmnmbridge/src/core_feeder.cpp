@@ -77,38 +77,60 @@ AgreedWords::Continuity Feeder::continuity(Time now, const Look& look, bool is_c
                         (rules_.fallen_others_tell && others_fell(look));
     const bool has_number = look.object != 0 || !rules_.witness;
     const bool is_gapless = now - looked_at_ <= longest_gap || !rules_.gap_needs_witness;
-    continuity.is_proven = (has_number && is_gapless) || is_witness(look);
+    continuity.is_proven = (has_number && is_gapless) || has_witness(look);
+    continuity.has_lost_witnesses = !is_gapless && !has_witness(look) && has_witness(*shown_);
     for (const LookedResource& resource : look.resources) {
-        if (rules_.fallen_row_tells && (is_new_row(resource, *own) || may_be_new(resource))) {
+        if (rules_.fallen_row_tells && (is_new_row(look, resource, *own) || may_be_new(look, resource))) {
             continuity.new_records.push_back(resource.key);
         }
     }
     return continuity;
 }
 
-bool Feeder::is_new_row(const LookedResource& resource, size_t own) const {
+bool Feeder::is_made(const Call& call, uint32_t value) const {
+    return std::any_of(made_.begin(), made_.end(),
+                       [&](const Call& made) { return made.value[0] == value && key_of(made) == key_of(call); });
+}
+
+bool Feeder::is_new_row(const Look& look, const LookedResource& resource, size_t own) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
     if (!before) return false;
     // The own column and the resource's own state may have been set since. If all are unknown, the states of the type
     // were set in one call: a new resource's own state is another.
-    if (rules_.set_type_contests && resource.stat == unknown_state && before->stat != resource.stat &&
-        own < resource.cells.size() && resource.cells[own].svstat == unknown_state) {
+    if (rules_.set_type_contests && resource.stat == unknown_state && own < resource.cells.size() &&
+        resource.cells[own].svstat == unknown_state) {
         return false;
     }
     bool any_fell = false;
     for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
-        const bool is_new = resource.cells[position] == Cell{};
-        if (position != own && !is_new) return false;
-        any_fell = any_fell || (is_new && before->cells[position] != Cell{});
+        const Cell &cell = resource.cells[position], &was = before->cells[position];
+        Call call{.server = look.servers[position].name, .resource = resource.key};
+        const auto is_new = [&](Call::Setter setter, uint32_t state) {
+            call.setter = setter;
+            return state == unknown_state || is_made(call, state);
+        };
+        if (position != own &&
+            !(is_new(Call::Setter::svstat, cell.svstat) && is_new(Call::Setter::network, cell.network))) {
+            return false;
+        }
+        any_fell = any_fell || (cell.svstat == unknown_state && was.svstat != unknown_state) ||
+                   (cell.network == unknown_state && was.network != unknown_state);
     }
     return any_fell;
 }
 
-bool Feeder::may_be_new(const LookedResource& resource) const {
+bool Feeder::may_be_new(const Look& look, const LookedResource& resource) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
     if (!before || resource.stat != new_stat || before->stat == new_stat) return false;
     for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
-        if (resource.cells[position] != Cell{} && resource.cells[position] == before->cells[position]) return false;
+        const Cell& cell = resource.cells[position];
+        if (cell != before->cells[position]) continue;
+        Call call{.server = look.servers[position].name, .resource = resource.key};
+        const auto stands = [&](Call::Setter setter, uint32_t state) {
+            call.setter = setter;
+            return state != unknown_state && !is_made(call, state);
+        };
+        if (stands(Call::Setter::svstat, cell.svstat) || stands(Call::Setter::network, cell.network)) return false;
     }
     return true;
 }
@@ -124,15 +146,15 @@ bool Feeder::others_fell(const Look& look) const {
     return any_fell;
 }
 
-bool Feeder::is_witness(const Look& look) const {
+bool Feeder::has_witness(const Look& look) const {
     bool found = false;
     for (const std::string& server : fed_) {
         const auto position = look.find_server(server);
         if (!position) continue;
         visit_words(look, *position, nullptr, [&](const Call& call, uint32_t here, const uint32_t*, bool) {
-            if (here == new_value_of(call) || contested_.contains(key_of(call))) return;
+            if (found || here == new_value_of(call) || contested_.contains(key_of(call)) || is_made(call, here)) return;
             const uint32_t* const before = word_of(*shown_, call);
-            found = found || (before && *before == here);
+            found = before && *before == here;
         });
     }
     return found;
@@ -149,13 +171,15 @@ void Feeder::see_nothing(Peers& peers) {
 
 void Feeder::look(Time now, const Look& look, const AgreedWords::Continuity& continuity, Peers& peers) {
     looked_at_ = now;
-    if (continuity.is_changed || continuity.is_new || !contested_.empty()) settled_.clear();
-    if (continuity.is_new) {
+    // What a new region holds is nobody's word, and must not be taken for a contest.
+    const bool is_new = continuity.is_new || continuity.has_lost_witnesses;
+    if (continuity.is_changed || is_new || !contested_.empty()) settled_.clear();
+    if (is_new) {
         for (auto& [server, peer] : peers) peer.set_not_shown();
         fed_.clear();
         contested_.clear();
     }
-    if (shown_ && !continuity.is_new && continuity.is_changed) {
+    if (shown_ && !is_new && continuity.is_changed) {
         const std::set<std::string, std::less<>> new_rows = find_new_rows(look);
         for (const std::string& server : fed_) {
             const auto position = look.find_server(server);
@@ -192,10 +216,7 @@ bool Feeder::shows_same(const Look& look, size_t position) const {
 bool Feeder::is_added_again(const Look& look, size_t position) const {
     bool is_new = true;
     visit_words(look, position, nullptr, [&](const Call& call, uint32_t here, const uint32_t*, bool) {
-        if (here == new_value_of(call)) return;
-        is_new = is_new && std::any_of(made_.begin(), made_.end(), [&](const Call& made) {
-                     return made.value[0] == here && key_of(made) == key_of(call);
-                 });
+        is_new = is_new && (here == new_value_of(call) || is_made(call, here));
     });
     return is_new;
 }
@@ -204,7 +225,7 @@ std::set<std::string, std::less<>> Feeder::find_new_rows(const Look& look) const
     std::set<std::string, std::less<>> rows;
     const auto own = look.find_server(settings_.server);
     for (const LookedResource& resource : look.resources) {
-        if (own && is_new_row(resource, *own)) rows.insert(resource.key);
+        if (own && is_new_row(look, resource, *own)) rows.insert(resource.key);
     }
     return rows;
 }

@@ -46,11 +46,14 @@ class Feeder {
     /// silence)`.
     template <typename Visit>
     void visit_words(const Look& look, size_t position, const ServerState* state, Visit visit) const;
-    bool is_witness(const Look& look) const;
+    /// Whether a word of another server stands in the region since before the last look.
+    bool has_witness(const Look& look) const;
+    /// Whether the last batch has set a word to what it holds.
+    bool is_made(const Call& call, uint32_t value) const;
     bool others_fell(const Look& look) const;
     /// Whether a resource whose own state fell to that of a new one shows nothing that proves that it is not.
-    bool may_be_new(const LookedResource& resource) const;
-    bool is_new_row(const LookedResource& resource, size_t own) const;
+    bool may_be_new(const Look& look, const LookedResource& resource) const;
+    bool is_new_row(const Look& look, const LookedResource& resource, size_t own) const;
     /// Whether a server's words are those of the look before.
     bool shows_same(const Look& look, size_t position) const;
     /// Whether a server's words are those of a new record, but for what the last batch has set since.
