@@ -173,11 +173,15 @@ void LiveRegion::tell(const char* what, const char* name) {
     if (access_.tell) access_.tell(fmt::format("opens the {} {}", what, full_name(name)));
 }
 
-void* LiveRegion::mutex() {
+void* LiveRegion::try_mutex() {
     if (mutex_) return mutex_;
-    tell("mutex", mutex_name);
-    mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
-    if (!mutex_) {
+    if (!told_mutex_) tell("mutex", mutex_name);
+    told_mutex_ = true;
+    return mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
+}
+
+void* LiveRegion::mutex() {
+    if (!try_mutex()) {
         throw Error(kind_of_last_failure(),
                     fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure()));
     }
@@ -188,8 +192,7 @@ void* LiveRegion::mutex() {
 // error.
 bool LiveRegion::is_reader() {
     if (!platform::has_readers || mutex_ || is_reader_) return is_reader_;
-    mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
-    if (mutex_ || platform::last_error() != error_access_denied) return false;
+    if (try_mutex() || platform::last_error() != error_access_denied) return false;
     void* const writable = KzmutilOpenNamedFileMapping(all_access, 0, mapping_name);
     is_reader_ = !writable && platform::last_error() == error_access_denied;
     if (writable) platform::close(writable);

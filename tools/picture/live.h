@@ -97,11 +97,13 @@ class LiveRegion {
     void copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const;
     [[noreturn]] void throw_no_lock(uint32_t timeout_ms);
     void tell(const char* what, const char* name);
+    /// @return null if this user may not use it
+    void* try_mutex();
 
     Access access_;
     BridgeReader bridge_;
     void* mutex_ = nullptr;
-    bool told_ = false, is_reader_ = false;
+    bool told_ = false, told_mutex_ = false, is_reader_ = false;
 };
 
 /// The live region, mapped for writes other than the library's calls. It is unmapped at the end of this object's life.
