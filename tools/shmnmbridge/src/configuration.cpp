@@ -28,6 +28,14 @@
 namespace bridge {
 namespace {
 
+std::filesystem::path from_utf_8(const std::string& path) {
+    return std::u8string(path.begin(), path.end());
+}
+std::string in_utf_8(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+}
+
 using kzmxml::Element;
 using picture::printable;
 
@@ -249,7 +257,7 @@ class Reader {
     /// A file's name; one that is not absolute is in the configuration's folder.
     std::string file_in(const Elements& elements, const char* name) {
         const auto text = text_in(elements, name);
-        return text ? (folder_ / *text).string() : "";
+        return text ? in_utf_8(folder_ / from_utf_8(*text)) : "";
     }
 
     void read_etcd(const Element& etcd) {
@@ -332,14 +340,14 @@ std::string read_text(const std::string& file) {
 }  // namespace
 
 std::string installed_configuration_file() {
-    return (std::filesystem::path(picture::installed_cluster_file()).parent_path() / "bridge.xml").string();
+    return in_utf_8(from_utf_8(picture::installed_cluster_file()).parent_path() / "bridge.xml");
 }
 
 CheckedConfiguration check_configuration(const std::string& file) {
     const std::string text = read_text(file);
     Element document;
     if (kzmxml::parse_document(text, document) == XMLLIB_OK) {
-        return Reader(text, document, std::filesystem::path(file).parent_path()).read();
+        return Reader(text, document, from_utf_8(file).parent_path()).read();
     }
     return {.configuration = {},
             .problems = {{picture::line_at(text, kzmxml::fault_in(text)),

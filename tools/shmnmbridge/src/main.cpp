@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "etcd/error.h"
@@ -10,6 +11,7 @@
 #include "picture/error.h"
 #include "picture/escape.h"
 #include "picture/installation.h"
+#include "picture/platform.h"
 
 namespace {
 
@@ -34,7 +36,8 @@ int main(int argc, char** argv) {
     Command command;
     add_commands(app, command);
     try {
-        app.parse(argc, argv);
+        const std::vector<std::string> arguments = picture::platform::arguments(argc, argv);
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::Success& asked_for) {
         return app.exit(asked_for);
     } catch (const CLI::ParseError& error) {
