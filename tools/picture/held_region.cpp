@@ -20,7 +20,7 @@ Error cannot(const char* what) {
 
 Error cannot_create() {
     constexpr uint32_t error_access_denied = 5;
-    const Error usual = cannot("create");
+    Error usual = cannot("create");
     if (platform::last_error() != error_access_denied) return usual;
     const std::string why = platform::why_not_created(platform::object_prefix() + mapping_name);
     if (why.empty()) return usual;
