@@ -182,7 +182,7 @@ class Reader {
 
     /// Every machine may have its own, and so may every installation on it.
     static std::string usual_host() {
-        const std::string id = machine_id();
+        std::string id = machine_id();
         const char* const name_space = std::getenv("KZMUTIL_NAMESPACE");
         if (id.empty() || !name_space || !*name_space) return id;
         return id + '.' + picture::escaped(name_space);
