@@ -19,6 +19,22 @@ Marks marks_of(const char* server) {
     return marks;
 }
 
+/// A page of marks in the place where a bridge would have it.
+class PageOfABridge {
+  public:
+    explicit PageOfABridge(uint32_t size)
+        : mapping_(KzmutilCreateNamedFileMapping(reinterpret_cast<void*>(~uintptr_t{0}), 4, 0, size, marks_name),
+                   platform::close),
+          page_(mapping_ ? static_cast<MarksPage*>(platform::map_for_writing(mapping_.get())) : nullptr,
+                platform::unmap) {}
+
+    MarksPage* get() const { return page_.get(); }
+
+  private:
+    std::unique_ptr<void, void (*)(void*)> mapping_;
+    std::unique_ptr<MarksPage, void (*)(const void*)> page_;
+};
+
 CHILD(write_marks_and_wait) {
     LiveMarks live;
     live.write(marks_of("alpha"));
@@ -43,42 +59,30 @@ TEST(LiveMarks, AreNoneBeforeTheFirstAreWritten) {
 }
 
 TEST(LiveMarks, AreNoneOnceTheirBridgeHasStoodStillForTwoSeconds) {
-    void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
-    const std::unique_ptr<void, void (*)(void*)> mapping(
-        KzmutilCreateNamedFileMapping(no_file, 4, 0, sizeof(MarksPage), marks_name), platform::close);
-    ASSERT_TRUE(mapping);
-    auto* const page = static_cast<MarksPage*>(platform::map_for_writing(mapping.get()));
-    ASSERT_TRUE(page);
-    write_marks(*page, marks_of("alpha"), platform::steady_clock_us() - marks_stand_still_ms * 1'000);
+    const PageOfABridge page(sizeof(MarksPage));
+    ASSERT_TRUE(page.get());
+    write_marks(*page.get(), marks_of("alpha"), platform::steady_clock_us() - marks_stand_still_ms * 1'000);
     EXPECT_FALSE(read_live_marks());
-    write_marks(*page, marks_of("alpha"), platform::steady_clock_us());
+    write_marks(*page.get(), marks_of("alpha"), platform::steady_clock_us());
     EXPECT_TRUE(read_live_marks());
-    platform::unmap(page);
 }
 
 TEST(LiveMarks, EndToSayFreshAtTheLimitAlthoughTheirBridgeStandsStill) {
-    void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
-    const std::unique_ptr<void, void (*)(void*)> mapping(
-        KzmutilCreateNamedFileMapping(no_file, 4, 0, sizeof(MarksPage), marks_name), platform::close);
-    ASSERT_TRUE(mapping);
-    auto* const page = static_cast<MarksPage*>(platform::map_for_writing(mapping.get()));
-    ASSERT_TRUE(page);
+    const PageOfABridge page(sizeof(MarksPage));
+    ASSERT_TRUE(page.get());
     Marks marks = marks_of("alpha");
     marks.limit = 2'000;
     marks.servers = {{.server = "beta", .freshness = Freshness::fresh, .age = 1'995}};
-    write_marks(*page, marks, platform::steady_clock_us() - 10'000);
+    write_marks(*page.get(), marks, platform::steady_clock_us() - 10'000);
     const auto read = read_live_marks();
     ASSERT_TRUE(read);
     EXPECT_GE(read->marks.servers[0].age, 2'005);
     EXPECT_EQ(read->marks.servers[0].freshness, Freshness::unknown);
-    platform::unmap(page);
 }
 
 TEST(LiveMarks, OfASmallerPageAreNone) {
-    void* const no_file = reinterpret_cast<void*>(~uintptr_t{0});
-    const std::unique_ptr<void, void (*)(void*)> mapping(
-        KzmutilCreateNamedFileMapping(no_file, 4, 0, 4'096, marks_name), platform::close);
-    ASSERT_TRUE(mapping);
+    const PageOfABridge page(4'096);
+    ASSERT_TRUE(page.get());
     EXPECT_FALSE(read_live_marks());
 }
 

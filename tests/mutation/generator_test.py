@@ -56,7 +56,7 @@ class Generator(unittest.TestCase):
                                                   ('|', '6', '| -> &', '2'), ('<<', '24', '<< -> >>', '1'), ('>>', '1', '>> -> <<', '24')):
             first, changes = self.answers(f'int f() {{ return a {operator} b; }}', 'volatile int a = 6, b = 2;')
             self.assertEqual((first, changes[change]), (original, other))
-            self.assertEqual(len(changes), 2)  # the return is the other one
+            self.assertEqual(len(changes), 2)  # the second is the return
 
     def test_logic_is_swapped_and_still_stops_early(self):
         code = 'int asked; bool no() { asked += 1; return false; } int f() { bool both = no() %s no(); return asked * 10 + both; }'
