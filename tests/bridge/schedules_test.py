@@ -277,8 +277,15 @@ class Run:
         return time.monotonic() - healed, []
 
     def differences(self):
-        listed = {(machine.server, key) for machine, key in self.contested}
+        listed = self.listed()
         return [text for text in self.scene.differences() if not any(text.startswith(key) and f"on {server}" in text for server, key in listed)]
+
+    def listed(self):
+        """The words that a machine may leave as they are: those that a foreign process has set there, and those that a bridge calls
+        contested because it lost them more than three times."""
+        lost = [(machine.server, "cluster/" + key) for machine in self.scene.machines for key in AGREED
+                if f"{key} is contested" in machine.log() and machine.log().count(f"another machine's value of {key} came first") > 3]
+        return lost + [(machine.server, key) for machine, key in self.contested]
 
     def last_checks(self):
         findings = self.last_accounts()
