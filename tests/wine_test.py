@@ -1,12 +1,21 @@
 """scripts/wine: what it adds to wine for the tests of Windows programs."""
+import contextlib
 import os
 import pathlib
 import resource
+import signal
+import socket
 import subprocess
+import sys
 import tempfile
 import unittest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent / "shmnmweb"))
+import web_support  # noqa: E402
+from web_support import WebTest  # noqa: E402
+
 WINE = pathlib.Path(__file__).resolve().parent.parent / "scripts/wine"
+REQUEST = b"GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"
 LATE_END = '#include <unistd.h>\n__attribute__((destructor)) static void end_late(void) { usleep(2000000); }\n'
 
 
@@ -35,5 +44,50 @@ class Wine(unittest.TestCase):
         self.assertEqual(limit, "unlimited" if most == resource.RLIM_INFINITY else str(most))
 
 
+class KilledPrograms(WebTest):
+    """Each program is killed in the middle of input or output, and the others keep their server."""
+
+    ROUNDS = 5
+
+    @staticmethod
+    def server():
+        """Wine's server, which is the only one of its prefix."""
+        prefix = os.environ.get("SHMNM_WINEPREFIX", str(WINE.parent.parent / "build/wine"))
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):
+                is_server = (process / "comm").read_text().startswith("wineserver")
+                if is_server and f"WINEPREFIX={prefix}".encode() in (process / "environ").read_bytes().split(b"\0"):
+                    return int(process.name)
+        raise AssertionError(f"no server of wine in {prefix}")
+
+    def assert_served(self, region):
+        """The lock needs the server, and so does a new program."""
+        region.ok("shmnm_rwlock", 5000)
+        region.ok("shmnm_rwunlock")
+        self.assertEqual(self.tool("get", "cluster/clstat").out, "0\n")
+
+    def test_input_arrives_for_a_program_that_was_just_killed(self):
+        region = self.cluster()
+        server = self.server()
+        for _ in range(self.ROUNDS):
+            web = self.serve()
+            connections = [web.socket() for _ in range(10)]
+            for connection in connections:
+                connection.sendall(REQUEST.replace(b"Connection: close\r\n", b""))
+                self.assertIn(b"200 OK", connection.recv(4096))
+            # The server finds the input and the end together.
+            os.kill(server, signal.SIGSTOP)
+            try:
+                for connection in connections:
+                    connection.sendall(b"GET")
+                web.process.kill()
+                web.process.wait()
+            finally:
+                os.kill(server, signal.SIGCONT)
+            for connection in connections:
+                connection.close()
+            self.assert_served(region)
+
+
 if __name__ == "__main__":
-    unittest.main()
+    web_support.main()
