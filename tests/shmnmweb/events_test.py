@@ -110,8 +110,9 @@ class Events(WebTest):
         names = [f"server{i:03}" for i in range(128)]
         for i, name in enumerate(names):
             region.ok("shmnm_addnode", name, i)
-        web = self.serve()
-        slow, fast = web_support.Stream(web.slow_connection()), self.stream(web)
+        # It takes nothing in for longer than the server's own time-out, if this machine is busy.
+        web = self.serve("--write-timeout", "3600")
+        slow, fast = web_support.Stream(web.slow_connection(), server=web), self.stream(web)
         self.addCleanup(slow.close)
         first = slow.next()[2]["sequence"]
         fast.next()

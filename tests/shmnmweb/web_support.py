@@ -55,9 +55,10 @@ class LocalConnection(http.client.HTTPConnection):
 class Stream:
     """The events of a server, as they come."""
 
-    def __init__(self, connection, last_id=None):
+    def __init__(self, connection, last_id=None, server=None):
         headers = {"Last-Event-ID": last_id} if last_id else {}
         connection.request("GET", "/events", headers=headers)
+        self.server = server
         self.connection = connection
         self.response = connection.getresponse()
         self.comments = 0
@@ -65,7 +66,7 @@ class Stream:
     def line(self):
         line = self.response.readline()
         if not line:
-            raise EOFError("the stream has ended")
+            raise EOFError(f"the stream has ended; {self.server.state() if self.server else 'of its server nothing is known'}")
         return line.decode().rstrip("\n")
 
     def any(self):
@@ -163,7 +164,12 @@ class Server:
         return received
 
     def stream(self, last_id=None):
-        return Stream(self.connection(), last_id)
+        return Stream(self.connection(), last_id, self)
+
+    def state(self):
+        """Whether it runs, for messages of tests that fail."""
+        status = self.process.poll()
+        return "the server runs" if status is None else f"the server ended with {status}: {self.process.stderr.read().decode()}"
 
     def end(self):
         if self.process.poll() is None:
