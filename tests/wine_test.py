@@ -16,6 +16,7 @@ from web_support import WebTest  # noqa: E402
 
 WINE = pathlib.Path(__file__).resolve().parent.parent / "scripts/wine"
 REQUEST = b"GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"
+LONG_WORD = 27 * "\1"  # which is three times as long in JSON
 LATE_END = '#include <unistd.h>\n__attribute__((destructor)) static void end_late(void) { usleep(2000000); }\n'
 
 
@@ -47,7 +48,7 @@ class Wine(unittest.TestCase):
 class KilledPrograms(WebTest):
     """Each program is killed in the middle of input or output, and the others keep their server."""
 
-    ROUNDS = 5
+    ROUNDS = 3
 
     @staticmethod
     def server():
@@ -86,6 +87,30 @@ class KilledPrograms(WebTest):
                 os.kill(server, signal.SIGCONT)
             for connection in connections:
                 connection.close()
+            self.assert_served(region)
+
+    def test_a_program_is_killed_that_has_closed_a_connection_before_all_was_sent(self):
+        self.configure(server=128, hbr=200, npr=200, fstr=1)
+        region = self.region()
+        for i in range(128):
+            region.ok("shmnm_addnode", f"server{i:03}", i)
+        for i in range(200):
+            region.ok("shmnm_addhbrsc", LONG_WORD, LONG_WORD + str(100 + i), i)
+            region.ok("shmnm_addnprsc", LONG_WORD, LONG_WORD + str(100 + i), i)
+        for _ in range(self.ROUNDS):
+            web = self.serve("--write-timeout", "1", "--request-timeout", "1")
+            # More than the buffers of an event stream hold.
+            self.assertGreater(len(web.get("/picture.json").body), 250_000)
+            slow = web.slow_connection().sock
+            slow.sendall(b"GET /events HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            self.assertEqual(slow.recv(12), b"HTTP/1.1 200")
+            self.assertEqual(web.get("/healthz").status, 200)
+            # The program closes the connection that says nothing after it has closed the slow one.
+            with web.socket() as silent:
+                self.assertEqual(silent.recv(1), b"")
+            web.process.kill()
+            web.process.wait()
+            slow.close()
             self.assert_served(region)
 
 
