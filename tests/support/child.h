@@ -66,8 +66,8 @@ uint64_t told();
 
 /// Sets a variable of this process's environment, and so of its children; null removes it.
 void set_environment(const char* name, const char* value);
-/// How much of a long test to do: all of it, or a tenth under wine and the thread sanitizer, where it takes that much
-/// longer.
+/// How much of a long test to do: all of it, or a tenth or less under wine and with sanitizers, where it takes that
+/// much longer.
 unsigned share_of(unsigned amount);
 /// This process's id.
 uint32_t process_id();
