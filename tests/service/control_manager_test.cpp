@@ -266,10 +266,23 @@ TEST_F(TheServiceManager, IsAnsweredWithWhatToDoNext) {
     }
     asked.errors = {{"control", ERROR_DEPENDENT_SERVICES_RUNNING}};
     EXPECT_THAT(error_of([](const ControlManager& manager) { manager.stop(name); }), HasSubstr("sc enumdepend NAME"));
-    asked.errors = {{"remove", ERROR_SERVICE_MARKED_FOR_DELETE}};
-    EXPECT_THAT(error_of([](const ControlManager& manager) { manager.remove(name); }), HasSubstr("services.msc"));
+    asked.errors = {{"create", ERROR_SERVICE_MARKED_FOR_DELETE}};
+    EXPECT_THAT(error_of([](const ControlManager& manager) { manager.install(definition()); }),
+                HasSubstr("services.msc"));
+    asked.errors = {{"remove", ERROR_ACCESS_DENIED}};
+    EXPECT_THAT(error_of([](const ControlManager& manager) { manager.remove(name); }),
+                HasSubstr("Run as administrator"));
     asked.errors = {{"open_manager", ERROR_ACCESS_DENIED}};
     EXPECT_THAT(error_of([](const ControlManager&) {}), HasSubstr("cannot reach the service manager (error 5): "));
+}
+
+TEST_F(TheServiceManager, MayHaveRemovedItMeanwhile) {
+    ControlManager(true).install(definition());
+    asked.errors = {{"remove", ERROR_SERVICE_MARKED_FOR_DELETE}};
+    ControlManager(false).remove(name);
+    EXPECT_FALSE(is_event_source());
+    asked.errors = {{"open", ERROR_SERVICE_DOES_NOT_EXIST}};
+    ControlManager(false).remove(name);
 }
 
 TEST_F(TheServiceManager, MayHaveStartedOrStoppedItMeanwhile) {
@@ -277,9 +290,17 @@ TEST_F(TheServiceManager, MayHaveStartedOrStoppedItMeanwhile) {
     const ControlManager manager(false);
     EXPECT_EQ(asked.rights, DWORD{SC_MANAGER_CONNECT});
     manager.start(name);
-    manager.stop(name);
+    EXPECT_TRUE(manager.stop(name));
     asked.errors["control"] = ERROR_BROKEN_PIPE;
-    manager.stop(name);
+    EXPECT_TRUE(manager.stop(name));
+}
+
+TEST_F(TheServiceManager, MayBeSlowToStopIt) {
+    const ControlManager manager(false);
+    asked.errors = {{"control", ERROR_SERVICE_REQUEST_TIMEOUT}};
+    EXPECT_TRUE(manager.stop(name)) << "it is asked, and has not answered yet";
+    asked.errors = {{"control", ERROR_SERVICE_CANNOT_ACCEPT_CTRL}};
+    EXPECT_FALSE(manager.stop(name)) << "it cannot be asked yet";
 }
 
 TEST_F(TheServiceManager, IsAskedAgainWhatAServiceToldBeforeItsProcessEnded) {

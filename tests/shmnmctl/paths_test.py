@@ -1,31 +1,11 @@
 """Installations and files whose paths have blanks, letters of any script and any length."""
 import shutil
 import subprocess
-import unittest
 
 import support
-from support import Result, ToolTest, path
-
-# The installation path may have up to 1023 bytes; a system without the wide calls' prefix takes 260 characters.
-LONG = "/".join(letter * 100 for letter in "lmn")
-FOLDERS = ("with blanks", "über", "Программы и данные", "集群 \U0001F5A5", LONG)
-
-
-class InstallationTest(ToolTest):
-    def install(self, name):
-        """Another installation for the tools that this test starts."""
-        folder = self.folder / name
-        shutil.copytree(self.folder / "etc", folder / "etc")
-        self.environment = dict(self.environment, KZM_INSTALL_PATH=path(folder), KZMUTIL_NAMESPACE=f"{self.environment['KZMUTIL_NAMESPACE']}{len(name)}-")
-        return folder
-
-    def serving(self, command):
-        process = subprocess.Popen(command + ["serve", "--until-eof"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.environment)
-        self.addCleanup(process.communicate)
-        ready = process.stdout.readline()
-        self.assertTrue(ready.startswith(b"ready: "), ready or process.stderr.read())
-        return process
-
+from folders import FOLDERS, InstallationTest
+from support import path
+from terminal import Terminal
 
 class Paths(InstallationTest):
     def test_configuration_log_and_dumps_are_found_in_every_folder(self):
@@ -70,20 +50,22 @@ class Paths(InstallationTest):
         self.assertIn(f"cannot read {missing}: ", locked.err)
 
 
+class OnATerminal(InstallationTest):
+    def test_a_terminal_shows_names_as_they_were_typed(self):
+        missing = path(self.folder / "нет é.bin")
+        terminal = Terminal(self, 200, 10, "list", "--file", missing, LC_ALL="C.UTF-8")
+        self.assertEqual(terminal.read_to_end(), 5)
+        self.assertIn(f"shmnmctl: cannot read {missing}: ", terminal.lines[0])
+
+
 class Installed(InstallationTest):
     """On Windows; tests/package has those of Linux."""
 
     def test_a_program_finds_its_own_installation_in_every_folder(self):
-        files = [*support.FOLDER.glob("kzm*.dll"), support.FOLDER / "shmnmctl.exe"]
         for name in FOLDERS:
             with self.subTest(name):
                 folder = self.install(name)
-                del self.environment["KZM_INSTALL_PATH"]
-                (folder / "bin").mkdir()
-                for file in files:
-                    shutil.copy2(file, folder / "bin" / file.name)
-                program = folder / "bin" / files[-1].name
-                command = support.program("shmnmctl")[:-1] + [str(program)]
+                (command,) = self.copy_programs(folder, "shmnmctl")
                 self.serving(command)
                 self.assertTrue((folder / "log/shmnm.log").exists())
                 shown = subprocess.run(command + ["get", "cluster/clstat"], env=self.environment, capture_output=True, timeout=60)

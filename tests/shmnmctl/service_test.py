@@ -6,12 +6,20 @@ import socket
 import subprocess
 
 import support
+from folders import InstallationTest
 from support import ToolTest, path, program
 
 SERVICES = r"HKLM\SYSTEM\CurrentControlSet\Services"
 
 
-class OnWindows(ToolTest):
+def free_port():
+    """A service has no output that could tell the port it was given."""
+    with socket.socket() as listener:
+        listener.bind(("127.0.0.1", 0))
+        return listener.getsockname()[1]
+
+
+class OnWindows(InstallationTest):
     """Each test has a service of its own: all tests share one service manager."""
 
     def setUp(self):
@@ -40,6 +48,14 @@ class OnWindows(ToolTest):
         """A value in the registry; none if there is none."""
         found = re.search(rf"^ +{name} +REG_\w+ +(.*)$", self.system("reg", "query", rf"{SERVICES}\{key}")[1], re.M)
         return found and found[1]
+
+    def answer(self, port, target):
+        """The status and the body that a server of this machine answers."""
+        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+        self.addCleanup(connection.close)
+        connection.request("GET", target)
+        response = connection.getresponse()
+        return response.status, response.read()
 
     def test_a_service_is_installed_started_stopped_and_removed(self):
         self.assertEqual(self.done("install"), f'the service {self.name} is installed; "shmnmctl service start --name {self.name}" starts it')
@@ -71,6 +87,27 @@ class OnWindows(ToolTest):
         self.done("remove")
         self.assertEqual(self.tool("status").status, 3)
         self.assertNotEqual(self.system("sc", "query", self.name)[0], 0)
+
+    def test_a_removed_service_is_gone_once_no_program_looks_at_it(self):
+        self.done("install")
+        holder = subprocess.Popen(program("service_holder") + [self.name], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.stdout.close)
+        self.addCleanup(holder.stdin.close)
+        self.assertEqual(holder.stdout.readline().strip(), b"open")
+        for _ in range(2):
+            result = self.service("remove", "--timeout", "500ms")
+            self.assertEqual((result.status, result.out), (4, ""))
+            self.assertEqual(
+                result.err,
+                f"shmnmctl: the service {self.name} is marked for removal but not yet gone, because other programs still look at it; "
+                "close them (services.msc, the Event Viewer), and it goes\n",
+            )
+        self.assertTrue(self.state()["installed"])
+        holder.stdin.close()
+        self.assertEqual(holder.wait(), 0)
+        self.done("remove")
+        self.assertEqual(self.done("install"), f'the service {self.name} is installed; "shmnmctl service start --name {self.name}" starts it')
 
     def test_what_is_not_installed_is_neither_started_nor_stopped(self):
         for action in ("start", "stop"):
@@ -104,22 +141,22 @@ class OnWindows(ToolTest):
         self.done("start")
         self.assertIn("servers/delta/pri 7", self.tool("list").lines)
 
-    def test_an_installation_in_any_folder_has_a_service(self):
-        folder = self.folder / "Программы и данные 集"
-        shutil.copytree(self.folder / "etc", folder / "etc")
-        (folder / "bin").mkdir()
-        for file in [*support.FOLDER.glob("kzm*.dll"), support.FOLDER / "shmnmctl.exe"]:
-            shutil.copy2(file, folder / "bin" / file.name)
-        del self.environment["KZM_INSTALL_PATH"]
-        members = folder / "é.xml"
-        shutil.copy2(folder / "etc/cluster.xml", members)
+    def installed_elsewhere(self):
+        """An installation in a folder with blanks and letters of other scripts. @return the folder, and its tool's services"""
+        folder = self.install("Программы и данные 集")
+        tool, _ = self.copy_programs(folder, "shmnmctl", "shmnmweb")
 
-        def there(action, *arguments):
-            command = program("shmnmctl")[:-1] + [str(folder / "bin/shmnmctl.exe"), "service", action, "--name", self.name, *arguments]
-            done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, env=self.environment, timeout=60)
+        def there(action, *arguments, name=self.name):
+            done = subprocess.run([*tool, "service", action, "--name", name, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, env=self.environment, timeout=60)
             self.assertEqual(done.returncode, 0, done)
             return done.stdout.decode()
 
+        return folder, there
+
+    def test_an_installation_in_any_folder_has_a_service(self):
+        folder, there = self.installed_elsewhere()
+        members = folder / "é.xml"
+        shutil.copy2(folder / "etc/cluster.xml", members)
         there("install", "--", "--config", path(members))
         line = f'"{path(folder / "bin/shmnmctl.exe")}" serve --service --config "{path(members)}"'
         self.assertEqual(self.state()["command_line"], "".join(letter if letter < "\x7F" else "".join(f"%{byte:02X}" for byte in letter.encode()) for letter in line))
@@ -197,20 +234,34 @@ class OnWindows(ToolTest):
         self.done("remove")
         self.assertIsNone(self.value(source, "EventMessageFile"))
 
+    def test_shmnmweb_of_an_installation_in_any_folder_is_a_service_too(self):
+        folder, there = self.installed_elsewhere()
+        there("install")
+        there("start")
+        web = self.name + "-web"
+        self.addCleanup(lambda: self.tool("service", "remove", "--name", web))
+        names = folder / "имена é.json"
+        shutil.copy2(support.PROJECT / "examples/states.json", names)
+        port = free_port()
+        there("install", "--web", "--", "--listen", f"127.0.0.1:{port}", "--names", path(names), name=web)
+        line = f'"{path(folder / "bin/shmnmweb.exe")}" --service --listen 127.0.0.1:{port} --names "{path(names)}"'
+        there("start", "--web", name=web)
+        self.assertIn(line, there("status", "--web", name=web))
+        self.assertEqual(self.answer(port, "/healthz")[0], 200)
+        self.assertEqual(self.answer(port, "/names.json"), (200, names.read_bytes()))
+        there("stop", "--web", name=web)
+        with self.assertRaises(ConnectionRefusedError):
+            self.answer(port, "/healthz")
+        there("remove", "--web", name=web)
+        self.assertNotEqual(self.system("sc", "query", web)[0], 0)
+
     def test_shmnmweb_is_a_service_too(self):
         self.cluster()
-        # A service has no output that could tell the port it was given.
-        with socket.socket() as listener:
-            listener.bind(("127.0.0.1", 0))
-            port = listener.getsockname()[1]
+        port = free_port()
         self.done("install", "--web", "--", "--listen", f"127.0.0.1:{port}")
         self.assertTrue(self.state()["command_line"].startswith(f'"{path(support.FOLDER / "shmnmweb.exe")}" --service --listen '))
         self.done("start", "--web")
-        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
-        self.addCleanup(connection.close)
-        connection.request("GET", "/healthz")
-        self.assertEqual(connection.getresponse().status, 200)
-        connection.close()
+        self.assertEqual(self.answer(port, "/healthz")[0], 200)
         self.assertEqual(self.done("stop", "--web"), f"the service {self.name} has stopped")
 
     def test_every_action_answers_in_json(self):

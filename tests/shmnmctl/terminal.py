@@ -1,4 +1,4 @@
-"""The tool on a pseudo terminal, and what is on its screen."""
+"""A program on a pseudo terminal, and what is on its screen."""
 import fcntl
 import os
 import pty
@@ -14,9 +14,9 @@ import support
 
 
 class Terminal:
-    """The tool on a terminal, and what stands on its screen."""
+    """The tool, or another program, on a terminal, and what stands on its screen."""
 
-    def __init__(self, test, columns, rows, *arguments, **variables):
+    def __init__(self, test, columns, rows, *arguments, program="shmnmctl", **variables):
         self.screen = pyte.Screen(columns, rows)
         self.stream = pyte.ByteStream(self.screen)
         self.raw = b""
@@ -25,7 +25,7 @@ class Terminal:
         self.resize(columns, rows)
         environment = dict(test.environment, **({"TERM": "xterm"} | variables))
         self.process = subprocess.Popen(
-            support.program("shmnmctl") + list(arguments), stdin=terminal, stdout=terminal, stderr=terminal, env=environment, start_new_session=True
+            support.program(program) + list(arguments), stdin=terminal, stdout=terminal, stderr=terminal, env=environment, start_new_session=True
         )
         os.close(terminal)
 

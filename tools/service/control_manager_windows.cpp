@@ -40,8 +40,6 @@ std::string advice(DWORD error) {
             return "its program did not answer the service manager; start it by hand to see why";
         case ERROR_DEPENDENT_SERVICES_RUNNING:
             return "other services depend on it; stop them first (\"sc enumdepend NAME\" lists them)";
-        case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
-            return "it is just starting or stopping; try again";
         case ERROR_SERVICE_DATABASE_LOCKED:
             return "another program is changing the services; try again";
         case ERROR_INVALID_NAME:
@@ -303,8 +301,13 @@ bool ControlManager::change(const Definition& definition, const Installed& insta
 
 void ControlManager::remove(const std::wstring& name) const {
     constexpr const char* what = "remove";
-    const Handle service = open(name, DELETE, what);
-    if (!calls().remove(static_cast<SC_HANDLE>(service.get()))) fail(what, name);
+    const Handle service(calls().open(static_cast<SC_HANDLE>(manager_.get()), name.c_str(), DELETE));
+    const bool is_removed = service && calls().remove(static_cast<SC_HANDLE>(service.get()));
+    // Another program may have removed it meanwhile.
+    if (const DWORD error = GetLastError();
+        !is_removed && error != ERROR_SERVICE_DOES_NOT_EXIST && error != ERROR_SERVICE_MARKED_FOR_DELETE) {
+        fail(what, name, error);
+    }
     remove_event_source(name);
 }
 
@@ -322,14 +325,21 @@ void ControlManager::start(const std::wstring& name) const {
     fail(what, name, error);
 }
 
-void ControlManager::stop(const std::wstring& name) const {
+bool ControlManager::stop(const std::wstring& name) const {
     constexpr const char* what = "stop";
     const Handle service = open(name, SERVICE_STOP, what);
     SERVICE_STATUS status{};
-    if (calls().control(static_cast<SC_HANDLE>(service.get()), SERVICE_CONTROL_STOP, &status)) return;
-    // A broken pipe: it has ended before the service manager had its answer.
-    const DWORD error = GetLastError();
-    if (error != ERROR_SERVICE_NOT_ACTIVE && error != ERROR_BROKEN_PIPE) fail(what, name, error);
+    if (calls().control(static_cast<SC_HANDLE>(service.get()), SERVICE_CONTROL_STOP, &status)) return true;
+    switch (const DWORD error = GetLastError()) {
+        case ERROR_SERVICE_NOT_ACTIVE:
+        case ERROR_BROKEN_PIPE:              // it has ended before the service manager had its answer
+        case ERROR_SERVICE_REQUEST_TIMEOUT:  // it has not answered yet
+            return true;
+        case ERROR_SERVICE_CANNOT_ACCEPT_CTRL:
+            return false;
+        default:
+            fail(what, name, error);
+    }
 }
 
 void remove_event_source(const std::wstring& name) {

@@ -54,11 +54,14 @@ class ControlManager {
     /// Makes an installed service as it is defined. When it starts and what follows a failure stay as an administrator
     /// may have set them. @return whether anything was changed. @throws picture::Error
     bool change(const Definition& definition, const Installed& installed) const;
-    /// Removes a service and the source of its events. @throws picture::Error
+    /// Marks a service for removal, unless it is marked already, and removes the source of its events. The service is
+    /// gone when it has ended and no program has it open. @throws picture::Error
     void remove(const std::wstring& name) const;
     /// Asks for it and does not wait: the service may have ended again already. @throws picture::Error
     void start(const std::wstring& name) const;
-    void stop(const std::wstring& name) const;
+    /// Asks for it and does not wait. @return false: it is just starting or stopping; ask again.
+    /// @throws picture::Error
+    bool stop(const std::wstring& name) const;
 
   private:
     struct Closer {

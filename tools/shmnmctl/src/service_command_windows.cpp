@@ -53,7 +53,8 @@ class Service {
     Definition definition() const;
     Exit check_arguments(const Definition& definition) const;
     void stop_running();
-    void await(const char* what, const std::function<bool(const Installed&)>& is_done) const;
+    void await(const char* what, const std::function<bool()>& is_done, const std::string& too_late) const;
+    std::string still_pending(const char* what) const;
 
     std::string state_text(const Installed& installed) const;
     Exit answer(const std::string& text, bool changed) const;
@@ -197,15 +198,11 @@ Exit Service::install() {
 
 /// Looks again and again until something is so.
 /// @throws Failure  it takes too long
-void Service::await(const char* what, const std::function<bool(const Installed&)>& is_done) const {
+void Service::await(const char* what, const std::function<bool()>& is_done, const std::string& too_late) const {
     session::catch_stop();
     for (uint32_t waited_ms = 0;; waited_ms += look_ms) {
-        if (is_done(find_installed())) return;
-        if (waited_ms >= request_.timeout_ms) {
-            throw Failure(Exit::timeout,
-                          fmt::format("the service {} did not {} in time; it may still do so, {} shows it",
-                                      shown_name(), what, command("status")));
-        }
+        if (is_done()) return;
+        if (waited_ms >= request_.timeout_ms) throw Failure(Exit::timeout, too_late);
         if (session::wait(look_ms) == session::Wake::stop) {
             throw Failure(Exit::failed, fmt::format("no longer waits for the service {} to {}; {} shows it",
                                                     shown_name(), what, command("status")));
@@ -213,9 +210,19 @@ void Service::await(const char* what, const std::function<bool(const Installed&)
     }
 }
 
+std::string Service::still_pending(const char* what) const {
+    return fmt::format("the service {} did not {} in time; it may still do so, {} shows it", shown_name(), what,
+                       command("status"));
+}
+
 void Service::stop_running() {
-    manager_.stop(to_wide(name_));
-    await("stop", [](const Installed& installed) { return installed.has_ended(); });
+    bool is_asked = false;
+    const auto has_ended = [&] {
+        if (find_installed().has_ended()) return true;
+        if (!is_asked) is_asked = manager_.stop(to_wide(name_));
+        return false;
+    };
+    await("stop", has_ended, still_pending("stop"));
 }
 
 Exit Service::remove() {
@@ -226,6 +233,12 @@ Exit Service::remove() {
     }
     if (!installed->has_ended()) stop_running();
     manager_.remove(to_wide(name_));
+    // Until every program has closed it, the service is only marked for removal and cannot be installed again.
+    await(
+        "go", [&] { return !find(); },
+        fmt::format("the service {} is marked for removal but not yet gone, because other programs still look at it; "
+                    "close them (services.msc, the Event Viewer), and it goes",
+                    shown_name()));
     return answer(fmt::format("the service {} is removed", shown_name()), true);
 }
 
@@ -234,11 +247,13 @@ Exit Service::start() {
         return answer(fmt::format("the service {} is already running", shown_name()), false);
     }
     manager_.start(to_wide(name_));
-    await("get ready", [&](const Installed& installed) {
+    const auto is_ready = [&] {
+        const Installed installed = find_installed();
         if (!installed.has_ended()) return installed.is_running();
         throw Failure(Exit::failed,
                       fmt::format("the service {} did not start: {}", shown_name(), state_text(installed)));
-    });
+    };
+    await("get ready", is_ready, still_pending("get ready"));
     return answer(fmt::format("the service {} is running", shown_name()), true);
 }
 
