@@ -61,15 +61,16 @@ class Bridge:
 class Machine:
     """An installation with names of its own, as one machine of a cluster has them."""
 
-    def __init__(self, test, server, endpoints, **settings):
+    def __init__(self, test, server, endpoints, folder="", **settings):
         self.server = server
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="bridge-"))
-        test.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
-        (self.folder / "etc").mkdir()
+        place = pathlib.Path(tempfile.mkdtemp(prefix="bridge-"))
+        test.addCleanup(shutil.rmtree, place, ignore_errors=True)
+        self.folder = place / folder
+        (self.folder / "etc").mkdir(parents=True)
         (self.folder / "log").mkdir()
         self.environment = {name: value for name, value in os.environ.items() if name not in ("NO_COLOR", "NOTIFY_SOCKET")}
         self.environment["KZM_INSTALL_PATH"] = support.path(self.folder)
-        self.environment["KZMUTIL_NAMESPACE"] = f"bridge-{os.getpid()}-{self.folder.name}-"
+        self.environment["KZMUTIL_NAMESPACE"] = f"bridge-{os.getpid()}-{place.name}-"
         (self.folder / "etc/cluster.xml").write_text(f"<root><all>{COUNTS}</all></root>")
         self.configure(endpoints, **settings)
         self.api = support.Api(self.environment)
@@ -93,7 +94,8 @@ class Machine:
         return self
 
     def run(self, *arguments, program="shmnmbridge"):
-        done = subprocess.run([*support.program(program), *arguments], stdin=subprocess.DEVNULL, capture_output=True, env=self.environment, timeout=DEADLINE)
+        command = support.program(program) if isinstance(program, str) else program
+        done = subprocess.run([*command, *arguments], stdin=subprocess.DEVNULL, capture_output=True, env=self.environment, timeout=DEADLINE)
         return support.Result(done.returncode, done.stdout, done.stderr.decode())
 
     def start(self, command=None, **environment):

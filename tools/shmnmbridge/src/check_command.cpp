@@ -10,6 +10,7 @@
 #include "bridge_marks/live.h"
 #include "commands.h"
 #include "configuration.h"
+#include "console/console.h"
 #include "core_keys.h"
 #include "etcd/client.h"
 #include "picture/error.h"
@@ -35,10 +36,10 @@ class Check {
     Exit run(const std::string& file) {
         const CheckedConfiguration checked = check_configuration(file);
         for (const ConfigurationProblem& problem : checked.problems) {
-            wrong(fmt::format("{}, line {}: {}", picture::as_typed(file), problem.line, problem.text));
+            wrong(fmt::format("{}, line {}: {}", picture::shown_file(file), problem.line, problem.text));
         }
         if (checked.problems.empty()) {
-            right(fmt::format("{}: server {} of cluster {}, host {}", picture::as_typed(file),
+            right(fmt::format("{}: server {} of cluster {}, host {}", picture::shown_file(file),
                               checked.configuration.bridge.server, checked.configuration.bridge.cluster,
                               checked.configuration.bridge.host));
             check_etcd(checked.configuration);
@@ -49,10 +50,10 @@ class Check {
     }
 
   private:
-    static void right(const std::string& text) { std::fputs(("ok     " + text + "\n").c_str(), stdout); }
+    static void right(const std::string& text) { console::write(stdout, "ok     " + text + "\n"); }
     void wrong(const std::string& text) {
         found_wrong_ = true;
-        std::fputs(("wrong  " + text + "\n").c_str(), stdout);
+        console::write(stdout, "wrong  " + text + "\n");
     }
 
     void check_etcd(const Configuration& configuration) {

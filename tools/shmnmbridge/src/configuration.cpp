@@ -334,7 +334,7 @@ std::string read_text(const std::string& file) {
     throw picture::Error(picture::ErrorKind::no_configuration,
                          fmt::format("cannot read the bridge's configuration {}; see \"man shmnmbridge\" for its "
                                      "contents, or name another file with --config",
-                                     printable(file)));
+                                     picture::shown_file(file)));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "console/console.h"
 #include "picture/escape.h"
 
 namespace bridge {
@@ -9,8 +10,7 @@ namespace bridge {
 void log(const std::string& line) {
     // In one piece, so that lines of several processes do not mix. What etcd or another machine has sent may hold
     // anything.
-    std::fputs(("shmnmbridge: " + picture::as_typed(line) + "\n").c_str(), stderr);
-    std::fflush(stderr);
+    console::write(stderr, "shmnmbridge: " + picture::shown_file(line) + "\n");
 }
 
 }  // namespace bridge

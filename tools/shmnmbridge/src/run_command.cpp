@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "configuration.h"
+#include "console/console.h"
 #include "driver.h"
 #include "kzmutil.h"
 #include "log.h"
@@ -46,14 +47,13 @@ class OnlyOne {
 Exit run(const std::string& file) {
     const CheckedConfiguration checked = check_configuration(file);
     for (const ConfigurationProblem& problem : checked.problems) {
-        log(fmt::format("{}, line {}: {}", picture::printable(file), problem.line, problem.text));
+        log(fmt::format("{}, line {}: {}", picture::shown_file(file), problem.line, problem.text));
     }
     if (!checked.problems.empty()) return Exit::failed;
     const OnlyOne only_one;
     Driver driver(checked.configuration);
     const Settings& settings = checked.configuration.bridge;
-    std::fputs(fmt::format("ready: server {} of cluster {}\n", settings.server, settings.cluster).c_str(), stdout);
-    std::fflush(stdout);
+    console::write(stdout, fmt::format("ready: server {} of cluster {}\n", settings.server, settings.cluster));
     notify_service_manager("READY=1");
     driver.run();
     return Exit::done;

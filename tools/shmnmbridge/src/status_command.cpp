@@ -7,6 +7,7 @@
 
 #include "bridge_marks/live.h"
 #include "commands.h"
+#include "console/console.h"
 #include "log.h"
 #include "picture/bridge.h"
 #include "picture/error.h"
@@ -107,8 +108,8 @@ Exit show_status(bool json) {
     if (read) picture::make_safe(read->marks);
     const std::string text = json ? to_json_line(read) : read ? to_text(*read) : "";
     if (!read && !json) log("no bridge runs here: start it with \"shmnmbridge run\", or its service");
-    if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
-        throw picture::Error(picture::ErrorKind::failed, "cannot write to standard output");
+    if (const std::string problem = console::write(stdout, text); !problem.empty()) {
+        throw picture::Error(picture::ErrorKind::failed, "cannot write to standard output: " + problem);
     }
     if (!read) return Exit::no_bridge;
     return is_all_fresh(read->marks) ? Exit::done : Exit::no;

@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include <fmt/format.h>
 
+#include "console/console.h"
 #include "duration.h"
 #include "picture/error.h"
 #include "picture/escape.h"
@@ -55,22 +54,12 @@ std::string read_standard_input() {
 }
 
 void write_error(const std::string& text) {
-    if (session::write_to_console(stderr, text) == session::Written::is_no_console) std::fputs(text.c_str(), stderr);
+    console::write(stderr, text);
 }
 
 void write_output(std::string_view text) {
-    const session::Written to_console = session::write_to_console(stdout, text);
-    if (to_console == session::Written::all) return;
-    if (to_console == session::Written::not_all) {
-        throw Failure(Exit::failed, "cannot write to standard output: the console does not accept it");
-    }
-    errno = 0;
-    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-    if (written) return;
-    // What is still buffered would fail again as the process ends.
-    const int error = errno;
-    if (error == EPIPE || error == EINVAL) throw closed_output();
-    throw Failure(Exit::failed, fmt::format("cannot write to standard output: {}", std::strerror(error)));
+    const std::string problem = console::write(stdout, text);
+    if (!problem.empty()) throw Failure(Exit::failed, "cannot write to standard output: " + problem);
 }
 
 void add_format(CLI::App& command, Context& context) {

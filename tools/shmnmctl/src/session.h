@@ -3,9 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace shmnmctl::session {
@@ -20,11 +18,6 @@ struct Terminal {
 Terminal terminal();
 /// Whether the terminal shows the colours that escape sequences ask for.
 bool has_colors();
-
-enum class Written { all, not_all, is_no_console };
-/// Writes UTF-8 with the escape sequences of colours to standard output or standard error if that is a console of
-/// Windows, which takes neither as bytes.
-Written write_to_console(std::FILE* stream, std::string_view text);
 
 /// To be called once, first of all: output in bytes as written, a closed pipe as an error and not a signal, an input
 /// that is closed as one that has ended.

@@ -74,10 +74,6 @@ bool has_colors() {
     return isatty(STDOUT_FILENO) != 0 && kind && std::strcmp(kind, "dumb") != 0;
 }
 
-Written write_to_console(std::FILE*, std::string_view) {
-    return Written::is_no_console;
-}
-
 void prepare() {
     pipe_was_ignored = is_ignored(SIGPIPE);
     size_limit_was_ignored = is_ignored(SIGXFSZ);

@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "console/console.h"
 #include "listener.h"
 #include "picture/error.h"
 #include "picture/escape.h"
@@ -40,7 +41,7 @@ struct Options {
 
 int report(Exit exit, const std::string& what, service::Event event = service::Event::failed) {
     service::tell(event, what);
-    std::fputs(("shmnmweb: " + what + "\n").c_str(), stderr);
+    console::write(stderr, "shmnmweb: " + what + "\n");
     return exit;
 }
 
@@ -108,8 +109,7 @@ void serve(const Options& options) {
     server.run([&] {
         std::string text;
         for (const std::string& address : server.addresses()) text += "listening on " + address + "\n";
-        std::fputs(text.c_str(), stdout);
-        std::fflush(stdout);
+        console::write(stdout, text);
         notify_service_manager("READY=1");
         service::ready(fmt::format("listening on {}", fmt::join(server.addresses(), " and ")));
     });
