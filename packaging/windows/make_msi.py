@@ -136,16 +136,19 @@ def service_statements():
     # 3 or, because wine takes values of the registry for files that run from their source, 4.
     wanted = "(&Service>=3 OR (REINSTALL AND !Service>=3 AND NOT &Service=2))"
     mine, mine_of_web = "SERVICEPROGRAM~><INSTALLDIR", "WEBSERVICEPROGRAM~><INSTALLDIR"
+    ran, web_ran = (f'{condition} AND {replaced} AND {prefix}START="#{STARTS_WITH_WINDOWS}"' for condition, prefix in ((mine, "SERVICE"), (mine_of_web, "WEBSERVICE")))
     actions = [
-        # Name, type, arguments, sequence, condition.
+        # Name, type, arguments, sequence, condition. A rollback undoes the actions in reverse: these two come last then, when the old files are back.
+        ("StartServiceAgain", as_system | ON_ROLLBACK | IGNORE_RESULT, "start", 1901, ran),
+        ("StartWebServiceAgain", as_system | ON_ROLLBACK | IGNORE_RESULT, "start --web", 1902, web_ran),
         ("StopService", as_system | IGNORE_RESULT, "stop", 1910, f"{mine} AND {replaced}"),
         ("StopWebService", as_system | IGNORE_RESULT, "stop --web", 1920, f"{mine_of_web} AND {replaced}"),
         ("RemoveService", as_system | IGNORE_RESULT, "remove", 1930, f'{mine} AND {last} AND (REMOVE~="ALL" OR &Service=2)'),
         ("RemoveWebService", as_system | IGNORE_RESULT, "remove --web", 1940, f'{mine_of_web} AND {last} AND (REMOVE~="ALL" OR &Web=2)'),
         ("TakeServiceBack", as_system | ON_ROLLBACK | IGNORE_RESULT, "remove", 5810, f"{wanted} AND NOT SERVICEPROGRAM"),
         ("InstallService", as_system, "install", 5820, f"{wanted} AND NOT {mine}"),
-        ("StartService", as_system | IGNORE_RESULT, "start", 5830, f'{mine} AND {replaced} AND SERVICESTART="#{STARTS_WITH_WINDOWS}"'),
-        ("StartWebService", as_system | IGNORE_RESULT, "start --web", 5840, f'{mine_of_web} AND {replaced} AND WEBSERVICESTART="#{STARTS_WITH_WINDOWS}"'),
+        ("StartService", as_system | IGNORE_RESULT, "start", 5830, ran),
+        ("StartWebService", as_system | IGNORE_RESULT, "start --web", 5840, web_ran),
     ]
     for service, prefix in (("shmnm", "SERVICE"), ("shmnmweb", "WEBSERVICE")):
         for name, value in ((prefix + "START", "Start"), (prefix + "PROGRAM", "ImagePath")):
@@ -157,6 +160,8 @@ def service_statements():
         yield f"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('{name}', '{condition}', {sequence})"
     # Wine replaces files at once and runs these actions late: only after this action are the services stopped before their files are replaced.
     yield "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('InstallExecute', 'SERVICEPROGRAM OR WEBSERVICEPROGRAM', 1950)"
+    # Only so does wine's rollback take the service back before it removes the program that does it.
+    yield f"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('InstallExecuteAgain', '{wanted}', 5805)"
 
 
 def complete(msi, version):

@@ -22,6 +22,10 @@ WITH_SERVICE = "ADDLOCAL=Cluster,Web,Bridge,Service"
 SERVICES = r"HKLM\SYSTEM\CurrentControlSet\Services"
 # The installer's results. The status of a Unix process has only their lowest byte.
 DONE, RESTART_NEEDED, FAILED = 0, 3010 % 256, 1603 % 256
+# Of an action; Windows ends with 1603 then.
+FAILED_HALFWAY = 1627 % 256
+RUN_INSTALLED_DEFERRED = 18 + 1024 + 2048
+AFTER_THE_SERVICE_IS_STOPPED, AFTER_THE_SERVICE_IS_INSTALLED = 1945, 5900
 MINE = b"\n<!-- edited by the administrator -->\n"
 
 
@@ -92,14 +96,17 @@ class Installer(Place):
 
     def setUp(self):
         self.present = None
+        # In reverse: what a test has started ends before all of these.
+        self.addCleanup(shutil.rmtree, self.installed, ignore_errors=True)
+        self.addCleanup(lambda: self.present and self.msiexec("/x", self.present))
+        self.addCleanup(self.remove_services)
 
-    def tearDown(self):
+    def remove_services(self):
+        """The next test would take a service that is still there for its own."""
         for service in ("shmnm", "shmnmweb"):
-            self.wine("sc", "stop", service)
-            self.wine("sc", "delete", service)
-        if self.present:
-            self.msiexec("/x", self.present)
-        shutil.rmtree(self.installed, ignore_errors=True)
+            # Not the installed tool, which may be gone already.
+            run(WINE, support.BUILD / "bin/shmnmctl.exe", "service", "remove", "--name", service, env=self.environment())
+        self.assertEqual(self.registered("shmnm", "shmnmweb"), [])
 
     def wine(self, *words):
         done = subprocess.run([WINE, *words], env=self.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=300)
@@ -334,6 +341,40 @@ class Installer(Place):
         made = self.wine("reg", "query", key)
         self.assertRegex(made, r"DumpFolder +REG_EXPAND_SZ +C:\\Dumps\n")
         self.assertRegex(made, r"DumpType +REG_DWORD +0x2\n")
+
+    def failing(self, msi, sequence):
+        """A copy of an installer with an action that fails."""
+        file = self.folder / f"failing_{msi.name}"
+        shutil.copy(msi, file)
+        (tool,) = (line.split("\t")[0] for line in run("msiinfo", "export", file, "File").splitlines() if line.startswith("f_bin_shmnmctl_exe_"))
+        for statement in (
+            f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Fail', {RUN_INSTALLED_DEFERRED}, '{tool}', 'no such command')",
+            f"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Fail', '', {sequence})",
+        ):
+            run("msibuild", file, "-q", statement)
+        return file
+
+    def test_an_installation_that_fails_leaves_nothing_but_the_configuration(self):
+        before = self.path_of_the_machine()
+        self.assertEqual(self.msiexec("/i", self.failing(self.msi, AFTER_THE_SERVICE_IS_INSTALLED), WITH_SERVICE), FAILED_HALFWAY)
+        self.assertEqual(files(self.installed), {"etc/cluster.xml": self.example})
+        self.assertEqual([entry.name for entry in self.installed.iterdir()], ["etc"])
+        self.assertEqual([folder for folder in self.path_of_the_machine() if folder], [folder for folder in before if folder])
+        self.assertEqual(self.products(), [])
+        self.assertNotIn("InstallDir", self.wine("reg", "query", r"HKLM\Software\shmnm"))
+        self.assertEqual(self.registered("shmnm", "shmnmweb"), [])
+        self.assertEqual(self.msiexec("/i", self.msi, WITH_SERVICE), DONE)
+        self.expect_installed(self.first, self.example)
+
+    def test_an_upgrade_that_fails_starts_the_service_that_it_has_stopped(self):
+        self.assertEqual(self.msiexec("/i", self.msi, WITH_SERVICE), DONE)
+        before = self.service("start")
+        self.assertEqual(self.msiexec("/i", self.failing(self.later_msi, AFTER_THE_SERVICE_IS_STOPPED), WITH_SERVICE), FAILED_HALFWAY)
+        after = self.service("status")
+        self.assertEqual((after["state"], after["command_line"]), ("running", before["command_line"]))
+        self.assertNotEqual(after["process"], before["process"])
+        self.expect_installed(self.first, self.example)
+        self.assertEqual(self.products(), [self.now])
 
     def test_an_older_version_is_refused(self):
         self.install_and_edit(self.later_msi)
