@@ -1,4 +1,6 @@
 """Dumps that are whole, cut, changed by calls, and none: which of them the reading commands show."""
+import subprocess
+
 import support
 from support import ToolTest, path
 
@@ -111,6 +113,63 @@ class Dumps(ToolTest):
         )
         api.ok("shmnm_clear")
         self.assertIn("warning: the header was cleared", self.tool("status").err)
+
+    def test_a_dump_takes_the_place_of_an_older_one(self):
+        whole = self.dump_of()
+        file = self.folder / "older"
+        file.write_bytes(b"an older dump" * 10_000)
+        self.cluster()
+        self.assertEqual(self.tool("dump", path(file)).status, 0)
+        self.assertEqual(len(file.read_bytes()), len(whole))
+        self.assertEqual([each.name for each in self.folder.iterdir() if "older" in each.name], ["older"])
+
+    def test_a_dump_that_cannot_be_written_leaves_nothing(self):
+        self.cluster()
+        missing = self.folder / "missing/dump"
+        result = self.tool("dump", path(missing))
+        self.assertEqual((result.status, result.err), (5, f"shmnmctl: cannot write {path(missing)}: No such file or directory\n"))
+        (self.folder / "folder").mkdir()
+        self.assertEqual(self.tool("dump", path(self.folder / "folder")).status, 5)
+        self.assertEqual(list((self.folder / "folder").iterdir()), [])
+
+
+class DumpsOnLinux(Dumps):
+    """Under Linux only: a limit of file sizes stands for a full disk."""
+
+    def test_a_dump_for_which_there_is_no_room_leaves_the_older_one(self):
+        self.cluster()
+        file = self.folder / "older"
+        for content in (None, b"an older dump"):
+            with self.subTest(content):
+                if content:
+                    file.write_bytes(content)
+                # The signal of the limit is ignored, as Python does, and so reaches the tool as an error.
+                done = subprocess.run(["sh", "-c", 'ulimit -f 8; exec "$@"', "sh", *support.program("shmnmctl"), "dump", file], env=self.environment,
+                                      restore_signals=False, capture_output=True, text=True)
+                self.assertEqual((done.returncode, done.stderr), (5, f"shmnmctl: cannot write {file}: File too large\n"))
+                left = [each for each in self.folder.iterdir() if "older" in each.name]
+                self.assertEqual([each.read_bytes() for each in left], [content] if content else [])
+
+    def test_a_dump_keeps_the_permissions_of_the_older_one(self):
+        file = self.folder / "older"
+        file.write_bytes(b"an older dump")
+        file.chmod(0o600)
+        self.cluster()
+        self.assertEqual(self.tool("dump", file).status, 0)
+        self.assertEqual((file.stat().st_mode & 0o777, file.stat().st_size > 1084), (0o600, True))
+
+    def test_a_dump_is_written_through_a_link_and_to_a_pipe(self):
+        whole = self.dump_of()
+        self.cluster()
+        (self.folder / "place").mkdir()
+        link = self.folder / "link"
+        link.symlink_to(self.folder / "place/target")
+        (self.folder / "place/target").write_bytes(b"older")
+        self.assertEqual(self.tool("dump", link).status, 0)
+        self.assertTrue(link.is_symlink())
+        self.assertEqual(len((self.folder / "place/target").read_bytes()), len(whole))
+        done = subprocess.run([*support.program("shmnmctl"), "dump", "/dev/stdout"], env=self.environment, capture_output=True)
+        self.assertEqual((done.returncode, len(done.stdout)), (0, len(whole)))
 
 
 if __name__ == "__main__":

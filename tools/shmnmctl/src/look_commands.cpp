@@ -1,19 +1,14 @@
 // The small commands that only look: list, get, dump.
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-
 #include "context.h"
 #include "picture/answers.h"
 #include "picture/decode.h"
 #include "picture/escape.h"
 #include "picture/json.h"
 #include "picture/keys.h"
-#include "picture/platform.h"
 #include "picture/spelling.h"
+#include "whole_file.h"
 
 namespace shmnmctl {
 namespace {
@@ -58,12 +53,7 @@ Exit dump(const Context& context, const std::string& name) {
         write_output(bytes);
         return Exit::done;
     }
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(platform::open_to_write(name), std::fclose);
-    const bool written =
-        file && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() && std::fflush(file.get()) == 0;
-    if (!written) {
-        throw Failure(Exit::failed, fmt::format("cannot write {}: {}", shown_file(name), std::strerror(errno)));
-    }
+    write_whole_file(name, bytes);
     if (context.json()) {
         Json answer = document("dump");
         answer["file"] = as_typed(name);
