@@ -48,7 +48,7 @@ class Wine(unittest.TestCase):
 class KilledPrograms(WebTest):
     """Each program is killed in the middle of input or output, and the others keep their server."""
 
-    ROUNDS = 3
+    ROUNDS = 2
 
     @staticmethod
     def server():
@@ -98,7 +98,7 @@ class KilledPrograms(WebTest):
             region.ok("shmnm_addhbrsc", LONG_WORD, LONG_WORD + str(100 + i), i)
             region.ok("shmnm_addnprsc", LONG_WORD, LONG_WORD + str(100 + i), i)
         for _ in range(self.ROUNDS):
-            web = self.serve("--write-timeout", "1", "--request-timeout", "1")
+            web = self.serve("--write-timeout", "2", "--request-timeout", "2")
             # More than the buffers of an event stream hold.
             self.assertGreater(len(web.get("/picture.json").body), 250_000)
             slow = web.slow_connection().sock

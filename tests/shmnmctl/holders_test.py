@@ -78,7 +78,7 @@ class HoldersOfTheRegion(ToolTest):
         creator.stdin.write(b"shmnm_create\n")
         creator.stdin.flush()
         self.assertEqual(creator.stdout.readline().strip(), b"0")
-        done = subprocess.run([programs / "shmnmctl", "holders"], capture_output=True, stdin=subprocess.DEVNULL, timeout=60, **as_other)
+        done = subprocess.run([programs / "shmnmctl", "holders"], capture_output=True, stdin=subprocess.DEVNULL, timeout=support.DEADLINE, **as_other)
         result = Result(done.returncode, done.stdout, done.stderr.decode())
         self.assertEqual((result.status, result.err), (0, ""))
         self.assertEqual(result.lines[1].split()[:3], [str(creator.pid), str(OTHER_USER), "running"])

@@ -19,7 +19,7 @@ class Keeping(ToolTest):
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(self.manager.close)
         self.manager.bind(address)
-        self.manager.settimeout(20)
+        self.manager.settimeout(support.DEADLINE)
 
     def serve(self):
         process = self.start("serve")
@@ -101,14 +101,14 @@ class Keeping(ToolTest):
                 self.assertEqual(self.tool("status").status, 3)
 
     def test_the_keeper_makes_no_region(self):
-        done = subprocess.run(support.program("shmnm-keeper"), env=self.environment, capture_output=True, text=True, timeout=20)
+        done = subprocess.run(support.program("shmnm-keeper"), env=self.environment, capture_output=True, text=True, timeout=support.DEADLINE)
         said = "shmnm-keeper: there is no region to keep: start its creator (shmnm.service) first\n"
         self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", said))
         self.assertEqual(self.tool("status").status, 3)
 
     def test_the_keeper_says_why_it_cannot_hold_the_region(self):
         self.environment["KZMKERNEL_FOLDER"] = "not/a/full/path"
-        done = subprocess.run(support.program("shmnm-keeper"), env=self.environment, capture_output=True, text=True, timeout=20)
+        done = subprocess.run(support.program("shmnm-keeper"), env=self.environment, capture_output=True, text=True, timeout=support.DEADLINE)
         said = "shmnm-keeper: cannot hold the region: error 123: KZMKERNEL_FOLDER=not/a/full/path is not the full path of a folder: mend it or unset it\n"
         self.assertEqual((done.returncode, done.stdout, done.stderr), (5, "", said))
 
@@ -129,7 +129,7 @@ class PackagedInstallation(ToolTest):
 
     def said(self, **more):
         """What a command that needs the configuration and the region complains about."""
-        done = subprocess.run([self.program, "serve"], env=self.environment | more, capture_output=True, text=True, timeout=20)
+        done = subprocess.run([self.program, "serve"], env=self.environment | more, capture_output=True, text=True, timeout=support.DEADLINE)
         self.assertEqual((done.returncode, done.stdout), (5, ""))
         return done.stderr
 

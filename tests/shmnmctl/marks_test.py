@@ -122,7 +122,7 @@ class Marks(ToolTest):
         bridge.says(FRESH, SILENT)
         waiting = self.start("wait", "bridge/servers/gamma/freshness=1", "--timeout", "30s")
         bridge.says(FRESH, ("gamma", "fresh", {"age_ms": 1}))
-        self.assertEqual(waiting.wait(timeout=60), 0)
+        self.assertEqual(waiting.wait(timeout=support.DEADLINE), 0)
 
     def test_watch_tells_of_marks_but_not_of_ages_and_misses_no_step(self):
         self.cluster()

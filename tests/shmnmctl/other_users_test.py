@@ -26,7 +26,7 @@ class OtherUsers(ToolTest):
 
     def tool_of_other_user(self, *arguments):
         done = subprocess.run([self.programs / "shmnmctl", *arguments], capture_output=True, env=self.environment, stdin=subprocess.DEVNULL,
-                              timeout=60, user=OTHER_USER, group=OTHER_USER, extra_groups=[])
+                              timeout=support.DEADLINE, user=OTHER_USER, group=OTHER_USER, extra_groups=[])
         return Result(done.returncode, done.stdout, done.stderr.decode())
 
     def private_folder(self):

@@ -68,7 +68,7 @@ class Installed(InstallationTest):
                 (command,) = self.copy_programs(folder, "shmnmctl")
                 self.serving(command)
                 self.assertTrue((folder / "log/shmnm.log").exists())
-                shown = subprocess.run(command + ["get", "cluster/clstat"], env=self.environment, capture_output=True, timeout=60)
+                shown = subprocess.run(command + ["get", "cluster/clstat"], env=self.environment, capture_output=True, timeout=support.DEADLINE)
                 self.assertEqual((shown.returncode, shown.stdout, shown.stderr), (0, b"0\n", b""))
 
 

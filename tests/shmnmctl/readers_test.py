@@ -21,7 +21,7 @@ class Reading(ToolTest):
 
     def operator(self, *arguments, json=False):
         command = support.program("as_operator") + support.native_program("shmnmctl") + list(arguments) + (["--format", "json"] if json else [])
-        done = subprocess.run(command, env=self.environment, capture_output=True, timeout=60)
+        done = subprocess.run(command, env=self.environment, capture_output=True, timeout=support.DEADLINE)
         result = Result(done.returncode, done.stdout, done.stderr.decode())
         if json:
             validated(result.err)

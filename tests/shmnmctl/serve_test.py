@@ -343,7 +343,7 @@ class ServingOnLinux(ServeTest):
 
     def test_serve_treats_a_closed_input_as_ended(self):
         command = support.program("shmnmctl") + ["serve", "--until-eof"]
-        done = subprocess.run(["sh", "-c", 'exec "$@" <&-', "sh"] + command, env=self.environment, capture_output=True, timeout=20)
+        done = subprocess.run(["sh", "-c", 'exec "$@" <&-', "sh"] + command, env=self.environment, capture_output=True, timeout=support.DEADLINE)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
 
     def test_serve_leaves_nothing_behind_when_killed(self):
@@ -358,7 +358,7 @@ class ServingOnLinux(ServeTest):
         for address in (str(self.folder / "notify"), abstract):
             with self.subTest(address), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
                 manager.bind(address)
-                manager.settimeout(20)
+                manager.settimeout(support.DEADLINE)
                 self.environment["NOTIFY_SOCKET"] = address.replace("\0", "@")
                 process = self.serve()
                 self.assertEqual(manager.recv(100), b"READY=1")
@@ -384,7 +384,7 @@ class ServingOnWindows(ServeTest):
         # To a file: wine may start a process for the console that keeps the output open for long.
         said = self.folder / "said"
         with said.open("wb") as output:
-            done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output, timeout=60)
+            done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output, timeout=support.DEADLINE)
         self.assertEqual(done.returncode, 0, said.read_text())
         self.assertIn("5 members were registered", said.read_text())
         self.assertEqual(api.ok("shmnm_enumnode"), [])

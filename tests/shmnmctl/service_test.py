@@ -41,7 +41,7 @@ class OnWindows(InstallationTest):
 
     def system(self, *command):
         """A command of the system itself."""
-        done = subprocess.run([str(support.PROJECT / "scripts/wine"), *command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=self.environment, timeout=60)
+        done = subprocess.run([str(support.PROJECT / "scripts/wine"), *command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=self.environment, timeout=support.DEADLINE)
         return done.returncode, done.stdout.decode(errors="replace").replace("\r", "")
 
     def value(self, key, name):
@@ -51,7 +51,7 @@ class OnWindows(InstallationTest):
 
     def answer(self, port, target):
         """The status and the body that a server of this machine answers."""
-        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=support.DEADLINE)
         self.addCleanup(connection.close)
         connection.request("GET", target)
         response = connection.getresponse()
@@ -147,7 +147,7 @@ class OnWindows(InstallationTest):
         tool, _ = self.copy_programs(folder, "shmnmctl", "shmnmweb")
 
         def there(action, *arguments, name=self.name):
-            done = subprocess.run([*tool, "service", action, "--name", name, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, env=self.environment, timeout=60)
+            done = subprocess.run([*tool, "service", action, "--name", name, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, env=self.environment, timeout=support.DEADLINE)
             self.assertEqual(done.returncode, 0, done)
             return done.stdout.decode()
 
@@ -275,7 +275,7 @@ class OnWindows(InstallationTest):
         result = self.tool("serve", "--service")
         self.assertEqual((result.status, result.out), (2, ""))
         self.assertIn("--service is for the service manager, which has not started this process: leave it out, or install", result.err)
-        done = subprocess.run(program("shmnmweb") + ["--service"], stdin=subprocess.DEVNULL, capture_output=True, env=self.environment, timeout=60)
+        done = subprocess.run(program("shmnmweb") + ["--service"], stdin=subprocess.DEVNULL, capture_output=True, env=self.environment, timeout=support.DEADLINE)
         self.assertEqual(done.returncode, 2)
         self.assertIn(b"--service is for the service manager", done.stderr)
 

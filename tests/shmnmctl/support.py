@@ -43,6 +43,8 @@ def kinds_of(schema):
 KINDS_BEFORE = kinds_of(SCHEMA_BEFORE)
 VALIDATOR_BEFORE = jsonschema.Draft202012Validator(open_schema(SCHEMA_BEFORE))
 
+# Seconds until a test takes it that something never comes. A busy machine may be slow.
+DEADLINE = 300
 PLATFORM = "linux"
 FOLDER = pathlib.Path()
 
@@ -205,7 +207,7 @@ class ToolTest(unittest.TestCase):
             f"<root><all><num>{numbers}</num></all><shmnm><log><level>4</level></log></shmnm><cluster>{members}</cluster></root>"
         )
 
-    def tool(self, *arguments, input=None, environment=None, stdout=subprocess.PIPE, timeout=60):
+    def tool(self, *arguments, input=None, environment=None, stdout=subprocess.PIPE, timeout=DEADLINE):
         """Runs the tool to its end. What it says in JSON is checked against the schema."""
         # Not a pipe: if this is the first program under wine, wine's services inherit it and outlive the program, so a pipe would not end.
         with tempfile.TemporaryFile() as errors:

@@ -45,7 +45,7 @@ class Terminal:
 
     def read(self):
         """Takes in what the tool has written. False once it has ended and all is read."""
-        end = time.monotonic() + 10
+        end = time.monotonic() + support.DEADLINE
         has_ended = False
         # The end of the process counts, not that of the terminal: a server of wine may hold it for longer.
         while not select.select([self.controller], [], [], 0.1)[0]:
@@ -69,7 +69,7 @@ class Terminal:
 
     def wait_for(self, condition):
         """Reads until the screen shows what it should."""
-        end = time.monotonic() + 20
+        end = time.monotonic() + support.DEADLINE
         while not condition(self):
             if time.monotonic() > end or not self.read():
                 raise AssertionError("the screen never shows it:\n" + "\n".join(self.lines))

@@ -237,14 +237,14 @@ class Watching(WatchTest):
         if support.PLATFORM == "windows":
             # Only a pipe of the system's own tells; the pipe to this process is one of wine's host.
             command = support.program("closing_reader") + support.native_program("shmnmctl") + arguments
-            done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
+            done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, capture_output=True, timeout=support.DEADLINE)
             status, error = done.returncode, done.stderr.decode()
             self.assertTrue(done.stdout.decode().strip().endswith(" 1 cluster/clstat - -> 0"), done)
         else:
             watcher = self.watch(*arguments[1:])
             watcher.line()
             watcher.process.stdout.close()
-            status, error = watcher.process.wait(60), watcher.process.stderr.read().decode()
+            status, error = watcher.process.wait(support.DEADLINE), watcher.process.stderr.read().decode()
             watcher.process.stdout = None
         self.assertEqual((status, error.strip()), (5, "shmnmctl: cannot write to standard output: its reader has closed it"))
 

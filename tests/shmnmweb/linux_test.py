@@ -33,7 +33,7 @@ class ReadOnly(WebTest):
         for path in ("/picture.json", "/metrics", "/dump", "/snapshot?all", "/query?condition=cluster/clstat=6"):
             self.assertEqual(web.get(path).status, 200)
         web.process.terminate()
-        self.assertEqual(web.process.wait(60), 0)
+        self.assertEqual(web.process.wait(web_support.DEADLINE), 0)
         end = time.monotonic() + web_support.DEADLINE
         while f"{web.process.pid} +++ exited" not in re.sub(" +", " ", trace.read_text()):
             self.assertLess(time.monotonic(), end)
@@ -129,7 +129,7 @@ class Readers(WebTest):
         script = ("import socket, sys\ns = socket.socket(socket.AF_UNIX)\ntry:\n    s.connect(sys.argv[1])\nexcept OSError as error:\n    sys.exit(error.strerror)\n"
                   "s.sendall(sys.argv[2].encode())\nwhile part := s.recv(65536):\n    sys.stdout.buffer.write(part)\n")
         request = f"{method} {target} HTTP/1.1\r\nHost: anything.test\r\nConnection: close\r\n\r\n"
-        done = subprocess.run(["/usr/bin/python3", "-c", script, str(self.path), request], capture_output=True, user=user, group=user, extra_groups=groups, timeout=60, cwd="/")
+        done = subprocess.run(["/usr/bin/python3", "-c", script, str(self.path), request], capture_output=True, user=user, group=user, extra_groups=groups, timeout=web_support.DEADLINE, cwd="/")
         return done
 
     def test_members_of_the_group_read_everything_and_nobody_else(self):
@@ -164,7 +164,7 @@ class Readers(WebTest):
         self.assertIn(b"Permission denied", refused.stderr)
 
     def tool_of(self, user, groups, *arguments):
-        return subprocess.run([self.programs / "shmnmctl", *arguments], capture_output=True, env=self.environment, stdin=subprocess.DEVNULL, timeout=60,
+        return subprocess.run([self.programs / "shmnmctl", *arguments], capture_output=True, env=self.environment, stdin=subprocess.DEVNULL, timeout=web_support.DEADLINE,
                               user=user, group=user, extra_groups=groups, cwd="/")
 
     def test_a_front_end_needs_no_right_to_the_region(self):
@@ -205,17 +205,17 @@ class Readers(WebTest):
         killed.kill()
         killed.wait()
         web = self.serve_group()
-        done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=60)
+        done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=web_support.DEADLINE)
         self.assertEqual(done.returncode, 5)
         self.assertIn(b"Address already in use; stop the process that has it, or use another one", done.stderr)
         self.assertTrue(self.ask(READER, [GROUP]).stdout.startswith(b"HTTP/1.1 200 OK"))
         web.process.terminate()
-        self.assertEqual(web.process.wait(60), 0)
+        self.assertEqual(web.process.wait(web_support.DEADLINE), 0)
         self.assertFalse(self.path.exists())
 
     def test_a_file_that_is_no_socket_is_left_alone(self):
         self.path.write_text("precious")
-        done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=60)
+        done = subprocess.run(support.program("shmnmweb") + ["--socket", str(self.path)], capture_output=True, env=self.environment, timeout=web_support.DEADLINE)
         self.assertEqual((done.returncode, self.path.read_text()), (5, "precious"))
 
 

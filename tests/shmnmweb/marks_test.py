@@ -88,7 +88,7 @@ class Marks(WebTest):
         self.assertEqual(here, there)
         waiting = self.start("wait", "bridge/servers/gamma/freshness=1", "--timeout", "30s", "--from", address, environment=elsewhere)
         self.marks.says(FRESH, ("gamma", "fresh", {}))
-        self.assertEqual(waiting.wait(timeout=60), 0)
+        self.assertEqual(waiting.wait(timeout=web_support.DEADLINE), 0)
 
     def test_a_snapshot_that_is_known_is_sent_again_if_a_mark_has_changed(self):
         tag = self.web.get("/snapshot").fields["ETag"]

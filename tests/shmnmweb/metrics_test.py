@@ -168,7 +168,7 @@ class Names(WebTest):
                 file.write_text(text)
                 if text != "{":
                     self.assertFalse(NAMES_VALIDATOR.is_valid(json.loads(text)))
-                done = subprocess.run(support.program("shmnmweb") + ["--listen", "127.0.0.1:0", "--names", support.path(file)], capture_output=True, env=self.environment, timeout=60)
+                done = subprocess.run(support.program("shmnmweb") + ["--listen", "127.0.0.1:0", "--names", support.path(file)], capture_output=True, env=self.environment, timeout=web_support.DEADLINE)
                 self.assertEqual(done.returncode, 5)
                 self.assertIn(why, done.stderr.decode())
 

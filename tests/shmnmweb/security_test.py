@@ -67,7 +67,7 @@ class Hosts(WebTest):
     def test_other_machines_need_a_word_of_the_operator(self):
         for address in ("0.0.0.0:0", "[::]:0"):
             with self.subTest(address):
-                done = subprocess.run(support.program("shmnmweb") + ["--listen", address], capture_output=True, env=self.environment, timeout=60)
+                done = subprocess.run(support.program("shmnmweb") + ["--listen", address], capture_output=True, env=self.environment, timeout=support.DEADLINE)
                 self.assertEqual((done.returncode, done.stdout), (2, b""))
                 self.assertIn(f"other machines can reach {address}, and nothing is encrypted", done.stderr.decode())
         self.cluster()

@@ -13,7 +13,7 @@ import jsonschema  # noqa: E402
 import support  # noqa: E402
 from support import ToolTest  # noqa: E402
 
-DEADLINE = 60
+DEADLINE = support.DEADLINE
 # Both schemas as one, because the server's refers to the tool's.
 WEB_SCHEMA = json.loads((support.PROJECT / "docs/shmnmweb.schema.json").read_text().replace('"shmnmctl.schema.json#', '"#'))
 VALIDATOR = jsonschema.Draft202012Validator(WEB_SCHEMA | {"$defs": support.SCHEMA["$defs"] | WEB_SCHEMA["$defs"]})
