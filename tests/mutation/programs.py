@@ -6,18 +6,20 @@ import resource
 import select
 import signal
 import subprocess
+import tempfile
 import threading
 import time
 
-LEAST = 1.0  # seconds of processor time, and of sleep, that every run may take
-POLL = 0.2
+LEAST_PROCESSOR, LEAST_ASLEEP = 0.3, 1.0  # seconds that every run may take
+POLL = 0.1
+TICKS = os.sysconf('SC_CLK_TCK')
 
 
 class Outcome:
-    """How a run ended. `processor`: seconds of processor time; `asleep`: seconds in which all its threads slept."""
+    """How a run ended. `processor`: seconds of processor time; `asleep`: seconds in which all its threads slept; `output`: what it printed."""
 
-    def __init__(self, passed, processor, asleep):
-        self.passed, self.processor, self.asleep = passed, processor, asleep
+    def __init__(self, passed, processor, asleep, output):
+        self.passed, self.processor, self.asleep, self.output = passed, processor, asleep, output
 
 
 def family(leader):
@@ -37,6 +39,13 @@ def family(leader):
     return members
 
 
+def processor_seconds(process):
+    """What the process, without its children, has used."""
+    with open(f'/proc/{process}/stat', encoding='utf-8', errors='replace') as file:
+        fields = file.read().rpartition(') ')[2].split()
+    return (int(fields[11]) + int(fields[12])) / TICKS
+
+
 def all_sleep(processes):
     """Whether no thread of the processes runs or could run. A thread that waits for a busy processor does not sleep."""
     for process in processes:
@@ -52,40 +61,41 @@ def all_sleep(processes):
 
 def run(command, folder, environment, processor, asleep):
     """Runs the command. It fails if a process uses more seconds of processor time than allowed, or if all sleep longer than allowed."""
-    process = subprocess.Popen(command, cwd=folder, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL, start_new_session=True)
-    seconds = math.ceil(processor)
-    slept, handle = 0.0, os.pidfd_open(process.pid)
+    output = tempfile.TemporaryFile()
+    process = subprocess.Popen(command, cwd=folder, env=environment, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.DEVNULL,
+                               start_new_session=True)
+    slept, handle, used = 0.0, os.pidfd_open(process.pid), 0.0
     try:
-        resource.prlimit(process.pid, resource.RLIMIT_CPU, (seconds, seconds))
+        # Ends its children too, which inherit it.
+        resource.prlimit(process.pid, resource.RLIMIT_CPU, (math.ceil(processor), math.ceil(processor)))
         resource.prlimit(process.pid, resource.RLIMIT_CORE, (0, 0))
     except ProcessLookupError:
         pass
     ended = select.poll()
     ended.register(handle, select.POLLIN)
     last = time.monotonic()
-    while not ended.poll(POLL * 1000):
-        members = family(process.pid)
+    while slept <= asleep and used <= processor and not ended.poll(POLL * 1000):
+        before, used = used, processor_seconds(process.pid)
         now = time.monotonic()
-        if all_sleep(members):
+        if used == before and all_sleep(family(process.pid)):
             # This process may have waited for a processor too: no longer than the pause that it asked for counts.
             slept += min(now - last, 2 * POLL)
         last = now
-        if slept > asleep:
-            break
-    in_time = slept <= asleep
+    in_time = slept <= asleep and used <= processor
     if not in_time:
         for one in family(process.pid):
             kill(os.kill, one)
-    os.waitid(os.P_PIDFD, handle, os.WEXITED | os.WNOWAIT)
-    # Its children too: a mutant may leave them waiting.
-    for one in family(process.pid) - {process.pid}:
-        kill(os.kill, one)
+    # Its children too: a mutant may leave them waiting. The search costs more than many a run; who passes has waited for its children.
+    if os.waitid(os.P_PIDFD, handle, os.WEXITED | os.WNOWAIT).si_status != 0:
+        for one in family(process.pid) - {process.pid}:
+            kill(os.kill, one)
     kill(os.killpg, process.pid)
     os.close(handle)
     _, status, used = os.wait4(process.pid, 0)
     process.returncode = status
-    return Outcome(in_time and status == 0, used.ru_utime + used.ru_stime, slept)
+    with output:
+        output.seek(0)
+        return Outcome(in_time and status == 0, used.ru_utime + used.ru_stime, slept, output.read().decode(errors='replace'))
 
 
 def kill(how, number):
@@ -104,9 +114,8 @@ class Program:
         self.folder = properties.get('WORKING_DIRECTORY', build)
         self.environment = dict(one.split('=', 1) for one in properties.get('ENVIRONMENT', []))
         self.lock = threading.Lock()  # two runs of one program may use the same folder and names
-        self.cost = {}  # of each case, run alone: seconds
+        self.cost = {}  # of each case, run alone: seconds of processor time and of sleep
         self.runs = {}  # of each case: the mutants that it runs
-        self.checked = {}  # of each group of cases: how it ended without a mutant
 
     def cases(self):
         done = subprocess.run([*self.command, '--gtest_list_tests'], cwd=self.folder, env={**os.environ, **self.environment},
@@ -114,23 +123,29 @@ class Program:
         return listed_cases(done.stdout)
 
     def run(self, cases, processor, asleep, **environment):
-        surroundings = {**os.environ, **self.environment, **environment, 'GTEST_FILTER': ':'.join(cases), 'GTEST_FAIL_FAST': '1', 'GTEST_BRIEF': '1'}
+        surroundings = {**os.environ, **self.environment, **environment, 'GTEST_FILTER': ':'.join(cases), 'GTEST_FAIL_FAST': '1'}
         with self.lock:
             return run(self.command, self.folder, surroundings, processor, asleep)
 
-    def check(self, cases):
-        """Runs the cases without a mutant, once: what passes alone may fail after others."""
-        key = tuple(cases)
-        if key not in self.checked:
-            self.checked[key] = self.run(cases, 600, 600)
-        return self.checked[key]
+    def meet(self, cases, number):
+        """Runs the cases with the mutant. They may use five times the processor time, and sleep three times as long."""
+        processor, asleep = (sum(self.cost[case][one] for case in cases) for one in (0, 1))
+        return self.run(cases, LEAST_PROCESSOR + 5 * processor, LEAST_ASLEEP + 3 * asleep, SHMNM_MUTANT=str(number))
 
     def fails(self, cases, number):
-        """Whether a case fails, takes ten times as long or sleeps three times as long with the mutant; None if one fails without it."""
-        plain = self.check(cases)
-        if not plain.passed:
-            return None
-        return not self.run(cases, LEAST + 10 * plain.processor, LEAST + 3 * plain.asleep, SHMNM_MUTANT=str(number)).passed
+        """Whether a case fails with the mutant."""
+        outcome = self.meet(cases, number)
+        if outcome.passed:
+            return False
+        # It counts if one case fails again, alone: what passes alone may fail after others, or now and then, without a mutant too.
+        last = last_case(outcome.output, cases)
+        return any(not self.meet([case], number).passed for case in sorted(cases, key=lambda one: one != last))
+
+
+def last_case(output, cases):
+    """The case that a program ran last."""
+    begun = re.findall(r'^\[ RUN      \] (\S+)', output, re.M)
+    return next((one for one in reversed(begun) if one in cases), None)
 
 
 def listed_cases(text):
@@ -166,15 +181,13 @@ def killer(programs, stem, number):
     plan = []
     for program in programs:
         mine = [case for case, runs in program.runs.items() if number in runs]
-        for group in groups(mine, program.cost, 0.1):
-            plan.append((sum(program.cost[case] for case in group), program.name != stem, program, group))
+        cost = {case: sum(program.cost[case]) for case in mine}
+        for group in groups(mine, cost, 0.1):
+            plan.append((sum(cost[case] for case in group), program.name != stem, program, group))
     if not plan:
         return None
     # The subject's own test first, where it is quick.
     for _, _, program, group in sorted(plan, key=lambda one: (one[0] > 0.5, one[1], one[0], one[2].name)):
-        answer = program.fails(group, number)
-        if answer is None:
-            answer = any(program.fails([case], number) for case in group)
-        if answer:
+        if program.fails(group, number):
             return program.name
     return ''

@@ -9,11 +9,14 @@ FOLDER = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, FOLDER)
 import programs  # noqa: E402
 
-# Behaves as a GoogleTest program: case Kills.Seven fails with mutant 7, Never.Together fails after another case.
+# Behaves as a GoogleTest program: case Kills.Seven fails with mutant 7, Never.Together fails after another case,
+# Once.Fails the first time.
 PROGRAM = r'''#!/bin/sh
 [ "$1" != --gtest_list_tests ] || { printf 'Kills.\n  Seven\n  DISABLED_Eight\nSome/Kills.\n  Other/0  # GetParam() = 3\nNever.\n  Together\n'; exit; }
 echo "$SHMNM_MUTANT $GTEST_FILTER" >>"$0.runs"
+echo "[ RUN      ] ${GTEST_FILTER##*:}"
 case "$GTEST_FILTER" in *:Never.Together | Never.Together:*) exit 1 ;; esac
+[ "$GTEST_FILTER" != Once.Fails ] || [ -e "$0.once" ] || { : >"$0.once"; exit 1; }
 case "$SHMNM_MUTANT $GTEST_FILTER" in "7 "*Kills.Seven*) exit 1 ;; esac
 '''
 
@@ -74,7 +77,7 @@ class Cases(unittest.TestCase):
             file.write(PROGRAM)
         os.chmod(path, 0o755)
         self.program = programs.Program({'name': 'kills', 'command': [path]}, self.temporary.name)
-        self.program.cost = {'Kills.Seven': 0.02, 'Some/Kills.Other/0': 0.01, 'Never.Together': 0.03}
+        self.program.cost = {'Kills.Seven': (0.01, 0.01), 'Some/Kills.Other/0': (0.01, 0), 'Never.Together': (0.03, 0), 'Once.Fails': (0.01, 0)}
 
     def runs(self):
         with open(self.program.command[0] + '.runs', encoding='utf-8') as file:
@@ -88,12 +91,23 @@ class Cases(unittest.TestCase):
         self.assertEqual(programs.killer([self.program], 'kills', 7), 'kills')
         self.assertEqual(programs.killer([self.program], 'kills', 8), '')
         self.assertIsNone(programs.killer([self.program], 'kills', 10))
-        self.assertEqual(self.runs(), [' Some/Kills.Other/0:Kills.Seven', '7 Some/Kills.Other/0:Kills.Seven', ' Kills.Seven', '8 Kills.Seven'])
+        self.assertEqual(self.runs(), ['7 Some/Kills.Other/0:Kills.Seven', '7 Kills.Seven', '8 Kills.Seven'])
 
     def test_a_group_that_fails_without_a_mutant_proves_nothing(self):
         self.program.runs = {'Kills.Seven': {7}, 'Some/Kills.Other/0': {8}, 'Never.Together': {7, 8}}
         self.assertEqual(programs.killer([self.program], 'kills', 8), '')
+        self.assertEqual(self.runs(), ['8 Some/Kills.Other/0:Never.Together', '8 Never.Together', '8 Some/Kills.Other/0'])
         self.assertEqual(programs.killer([self.program], 'kills', 7), 'kills')
+
+    def test_a_failure_that_does_not_come_again_proves_nothing(self):
+        self.program.runs = {'Once.Fails': {9}}
+        self.assertEqual(programs.killer([self.program], 'kills', 9), '')
+        self.assertEqual(self.runs(), ['9 Once.Fails', '9 Once.Fails'])
+
+    def test_the_case_that_ran_last_is_tried_again(self):
+        printed = '[ RUN      ] A.B\n[       OK ] A.B (0 ms)\n[ RUN      ] A.C/1\n[ RUN      ] In.AChild\n'
+        self.assertEqual(programs.last_case(printed, ['A.B', 'A.C/1']), 'A.C/1')
+        self.assertIsNone(programs.last_case('', ['A.B']))
 
 
 if __name__ == '__main__':
