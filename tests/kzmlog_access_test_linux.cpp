@@ -81,6 +81,7 @@ TEST_F(KzmLogAccess, IsLimitedToItsUserUnderAnyUmask) {
     const ScopedMask none(0);
     void* const log = open_log(1);
     for (const char* const line : {"a", "b"}) EXPECT_EQ(write(log, line), 0);
+    EXPECT_EQ(mode_of(folder()), 0755u);
     EXPECT_EQ(mode_of(file()), 0640u);
     EXPECT_EQ(mode_of(file("shmnm.log.1")), 0640u);
     EXPECT_EQ(mode_of(file(lock_name)), 0600u);

@@ -36,6 +36,7 @@ TEST_F(KzmLog, RotatesBeforeItsSizeIsExceededAndKeepsThreeGenerations) {
     EXPECT_EQ(write(log, "15"), 0);
     EXPECT_THAT(messages(text()), ElementsAre("15"));
     EXPECT_THAT(messages(text("shmnm.log.3")), ElementsAre("06", "07", "08"));
+    EXPECT_EQ(text("oru_kzmshmnm_log.lock"), "");
     kzmlog_close(log);
 }
 

@@ -186,6 +186,15 @@ TEST_F(KzmLog, EndsATruncatedLineBeforeItWritesTheNextOne) {
     kzmlog_close(log);
 }
 
+TEST_F(KzmLog, EndsATruncatedLineOfOneByte) {
+    install().write("log/shmnm.log", "c");
+    void* const log = open_log();
+    EXPECT_EQ(write(log, "next"), 0);
+    ASSERT_EQ(text().substr(0, 2), "c\n");
+    EXPECT_THAT(messages(text().substr(2)), ElementsAre("next"));
+    kzmlog_close(log);
+}
+
 TEST_F(KzmLog, KeepsTwoLogsSeparate) {
     void *first = nullptr, *second = nullptr;
     ASSERT_EQ(kzmlog_open("shmnm", &first, 4, 0, 0, "channel"), 0);
@@ -216,6 +225,9 @@ TEST_F(KzmLog, RefusesBadArguments) {
         EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, channel), invalid_parameter) << (channel ? channel : "null");
         EXPECT_EQ(log, nullptr);
     }
+    log = this;
+    EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, std::string(64, 'c').c_str()), invalid_parameter);
+    EXPECT_EQ(log, nullptr);
     EXPECT_EQ(kzmlog_open("shmnm", nullptr, 4, 0, 0, "channel"), invalid_parameter);
     EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 1, "channel"), invalid_parameter);
     EXPECT_FALSE(std::filesystem::exists(folder()));
@@ -223,6 +235,23 @@ TEST_F(KzmLog, RefusesBadArguments) {
     EXPECT_EQ(kzmlog_write(log, 4, 1, "f", 1, "g", "reserved flags"), invalid_parameter);
     EXPECT_EQ(kzmlog_close(log), 0);
     EXPECT_EQ(text((longest + ".log").c_str()), "");
+}
+
+TEST_F(KzmLog, HasNamesOfLettersDigitsAndThreeSigns) {
+    for (int c = 1; c < 256; ++c) {
+        const auto byte = static_cast<char>(c);
+        const bool is_allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                                c == '-' || c == '_' || c == '.';
+        const std::string module{'m', byte}, channel{'c', byte};
+        void* log = nullptr;
+        EXPECT_EQ(kzmlog_open(module.c_str(), &log, 4, 0, 0, "channel"), is_allowed ? 0 : invalid_parameter) << c;
+        EXPECT_EQ(kzmlog_close(log), is_allowed ? 0 : invalid_handle);
+        EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, channel.c_str()), is_allowed ? 0 : invalid_parameter) << c;
+        EXPECT_EQ(kzmlog_close(log), is_allowed ? 0 : invalid_handle);
+    }
+    void* log = nullptr;
+    EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, std::string(63, 'c').c_str()), 0);
+    EXPECT_EQ(kzmlog_close(log), 0);
 }
 
 TEST_F(KzmLog, RefusesHandlesOfNoOpenLog) {
@@ -300,6 +329,22 @@ TEST_F(KzmLog, OpensSixtyFourLogsAtOnce) {
     EXPECT_EQ(kzmlog_close(open_log()), 0);
 }
 
+TEST_F(KzmLog, FreesItsPlaceHoweverManyThreadsUseIt) {
+    const auto use = [](void* log) { return kzmlog_write(log, 4, 1, "f", 1, "g", "reserved flags"); };
+    for (int round = 0; round < 200; ++round) {
+        void* const log = open_log();
+        ASSERT_NE(log, nullptr) << round;
+        std::atomic<bool> is_used{false};
+        std::thread other([log, use, &is_used] {
+            while (use(log) == invalid_parameter) is_used = true;
+        });
+        while (!is_used) std::this_thread::yield();
+        for (int i = 0; i < 2000; ++i) EXPECT_EQ(use(log), invalid_parameter);
+        EXPECT_EQ(kzmlog_close(log), 0);
+        other.join();
+    }
+}
+
 TEST_F(KzmLog, DropsOrWritesWholeALineThatRacesWithAClose) {
     std::atomic<void*> log{nullptr};
     std::atomic<bool> stop{false};
@@ -375,6 +420,19 @@ TEST_F(KzmLog, CannotBeOpenedWhereItsFolderCannotBeMade) {
     void* log = this;
     EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 3);
     EXPECT_EQ(log, nullptr);
+}
+
+TEST_F(KzmLog, CanBeOpenedAfterManyFailures) {
+    EXPECT_EQ(kzmlog_close(open_log()), 0);
+    {
+        const ScopedEnvironment too_long("KZM_INSTALL_PATH", std::string(4096, 'x').c_str());
+        for (int attempt = 0; attempt < 65; ++attempt) {
+            void* log = this;
+            EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 3);
+            EXPECT_EQ(log, nullptr);
+        }
+    }
+    EXPECT_EQ(kzmlog_close(open_log()), 0);
 }
 
 TEST_F(KzmLog, CannotBeOpenedIfAFolderHasItsName) {

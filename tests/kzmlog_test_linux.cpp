@@ -72,6 +72,15 @@ TEST_F(KzmLog, LeavesNoDescriptorOpenAfterARotation) {
     kzmlog_close(log);
 }
 
+TEST_F(KzmLog, LeavesNoDescriptorOpenAfterARefusal) {
+    std::filesystem::create_directories(folder());
+    ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
+    const std::ptrdiff_t before = open_descriptors();
+    void* log = this;
+    for (int attempt = 0; attempt < 3; ++attempt) EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 5);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
 // A program may have closed its standard input.
 TEST_F(KzmLog, UsesDescriptorZeroAsAnyOther) {
     in_fork([this] {
@@ -79,6 +88,7 @@ TEST_F(KzmLog, UsesDescriptorZeroAsAnyOther) {
         void* const log = open_log(1);
         EXPECT_EQ(fcntl(0, F_GETFD), -1);
         for (const char* const line : {"1", "2", "3", "4", "5", "6"}) {
+            errno = ENOENT;  // of a call before
             EXPECT_EQ(write(log, line), 0);
             EXPECT_EQ(fcntl(0, F_GETFD), -1) << line;
         }
@@ -213,6 +223,30 @@ TEST_F(KzmLog, LosesOnlyTheLinesThatDoNotFitOnAFullDisk) {
     EXPECT_EQ(lines[written], "room again");
 }
 
+CHILD(write_while_the_signal_is_pending) {
+    void* const log = open_log();
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    raise(SIGXFSZ);
+    struct rlimit limit {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = 1'000'000;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    report(static_cast<uint64_t>(write(log, "line")));
+    sigset_t pending;
+    sigpending(&pending);
+    report(static_cast<uint64_t>(sigismember(&pending, SIGXFSZ)));
+}
+
+TEST_F(KzmLog, KeepsASignalThatWasPendingBeforeTheCall) {
+    Child child = start(write_while_the_signal_is_pending);
+    EXPECT_EQ(child.reported(), 0u);
+    EXPECT_EQ(child.reported(), 1u);
+    EXPECT_THAT(messages(text()), ElementsAre("line"));
+}
+
 CHILD(run_out_of_descriptors) {
     void* const log = open_log();
     write(log, "before");
@@ -246,6 +280,18 @@ TEST_F(KzmLog, NeitherBlocksOnAPipeNorFollowsALink) {
     std::filesystem::create_symlink(install().path() / "elsewhere", file());
     EXPECT_EQ(kzmlog_open("shmnm", &log, 4, 0, 0, "channel"), 5);
     EXPECT_EQ(contents_of(install().path() / "elsewhere"), "untouched");
+}
+
+TEST_F(KzmLog, RotatesAwayAPipeUnderItsOldestName) {
+    install().write("log/shmnm.log", "current\n");
+    install().write("log/shmnm.log.1", "younger\n");
+    install().write("log/shmnm.log.2", "older\n");
+    ASSERT_EQ(mkfifo(file("shmnm.log.3").c_str(), 0600), 0);
+    void* const log = open_log(1);
+    EXPECT_EQ(write(log, "new"), 0);
+    EXPECT_EQ(text("shmnm.log.3"), "older\n");
+    EXPECT_THAT(messages(text()), ElementsAre("new"));
+    kzmlog_close(log);
 }
 
 TEST_F(KzmLog, StaysWhereItWasOpenedWhenTheCurrentFolderChanges) {

@@ -1,19 +1,26 @@
-// How long a call waits for the log's lock. Time is the test's own: the two functions below stand before the C
-// library's for the whole program. A sleep costs no time but moves the clock, and by more than was asked for, as on a
-// busy machine.
+// How long a call waits for the log's lock, and what it does if another process rotates meanwhile. Time is the test's
+// own: the functions below stand before the C library's for the whole program. A sleep costs no time but moves the
+// clock, and by more than was asked for, as on a busy machine.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <utility>
 
 #include "kzmlog.h"
 #include "support/child.h"
+#include "support/forked_linux.h"
 #include "support/temporary_folder.h"
 
 namespace {
@@ -22,6 +29,10 @@ constexpr int64_t millisecond = 1'000'000, second = 1000 * millisecond;
 
 std::atomic<bool> is_clock_ours{false};
 std::atomic<int64_t> now_ns{3600 * second};
+/// What happens just before the lock is tried, a file looked at, or space allocated in it, for the next time.
+std::function<void()> before_lock, before_look, before_allocation;
+/// The errno with which the next attempt to lock fails, if it is not 0.
+int lock_error = 0;
 
 }  // namespace
 
@@ -31,6 +42,25 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
     if (!is_clock_ours) return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
     *time = {now_ns / second, now_ns % second};
     return 0;
+}
+
+[[gnu::visibility("default")]] int flock(int descriptor, int operation) noexcept {
+    if (const auto act = std::exchange(before_lock, nullptr)) act();
+    if (const int error = std::exchange(lock_error, 0)) {
+        errno = error;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_flock, descriptor, operation));
+}
+
+[[gnu::visibility("default")]] int fstat(int descriptor, struct stat* status) noexcept {
+    if (const auto act = std::exchange(before_look, nullptr)) act();
+    return static_cast<int>(syscall(SYS_fstat, descriptor, status));
+}
+
+[[gnu::visibility("default")]] int fallocate(int descriptor, int mode, off_t from, off_t length) {
+    if (const auto act = std::exchange(before_allocation, nullptr)) act();
+    return static_cast<int>(syscall(SYS_fallocate, descriptor, mode, from, length));
 }
 
 int nanosleep(const timespec* time, timespec* rest) {
@@ -73,9 +103,11 @@ class KzmLogWait : public testing::Test {
         return now_ns - before;
     }
     std::ptrdiff_t lines_in(const char* name) const {
-        const std::string text = test::contents_of(folder_.path() / "log" / name);
+        const std::string text = test::contents_of(file(name));
         return std::count(text.begin(), text.end(), '\n');
     }
+
+    std::filesystem::path file(const char* name) const { return folder_.path() / "log" / name; }
 
   private:
     test::TemporaryFolder folder_;
@@ -112,6 +144,61 @@ TEST_F(KzmLogWait, IsNotMadeForALockThatIsFree) {
     EXPECT_EQ(time_for(3), 0);
     EXPECT_EQ(lines_in("shmnm.log.3"), 1);
     EXPECT_EQ(lines_in("shmnm.log"), 1);
+}
+
+// A program may have closed its standard input.
+TEST_F(KzmLogWait, IsMadeForALockInDescriptorZero) {
+    hold_the_lock();
+    test::in_fork([this] {
+        close(0);
+        EXPECT_GT(time_for(1), 0);
+    });
+}
+
+TEST_F(KzmLogWait, IsNotMadeForALockThatTheSystemRefuses) {
+    lock_error = ENOLCK;
+    EXPECT_EQ(time_for(1), 0);
+    EXPECT_EQ(lines_in("shmnm.log"), 2);
+}
+
+TEST_F(KzmLogWait, GoesOnAfterASignal) {
+    lock_error = EINTR;
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(lines_in("shmnm.log"), 1);
+    EXPECT_EQ(lines_in("shmnm.log.1"), 1);
+}
+
+TEST_F(KzmLogWait, IsNotNeededForAFileThatIsRemovedWhileItIsOpened) {
+    before_look = [this] { std::filesystem::remove(file("shmnm.log")); };
+    EXPECT_EQ(time_for(1), 0);
+    EXPECT_EQ(lines_in("shmnm.log"), 1);
+    EXPECT_FALSE(std::filesystem::exists(file("shmnm.log.1")));
+}
+
+TEST_F(KzmLogWait, IsNotNeededForALockWhoseHolderForked) {
+    std::optional<test::Forked> child;
+    before_lock = [&child] { before_look = [&child] { child.emplace([] { test::pause_forever(); }); }; };
+    EXPECT_EQ(write(), 0);
+    ASSERT_TRUE(child.has_value()) << "the log looks at no file while it has the lock";
+    hold_the_lock();
+}
+
+TEST_F(KzmLogWait, EndsALineThatGrewAndWasLeftUnfinished) {
+    hold_the_lock();
+    const auto append = [this](char byte) { std::ofstream(file("shmnm.log"), std::ios::app) << byte; };
+    append('x');
+    before_allocation = [append] { append('y'); };
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(lines_in("shmnm.log"), 3);
+    EXPECT_NE(test::contents_of(file("shmnm.log")).find("\nxy\n"), std::string::npos);
+}
+
+TEST_F(KzmLogWait, EndsWithoutARotationIfAnotherProcessHasJustRotated) {
+    before_lock = [this] { std::filesystem::rename(file("shmnm.log"), file("shmnm.log.1")); };
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(lines_in("shmnm.log"), 1);
+    EXPECT_EQ(lines_in("shmnm.log.1"), 1);
+    EXPECT_FALSE(std::filesystem::exists(file("shmnm.log.2")));
 }
 
 }  // namespace

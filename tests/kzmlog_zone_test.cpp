@@ -56,12 +56,12 @@ class KzmLogZone : public KzmLog {
         return lines.back().offset_minutes;
     }
 
-  private:
     static void move(const char* zone) {
         set_environment("TZ", zone);
         tzset();
     }
 
+  private:
     ScopedEnvironment zone_{"TZ", "UTC0"};
     void* log_ = nullptr;
 };
@@ -74,6 +74,14 @@ TEST_F(KzmLogZone, IsReadOnceInEachQuarterOfAnHour) {
     move_east();
     EXPECT_EQ(offset_after(2 * quarter - 1), west);
     EXPECT_EQ(offset_after(2 * quarter), east);
+}
+
+TEST_F(KzmLogZone, IsThatOfTheTimeOfTheLine) {
+    move("STANDARD-01:00SUMMER-02:00,M3.5.0,M10.5.0");
+    constexpr int64_t day = 24 * 3600;  // from 15 January on
+    EXPECT_EQ(offset_after(60 * day), 60);
+    EXPECT_EQ(offset_after(180 * day), 120);
+    EXPECT_EQ(offset_after(300 * day), 60);
 }
 
 // Reading the zone takes a lock that may be locked for ever in a forked process.

@@ -368,6 +368,8 @@ TEST_F(ConfigurationFile, IsRefusedWhenItIsNotWellFormed) {
              "<root></root></root>",
              "<a><b></a></b>",
              "<root/><root/>",
+             "<root><a b='1' b='2'/></root>",
+             "<root><a b='1'c='2'/></root>",
              "<root/>text",
              "<root/>&amp;",
              "<root/><![CDATA[]]>",
@@ -439,9 +441,30 @@ TEST_F(ConfigurationFile, IsAcceptedInEveryWellFormedShape) {
              "<a.b-c_d:e\xC3\xA4 x.y-z='1'><_/></a.b-c_d:e\xC3\xA4>",
              "<root><![CDATA[<a>&]]]]><![CDATA[>]]></root>",
              "<root>&lt;&gt;&amp;&quot;&apos;&#65;&#x1F600;</root>",
-             "<root>\r\n\t<?xml-like?><!-- <b> --></root>",
+             "<root>\r\n\t<?xml-like?><?xll?><!-- <b> --></root>",
          }) {
         EXPECT_EQ(outcome(text), XMLLIB_OK) << text;
+    }
+}
+
+TEST_F(ConfigurationFile, MayNameEveryCharacterOfXmlAndNoOther) {
+    for (const char* number : {"9", "10", "13", "32", "xD7FF", "xE000", "xFFFD", "x10000", "x10FFFF"}) {
+        EXPECT_EQ(outcome("<root>&#" + std::string(number) + ";</root>"), XMLLIB_OK) << number;
+    }
+    for (const char* number : {"0", "8", "11", "12", "14", "31", "xD800", "xDFFF", "xFFFE", "xFFFF", "x110000"}) {
+        EXPECT_EQ(outcome("<root>&#" + std::string(number) + ";</root>"), XMLLIB_ERR_FORMAT) << number;
+    }
+}
+
+TEST_F(ConfigurationFile, HasNamesOfTheseCharactersOnly) {
+    for (int c = 1; c < 256; ++c) {
+        const auto byte = static_cast<char>(c);
+        const bool starts = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' || c >= 0x80;
+        const bool continues = starts || (c >= '0' && c <= '9') || c == '-' || c == '.';
+        EXPECT_EQ(outcome(std::string{'<', byte, '/', '>'}), starts ? XMLLIB_OK : XMLLIB_ERR_FORMAT) << c;
+        EXPECT_EQ(outcome(std::string{'<', 'a', ' ', 'b', byte, '=', '\'', '\'', '/', '>'}),
+                  continues || c == ' ' || c == '\t' || c == '\r' || c == '\n' ? XMLLIB_OK : XMLLIB_ERR_FORMAT)
+            << c;
     }
 }
 
