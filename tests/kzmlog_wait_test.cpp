@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -31,8 +32,16 @@ std::atomic<bool> is_clock_ours{false};
 std::atomic<int64_t> now_ns{3600 * second};
 /// What happens just before the lock is tried, a file looked at, or space allocated in it, for the next time.
 std::function<void()> before_lock, before_look, before_allocation;
-/// The errno with which the next attempt to lock fails, if it is not 0.
-int lock_error = 0;
+/// The errno with which the next attempt to lock, or to open a file, fails, if it is not 0.
+int lock_error = 0, open_error = 0;
+
+int open_unless_refused(const char* path, int flags, mode_t mode) {
+    if (const int error = std::exchange(open_error, 0)) {
+        errno = error;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
 
 }  // namespace
 
@@ -51,6 +60,20 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
         return -1;
     }
     return static_cast<int>(syscall(SYS_flock, descriptor, operation));
+}
+
+[[gnu::visibility("default")]] int open(const char* path, int flags, ...) {
+    std::va_list mode;
+    va_start(mode, flags);
+    const int descriptor = open_unless_refused(path, flags, va_arg(mode, mode_t));
+    va_end(mode);
+    return descriptor;
+}
+
+// An optimised build calls it for open() without a mode.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+[[gnu::visibility("default")]] int __open_2(const char* path, int flags) {
+    return open_unless_refused(path, flags, 0);
 }
 
 [[gnu::visibility("default")]] int fstat(int descriptor, struct stat* status) noexcept {
@@ -159,6 +182,16 @@ TEST_F(KzmLogWait, IsNotMadeForALockThatTheSystemRefuses) {
     lock_error = ENOLCK;
     EXPECT_EQ(time_for(1), 0);
     EXPECT_EQ(lines_in("shmnm.log"), 2);
+}
+
+TEST_F(KzmLogWait, IsNotMadeForAFileThatTheSystemCannotOpen) {
+    for (const auto& [error, result] : {std::pair{ENOMEM, 8}, {EIO, 29}, {ENFILE, 4}, {EROFS, 5}, {EDQUOT, 112}}) {
+        open_error = error;
+        const int64_t before = now_ns;
+        EXPECT_EQ(write(), result);
+        EXPECT_EQ(now_ns, before);
+    }
+    EXPECT_EQ(lines_in("shmnm.log"), 1);
 }
 
 TEST_F(KzmLogWait, GoesOnAfterASignal) {
