@@ -25,6 +25,7 @@ def all_tests():
         elif file.name == "CMakeLists.txt":
             text = file.read_text()
             names |= set(re.findall(r"NAME (\w+)", text)) | {f"bridge_{name}" for name in re.findall(r"^shmnm_bridge_scene\((\w+)", text, re.M)}
+            names |= {f"{name}_fuzz" for name in re.findall(r"^shmnm_fuzz_test\((\w+)", text, re.M)}
     return names
 
 

@@ -347,7 +347,8 @@ struct Harness::State {
     uint8_t* view = nullptr;
     size_t view_size = 0;
     std::unique_ptr<Model> model;
-    uint32_t last_size = 16;  ///< that a call has written back
+    std::vector<uint8_t> first_bytes;  ///< of the view
+    uint32_t last_size = 16;           ///< that a call has written back
     Outputs outputs, of_library;
     Library library;
 };
@@ -371,9 +372,14 @@ Harness::Harness(const Counts& counts, bool guarded) : state_(std::make_unique<S
     state_->mapping = test::open_mapping(0xF001F, mapping_name().c_str());
     state_->view = static_cast<uint8_t*>(test::map_view(state_->mapping, 2));
     state_->view_size = shmnm::kernel::view_size(state_->view);
-    state_->model = std::make_unique<Model>(counts.servers, counts.hb, counts.np, counts.fst,
-                                            std::vector<uint8_t>(state_->view, state_->view + state_->view_size));
+    state_->first_bytes.assign(state_->view, state_->view + state_->view_size);
+    state_->model = std::make_unique<Model>(counts.servers, counts.hb, counts.np, counts.fst, state_->first_bytes);
     fake.take_lines();
+}
+
+void Harness::restart() {
+    poke(0, state_->first_bytes.data(), state_->view_size);
+    state_->last_size = 16;
 }
 
 Harness::~Harness() {

@@ -68,6 +68,8 @@ class Harness {
     /// Makes the call on both sides. @return what differs, if anything does
     std::optional<std::string> step(const Call& call);
 
+    /// Back to what the constructor left, without the time that another region would take.
+    void restart();
     size_t view_size() const;
     /// Overwrites bytes of the region on both sides.
     void poke(size_t offset, const void* bytes, size_t size);
