@@ -71,6 +71,15 @@ TEST(BridgeValues, AreRefusedIfAMemberIsMissingOrOfAnotherType) {
     EXPECT_FALSE(proposal_from(R"({"value":[1],"process":"p","n":1})"));
 }
 
+TEST(BridgeValues, OfABeatHaveARevisionThatEtcdCanHave) {
+    const std::string begin = R"({"n":1,"run":"p.1","seen":)";
+    const auto newest = beat_from(begin + R"(9223372036854775807,"seq":1})");
+    ASSERT_TRUE(newest);
+    EXPECT_EQ(newest->seen, INT64_MAX);
+    EXPECT_FALSE(beat_from(begin + R"(9223372036854775808,"seq":1})"));
+    EXPECT_FALSE(beat_from(begin + R"(18446744073709551615,"seq":1})"));
+}
+
 TEST(BridgeDigest, DependsOnCountsAndNamesButNotOnTheirOrder) {
     Look look;
     look.servers = {{.name = "alpha"}, {.name = "beta"}};

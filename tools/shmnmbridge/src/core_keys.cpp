@@ -24,6 +24,11 @@ class Members {
         const json* const member = find(name);
         return good_ && (good_ = member->is_number_unsigned()) ? member->get<uint64_t>() : 0;
     }
+    int64_t revision(const char* name) {
+        const uint64_t value = number(name);
+        good_ = good_ && value <= INT64_MAX;
+        return good_ ? static_cast<int64_t>(value) : 0;
+    }
     template <size_t size>
     std::array<uint32_t, size> words(const char* name) {
         const json* const member = find(name);
@@ -100,8 +105,8 @@ std::optional<StateValue> state_from(const std::string& text) {
 
 std::optional<BeatValue> beat_from(const std::string& text) {
     Members members(text);
-    return members.checked(BeatValue{members.text("run"), members.number("n"), members.number("seq"),
-                                     static_cast<int64_t>(members.number("seen"))});
+    return members.checked(
+        BeatValue{members.text("run"), members.number("n"), members.number("seq"), members.revision("seen")});
 }
 
 std::optional<ProposalValue> proposal_from(const std::string& text) {
