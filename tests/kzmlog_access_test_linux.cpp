@@ -94,6 +94,12 @@ TEST_F(KzmLogAccess, IsLimitedToItsUserUnderAnyUmask) {
     kzmlog_close(log);
 }
 
+TEST_F(KzmLogAccess, IsNarrowedByASinglePermission) {
+    left("shmnm.log", 0641, getuid(), "");
+    kzmlog_close(open_log());
+    EXPECT_EQ(mode_of(file()), 0640u);
+}
+
 TEST_F(KzmLogAccess, IsNarrowedWhenFilesOfAnOlderVersionAreOpened) {
     left("shmnm.log", 0666, getuid(), "");
     left(lock_name, 0644, getuid(), "");

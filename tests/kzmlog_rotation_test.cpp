@@ -40,6 +40,17 @@ TEST_F(KzmLog, RotatesBeforeItsSizeIsExceededAndKeepsThreeGenerations) {
     kzmlog_close(log);
 }
 
+TEST_F(KzmLog, RotatesForALineThatIsOneByteTooLong) {
+    void* log = open_log();
+    EXPECT_EQ(write(log, "1"), 0);
+    kzmlog_close(log);
+    log = open_log(2 * static_cast<uint32_t>(text().size()) - 1);
+    EXPECT_EQ(write(log, "2"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("2"));
+    EXPECT_THAT(messages(text("shmnm.log.1")), ElementsAre("1"));
+    kzmlog_close(log);
+}
+
 TEST_F(KzmLog, WritesALineLongerThanItsSizeToAFileOfItsOwn) {
     void* const log = open_log(1);
     const std::string first(5000, 'a'), second(5000, 'b');

@@ -114,6 +114,15 @@ TEST_F(KzmLog, PassesItsDescriptorToNoOtherProgram) {
     kzmlog_close(log);
 }
 
+TEST_F(KzmLog, WritesALineOnceAfterACallThatASignalInterrupted) {
+    void* const log = open_log(0);
+    errno = EINTR;
+    EXPECT_EQ(write(log, "once"), 0);
+    EXPECT_THAT(messages(text()), ElementsAre("once"));
+    EXPECT_EQ(errno, EINTR);
+    kzmlog_close(log);
+}
+
 TEST_F(KzmLog, KeepsTheErrnoOfItsCaller) {
     errno = 77;
     void* log = nullptr;

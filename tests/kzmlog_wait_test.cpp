@@ -226,6 +226,31 @@ TEST_F(KzmLogWait, EndsALineThatGrewAndWasLeftUnfinished) {
     EXPECT_NE(test::contents_of(file("shmnm.log")).find("\nxy\n"), std::string::npos);
 }
 
+// So that no program can keep a writer busy.
+TEST_F(KzmLogWait, IsNotMadeForAFileThatGrowsWithEachLook) {
+    hold_the_lock();
+    std::function<void()> grow = [this, &grow] {
+        std::ofstream(file("shmnm.log"), std::ios::app) << 'x';
+        before_allocation = grow;
+    };
+    grow();
+    EXPECT_EQ(write(), 0);
+    before_allocation = nullptr;
+    const std::string text = test::contents_of(file("shmnm.log"));
+    EXPECT_EQ(lines_in("shmnm.log"), 2);
+    EXPECT_NE(text.find("\nxx"), std::string::npos);
+    EXPECT_EQ(text.find("x\n"), std::string::npos) << "the line was not written behind what grew";
+}
+
+TEST_F(KzmLogWait, EndsAsSoonAsAnotherProcessHasRotated) {
+    hold_the_lock();
+    before_lock = [this] { std::filesystem::rename(file("shmnm.log"), file("shmnm.log.1")); };
+    EXPECT_EQ(time_for(1), millisecond) << "it slept more than once";
+    EXPECT_EQ(lines_in("shmnm.log"), 1);
+    EXPECT_EQ(lines_in("shmnm.log.1"), 1);
+    EXPECT_GT(time_for(1), 0) << "a wait with success counted as one in vain";
+}
+
 TEST_F(KzmLogWait, EndsWithoutARotationIfAnotherProcessHasJustRotated) {
     before_lock = [this] { std::filesystem::rename(file("shmnm.log"), file("shmnm.log.1")); };
     EXPECT_EQ(write(), 0);
