@@ -24,7 +24,11 @@ Marks some_marks() {
                       .address = "beta:8080",
                       .is_claimed = true,
                       .has_other_names = true},
-                     {.server = "gamma", .freshness = Freshness::silent, .is_unmatched = true, .is_duplicate = true}};
+                     {.server = "gamma",
+                      .freshness = Freshness::silent,
+                      .is_unmatched = true,
+                      .is_duplicate = true,
+                      .has_other_times = true}};
     marks.agreed = {4, 3, 1, 2};
     marks.contested = {"clstat"};
     marks.unmatched = {"servers/gamma"};
@@ -60,6 +64,9 @@ TEST(BridgeMarks, AreReadBackAsTheyWereWritten) {
     EXPECT_EQ(marks.servers[1].age, -1);
     EXPECT_TRUE(marks.servers[1].is_unmatched);
     EXPECT_TRUE(marks.servers[1].is_duplicate);
+    EXPECT_TRUE(marks.servers[1].has_other_times);
+    EXPECT_FALSE(marks.servers[0].has_other_times);
+    EXPECT_EQ(read->lost_servers, 0U);
     EXPECT_EQ(marks.agreed.proposed, 4U);
     EXPECT_EQ(marks.agreed.accepted, 3U);
     EXPECT_EQ(marks.agreed.lost, 1U);
@@ -129,6 +136,7 @@ TEST(BridgeMarks, AreCutToTheRoomThereIsAndSayHowMuchIsMissing) {
     write_marks(*page, marks, 5);
     const Marks read = read_marks(*page).value().marks;
     EXPECT_EQ(read_marks(*page).value().lost_words, 2U);
+    EXPECT_EQ(read_marks(*page).value().lost_servers, 5U);
     EXPECT_EQ(read.servers.size(), marked_servers);
     EXPECT_EQ(read.contested.size(), marked_words - 1);
     EXPECT_EQ(read.unmatched, std::vector<std::string>{std::string(256, 'u')});

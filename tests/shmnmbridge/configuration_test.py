@@ -143,6 +143,20 @@ class Configuration(BridgeTest):
                           "wrong  the server beta shares its priority 0 with another, so its words are not fed"])
 
 
+    def test_check_refuses_words_that_are_too_large_for_etcd(self):
+        machine = self.machine("alpha", self.etcd.endpoints)
+        (machine.folder / "etc/cluster.xml").write_text("<root><all><num><server>2</server><hbr>7700</hbr><npr>1</npr><fstr>1</fstr></num></all></root>")
+        machine.create()
+        # A percent sign takes three bytes in a key.
+        for number in range(7_600):
+            if number == 7_000:
+                self.assertNotIn("wrong", machine.run("check").out)
+            machine.api.ok("shmnm_addhbrsc", "%" * 31, "%" * 26 + f"{number:05}", 1)
+        check = machine.run("check")
+        self.assertEqual(check.status, 1)
+        self.assertRegex(check.out, r"wrong  the words of alpha are \d{7} bytes in etcd, which by default accepts \d{7} at once; use fewer resources or shorter names, or start all members with a larger --max-request-bytes")
+
+
 class Secrets(BridgeTest):
     SECRET = "correct-horse-battery"
 

@@ -29,6 +29,10 @@ TEST(BridgeValues, AreReadBackAsTheyWereWritten) {
     EXPECT_EQ(claim->host, "host");
     EXPECT_EQ(claim->run, "p.1");
     EXPECT_EQ(claim->address, "alpha:8080");
+    EXPECT_FALSE(claim->times);
+    const auto timed = claim_from(to_json(ClaimValue{"host", "p.1", "", Times{3'000, 500}}));
+    ASSERT_TRUE(timed);
+    EXPECT_EQ(timed->times, (Times{3'000, 500}));
 
     const ServerState words{{1, 2, 3, 4, 5, UINT32_MAX}, {{"hb/lan/lan1", {6, 7}}, {"np/ping/gw", {8, 2}}}};
     const auto state = state_from(to_json(StateValue{"p.1", 9, words, "7"}));

@@ -108,6 +108,24 @@ TEST(BridgeCore, KnowsARegionThatWasClearedWhileItWasStopped) {
     EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
 }
 
+// A process has set one of its words before the bridge has seen the new record.
+TEST(BridgeCore, FeedsAServerThatIsAddedAgainAndChanged) {
+    const Schedule schedules[] = {
+        {.seed = 20'011'563,
+         .sets_pair = false,
+         .creator = {.sets_own = false, .sets_pair = true},
+         .faults = {{.at = 7'188, .what = What::move_server, .machine = 1, .detail = 542},
+                    {.at = 7'199, .what = What::set_foreign, .machine = 1, .detail = 226}}},
+        {.seed = 20'039'216,
+         .machines = 4,
+         .creator = {.sets_own = false, .sets_pair = true},
+         .reset_when_cut_off = true,
+         .faults = {{.at = 6'730, .what = What::stop, .machine = 3, .lasts = 2'522, .detail = 942},
+                    {.at = 7'088, .what = What::move_server, .machine = 3, .detail = 906},
+                    {.at = 7'129, .what = What::set_type, .machine = 3, .detail = 56}}}};
+    for (const Schedule& schedule : schedules) EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
 // The second call changes nothing but the other machine's state, as if the resource were new.
 TEST(BridgeCore, LeavesStatesAloneThatAreSetToUnknownTwice) {
     const Schedule schedule{.seed = 7,
@@ -116,6 +134,56 @@ TEST(BridgeCore, LeavesStatesAloneThatAreSetToUnknownTwice) {
                                        {.at = 6'000, .what = What::set_own, .machine = 1, .detail = 5},
                                        {.at = 8'000, .what = What::set_type, .machine = 0, .detail = 5}}};
     EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
+// Each of these schedules was judged by something that a bridge cannot know.
+TEST(BridgeCore, IsJudgedByWhatItCanKnow) {
+    const Schedule schedules[] = {
+        // A stopped bridge resets nothing.
+        {.seed = 20'025'538,
+         .creator = {.sets_own = true, .sets_pair = false},
+         .reset_when_cut_off = true,
+         .faults = {{.at = 11'309, .what = What::kill, .machine = 1, .lasts = 3'232, .detail = 56},
+                    {.at = 13'788, .what = What::cut_to, .machine = 1, .lasts = 830, .detail = 118},
+                    {.at = 15'540, .what = What::stop, .machine = 1, .lasts = 4'460, .detail = 783}}},
+        // A bridge that has found a server silent has set nothing, and leaves what is set later.
+        {.seed = 20'013'002,
+         .windows = 29,
+         .reset_when_cut_off = true,
+         .local = 8,
+         .faults = {{.at = 7'054, .what = What::stop, .machine = 1, .lasts = 12'946, .detail = 305},
+                    {.at = 15'127, .what = What::end, .machine = 0, .lasts = 657, .detail = 767},
+                    {.at = 17'237, .what = What::set_type, .machine = 0, .detail = 858}}},
+        // On Windows a region without other servers' words may be a new one: what is open is dropped as lost.
+        {.seed = 20'014'142,
+         .windows = 10,
+         .faults = {{.at = 5'081, .what = What::remove_server, .machine = 0, .lasts = 551, .detail = 940},
+                    {.at = 6'216, .what = What::other_counts, .machine = 1, .lasts = 3'700, .detail = 816},
+                    {.at = 8'588, .what = What::cut_from, .machine = 1, .lasts = 1'862, .detail = 701}},
+         .ends = 41'000},
+        // The end does not reach etcd before it has a leader again.
+        {.seed = 20'015'163,
+         .windows = 18,
+         .reset_when_cut_off = true,
+         .faults = {{.at = 5'101, .what = What::end, .machine = 0, .lasts = 4'124, .detail = 742},
+                    {.at = 5'103, .what = What::fail_over, .lasts = 1'083, .detail = 328}}},
+        // The watch of a machine that was cut off may be dead for the limit.
+        {.seed = 20'028'375,
+         .machines = 4,
+         .windows = 2,
+         .gather = 1'000,
+         .reset_when_cut_off = true,
+         .faults = {{.at = 12'570, .what = What::cut_both, .machine = 3, .lasts = 918, .detail = 650},
+                    {.at = 17'042, .what = What::end, .machine = 0, .lasts = 1'156, .detail = 698}}},
+        // A contest ends when the region seems to be new.
+        {.seed = 20'041'167,
+         .windows = 5,
+         .creator = {.sets_own = false, .sets_pair = true},
+         .faults = {{.at = 2'079, .what = What::clear, .machine = 1, .lasts = 1'789, .detail = 743},
+                    {.at = 3'325, .what = What::busy_lock, .machine = 0, .lasts = 4'483, .detail = 71},
+                    {.at = 3'937, .what = What::rival, .lasts = 7'535, .detail = 239},
+                    {.at = 8'741, .what = What::stop, .machine = 0, .lasts = 5'555, .detail = 5}}}};
+    for (const Schedule& schedule : schedules) EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
 }
 
 TEST(BridgeCore, DoesTheSameForTheSameInputs) {
@@ -236,6 +304,7 @@ const Switch switches[] = {
      {quiet({{.at = 4'000, .what = What::busy_lock, .machine = 0, .lasts = 9'000},
              {.at = 4'500, .what = What::set_own, .machine = 1, .detail = 0}})}},
     {"silence_writes_unknown", &Rules::silence_writes_unknown},
+    {"silence_keeps_words", &Rules::silence_keeps_words},
     {"unheard_are_silent",
      &Rules::unheard_are_silent,
      {quiet({{.at = 4'000, .what = What::kill, .machine = 0, .lasts = 5'000},
@@ -300,6 +369,9 @@ const Switch switches[] = {
      {quiet({{.at = 4'000, .what = What::rival, .lasts = 8'000}})}},
     {"local_words_stay", &Rules::local_words_stay},
     {"new_values_are_no_change", &Rules::new_values_are_no_change},
+    {"values_are_proposed",
+     &Rules::values_are_proposed,
+     {quiet({word_is_set, {.at = 10'000, .what = What::replace_etcd}})}},
     {"pair_needs_value",
      &Rules::pair_needs_value,
      {without_pair(quiet({{.at = 4'000, .what = What::new_region, .lasts = 500}}))}},

@@ -58,13 +58,16 @@ struct Machine {
     Troubles until;
 
     // For the invariants.
-    Time looked_at = never;         ///< the last look that found the own server
-    Time read_at = never;           ///< when etcd last told it of changes
-    Time told_at = never;           ///< its newest beat in etcd proves this date, and no later one
-    std::map<int64_t, Time> beats;  ///< by the revision: when this process looked for the beat
-    Time echoed_at = never;         ///< the same of the newest beat that its watch has brought back
-    Time unhealthy_at = 0;          ///< when something was wrong last
-    Time ended_at = -1;             ///< the clean end
+    Time looked_at = never;                  ///< the last look that found the own server
+    Time read_at = never;                    ///< when etcd last told it of changes
+    Time told_at = never;                    ///< its newest beat in etcd proves this date, and no later one
+    std::map<int64_t, Time> beats;           ///< by the revision: when this process looked for the beat
+    Time echoed_at = never;                  ///< the same of the newest beat that its watch has brought back
+    Time unhealthy_at = 0;                   ///< when something was wrong last
+    Time ended_at = -1;                      ///< the clean end
+    std::map<std::string, Time> own_since;   ///< own words that are not a new record's, and since when
+    std::map<std::string, uint32_t> newest;  ///< by the word: its owner's last value that was set here
+    std::set<std::string> silenced;          ///< servers that the batch shows as silent
     std::map<std::string, Time> silent_since;
     std::map<std::string, int64_t> agreed_revision;  ///< of etcd's values that were set here
     std::map<std::string, std::deque<Time>> losses;  ///< by the word
@@ -75,6 +78,7 @@ struct Machine {
     std::map<std::string, uint64_t> lost;  ///< by the word: how many losses
     std::set<std::string> local;           ///< agreed words that it keeps to itself
     Time started_at = 0;                   ///< its bridge
+    Time checked_at = never;               ///< its marks
     Time cut_off_since = 0;                ///< by its own account; -1: it is connected
 
     bool is_stopped(Time now) const { return now < until.stop; }

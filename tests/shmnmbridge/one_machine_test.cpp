@@ -11,7 +11,8 @@ namespace bridge::test {
 namespace {
 
 constexpr const char *clstat = "/shmnm/cluster/1/agreed/clstat", *bwflag = "/shmnm/cluster/1/agreed/bwflag",
-                     *stat = "/shmnm/cluster/1/agreed/hb/lan/lan1";
+                     *stat = "/shmnm/cluster/1/agreed/hb/lan/lan1", *claim_of_s0 = "/shmnm/cluster/1/claim/s0",
+                     *state_of_s0 = "/shmnm/cluster/1/state/s0", *beat_of_s0 = "/shmnm/cluster/1/beat/s0";
 constexpr Time look_interval = 50;
 
 Settings settings_of_s0() {
@@ -55,6 +56,8 @@ class BridgeOfOneMachine : public testing::Test {
     Core core_;
     Time now_ = 1'000;
     size_t reads_ = 0;
+    bool is_watch_quiet_ = false;
+    std::vector<std::string> notices_;
     std::optional<Outcome> reads_end_, transactions_end_;
 
   private:
@@ -77,7 +80,7 @@ class BridgeOfOneMachine : public testing::Test {
 
     /// Brings what the watch has not brought yet.
     Output deliver() {
-        if (!watch_) return {};
+        if (!watch_ || is_watch_quiet_) return {};
         Events events{.watch = watch_->id, .cluster = etcd_.cluster(), .events = {}};
         for (; delivered_ < etcd_.history().size(); ++delivered_) {
             const KeyValue& change = etcd_.history()[delivered_];
@@ -87,6 +90,7 @@ class BridgeOfOneMachine : public testing::Test {
     }
 
     void carry_out(const Output& output) {
+        notices_.insert(notices_.end(), output.notices.begin(), output.notices.end());
         for (const Send& send : output.sends) {
             if (const auto* const watch = std::get_if<Watch>(&send)) watch_ = *watch;
             if (std::holds_alternative<Unwatch>(send)) watch_.reset();
@@ -100,7 +104,7 @@ class BridgeOfOneMachine : public testing::Test {
         answers_in_a_look_ = 0;
     }
     void carry_out_of(const Output& output) {
-        if (!output.sends.empty() || output.batch) carry_out(output);
+        if (!output.sends.empty() || output.batch || !output.notices.empty()) carry_out(output);
     }
 
     void make(const Batch& batch) {
@@ -201,6 +205,69 @@ TEST_F(BridgeOfOneMachine, CountsEachChangeThatAnotherMachineOverwrites) {
     EXPECT_EQ(counts().proposed, 2U);
     EXPECT_EQ(counts().lost, 2U);
     EXPECT_EQ(counts().accepted, 0U);
+}
+
+// Its revision tells the new claim from the old one, whatever was seen of it.
+TEST_F(BridgeOfOneMachine, WritesNothingOnAClaimThatAnotherHostMadeBetweenTwoLooks) {
+    look_for(1'000);
+    const std::string state = *etcd_.find(state_of_s0)->value, beat = *etcd_.find(beat_of_s0)->value;
+    is_watch_quiet_ = true;
+    remove(claim_of_s0);
+    put(claim_of_s0, R"({"host":"other","run":"o.1","address":""})");
+    region_.words().servers[0].words[0] = 7;
+    look_for(1'000);
+    EXPECT_EQ(*etcd_.find(state_of_s0)->value, state);
+    EXPECT_EQ(*etcd_.find(beat_of_s0)->value, beat);
+    EXPECT_NE(etcd_.find(claim_of_s0)->value->find("other"), std::string::npos);
+    EXPECT_TRUE(core_.marks(now_).is_refused);
+}
+
+TEST_F(BridgeOfOneMachine, ForgetsWhatIsGoneFromEtcdAtTheNextRead) {
+    look_for(1'000);
+    const size_t before = core_.kept();
+    const std::string prefix = "/shmnm/cluster/1/";
+    std::vector<std::string> keys;
+    for (int number = 0; number < 100; ++number) {
+        for (const char* kind : {"claim/x", "state/x", "beat/x", "agreed/hb/lan/x", "agreed/x", "other/x"}) {
+            keys.push_back(prefix + kind + std::to_string(number));
+        }
+    }
+    for (const std::string& key : keys) put(key, R"({"value":[1,0],"process":"other","n":1})");
+    EXPECT_GE(core_.kept(), before + keys.size());
+    for (const std::string& key : keys) remove(key);
+    look_for(settings_of_s0().read_again + 1'000);
+    EXPECT_EQ(core_.kept(), before);
+    put(prefix + "agreed/clstat", R"({"value":[9,0],"process":"other","n":1})");
+    look_for(1'000);
+    EXPECT_EQ(word(3), (AgreedValue{9, 0})) << "what the region has is still followed";
+}
+
+TEST_F(BridgeOfOneMachine, SaysWhichMachinesTimesDiffer) {
+    look_for(1'000);
+    put("/shmnm/cluster/1/claim/s1", R"({"host":"h","run":"o.1","address":"","window_ms":3000,"gather_ms":500})");
+    look();
+    ASSERT_EQ(core_.marks(now_).servers.size(), 1U);
+    EXPECT_TRUE(core_.marks(now_).servers[0].has_other_times);
+    const auto is_of_times = [](const std::string& notice) { return notice.starts_with("the bridge of s1 has "); };
+    ASSERT_EQ(std::count_if(notices_.begin(), notices_.end(), is_of_times), 1);
+    EXPECT_EQ(
+        *std::find_if(notices_.begin(), notices_.end(), is_of_times),
+        "the bridge of s1 has window_ms 3000 and gather_ms 500, this one has window_ms 3000 and gather_ms 0: make "
+        "them the same on all machines");
+    for (const char* claim : {R"({"host":"h","run":"o.2","address":"","window_ms":3000,"gather_ms":0})",
+                              R"({"host":"h","run":"o.3","address":""})"}) {
+        put("/shmnm/cluster/1/claim/s1", claim);
+        look();
+        EXPECT_FALSE(core_.marks(now_).servers[0].has_other_times) << claim;
+    }
+    EXPECT_EQ(std::count_if(notices_.begin(), notices_.end(), is_of_times), 1);
+}
+
+TEST_F(BridgeOfOneMachine, CallsAServerSilentOfWhichEtcdKnowsNothing) {
+    look();
+    EXPECT_EQ(core_.freshness_of("s1", now_), Freshness::unknown);
+    look_for(6'000);
+    EXPECT_EQ(core_.freshness_of("s1", now_), Freshness::silent);
 }
 
 }  // namespace

@@ -15,6 +15,10 @@ import support
 
 
 class Run(BridgeTest):
+    def put(self, key, value):
+        body = {name: base64.b64encode(text).decode() for name, text in (("key", f"/shmnm/{self.cluster}/1/".encode() + key), ("value", value))}
+        self.assertEqual(self.etcd.members[0].post("/v3/kv/put", body)[0], 200)
+
     def test_two_machines_converge_and_a_clean_end_is_seen(self):
         alpha, beta = self.machine("alpha", address="http://127.0.0.1:9683").create(), self.machine("beta").create()
         self.assertEqual(alpha.start().ready, f"ready: server alpha of cluster {self.cluster}")
@@ -104,13 +108,10 @@ class Run(BridgeTest):
         self.assertIn("the region is bridged", beta.bridge.logged())
 
     def test_what_others_write_to_etcd_reaches_no_terminal_as_it_is(self):
-        def put(key, value):
-            body = {name: base64.b64encode(text).decode() for name, text in (("key", f"/shmnm/{self.cluster}/1/".encode() + key), ("value", value))}
-            self.assertEqual(self.etcd.members[0].post("/v3/kv/put", body)[0], 200)
         alpha = self.machine("alpha").create()
-        put(b"claim/alpha", json.dumps({"host": "a\n\x1b[31mb", "run": "x.1", "address": ""}).encode())
-        put(b"claim/beta", json.dumps({"host": "h", "run": "x.1", "address": "http://b\x1b" + "\u00e9" * 200}).encode())
-        put(b"claim/\x1b[31m\xff", json.dumps({"host": "h", "run": "x.1", "address": ""}).encode())
+        self.put(b"claim/alpha", json.dumps({"host": "a\n\x1b[31mb", "run": "x.1", "address": ""}).encode())
+        self.put(b"claim/beta", json.dumps({"host": "h", "run": "x.1", "address": "http://b\x1b" + "\u00e9" * 200}).encode())
+        self.put(b"claim/\x1b[31m\xff", json.dumps({"host": "h", "run": "x.1", "address": ""}).encode())
         alpha.start()
         until(lambda: alpha.status().get("refused"), "the refusal")
         self.assertIn("another machine (host a%0A%1B[31mb) has claimed the name alpha", alpha.bridge.logged())
@@ -193,6 +194,7 @@ class Run(BridgeTest):
         try:
             alpha.waits_for(2, "shmnm_getnodestat", "beta")
             alpha.waits_for(2, "shmnm_gethbrscsvstat", "lan", "lan1", 1)
+            self.assertIn("the other machines' states are set to unknown", alpha.bridge.logged())
             until(lambda: not beta.status().get("connected", True), "beta notices too")
             self.assertEqual((alpha.freshness("beta"), beta.freshness("alpha")), ("unknown", "unknown"))
             self.assertEqual(alpha.get("shmnm_getpingstat", "beta"), [5], "only states can be unknown")
@@ -218,6 +220,29 @@ class Run(BridgeTest):
         # The first of them may follow at once, the second with the next beat; any may come late, but none early.
         self.assertGreater(time.monotonic() - begin, 3 * 0.5)
 
+    def test_machines_with_other_times_are_named(self):
+        alpha, beta = self.machine("alpha").create(), self.machine("beta", gather_ms=200).create()
+        alpha.start()
+        beta.start()
+        for machine, other in ((alpha, "beta"), (beta, "alpha")):
+            until(lambda: [each["other_times"] for each in machine.status().get("servers", [])] == [True], "the times differ")
+            self.assertIn(f"the bridge of {other} has window_ms 600 and gather_ms ", machine.bridge.logged())
+            self.assertIn("its bridge has another window_ms or gather_ms", machine.run("status").out)
+
+    def test_servers_without_room_for_a_mark_are_counted(self):
+        alpha, beta = self.machine("alpha").create(), self.machine("beta").create()
+        for number in range(300):
+            self.put(f"claim/a{number}".encode(), json.dumps({"host": "h", "run": "x.1", "address": ""}).encode())
+        beta.start()
+        alpha.start()
+        until(lambda: "only 256 servers can be marked" in alpha.bridge.logged(), "it is said")
+        alpha.waits_for_freshness("beta", "fresh")
+        status = alpha.status()
+        self.assertEqual((len(status["servers"]), status["lost_servers"], status["all_fresh"]), (256, 45, False))
+        text = alpha.run("status")
+        self.assertEqual((text.status, text.lines[-1]), (1, "and 45 more servers, which cannot be marked"))
+        self.assertEqual(alpha.bridge.logged().count("only 256 servers"), 1)
+
     def test_a_local_word_stays_local(self):
         alpha, beta = self.machine("alpha", local="bwflag").create(), self.machine("beta").create()
         alpha.start()
@@ -238,6 +263,10 @@ class Run(BridgeTest):
         alpha.api.ok("shmnm_addnode", "alpha", 1)
         until(lambda: "claim/alpha" in self.keys(), "the claim")
         self.assertIn("the region is bridged", alpha.bridge.logged())
+        until(lambda: alpha.status().get("connected"), "it is connected")
+        alpha.api.ok("shmnm_rmnode", "alpha")
+        until(lambda: "not connected: no beat is written without a copy of the region that has the server alpha" in alpha.bridge.logged(), "it is said")
+        self.assertNotIn("cut off from etcd", alpha.bridge.logged())
 
 
 class LinuxRun(BridgeTest):

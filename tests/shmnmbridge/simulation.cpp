@@ -20,7 +20,7 @@ class Simulation {
           rules_(rules),
           tell_(tell),
           keys_("cluster"),
-          checker_(keys_, etcd_, values_, result_, schedule) {}
+          checker_(keys_, etcd_, values_, result_, schedule, machines_) {}
 
     Result run();
 
@@ -128,7 +128,7 @@ Result Simulation::run() {
         event.act();
     }
     now_ = schedule_.ends;
-    if (result_.violations.empty()) checker_.check_end(now_, machines_);
+    if (result_.violations.empty()) checker_.check_end(now_);
     return result_;
 }
 
@@ -210,7 +210,7 @@ void Simulation::tick(Machine& machine) {
         if (machine.has_own_server()) machine.looked_at = now_;
         process(machine, machine.core->look(now_, machine.looked ? &*machine.looked : nullptr));
     }
-    checker_.check_marks(now_, machine, machines_);
+    checker_.check_marks(now_, machine);
 }
 
 void Simulation::input(Machine& machine, uint64_t life, std::function<Output(Core&)> act) {
@@ -295,6 +295,10 @@ void Simulation::send(Machine& machine, const Request& request) {
 void Simulation::arrive(Machine& machine, uint64_t life, uint64_t cluster, const Known& known, const Request& request) {
     Answer answer{.request = request.id};
     if (cluster != etcd_.cluster()) return;  // it was on its way to the former one
+    const auto* const transaction = std::get_if<Transaction>(&request.body);
+    const bool is_end = !machine.core && transaction && !transaction->deletions.empty();
+    // The others cannot know of an end that etcd has not accepted yet.
+    if (is_end && now_ < std::max({down_until_, no_leader_until_, machine.until.lose_token})) machine.ended_at = -1;
     if (now_ < down_until_) return reply(machine, life, answer);
     if (now_ < no_leader_until_) {
         return at(no_leader_until_ + latency(machine),
@@ -307,10 +311,10 @@ void Simulation::arrive(Machine& machine, uint64_t life, uint64_t cluster, const
     checker_.before_request(request);
     answer = etcd_.answer(request, now_);
     answer.request = request.id;
-    if (const auto* const transaction = std::get_if<Transaction>(&request.body);
-        transaction && answer.outcome == Outcome::done) {
+    if (transaction && answer.outcome == Outcome::done) {
         checker_.check_written(now_, *transaction, answer.revision);
         note_beat(machine, life, known, *transaction, answer.revision);
+        if (is_end) machine.ended_at = now_;
     }
     publish(before);
     reply(machine, life, std::move(answer));
@@ -463,6 +467,7 @@ void Simulation::set_own(Machine& machine, uint32_t choice) {
     uint32_t* const word = machine.region->find(call);
     values_.end(*word, now_);
     *word = values_.make(now_, machine.id);
+    machine.own_since.try_emplace(checker_.describe(call), now_);
     say(machine, "a local process sets ", checker_.describe(call), " to ", *word);
 }
 
@@ -510,7 +515,11 @@ void Simulation::set_type(Machine& machine, uint32_t choice) {
     for (size_t position = 0; position < resource.cells.size(); ++position) {
         const std::string& server = machine.region->look().servers[position].name;
         uint32_t& word = resource.cells[position].svstat;
-        if (server == machine.server) values_.end(word, now_);
+        if (server == machine.server) {
+            values_.end(word, now_);
+            machine.own_since.erase(
+                checker_.describe({.setter = Call::Setter::svstat, .server = server, .resource = resource.key}));
+        }
         const bool is_overwritten = server != machine.server && word != value;
         word = value;
         if (is_overwritten) {
@@ -522,6 +531,7 @@ void Simulation::set_type(Machine& machine, uint32_t choice) {
 
 void Simulation::end_own_values(Machine& machine) {
     if (!machine.region) return;
+    machine.own_since.clear();
     const ServerState state = machine.region->state_of_server(machine.server);
     for (const uint32_t value : state.words) values_.end(value, now_);
     for (const auto& [key, cell] : state.cells) {
@@ -633,6 +643,7 @@ void Simulation::begin(const Fault& fault) {
             checker_.forget_history();
             for (const auto& each : machines_) {
                 each->agreed_revision.clear();
+                each->newest.clear();
                 each->losses.clear();
                 end_watch(*each);
             }
@@ -795,6 +806,7 @@ void Simulation::forget_resource(Machine& machine, const std::string& key) {
         values_.end(cell.svstat, now_);
         values_.end(cell.network, now_);
     }
+    std::erase_if(machine.own_since, [&key](const auto& each) { return each.first.starts_with(key + '/'); });
     machine.agreed_revision.erase(key);
     machine.has_lost_records = true;
     std::erase_if(machine.overwritten, [&key](const std::string& word) { return word.starts_with(key + '/'); });

@@ -24,6 +24,7 @@ struct Mark {
     bool is_unmatched = false;  ///< this region has no such server
     bool is_duplicate = false;  ///< another server has its priority, so it is not fed
     bool has_other_names = false;  ///< its region has other counts or names
+    bool has_other_times = false;  ///< its bridge is configured with another window or another time of gathering
 
     bool operator==(const Mark&) const = default;
 };

@@ -11,7 +11,7 @@
 namespace bridge {
 namespace {
 
-constexpr uint32_t claimed = 1, unmatched = 2, duplicate = 4, other_names = 8;
+constexpr uint32_t claimed = 1, unmatched = 2, duplicate = 4, other_names = 8, other_times = 16;
 
 constexpr size_t words_of_page = sizeof(MarksPage) / sizeof(uint64_t);
 static_assert(sizeof(MarksPage) % sizeof(uint64_t) == 0);
@@ -42,7 +42,8 @@ void put(MarkedServer& marked, const Mark& mark) {
     put(marked.address, mark.address);
     marked.freshness = static_cast<uint32_t>(mark.freshness);
     marked.flags = flag(mark.is_claimed, claimed) | flag(mark.is_unmatched, unmatched) |
-                   flag(mark.is_duplicate, duplicate) | flag(mark.has_other_names, other_names);
+                   flag(mark.is_duplicate, duplicate) | flag(mark.has_other_names, other_names) |
+                   flag(mark.has_other_times, other_times);
     marked.age_ms = mark.age;
     marked.state_sequence = mark.sequence;
 }
@@ -58,6 +59,7 @@ Mark mark_of(const MarkedServer& marked) {
     mark.is_unmatched = marked.flags & unmatched;
     mark.is_duplicate = marked.flags & duplicate;
     mark.has_other_names = marked.flags & other_names;
+    mark.has_other_times = marked.flags & other_times;
     mark.age = marked.age_ms;
     mark.sequence = marked.state_sequence;
     return mark;
@@ -84,6 +86,7 @@ void fill(MarksPage& page, const Marks& marks) {
     const size_t contested = std::min(marks.contested.size(), marked_words);
     const size_t others = std::min(marks.unmatched.size(), marked_words - contested);
     header.servers = static_cast<uint32_t>(servers);
+    header.lost_servers = static_cast<uint32_t>(marks.servers.size() - servers);
     header.contested = static_cast<uint32_t>(contested);
     header.unmatched = static_cast<uint32_t>(others);
     header.lost_words = static_cast<uint32_t>(marks.contested.size() + marks.unmatched.size() - contested - others);
@@ -148,7 +151,8 @@ std::optional<ReadMarks> read_marks(const MarksPage& page) {
         std::atomic_thread_fence(std::memory_order_acquire);
         if (word_of(page, word_of_sequence).load(std::memory_order_relaxed) != before) continue;
         if (copy->header.magic != marks_magic || copy->header.version != marks_version) return std::nullopt;
-        return ReadMarks{marks_of(*copy), before, copy->header.written_us, copy->header.lost_words};
+        return ReadMarks{marks_of(*copy), before, copy->header.written_us, copy->header.lost_words,
+                         copy->header.lost_servers};
     }
     return std::nullopt;
 }

@@ -26,7 +26,7 @@ struct MarksHeader {
     uint32_t servers;                           ///< how many follow
     uint32_t contested, unmatched;              ///< how many words follow, the contested ones first
     uint32_t lost_words;                        ///< words for which there was no room
-    uint32_t reserved_52;
+    uint32_t lost_servers;                      ///< servers for which there was no room
     uint64_t proposed, accepted, lost, replaced;
     uint64_t written_us;       ///< of the machine's monotonic clock
     int64_t limit_ms;          ///< a server is not fresh at this age, even if the bridge stands still; 0: not known
@@ -40,7 +40,7 @@ struct MarkedServer {
     char name[768];     ///< escaped, zero-padded; the longest name, each byte escaped
     char address[128];  ///< cut
     uint32_t freshness;
-    uint32_t flags;  ///< 1: claimed, 2: unmatched, 4: duplicate priority, 8: other names
+    uint32_t flags;  ///< 1: claimed, 2: unmatched, 4: duplicate priority, 8: other names, 16: other times
     int64_t age_ms;  ///< -1: not known
     uint64_t state_sequence;
     uint64_t reserved_920;
@@ -67,6 +67,7 @@ SHMNM_PIN_MARK(MarksHeader, servers, 36);
 SHMNM_PIN_MARK(MarksHeader, contested, 40);
 SHMNM_PIN_MARK(MarksHeader, unmatched, 44);
 SHMNM_PIN_MARK(MarksHeader, lost_words, 48);
+SHMNM_PIN_MARK(MarksHeader, lost_servers, 52);
 SHMNM_PIN_MARK(MarksHeader, proposed, 56);
 SHMNM_PIN_MARK(MarksHeader, accepted, 64);
 SHMNM_PIN_MARK(MarksHeader, lost, 72);
@@ -96,8 +97,9 @@ void write_marks(MarksPage& page, const Marks& marks, uint64_t now_us);
 struct ReadMarks {
     Marks marks;
     uint64_t sequence = 0;
-    uint64_t written_us = 0;  ///< of the machine's monotonic clock
-    uint64_t lost_words = 0;  ///< contested and unmatched words for which there was no room
+    uint64_t written_us = 0;    ///< of the machine's monotonic clock
+    uint64_t lost_words = 0;    ///< contested and unmatched words for which there was no room
+    uint64_t lost_servers = 0;  ///< servers for which there was no room
 };
 /// Reads a page that another process may be writing. @return nothing if it is of another format, or was written at each
 /// try

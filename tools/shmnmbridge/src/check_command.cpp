@@ -105,6 +105,16 @@ class Check {
                           settings.endpoints.front(), keys.prefix(), answer.reason));
     }
 
+    void check_size(const std::string& server, size_t size) {
+        // etcd refuses requests above 1.5 MiB. A claim, a beat and their keys go out with a state.
+        constexpr size_t largest = (size_t{3} << 19) - (size_t{16} << 10);
+        if (size <= largest) return;
+        wrong(fmt::format(
+            "the words of {} are {} bytes in etcd, which by default accepts {} at once; use fewer resources or "
+            "shorter names, or start all members with a larger --max-request-bytes",
+            server, size, largest));
+    }
+
     void check_region(const std::string& server) {
         Region region;
         const Region::Seen seen = region.look();
@@ -121,7 +131,9 @@ class Check {
                             picture::to_text(look.counts), picture::to_text(*look.configured)));
         }
         right(fmt::format("the region has {} servers, laid out as configured", look.servers.size()));
-        if (!server.empty() && !look.find_server(server)) {
+        const auto own = look.find_server(server);
+        if (own) check_size(server, size_of_state(look, *own));
+        if (!server.empty() && !own) {
             wrong(
                 fmt::format("the region has no server {}; correct the name in the bridge's configuration, or add the "
                             "server",

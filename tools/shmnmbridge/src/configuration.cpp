@@ -217,6 +217,10 @@ class Reader {
         if (const auto gather = number_in(elements, "gather_ms", 0, 10'000)) settings.gather = *gather;
         if (const auto reset = number_in(elements, "reset_when_cut_off", 0, 1)) settings.reset_when_cut_off = *reset;
         if (checked_.problems.size() > problems_before) return;
+        // What reaches a member more slowly needs a longer window.
+        etcd::Settings& members = checked_.configuration.etcd;
+        members.connect_timeout =
+            std::clamp(std::chrono::milliseconds(settings.window / 10), members.connect_timeout, members.timeout);
         // A failure of etcd shorter than the window must not cost the claim: its lease is renewed each third of it.
         if (settings.lease * 2 < settings.window * 3) {
             const char* const name = elements.contains("window_ms") ? "window_ms" : "lease_s";

@@ -96,7 +96,7 @@ Output Core::answer(Time now, const Answer& answer) {
     if (run_.is_ended()) return {};
     now_ = now;
     if (!run_.answer(now, answer)) agreed_.answer(now, answer);
-    mirror_.answer(now, answer);
+    if (mirror_.answer(now, answer)) drop_unused();
     step(now);
     return finish();
 }
@@ -146,14 +146,25 @@ void Core::changed(const KeyValue& change, bool by_watch) {
     if (kind == "beat") {
         const auto beat = change.value ? beat_from(*change.value) : std::nullopt;
         if (beat) beat_came(server, *beat, change.revision, by_watch);
-    } else if (!is_own || !rules_.own_is_never_fed) {
+    } else if ((kind == "claim" || kind == "state") && (!is_own || !rules_.own_is_never_fed)) {
         Peer& peer = peers_[server];
-        if (kind == "claim") {
-            peer.claim_changed(change);
-            follow_claims();
-        }
-        if (kind == "state") peer.state_changed(change);
+        if (kind == "state") return peer.state_changed(change);
+        peer.claim_changed(change);
+        follow_claims();
+        if (has_other_times(peer)) tell_of_times(server, *peer.claim()->times);
     }
+}
+
+bool Core::has_other_times(const Peer& peer) const {
+    return peer.claim() && peer.claim()->times && *peer.claim()->times != run_.times();
+}
+
+void Core::tell_of_times(const std::string& server, const Times& theirs) {
+    const auto text = [](const Times& times) {
+        return "window_ms " + std::to_string(times.window) + " and gather_ms " + std::to_string(times.gather);
+    };
+    outbox_.notice("the bridge of " + server + " has " + text(theirs) + ", this one has " + text(run_.times()) +
+                   ": make them the same on all machines");
 }
 
 void Core::beat_came(const std::string& server, const BeatValue& beat, int64_t revision, bool by_watch) {
@@ -186,6 +197,14 @@ void Core::enter_peers() {
     for (const LookedServer& server : feeder_.shown()->servers) {
         if (!server.name.empty() && server.name != settings_.server) peers_.try_emplace(server.name);
     }
+}
+
+void Core::drop_unused() {
+    std::erase_if(peers_, [this](const auto& each) {
+        const auto& [server, peer] = each;
+        return !peer.claim() && !peer.state() && !(feeder_.shown() && feeder_.shown()->find_server(server));
+    });
+    agreed_.drop_unused();
 }
 
 void Core::follow_claims() {
@@ -225,6 +244,7 @@ Marks Core::marks(Time now) const {
         if (peer.claim()) {
             mark.address = peer.claim()->address;
         }
+        mark.has_other_times = has_other_times(peer);
         mark.has_other_names = own_ && peer.state() && peer.state()->digest != own_->digest;
         for (std::string& key : feeder_.unmatched(server, peer)) marks.unmatched.push_back(std::move(key));
         mark.is_unmatched = feeder_.shown() && !is_here;

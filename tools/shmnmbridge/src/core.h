@@ -38,6 +38,8 @@ class Core {
     bool is_connected_at(Time now) const;
     const AgreedWords& agreed() const { return agreed_; }
     const Feeder& feeder() const { return feeder_; }
+    /// How many keys, servers and words are kept.
+    size_t kept() const { return mirror_.kept() + peers_.size() + agreed_.kept(); }
 
   private:
     void changed(const KeyValue& change, bool by_watch);
@@ -45,7 +47,11 @@ class Core {
     void forgotten();
     /// Each server of the region has a peer: one that etcd knows nothing of is silent.
     void enter_peers();
+    /// All keys were read: what no key and no record of the region stands for is dropped.
+    void drop_unused();
     void follow_claims();
+    bool has_other_times(const Peer& peer) const;
+    void tell_of_times(const std::string& server, const Times& theirs);
     void step(Time now);
     void feed(Time now);
     Output finish();

@@ -37,6 +37,13 @@ void AgreedWords::forget() {
     }
 }
 
+void AgreedWords::drop_unused() {
+    std::erase_if(entries_, [](const auto& each) {
+        const Entry& entry = each.second;
+        return !entry.is_there && !entry.etcd && !entry.open;
+    });
+}
+
 void AgreedWords::look(Time now, const Look& look, const Continuity& continuity, bool connected) {
     if (continuity.is_changed) enter_all(look);
     for (const std::string& key : continuity.new_records) {
@@ -98,7 +105,8 @@ bool AgreedWords::take(Entry& entry, bool connected) {
     if (!connected) return false;
     if (!entry.etcd) {
         // What a new region would not hold was set on purpose, and overwrites nothing: follow() proposes it.
-        agree(entry, rules_.new_values_are_no_change ? entry.new_value : std::nullopt, entry.revision);
+        const auto base = rules_.new_values_are_no_change ? entry.new_value : std::nullopt;
+        agree(entry, rules_.values_are_proposed ? base : value_of(entry), entry.revision);
         // The key was deleted: no other machine's value is in the way of the open proposal.
         if (entry.open) entry.open->base = entry.base;
         return true;

@@ -25,6 +25,8 @@ class AgreedWords {
     void changed(std::string_view word, const KeyValue& change);
     /// Another etcd.
     void forget();
+    /// Words that are neither in etcd nor in the region are dropped.
+    void drop_unused();
 
     /// How a look relates to the one before it.
     struct Continuity {
@@ -45,6 +47,7 @@ class AgreedWords {
     bool answer(Time now, const Answer& answer);
 
     const ProposalCounts& counts() const { return counts_; }
+    size_t kept() const { return entries_.size(); }
     size_t open_proposals() const;
     std::vector<std::string> contested() const;
 

@@ -213,12 +213,13 @@ bool Feeder::shows_same(const Look& look, size_t position) const {
                       });
 }
 
-bool Feeder::is_added_again(const Look& look, size_t position) const {
-    bool is_new = true;
+bool Feeder::may_be_added_again(const Look& look, size_t position) const {
+    bool any_stands = false;
     visit_words(look, position, nullptr, [&](const Call& call, uint32_t here, const uint32_t*, bool) {
-        is_new = is_new && (here == new_value_of(call) || is_made(call, here));
+        const uint32_t* const before = word_of(*shown_, call);
+        any_stands = any_stands || (before && *before == here && here != new_value_of(call) && !is_made(call, here));
     });
-    return is_new;
+    return !any_stands;
 }
 
 std::set<std::string, std::less<>> Feeder::find_new_rows(const Look& look) const {
@@ -235,14 +236,17 @@ void Feeder::follow_contests(const Look& look, size_t position, Peer& peer,
     const std::string& server = look.servers[position].name;
     const auto before = shown_->find_server(server);
     bool is_shown = before.has_value();
-    const bool was_added_again = rules_.added_again_is_fed && (!before || is_added_again(look, position));
+    const bool may_be_new = rules_.added_again_is_fed && (!before || may_be_added_again(look, position));
     visit_words(look, position, peer.state() ? &peer.state()->state : nullptr,
                 [&](const Call& call, uint32_t here, const uint32_t* theirs, bool) {
                     const uint32_t* const shown = word_of(*shown_, call);
                     is_shown = is_shown && shown && *shown == here;
                     const bool is_new_row = !call.resource.empty() &&
                                             (new_rows.contains(call.resource) || !shown_->find_resource(call.resource));
-                    if (was_added_again || (is_new_row && rules_.added_again_is_fed)) {
+                    // What a process has set in the new record since is its own doing.
+                    const bool is_new_word =
+                        may_be_new && (!before || here == new_value_of(call) || is_made(call, here));
+                    if (is_new_word || (is_new_row && rules_.added_again_is_fed)) {
                         contested_.erase(key_of(call));
                     } else if (shown && *shown != here && !(theirs && *theirs == here) && rules_.step_back) {
                         if (contested_.insert(key_of(call)).second) {
@@ -272,9 +276,10 @@ void Feeder::add_calls(std::vector<Call>& calls, const std::string& server, Peer
     const size_t before = calls.size();
     visit_words(*shown_, *position, all ? &peer.state()->state : nullptr,
                 [&](const Call& call, uint32_t here, const uint32_t* theirs, bool of_silence) {
-                    const auto value = theirs                  ? std::optional(*theirs)
-                                       : silence && of_silence ? std::optional(unknown_state)
-                                                               : std::nullopt;
+                    const auto value = theirs ? std::optional(*theirs)
+                                       : silence && (of_silence || !rules_.silence_keeps_words)
+                                           ? std::optional(unknown_state)
+                                           : std::nullopt;
                     if (!value || here == *value || contested_.contains(key_of(call))) return;
                     calls.push_back(call);
                     calls.back().value = {*value, 0};

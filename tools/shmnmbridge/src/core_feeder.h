@@ -56,8 +56,8 @@ class Feeder {
     bool is_new_row(const Look& look, const LookedResource& resource, size_t own) const;
     /// Whether a server's words are those of the look before.
     bool shows_same(const Look& look, size_t position) const;
-    /// Whether a server's words are those of a new record, but for what the last batch has set since.
-    bool is_added_again(const Look& look, size_t position) const;
+    /// Whether no word of a server proves that its record is the one of the look before.
+    bool may_be_added_again(const Look& look, size_t position) const;
     /// The keys of resources that were added again.
     std::set<std::string, std::less<>> find_new_rows(const Look& look) const;
     void follow_contests(const Look& look, size_t position, Peer& peer,

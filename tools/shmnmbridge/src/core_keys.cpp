@@ -44,6 +44,7 @@ class Members {
         }
         return words;
     }
+    bool has(const char* name) const { return good_ && object_.contains(name); }
     const json* find(const char* name) {
         const auto found = good_ ? object_.find(name) : object_.end();
         good_ = good_ && found != object_.end();
@@ -63,7 +64,9 @@ class Members {
 }  // namespace
 
 std::string to_json(const ClaimValue& value) {
-    return json{{"host", value.host}, {"run", value.run}, {"address", value.address}}.dump();
+    json object{{"host", value.host}, {"run", value.run}, {"address", value.address}};
+    if (value.times) object.update({{"window_ms", value.times->window}, {"gather_ms", value.times->gather}});
+    return object.dump();
 }
 
 std::string to_json(const StateValue& value) {
@@ -87,7 +90,11 @@ std::string to_json(const ProposalValue& value) {
 
 std::optional<ClaimValue> claim_from(const std::string& text) {
     Members members(text);
-    return members.checked(ClaimValue{members.text("host"), members.text("run"), members.text("address")});
+    ClaimValue value{members.text("host"), members.text("run"), members.text("address")};
+    if (members.has("window_ms") && members.has("gather_ms")) {
+        value.times = {static_cast<Time>(members.number("window_ms")), static_cast<Time>(members.number("gather_ms"))};
+    }
+    return members.checked(std::move(value));
 }
 
 std::optional<StateValue> state_from(const std::string& text) {
@@ -112,6 +119,13 @@ std::optional<BeatValue> beat_from(const std::string& text) {
 std::optional<ProposalValue> proposal_from(const std::string& text) {
     Members members(text);
     return members.checked(ProposalValue{members.words<2>("value"), members.text("process"), members.number("n")});
+}
+
+size_t size_of_state(const Look& look, size_t position) {
+    constexpr size_t of_run = 40, of_number = 10;
+    StateValue value{std::string(of_run, 'x'), UINT64_MAX, state_of(look, position), digest_of(look)};
+    const size_t numbers = value.state.words.size() + 2 * value.state.cells.size();
+    return to_json(value).size() + of_number * numbers;
 }
 
 std::string digest_of(const Look& look) {

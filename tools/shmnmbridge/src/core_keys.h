@@ -6,12 +6,14 @@
 #include <string>
 #include <string_view>
 
+#include "core_settings.h"
 #include "core_words.h"
 
 namespace bridge {
 
 struct ClaimValue {
     std::string host, run, address;
+    std::optional<Times> times{};  ///< nothing: its bridge does not tell them
 };
 struct StateValue {
     std::string run;
@@ -41,6 +43,8 @@ std::optional<StateValue> state_from(const std::string& json);
 std::optional<BeatValue> beat_from(const std::string& json);
 std::optional<ProposalValue> proposal_from(const std::string& json);
 
+/// How many bytes the state of a server of this region takes in etcd, at most.
+size_t size_of_state(const Look& look, size_t position);
 /// The digest of a region's counts and sorted names, so that machines can tell whether theirs differ.
 std::string digest_of(const Look& look);
 

@@ -22,12 +22,12 @@ void Mirror::step(Time now, std::optional<Time> echo) {
     }
 }
 
-void Mirror::answer(Time now, const Answer& answer) {
+bool Mirror::answer(Time now, const Answer& answer) {
     const bool is_read = read_ && answer.request == read_;
     if (is_read) read_ = 0;
     if (answer.outcome == Outcome::failed || answer.outcome == Outcome::timed_out) {
         if (is_read) retry_at_ = now + settings_.retry;
-        return;
+        return false;
     }
     follow_cluster(answer.cluster);
     if (is_read) {
@@ -35,6 +35,7 @@ void Mirror::answer(Time now, const Answer& answer) {
     } else {
         for (const KeyValue& value : answer.values) accept(value, false);
     }
+    return is_read;
 }
 
 void Mirror::read_done(Time now, const Answer& answer) {
@@ -47,6 +48,8 @@ void Mirror::read_done(Time now, const Answer& answer) {
     }
     for (const std::string& key : gone) accept({key, std::nullopt, answer.revision}, false);
     for (const KeyValue& value : answer.values) accept(value, false);
+    std::erase_if(
+        keys_, [&answer](const auto& each) { return !each.second.exists && each.second.revision <= answer.revision; });
     read_revision_ = answer.revision;
     seen_ = std::max(seen_, answer.revision);
     synced_ = true;
@@ -70,9 +73,10 @@ void Mirror::watch_ended(const WatchEnded& ended) {
 }
 
 void Mirror::accept(const KeyValue& change, bool by_watch) {
-    Known& known = keys_[change.key];
-    if (rules_.revision_order && change.revision <= known.revision) return;
-    known = {change.revision, change.value.has_value()};
+    const auto known = keys_.find(change.key);
+    const int64_t revision = known == keys_.end() ? read_revision_ : known->second.revision;
+    if (rules_.revision_order && change.revision <= revision) return;
+    keys_.insert_or_assign(change.key, Known{change.revision, change.value.has_value()});
     changed_(change, by_watch);
 }
 
@@ -84,7 +88,7 @@ void Mirror::follow_cluster(uint64_t cluster) {
 void Mirror::forget() {
     outbox_.notice("etcd holds another cluster's keys, or older ones: everything is read again");
     keys_.clear();
-    seen_ = 0;
+    seen_ = read_revision_ = 0;
     synced_ = false;
     wants_read_ = true;
     drop_watch();

@@ -28,11 +28,12 @@ class Mirror {
 
     /// Sends a read or a watch if one is due. @param[in] echo  when the watch last brought an own beat
     void step(Time now, std::optional<Time> echo);
-    /// Takes in every answer: reads, and what a failed transaction found.
-    void answer(Time now, const Answer& answer);
+    /// Takes in every answer: reads, and what a failed transaction found. @return whether all keys have been read
+    bool answer(Time now, const Answer& answer);
     void events(const Events& events);
     void watch_ended(const WatchEnded& ended);
 
+    size_t kept() const { return keys_.size(); }
     bool is_synced() const { return synced_; }
     bool has_watch() const { return watch_ != 0; }
     /// The newest revision that a read or the watch brought.
@@ -56,6 +57,7 @@ class Mirror {
         int64_t revision = 0;  ///< of the last change, deletions too
         bool exists = false;
     };
+    /// A key that is not here did not exist at the last read. So what is gone is kept until the next read only.
     std::map<std::string, Known, std::less<>> keys_;
     uint64_t cluster_ = 0;
     int64_t seen_ = 0;

@@ -30,6 +30,7 @@ struct Rules {
     bool runs_are_compared = true;         ///< beat, state and claim belong together only if their runs are equal
     bool fresh_after_applying = true;      ///< a beat counts for the mark once the region shows its words
     bool silence_writes_unknown = true;    ///< the states of a silent server become 2
+    bool silence_keeps_words = true;       ///< its other four words stay
     bool unheard_are_silent = true;        ///< so do those of a server of which etcd knows nothing
     bool absence_is_not_fresh = true;      ///< without a region, or without the own server in it, no server is fresh
     bool cut_off_keeps_words = true;       ///< unless it is configured otherwise
@@ -64,6 +65,7 @@ struct Rules {
     bool contest_ends_proposals = true;    ///< after more than 3 losses in 10 s a word is left alone
     bool local_words_stay = true;          ///< a word that is configured as local is neither proposed nor set
     bool new_values_are_no_change = true;  ///< where etcd has no value, that of a new region is not proposed
+    bool values_are_proposed = true;       ///< but one that was set on purpose is
     bool pair_needs_value = true;          ///< a pair with a number below 1 is no value
 
     // How a new region is recognised.

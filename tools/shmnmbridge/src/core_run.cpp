@@ -39,7 +39,7 @@ void Run::claim(Time now, const Own& own, int64_t seen) {
     const std::string& server = settings_.server;
     attempt_ = {};
     if (rules_.claim_on_base) attempt_.compares = {{keys_.claim(server), known_value_ ? known_claim_ : 0}};
-    attempt_.puts = {{keys_.claim(server), to_json(ClaimValue{settings_.host, run_, settings_.address}),
+    attempt_.puts = {{keys_.claim(server), to_json(ClaimValue{settings_.host, run_, settings_.address, times_}),
                       rules_.claim_has_lease ? lease_ : 0},
                      {keys_.state(server), to_json(StateValue{run_, sequence_, own.state, own.digest})},
                      beat_put(now, sequence_, seen)};

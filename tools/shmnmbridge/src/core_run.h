@@ -16,7 +16,12 @@ namespace bridge {
 class Run {
   public:
     Run(const Settings& settings, const Rules& rules, const Keys& keys, Outbox& outbox, OwnBeats& beats)
-        : settings_(settings), rules_(rules), keys_(keys), outbox_(outbox), beats_(beats) {}
+        : settings_(settings),
+          times_{settings.window, settings.gather},
+          rules_(rules),
+          keys_(keys),
+          outbox_(outbox),
+          beats_(beats) {}
 
     /// What a copy of the region, just taken, says of the own server.
     struct Own {
@@ -42,6 +47,8 @@ class Run {
     bool is_ended() const { return phase_ == Phase::ended; }
     /// Another machine has this machine's name.
     bool is_refused() const { return refused_; }
+    /// What this machine claims to be configured with.
+    const Times& times() const { return times_; }
     /// What each write compares.
     void add_fence(Transaction& transaction) const;
 
@@ -65,6 +72,7 @@ class Run {
     bool may_claim() const;
 
     const Settings& settings_;
+    const Times times_;
     const Rules& rules_;
     const Keys& keys_;
     Outbox& outbox_;

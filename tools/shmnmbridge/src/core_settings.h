@@ -9,6 +9,13 @@
 
 namespace bridge {
 
+/// What is to be the same on all machines of a cluster, as it is configured.
+struct Times {
+    Time window = 0, gather = 0;
+
+    bool operator==(const Times&) const = default;
+};
+
 struct Settings {
     std::string cluster = "cluster";
     std::string server;           ///< this machine's, escaped

@@ -101,6 +101,7 @@ void Driver::take(const Transport::Received& received) {
 
 void Driver::look() {
     const Region::Seen seen = region_.look();
+    has_words_ = seen.look && seen.look->find_server(settings_.server);
     if (seen.look) tell_of(*seen.look);
     if (!seen.look) region_trouble_.tell(seen.problem, "");
     if (!seen.failed) last_ = seen.look;
@@ -141,20 +142,41 @@ void Driver::write_marks() {
     marks.member = transport_.member();
     if (last_) add_servers(*last_, settings_.server, marks);
     marks.longest_hold_us = region_.longest_hold_us();
+    tell_of_room(marks);
     tell_of_etcd(marks);
     marks_.write(marks);
 }
 
+void Driver::tell_of_room(Marks& marks) {
+    const size_t servers = marks.servers.size();
+    if (servers <= marked_servers) return room_trouble_.tell("", "all servers are marked again");
+    std::stable_partition(marks.servers.begin(), marks.servers.end(),
+                          [](const Mark& mark) { return !mark.is_unmatched; });
+    room_trouble_.tell(fmt::format("only {} servers can be marked, the region and etcd have more: remove the servers "
+                                   "that are gone; see \"shmnmbridge status\"",
+                                   marked_servers),
+                       "");
+}
+
+std::string Driver::why_cut_off() const {
+    const char* const words = settings_.reset_when_cut_off ? "the other machines' states are set to unknown"
+                                                           : "the other machines' words stay as they are";
+    if (etcd_trouble_.is_on())
+        return fmt::format("cut off from etcd ({}): {}", transport_.outcomes().last_failure, words);
+    if (!has_words_) {
+        return fmt::format("not connected: no beat is written without a copy of the region that has the server {}",
+                           settings_.server);
+    }
+    return fmt::format("cut off from etcd (no beat has come back for {} ms): {}", settings_.limit(), words);
+}
+
 void Driver::tell_of_etcd(const Marks& marks) {
-    const Outcomes outcomes = transport_.outcomes();
-    const std::string line = etcd_trouble_.step(now(), outcomes);
+    const std::string line = etcd_trouble_.step(now(), transport_.outcomes());
     if (!line.empty()) log(line);
     if (marks.is_connected == was_connected_) return;
     was_connected_ = marks.is_connected;
     if (was_connected_) return log(fmt::format("connected to etcd at {}", marks.member));
-    log(fmt::format("cut off from etcd ({}): the other machines' words stay as they are",
-                    etcd_trouble_.is_on() ? outcomes.last_failure
-                                          : fmt::format("no beat has come back for {} ms", settings_.limit())));
+    log(why_cut_off());
 }
 
 void Driver::feed_watchdog(Time now) {

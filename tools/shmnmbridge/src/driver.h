@@ -42,7 +42,10 @@ class Driver {
     void tell_of(const Look& look);
     void carry_out(Output output);
     void write_marks();
+    /// The marks of the region's servers come first if there is no room for all.
+    void tell_of_room(Marks& marks);
     void tell_of_etcd(const Marks& marks);
+    std::string why_cut_off() const;
     void feed_watchdog(Time now);
     void end();
 
@@ -51,7 +54,8 @@ class Driver {
     Core core_;
     LiveMarks marks_;
     std::shared_ptr<const Look> last_;
-    Trouble region_trouble_, feed_trouble_;
+    bool has_words_ = false;  ///< the last look found the own server
+    Trouble region_trouble_, feed_trouble_, room_trouble_;
     EtcdTrouble etcd_trouble_;
     bool was_connected_ = false;
     Time watchdog_interval_, watchdog_at_ = 0;

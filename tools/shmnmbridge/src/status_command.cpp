@@ -18,8 +18,9 @@ namespace {
 
 constexpr const char* freshness_names[] = {"unknown", "fresh", "silent"};
 
-bool is_all_fresh(const Marks& marks) {
-    return marks.is_connected && marks.is_running && marks.is_fed &&
+bool is_all_fresh(const ReadMarks& read) {
+    const Marks& marks = read.marks;
+    return read.lost_servers == 0 && marks.is_connected && marks.is_running && marks.is_fed &&
            std::all_of(marks.servers.begin(), marks.servers.end(),
                        [](const Mark& mark) { return mark.freshness == Freshness::fresh; });
 }
@@ -35,6 +36,7 @@ picture::Json to_json(const Mark& mark) {
     json["unmatched"] = mark.is_unmatched;
     json["duplicate_priority"] = mark.is_duplicate;
     json["other_names"] = mark.has_other_names;
+    json["other_times"] = mark.has_other_times;
     return json;
 }
 
@@ -43,7 +45,7 @@ std::string to_json_line(const std::optional<ReadMarks>& read) {
     document["up"] = read.has_value();
     if (!read) return picture::line(document);
     const Marks& marks = read->marks;
-    document["all_fresh"] = is_all_fresh(marks);
+    document["all_fresh"] = is_all_fresh(*read);
     document["cluster"] = marks.cluster;
     document["server"] = marks.server;
     document["member"] = marks.member;
@@ -61,6 +63,7 @@ std::string to_json_line(const std::optional<ReadMarks>& read) {
     document["contested"] = marks.contested;
     document["unmatched"] = marks.unmatched;
     document["lost_words"] = read->lost_words;
+    document["lost_servers"] = read->lost_servers;
     return picture::line(document);
 }
 
@@ -74,6 +77,7 @@ std::string remarks_on(const Mark& mark) {
     add(mark.is_unmatched, "not in this region");
     add(mark.is_duplicate, "not fed: another server has its priority");
     add(mark.has_other_names, "its region has other counts or names");
+    add(mark.has_other_times, "its bridge has another window_ms or gather_ms");
     return text;
 }
 
@@ -100,6 +104,7 @@ std::string to_text(const ReadMarks& read) {
                             freshness_names[static_cast<size_t>(mark.freshness)], age, mark.sequence,
                             mark.address.empty() ? "-" : mark.address, remarks.empty() ? "" : "  ", remarks);
     }
+    if (read.lost_servers > 0) text += fmt::format("and {} more servers, which cannot be marked\n", read.lost_servers);
     return text;
 }
 
@@ -112,7 +117,7 @@ Exit show_status(bool json) {
         throw picture::Error(picture::ErrorKind::failed, "cannot write to standard output: " + problem);
     }
     if (!read) return Exit::no_bridge;
-    return is_all_fresh(read->marks) ? Exit::done : Exit::no;
+    return is_all_fresh(*read) ? Exit::done : Exit::no;
 }
 
 }  // namespace
