@@ -149,6 +149,17 @@ TEST_P(KernelFiles, AreReplacedWhenTheyAreEmptyAndNobodyHoldsThem) {
     expect_new(GetParam().create, object_name());
 }
 
+TEST_P(KernelFiles, AreReplacedWhenNoObjectHasTheirSizeAlthoughTheyAreOpen) {
+    { const Handle folder_maker(create()); }
+    for (const size_t size : {size_t{0}, size_t{100}}) {
+        make_proper_file(file(), size);
+        const int held = ::open(file().c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(held, 0);
+        expect_new(GetParam().create, object_name());
+        ::close(held);
+    }
+}
+
 TEST_P(KernelFiles, AreReplacedWhenAKilledCreatorLeftThem) {
     { const Handle folder_maker(create()); }
     make_proper_file(folder() / ".new", 100);

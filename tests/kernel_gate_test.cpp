@@ -216,4 +216,28 @@ TEST(KernelGate, LetsTheNextCreatorCleanUpWhatAKilledOneLeftWithoutProc) {
     });
 }
 
+TEST(KernelGate, FailsACreateWhoseFolderIsRemovedMeanwhileWithoutProc) {
+    in_fork([] {
+        use_private_memory_disk();
+        ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
+        become(spare_user());
+        { const Handle folder_maker(create_page(object_name())); }
+        Traced creator([] {
+            const Handle mapping(create_page(object_name()));
+            EXPECT_EQ(mapping.value, nullptr);
+            EXPECT_EQ(mapping.error, uint32_t{KZMKERNEL_ERROR_FILE_INVALID});
+        });
+        const auto makes_a_file = [&] {
+            const std::vector<uint64_t> call = creator.entered();
+            return !call.empty() && call[0] == SYS_openat && (call[3] & O_EXCL) != 0;
+        };
+        while (!makes_a_file()) ASSERT_TRUE(creator.step());
+        fs::remove_all(folder());
+        while (creator.step()) {
+        }
+        EXPECT_EQ(creator.status(), 0);
+        EXPECT_FALSE(fs::exists(folder()));
+    });
+}
+
 }  // namespace

@@ -126,6 +126,19 @@ TEST(KernelHandles, FreeTheirPageWhenClosedAfterAnotherThreadUsedThem) {
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
 }
 
+TEST(KernelHandles, FreeThePagesOfClosedMutexesWhoseOwnersEnded) {
+    const std::string name = object_name();
+    Handle other(create_mutex("other" + name));
+    std::thread([&] {
+        void* const mutex = create_mutex(name);
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_close(mutex));
+    }).join();
+    EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 1u) << "the owner's list of locks needs it";
+    other.close();
+    EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
+}
+
 TEST(KernelHandles, AreDistinguishedWhenMutexesAreUsedInTurn) {
     const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));
     for (int i = 0; i < 5; ++i) {

@@ -307,6 +307,12 @@ TEST_F(KernelMutex, IsStillOwnedAfterItsOwnerClosesAndReopensIt) {
     EXPECT_TRUE(kernel::release(again.get()));
     EXPECT_TRUE(kernel::release(again.get()));
     EXPECT_FALSE(kernel::release(again.get()));
+    // Nothing of it is freed with what the closed handle has left.
+    EXPECT_EQ(kernel::wait(mutex.get(), 0), owned);
+    EXPECT_TRUE(kernel::release(mutex.get()));
+    const Handle third(test::create_mutex((name + "3").c_str()));
+    EXPECT_EQ(kernel::wait(again.get(), 0), owned);
+    EXPECT_TRUE(kernel::release(again.get()));
 }
 
 TEST_F(KernelMutex, IsNewAfterItsLastHandleIsClosedWhileOwned) {

@@ -291,7 +291,7 @@ TEST(KernelOtherUsers, AreFoundWhileTheyHoldAMapping) {
         const auto expect_found = [&](bool is_held) {
             as_other_user([&] {
                 uint32_t found = 7;
-                EXPECT_EQ(kzmkernel_find_other_user(name.c_str(), &found) != 0, is_held);
+                EXPECT_EQ(kzmkernel_find_other_user(name.c_str(), &found), is_held ? 1 : 0);
                 EXPECT_EQ(found, is_held ? 0u : 7u);
                 EXPECT_FALSE(kzmkernel_find_other_user((name + "mutex").c_str(), &found));
                 EXPECT_FALSE(kzmkernel_find_other_user((name + "2").c_str(), &found));
