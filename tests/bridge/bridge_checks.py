@@ -79,15 +79,34 @@ class Checker:
                 landed[key[len("agreed/"):], value["value"][0]] = revision
         for machine in self.scene.machines:
             for key, word in self.shown[machine].items():
+                if key.startswith("cluster/"):
+                    self.check_agreed_word(machine, key, word, landed)
+                    continue
                 highest = 0
                 for value, time, _ in word.spans(self.end):
-                    if key.startswith("cluster/"):
-                        value = landed.get((key[len("cluster/"):], value), 0)
-                    if not (is_own(value) or key.startswith("cluster/") and value):
-                        continue
-                    if value < highest:
-                        self.find(2, f"{key} on {machine.server} falls from {highest} to {value} at {self.moment(time)}")
-                    highest = max(highest, value)
+                    if is_own(value):
+                        highest = self.risen(machine, key, highest, value, time)
+
+    def check_agreed_word(self, machine, key, word, landed):
+        """Its revisions rise. But what a local process has set is shown before etcd accepts it: if the region is then made anew, nobody
+        on the machine may have heard of that revision."""
+        set_here = {event.value for event in machine.written if event.key == key}
+        new_regions = sorted([*machine.cleared, *(event.time for event in machine.region if event.value == 1)])
+        highest = heard_of = region = 0
+        for value, time, _ in word.spans(self.end):
+            revision = landed.get((key[len("cluster/"):], value))
+            if not revision:
+                continue
+            if region < (region := bisect.bisect_right(new_regions, time)):
+                highest = heard_of
+            highest = self.risen(machine, key, highest, revision, time)
+            if value not in set_here:
+                heard_of = max(heard_of, revision)
+
+    def risen(self, machine, key, highest, value, time):
+        if value < highest:
+            self.find(2, f"{key} on {machine.server} falls from {highest} to {value} at {self.moment(time)}")
+        return max(highest, value)
 
     def check_own_columns(self):
         for machine in self.scene.machines:

@@ -150,9 +150,7 @@ class Etcd:
         """Makes room again, as an operator does, when the history has been read."""
         answer = self.post("/v3/kv/deleterange", {"key": encoded("fill/"), "range_end": encoded(after_prefix("fill/"))})
         # Nobody can write: the newest revision of the bridge's keys is their last.
-        kept = self.post("/v3/kv/range", {"key": encoded(PREFIX), "range_end": encoded(after_prefix(PREFIX)), "keys_only": True}).get("kvs", ())
-        newest = max((int(one["mod_revision"]) for one in kept), default=0)
-        wait_until(lambda: history.revision >= newest, "the history is read")
+        history.catch_up()
         # A watch that begins again must not ask for what is compacted.
         history.revision = max(history.revision, int(answer["header"]["revision"]))
         self.post("/v3/kv/compaction", {"revision": answer["header"]["revision"], "physical": True})
@@ -166,6 +164,11 @@ class Etcd:
         for member in self.members:
             wait_until(lambda: self.revision(member) >= written, f"{member.name} has the first write after the alarm")
             member.post("/v3/maintenance/defragment", {}, DEADLINE)
+
+    def newest(self):
+        """The last revision of the bridge's keys."""
+        kept = self.post("/v3/kv/range", {"key": encoded(PREFIX), "range_end": encoded(after_prefix(PREFIX)), "keys_only": True}).get("kvs", ())
+        return max((int(one["mod_revision"]) for one in kept), default=0)
 
     @staticmethod
     def revision(member):
@@ -207,14 +210,27 @@ class History:
             self.connection.request("POST", "/v3/watch", json.dumps({"create_request": create}))
             answer = self.connection.getresponse()
             while not self.ended and (line := answer.readline()):
-                result = json.loads(line)["result"]
-                if int(result.get("compact_revision", 0)):
-                    self.is_lost = self.ended = True
-                for event in result.get("events", ()):
-                    pair = event["kv"]
-                    value = None if event.get("type") == "DELETE" else json.loads(decoded(pair["value"]))
-                    self.changes.append((int(pair["mod_revision"]), decoded(pair["key"])[len(PREFIX):], value))
-                    self.revision = max(self.revision, int(pair["mod_revision"]))
+                if not self.take(json.loads(line)["result"]):
+                    return
+
+    def take(self, result):
+        """@return whether the watch goes on"""
+        if compacted := int(result.get("compact_revision", 0)):
+            # The watch was to begin before the compaction. That is no loss if what lies between has been read or passed over since.
+            if self.revision + 1 < compacted:
+                self.is_lost = self.ended = True
+            return False
+        for event in result.get("events", ()):
+            pair = event["kv"]
+            value = None if event.get("type") == "DELETE" else json.loads(decoded(pair["value"]))
+            self.changes.append((int(pair["mod_revision"]), decoded(pair["key"])[len(PREFIX):], value))
+            self.revision = max(self.revision, int(pair["mod_revision"]))
+        return True
+
+    def catch_up(self):
+        """Waits for what has been written so far. It is late if its member was cut off."""
+        newest = self.etcd.newest()
+        wait_until(lambda: self.is_lost or self.revision >= newest, "the history is read")
 
     def end(self):
         self.ended = True
@@ -282,6 +298,7 @@ class Machine:
         if self.is_windows:
             self.environment["SHMNM_WINEPREFIX"] = str(self.wine_prefix())
         self.written, self.shown, self.marks, self.region, self.accounts = [], [], [], [], []
+        self.cleared = []  # when a local process was asked to clear the region
         self.lives = 0
         self.local = self.bridge = None
         (self.folder / "etc/cluster.xml").write_text(

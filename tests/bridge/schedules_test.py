@@ -146,6 +146,7 @@ class Run:
 
     def clear(self, fault, machine):
         if machine.local and machine not in self.busy:
+            machine.cleared.append(time.monotonic())
             machine.local.ask("clear")
         return lambda: None
 
@@ -299,6 +300,7 @@ class Run:
         """Where `shmnmbridge status` does not say in the end what is so: all are fresh, of their last revisions, and no word is contested but
         those of a foreign process."""
         findings = []
+        self.history.catch_up()
         for machine in self.scene.machines:
             account = machine.ask_status()
             revisions = {key[len("state/"):]: revision for revision, key, _ in list(self.history.changes) if key.startswith("state/")}
