@@ -262,16 +262,26 @@ if PLATFORM == "linux":
             self.assertRegex(self.refusal(self.endpoint(), certificate=key, key=key), "^cannot use the certificate in ")
             self.assertRegex(self.refusal(self.endpoint(), certificate=certificate, key=certificate), "others may use it|cannot use the key in ")
             self.assertRegex(self.refusal(self.endpoint(), authorities=path(self.folder / "none")), "^cannot use the authorities in ")
-
-        def test_a_member_without_tls_is_refused(self):
-            plain = Cluster(self.addCleanup).members[0]
-            answer = self.put(self.client([f"https://127.0.0.1:{plain.port}"], authorities=self.authorities))
-            self.assertEqual(answer["failure"], "not_sent")
-            self.assertRegex(answer["reason"], "no TLS: ")
 else:
-    class WindowsTls(Files):
-        def test_is_refused(self):
-            self.assertRegex(self.refusal(["https://127.0.0.1:1"]), "^https is not supported on Windows; use http to a member on this machine$")
+    class ClientCertificates(Certificates):
+        def test_are_refused(self):
+            for files in ({"certificate": "a.crt", "key": "a.key"}, {"certificate": "a.crt"}, {"key": "a.key"}):
+                self.assertRegex(self.refusal(["https://127.0.0.1:1"], **files),
+                                 "^client certificates are not supported on Windows; remove certificate and key, and use a user of etcd with a password$")
+
+        def test_that_a_member_demands_are_not_shown(self):
+            self.member("IP:127.0.0.1", clients=True)
+            answer = self.put(self.client(self.endpoint(), authorities=path(self.authority.certificate)))
+            self.assertEqual(answer["failure"], "not_sent")
+            self.assertRegex(answer["reason"], f"^https://127.0.0.1:{self.port}: no TLS: .*--client-cert-auth")
+
+
+class WithoutTls(Files):
+    def test_a_member_is_refused(self):
+        plain = Cluster(self.addCleanup).members[0]
+        answer = self.client([f"https://127.0.0.1:{plain.port}"]).ask(put={"key": "a", "value": "1"})
+        self.assertEqual(answer["failure"], "not_sent")
+        self.assertRegex(answer["reason"], f"^https://127.0.0.1:{plain.port}: no TLS: ")
 
 
 if __name__ == "__main__":

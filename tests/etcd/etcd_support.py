@@ -146,6 +146,7 @@ class Proxy:
         self.holds_requests = self.holds_answers = False  # what comes is taken and never passed on
         self.answer_bytes = None   # of each connection's answers, so many are passed on
         self.closes_after = False  # then the connection ends, instead of saying no more
+        self.damaged_byte = None   # of each connection's answers, the position of a byte that is changed
         self.ended = threading.Event()
         self.run(self.accept)
         test.addCleanup(self.end)
@@ -188,6 +189,9 @@ class Proxy:
                     continue
                 if self.answer_bytes is not None:
                     part = part[:max(0, self.answer_bytes - passed)]
+                if self.damaged_byte is not None and passed <= self.damaged_byte < passed + len(part):
+                    at = self.damaged_byte - passed
+                    part = part[:at] + bytes([part[at] ^ 1]) + part[at + 1:]
                 passed += len(part)
                 client.sendall(part)
                 if self.closes_after and passed == self.answer_bytes:

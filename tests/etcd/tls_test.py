@@ -1,24 +1,34 @@
 #!/usr/bin/env python3
-"""The client of etcd over TLS: whom it trusts, and members and connections that fail."""
+"""The client of etcd over TLS, the same on both platforms: whom it trusts, and members and connections that fail."""
 import contextlib
+import hashlib
+import os
 import pathlib
 import shutil
 import socket
 import ssl
+import struct
+import subprocess
 import sys
 import tempfile
 import threading
 import unittest
+import unittest.mock
 import warnings
 
-from etcd_support import DEADLINE, PROJECT, EtcdTest, Member, Proxy, free_ports, main, path
+from etcd_support import DEADLINE, PLATFORM, PROJECT, EtcdTest, Member, Proxy, free_ports, main, path
 
 sys.path.insert(0, str(PROJECT / "tests/shmnmweb"))
-from certificates import Authority  # noqa: E402  it stands beside other tests
+from certificates import Authority, Identity, openssl  # noqa: E402  it stands beside other tests
 
-# What OpenSSL says.
-REASONS = {"name": "hostname mismatch", "authority": "unable to get local issuer certificate", "date": "certificate has expired",
-           "usage": "unsuitable certificate purpose"}
+# What the library of each platform says.
+REASONS = {
+    "linux": {"name": "hostname mismatch", "authority": "unable to get local issuer certificate", "leaf": "invalid CA certificate",
+              "date": "certificate has expired", "signature": "certificate signature failure", "usage": "unsuitable certificate purpose"},
+    "windows": {"name": "it is for another name; name the member as its certificate's alternative names do",
+                "authority": "its authority is not trusted; name its authority's file as authorities", "leaf": ".*",
+                "date": "it has expired, or is not valid yet; renew it, or set the clock",
+                "signature": "its signature is wrong; make another one", "usage": "it is not for servers; make one with the usage serverAuth"}}[PLATFORM]
 
 
 class TlsTest(EtcdTest):
@@ -39,7 +49,7 @@ class TlsTest(EtcdTest):
 class Server:
     """Speaks TLS, and says the same to everybody, as far as it goes. It keeps what it was told."""
 
-    def __init__(self, test, identity, answer=b"", endless=b"", shakes_hands=True, newest=ssl.TLSVersion.TLSv1_3):
+    def __init__(self, test, identity, answer=b"", endless=b"", shakes_hands=True, newest=ssl.TLSVersion.TLSv1_3, cuts=False):
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.context.load_cert_chain(identity.certificate, identity.key)
         with warnings.catch_warnings():
@@ -48,7 +58,7 @@ class Server:
                 self.context.minimum_version = newest
                 self.context.set_ciphers("ALL:@SECLEVEL=0")
             self.context.maximum_version = newest
-        self.answer, self.endless, self.shakes_hands = answer, endless, shakes_hands
+        self.answer, self.endless, self.shakes_hands, self.cuts = answer, endless, shakes_hands, cuts
         self.told, self.accepted = b"", 0
         self.has_come, self.has_gone = threading.Event(), threading.Event()
         self.listener = socket.create_server(("127.0.0.1", 0))
@@ -78,9 +88,12 @@ class Server:
                     if not part:
                         break
                     self.told += part
-                client.sendall(self.answer)
-                while self.endless:
-                    client.sendall(self.endless)
+            client.sendall(self.answer)
+            while self.endless:
+                client.sendall(self.endless)
+            if self.cuts:
+                # Without TLS's own end.
+                client.shutdown(socket.SHUT_WR)
             # Until the client goes.
             while part := client.recv(1 << 16):
                 self.told += part if self.shakes_hands else b""
@@ -103,13 +116,37 @@ CHUNKED = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
 
 
 class Trust(TlsTest):
-    def refused(self, reason, identity, **settings):
-        """The member is refused, and no request has got there."""
+    def refused(self, reason, identity, host="localhost", **settings):
+        """The member is refused, and not a byte of a request has got there."""
         server = Server(self, identity, HEAD % len(ANSWER) + ANSWER)
-        answer = self.put(self.speak(server.port, **settings))
+        etcd = self.client([f"https://{host}:{server.port}"], **{"authorities": path(self.authority.certificate), **settings})
+        answer = self.put(etcd)
         self.assertEqual(answer["failure"], "not_sent")
-        self.assertRegex(answer["reason"], f"^https://localhost:{server.port}: its certificate is refused: {reason}$")
-        self.assertNotIn(b"{", server.told)
+        self.assertRegex(answer["reason"], f"^https://{host}:{server.port}: its certificate is refused: {reason}$")
+        self.assertTrue(server.has_gone.wait(DEADLINE))
+        self.assertEqual(server.told, b"")
+
+    def password(self):
+        file = self.folder / "password"
+        file.write_text("some-password")
+        file.chmod(0o600)
+        return {"user": "bridge", "password_file": path(file)}
+
+    def sign_by(self, signer, name, names):
+        """A certificate that is signed by a certificate, which goes with it."""
+        made = self.authority.sign(name, names)
+        openssl("x509", "-req", "-in", self.folder / f"{name}.csr", "-CA", signer.certificate, "-CAkey", signer.key, "-CAcreateserial",
+                "-days", 2, "-extfile", self.folder / f"{name}.ext", "-out", made.certificate)
+        made.certificate.write_bytes(made.certificate.read_bytes() + signer.certificate.read_bytes())
+        return made
+
+    def intermediate(self, days=2):
+        """An authority whose certificate is signed by the authority."""
+        made, extensions = self.authority.sign("intermediate", "DNS:none"), self.folder / "intermediate.ext"
+        extensions.write_text("basicConstraints=critical,CA:TRUE\nkeyUsage=keyCertSign\n")
+        openssl("x509", "-req", "-in", self.folder / "intermediate.csr", "-CA", self.authority.certificate, "-CAkey", self.authority.key,
+                "-CAcreateserial", "-days", days, "-extfile", extensions, "-out", made.certificate)
+        return made
 
     def test_a_member_with_a_good_certificate_is_trusted(self):
         server = Server(self, self.good, HEAD % len(ANSWER) + ANSWER)
@@ -121,6 +158,31 @@ class Trust(TlsTest):
         both.write_bytes(b"Ours:\n" + self.stranger.certificate.read_bytes() + b"\n" + self.authority.certificate.read_bytes())
         server = Server(self, self.good, HEAD % len(ANSWER) + ANSWER)
         self.assert_done(self.put(self.speak(server.port, authorities=path(both))))
+
+    def trust_by_system(self, authority):
+        """Adds it to the authorities of the system until the test ends."""
+        if PLATFORM == "linux":
+            patch = unittest.mock.patch.dict(os.environ, SSL_CERT_FILE=str(authority.certificate))
+            patch.start()
+            self.addCleanup(patch.stop)
+            return
+        certificate = ssl.PEM_cert_to_DER_cert(authority.certificate.read_text())
+        key = rf"HKCU\Software\Microsoft\SystemCertificates\Root\Certificates\{hashlib.sha1(certificate).hexdigest().upper()}"
+        encoded_certificate = 32  # the property that holds it
+        value = struct.pack("<III", encoded_certificate, 1, len(certificate)) + certificate
+
+        def registry(*arguments):
+            subprocess.run([PROJECT / "scripts/wine", "reg", *arguments, "/f"], check=True, capture_output=True, timeout=DEADLINE)
+
+        registry("add", key, "/v", "Blob", "/t", "REG_BINARY", "/d", value.hex())
+        self.addCleanup(registry, "delete", key)
+
+    def test_authorities_of_the_system_count_only_if_none_are_configured(self):
+        identity = self.stranger.sign("known", "DNS:localhost")
+        self.trust_by_system(self.stranger)
+        server = Server(self, identity, HEAD % len(ANSWER) + ANSWER)
+        self.assert_done(self.put(self.speak(server.port, authorities="")))
+        self.refused(REASONS["authority"], identity)
 
     def test_a_certificate_for_another_name_is_refused(self):
         self.refused(REASONS["name"], self.authority.sign("other", "DNS:other.example"))
@@ -136,19 +198,69 @@ class Trust(TlsTest):
     def test_a_certificate_that_is_for_clients_is_refused(self):
         self.refused(REASONS["usage"], self.authority.sign("client"))
 
+    def test_a_certificate_for_an_address_is_trusted_for_this_address_only(self):
+        server = Server(self, self.authority.sign("address", "IP:127.0.0.1"), HEAD % len(ANSWER) + ANSWER)
+        self.assert_done(self.put(self.client([f"https://127.0.0.1:{server.port}"], authorities=path(self.authority.certificate))))
+        reason = REASONS["name"].replace("hostname", "IP address")
+        self.refused(reason, self.authority.sign("text", "DNS:127.0.0.1,IP:127.0.0.2"), host="127.0.0.1")
+
+    def test_an_authority_below_a_trusted_one_is_trusted(self):
+        server = Server(self, self.sign_by(self.intermediate(), "below", "DNS:localhost"), HEAD % len(ANSWER) + ANSWER)
+        self.assert_done(self.put(self.speak(server.port)))
+
+    def test_a_certificate_whose_chain_is_cut_is_refused(self):
+        below = self.sign_by(self.intermediate(), "below", "DNS:localhost")
+        end = b"-----END CERTIFICATE-----\n"
+        below.certificate.write_bytes(below.certificate.read_bytes().split(end)[0] + end)
+        self.refused(REASONS["authority"], below)
+
+    def test_a_certificate_of_an_expired_authority_is_refused(self):
+        self.refused(REASONS["date"], self.sign_by(self.intermediate(days=-1), "below", "DNS:localhost"))
+
+    def test_a_certificate_that_a_server_signed_is_refused(self):
+        self.refused(REASONS["leaf"], self.sign_by(self.authority.sign("leaf", "DNS:other.example"), "forged", "DNS:localhost"))
+
+    def test_a_certificate_of_a_false_authority_of_the_same_name_is_refused(self):
+        folder = self.folder / "false"
+        folder.mkdir()
+        false = Authority(folder, "authority")
+        self.refused(REASONS["authority"], false.sign("forged", "DNS:localhost"))
+        # Without the key's identifier, only the signature tells the two apart.
+        self.refused(REASONS["signature"], false.sign("forged", "DNS:localhost\nauthorityKeyIdentifier=none"))
+
+    def test_a_certificate_that_signed_itself_is_refused(self):
+        self.refused("self.signed certificate" if PLATFORM == "linux" else REASONS["authority"], self.alone())
+
+    def alone(self):
+        made = Identity(self.folder, "alone")
+        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj", "/CN=localhost",
+                "-addext", "subjectAltName=DNS:localhost", "-keyout", made.key, "-out", made.certificate)
+        return made
+
     def test_a_password_is_not_told_to_a_member_that_is_not_trusted(self):
-        server = Server(self, self.stranger.sign("unknown", "DNS:localhost"))
-        password = self.folder / "password"
-        password.write_text("some-password")
-        password.chmod(0o600)
-        answer = self.put(self.speak(server.port, user="bridge", password_file=path(password)))
+        self.refused(REASONS["authority"], self.stranger.sign("unknown", "DNS:localhost"), **self.password())
+        self.refused(REASONS["name"], self.authority.sign("other", "DNS:other.example"), **self.password())
+
+    def test_a_member_is_checked_again_at_each_connection(self):
+        answer = ANSWER.replace(b"}}", b'},"token":"some-token"}')
+        good = Server(self, self.good, HEAD.replace(b"\r\n\r\n", b"\r\nConnection: close\r\n\r\n") % len(answer) + answer)
+        stranger = Server(self, self.stranger.sign("unknown", "DNS:localhost"), HEAD % len(answer) + answer)
+        proxy = Proxy(self, good.port)
+        etcd = self.speak(int(proxy.endpoint.rsplit(":", 1)[1]), **self.password())
+        self.assert_done(self.put(etcd))
+        self.assertIn(b"some-password", good.told)
+        proxy.target = ("127.0.0.1", stranger.port)
+        answer = self.put(etcd)
         self.assertEqual(answer["failure"], "not_sent")
-        self.assertNotIn(b"some-password", server.told)
+        self.assertRegex(answer["reason"], "its certificate is refused: " + REASONS["authority"])
+        self.assertTrue(stranger.has_gone.wait(DEADLINE))
+        self.assertEqual((stranger.accepted, stranger.told), (1, b""))
 
     def test_versions_before_1_2_are_refused(self):
         server = Server(self, self.good, HEAD % len(ANSWER) + ANSWER, newest=ssl.TLSVersion.TLSv1_1)
         answer = self.put(self.speak(server.port))
         self.assertEqual(answer["failure"], "not_sent")
+        self.assertRegex(answer["reason"], f"^https://localhost:{server.port}: no TLS: ")
         self.assertEqual(server.told, b"")
 
     def test_1_2_and_newer_are_spoken(self):
@@ -192,6 +304,73 @@ class Hanging(TlsTest):
         self.assert_done(self.put(etcd))
 
 
+class Attackers(TlsTest):
+    """They stand between the client and a member. They learn no request, and the client believes none of their answers."""
+
+    ANSWER = HEAD % 100_000 + ANSWER.ljust(100_000)
+
+    def put_through(self, **faults):
+        """Asks a member through a proxy that fails so. The answer, and what the member was told."""
+        server = Server(self, self.good, self.ANSWER)
+        proxy = Proxy(self, server.port)
+        for fault, value in faults.items():
+            self.assertTrue(hasattr(proxy, fault), fault)
+            setattr(proxy, fault, value)
+        answer = self.put(self.speak(int(proxy.endpoint.rsplit(":", 1)[1]), connect_timeout=1_000, timeout=3_000))
+        return answer, server
+
+    def assert_not_told(self, answer, server):
+        self.assertEqual(answer["failure"], "not_sent")
+        self.assertNotEqual(answer["reason"], "")
+        self.assertTrue(server.has_gone.wait(DEADLINE))
+        self.assertEqual(server.told, b"")
+
+    def test_a_changed_byte_of_the_handshake_is_noticed(self):
+        # A record's kind, its length, the server's random number, and certificates.
+        for at in (0, 4, 30, 300, 500):
+            self.assert_not_told(*self.put_through(damaged_byte=at))
+
+    def test_a_changed_byte_of_the_answer_is_noticed(self):
+        answer, server = self.put_through(damaged_byte=50_000)
+        self.assertEqual(answer["failure"], "cut")
+        self.assertIn(b"{", server.told)
+        if PLATFORM == "windows":
+            self.assertRegex(answer["reason"], ": TLS failed: .*; look at ")
+
+    def test_a_handshake_that_stops_times_out(self):
+        for size in (1, 5, 100, 500):
+            answer, server = self.put_through(answer_bytes=size)
+            self.assertRegex(answer["reason"], ": no answer in time$")
+            self.assert_not_told(answer, server)
+
+    def test_a_handshake_that_is_cut_off_fails(self):
+        for size in (1, 5, 100, 500):
+            answer, server = self.put_through(answer_bytes=size, closes_after=True)
+            self.assertRegex(answer["reason"], ": no TLS: ")
+            self.assert_not_told(answer, server)
+
+    def test_an_answer_that_is_cut_off_is_not_believed(self):
+        answer, server = self.put_through(answer_bytes=50_000, closes_after=True)
+        self.assertEqual(answer["failure"], "cut")
+        self.assertIn(b"{", server.told)
+
+    def test_an_answer_without_tls_is_refused(self):
+        alert, long_record = b"\x15\x03\x03\x00\x02\x02\x28", b"\x16\x03\x03\xff\xff" + b"a" * 70_000
+        for answer in (HEAD % len(ANSWER) + ANSWER, b"garbage", bytes(100_000), bytes(range(256)) * 400, alert, long_record):
+            self.assert_not_sent(Server(self, self.good, answer, shakes_hands=False, cuts=True))
+
+    def test_a_handshake_without_end_is_ended(self):
+        record = b"\x16\x03\x03\x40\x00"
+        for endless in (bytes(16_384), record + bytes(16_384), record + b"\x0b\xff\xff\xff" + b"a" * 16_380, b"\x16\x03\x03\x00\x00"):
+            self.assert_not_sent(Server(self, self.good, endless=endless, shakes_hands=False))
+
+    def assert_not_sent(self, server):
+        answer = self.put(self.speak(server.port, connect_timeout=1_000, timeout=3_000))
+        self.assertEqual(answer["failure"], "not_sent")
+        self.assertRegex(answer["reason"], f"^https://localhost:{server.port}: (no TLS: .|no answer in time$)")
+        self.assertTrue(server.has_gone.wait(DEADLINE))
+
+
 class Answers(TlsTest):
     def failure(self, answer, endless=b"", **settings):
         return self.put(self.speak(Server(self, self.good, answer, endless).port, **settings))["failure"]
@@ -204,6 +383,10 @@ class Answers(TlsTest):
     def test_without_end_are_refused_at_the_limit(self):
         for head, part in ((CHUNKED, b"10000\r\n" + b" " * 65_536 + b"\r\n"), (HEAD % 9_999_999_999, b" " * 65_536)):
             self.assertEqual(self.failure(head, part, answer_limit=1_000_000, timeout=20_000), "invalid_answer")
+
+    def test_without_a_length_that_are_cut_off_are_no_answers(self):
+        server = Server(self, self.good, b"HTTP/1.1 200 OK\r\n\r\n" + ANSWER, cuts=True)
+        self.assertEqual(self.put(self.speak(server.port))["failure"], "cut")
 
     def test_of_exactly_the_limit_are_read(self):
         answer = HEAD % len(ANSWER) + ANSWER

@@ -48,6 +48,7 @@ struct TlsLink {
 
     Stream make_stream(boost::asio::io_context& io) const { return Stream(io, tls->context()); }
     static auto& socket_of(Stream& stream) { return stream.next_layer(); }
+    static std::string text_of(const Stream&, const ErrorCode& why) { return why.message(); }
 
     template <typename Ready>
     void prepare(Stream& stream, Ready ready) const {

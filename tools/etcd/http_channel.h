@@ -24,7 +24,7 @@
 namespace etcd {
 
 /// One TCP connection. Pending operations keep it, so that it outlives its channel until they have ended.
-/// @tparam Link  makes the stream, and does what is needed before the first request
+/// @tparam Link  makes the stream, does what is needed before the first request, and words the stream's errors
 template <typename Link>
 class HttpConnection : public std::enable_shared_from_this<HttpConnection<Link>> {
   public:
@@ -131,7 +131,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection<Link>>
         wait_until(part_ ? Channel::Time::max() : limits_.answered);
         boost::beast::http::async_write(stream_, request_, [self = this->shared_from_this()](const Error& why, size_t) {
             if (!self->done_) return;
-            if (why) return self->fail(Failure::cut, why.message());
+            if (why) return self->fail(Failure::cut, Link::text_of(self->stream_, why));
             self->read_head();
         });
     }
@@ -188,7 +188,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection<Link>>
         const bool is_cut =
             why == boost::beast::http::error::end_of_stream || why == boost::beast::http::error::partial_message;
         if (is_http && !is_cut) return fail(Failure::invalid_answer, "the answer is not HTTP: " + why.message());
-        fail(Failure::cut, why.message());
+        fail(Failure::cut, Link::text_of(stream_, why));
     }
 
     void fail(Failure failure, const std::string& reason) {

@@ -10,6 +10,7 @@ struct PlainLink {
 
     static Stream make_stream(boost::asio::io_context& io) { return Stream(io); }
     static Stream& socket_of(Stream& stream) { return stream; }
+    static std::string text_of(const Stream&, const boost::system::error_code& why) { return why.message(); }
     template <typename Ready>
     static void prepare(Stream&, Ready ready) {
         ready({}, {});

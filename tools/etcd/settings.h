@@ -8,10 +8,10 @@
 
 namespace etcd {
 
-/// Names of files in PEM, for https. Windows has no https here.
+/// Names of files in PEM, for https.
 struct TlsSettings {
     std::string authorities;       ///< who may have signed the members' certificates; "": the system's
-    std::string certificate, key;  ///< of this client; "": none
+    std::string certificate, key;  ///< of this client; "": none; refused on Windows
 };
 
 struct Settings {
