@@ -39,7 +39,8 @@ void add_service_command(CLI::App& app, Context& context) {
         ->type_name("FILE");
     install->add_option("ARGUMENT", request.arguments, "After --: arguments of serve, with --web of shmnmweb");
     install->footer("The installation path and the namespace are kept as they are now (KZM_INSTALL_PATH, ...).");
-    add_wait(*add_action(*group, context, request, "remove", "Stop and remove it"), request, "Time for it to stop");
+    add_wait(*add_action(*group, context, request, "remove", "Stop and remove it"), request,
+             "Time for it to stop and to go");
     add_wait(*add_action(*group, context, request, "start", "Start it and wait until it is ready"), request,
              "Time for it to get ready");
     add_wait(*add_action(*group, context, request, "stop", "Stop it and wait until it has stopped"), request,
