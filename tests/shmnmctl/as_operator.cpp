@@ -1,4 +1,5 @@
-// Runs a command as an operator would: with a token that has no administrator's rights. Its arguments are the command.
+// Runs a command as an operator would: with a token that has no administrator's rights. Its arguments are the command,
+// which ends with it.
 //
 // wine has one user, and tests of access need another. So the first call, "as_operator --give-away", gives the live
 // region and lock of KZMUTIL_NAMESPACE to the system: in their access lists the system stands where this user stood.
@@ -73,6 +74,17 @@ HANDLE without_administrators() {
     return restricted;
 }
 
+/// A job whose processes end with this process.
+HANDLE job_of_this_process() {
+    const HANDLE job = CreateJobObjectW(nullptr, nullptr);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (!job || !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
+        fail("making a job");
+    }
+    return job;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -96,8 +108,10 @@ int main(int argc, char** argv) {
     startup.hStdOutput = GetStdHandle(STD_OUTPUT_HANDLE);
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION child{};
-    if (!CreateProcessAsUserA(without_administrators(), nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                              nullptr, &startup, &child)) {
+    const HANDLE job = job_of_this_process();
+    if (!CreateProcessAsUserA(without_administrators(), nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED,
+                              nullptr, nullptr, &startup, &child) ||
+        !AssignProcessToJobObject(job, child.hProcess) || ResumeThread(child.hThread) == ~DWORD{0}) {
         fail("starting the command");
     }
     WaitForSingleObject(child.hProcess, INFINITE);

@@ -3,24 +3,15 @@ import subprocess
 import unittest
 
 import support
-from support import Result, ToolTest, path, validated
+from operators import OperatorTest
+from support import Result, path, validated
 
 WARNING = "read without the lock: this user may not take it, and a change can have been half done"
-USERS = "S-1-5-32-545"
 
 
-class Reading(ToolTest):
-    def cluster_of_the_system(self, readers=USERS):
-        """A cluster whose region and lock belong to the system, made with this group of readers."""
-        self.environment["KZMUTIL_READERS"] = readers
-        api = self.cluster()
-        given = subprocess.run(support.program("as_operator") + ["--give-away"], env=self.environment, capture_output=True, text=True)
-        self.assertEqual(given.returncode, 0, given)
-        self.securities = given.stdout.split()
-        return api
-
+class Reading(OperatorTest):
     def operator(self, *arguments, json=False):
-        command = support.program("as_operator") + support.native_program("shmnmctl") + list(arguments) + (["--format", "json"] if json else [])
+        command = self.as_operator("shmnmctl") + list(arguments) + (["--format", "json"] if json else [])
         done = subprocess.run(command, env=self.environment, capture_output=True, timeout=support.DEADLINE)
         result = Result(done.returncode, done.stdout, done.stderr.decode())
         if json:
@@ -81,6 +72,13 @@ class Reading(ToolTest):
             refused = self.operator(*command)
             self.assertEqual((refused.status, refused.out), (5, ""), refused)
             self.assertRegex(refused.err, r"\(error 5\); run this as the user who runs the cluster\n$")
+
+    def test_the_picture_library_reads_too_even_if_the_lock_is_held(self):
+        api = self.cluster_of_the_system()
+        own = self.tool("status", "--format", "json")
+        api.ok("shmnm_rwlock", 0)
+        read = subprocess.run([*self.as_operator("picture_example"), "servers/beta/pri=1"], env=self.environment, capture_output=True, timeout=support.DEADLINE)
+        self.assertEqual((read.returncode, read.stdout.decode().splitlines(), read.stderr), (0, own.lines, b""))
 
     def test_the_group_stands_in_the_access_list_of_the_region_alone(self):
         self.cluster_of_the_system()
