@@ -182,6 +182,16 @@ class OnWindows(InstallationTest):
         self.assertIn("was installed already and is changed", self.done("install"))
         self.assertEqual(self.state()["environment"], kept[1:])
 
+    def test_a_service_and_other_sessions_meet_where_the_installation_s_file_says(self):
+        own = self.environment.pop("KZMUTIL_NAMESPACE")
+        (self.folder / "etc/environment").write_text(f"KZMUTIL_NAMESPACE=Global\\{own}\n")
+        self.done("install")
+        self.assertEqual(self.state()["environment"], [f"KZM_INSTALL_PATH={path(self.folder)}"])
+        self.done("start")
+        self.assertEqual(self.tool("status").status, 0)
+        for prefix, status in (("Global\\", 0), ("Local\\", 3), ("", 3)):
+            self.assertEqual(self.tool("status", environment=dict(self.environment, KZMUTIL_NAMESPACE=prefix + own)).status, status, prefix)
+
     def test_an_installed_service_is_changed_and_keeps_its_account_and_its_start(self):
         created = self.system("sc", "create", self.name, "binPath=", "C:\\old.exe", "start=", "demand", "obj=", "NT AUTHORITY\\LocalService")
         self.assertEqual(created[0], 0)
