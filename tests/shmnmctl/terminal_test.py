@@ -199,6 +199,36 @@ class OnAScreen(TerminalTest):
                 self.expect_end(terminal)
 
 
+class WithAndWithoutEscapes(TerminalTest):
+    """On consoles of Windows that obey escape sequences and on consoles that do not."""
+
+    def on_console(self, escapes, *arguments):
+        return Terminal(self, 80, 60, escapes, *support.native_program("shmnmctl"), *arguments, program="console_mode")
+
+    def test_consoles_of_both_kinds_show_the_same_in_the_same_colours(self):
+        self.many_servers().ok("shmnm_setnodestat", "server003", 1)
+        screens = []
+        for escapes in ("on", "off"):
+            terminal = self.on_console(escapes, "status")
+            self.assertEqual(terminal.read_to_end(), 0, terminal.lines)
+            screens.append([[(cell.data, cell.fg) for _, cell in sorted(row.items())] for _, row in sorted(terminal.screen.buffer.items())])
+            self.assertFalse([line for line in terminal.lines if "[" in line], "no escape sequence is shown as text")
+            self.assertTrue({"red", "green"} <= {color for row in screens[-1] for _, color in row})
+        self.assertEqual(*screens)
+
+    def test_watch_draws_on_consoles_of_both_kinds(self):
+        api = self.many_servers()
+        for escapes, value in (("on", 77), ("off", 78)):
+            with self.subTest(escapes):
+                terminal = self.on_console(escapes, "status", "--watch", "0.05")
+                terminal.wait_for(lambda seen: any(line.startswith("cluster") for line in seen.lines))
+                api.ok("shmnm_setwaitstat", value)
+                terminal.wait_for(lambda seen: any(f"waitstat {value}" in line for line in seen.lines))
+                self.assertFalse([line for line in terminal.lines if "[" in line])
+                terminal.press("q")
+                self.assertEqual(terminal.read_to_end(), 0, terminal.lines)
+
+
 class ObeyingEscapes(TerminalTest):
     """What needs a terminal that obeys escape sequences. Wine's console shows them as text, so these run on Linux."""
 
