@@ -125,6 +125,13 @@ class Zip(Place):
             with self.subTest(name):
                 self.assertIsNotNone(Pe(self.prefix / "bin" / name, NM).version())
 
+    def test_the_tool_has_the_texts_of_the_events(self):
+        texts = re.findall(r"^The service .*", (PROJECT / "tools/service/messages.mc").read_text(), re.M)
+        self.assertEqual(len(texts), 8)
+        content = (self.prefix / "bin/shmnmctl.exe").read_bytes()
+        for text in texts:
+            self.assertIn(text.encode("utf-16-le"), content, text)
+
     def test_each_module_definition_lists_the_functions_of_its_dll(self):
         self.assertEqual(len(interface.KZMSHMNM), 91)
         for name, functions in IMPORTED.items():
