@@ -12,8 +12,7 @@ class Paths(InstallationTest):
         for name in FOLDERS:
             with self.subTest(name):
                 folder = self.install(name)
-                self.serving(support.program("shmnmctl"))
-                self.assertIn("KzmutilCreateNamedFileMapping(use)", (folder / "log/shmnm.log").read_text())
+                self.expect_log(folder)
                 self.assertEqual(self.tool("set", "cluster/clstat", "7").status, 0)
                 dump = folder / "Снимок é.bin"
                 self.assertEqual(self.tool("dump", path(dump)).status, 0)
@@ -23,6 +22,15 @@ class Paths(InstallationTest):
                 self.assertEqual(self.tool("status", path(dump)).status, 0)
                 checked = self.tool("verify", "--config", path(folder / "etc/cluster.xml"))
                 self.assertEqual((checked.status, checked.out, checked.err), (0, "", ""))
+
+    def expect_log(self, folder):
+        """The log of a server is written, and rotated once it is full."""
+        configuration = folder / "etc/cluster.xml"
+        configuration.write_text(configuration.read_text().replace("<log>", "<log><size>200</size>"))
+        self.serving(support.program("shmnmctl"))
+        generations = [file.read_text() for file in (folder / "log").glob("shmnm.log*")]
+        self.assertGreater(len(generations), 1)
+        self.assertIn("KzmutilCreateNamedFileMapping(use)", "".join(generations))
 
     def test_messages_show_names_as_they_were_typed(self):
         for name in ("нет.bin", "集群.bin", "é.bin"):
