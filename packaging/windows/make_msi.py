@@ -28,7 +28,7 @@ COMPONENT_PERMANENT, COMPONENT_NEVER_OVERWRITE, COMPONENT_64_BIT = 16, 128, 256
 ON_REMOVAL = 2
 TICKS = 10_000_000  # of a FILETIME in a second
 LOCATOR_RAW_VALUE_64_BIT = 2 | 16
-SET_DIRECTORY = 51
+SET_DIRECTORY = SET_PROPERTY = 51
 STARTS_WITH_WINDOWS = 2
 RUN_INSTALLED, IGNORE_RESULT, ON_ROLLBACK, DEFERRED, AS_SYSTEM = 18, 64, 256, 1024, 2048
 MACHINE = 2  # the root of a row of the table Registry
@@ -199,6 +199,10 @@ def complete(msi, version):
         f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('StayInFolder', {SET_DIRECTORY}, 'INSTALLDIR', '[INSTALLEDDIR]')",
         "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('AppSearch', '', 50)",
         "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('StayInFolder', 'INSTALLEDDIR', 60)",
+        # The other features' files are of no use without those of this one, and a list of features may leave it out.
+        f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('AddCluster', {SET_PROPERTY}, 'ADDLOCAL', 'Cluster,[ADDLOCAL]')",
+        "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES"
+        " ('AddCluster', 'NOT Installed AND ADDLOCAL AND NOT (ADDLOCAL><\"Cluster\") AND NOT (ADDLOCAL~=\"ALL\")', 70)",
         *service_statements(),
     ]
     present = tables(msi)

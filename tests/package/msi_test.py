@@ -162,6 +162,11 @@ class Installer(Place):
         self.assertEqual(self.msiexec("/i", self.msi, "ADDLOCAL=ALL"), DONE)
         self.expect_installed(self.first | self.development, self.example)
 
+    def test_the_cluster_s_files_are_installed_even_if_other_features_are_asked_for(self):
+        self.assertEqual(self.msiexec("/i", self.msi, "ADDLOCAL=Service"), DONE)
+        self.expect_installed({name: content for name, content in self.first.items() if name not in ("bin/shmnmweb.exe", "bin/shmnmbridge.exe")}, self.example)
+        self.assertEqual(self.service("status")["state"], "stopped")
+
     def test_an_upgrade_replaces_everything_but_an_edited_configuration(self):
         self.install_and_edit()
         self.assertEqual(self.msiexec("/i", self.later_msi), DONE)
@@ -211,14 +216,16 @@ class Installer(Place):
         process = self.serve(self.tool, self.environment())
         process.end()
         self.assertTrue((self.installed / "log/shmnm.log").is_file())
+        added = b"KZMUTIL_READERS=Users\n"
+        (self.installed / "etc/environment").write_bytes(added)
         self.assertEqual(self.msiexec("/x", self.msi), DONE)
-        self.assertEqual(files(self.installed), {"etc/cluster.xml": self.example + MINE})
+        self.assertEqual(files(self.installed), {"etc/cluster.xml": self.example + MINE, "etc/environment": added})
         self.assertEqual([entry.name for entry in self.installed.iterdir()], ["etc"])
         self.assertEqual([folder for folder in self.path_of_the_machine() if folder], [folder for folder in before if folder])
         self.assertEqual(self.products(), [])
         self.assertNotIn("InstallDir", self.wine("reg", "query", r"HKLM\Software\shmnm"))
         self.assertEqual(self.msiexec("/i", self.msi), DONE)
-        self.expect_installed(self.first, self.example + MINE)
+        self.expect_installed(self.first | {"etc/environment": added}, self.example + MINE)
 
     def test_a_removal_leaves_an_attached_process_and_its_files_alone(self):
         self.install_and_edit()
