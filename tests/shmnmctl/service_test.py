@@ -269,6 +269,7 @@ class OnWindows(InstallationTest):
         self.cluster()
         port = free_port()
         self.done("install", "--web", "--", "--listen", f"127.0.0.1:{port}")
+        self.assertEqual(self.value(rf"EventLog\Application\{self.name}", "EventMessageFile"), path(support.FOLDER / "shmnmctl.exe"))
         self.assertTrue(self.state()["command_line"].startswith(f'"{path(support.FOLDER / "shmnmweb.exe")}" --service --listen '))
         self.done("start", "--web")
         self.assertEqual(self.answer(port, "/healthz")[0], 200)
