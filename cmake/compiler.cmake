@@ -66,6 +66,13 @@ if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND SHMNM_SANITIZE MATCHES address)
     target_compile_options(shmnm_fuzzed INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# For what scripts/branches measures. The counters are in the profile's file itself, so a killed process leaves them too.
+add_library(shmnm_counted INTERFACE)
+if(SHMNM_BRANCHES)
+    target_compile_options(shmnm_counted INTERFACE -fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+    target_link_options(shmnm_counted INTERFACE -fprofile-instr-generate)
+endif()
+
 # shmnm_version(NAME): the file of this target states its version, which Windows shows in the file's properties.
 function(shmnm_version name)
     if(NOT WIN32)
