@@ -125,6 +125,39 @@ TEST(KernelFolder, NeverHoldsASecondObjectIfRemovedAtAnyStepOfACreator) {
     });
 }
 
+TEST(KernelSibling, MayBeRemovedAtAnyStepOfACreator) {
+    in_fork([] {
+        use_private_memory_disk();
+        bool ended = false;
+        for (int stops = 1; !ended && !HasFailure(); ++stops) {
+            Traced creator([] {
+                const uint32_t error = Handle(create_mutex(object_name())).error;
+                EXPECT_TRUE(error == 0 || error == KZMKERNEL_ERROR_FILE_INVALID) << error;
+            });
+            for (int i = 0; i < stops && !ended; ++i) ended = !creator.step();
+            fs::remove(sibling());
+            while (!ended && creator.step()) {
+            }
+            EXPECT_EQ(creator.status(), 0) << "removed at stop " << stops;
+            expect_new(create_mutex, object_name());
+        }
+    });
+}
+
+TEST(KernelFolder, HoldsItsOwnObjectsIfAnotherDiskIsMountedOverIt) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle first(create_mutex(object_name()));
+        ASSERT_EQ(first.error, 0u);
+        // The inodes of a new disk have the same numbers.
+        use_private_memory_disk();
+        const Handle second(create_mutex(object_name()));
+        EXPECT_EQ(second.error, 0u);
+        EXPECT_EQ(kzmkernel_wait(first.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_release(first.value));
+    });
+}
+
 // Each has looked at its own folder and found that no other one lives.
 TEST(KernelFolder, HoldsOneObjectIfRemovedBetweenTwoCreators) {
     in_fork([] {

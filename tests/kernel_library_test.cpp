@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
+#include <pthread.h>
 
 #include <filesystem>
 #include <string>
@@ -60,6 +61,23 @@ TEST(KernelLibrary, CanBeUnloadedAfterUse) {
         copy.load();
     }
     copy.unload();
+}
+
+TEST(KernelLibrary, WorksIfTheProgramHasUsedAllThreadKeys) {
+    in_fork([] {
+        pthread_key_t key;
+        while (pthread_key_create(&key, nullptr) == 0) {
+        }
+        LoadedCopy copy;
+        void* const mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(object_name().c_str());
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+        }
+        EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        copy.unload();
+        EXPECT_FALSE(copy.is_loaded());
+    });
 }
 
 TEST(KernelLibrary, KeepsTheLocksOfItsThreadsAcrossAReload) {

@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <fstream>
@@ -129,6 +130,21 @@ TEST(KernelWait, OwnsALockThatIsFreeAtItsLastLook) {
     while (waiter.step()) {
     }
     EXPECT_EQ(waiter.status(), 0);
+}
+
+TEST(KernelWait, FailsIfTheMutexWasOverwritten) {
+    const Handle mutex(create_mutex(object_name()));
+    mapped_page_of(file_of_mutex(object_name()))[32] = 0x7F;  // no kind of mutex
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_FAILED});
+    EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
+}
+
+TEST(KernelSleep, WithoutATimeLimitIsNotEndedBySignals) {
+    Traced sleeper([] { kzmkernel_sleep(KZMKERNEL_INFINITE); });
+    for (int i = 0; i < 3; ++i) {
+        sleeper.run_until_it_enters(SYS_pause);
+        sleeper.fail_call(EINTR);
+    }
 }
 
 TEST(KernelWait, TimesOutWhileAStoppedOwnerKeepsTheLock) {

@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -178,6 +180,29 @@ TEST(KernelFolderVariable, RefusesAnythingButTheFullPathOfAFolder) {
     with_folder("/dev/shm/missing/ours", [] {
         EXPECT_EQ(Handle(create_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
         EXPECT_THAT(kzmkernel_explanation(), testing::StartsWith("cannot open /dev/shm/missing/: "));
+    });
+}
+
+TEST(KernelFolderVariable, RefusesAPathForWhichThereIsNoRoom) {
+    // The sibling's path is longer than the folder's.
+    for (const size_t length : {size_t{PATH_MAX} - 3, size_t{PATH_MAX} + 10}) {
+        std::string place = "/dev/shm";
+        while (place.size() < length) place += '/' + std::string(std::min<size_t>(length - place.size(), 100) - 1, 'n');
+        with_folder(place.c_str(), [] { expect_mutex_refused(KZMKERNEL_ERROR_INVALID_NAME); });
+    }
+}
+
+TEST(KernelFolderVariable, TakesAParentOfTheUserInWhichOthersMayRemoveNothing) {
+    with_folder("/dev/shm/parent/ours", [] {
+        fs::create_directory("/dev/shm/parent");
+        ASSERT_EQ(chown("/dev/shm/parent", other_user, other_user), 0);
+        as_other_user([] { expect_new(create_mutex, object_name()); });
+        ASSERT_EQ(chmod("/dev/shm/parent", 0777), 0);
+        as_other_user([] {
+            expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            EXPECT_THAT(kzmkernel_explanation(),
+                        testing::StartsWith("other users may remove your folder from /dev/shm/parent/"));
+        });
     });
 }
 

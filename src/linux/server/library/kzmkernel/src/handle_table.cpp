@@ -54,6 +54,7 @@ bool change_open(Slot& slot, uint64_t generation, uint64_t difference) {
     uint64_t state = slot.state.load(std::memory_order_relaxed);
     do {
         if (!is_open(state, generation)) return false;
+        // branch: another thread changes the slot between the two accesses
     } while (!slot.state.compare_exchange_weak(state, state + difference, std::memory_order_acquire,
                                                std::memory_order_relaxed));
     return true;
@@ -108,6 +109,7 @@ bool LastMutexUse::is_open(const Thread& thread) noexcept {
 }
 
 void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept {
+    // branch: a signal's handler calls while its thread is inside
     if (thread.is_inside.load(std::memory_order_relaxed)) return;
     const Slot& slot = *use.slot_;
     const uint64_t state = slot.state.load(std::memory_order_relaxed);
@@ -125,6 +127,7 @@ void remember_last_mutex(Thread& thread, const Use& use, void* handle) noexcept 
 }
 
 void forget_last_mutex(Thread& thread) noexcept {
+    // branch: a signal's handler ends the thread or the process while its thread is inside
     if (thread.is_inside.load(std::memory_order_relaxed)) return;
     thread.enter();
     let_go(thread);
@@ -145,6 +148,7 @@ void* open_handle(Object* object, bool writable) noexcept {
     slot.object = object;
     slot.writable = writable;
     uint64_t generation = (generation_of(slot.state.load(std::memory_order_relaxed)) + 1) & generation_mask;
+    // branch: the generations of a slot begin again after billions of handles
     if (generation == 0) generation = 1;
     const uint64_t state = generation << generation_shift | open_bit | one_user;
     slot.state.store(state, std::memory_order_release);

@@ -32,6 +32,7 @@ void after_fork_in_child() {
 [[gnu::destructor]] void end_watching() {
     end_watching_threads();
     forget_last_mutex(thread_state());
+    // branch: another thread is inside a call while this thread ends the process
     if (!try_to_lock_tables()) return;
     forget_closed_mutexes();
     unlock_tables();

@@ -124,6 +124,7 @@ kzmkernel_mutex_info Mutex::info() const noexcept {
 bool Mutex::is_owned_by_this_process() const noexcept {
     const uint64_t owner = page_.owner.load(relaxed);
     const auto process = static_cast<pid_t>(process_of(owner)), thread = static_cast<pid_t>(thread_of(owner));
+    // branch: a child in another namespace has the process id of the owner
     if (process != getpid() || page_.process_id_namespace != process_id_namespace()) return false;
     return tgkill(process, thread, 0) == 0 || errno != ESRCH;
 }

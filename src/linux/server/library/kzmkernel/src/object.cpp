@@ -37,13 +37,10 @@ uint32_t check_name(const char* name) {
     return well_formed ? 0 : KZMKERNEL_ERROR_INVALID_NAME;
 }
 
-bool unlink_from(Object*& list, const Object* object) {
-    for (Object** at = &list; *at; at = &(*at)->next) {
-        if (*at != object) continue;
-        *at = object->next;
-        return true;
-    }
-    return false;
+void unlink_from(Object*& list, const Object* object) {
+    Object** at = &list;
+    while (*at != object) at = &(*at)->next;
+    *at = object->next;
 }
 
 Object* find_in(Object* list, Kind kind, const struct stat& file) {
@@ -106,6 +103,7 @@ uint32_t adopt(Gate& gate, Descriptor file, bool writable, const struct stat& st
     object.inode = status.st_ino;
     object.size = static_cast<uint64_t>(status.st_size);
     if (object.kind == Kind::mutex) {
+        // branch: the guards of a living file cover its size; only a file that lost its guards may have another one
         if (object.size != mutex_file_size) return KZMKERNEL_ERROR_ACCESS_DENIED;
         // If a thread still owns it, its list of robust mutexes holds this address.
         Object* const closed = find_in(closed_mutexes, Kind::mutex, status);
@@ -117,6 +115,7 @@ uint32_t adopt(Gate& gate, Descriptor file, bool writable, const struct stat& st
         } else if (!hold_alive(gate.folder(), object.file_name, status)) {
             error = windows_error(errno);
         }
+        // branch: the system refuses the guards of a mutex that this process owns and has closed
         if (error != 0 && !closed) unmap_mutex(object.mapped);
         if (error == 0 && closed) {
             unlink_from(closed_mutexes, closed);
@@ -230,6 +229,7 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, Wish wish, Object*& 
     forget_explanation();
     forget_closed_mutexes();
     Object* const made = new (std::nothrow) Object{};
+    // branch: no memory for a few bytes
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
     made->kind = kind;
     file_name_of(kind, name, made->file_name);
@@ -245,6 +245,7 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, Wish wish, Object*& 
         gate.step_out();
         removed.let_go();
         if (gate.wait_for_maker_of(made->file_name)) {
+            // branch: the folder is removed while this process waits for a maker that was stopped
             if (const uint32_t error = gate.step_in()) return error;
             found = look(gate, made, wish, object, removed);
             if (found != KZMKERNEL_ERROR_FILE_NOT_FOUND) return found;

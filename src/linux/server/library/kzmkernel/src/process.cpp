@@ -45,6 +45,7 @@ Thread& this_thread() noexcept {
 }
 
 bool watch_end_of(Thread& thread) noexcept {
+    // branch: pthread_setspecific() fails only without memory
     return has_end_of_thread && pthread_setspecific(end_of_thread, &thread) == 0;
 }
 

@@ -111,6 +111,7 @@ Error open_slot(size_t index, std::string_view module, std::string_view channel,
     slot.log = new Log(folder.data(), std::string(module), std::string(channel), size);
     if (const Error error = slot.log->prepare()) return error;
     learn_time_zone();
+    // branch: after 2^32 openings of one slot
     if (++slot.last_use == 0) slot.last_use = 1;
     void* const handle = handle_of(index, slot.last_use);
     slot.handle.store(handle, std::memory_order_relaxed);

@@ -65,6 +65,7 @@ void Log::rotate(size_t bytes) const noexcept {
     size_t to = 1;
     while (to + 1 < generations_.size() && exists(generations_[to].c_str())) ++to;
     for (; to > 0; --to) {
+        // branch: another program removes a generation during the rotation
         if (!lock.rename_over(generations_[to - 1].c_str(), generations_[to].c_str())) return;
     }
 }

@@ -26,6 +26,7 @@ Error error_of(int number) {
     switch (number) {
         case ENOENT:
         case ENOTDIR:
+        // branch: an installation path leaves no room for the log's name
         case ENAMETOOLONG:
             return path_not_found;
         case EMFILE:
@@ -33,11 +34,13 @@ Error error_of(int number) {
             return too_many_open;
         case ENOMEM:
             return out_of_memory;
+        // branch: a disk has no inode left for a new file
         case ENOSPC:
         case EDQUOT:
         case EFBIG:
             return disk_full;
         case EACCES:
+        // branch: a file is immutable (chattr +i)
         case EPERM:
         case EROFS:
         case ELOOP:
@@ -79,6 +82,7 @@ int open_own(const char* path, int flags, mode_t mode, struct stat& status) {
 
 uint64_t size_of(int descriptor) {
     struct stat status {};
+    // branch: an open file can be looked at
     return fstat(descriptor, &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
 }
 
@@ -113,6 +117,7 @@ class NoSizeSignal {
     ~NoSizeSignal() {
         if (!blocked_) return;
         const timespec at_once{};
+        // branch: a handler of another signal runs in this moment
         while (sigtimedwait(&signal(), nullptr, &at_once) < 0 && errno == EINTR) {
         }
         pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
@@ -157,6 +162,7 @@ Error File::append(std::string_view line) const noexcept {
         do {
             written = write(descriptor, line.data(), line.size());
             error = errno;
+            // branch: a signal interrupts a write to a regular file only on network file systems
         } while (written < 0 && error == EINTR);
     }
     if (written < 0) return error_of(error);
@@ -187,6 +193,7 @@ FileLock::~FileLock() {
 bool FileLock::rename_over(const char* from, const char* to) noexcept {
     const int replaced = open(to, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (replaced >= 0) {
+        // branch: another program puts a file under the name that the rotation has just freed
         if (replaced_ >= 0) close(static_cast<int>(replaced_));
         replaced_ = replaced;
         unlink(to);
@@ -213,8 +220,10 @@ void make_folder(const char* path) noexcept {
 }
 
 std::string absolute(const std::string& path) {
+    // branch: an installation path is never empty
     if (!path.empty() && path[0] == '/') return path;
     const std::unique_ptr<char, decltype(&std::free)> current(getcwd(nullptr, 0), &std::free);
+    // branch: the working folder was removed
     return current ? std::string(current.get()) + '/' + path : path;
 }
 
@@ -228,6 +237,7 @@ uint32_t thread_id() noexcept {
 int32_t utc_offset_minutes(int64_t seconds) noexcept {
     const time_t time = seconds;
     struct tm local {};
+    // branch: fails only for years beyond 2^31
     return localtime_r(&time, &local) ? static_cast<int32_t>(local.tm_gmtoff / 60) : 0;
 }
 

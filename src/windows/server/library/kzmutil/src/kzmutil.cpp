@@ -56,6 +56,7 @@ void strip_last_part(std::string& path) {
     const size_t separator = path.find_last_of(path_separators);
     const size_t length = separator == std::string::npos ? 0 : separator;
     const size_t root = root_length(path);
+    // branch: the library lies in the root folder or in one of its folders
     path.resize(length < root ? root : length);
     strip_trailing_separators(path);
 }

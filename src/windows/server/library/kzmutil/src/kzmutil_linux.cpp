@@ -14,6 +14,7 @@ char loaded_from[PATH_MAX];  // empty: not known
 /// The loader may know this library by a relative path, which is valid only in the working folder of the load.
 [[gnu::constructor]] void remember_own_file() {
     Dl_info info;
+    // branch: the library's file is removed while the loader loads it
     if (!dladdr(loaded_from, &info) || !realpath(info.dli_fname, loaded_from)) loaded_from[0] = '\0';
 }
 

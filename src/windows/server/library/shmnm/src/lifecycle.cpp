@@ -47,6 +47,7 @@ uint32_t prepare_mapping(Call call, Counts& counts) {
         xmllib_term();
         return SHMNM_ERR_LOADCONFIG;
     }
+    // branch: the log is open only while the region is mapped
     if (!is_log_open()) open_log(read_log_settings());
     call.enter();
     if (const uint32_t result = load_counts(counts); result != SHMNM_OK) {

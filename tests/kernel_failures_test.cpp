@@ -1,0 +1,296 @@
+// What kzmkernel answers when one of its system calls fails: each call that may fail in each step of an object's life.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <kzmkernel.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "support/forked_linux.h"
+#include "support/kernel_linux.h"
+#include "support/memory_disk_linux.h"
+#include "support/traced_linux.h"
+
+namespace {
+
+using namespace kernel_test;
+
+// Not close() and munmap(): they do their work even if they report an error.
+bool may_fail(uint64_t call) {
+    static const uint64_t all[] = {SYS_access,   SYS_faccessat, SYS_fallocate, SYS_fchmod,     SYS_fchmodat,
+                                   SYS_fcntl,    SYS_flock,     SYS_fstat,     SYS_fstatfs,    SYS_getdents64,
+                                   SYS_linkat,   SYS_mkdirat,   SYS_mmap,      SYS_newfstatat, SYS_openat,
+                                   SYS_pwrite64, SYS_renameat,  SYS_unlinkat};
+    return std::find(std::begin(all), std::end(all), call) != std::end(all);
+}
+
+struct Answer {
+    uint64_t number;  ///< of the object; 0: there is none
+    uint64_t error;
+};
+
+/// What a process gets if its system call of that position fails with the first of the errors, the next one with the
+/// second.
+struct Outcome {
+    bool has_failed;  ///< there was such a call
+    Answer answer;
+};
+
+Outcome outcome_of(const std::function<void*()>& work, int position, const std::vector<int>& errors) {
+    Traced caller([&] {
+        void* const handle = work();
+        const uint32_t error = kzmkernel_last_error();
+        const uint64_t number = handle ? kzmkernel_object_number(handle) : 0;
+        syscall(SYS_getppid, number, error);
+        if (handle) kzmkernel_close(handle);
+    });
+    Outcome outcome{};
+    int calls = 0;
+    bool is_answered = false;
+    while (caller.step()) {
+        const std::vector<uint64_t> call = caller.entered();
+        if (call.empty()) continue;
+        if (call[0] == SYS_getppid) {
+            outcome.answer = {call[1], call[2]};
+            is_answered = true;
+        }
+        if (!may_fail(call[0])) continue;
+        const int after = ++calls - position;
+        if (after < 0 || after >= static_cast<int>(errors.size())) continue;
+        caller.fail_call(errors[static_cast<size_t>(after)]);
+        outcome.has_failed = true;
+    }
+    EXPECT_TRUE(is_answered);
+    EXPECT_EQ(caller.status(), 0);
+    return outcome;
+}
+
+struct Errors {
+    int of_system;
+    uint32_t of_windows;
+};
+
+TEST(KernelFailures, OfTheSystemAreReportedByTheirWindowsNumbers) {
+    const Errors all[] = {{EACCES, KZMKERNEL_ERROR_ACCESS_DENIED},       {EAGAIN, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY},
+                          {EBADF, KZMKERNEL_ERROR_INVALID_HANDLE},       {EDQUOT, KZMKERNEL_ERROR_DISK_FULL},
+                          {EEXIST, KZMKERNEL_ERROR_ACCESS_DENIED},       {EFBIG, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY},
+                          {EINVAL, KZMKERNEL_ERROR_INVALID_PARAMETER},   {EIO, KZMKERNEL_ERROR_GEN_FAILURE},
+                          {EISDIR, KZMKERNEL_ERROR_ACCESS_DENIED},       {ELOOP, KZMKERNEL_ERROR_ACCESS_DENIED},
+                          {EMFILE, KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES}, {ENAMETOOLONG, KZMKERNEL_ERROR_INVALID_NAME},
+                          {ENFILE, KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES}, {ENOENT, KZMKERNEL_ERROR_FILE_NOT_FOUND},
+                          {ENOLCK, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY},   {ENOMEM, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY},
+                          {ENOSPC, KZMKERNEL_ERROR_DISK_FULL},           {ENOTDIR, KZMKERNEL_ERROR_ACCESS_DENIED},
+                          {ENXIO, KZMKERNEL_ERROR_ACCESS_DENIED},        {EOVERFLOW, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY},
+                          {EPERM, KZMKERNEL_ERROR_ACCESS_DENIED},        {EROFS, KZMKERNEL_ERROR_ACCESS_DENIED}};
+    for (const Errors& each : all) {
+        // The first call opens the folder that holds the user's folder.
+        const Outcome outcome = outcome_of([] { return create_mutex(object_name()); }, 1, {each.of_system});
+        EXPECT_TRUE(outcome.has_failed);
+        EXPECT_EQ(outcome.answer.number, 0u);
+        EXPECT_EQ(outcome.answer.error, each.of_windows) << std::strerror(each.of_system);
+    }
+}
+
+/// Each one fails as many calls in a row as it has errors.
+using Failures = std::vector<std::vector<int>>;
+
+/// Mappings take the same way to their files as mutexes, so one failure is enough for them.
+Failures for_kind(const Kind& kind, const Failures& all) {
+    return kind.create == create_mutex ? all : Failures{{EIO}};
+}
+
+/// Lets each system call of the work fail in turn. The object's number is 0 if it does not live yet.
+void expect_reported(const std::function<void*()>& work, const std::function<void()>& prepare, uint64_t object,
+                     const Failures& all) {
+    for (const std::vector<int>& errors : all) {
+        bool is_over = false;
+        for (int position = 1; !is_over && !testing::Test::HasFailure(); ++position) {
+            prepare();
+            const Outcome outcome = outcome_of(work, position, errors);
+            is_over = !outcome.has_failed;
+            const auto [number, error] = outcome.answer;
+            const std::string where = std::strerror(errors[0]) + (" at call " + std::to_string(position));
+            EXPECT_EQ(number != 0, error == 0 || error == KZMKERNEL_ERROR_ALREADY_EXISTS) << where << ": " << error;
+            EXPECT_TRUE(object == 0 || number == 0 || number == object) << "a second object: " << where;
+        }
+    }
+}
+
+TEST(KernelFailures, OfAnySystemCallOfACreatorAreReportedAndKeepNobodyFromCreatingIt) {
+    in_fork([] {
+        use_private_memory_disk();
+        for (const auto& kind : kinds) {
+            const auto create = [&] { return kind.create(object_name()); };
+            const auto prepare = [&] {
+                // Whatever an earlier creator left, the object can be created, and is gone with its last handle.
+                expect_new(kind.create, object_name());
+                EXPECT_TRUE(fs::is_empty(folder()));
+            };
+            // Without access to /proc the creator names its file itself.
+            expect_reported(create, prepare, 0, for_kind(kind, {{EIO}, {ENOENT, EEXIST}, {ENOENT, ENOENT}}));
+            if (kind.create == create_mutex) {
+                const auto narrow = [] {
+                    ASSERT_EQ(chmod(folder().c_str(), 0500), 0);
+                    ASSERT_EQ(chmod(sibling().c_str(), 0400), 0);
+                };
+                expect_reported(create, narrow, 0, {{EIO}});
+                const auto remove = [] { fs::remove_all(folder()), fs::remove(sibling()); };
+                expect_reported(create, remove, 0, {{EIO}, {EEXIST}});
+            }
+            prepare();
+        }
+    });
+}
+
+TEST(KernelFailures, OfAnySystemCallNeverLeadToASecondObject) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::string name = object_name();
+        for (const auto& kind : kinds) {
+            const Handle held(kind.create(name));
+            const uint64_t object = kzmkernel_object_number(held.value);
+            const auto prepare = [] {};
+            expect_reported([&] { return kind.create(name); }, prepare, object,
+                            for_kind(kind, {{EIO}, {EEXIST}, {EACCES}, {ELOOP}, {ENOSPC}, {ENFILE}, {EINTR}}));
+            expect_reported([&] { return kind.open(name); }, prepare, object, for_kind(kind, {{EIO}, {ENOENT, EIO}}));
+            // A process that has the object already.
+            expect_reported(
+                [&] {
+                    void* const first = kind.open(name);
+                    kzmkernel_set_last_error(0);
+                    void* const second = kind.open(name);
+                    const uint32_t error = kzmkernel_last_error();
+                    if (first) kzmkernel_close(first);
+                    kzmkernel_set_last_error(error);
+                    return second;
+                },
+                prepare, object, {{EIO}});
+            // A process that has closed all of its descriptors.
+            expect_reported(
+                [&] {
+                    kind.open(name);
+                    syscall(SYS_close_range, 3, ~0U, 0);
+                    kzmkernel_set_last_error(0);
+                    return kind.open(name);
+                },
+                prepare, object, {{EIO}});
+        }
+    });
+}
+
+TEST(KernelFailures, OfAnySystemCallKeepAMutexMappedThatItsThreadOwns) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::string name = object_name();
+        const Handle held(create_mutex(name));
+        expect_reported(
+            [&] {
+                void* const first = open_mutex(name);
+                if (first) kzmkernel_wait(first, 0);
+                if (first) kzmkernel_close(first);
+                kzmkernel_set_last_error(0);
+                return open_mutex(name);
+            },
+            [] {}, kzmkernel_object_number(held.value), {{EIO}});
+        EXPECT_EQ(kzmkernel_wait(held.value, 0), uint32_t{KZMKERNEL_WAIT_ABANDONED});
+        EXPECT_TRUE(kzmkernel_release(held.value));
+    });
+}
+
+TEST(KernelFailures, OfAnySystemCallOfTheSearchForAnotherUserFindNone) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::string name = object_name();
+        const Handle mapping(create_page(name));
+        const auto search = [&]() -> void* {
+            uint32_t user = 0;
+            const bool is_found = kzmkernel_find_other_user(name.c_str(), &user) != 0;
+            kzmkernel_set_last_error(is_found ? 0 : KZMKERNEL_ERROR_FILE_NOT_FOUND);
+            return nullptr;
+        };
+        expect_reported(search, [] {}, 0, {{EIO}});
+    });
+}
+
+TEST(KernelFailures, OfTheListOfLocksLeaveTheProcessThatHoldsTheGateUnnamed) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle held(create_mutex(object_name()));
+        const int gate = open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(flock(gate, LOCK_EX | LOCK_NB), 0);
+        Traced caller([] {
+            EXPECT_EQ(Handle(open_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_BUSY});
+            EXPECT_EQ(kzmkernel_explanation(), "another process does not let go of " + folder().string());
+        });
+        const auto opens_list = [&](const std::vector<uint64_t>& call) {
+            if (call.empty() || call[0] != SYS_openat) return false;
+            const uint64_t begin = caller.word_at(call[2]);
+            return std::memcmp(&begin, "/proc/lo", sizeof begin) == 0;
+        };
+        int failed = 0;
+        while (caller.step()) {
+            if (!opens_list(caller.entered())) continue;
+            caller.fail_call(EACCES);
+            ++failed;
+        }
+        EXPECT_EQ(caller.status(), 0);
+        EXPECT_EQ(failed, 1);
+        close(gate);
+    });
+}
+
+TEST(KernelFailures, OfAnySystemCallOfACreatorWhoFindsADeadObjectAreReported) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::string name = object_name();
+        for (const auto& kind : kinds) {
+            const auto leave_dead = [&] {
+                Sign made;
+                Forked creator([&] {
+                    kind.create(name);
+                    made.give();
+                    pause_forever();
+                });
+                made.await();
+            };
+            expect_reported([&] { return kind.create(name); }, leave_dead, 0, {{EIO}});
+            expect_new(kind.create, name);
+        }
+    });
+}
+
+TEST(KernelFailures, OfAnySystemCallOfAViewAreReported) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::string name = object_name();
+        const Handle held(create_page(name));
+        const uint64_t object = kzmkernel_object_number(held.value);
+        expect_reported(
+            [&]() -> void* {
+                void* const mapping = open_mapping(name);
+                char* const view = mapping ? map(mapping) : nullptr;
+                const uint32_t error = kzmkernel_last_error();
+                if (view) {
+                    *view = 1;
+                    kzmkernel_unmap_view(view);
+                } else if (mapping) {
+                    kzmkernel_close(mapping);
+                }
+                kzmkernel_set_last_error(error);
+                return view ? mapping : nullptr;
+            },
+            [] {}, object, {{EIO}});
+    });
+}
+
+}  // namespace
