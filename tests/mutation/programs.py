@@ -114,6 +114,8 @@ class Program:
         self.folder = properties.get('WORKING_DIRECTORY', build)
         self.environment = dict(one.split('=', 1) for one in properties.get('ENVIRONMENT', []))
         self.lock = threading.Lock()  # two runs of one program may use the same folder and names
+        self.recording = threading.Lock()
+        self.made_of = ''  # names the program and the libraries that it tests
         self.cost = {}  # of each case, run alone: seconds of processor time and of sleep
         self.runs = {}  # of each case: the mutants that it runs
 
