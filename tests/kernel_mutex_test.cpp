@@ -312,6 +312,7 @@ TEST_F(KernelMutex, IsStillOwnedAfterItsOwnerClosesAndReopensIt) {
     EXPECT_TRUE(kernel::release(mutex.get()));
     const Handle third(test::create_mutex((name + "3").c_str()));
     EXPECT_EQ(kernel::wait(again.get(), 0), owned);
+    EXPECT_FALSE(is_owned_by_another(third.get()));
     EXPECT_TRUE(kernel::release(again.get()));
 }
 
