@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr uint32_t closed = 0, open = 1, rmnode = 2, settypehbstat = 18;
+constexpr uint32_t closed = 0, open = 1, addnode = 1, rmnode = 2, settypehbstat = 18, settypenpstat = 19;
 
 class ChangeNote : public testing::Test {
   protected:
@@ -99,6 +99,37 @@ TEST_F(ChangeNote, OfStatesIsClosedByTheSameCallMadeAgain) {
     EXPECT_EQ(superseded_state(), open);
     EXPECT_EQ(word(668), settypehbstat);
     EXPECT_STREQ(note_ + 696, "lan");
+}
+
+TEST_F(ChangeNote, OfStatesOfNpResourcesIsClosedByTheSameCallMadeAgain) {
+    ASSERT_EQ(shmnm_settypenpstat("ping", 1), SHMNM_OK);
+    leave_open();
+    ASSERT_EQ(shmnm_settypenpstat("ping", 2), SHMNM_OK);
+    EXPECT_EQ(state(), closed);
+    EXPECT_NE(word(668), settypenpstat);
+    leave_open();
+    ASSERT_EQ(shmnm_settypenpstat("web", 2), SHMNM_OK);
+    EXPECT_EQ(word(668), settypenpstat);
+}
+
+TEST_F(ChangeNote, OfATableIsSupersededByTheSameCallMadeAgain) {
+    leave_open();
+    ASSERT_EQ(shmnm_addnode("gamma", 3), SHMNM_OK);
+    EXPECT_EQ(superseded_state(), open);
+    EXPECT_EQ(word(668), addnode);
+}
+
+TEST_F(ChangeNote, OfAnOlderRegionMakesRoomForTheFirstOneOfTheNextRegion) {
+    leave_open();
+    ASSERT_EQ(shmnm_addnode("gamma", 3), SHMNM_OK);
+    const uint32_t older = word(680);
+    ASSERT_EQ(shmnm_delete(), SHMNM_OK);
+    ASSERT_EQ(shmnm_create(), SHMNM_OK);
+    ASSERT_EQ(shmnm_addnode("delta", 1), SHMNM_OK);
+    leave_open();
+    ASSERT_EQ(shmnm_rmnode("delta"), SHMNM_OK);
+    EXPECT_EQ(superseded_state(), open);
+    EXPECT_NE(word(680), older);
 }
 
 TEST_F(ChangeNote, OfAFormatThatThisBuildDoesNotKnowIsLeftAlone) {

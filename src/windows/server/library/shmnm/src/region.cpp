@@ -22,6 +22,7 @@ void zero_place(const Region& mapping, const Strip& strip, int32_t position) noe
 bool take_next(const Region& mapping, const Strip& strip, int32_t position) noexcept {
     const uint64_t to = strip.at(position), from = strip.at(int64_t{position} + 1);
     const uint64_t size = visible_bytes(mapping, strip, position + 1);
+    // branch: what comes before a visible record is visible too
     if (size == 0 || !mapping.holds(to, size)) return false;
     copy_words(mapping.word(to), mapping.word(from), size / sizeof(uint32_t));
     zero_words(mapping.word(from), size);
