@@ -252,11 +252,14 @@ TEST_F(KzmLogOfManyProcesses, KeepsTheLatestLinesOfEachProcessWithinTheSize) {
         EXPECT_TRUE(ids.contains(process));
         EXPECT_EQ(written, consecutive(lines - written.size(), lines)) << process;
     }
+    // A process that waits too long for the log's lock, because the one that has it waits for a processor, writes
+    // without rotating.
+    constexpr uint64_t most = 10 * size;
     for (const char* const name : {"shmnm.log.3", "shmnm.log.2", "shmnm.log.1"}) {
         EXPECT_GT(std::filesystem::file_size(file(name)), size - 150) << name << ": rotated before it was full";
-        EXPECT_LT(std::filesystem::file_size(file(name)), 2 * size) << name;
+        EXPECT_LT(std::filesystem::file_size(file(name)), most) << name;
     }
-    EXPECT_LT(std::filesystem::file_size(file()), 2 * size);
+    EXPECT_LT(std::filesystem::file_size(file()), most);
     std::set<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(folder()))
         names.insert(entry.path().filename().string());
