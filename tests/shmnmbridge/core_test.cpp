@@ -175,6 +175,13 @@ TEST(BridgeCore, IsJudgedByWhatItCanKnow) {
          .reset_when_cut_off = true,
          .faults = {{.at = 12'570, .what = What::cut_both, .machine = 3, .lasts = 918, .detail = 650},
                     {.at = 17'042, .what = What::end, .machine = 0, .lasts = 1'156, .detail = 698}}},
+        // A server that has been fed again for no time has not been reset yet.
+        {.seed = 30'202'105,
+         .creator = {.sets_own = true, .sets_pair = true},
+         .reset_when_cut_off = true,
+         .faults = {{.at = 10'297, .what = What::cut_from, .machine = 0, .lasts = 4'005, .detail = 578},
+                    {.at = 13'275, .what = What::share_priority, .machine = 0, .lasts = 6'725, .detail = 758},
+                    {.at = 13'804, .what = What::cut_both, .machine = 0, .lasts = 6'196, .detail = 33}}},
         // A contest ends when the region seems to be new.
         {.seed = 20'041'167,
          .windows = 5,

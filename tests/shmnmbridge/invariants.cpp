@@ -313,10 +313,12 @@ void Checker::check_cut_off(Time now, Machine& machine) {
     const bool is_locked = now < std::max(machine.until.busy_lock, machine.until.hold_lock);
     const bool may_feed = machine.has_own_server() && machine.region->look().counts == machine.configured;
     if (is_locked || !may_feed) machine.cut_off_since = now;
-    if (now - machine.cut_off_since <= limit_ + 1'000 || !schedule_.reset_when_cut_off) return;
+    const bool is_due = now - machine.cut_off_since > limit_ + 1'000 && schedule_.reset_when_cut_off;
     for (const auto& other : machines_) {
-        if (other->number == machine.number || other->is_intruder || !is_fed(machine, *other)) continue;
-        if (!is_unknown(machine, other->server)) {
+        if (other->number == machine.number || other->is_intruder) continue;
+        Time& unfed_at = machine.unfed_at[other->server];
+        if (!is_fed(machine, *other)) unfed_at = now;
+        if (is_due && now - unfed_at > 1'000 && !is_unknown(machine, other->server)) {
             fail(now, &machine, 3, other->server, " is not reset although this machine is cut off");
         }
     }

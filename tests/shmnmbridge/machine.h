@@ -69,6 +69,7 @@ struct Machine {
     std::map<std::string, uint32_t> newest;  ///< by the word: its owner's last value that was set here
     std::set<std::string> silenced;          ///< servers that the batch shows as silent
     std::map<std::string, Time> silent_since;
+    std::map<std::string, Time> unfed_at;  ///< while this machine is cut off: when a server could not be fed last
     std::map<std::string, int64_t> agreed_revision;  ///< of etcd's values that were set here
     std::map<std::string, std::deque<Time>> losses;  ///< by the word
     std::set<std::string> fed;                       ///< servers whose words this bridge has set here
