@@ -132,6 +132,38 @@ TEST_F(ChangeNote, OfAnOlderRegionMakesRoomForTheFirstOneOfTheNextRegion) {
     EXPECT_NE(word(680), older);
 }
 
+TEST_F(ChangeNote, CountsTheTakesOfTheLockAndThoseThatOnlyLooked) {
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);
+        ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+        EXPECT_TRUE(i == 2 || kzmkernel_look_count(mutex_) != 0);
+    }
+    kzmkernel_mutex_info info{};
+    ASSERT_NE(kzmkernel_mutex_info_get(mutex_, &info), 0);
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    EXPECT_EQ(word(24), info.takes);
+    EXPECT_EQ(word(32), 2u);
+}
+
+TEST_F(ChangeNote, IsNotMadeByACallerWithoutTheLockWhoseLastErrorStays) {
+    ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);
+    kzmkernel_set_last_error(4711);
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    EXPECT_EQ(kzmkernel_last_error(), 4711u);
+    ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+    EXPECT_EQ(word(4), addnode);
+}
+
+TEST_F(ChangeNote, IsNotMadeOfAChangeThatItCouldNotComplete) {
+    // Before the first column; then a region whose counts are not those that it was mapped by.
+    ASSERT_EQ(shmnm_addhbrscsvstat(-1), SHMNM_OK);
+    EXPECT_EQ(word(4), addnode);
+    ASSERT_EQ(shmnm_setmaxvalue_ex(5, 2, 2), SHMNM_OK);
+    const uint32_t setmaxvalue = word(4);
+    ASSERT_EQ(shmnm_addhbrscsvstat(0), SHMNM_OK);
+    EXPECT_EQ(word(4), setmaxvalue);
+}
+
 TEST_F(ChangeNote, OfAFormatThatThisBuildDoesNotKnowIsLeftAlone) {
     *static_cast<uint32_t*>(kzmkernel_note(mutex_)) = 7;
     ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);

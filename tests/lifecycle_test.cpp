@@ -342,6 +342,13 @@ TEST_F(Create, RecognisesANewRegionWhateverTheLastErrorWas) {
     EXPECT_THAT(log_of_last_call(), testing::Contains(Information("_create", "KzmutilCreateNamedFileMapping(new)")));
 }
 
+TEST_F(Create, RecognisesANewRegionEvenIfItsCreationLeavesTheLastErrorAsItWas) {
+    fake.create_keeps_last_error = true;
+    test::set_last_error(183);
+    EXPECT_EQ(shmnm_create(), SHMNM_OK);
+    EXPECT_THAT(log_of_last_call(), testing::Contains(Information("_create", "KzmutilCreateNamedFileMapping(new)")));
+}
+
 TEST_F(Create, TriesAgainAfterAFailedAttempt) {
     fake.create_errors = {8, 1455};
     EXPECT_EQ(shmnm_create(), SHMNM_OK);

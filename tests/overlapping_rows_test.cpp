@@ -90,10 +90,13 @@ TEST(OverlappingRows, AreShiftedUpAsIfOneAfterAnother) {
 }
 
 TEST(OverlappingRows, MayLieFartherApartThan32BitsCount) {
-    const WordGrids grids{.count = 1, .rows = {{.first = 1, .distance = int64_t{1} << 33}}};
-    Words words = {1, 2, 3, 4, 5};
-    shmnm::shift_rows_down(words.data(), grids, 1, 3);
-    EXPECT_EQ(words, (Words{1, 3, 4, 5, 5}));
+    // With the word by which a row moves, the last one is 2^32: a divisor that 32 bits would make 0.
+    for (const int64_t distance : {int64_t{1} << 33, int64_t{1} << 32, (int64_t{1} << 32) - 1}) {
+        const WordGrids grids{.count = 1, .rows = {{.first = 1, .distance = distance}}};
+        Words words = {1, 2, 3, 4, 5};
+        shmnm::shift_rows_down(words.data(), grids, 1, 3);
+        EXPECT_EQ(words, (Words{1, 3, 4, 5, 5}));
+    }
 }
 
 }  // namespace

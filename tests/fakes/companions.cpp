@@ -64,7 +64,10 @@ void* create_mapping(void* file, uint32_t protect, uint32_t size_high, uint32_t 
     answer("KzmutilCreateNamedFileMapping(" + origin + "," + number(protect) + "," + number(size_high) + "," +
            number(size_low) + "," + name + ")");
     return hand_out(companions().create_errors, [&] {
-        return test::create_mapping(uint64_t{size_high} << 32 | size_low, full_name(name).c_str());
+        const uint32_t error = test::last_error();
+        void* const mapping = test::create_mapping(uint64_t{size_high} << 32 | size_low, full_name(name).c_str());
+        if (mapping && companions().create_keeps_last_error && test::last_error() == 0) test::set_last_error(error);
+        return mapping;
     });
 }
 
@@ -146,6 +149,7 @@ void Companions::reset() {
               {"/root/all/num/fstr", 1},     {"/root/shmnm/log/level", 16}, {"/root/shmnm/log/size", 1000000}};
     results.clear();
     create_errors.clear();
+    create_keeps_last_error = false;
     open_errors.clear();
     on_call = nullptr;
     on_line = nullptr;

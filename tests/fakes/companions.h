@@ -32,8 +32,9 @@ struct Companions {
     /// Answers, one after the other, of the create of the mapping: an error number, or 0 for the real one. Then the
     /// real one.
     std::vector<uint32_t> create_errors;
-    std::vector<uint32_t> open_errors;  ///< the same for the open of the mapping
-    bool hand_out_unmappable = false;   ///< creates and opens of a mapping give a handle that cannot be mapped
+    std::vector<uint32_t> open_errors;     ///< the same for the open of the mapping
+    bool create_keeps_last_error = false;  ///< the create of a new mapping leaves the last error as it was
+    bool hand_out_unmappable = false;      ///< creates and opens of a mapping give a handle that cannot be mapped
     std::function<void(const std::string&)> on_call;  ///< called within each recorded call, with its text
     std::function<void(const LogLine&)> on_line;      ///< called within each write to the log, with its line
     bool log_opens = true;                            ///< the open of the log gives a handle
