@@ -145,6 +145,16 @@ TEST_F(ChangeNote, CountsTheTakesOfTheLockAndThoseThatOnlyLooked) {
     EXPECT_EQ(word(32), 2u);
 }
 
+TEST_F(ChangeNote, TellsTheRegionsCountsBeforeTheChange) {
+    ASSERT_EQ(shmnm_addhbrsc("lan", "lan1", 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_addnprsc("ping", "ping1", 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_addnprsc("ping", "ping2", 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_setfstrscpid("agent", 0, 4711, 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    const uint32_t expected[] = {4, 2, 2, 1, 2, 1, 2, 1, 4};
+    for (size_t i = 0; i < std::size(expected); ++i) EXPECT_EQ(word(48 + 4 * i), expected[i]) << 48 + 4 * i;
+}
+
 TEST_F(ChangeNote, IsNotMadeByACallerWithoutTheLockWhoseLastErrorStays) {
     ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);
     kzmkernel_set_last_error(4711);
@@ -161,7 +171,19 @@ TEST_F(ChangeNote, IsNotMadeOfAChangeThatItCouldNotComplete) {
     ASSERT_EQ(shmnm_setmaxvalue_ex(5, 2, 2), SHMNM_OK);
     const uint32_t setmaxvalue = word(4);
     ASSERT_EQ(shmnm_addhbrscsvstat(0), SHMNM_OK);
+    ASSERT_EQ(shmnm_addhbrsc("lan", "lan1", 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_rmhbrsc("lan", "lan1"), SHMNM_OK);
+    ASSERT_EQ(shmnm_addnode("gamma", 3), SHMNM_OK);
+    ASSERT_EQ(shmnm_rmnode("gamma"), SHMNM_OK);
+    ASSERT_EQ(shmnm_setfstrscpid("agent", 0, 4711, 1), SHMNM_OK);
     EXPECT_EQ(word(4), setmaxvalue);
+}
+
+TEST_F(ChangeNote, IsNotMadeOfAProcessIdOfNoKindForANameThatHasARecord) {
+    ASSERT_EQ(shmnm_setfstrscpid("agent", 0, 4711, 1), SHMNM_OK);
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    EXPECT_NE(shmnm_setfstrscpid("agent", 3, 4711, 1), SHMNM_OK);
+    EXPECT_EQ(word(4), rmnode);
 }
 
 TEST_F(ChangeNote, OfAFormatThatThisBuildDoesNotKnowIsLeftAlone) {
