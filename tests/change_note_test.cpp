@@ -132,6 +132,18 @@ TEST_F(ChangeNote, OfAnOlderRegionMakesRoomForTheFirstOneOfTheNextRegion) {
     EXPECT_NE(word(680), older);
 }
 
+TEST_F(ChangeNote, OfAnEndedRegionMakesRoomForTheNextChange) {
+    ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    leave_open();
+    const uint32_t ended = word(40);
+    ASSERT_EQ(shmnm_delete(), SHMNM_OK);
+    ASSERT_EQ(shmnm_create(), SHMNM_OK);
+    ASSERT_EQ(shmnm_addnode("delta", 1), SHMNM_OK);
+    EXPECT_EQ(state(), closed);
+    EXPECT_EQ(word(4), addnode);
+    EXPECT_NE(word(40), ended);
+}
+
 TEST_F(ChangeNote, CountsTheTakesOfTheLockAndThoseThatOnlyLooked) {
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);

@@ -757,4 +757,21 @@ TEST_P(ResourceTable, FindsNoTypeThatRunsOnToTheEndOfTheView) {
     EXPECT_EQ(twin().priority(std::string(1'000, 't').c_str(), "n", &pri), SHMNM_ERR_NOTFOUND);
 }
 
+class OverfullHbTable : public test::RegionTest {
+  protected:
+    OverfullHbTable() { map_region({.servers = 6, .hb = 3, .np = 3}); }
+};
+
+TEST_F(OverfullHbTable, MovesNetworkRowsOfResourcesThatDoNotLieInTheView) {
+    ASSERT_EQ(shmnm_addhbrsc("lan", "lan1", 1), SHMNM_OK);
+    // With rows of one word the view ends within record 43, in words 433 to 528 of the network-wide rows. They become
+    // words 286 to 381 when record 43 is moved. The row of each further resource is moved by one word.
+    poke_word(8, 1);
+    poke_word(32, 400);
+    const size_t network = 26556;
+    for (uint32_t i = 0; i < 96; ++i) poke_word(network + 4 * (433 + i), 1000 + i);
+    EXPECT_EQ(shmnm_rmhbrsc("lan", "lan1"), SHMNM_OK);
+    for (uint32_t i = 0; i < 95; ++i) EXPECT_EQ(word_at(network + 4 * (286 + i)), 1001 + i) << i;
+}
+
 }  // namespace

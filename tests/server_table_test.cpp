@@ -1,6 +1,7 @@
 // The server table: a packed list of servers, found by name or by priority, and the columns that follow its positions.
 #include <climits>
 #include <cstring>
+#include <ctime>
 
 #include "guarded_buffer.h"
 #include "name_listing.h"
@@ -306,6 +307,15 @@ TEST_F(ServerTable, CutsALongerNameTo255BytesAndFindsOnlyTheCutName) {
         EXPECT_EQ(shmnm_rmnode(cut.c_str()), SHMNM_OK);
         EXPECT_EQ(shmnm_rmnode(cut.c_str()), SHMNM_OK);
     }
+}
+
+TEST_F(ServerTable, MovesNoMoreServersThanTheViewHoldsWhateverTheCountSays) {
+    ASSERT_EQ(shmnm_addnode("alpha", 1), SHMNM_OK);
+    poke_word(server_count, INT32_MAX);
+    const std::clock_t begin = std::clock();
+    EXPECT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);
+    EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC) << "a step for each counted server";
+    EXPECT_EQ(word_at(server_count), uint32_t{INT32_MAX} - 1);
 }
 
 /// A maximum of this many servers puts the fixed part of the second record of a table that starts there just before the
