@@ -182,6 +182,13 @@ TEST(BridgeCore, IsJudgedByWhatItCanKnow) {
          .faults = {{.at = 10'297, .what = What::cut_from, .machine = 0, .lasts = 4'005, .detail = 578},
                     {.at = 13'275, .what = What::share_priority, .machine = 0, .lasts = 6'725, .detail = 758},
                     {.at = 13'804, .what = What::cut_both, .machine = 0, .lasts = 6'196, .detail = 33}}},
+        // Events that wait while a bridge is stopped come from the etcd that is gone when it continues.
+        {.seed = 40'050'458,
+         .sets_pair = false,
+         .creator = {.sets_own = false, .sets_pair = true},
+         .faults = {{.at = 5'238, .what = What::kill, .machine = 0, .lasts = 528, .detail = 668},
+                    {.at = 5'596, .what = What::stop, .machine = 1, .lasts = 13'820, .detail = 987},
+                    {.at = 8'088, .what = What::replace_etcd, .detail = 859}}},
         // A contest ends when the region seems to be new.
         {.seed = 20'041'167,
          .windows = 5,

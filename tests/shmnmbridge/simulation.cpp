@@ -72,9 +72,14 @@ class Simulation {
     void reply(Machine& machine, uint64_t life, Answer answer);
     void open(Machine& machine, const Watch& watch);
     void publish(size_t from);
-    using Changes = std::shared_ptr<const std::vector<KeyValue>>;
-    static Changes shared(std::vector<KeyValue> changes) {
-        return std::make_shared<const std::vector<KeyValue>>(std::move(changes));
+    /// They come from this etcd, even if another one has replaced it when they are delivered.
+    struct ChangesOf {
+        uint64_t cluster;
+        std::vector<KeyValue> list;
+    };
+    using Changes = std::shared_ptr<const ChangesOf>;
+    Changes shared(std::vector<KeyValue> changes) const {
+        return std::make_shared<const ChangesOf>(ChangesOf{etcd_.cluster(), std::move(changes)});
     }
     void push(Machine& machine, const Changes& events);
     void deliver(Machine& machine, uint64_t life, uint64_t watch, const Changes& events);
@@ -387,7 +392,7 @@ void Simulation::push(Machine& machine, const Changes& events) {
         stream.last = std::max(stream.last, time);
         return at(stream.last, [this, &machine, life, id, events] { deliver(machine, life, id, events); });
     }
-    for (const KeyValue& event : *events) {
+    for (const KeyValue& event : events->list) {
         Time& last = stream.last_of_key[event.key];
         last = std::max(last, time + (is_half(machine) ? static_cast<Time>(machine.network() % 500) : 0));
         stream.last = std::max(stream.last, last);
@@ -408,14 +413,14 @@ void Simulation::deliver(Machine& machine, uint64_t life, uint64_t watch, const 
         return at(machine.until.cut_from,
                   [this, &machine, life, watch, events] { deliver(machine, life, watch, events); });
     }
-    const bool is_beat = keys_.parts_of(events->front().key).kind == "beat";
+    const bool is_beat = keys_.parts_of(events->list.front().key).kind == "beat";
     if (stream.loses_event && !is_beat) {
         stream.loses_event = false;
-        return say(machine, "its watch loses ", events->front().key);
+        return say(machine, "its watch loses ", events->list.front().key);
     }
     input(machine, life, [this, &machine, watch, events](Core& core) {
-        note_echo(machine, *events);
-        return core.events(now_, {.watch = watch, .cluster = etcd_.cluster(), .events = *events});
+        note_echo(machine, events->list);
+        return core.events(now_, {.watch = watch, .cluster = events->cluster, .events = events->list});
     });
 }
 
