@@ -126,6 +126,25 @@ TEST(BridgeCore, FeedsAServerThatIsAddedAgainAndChanged) {
     for (const Schedule& schedule : schedules) EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
 }
 
+// A process has set the states of its type before the bridge has seen the new record.
+Schedule added_again_and_set(uint32_t detail) {
+    return {.seed = 30'034'911,
+            .sets_pair = false,
+            .creator = {.sets_own = true, .sets_pair = true},
+            .local = 31,
+            .faults = {{.at = 4'520, .what = What::stop, .machine = 1, .lasts = 13'916, .detail = 828},
+                       {.at = 7'751, .what = What::add_resource_again, .machine = 1, .detail = 295},
+                       {.at = 9'522, .what = What::set_type, .machine = 1, .detail = detail}}};
+}
+
+TEST(BridgeCore, FeedsAResourceThatIsAddedAgainAndChanged) {
+    constexpr uint32_t to_a_value = 956, to_unknown = 953;
+    for (const uint32_t detail : {to_a_value, to_unknown}) {
+        const Schedule schedule = added_again_and_set(detail);
+        EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+    }
+}
+
 // The second call changes nothing but the other machine's state, as if the resource were new.
 TEST(BridgeCore, LeavesStatesAloneThatAreSetToUnknownTwice) {
     const Schedule schedule{.seed = 7,
@@ -363,6 +382,7 @@ const Switch switches[] = {
      &Rules::added_again_is_fed,
      {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 0},
              {.at = 8'000, .what = What::move_server, .machine = 0, .detail = 1}})}},
+    {"changed_rows_are_fed", &Rules::changed_rows_are_fed, {added_again_and_set(956), added_again_and_set(953)}},
     {"set_type_contests",
      &Rules::set_type_contests,
      {quiet({{.at = 4'000, .what = What::set_own, .machine = 1, .detail = 5},

@@ -92,29 +92,38 @@ bool Feeder::is_made(const Call& call, uint32_t value) const {
                        [&](const Call& made) { return made.value[0] == value && key_of(made) == key_of(call); });
 }
 
+std::optional<size_t> Feeder::position_before(const Look& look, size_t position) const {
+    const std::string& server = look.servers[position].name;
+    const bool is_same = position < shown_->servers.size() && shown_->servers[position].name == server;
+    return is_same ? std::optional(position) : shown_->find_server(server);
+}
+
 bool Feeder::is_new_row(const Look& look, const LookedResource& resource, size_t own) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
     if (!before) return false;
     // The own column and the resource's own state may have been set since. If all are unknown, the states of the type
-    // were set in one call: a new resource's own state is another.
-    if (rules_.set_type_contests && resource.stat == unknown_state && own < resource.cells.size() &&
-        resource.cells[own].svstat == unknown_state) {
-        return false;
-    }
+    // were set in one call: a new resource's own state is another. Such a call does not set network-wide states.
+    const bool is_type_set = rules_.set_type_contests && resource.stat == unknown_state &&
+                             own < resource.cells.size() && resource.cells[own].svstat == unknown_state;
+    if (is_type_set && !rules_.changed_rows_are_fed) return false;
     bool any_fell = false;
-    for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
-        const Cell &cell = resource.cells[position], &was = before->cells[position];
+    for (size_t position = 0; position < resource.cells.size(); ++position) {
         Call call{.server = look.servers[position].name, .resource = resource.key};
-        const auto is_new = [&](Call::Setter setter, uint32_t state) {
+        const std::optional<size_t> old_position = position_before(look, position);
+        if (!old_position || *old_position >= before->cells.size()) continue;
+        const Cell &cell = resource.cells[position], &was = before->cells[*old_position];
+        const auto proves_old = [&](Call::Setter setter, uint32_t state, uint32_t state_before) {
             call.setter = setter;
-            return state == unknown_state || is_made(call, state);
+            return state != unknown_state && (state == state_before || !rules_.changed_rows_are_fed) &&
+                   !is_made(call, state);
         };
-        if (position != own &&
-            !(is_new(Call::Setter::svstat, cell.svstat) && is_new(Call::Setter::network, cell.network))) {
+        if (position != own && (proves_old(Call::Setter::svstat, cell.svstat, was.svstat) ||
+                                proves_old(Call::Setter::network, cell.network, was.network))) {
             return false;
         }
-        any_fell = any_fell || (cell.svstat == unknown_state && was.svstat != unknown_state) ||
-                   (cell.network == unknown_state && was.network != unknown_state);
+        const bool state_fell = cell.svstat == unknown_state && was.svstat != unknown_state;
+        const bool network_fell = cell.network == unknown_state && was.network != unknown_state;
+        any_fell = any_fell || (state_fell && !is_type_set) || (network_fell && !(is_type_set && position == own));
     }
     return any_fell;
 }
@@ -122,9 +131,10 @@ bool Feeder::is_new_row(const Look& look, const LookedResource& resource, size_t
 bool Feeder::may_be_new(const Look& look, const LookedResource& resource) const {
     const LookedResource* const before = shown_->find_resource(resource.key);
     if (!before || resource.stat != new_stat || before->stat == new_stat) return false;
-    for (size_t position = 0; position < std::min(before->cells.size(), resource.cells.size()); ++position) {
+    for (size_t position = 0; position < resource.cells.size(); ++position) {
         const Cell& cell = resource.cells[position];
-        if (cell != before->cells[position]) continue;
+        const std::optional<size_t> old_position = position_before(look, position);
+        if (!old_position || *old_position >= before->cells.size() || cell != before->cells[*old_position]) continue;
         Call call{.server = look.servers[position].name, .resource = resource.key};
         const auto stands = [&](Call::Setter setter, uint32_t state) {
             call.setter = setter;
@@ -244,9 +254,10 @@ void Feeder::follow_contests(const Look& look, size_t position, Peer& peer,
                     const bool is_new_row = !call.resource.empty() &&
                                             (new_rows.contains(call.resource) || !shown_->find_resource(call.resource));
                     // What a process has set in the new record since is its own doing.
-                    const bool is_new_word =
-                        may_be_new && (!before || here == new_value_of(call) || is_made(call, here));
-                    if (is_new_word || (is_new_row && rules_.added_again_is_fed)) {
+                    const bool holds_new = here == new_value_of(call) || is_made(call, here);
+                    const bool is_new_word = may_be_new && (!before || holds_new);
+                    const bool is_in_new_row = is_new_row && (holds_new || !shown) && rules_.added_again_is_fed;
+                    if (is_new_word || is_in_new_row) {
                         contested_.erase(key_of(call));
                     } else if (shown && *shown != here && !(theirs && *theirs == here) && rules_.step_back) {
                         if (contested_.insert(key_of(call)).second) {

@@ -51,6 +51,8 @@ class Feeder {
     /// Whether the last batch has set a word to what it holds.
     bool is_made(const Call& call, uint32_t value) const;
     bool others_fell(const Look& look) const;
+    /// Where a server was in the look before.
+    std::optional<size_t> position_before(const Look& look, size_t position) const;
     /// Whether a resource whose own state fell to that of a new one shows nothing that proves that it is not.
     bool may_be_new(const Look& look, const LookedResource& resource) const;
     bool is_new_row(const Look& look, const LookedResource& resource, size_t own) const;

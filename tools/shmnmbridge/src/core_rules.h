@@ -48,14 +48,15 @@ struct Rules {
     bool revision_is_checked = true;  ///< so does a smaller revision
 
     // Feeding.
-    bool calls_compare = true;        ///< a call names the value that it replaces
-    bool counts_are_compared = true;  ///< a region laid out by other counts is not fed
-    bool refuse_duplicates = true;    ///< servers that share a priority are not fed
-    bool step_back = true;            ///< a foreign word that a local process overwrites is left alone
-    bool added_again_is_fed = true;   ///< a record that was removed and added again is no local process's change
-    bool set_type_contests = true;    ///< a call that sets the states of a type is one, whatever it sets
-    bool contest_ends = true;         ///< a word is followed again once both are equal
-    bool requests_wait = true;        ///< no request leaves while a batch is made
+    bool calls_compare = true;         ///< a call names the value that it replaces
+    bool counts_are_compared = true;   ///< a region laid out by other counts is not fed
+    bool refuse_duplicates = true;     ///< servers that share a priority are not fed
+    bool step_back = true;             ///< a foreign word that a local process overwrites is left alone
+    bool added_again_is_fed = true;    ///< a record that was removed and added again is no local process's change
+    bool changed_rows_are_fed = true;  ///< even if a state in it has been set since
+    bool set_type_contests = true;     ///< a call that sets the states of a type is one, whatever it sets
+    bool contest_ends = true;          ///< a word is followed again once both are equal
+    bool requests_wait = true;         ///< no request leaves while a batch is made
 
     // Agreed words.
     bool new_region_takes = true;          ///< a new region proposes nothing before it shows etcd's values
