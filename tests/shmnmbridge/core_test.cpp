@@ -145,6 +145,25 @@ TEST(BridgeCore, FeedsAResourceThatIsAddedAgainAndChanged) {
     }
 }
 
+// It is started while the other machine can write but not read, and is cut off soon after that.
+Schedule started_unheard() {
+    return {.seed = 20'066'031,
+            .machines = 3,
+            .windows = 2,
+            .creator = {.sets_own = true, .sets_pair = false},
+            .local = 13,
+            .faults = {{.at = 1'612, .what = What::rival, .lasts = 1'104, .detail = 724},
+                       {.at = 4'903, .what = What::kill, .machine = 0, .lasts = 2'029, .detail = 897},
+                       {.at = 4'908, .what = What::replace_etcd, .detail = 197},
+                       {.at = 4'914, .what = What::cut_to, .machine = 1, .lasts = 486, .detail = 487},
+                       {.at = 8'196, .what = What::cut_both, .machine = 0, .lasts = 232, .detail = 832}}};
+}
+
+TEST(BridgeCore, GivesAServerTheWindowBeforeItCallsItSilent) {
+    const Schedule schedule = started_unheard();
+    EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
 // The second call changes nothing but the other machine's state, as if the resource were new.
 TEST(BridgeCore, LeavesStatesAloneThatAreSetToUnknownTwice) {
     const Schedule schedule{.seed = 7,
@@ -328,6 +347,7 @@ const Switch switches[] = {
     {"own_echo", &Rules::own_echo},
     {"grace_after_reconnection", &Rules::grace_after_reconnection},
     {"silence_needs_echo", &Rules::silence_needs_echo},
+    {"unheard_have_time", &Rules::unheard_have_time, {started_unheard()}},
     {"runs_are_compared", &Rules::runs_are_compared,
      seeds(quiet({{.at = 3'000, .what = What::kill, .machine = 1, .lasts = 7'000},
                   {.at = 3'500, .what = What::set_own, .machine = 1, .detail = 0},

@@ -270,5 +270,31 @@ TEST_F(BridgeOfOneMachine, CallsAServerSilentOfWhichEtcdKnowsNothing) {
     EXPECT_EQ(core_.freshness_of("s1", now_), Freshness::silent);
 }
 
+// Its beats prove nothing yet: it has not read since this machine started.
+TEST_F(BridgeOfOneMachine, GivesAServerTheWindowBeforeItCallsItSilent) {
+    put("/shmnm/cluster/1/claim/s1", R"({"host":"h","run":"o.1","address":""})");
+    const Time started = now_;
+    look();
+    while (core_.freshness_of("s1", now_) == Freshness::unknown && now_ - started < 6'000) {
+        put("/shmnm/cluster/1/beat/s1", R"({"run":"o.1","n":1,"seq":1,"seen":1})");
+        look();
+    }
+    EXPECT_EQ(core_.freshness_of("s1", now_), Freshness::silent);
+    EXPECT_GE(now_ - started, settings_of_s0().window);
+    EXPECT_LE(now_ - started, settings_of_s0().window + 1'500);
+}
+
+TEST_F(BridgeOfOneMachine, CallsAServerSilentAtOnceThatEndsSoonAfterItWasHeard) {
+    look_for(1'500);
+    put("/shmnm/cluster/1/claim/s1", R"({"host":"h","run":"o.1","address":""})");
+    put("/shmnm/cluster/1/beat/s1",
+        R"({"run":"o.1","n":1,"seq":1,"seen":)" + std::to_string(etcd_.history().back().revision) + '}');
+    look();
+    EXPECT_EQ(core_.freshness_of("s1", now_), Freshness::unknown);
+    remove("/shmnm/cluster/1/claim/s1");
+    look();
+    EXPECT_EQ(core_.freshness_of("s1", now_), Freshness::silent);
+}
+
 }  // namespace
 }  // namespace bridge::test

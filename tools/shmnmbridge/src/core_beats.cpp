@@ -6,6 +6,7 @@ namespace bridge {
 
 void OwnBeats::sent(uint64_t number, Time now) {
     while (!beats_.empty() && now - beats_.front().sent > 2 * settings_.limit()) beats_.pop_front();
+    if (!first_) first_ = now;
     beats_.push_back({number, now, 0, std::nullopt});
 }
 
@@ -22,6 +23,7 @@ void OwnBeats::landed(uint64_t number, int64_t revision, bool echo, Time now) {
 
 void OwnBeats::forget() {
     beats_.clear();
+    first_.reset();
     echoed_.reset();
 }
 

@@ -29,6 +29,8 @@ class OwnBeats {
     bool has_echo(Time now) const { return echoed_ && now - *echoed_ < settings_.limit(); }
     /// When the watch last brought an own beat.
     std::optional<Time> echo_arrived() const { return echo_arrived_; }
+    /// When the first one was sent to this etcd.
+    std::optional<Time> first() const { return first_; }
     /// How many own beats came back that were sent at a time or later. Those that came back at once, because etcd had
     /// stood still, count as one.
     int came_back(Time sent_at, Time apart) const;
@@ -43,7 +45,7 @@ class OwnBeats {
 
     const Settings& settings_;
     std::deque<Beat> beats_;
-    std::optional<Time> echoed_, echo_arrived_;
+    std::optional<Time> first_, echoed_, echo_arrived_;
 };
 
 }  // namespace bridge

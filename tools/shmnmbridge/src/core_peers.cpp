@@ -67,13 +67,14 @@ std::optional<Time> Peer::shown_since(const Rules& rules) const {
 Freshness Peer::freshness(Time now, const Settings& settings, const OwnBeats& own, bool connected,
                           const Rules& rules) const {
     if (!connected) return Freshness::unknown;
-    const std::optional<Time> since = shown_since(rules);
-    if (since && now - *since < settings.limit()) return Freshness::fresh;
+    const std::optional<Time> shown = shown_since(rules);
+    if (shown && now - *shown < settings.limit()) return Freshness::fresh;
     if (is_heard(now, settings.limit(), rules)) return Freshness::unknown;
     // Own beats came back that were sent long after the newest word of the server, so many that etcd gave it time to
     // answer them. What is only late because this machine's own beats did not land is not silent.
-    const std::optional<Time> heard = heard_at(rules);
-    const Time unanswered = heard && rules.silence_needs_echo ? *heard + settings.window : 0;
+    std::optional<Time> since = heard_at(rules);
+    if (beats_.empty() && rules.unheard_have_time) since = own.first();
+    const Time unanswered = since && rules.silence_needs_echo ? *since + settings.window : 0;
     const int enough = rules.grace_after_reconnection ? 4 : 1;
     return own.came_back(unanswered, settings.beat() / 2) >= enough ? Freshness::silent : Freshness::unknown;
 }

@@ -27,6 +27,7 @@ struct Rules {
     bool own_echo = true;                  ///< connected: an own beat came back through the watch
     bool grace_after_reconnection = true;  ///< a server has time to answer this machine's beats before it is silent
     bool silence_needs_echo = true;        ///< silent: it did not answer own beats that came back
+    bool unheard_have_time = true;         ///< so does, from this machine's first beat on, a server not heard yet
     bool runs_are_compared = true;         ///< beat, state and claim belong together only if their runs are equal
     bool fresh_after_applying = true;      ///< a beat counts for the mark once the region shows its words
     bool silence_writes_unknown = true;    ///< the states of a silent server become 2
