@@ -51,6 +51,13 @@ class BridgeOfOneMachine : public testing::Test {
         change(transaction);
     }
 
+    /// By an empty one. The watch ends with the old one.
+    void replace_etcd() {
+        etcd_.replace(false);
+        delivered_ = 0;
+        carry_out(core_.watch_ended(now_, {watch_.value().id}));
+    }
+
     ModelEtcd etcd_;
     ModelRegion region_{1, {8, 4, 4, 1}, 2, 0};
     Core core_;
@@ -240,6 +247,15 @@ TEST_F(BridgeOfOneMachine, ForgetsWhatIsGoneFromEtcdAtTheNextRead) {
     put(prefix + "agreed/clstat", R"({"value":[9,0],"process":"other","n":1})");
     look_for(1'000);
     EXPECT_EQ(word(3), (AgreedValue{9, 0})) << "what the region has is still followed";
+}
+
+TEST_F(BridgeOfOneMachine, SaysOnceThatAnotherEtcdAnswers) {
+    look_for(4'000);
+    notices_.clear();
+    replace_etcd();
+    EXPECT_EQ(std::count_if(notices_.begin(), notices_.end(),
+                            [](const std::string& notice) { return notice.starts_with("etcd holds another"); }),
+              1);
 }
 
 TEST_F(BridgeOfOneMachine, SaysWhichMachinesTimesDiffer) {

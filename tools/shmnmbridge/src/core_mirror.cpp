@@ -88,7 +88,7 @@ void Mirror::follow_cluster(uint64_t cluster) {
 void Mirror::forget() {
     outbox_.notice("etcd holds another cluster's keys, or older ones: everything is read again");
     keys_.clear();
-    seen_ = read_revision_ = 0;
+    seen_ = seen_at_read_ = read_revision_ = 0;
     synced_ = false;
     wants_read_ = true;
     drop_watch();
