@@ -265,8 +265,10 @@ class Run:
         left = []
 
         def is_settled():
-            # Asking etcd for its keys may take seconds, after which they must still be fresh.
+            # Asking etcd for its keys and changes may take seconds, after which they must still be fresh.
             left[:] = self.differences()
+            if not left:
+                self.history.catch_up()
             left[:] = left or [f"{other.server} is {machine.now_marked().get(other.server)} on {machine.server}" for machine in self.scene.machines
                        for other in self.scene.others(machine) if machine.now_marked().get(other.server) != "fresh"]
             return not left
@@ -289,15 +291,7 @@ class Run:
         return lost + [(machine.server, key) for machine, key in self.contested]
 
     def last_checks(self):
-        findings = []
-
-        def accounts_agree():
-            findings[:] = self.last_accounts()
-            return not findings
-
-        # On a busy machine etcd may take longer than the window to answer; until then others are rightly not called fresh.
-        with contextlib.suppress(AssertionError):
-            wait_until(accounts_agree, "", HEALING, 0.2)
+        findings = self.last_accounts()
         for machine in self.scene.machines:
             done = machine.run("shmnmctl", "verify")
             if done.returncode != 0:
@@ -308,7 +302,6 @@ class Run:
         """Where `shmnmbridge status` does not say in the end what is so: all are fresh, of their last revisions, and no word is contested but
         those of a foreign process."""
         findings = []
-        self.history.catch_up()
         for machine in self.scene.machines:
             account = machine.ask_status()
             revisions = {key[len("state/"):]: revision for revision, key, _ in list(self.history.changes) if key.startswith("state/")}
