@@ -2,16 +2,23 @@
 import base64
 import itertools
 import json
+import pathlib
+import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
+import tempfile
 import time
 
 import bridge_support
 from bridge_support import BridgeTest, PLATFORM, until
 import etcd_support
 import support
+
+sys.path.insert(0, str(bridge_support.PROJECT / "tests/shmnmweb"))
+import certificates  # noqa: E402  it stands beside other tests
 
 
 class Run(BridgeTest):
@@ -267,6 +274,70 @@ class Run(BridgeTest):
         alpha.api.ok("shmnm_rmnode", "alpha")
         until(lambda: "not connected: no beat is written without a copy of the region that has the server alpha" in alpha.bridge.logged(), "it is said")
         self.assertNotIn("cut off from etcd", alpha.bridge.logged())
+
+
+class SecuredRun(BridgeTest):
+    """With an etcd that speaks TLS and asks for a password."""
+
+    @classmethod
+    def setUpClass(cls):
+        pass
+
+    def setUp(self):
+        super().setUp()
+        folder = pathlib.Path(tempfile.mkdtemp(prefix="etcd-"))
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        self.authority, self.stranger = certificates.Authority(folder, "authority"), certificates.Authority(folder, "stranger")
+        made = self.authority.sign("server", "DNS:localhost")
+        port, peer = etcd_support.free_ports(2)
+        # Its own gateway is a client of it, and does not know the authority.
+        options = ["--cert-file", str(made.certificate), "--key-file", str(made.key)]
+        self.member = etcd_support.Member("tls", folder, port, peer, f"tls=http://127.0.0.1:{peer}", options, "https")
+        self.member.context = ssl.create_default_context(cafile=self.authority.certificate)
+        self.member.context.check_hostname = False
+        self.addCleanup(self.member.log.close)
+        self.addCleanup(self.member.kill)
+        self.member.start()
+        self.member.wait_until_serves()
+        for target, body in (("user/add", {"name": "root", "password": "root"}), ("role/add", {"name": "root"}),
+                             ("user/grant", {"user": "root", "role": "root"}), ("auth/enable", {})):
+            status, answer = self.member.post("/v3/auth/" + target.removeprefix("auth/"), body)
+            self.assertEqual(status, 200, answer)
+
+    def secured(self, server, authority, password):
+        etcd = f"<authorities>{etcd_support.path(authority.certificate)}</authorities><user>root</user><password_file>password</password_file>"
+        machine = self.machine(server, [f"https://localhost:{self.member.port}"], etcd=etcd)
+        file = machine.folder / "etc/password"
+        file.write_text(password + "\n")
+        file.chmod(0o600)
+        return machine.create()
+
+    def test_two_machines_converge(self):
+        alpha, beta = (self.secured(server, self.authority, "root") for server in ("alpha", "beta"))
+        self.assertEqual(alpha.run("check").status, 0, alpha.run("check").out)
+        for machine in (alpha, beta):
+            machine.start()
+        alpha.api.ok("shmnm_setnodestat", "alpha", 1)
+        beta.waits_for(1, "shmnm_getnodestat", "alpha")
+        beta.waits_for_freshness("alpha", "fresh")
+        alpha.waits_for_freshness("beta", "fresh")
+        self.assertEqual(alpha.run("status").status, 0)
+
+    def test_a_stranger_and_a_wrong_password_are_named_and_nothing_is_fed(self):
+        alpha = self.secured("alpha", self.authority, "root")
+        alpha.start()
+        alpha.api.ok("shmnm_setnodestat", "alpha", 1)
+        for authority, password, reason in ((self.stranger, "root", "its certificate is refused"), (self.authority, "another one", "password")):
+            beta = self.secured("beta", authority, password)
+            check = beta.run("check")
+            self.assertEqual(check.status, 1, check.out)
+            self.assertRegex(check.out, f"wrong  https://localhost:\\d+: [^/]*{reason}")
+            beta.start()
+            until(lambda: reason in beta.bridge.logged(), "the trouble is logged")
+            self.assertEqual(beta.status()["connected"], False)
+            self.assertNotIn("another one", check.out + beta.bridge.logged())
+            self.assertEqual(beta.get("shmnm_getnodestat", "alpha"), [2])
+            beta.bridge.end()
 
 
 class LinuxRun(BridgeTest):

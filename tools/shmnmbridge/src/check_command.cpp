@@ -66,8 +66,10 @@ class Check {
             if (!endpoint.starts_with("https")) alone.tls = {};
             const etcd::Answer answer = ask(alone, etcd::Read{etcd::below(keys.prefix())});
             if (answer.failure != etcd::Failure::none) {
-                wrong(fmt::format("{}: {}; see whether etcd runs there, and whether user and certificates are right",
-                                  endpoint, answer.reason));
+                // A failure of the connection names the endpoint, etcd's own answer does not.
+                const std::string place = answer.reason.starts_with(endpoint) ? "" : endpoint + ": ";
+                wrong(fmt::format("{}{}; see whether etcd runs there, and whether user and certificates are right",
+                                  place, answer.reason));
                 continue;
             }
             clusters.emplace(answer.cluster, endpoint);
