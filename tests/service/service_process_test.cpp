@@ -1,23 +1,14 @@
-// "serve" as a service: what it tells the service manager and the event log. The test stands in for both; the region,
-// its lock and its configuration are real.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
+// "serve" as a service: what it tells the service manager and the event log.
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "context.h"
 #include "picture/decode.h"
 #include "picture/held_region.h"
-#include "picture/library.h"
-#include "played_service_manager.h"
-#include "service/service.h"
-#include "support/child.h"
-#include "support/temporary_folder.h"
+#include "picture/live.h"
+#include "program_as_a_service.h"
 
 namespace {
 
@@ -31,20 +22,8 @@ using testing::HasSubstr;
 
 using namespace test::event;
 
-class ServeAsAService : public testing::Test {
+class ServeAsAService : public test::ProgramAsAService {
   protected:
-    ServeAsAService() : path_("KZM_INSTALL_PATH", folder_.string().c_str()) { configure(); }
-    ~ServeAsAService() override {
-        if (process_.joinable()) stop();
-    }
-
-    void configure() const {
-        folder_.write("etc/cluster.xml",
-                      "<root><all><num><server>4</server><hbr>3</hbr><npr>2</npr><fstr>1</fstr></num></all>"
-                      "<cluster><server name=\"alpha\" priority=\"0\"/></cluster></root>");
-    }
-    void remove_configuration() const { std::filesystem::remove(folder_.path() / "etc/cluster.xml"); }
-
     /// Starts it. Its region is in this process.
     void start(const std::string& arguments = "", uint32_t lock_timeout_ms = 1) {
         app_ = std::make_unique<CLI::App>("", "shmnmctl");
@@ -52,33 +31,21 @@ class ServeAsAService : public testing::Test {
         shmnmctl::add_serve_command(*app_, context_);
         context_.access.lock_timeout_ms = lock_timeout_ms;
         app_->parse("serve --service " + arguments);
-        process_ = std::thread([this] {
-            exit_ = service::run([this]() -> int {
-                try {
-                    return static_cast<int>(context_.command());
-                } catch (const picture::Error& error) {
-                    const bool is_refusal = error.kind == picture::ErrorKind::region_refused;
-                    service::tell(is_refusal ? service::Event::region_refused : service::Event::failed, error.what());
-                    return static_cast<int>(shmnmctl::Exit::failed);
-                }
-            });
+        run([this]() -> int {
+            try {
+                return static_cast<int>(context_.command());
+            } catch (const picture::Error& error) {
+                const bool is_refusal = error.kind == picture::ErrorKind::region_refused;
+                service::tell(is_refusal ? service::Event::region_refused : service::Event::failed, error.what());
+                return static_cast<int>(shmnmctl::Exit::failed);
+            }
         });
     }
-    void await_end() { process_.join(); }
-    void stop(DWORD how = SERVICE_CONTROL_STOP) {
-        EXPECT_EQ(manager_.control(how), DWORD{NO_ERROR});
-        await_end();
-    }
 
-    test::ServiceManager manager_;
-    int exit_ = -1;
     shmnmctl::Context context_;
 
   private:
-    test::TemporaryFolder folder_;
-    test::ScopedEnvironment path_;
     std::unique_ptr<CLI::App> app_;
-    std::thread process_;
 };
 
 std::vector<DWORD> checkpoints(const std::vector<SERVICE_STATUS>& statuses) {
@@ -94,7 +61,6 @@ TEST_F(ServeAsAService, TellsEachStepOfItsStartAndItsEnd) {
     EXPECT_THAT(ready, HasSubstr(L" with 1 servers, 0 hb and 0 np resources"));
     EXPECT_TRUE(HeldRegion::open());
     stop();
-    EXPECT_EQ(exit_, 0);
     EXPECT_FALSE(HeldRegion::open()) << "the region ends with the service";
 
     const auto starting = manager_.statuses(SERVICE_START_PENDING), stopping = manager_.statuses(SERVICE_STOP_PENDING);
@@ -104,13 +70,7 @@ TEST_F(ServeAsAService, TellsEachStepOfItsStartAndItsEnd) {
         EXPECT_THAT(pending, Each(AllOf(Field(&SERVICE_STATUS::dwWaitHint, Ge(20'000U)),
                                         Field(&SERVICE_STATUS::dwControlsAccepted, 0U))));
     }
-    const auto running = manager_.statuses(SERVICE_RUNNING);
-    ASSERT_EQ(running.size(), 1);
-    EXPECT_EQ(running[0].dwControlsAccepted, DWORD{SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN});
-    const SERVICE_STATUS& last = manager_.statuses().back();
-    EXPECT_EQ(last.dwCurrentState, DWORD{SERVICE_STOPPED});
-    EXPECT_EQ(last.dwWin32ExitCode, DWORD{NO_ERROR});
-    EXPECT_THAT(manager_.events(), ElementsAre(started, stopped));
+    expect_that_it_ran_and_ended_well();
 }
 
 TEST_F(ServeAsAService, AnswersWhoAsksForItsStateAndRefusesWhatItDoesNotKnow) {
@@ -165,24 +125,12 @@ TEST_F(ServeAsAService, TellsWhyItCannotStart) {
 
 TEST_F(ServeAsAService, TakesTheLockOverFromAnOwnerThatEndedAndTellsIt) {
     start();
-    manager_.await_state(SERVICE_RUNNING);
-    std::thread([] { EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK); }).join();
-    EXPECT_THAT(manager_.await_event(lock_taken_over), HasSubstr(L"\"shmnmctl verify\""));
-    EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK) << "it is free again";
-    picture::library().shmnm_rwunlock();
-    stop();
-    EXPECT_THAT(manager_.events(), ElementsAre(started, lock_taken_over, stopped));
+    expect_that_it_takes_the_lock_over_and_tells_it();
 }
 
 TEST_F(ServeAsAService, TellsALostConfigurationAndWhenItIsBack) {
     start();
-    manager_.await_state(SERVICE_RUNNING);
-    remove_configuration();
-    EXPECT_THAT(manager_.await_event(configuration_lost), HasSubstr(L"no process can attach without it"));
-    configure();
-    manager_.await_event(configuration_found);
-    stop();
-    EXPECT_THAT(manager_.events(), ElementsAre(started, configuration_lost, configuration_found, stopped));
+    expect_that_it_tells_a_lost_configuration_and_when_it_is_back();
 }
 
 }  // namespace

@@ -1,23 +1,12 @@
-// shmnmweb as a service: what it tells the service manager and the event log. The test stands in for both; the region,
-// its lock and its configuration are real.
+// shmnmweb as a service: what it tells the service manager and the event log.
 #include <windows.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sddl.h>
 
-#include <filesystem>
-#include <string>
-#include <thread>
-
 #include "picture/held_region.h"
-#include "picture/library.h"
 #include "picture/live.h"
-#include "played_service_manager.h"
-#include "service/service.h"
+#include "program_as_a_service.h"
 #include "serving.h"
-#include "support/child.h"
-#include "support/temporary_folder.h"
 
 namespace {
 
@@ -35,39 +24,15 @@ class Region {
     Region& operator=(const Region&) = delete;
 };
 
-class WebAsAService : public testing::Test {
+class WebAsAService : public test::ProgramAsAService {
   protected:
-    WebAsAService() : path_("KZM_INSTALL_PATH", folder_.string().c_str()) {
-        configure();
-        options_.listen = {"127.0.0.1:0"};
-    }
-    ~WebAsAService() override {
-        if (process_.joinable()) stop();
-    }
-
-    void configure() const {
-        folder_.write("etc/cluster.xml",
-                      "<root><all><num><server>4</server><hbr>3</hbr><npr>2</npr><fstr>1</fstr></num></all></root>");
-    }
-    void remove_configuration() const { std::filesystem::remove(folder_.path() / "etc/cluster.xml"); }
+    WebAsAService() { options_.listen = {"127.0.0.1:0"}; }
 
     void start() {
-        process_ = std::thread([this] { exit_ = service::run([this] { return shmnmweb::serve(options_); }); });
-    }
-    void await_end() { process_.join(); }
-    void stop(DWORD how = SERVICE_CONTROL_STOP) {
-        EXPECT_EQ(manager_.control(how), DWORD{NO_ERROR});
-        await_end();
+        run([this] { return shmnmweb::serve(options_); });
     }
 
-    test::ServiceManager manager_;
-    int exit_ = -1;
     shmnmweb::Options options_;
-
-  private:
-    test::TemporaryFolder folder_;
-    test::ScopedEnvironment path_;
-    std::thread process_;
 };
 
 /// Lets everybody do everything to the live region, as long as this lives.
@@ -102,14 +67,7 @@ TEST_F(WebAsAService, TellsItsStartWithItsAddressAndItsEnd) {
     start();
     EXPECT_THAT(manager_.await_event(started), HasSubstr(L"listening on http://127.0.0.1:"));
     stop();
-    EXPECT_EQ(exit_, 0);
-    const auto running = manager_.statuses(SERVICE_RUNNING);
-    ASSERT_EQ(running.size(), 1);
-    EXPECT_EQ(running[0].dwControlsAccepted, DWORD{SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN});
-    const SERVICE_STATUS& last = manager_.statuses().back();
-    EXPECT_EQ(last.dwCurrentState, DWORD{SERVICE_STOPPED});
-    EXPECT_EQ(last.dwWin32ExitCode, DWORD{NO_ERROR});
-    EXPECT_THAT(manager_.events(), ElementsAre(started, stopped));
+    expect_that_it_ran_and_ended_well();
 }
 
 TEST_F(WebAsAService, EndsWhenTheSystemShutsDown) {
@@ -146,25 +104,13 @@ TEST_F(WebAsAService, TellsARefusedRegionAndWhenItIsNoLongerRefused) {
 TEST_F(WebAsAService, TakesTheLockOverFromAnOwnerThatEndedAndTellsIt) {
     const Region region;
     start();
-    manager_.await_event(started);
-    std::thread([] { EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK); }).join();
-    EXPECT_THAT(manager_.await_event(lock_taken_over), HasSubstr(L"\"shmnmctl verify\""));
-    EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK) << "it is free again";
-    picture::library().shmnm_rwunlock();
-    stop();
-    EXPECT_THAT(manager_.events(), ElementsAre(started, lock_taken_over, stopped));
+    expect_that_it_takes_the_lock_over_and_tells_it();
 }
 
 TEST_F(WebAsAService, TellsALostConfigurationAndWhenItIsBack) {
     const Region region;
     start();
-    manager_.await_event(started);
-    remove_configuration();
-    EXPECT_THAT(manager_.await_event(configuration_lost), HasSubstr(L"no process can attach without it"));
-    configure();
-    manager_.await_event(configuration_found);
-    stop();
-    EXPECT_THAT(manager_.events(), ElementsAre(started, configuration_lost, configuration_found, stopped));
+    expect_that_it_tells_a_lost_configuration_and_when_it_is_back();
 }
 
 TEST_F(WebAsAService, ComparesNoCountsThatAreNotWrittenYet) {
