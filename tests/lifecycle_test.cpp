@@ -509,6 +509,8 @@ TEST_F(DetachAndDelete, DetachAfterCreateResetsTheCountOfAttaches) {
     ASSERT_EQ(shmnm_create(), SHMNM_OK);
     ASSERT_EQ(shmnm_detach(), SHMNM_OK);
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
+    ASSERT_EQ(shmnm_attach(), SHMNM_OK);
+    EXPECT_EQ(shmnm_detach(), SHMNM_OK);
     EXPECT_TRUE(mapped());
     EXPECT_EQ(shmnm_detach(), SHMNM_OK);
     EXPECT_FALSE(mapped());
