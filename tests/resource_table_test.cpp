@@ -1,5 +1,7 @@
 // The hb and np tables: adding, removing, changing, looking up and listing resources.
+#include <climits>
 #include <cstring>
+#include <ctime>
 
 #include "guarded_buffer.h"
 #include "name_listing.h"
@@ -772,6 +774,21 @@ TEST_F(OverfullHbTable, MovesNetworkRowsOfResourcesThatDoNotLieInTheView) {
     for (uint32_t i = 0; i < 96; ++i) poke_word(network + 4 * (433 + i), 1000 + i);
     EXPECT_EQ(shmnm_rmhbrsc("lan", "lan1"), SHMNM_OK);
     for (uint32_t i = 0; i < 95; ++i) EXPECT_EQ(word_at(network + 4 * (286 + i)), 1001 + i) << i;
+}
+
+TEST_F(OverfullHbTable, MovesNoMoreRecordsThanTheViewHoldsWhateverTheCountSays) {
+    // For no server a resource has no network-wide row.
+    for (const int32_t max_servers : {6, 0, -1}) {
+        poke_word(8, 6);
+        poke_word(32, 0);
+        ASSERT_EQ(shmnm_addhbrsc("lan", "lan1", 1), SHMNM_OK);
+        poke_word(8, static_cast<uint32_t>(max_servers));
+        poke_word(32, INT32_MAX);
+        const std::clock_t begin = std::clock();
+        EXPECT_EQ(shmnm_rmhbrsc("lan", "lan1"), SHMNM_OK);
+        EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC) << "a step for each counted resource";
+        EXPECT_EQ(word_at(32), uint32_t{INT32_MAX} - 1);
+    }
 }
 
 }  // namespace
