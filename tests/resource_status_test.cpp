@@ -704,4 +704,24 @@ TEST_P(ResourceStatus, ReportsNotInitFirstAndLogsNothing) {
     EXPECT_EQ(size, 92u);
 }
 
+class OverlappingResources : public test::RegionTest {};
+
+TEST_F(OverlappingResources, AreComparedWithTheTypeAsTheStatesBeforeThemHaveMadeIt) {
+    map_region({.servers = 6, .hb = 3, .np = 3});
+    // Records lie 4 bytes apart. Record 0 has a type of 332 letters; the states after it, 328 bytes behind the type's
+    // begin, overwrite the NUL, so that record 1, whose type begins 4 bytes later, then has such a type too.
+    constexpr size_t type = 3004 + 256;
+    const std::string letters(332, 's');
+    poke_word(8, static_cast<uint32_t>(-145));
+    poke_word(28, 2);
+    poke_word(32, 2);
+    poke(type, Bytes(336, 's'));
+    poke(type + 332, Bytes(1));
+    poke_word(type + 336, 0);
+    EXPECT_EQ(shmnm_settypehbstat(letters.c_str(), 0x73737373), SHMNM_OK);
+    EXPECT_EQ(word_at(type + 328), 0x73737373u);
+    EXPECT_EQ(word_at(type + 332), 0x73737373u);
+    EXPECT_EQ(word_at(type + 336), 0x73737373u) << "the second state of record 1";
+}
+
 }  // namespace

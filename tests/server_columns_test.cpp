@@ -284,4 +284,18 @@ TEST_P(ServerColumns, ReportNotInitFirstAndLogNothing) {
     EXPECT_THAT(log_of_last_call(), IsEmpty()) << "the log is closed";
 }
 
+class RowsAtTheEndOfTheView : public test::RegionTest {};
+
+TEST_F(RowsAtTheEndOfTheView, AreOpenedOnlyIfTheViewHoldsAllWordsThatMove) {
+    map_region({.servers = 6, .hb = 3, .np = 3});
+    poke_word(28, 4);
+    poke_word(36, 2);
+    // The second of two np records ends the view with three words of its row, then with two.
+    const auto maximum = static_cast<uint32_t>((view_size() - 13516 - 584 - 584) / 4);
+    poke_word(8, maximum - 3);
+    EXPECT_EQ(shmnm_addnprscsvstat(0), SHMNM_OK);
+    poke_word(8, maximum - 2);
+    EXPECT_EQ(shmnm_addnprscsvstat(0), SHMNM_ERR_INDEX);
+}
+
 }  // namespace
