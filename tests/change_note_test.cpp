@@ -198,6 +198,12 @@ TEST_F(ChangeNote, IsNotMadeOfAProcessIdOfNoKindForANameThatHasARecord) {
     EXPECT_EQ(word(4), rmnode);
 }
 
+TEST_F(ChangeNote, HoldsTheWholeDescriptionThatACallSets) {
+    ASSERT_EQ(shmnm_setfstdescript("as it is", 8), SHMNM_OK);
+    EXPECT_EQ(word(392), 8U);
+    EXPECT_EQ(std::string(note_ + 396, 8), "as it is");
+}
+
 TEST_F(ChangeNote, OfAFormatThatThisBuildDoesNotKnowIsLeftAlone) {
     *static_cast<uint32_t*>(kzmkernel_note(mutex_)) = 7;
     ASSERT_EQ(shmnm_rmnode("alpha"), SHMNM_OK);

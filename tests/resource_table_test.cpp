@@ -614,7 +614,53 @@ TEST_P(ResourceTable, ReadsItsRecordsElsewhereAfterTheMaximumOfServersChanges) {
     EXPECT_EQ(priority_of("lan", "lan2"), 33u);
 }
 
+TEST_P(ResourceTable, LeavesNetworkRowsWhereTheyAreWhenTheMaximumOfServersIsZero) {
+    poke_word(8, 0);
+    add("lan", "lan1");
+    add("lan", "lan2");
+    poke(network_row(0), test::pattern(48, 1));
+    Bytes expected = region_bytes();
+    test::put(expected, twin().table, test::part(expected, twin().table + 584, 584));
+    test::put(expected, twin().table + 584, Bytes(584));
+    test::put_word(expected, twin().count_at, 1);
+    EXPECT_EQ(twin().remove("lan", "lan1"), SHMNM_OK);
+    EXPECT_EQ(region_bytes(), expected);
+}
+
+TEST_P(ResourceTable, ReturnsATypeEvenIfEachRecordBeginsInTheOneBefore) {
+    poke_word(8, 0xFFFFFFFF);
+    add("lan", "1111lan");
+    add("disk", "2222lan");
+    char type[32] = "untouched";
+    EXPECT_EQ(twin().type_of(type, "2222lan"), SHMNM_OK);
+    EXPECT_STREQ(type, "disk");
+}
+
 // ---- the whole ----
+
+TEST_P(ResourceTable, ClosesAGapUpToTheEndOfTheViewWhenItsCountIsTooLarge) {
+    for (const char* const name : {"lan1", "lan2", "lan3"}) add("lan", name);
+    for (size_t position = 0; position < 3; ++position) fill_record(position);
+    poke_word(twin().count_at, 1'000'000);
+    Bytes expected = region_bytes();
+    const auto take_next = [&](size_t start, size_t step, size_t position) {
+        const size_t to = start + position * step, from = to + step;
+        if (from >= expected.size()) return false;
+        const Bytes next = test::part(expected, from, std::min(step, expected.size() - from));
+        test::put(expected, to, next);
+        test::put(expected, from, Bytes(next.size()));
+        return true;
+    };
+    test::put(expected, record(0), Bytes(608));
+    bool record_moved = true, row_moved = true;
+    for (size_t position = 0; record_moved || row_moved; ++position) {
+        record_moved = take_next(twin().table, 608, position);
+        row_moved = twin().has_network_rows && take_next(network_row(0), 24, position);
+    }
+    test::put_word(expected, twin().count_at, 999'999);
+    EXPECT_EQ(twin().remove("lan", "lan1"), SHMNM_OK);
+    EXPECT_EQ(region_bytes(), expected);
+}
 
 TEST_P(ResourceTable, FindsNothingWhenItsCountIsNegative) {
     add("lan", "lan1");

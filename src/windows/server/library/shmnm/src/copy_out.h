@@ -30,6 +30,7 @@ inline constexpr size_t many_words = 32;
 
 /// Copies any number of words: four at a time if there are few, or without AVX.
 [[gnu::no_sanitize_thread]] inline void copy_words_out(uint32_t* to, const uint32_t* from, size_t count) noexcept {
+    // branch: a processor without AVX
     if (count >= many_words && __builtin_cpu_supports("avx")) return copy_many_words_out(to, from, count);
     const uint32_t* const end = from + count;
     for (; end - from >= 4; from += 4, to += 4) {

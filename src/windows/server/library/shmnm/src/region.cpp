@@ -14,6 +14,7 @@ uint64_t visible_bytes(const Region& mapping, const Strip& strip, int32_t positi
 }  // namespace
 
 void zero_place(const Region& mapping, const Strip& strip, int32_t position) noexcept {
+    // branch: callers have found a record there
     if (const uint64_t size = visible_bytes(mapping, strip, position); size > 0) {
         zero_words(mapping.word(strip.at(position)), size);
     }

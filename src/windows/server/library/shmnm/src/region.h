@@ -198,7 +198,7 @@ class Table {
         const uint64_t last = static_cast<uint64_t>(count) - 1;
         // A view is below 2^33 bytes and a count below 2^31, so only a step beyond the view could overflow the product.
         if (step <= room && last * step <= room) return count;
-        return static_cast<int32_t>(last < room / step ? last : room / step) + 1;
+        return static_cast<int32_t>(room / step) + 1;
     }
 
     uint8_t* first_;
@@ -206,10 +206,10 @@ class Table {
     int32_t count_;
 };
 
-/// The place after `count` records, or null if it does not lie wholly in the view.
+/// The place after `count` records, or null if it does not lie wholly in the view. The count is below its limit.
 template <typename Record>
 Record* free_place(const Region& region, const Strip& strip, int32_t count) noexcept {
-    if (count < 0 || count == INT32_MAX) return nullptr;
+    if (count < 0) return nullptr;
     const Table<Record> grown(region, strip, count + 1);
     return grown.count() > count ? &grown[count] : nullptr;
 }
