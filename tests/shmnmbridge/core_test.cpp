@@ -164,6 +164,17 @@ TEST(BridgeCore, GivesAServerTheWindowBeforeItCallsItSilent) {
     EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
 }
 
+// Machine 0 shows no words of machine 1, so that each change may be a new region's.
+TEST(BridgeCore, CountsLossesAlthoughTheRegionMayBeNew) {
+    const Schedule schedule{.seed = 40'067'523,
+                            .windows = 15,
+                            .reset_when_cut_off = true,
+                            .faults = {{.at = 5'468, .what = What::cut_both, .lasts = 7'310, .detail = 59},
+                                       {.at = 12'519, .what = What::cut_from, .lasts = 551, .detail = 18},
+                                       {.at = 14'052, .what = What::rival, .lasts = 5'100, .detail = 84}}};
+    EXPECT_FALSE(fails(schedule)) << report(schedule, run(schedule));
+}
+
 // The second call changes nothing but the other machine's state, as if the resource were new.
 TEST(BridgeCore, LeavesStatesAloneThatAreSetToUnknownTwice) {
     const Schedule schedule{.seed = 7,

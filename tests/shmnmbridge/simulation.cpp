@@ -436,7 +436,6 @@ void Simulation::end_watch(Machine& machine) {
 void Simulation::make_region(Machine& machine) {
     ++machine.generation;
     machine.agreed_revision.clear();
-    machine.losses.clear();
     machine.fed.clear();
     machine.overwritten.clear();
     machine.region.emplace(++objects_, counts, schedule_.machines, machine.number);
@@ -649,7 +648,6 @@ void Simulation::begin(const Fault& fault) {
             for (const auto& each : machines_) {
                 each->agreed_revision.clear();
                 each->newest.clear();
-                each->losses.clear();
                 end_watch(*each);
             }
             return;
@@ -713,7 +711,6 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
             end_own_values(machine);
             ++machine.generation;
             machine.agreed_revision.clear();
-            machine.losses.clear();
             machine.fed.clear();
             machine.overwritten.clear();
             const uint64_t object = machine.region->look().object;
@@ -734,7 +731,6 @@ void Simulation::begin_of_region(const Fault& fault, Machine& machine) {
                 machine.overwritten.clear();
             }
             // If it is the own server or the only one that was fed, the bridge must take the region for a new one.
-            machine.losses.clear();
             machine.has_lost_records = true;
             forget_server(machine, server);
             const int32_t pri = ModelRegion::priority(fault.detail % schedule_.machines, machine.number);

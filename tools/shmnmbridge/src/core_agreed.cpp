@@ -202,7 +202,6 @@ void AgreedWords::renew(Entry& entry) {
     }
     entry.open.reset();
     entry.is_taken = entry.is_contested = false;
-    entry.losses.clear();
 }
 
 std::vector<Call> AgreedWords::calls() {
