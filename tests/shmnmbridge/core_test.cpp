@@ -238,6 +238,13 @@ TEST(BridgeCore, IsJudgedByWhatItCanKnow) {
          .faults = {{.at = 5'238, .what = What::kill, .machine = 0, .lasts = 528, .detail = 668},
                     {.at = 5'596, .what = What::stop, .machine = 1, .lasts = 13'820, .detail = 987},
                     {.at = 8'088, .what = What::replace_etcd, .detail = 859}}},
+        // The word that was overwritten was the last that proved that the region is not a new one.
+        {.seed = 40'054'740,
+         .creator = {.sets_own = true, .sets_pair = false},
+         .faults = {{.at = 6'780, .what = What::stop, .machine = 1, .lasts = 3'165, .detail = 593},
+                    {.at = 8'890, .what = What::kill, .machine = 0, .lasts = 2'872, .detail = 981},
+                    {.at = 11'062, .what = What::stop, .machine = 1, .lasts = 8'938, .detail = 716},
+                    {.at = 12'361, .what = What::set_foreign, .machine = 1, .detail = 448}}},
         // A contest ends when the region seems to be new.
         {.seed = 20'041'167,
          .windows = 5,

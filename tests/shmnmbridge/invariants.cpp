@@ -288,6 +288,38 @@ void Checker::end_batch(Time now, const Machine& machine) {
     }
 }
 
+void Checker::follow_witnesses(Time now, Machine& machine) {
+    constexpr Time longest_gap = 200;
+    const bool is_gap = machine.region && machine.looked && now - machine.looked_at > longest_gap;
+    // Without a witness the bridge cannot tell a contested word from one of a new region.
+    if (is_gap && has_witness(machine, *machine.looked, true) && !has_witness(machine, machine.region->look(), false)) {
+        machine.overwritten.clear();
+    }
+    machine.overwritten_before = machine.overwritten;
+    machine.made.clear();
+}
+
+bool Checker::has_witness(const Machine& machine, const Look& look, bool is_of_fed) {
+    bool found = false;
+    for (const LookedServer& server : look.servers) {
+        const bool counts = is_of_fed ? machine.fed.contains(server.name) : server.name != machine.server;
+        const auto before = machine.looked->find_server(server.name), now = look.find_server(server.name);
+        if (!counts || !before) continue;
+        const ServerState then = state_of(*machine.looked, *before);
+        ServerState as_new;
+        for (const auto& [key, cell] : then.cells) as_new.cells[key];
+        std::map<std::string, uint32_t> values, new_values;
+        visit(server.name, then, [&values](const std::string& word, uint32_t value) { values[word] = value; });
+        visit(server.name, as_new, [&](const std::string& word, uint32_t value) { new_values[word] = value; });
+        visit(server.name, state_of(look, *now), [&](const std::string& word, uint32_t value) {
+            const auto same = values.find(word);
+            found = found || (same != values.end() && same->second == value && value != new_values[word] &&
+                              !machine.overwritten_before.contains(word) && !machine.made.contains(word));
+        });
+    }
+    return found;
+}
+
 void Checker::check_marks(Time now, Machine& machine) {
     if (!machine.core || machine.is_intruder) return;
     check_cut_off(now, machine);

@@ -34,6 +34,8 @@ class Checker {
     void check_call(Time now, Machine& machine, const Call& call);
     void check_accepted(Time now, const Machine& machine, const Call& call, bool is_accepted);
     void end_batch(Time now, const Machine& machine);
+    /// Before each look.
+    static void follow_witnesses(Time now, Machine& machine);
     /// After each look.
     void check_marks(Time now, Machine& machine);
     /// Long after the last fault.
@@ -44,6 +46,8 @@ class Checker {
   private:
     /// Whether the other machine's words should stand in this machine's region.
     static bool is_fed(const Machine& machine, const Machine& other);
+    /// Whether a word that the bridge has set, or another server's word at all, stands as the last look found it.
+    static bool has_witness(const Machine& machine, const Look& look, bool is_of_fed);
     static bool is_unknown(const Machine& machine, const std::string& server);
     template <typename... Parts>
     void fail(Time now, const Machine* machine, int invariant, const Parts&... parts);

@@ -75,12 +75,14 @@ struct Machine {
     std::set<std::string> fed;                       ///< servers whose words this bridge has set here
     std::set<std::string> overwritten;               ///< foreign words that a local process set after that
     std::set<std::string> ever_overwritten;
-    bool has_lost_records = false;         ///< a proposal may have been open for one of them
-    std::map<std::string, uint64_t> lost;  ///< by the word: how many losses
-    std::set<std::string> local;           ///< agreed words that it keeps to itself
-    Time started_at = 0;                   ///< its bridge
-    Time checked_at = never;               ///< its marks
-    Time cut_off_since = 0;                ///< by its own account; -1: it is connected
+    std::set<std::string> overwritten_before;  ///< the last look
+    std::set<std::string> made;                ///< words that were set here since the last look
+    bool has_lost_records = false;             ///< a proposal may have been open for one of them
+    std::map<std::string, uint64_t> lost;      ///< by the word: how many losses
+    std::set<std::string> local;               ///< agreed words that it keeps to itself
+    Time started_at = 0;                       ///< its bridge
+    Time checked_at = never;                   ///< its marks
+    Time cut_off_since = 0;                    ///< by its own account; -1: it is connected
 
     bool is_stopped(Time now) const { return now < until.stop; }
     bool has_own_server() const { return region && region->look().find_server(server); }

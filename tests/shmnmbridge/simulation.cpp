@@ -205,6 +205,7 @@ void Simulation::tick(Machine& machine) {
         process(machine, machine.core->look_failed(now_));
     } else {
         ++result_.looks;
+        checker_.follow_witnesses(now_, machine);
         if (!machine.region) {
             machine.looked.reset();
         } else {
@@ -268,6 +269,7 @@ void Simulation::make(Machine& machine, uint64_t life) {
             checker_.check_call(now_, machine, call);
             say(machine, "sets ", checker_.describe(call));
             checker_.check_accepted(now_, machine, call, machine.region->make(call));
+            machine.made.insert(checker_.describe(call));
         }
         checker_.end_batch(now_, machine);
     }
