@@ -238,6 +238,12 @@ TEST(BridgeCore, IsJudgedByWhatItCanKnow) {
          .faults = {{.at = 5'238, .what = What::kill, .machine = 0, .lasts = 528, .detail = 668},
                     {.at = 5'596, .what = What::stop, .machine = 1, .lasts = 13'820, .detail = 987},
                     {.at = 8'088, .what = What::replace_etcd, .detail = 859}}},
+        // It is cut off just before the first beat of a machine that was cut off until then.
+        {.seed = 40'033'508,
+         .machines = 4,
+         .creator = {.sets_own = false, .sets_pair = true},
+         .faults = {{.at = 3'960, .what = What::cut_from, .machine = 3, .lasts = 3'234, .detail = 288},
+                    {.at = 8'379, .what = What::cut_from, .machine = 2, .lasts = 7'339, .detail = 464}}},
         // The word that was overwritten was the last that proved that the region is not a new one.
         {.seed = 40'054'740,
          .creator = {.sets_own = true, .sets_pair = false},

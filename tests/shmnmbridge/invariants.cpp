@@ -395,7 +395,9 @@ void Checker::check_peer(Time now, Machine& machine, const Machine& other, bool 
             fail(now, &machine, 3, other.server, " is fresh, but ended cleanly at ", other.ended_at);
         }
     }
-    if (freshness == Freshness::silent && !is_intruded && now - other.unhealthy_at > recovery_ - 3'000) {
+    // Until it counts as cut off itself, a machine cannot know of a beat that landed after etcd last told it anything.
+    const bool may_know = other.proved_at <= other.unhealthy_at || machine.read_at >= other.proved_at;
+    if (freshness == Freshness::silent && !is_intruded && may_know && now - other.unhealthy_at > recovery_ - 3'000) {
         fail(now, &machine, 4, other.server, " is silent, but beats");
     }
     const bool is_fed = Checker::is_fed(machine, other);

@@ -61,6 +61,7 @@ struct Machine {
     Time looked_at = never;                  ///< the last look that found the own server
     Time read_at = never;                    ///< when etcd last told it of changes
     Time told_at = never;                    ///< its newest beat in etcd proves this date, and no later one
+    Time proved_at = never;                  ///< when the first beat landed that proves a date after its last trouble
     std::map<int64_t, Time> beats;           ///< by the revision: when this process looked for the beat
     Time echoed_at = never;                  ///< the same of the newest beat that its watch has brought back
     Time unhealthy_at = 0;                   ///< when something was wrong last

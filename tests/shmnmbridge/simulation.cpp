@@ -333,7 +333,9 @@ void Simulation::note_beat(Machine& machine, uint64_t life, const Known& known, 
     const bool has_beat = std::any_of(transaction.puts.begin(), transaction.puts.end(),
                                       [&key](const Put& put) { return put.key == key; });
     if (!has_beat) return;
-    machine.told_at = std::max(machine.told_at, std::min(known.looked_at, known.read_at));
+    const Time date = std::min(known.looked_at, known.read_at);
+    machine.told_at = std::max(machine.told_at, date);
+    if (date > machine.unhealthy_at && machine.proved_at <= machine.unhealthy_at) machine.proved_at = now_;
     if (machine.life == life) machine.beats[revision] = known.looked_at;
 }
 
