@@ -65,7 +65,7 @@ class TestBridge:
         with Marks() as marks:
             marks.say(
                 servers=[
-                    {"name": "b%20ta", "freshness": "fresh", "age_ms": 40, "revision": 7, "address": "http://10.0.0.2:9683", "claimed": True},
+                    {"name": "b%20ta", "freshness": "fresh", "age_ms": 40, "revision": 7, "address": "http://10.0.0.2:9683", "other_times": True},
                     {"name": "gamma", "freshness": "silent", "claimed": False},
                 ],
                 contested=["servers/gamma/nodestat"],
@@ -78,6 +78,7 @@ class TestBridge:
             beta, gamma = bridge.servers
             assert (beta.name, beta.freshness, beta.revision, beta.address) == ("b ta", shmnm.Freshness.FRESH, 7, "http://10.0.0.2:9683")
             assert (gamma.freshness, gamma.claimed) == (shmnm.Freshness.SILENT, False)
+            assert (beta.other_times, gamma.other_times, bridge.lost_servers) == (True, False, 0)
             words = snapshot.words()
             assert (words["bridge/contested"], words["bridge/lost"], words["bridge/servers/b%20ta/freshness"]) == (1, 1, 1)
             listed = json.loads(conftest.tool("list", "--format", "json"))["words"]

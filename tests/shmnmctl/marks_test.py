@@ -42,6 +42,20 @@ class Marks(ToolTest):
         self.assertEqual(self.row("gamma")[-2:-1], ["silent"])
         self.assertRegex(self.row("gamma")[-1], r"^[0-9]+s$")
 
+    def test_status_names_servers_with_other_times(self):
+        self.cluster()
+        self.bridge().says(FRESH, ("gamma", "fresh", {"other_times": True}))
+        self.assertIn("\nother times gamma\n", self.tool("status").out)
+        servers = self.tool("status", "--format", "json").json["bridge"]["servers"]
+        self.assertEqual([(server["name"], server["other_times"]) for server in servers], [("beta", False), ("gamma", True)])
+
+    def test_status_counts_servers_that_have_no_mark_for_want_of_room(self):
+        self.cluster()
+        self.bridge().says(*[(f"server{number}", "fresh", {}) for number in range(260)])
+        self.assertIn("\nno marks    4 more servers\n", self.tool("status").out)
+        bridge = self.tool("status", "--format", "json").json["bridge"]
+        self.assertEqual((len(bridge["servers"]), bridge["lost_servers"]), (256, 4))
+
     def test_a_server_without_a_mark_is_unknown(self):
         self.cluster()
         self.bridge().says(FRESH)
@@ -54,7 +68,7 @@ class Marks(ToolTest):
         ages = [server.pop("age_ms") for server in bridge["servers"]]
         self.assertGreaterEqual(ages[0], 200)
         self.assertGreaterEqual(ages[1], 7000)
-        plain = {"unmatched": False, "duplicate_priority": False, "other_names": False}
+        plain = {"unmatched": False, "duplicate_priority": False, "other_names": False, "other_times": False}
         self.assertEqual(
             bridge["servers"],
             [

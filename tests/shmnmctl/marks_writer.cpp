@@ -50,6 +50,7 @@ bridge::Marks marks_of(const json& told) {
         mark.is_unmatched = each.value("unmatched", false);
         mark.is_duplicate = each.value("duplicate_priority", false);
         mark.has_other_names = each.value("other_names", false);
+        mark.has_other_times = each.value("other_times", false);
         marks.servers.push_back(std::move(mark));
     }
     return marks;

@@ -41,6 +41,14 @@ class Machines(WebTest):
         there = self.tool("get", "servers/beta/nodestat", "--from", self.addresses["alpha"], "--machine", "beta", environment=elsewhere)
         self.assertEqual((there.status, there.out), (0, "1\n"))
 
+    def test_the_marks_of_a_machine_come_whole(self):
+        servers = [(f"server{number}", "fresh", {"other_times": number == 7}) for number in range(258)]
+        self.machines["beta"][2].says(*servers)
+        self.machines["beta"][3].until("/picture.json", lambda answer: answer.json["bridge"]["lost_servers"] == 2)
+        bridge = self.tool("status", "--machine", "beta", "--format", "json").json["bridge"]
+        self.assertEqual([server["name"] for server in bridge["servers"] if server["other_times"]], ["server7"])
+        self.assertEqual((len(bridge["servers"]), bridge["lost_servers"]), (256, 2))
+
     def test_a_machine_that_cannot_be_reached_is_named(self):
         for command in (["status"], ["get", "servers/alpha/pri"], ["diff", "live"]):
             with self.subTest(command):

@@ -113,7 +113,7 @@ bool say_the_same(const Bridge& one, const Bridge& other) {
         return marks;
     };
     return one.is_up == other.is_up && one.is_there() == other.is_there() && one.left_out == other.left_out &&
-           without_what_moves(one) == without_what_moves(other);
+           one.lost_servers == other.lost_servers && without_what_moves(one) == without_what_moves(other);
 }
 
 Bridge BridgeReader::read() {
@@ -131,7 +131,10 @@ Bridge BridgeReader::read() {
     if (!last_) return {};
     const uint64_t now_us = platform::steady_clock_us();
     const uint64_t passed_us = now_us - std::min(now_us, last_->written_us);
-    Bridge found{.is_up = passed_us < stands_still_us, .marks = last_->marks, .left_out = last_->lost_words};
+    Bridge found{.is_up = passed_us < stands_still_us,
+                 .marks = last_->marks,
+                 .left_out = last_->lost_words,
+                 .lost_servers = last_->lost_servers};
     make_older(found.marks, passed_us);
     if (!found.is_up) {
         found.stopped_us = passed_us;

@@ -11,10 +11,11 @@
 namespace picture {
 
 struct Bridge {
-    bool is_up = false;       ///< it runs and writes its marks
-    uint64_t stopped_us = 0;  ///< for how long its marks have stood still although they are there; 0: they have not
-    bridge::Marks marks;      ///< their ages count until they were read; if the bridge is not up, all are unknown
-    uint64_t left_out = 0;    ///< contested and unmatched words for which there was no room
+    bool is_up = false;         ///< it runs and writes its marks
+    uint64_t stopped_us = 0;    ///< for how long its marks have stood still although they are there; 0: they have not
+    bridge::Marks marks;        ///< their ages count until they were read; if the bridge is not up, all are unknown
+    uint64_t left_out = 0;      ///< contested and unmatched words for which there was no room
+    uint64_t lost_servers = 0;  ///< servers for which there was none, so that they have no mark
 
     /// Whether there are marks.
     bool is_there() const { return is_up || stopped_us > 0; }

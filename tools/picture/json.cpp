@@ -130,6 +130,7 @@ void show_mark(JsonText& text, const bridge::Mark& mark) {
     text.name("revision").value(mark.sequence).name("address").string(mark.address);
     text.name("claimed").boolean(mark.is_claimed).name("unmatched").boolean(mark.is_unmatched);
     text.name("duplicate_priority").boolean(mark.is_duplicate).name("other_names").boolean(mark.has_other_names);
+    text.name("other_times").boolean(mark.has_other_times);
     text.end_object();
 }
 
@@ -151,7 +152,8 @@ void show_bridge(JsonText& text, const Bridge& bridge) {
     text.name("lost").value(marks.agreed.lost).name("replaced").value(marks.agreed.replaced).end_object();
     show_texts(text.name("contested"), marks.contested);
     show_texts(text.name("unmatched"), marks.unmatched);
-    text.name("left_out").value(bridge.left_out).name("servers").begin_array();
+    text.name("left_out").value(bridge.left_out).name("lost_servers").value(bridge.lost_servers);
+    text.name("servers").begin_array();
     for (const bridge::Mark& mark : marks.servers) show_mark(text, mark);
     text.end_array().end_object();
 }

@@ -164,6 +164,7 @@ bridge::Mark mark_of(const Json& object) {
     mark.is_unmatched = members.flag("unmatched");
     mark.is_duplicate = members.flag("duplicate_priority");
     mark.has_other_names = members.flag("other_names");
+    mark.has_other_times = members.flag("other_times");
     return mark;
 }
 
@@ -188,6 +189,7 @@ Bridge bridge_of(const Json& object) {
     marks.contested = texts_of(members.get("contested"));
     marks.unmatched = texts_of(members.get("unmatched"));
     bridge.left_out = members.number<uint64_t>("left_out");
+    bridge.lost_servers = members.number<uint64_t>("lost_servers");
     const Json& servers = members.get("servers");
     if (!servers.is_array()) refuse("the marks are missing");
     for (const Json& server : servers) marks.servers.push_back(mark_of(server));

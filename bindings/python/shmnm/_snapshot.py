@@ -136,6 +136,7 @@ class MarkPicture:
     unmatched: bool
     duplicate_priority: bool
     other_names: bool
+    other_times: bool
 
 
 @dataclass(frozen=True)
@@ -153,7 +154,7 @@ class BridgePicture:
     """The bridge between machines, as it was just before the copy of the region.
 
     `stopped_ms` says for how long a bridge has stood still; None: it has not. `contested` and `unmatched` are keys,
-    `left_out` is how many more of them there are.
+    `left_out` is how many more of them there are, and `lost_servers` how many servers have no mark for want of room.
     """
 
     up: bool
@@ -169,6 +170,7 @@ class BridgePicture:
     contested: Tuple[str, ...]
     unmatched: Tuple[str, ...]
     left_out: int
+    lost_servers: int
     servers: Tuple[MarkPicture, ...]
 
 
@@ -241,7 +243,8 @@ def _bridge(members: Dict[str, Any]) -> BridgePicture:
     members["server"] = unescaped(members["server"])
     for name in ("contested", "unmatched"):
         members[name] = tuple(members[name])
-    members["left_out"] = int(members["left_out"])
+    for name in ("left_out", "lost_servers"):
+        members[name] = int(members[name])
     members["servers"] = tuple(map(_mark, members["servers"]))
     made: BridgePicture = _plain(BridgePicture, members)
     return made

@@ -190,6 +190,14 @@ class Builder {
         };
         list("contested", "bridge/contested", bridge.marks.contested);
         list("unmatched", "bridge/unmatched", bridge.marks.unmatched);
+        std::vector<std::string> others;
+        for (const bridge::Mark& mark : bridge.marks.servers) {
+            if (mark.has_other_times) others.push_back(mark.server);
+        }
+        list("other times", "bridge/servers", others);
+        if (bridge.lost_servers > 0) {
+            list("no marks", "bridge/servers", {fmt::format("{} more servers", bridge.lost_servers)});
+        }
         end(std::move(group));
     }
 
