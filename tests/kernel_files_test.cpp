@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -138,6 +139,31 @@ TEST_P(KernelFiles, AreRemovedByTheNextCreatorWhenTheirHoldersDied) {
         EXPECT_TRUE(fs::exists(file()));
         const Handle other(create_mutex("other"));
         EXPECT_FALSE(fs::exists(file()));
+    });
+}
+
+TEST_P(KernelFiles, AreRemovedByTheNextCreatorHoweverManyADeadHolderHad) {
+    in_fork([] {
+        use_private_memory_disk();
+        Sign held;
+        Forked holder([&] {
+            for (int i = 0; i < 40; ++i) GetParam().create(object_name() + std::to_string(i));
+            held.give();
+            pause_forever();
+        });
+        held.await();
+        holder.kill();
+        EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 40);
+        const Handle other(create_mutex("other"));
+        EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 1);
+    });
+}
+
+TEST_P(KernelFiles, FailACreateWith112WhenTheDiskTakesNoMoreFiles) {
+    in_fork([] {
+        use_private_memory_disk("nr_inodes=3");
+        EXPECT_EQ(Handle(create()).error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
+        EXPECT_TRUE(fs::is_empty(folder()));
     });
 }
 

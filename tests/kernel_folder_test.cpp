@@ -75,6 +75,18 @@ TEST(KernelSibling, IsMadeAgainWhenOnlyItIsRemovedAndTheObjectsStay) {
     });
 }
 
+TEST(KernelSibling, IsHeldAgainByAProcessThatOpensItsObjectAgainAfterARemoval) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle first(create_mutex(object_name()));
+        fs::remove(sibling());
+        const Handle again(create_mutex(object_name()));
+        EXPECT_EQ(again.error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
+        fs::remove_all(folder());
+        in_fork([] { expect_mutex_refused(KZMKERNEL_ERROR_FILE_INVALID); });
+    });
+}
+
 TEST(KernelSibling, IsMadeAgainAfterItsUnusedFolderWasRemovedWithIt) {
     in_fork([] {
         use_private_memory_disk();

@@ -305,6 +305,25 @@ TEST(KernelExplanation, NamesTheObstacleAndTheRemedy) {
 
 // The system's list of locks tells everybody who has what.
 
+TEST(KernelOtherUsers, AreFoundWhileAProcessWaitsForALock) {
+    const std::string name = object_name();
+    in_fork([&] {
+        use_private_memory_disk();
+        const Handle mapping(create_mapping(name));
+        const char* const lock = "/dev/shm/lock";
+        ASSERT_EQ(flock(open(lock, O_RDWR | O_CREAT | O_CLOEXEC, 0600), LOCK_EX), 0);
+        const Forked waiter([&] { flock(open(lock, O_RDWR | O_CLOEXEC), LOCK_EX); });
+        const std::string line = "-> FLOCK  ADVISORY  WRITE " + std::to_string(waiter.id()) + " ";
+        while (test::contents_of("/proc/locks").find(line) == std::string::npos) usleep(1'000);
+        as_other_user([&] {
+            uint32_t found = 7;
+            EXPECT_TRUE(kzmkernel_find_other_user(name.c_str(), &found));
+            EXPECT_EQ(found, 0u);
+            EXPECT_FALSE(kzmkernel_find_other_user((name + "2").c_str(), &found));
+        });
+    });
+}
+
 TEST(KernelOtherUsers, AreFoundWhileTheyHoldAMapping) {
     const std::string name = object_name();
     in_fork([&] {

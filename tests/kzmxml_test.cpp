@@ -319,6 +319,7 @@ TEST_F(ConfigurationFile, MayBe256LevelsOfElementsDeepAndNoMore) {
 TEST_F(ConfigurationFile, CanHold100000ElementsAndAttributesAndNoMore) {
     EXPECT_EQ(outcome("<root>" + repeated("<a b=''/>", 49'999) + "<c/></root>"), XMLLIB_OK);
     EXPECT_EQ(outcome("<root>" + repeated("<a b=''/>", 49'999) + "<c/><d/></root>"), XMLLIB_ERR_FORMAT);
+    EXPECT_EQ(outcome("<root>" + repeated("<a b=''/>", 49'999) + "<c d=''/></root>"), XMLLIB_ERR_FORMAT);
 }
 
 TEST_F(ConfigurationFile, IsRefusedWithADocumentType) {

@@ -53,7 +53,7 @@ class KeptDescriptor {
     KeptDescriptor& operator=(Descriptor fresh) noexcept {
         reset();
         struct stat found {};
-        if (!fresh || fstat(fresh.get(), &found) != 0) return *this;
+        if (fstat(fresh.get(), &found) != 0) return *this;
         kept_ = std::move(fresh);
         device_ = found.st_dev;
         inode_ = found.st_ino;
@@ -74,6 +74,7 @@ class KeptDescriptor {
         }
         return static_cast<bool>(kept_);
     }
+    // branch: the folder's guard lies beside it on the same disk
     bool is(const struct stat& file) noexcept { return is_there() && device_ == file.st_dev && inode_ == file.st_ino; }
     void reset() noexcept {
         if (is_there()) kept_.reset();

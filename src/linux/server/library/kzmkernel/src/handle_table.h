@@ -35,6 +35,7 @@ class Use {
 class LastMutexUse {
   public:
     LastMutexUse(Thread& thread, void* handle) noexcept : thread_(thread) {
+        // branch: a signal's handler calls while its thread is inside
         if (thread.is_inside.load(std::memory_order_relaxed)) [[unlikely]]
             return;
         thread.enter();
