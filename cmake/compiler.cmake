@@ -66,12 +66,36 @@ if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND SHMNM_SANITIZE MATCHES address)
     target_compile_options(shmnm_fuzzed INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# For what scripts/branches measures. The counters are in the profile's file itself, so a killed process leaves them too.
+# For what scripts/branches measures. The counters are in the profile's file itself, so a killed process leaves them too. Processes
+# share them, and a branch's count may be the difference of two of them, so no increment may be lost.
 add_library(shmnm_counted INTERFACE)
 if(SHMNM_BRANCHES)
-    target_compile_options(shmnm_counted INTERFACE -fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+    target_compile_options(shmnm_counted INTERFACE -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic
+                                                   "SHELL:-mllvm -runtime-counter-relocation")
     target_link_options(shmnm_counted INTERFACE -fprofile-instr-generate)
 endif()
+
+# shmnm_name_profiles(FOLDER): each program and library below this folder keeps its counters in a file of its own. By the run time's
+# own names programs that are made of the same objects in another order would share one, and the counters would be mixed up. The
+# file is named by a number, because it is mapped while tests look for libraries among the mapped files.
+function(shmnm_name_profiles folder)
+    get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target IN LISTS targets)
+        get_target_property(type ${target} TYPE)
+        if(type MATCHES "EXECUTABLE|SHARED_LIBRARY|MODULE_LIBRARY")
+            string(MD5 number ${target})
+            set(source ${PROJECT_BINARY_DIR}/profile_names/${target}.cpp)
+            file(GENERATE OUTPUT ${source} CONTENT "extern \"C\" const char __llvm_profile_filename[];
+const char __llvm_profile_filename[] = \"${PROJECT_BINARY_DIR}/profiles/%c${number}-%m.profraw\";
+")
+            target_sources(${target} PRIVATE ${source})
+        endif()
+    endforeach()
+    get_property(subfolders DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+    foreach(subfolder IN LISTS subfolders)
+        shmnm_name_profiles(${subfolder})
+    endforeach()
+endfunction()
 
 # shmnm_version(NAME): the file of this target states its version, which Windows shows in the file's properties.
 function(shmnm_version name)

@@ -33,14 +33,15 @@ bool is_granted() {
 
 }  // namespace
 
+// In place of the C library's, so the libraries must see these.
 extern "C" {
-void* malloc(size_t size) {
+[[gnu::visibility("default")]] void* malloc(size_t size) {
     return is_granted() ? __libc_malloc(size) : nullptr;
 }
-void* calloc(size_t count, size_t size) {
+[[gnu::visibility("default")]] void* calloc(size_t count, size_t size) {
     return is_granted() ? __libc_calloc(count, size) : nullptr;
 }
-void* realloc(void* block, size_t size) {
+[[gnu::visibility("default")]] void* realloc(void* block, size_t size) {
     return is_granted() ? __libc_realloc(block, size) : nullptr;
 }
 }
