@@ -182,6 +182,8 @@ INSTANTIATE_TEST_SUITE_P(
         WrongCase{"a=1 or or b=1", "8, \"or b=1\"", "a key is expected"},
         WrongCase{"and a=1", "1, \"and a=1\"", "a key is expected"},
         WrongCase{"all all a=1", "5, \"all a=1\"", "a key is expected"},
+        WrongCase{"all any a=1", "5, \"any a=1\"", "a key is expected"},
+        WrongCase{"all not a=1", "5, \"not a=1\"", "a key is expected"},
         WrongCase{"a=all", "3, \"all\"", "a number is expected"}, WrongCase{"not", "4, its end", "a key is expected"},
         WrongCase{"exists", "7, its end", "a key is expected"},
         WrongCase{"exists a=1", "9, \"=1\"", "\"and\", \"or\" or the end is expected"},

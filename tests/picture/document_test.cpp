@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -56,6 +57,7 @@ TEST(Document, RefusesWhatIsNotWholeAndNamesThePlace) {
     EXPECT_EQ(refusal([](Json&) {}), "");
     EXPECT_EQ(refusal([](Json& json) { json["kind"] = "status"; }), "the document is not a picture in JSON");
     EXPECT_EQ(refusal([](Json& json) { json["version"] = 2; }), "the document has another version than 1");
+    EXPECT_EQ(refusal([](Json& json) { json = Json::array(); }), "the document is not a picture in JSON");
     EXPECT_EQ(refusal([](Json& json) { json["cluster"].erase("clstat"); }), "cluster has no member \"clstat\"");
     EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pristat"] = 1; }),
               "servers[1] has an unknown member \"pristat\"");
@@ -65,6 +67,10 @@ TEST(Document, RefusesWhatIsNotWholeAndNamesThePlace) {
               "servers[1].pingstat is out of range: -1");
     EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["pingstat"] = 1.5; }),
               "servers[0].pingstat is not a whole number");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["pingstat"] = "none"; }),
+              "servers[0].pingstat is not a whole number");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][0] = 1; }), "servers[0] is not an object");
+    EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["name"] = 1; }), "servers[0].name is not a text");
     EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["name"] = "a%2"; }),
               "servers[0].name has a % without two hexadecimal digits after it");
     EXPECT_EQ(refusal([](Json& json) { json["servers"][0]["name"] = "a%00b"; }),
@@ -76,8 +82,15 @@ TEST(Document, RefusesWhatIsNotWholeAndNamesThePlace) {
               "np[0] has an unknown member \"network\"");
     EXPECT_EQ(refusal([](Json& json) { json["fst"]["pids"][1]["piddata"][2] = "18446744073709551616"; }),
               "fst.pids[1].piddata[2] is not a whole number");
+    EXPECT_EQ(refusal([](Json& json) { json["fst"]["pids"][1]["piddata"][2] = "-1"; }),
+              "fst.pids[1].piddata[2] is out of range: -1");
     EXPECT_EQ(refusal([](Json& json) { json["fst"]["pids"] = Json::object(); }), "fst.pids is not a list");
     EXPECT_EQ(refusal([](Json& json) { json["counts"]["fst"] = 0; }), "fst is not empty although counts.fst is 0");
+    EXPECT_EQ(refusal([](Json& json) {
+                  json["counts"]["fst"] = 0;
+                  json["fst"]["stat"] = nullptr;
+              }),
+              "fst is not empty although counts.fst is 0");
     EXPECT_EQ(refusal([](Json& json) { json["counts"]["hb"] = -1; }), "counts.hb is below 0");
     EXPECT_EQ(refusal([](Json& json) { json["counts"]["servers"] = INT32_MAX; }),
               "counts are those of a region larger than 4 GiB");
@@ -88,6 +101,19 @@ TEST(Document, IsNotMadeFromACutRegion) {
     Snapshot snapshot = region.dump();
     snapshot.bytes.pop_back();
     EXPECT_THROW(document_of(snapshot), Error);
+}
+
+TEST(Document, IsNotMadeFromARegionWithANegativeCount) {
+    LibraryRegion region({2, 1, 1, 1});
+    Snapshot snapshot = region.dump();
+    std::fill_n(snapshot.bytes.begin() + offsetof(shmnm_header, server_count), 4, uint8_t{0xFF});
+    try {
+        document_of(snapshot);
+        FAIL() << "taken for a whole region";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::damaged);
+        EXPECT_STREQ(error.what(), "the header counts -1 servers, but the bytes hold 0");
+    }
 }
 
 TEST(Differences, AreListedForEveryKindOfThing) {

@@ -43,5 +43,10 @@ TEST(Printable, EscapesEveryByteBeyondAsciiAndThePercentSign) {
     EXPECT_EQ(printable("50% \u00FC"), "50%25 %C3%BC");
 }
 
+TEST(Unescaped, NeedsTwoHexadecimalDigitsAfterEachPercentSign) {
+    EXPECT_EQ(unescaped("a%2Fb%c3"), "a/b\xC3");
+    for (const char* const text : {"%", "%2", "%%2", "%G2", "%2G", "a% 2"}) EXPECT_FALSE(unescaped(text)) << text;
+}
+
 }  // namespace
 }  // namespace picture

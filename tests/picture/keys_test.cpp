@@ -96,6 +96,8 @@ TEST_F(Keys, FindNothingThatIsNotListed) {
                                   "fst/pids/agent",
                                   "fst/pids/agent/3",
                                   "fst/pids/agent/00",
+                                  "fst/pids/agent/+",
+                                  "bridge/up",
                                   "fst/pid/agent/0",
                                   "fst/pids/other/0",
                                   "ab/lan/lan1/pri"}) {
@@ -103,6 +105,28 @@ TEST_F(Keys, FindNothingThatIsNotListed) {
     }
     EXPECT_TRUE(find(picture, "servers/a%20b/pri"));
     EXPECT_TRUE(find(picture, "np/ping/ping1/svstat/alpha"));
+}
+
+TEST_F(Keys, OfARegionWithoutAnFstResourceHaveNoneOfIt) {
+    LibraryRegion region({.servers = 4, .hb = 2, .np = 2, .fst = 0});
+    EXPECT_FALSE(find(decode(region.dump()), "fst/stat"));
+}
+
+TEST_F(Keys, OfABridgeFindNothingThatIsNotListed) {
+    LibraryRegion region({.servers = 4, .hb = 2, .np = 2, .fst = 1});
+    Picture picture = decode(region.dump());
+    picture.bridge = Bridge{.is_up = true, .stopped_us = 0, .marks = {}, .left_out = 0};
+    picture.bridge->marks.servers.push_back({.server = "alpha"});
+    for (const char* const key : {"bridge", "bridge/", "bridge/ups", "bridge/up/", "bridge/servers/alpha",
+                                  "bridge/servers/alpha/", "bridge/servers/alpha/age", "bridge/servers/alpha/age_ms/",
+                                  "bridge/servers/beta/age_ms", "bridge/machines/alpha/age_ms"}) {
+        EXPECT_FALSE(find(picture, key)) << key;
+    }
+    EXPECT_TRUE(find(picture, "bridge/connected"));
+    EXPECT_TRUE(find(picture, "bridge/servers/alpha/age_ms"));
+    picture.bridge->is_up = false;
+    EXPECT_TRUE(find(picture, "bridge/up"));
+    EXPECT_FALSE(find(picture, "bridge/connected")) << "it has no marks";
 }
 
 /// A key as the help shows it: names and kinds by what they are.
