@@ -232,7 +232,7 @@ class Client:
         self.lines, self.last_id, self.told = {}, 0, []
         self.lock = threading.Lock()
         # A busy machine answers late: only where a time-out is the subject is it short.
-        self.write({"endpoints": endpoints, "timeout": 10_000, "connect_timeout": 5_000, **settings})
+        self.write({"endpoints": endpoints, "timeout": 30_000, "connect_timeout": 20_000, **settings})
         self.first = json.loads(self.process.stdout.readline())
         self.reader = threading.Thread(target=self.read)
         self.reader.start()

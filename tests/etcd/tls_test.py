@@ -331,7 +331,7 @@ class Attackers(TlsTest):
 
     def test_a_changed_byte_of_the_answer_is_noticed(self):
         answer, server = self.put_through(damaged_byte=50_000)
-        self.assertEqual(answer["failure"], "cut")
+        self.assertEqual(answer["failure"], "cut", answer)
         self.assertIn(b"{", server.told)
         if PLATFORM == "windows":
             self.assertRegex(answer["reason"], ": TLS failed: .*; look at ")
@@ -351,7 +351,7 @@ class Attackers(TlsTest):
 
     def test_an_answer_that_is_cut_off_is_not_believed(self):
         answer, server = self.put_through(answer_bytes=50_000, closes_after=True)
-        self.assertEqual(answer["failure"], "cut")
+        self.assertEqual(answer["failure"], "cut", answer)
         self.assertIn(b"{", server.told)
 
     def test_an_answer_without_tls_is_refused(self):
