@@ -324,6 +324,30 @@ TEST(KernelOtherUsers, AreFoundWhileAProcessWaitsForALock) {
     });
 }
 
+/// Takes and releases locks until it is killed.
+[[noreturn]] void take_and_release_locks() {
+    int files[50];
+    for (int& file : files) file = open("/dev/shm", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    for (;;) {
+        for (const int file : files) flock(file, LOCK_EX);
+        for (const int file : files) flock(file, LOCK_UN);
+    }
+}
+
+TEST(KernelOtherUsers, AreFoundWhileOtherLocksComeAndGo) {
+    const std::string name = object_name();
+    in_fork([&] {
+        use_private_memory_disk();
+        const Handle mapping(create_mapping(name));
+        const Forked busy[] = {Forked(take_and_release_locks), Forked(take_and_release_locks),
+                               Forked(take_and_release_locks), Forked(take_and_release_locks)};
+        as_other_user([&] {
+            uint32_t found = 7;
+            for (int i = 0; i < 200; ++i) EXPECT_TRUE(kzmkernel_find_other_user(name.c_str(), &found));
+        });
+    });
+}
+
 TEST(KernelOtherUsers, AreFoundWhileTheyHoldAMapping) {
     const std::string name = object_name();
     in_fork([&] {

@@ -26,11 +26,16 @@ bool is_lock_of(const ListedLock& lock, const struct stat& file) {
 template <typename Matches>
 bool find_lock(ListedLock& lock, Matches matches) {
     const std::unique_ptr<FILE, int (*)(FILE*)> list(std::fopen("/proc/locks", "re"), std::fclose);
-    char line[256];
-    while (list && std::fgets(line, sizeof line, list.get())) {
-        const int fields = std::sscanf(line, "%*d: %15s %*s %*s %d %x:%x:%lu %llu", lock.type, &lock.process,
-                                       &lock.major, &lock.minor, &lock.inode, &lock.first);
-        if (fields == 6 && matches(lock)) return true;
+    // The system shows the list in pieces and counts its lines between them. While other processes take and release
+    // locks it misses a lock in up to one of ten readings, so the list is read several times.
+    for (int reading = 0; list && reading < 6; ++reading) {
+        std::rewind(list.get());
+        char line[256];
+        while (std::fgets(line, sizeof line, list.get())) {
+            const int fields = std::sscanf(line, "%*d: %15s %*s %*s %d %x:%x:%lu %llu", lock.type, &lock.process,
+                                           &lock.major, &lock.minor, &lock.inode, &lock.first);
+            if (fields == 6 && matches(lock)) return true;
+        }
     }
     return false;
 }
