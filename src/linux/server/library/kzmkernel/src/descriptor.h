@@ -15,10 +15,8 @@ class Descriptor {
     explicit Descriptor(int value) : value_(value) {}
     Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
-        if (this != &other) {
-            reset();
-            value_ = std::exchange(other.value_, -1);
-        }
+        Descriptor taken(std::move(other));
+        std::swap(value_, taken.value_);
         return *this;
     }
     ~Descriptor() { reset(); }

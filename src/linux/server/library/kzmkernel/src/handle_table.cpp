@@ -54,7 +54,7 @@ bool change_open(Slot& slot, uint64_t generation, uint64_t difference) {
     uint64_t state = slot.state.load(std::memory_order_relaxed);
     do {
         if (!is_open(state, generation)) return false;
-        // branch: another thread changes the slot between the two accesses
+        // branch by chance: another thread changes the slot between the two accesses
     } while (!slot.state.compare_exchange_weak(state, state + difference, std::memory_order_acquire,
                                                std::memory_order_relaxed));
     return true;

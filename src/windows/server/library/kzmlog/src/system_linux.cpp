@@ -63,6 +63,7 @@ int open_own(const char* path, int flags, mode_t mode, struct stat& status) {
     flags |= O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     bool removed = true;
     // A rotation may remove the file between open() and fstat(); the loop then tries its successor.
+    // branch by chance: the file is removed in each of the rounds
     for (int round = 0; removed && round < 4; ++round) {
         // O_CREAT comes in a second step, because it locks the folder.
         int descriptor = open(path, flags);
@@ -92,6 +93,7 @@ uint64_t size_of(int descriptor) {
 bool ends_within_a_line(int descriptor, uint64_t size) {
     for (int round = 0; round < 4; ++round) {
         char last = '\n';
+        // branch by chance: another process cuts the file in this moment
         if (size == 0 || pread(descriptor, &last, 1, static_cast<off_t>(size - 1)) != 1 || last == '\n') return false;
         static_cast<void>(fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, 1));
         const uint64_t size_then = size_of(descriptor);
@@ -107,6 +109,7 @@ class NoSizeSignal {
   public:
     NoSizeSignal() {
         struct rlimit limit {};
+        // branch: the system tells every process its limits
         if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return;
         sigset_t pending;
         sigemptyset(&pending);
