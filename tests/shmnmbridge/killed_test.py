@@ -2,6 +2,7 @@
 import pathlib
 import re
 import signal
+import threading
 import unittest
 
 import bridge_support
@@ -96,10 +97,17 @@ class Killed(BridgeTest):
             value += 1
             before = set(self.beta.get("shmnm_getholdstat", "alpha") + self.beta.get("shmnm_getnodestat", "alpha") + self.beta.get("shmnm_getpingstat", "alpha"))
             self.change(value)
-            killed = []
-            proxy = CountingProxy(self, self.etcd.members[0].port, request, lambda: killed or killed.append(self.beta.bridge and self.beta.bridge.process.kill()))
+            started = threading.Event()
+
+            def kill():
+                # Its first request may come before the test knows its process.
+                if started.wait(bridge_support.DEADLINE):
+                    self.beta.bridge.process.kill()
+
+            proxy = CountingProxy(self, self.etcd.members[0].port, request, kill)
             self.beta.configure([proxy.endpoint], cluster=self.cluster)
             bridge = self.beta.start()
+            started.set()
             self.assertEqual(bridge.process.wait(bridge_support.DEADLINE), -signal.SIGKILL)
             bridge.end()
             self.beta.configure(self.etcd.endpoints, cluster=self.cluster)
