@@ -27,8 +27,8 @@ template <typename Matches>
 bool find_lock(ListedLock& lock, Matches matches) {
     const std::unique_ptr<FILE, int (*)(FILE*)> list(std::fopen("/proc/locks", "re"), std::fclose);
     // The system shows the list in pieces and counts its lines between them. While other processes take and release
-    // locks it misses a lock in up to one of ten readings, so the list is read several times.
-    for (int reading = 0; list && reading < 6; ++reading) {
+    // locks it misses a lock in up to one of three readings, so the list is read many times.
+    for (int reading = 0; list && reading < 20; ++reading) {
         std::rewind(list.get());
         char line[256];
         while (std::fgets(line, sizeof line, list.get())) {
