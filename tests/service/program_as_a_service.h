@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -59,7 +60,11 @@ class ProgramAsAService : public testing::Test {
     /// Of a service that has started.
     void expect_that_it_takes_the_lock_over_and_tells_it() {
         manager_.await_event(event::started);
-        std::thread([] { EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK); }).join();
+        // It ends while the service waits for the lock.
+        std::thread([] {
+            EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1'200));
+        }).join();
         EXPECT_THAT(manager_.await_event(event::lock_taken_over), testing::HasSubstr(L"\"shmnmctl verify\""));
         EXPECT_EQ(picture::library().shmnm_rwlock(10'000), SHMNM_OK) << "it is free again";
         picture::library().shmnm_rwunlock();

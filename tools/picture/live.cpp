@@ -235,7 +235,7 @@ void LiveRegion::unlock() {
 }
 
 bool LiveRegion::take_over() {
-    return platform::take_over(mutex());
+    return platform::OwnedLock(mutex(), 0).was_taken_over();
 }
 
 Snapshot LiveRegion::empty_copy_of(const View& view, Bytes wanted) const {
@@ -312,17 +312,23 @@ bool LiveRegion::copy_without_lock(Snapshot& snapshot, const View& view) const {
 
 void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t timeout_ms) {
     const Library& calls = library();
-    if (access_.took_over && platform::take_over(mutex_)) access_.took_over();
     const uint64_t asked_us = platform::steady_clock_us();
-    if (calls.shmnm_rolock(timeout_ms) != SHMNM_OK) throw_no_lock(timeout_ms);
+    // The library's call does not tell of a take-over, so the lock is taken here before. It can be taken again.
+    std::optional<platform::OwnedLock> own;
+    if (access_.took_over) own.emplace(mutex_, timeout_ms);
+    const uint64_t waited_ms = std::min<uint64_t>((platform::steady_clock_us() - asked_us) / 1'000, timeout_ms);
+    if (calls.shmnm_rolock(timeout_ms - static_cast<uint32_t>(waited_ms)) != SHMNM_OK) throw_no_lock(timeout_ms);
     const uint64_t taken_us = platform::steady_clock_us();
     fill_with_lock_facts(snapshot, view);
     platform::count_look(mutex_);
     calls.shmnm_rounlock();
+    const bool was_taken_over = own && own->was_taken_over();
+    own.reset();
     snapshot.way = CopyWay::with_lock;
     snapshot.lock_wait_us = taken_us - asked_us;
     snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
     if (snapshot.lock) snapshot.lock->process = snapshot.lock->thread = 0;
+    if (was_taken_over) access_.took_over();
 }
 
 void LiveRegion::copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const {

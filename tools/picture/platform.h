@@ -71,9 +71,21 @@ std::optional<LockHolder> lock_holder(void* mutex);
 std::optional<shmnm::Note> note(void* mutex);
 /// That note itself, for this thread, which owns the lock; null where the system keeps none.
 void* own_note(void* mutex);
-/// Takes the lock and releases it, if it is free. Only where the system does not count how often it was taken over.
-/// @return whether its last owner had ended without releasing it
-bool take_over(void* mutex);
+/// The lock, taken and released by the system's own calls, which tell whether its last owner had ended without
+/// releasing it. Only where the system does not count how often it was taken over; elsewhere this does nothing.
+class OwnedLock {
+  public:
+    /// Waits at most so long. Not to get the lock is no failure.
+    OwnedLock(void* mutex, uint32_t timeout_ms);
+    ~OwnedLock();
+    OwnedLock(const OwnedLock&) = delete;
+    OwnedLock& operator=(const OwnedLock&) = delete;
+    bool was_taken_over() const { return was_taken_over_; }
+
+  private:
+    void* mutex_ = nullptr;  ///< null: not owned
+    bool was_taken_over_ = false;
+};
 /// This thread, which owns the lock, has taken it only to look.
 void count_look(void* mutex);
 /// A copy of what the lock guards, made without taking it. All of it must be loaded by relaxed atomics.

@@ -132,10 +132,13 @@ std::optional<shmnm::Note> note(void*) {
 void* own_note(void*) {
     return nullptr;
 }
-bool take_over(void* mutex) {
-    const DWORD taken = WaitForSingleObject(mutex, 0);
-    if (taken == WAIT_OBJECT_0 || taken == WAIT_ABANDONED) ReleaseMutex(mutex);
-    return taken == WAIT_ABANDONED;
+OwnedLock::OwnedLock(void* mutex, uint32_t timeout_ms) {
+    const DWORD taken = WaitForSingleObject(mutex, timeout_ms);
+    if (taken == WAIT_OBJECT_0 || taken == WAIT_ABANDONED) mutex_ = mutex;
+    was_taken_over_ = taken == WAIT_ABANDONED;
+}
+OwnedLock::~OwnedLock() {
+    if (mutex_) ReleaseMutex(mutex_);
 }
 void count_look(void*) {}
 const unsigned lockless_tries = 1;
