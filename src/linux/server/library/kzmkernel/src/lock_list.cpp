@@ -19,6 +19,7 @@ struct ListedLock {
 };
 
 bool is_lock_of(const ListedLock& lock, const struct stat& file) {
+    // branch by chance: other programs lock files on disks of other kinds
     return lock.major == major(file.st_dev) && lock.minor == minor(file.st_dev) && lock.inode == file.st_ino;
 }
 
