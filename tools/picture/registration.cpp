@@ -77,7 +77,8 @@ ClusterMembers register_all(const ClusterMembers& members) {
 }
 
 ClusterMembers register_missing(const Picture& picture, const ClusterMembers& members) {
-    ClusterMembers added = add_missing(members, std::nullopt);
+    // To a full table the library does not even add what is there.
+    ClusterMembers added = add_missing(missing_from(picture, members), std::nullopt);
     for (const ClusterMember& member : members) {
         if (is_unfinished(picture, members, member)) expect_ok(set_priority(member, member.priority), member);
     }
