@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
-#include "kzmutil.h"
+#include "bridge_marks/page_of_a_bridge.h"
 #include "picture/platform.h"
 #include "support/child.h"
 
@@ -12,28 +10,13 @@ namespace bridge {
 namespace {
 
 namespace platform = picture::platform;
+using test::PageOfABridge;
 
 Marks marks_of(const char* server) {
     Marks marks;
     marks.server = server;
     return marks;
 }
-
-/// A page of marks in the place where a bridge would have it.
-class PageOfABridge {
-  public:
-    explicit PageOfABridge(uint32_t size)
-        : mapping_(KzmutilCreateNamedFileMapping(reinterpret_cast<void*>(~uintptr_t{0}), 4, 0, size, marks_name),
-                   platform::close),
-          page_(mapping_ ? static_cast<MarksPage*>(platform::map_for_writing(mapping_.get())) : nullptr,
-                platform::unmap) {}
-
-    MarksPage* get() const { return page_.get(); }
-
-  private:
-    std::unique_ptr<void, void (*)(void*)> mapping_;
-    std::unique_ptr<MarksPage, void (*)(const void*)> page_;
-};
 
 CHILD(write_marks_and_wait) {
     LiveMarks live;

@@ -143,6 +143,47 @@ TEST(Differences, AreListedForEveryKindOfThing) {
                                      "hb/lan/lan1/descript \"\" -> \"new\""));
 }
 
+TEST(Differences, ShowWhatIsOnOneSideAlone) {
+    LibraryRegion region({3, 2, 1, 1});
+    shmnm_addnode("alpha", 1);
+    const Document before = document_of(region.dump());
+    shmnm_addnode("b c", -2);
+    shmnm_addhbrsc("lan", "lan1", 4);
+    shmnm_sethbdescript("lan", "lan1", "new", 3);
+    shmnm_addnprsc("ping", "without a description", 5);
+    shmnm_setfstrscpid("agent", 0, 1, UINT64_MAX);
+    const Document after = document_of(region.dump());
+    const std::vector<Difference> found = differences(before, after);
+    EXPECT_THAT(lines(found),
+                testing::IsSupersetOf(
+                    {"servers/b%20c/pri - -> -2", "servers/b%20c/nodestat - -> 2", "hb/lan/lan1/network/b%20c - -> 2",
+                     "fst/piddata/agent/0 - -> 18446744073709551615", "hb/lan/lan1/descript - -> \"new\""}));
+    EXPECT_THAT(lines(found), testing::Not(testing::Contains(testing::HasSubstr("combstat"))));
+    EXPECT_THAT(lines(found),
+                testing::Not(testing::Contains(testing::HasSubstr("without%20a%20description/descript"))));
+    EXPECT_THAT(lines(found), testing::Not(testing::Contains(testing::StartsWith("servers "))));
+    std::vector<std::string> back = lines(differences(after, before));
+    EXPECT_EQ(back.size(), found.size());
+    EXPECT_THAT(back, testing::IsSupersetOf({"servers/b%20c/pri -2 -> -", "hb/lan/lan1/descript \"new\" -> -"}));
+}
+
+TEST(Differences, HaveTheirSidesInJson) {
+    const std::vector<Difference> found{
+        {"a", Shown{"1", 1}, Shown{"2", 2}}, {"b", {}, Shown{"3", 3}}, {"c", Shown{"4", 4}, {}}};
+    EXPECT_EQ(to_json(found).dump(), R"([{"key":"a","old":1,"new":2},{"key":"b","new":3},{"key":"c","old":4}])");
+    LibraryRegion region({3, 2, 1, 1});
+    shmnm_addnode("alpha", 1);
+    shmnm_addnode("beta", 2);
+    shmnm_addnprsc("ping", "p1", 5);
+    const Document before = document_of(region.dump());
+    Document after = before;
+    std::swap(after.picture.servers[0], after.picture.servers[1]);
+    after.picture.np[0].descript = "d e";
+    EXPECT_EQ(to_json(differences(before, after)).dump(),
+              R"([{"key":"servers","old":["alpha","beta"],"new":["beta","alpha"]},)"
+              R"({"key":"np/ping/p1/descript","old":"","new":"d%20e"}])");
+}
+
 TEST(Differences, ShowTheSecondOfTwoRecordsOfOneName) {
     LibraryRegion region({3, 2, 1, 1});
     const std::string cut(300, 'x'), key = "servers/" + std::string(255, 'x') + "%002/";

@@ -11,7 +11,7 @@ namespace {
 TEST(ShownFile, KeepsTheLettersAndSignsOfEveryScript) {
     for (const std::string text :
          {"C:\\Users\\50%.bin", "\u00FCber \u00A9", "\u041A\u043B\u0430\u0441\u0442\u0435\u0440", "\u96C6\u7FA4",
-          "\u05D0\u0628", "\u20AC", "\U0001F5A5", "\U00020000"}) {
+          "\u05D0\u0628", "\u20AC", "\u0800", "\u07FF", "\U00010000", "\U0001F5A5", "\U00020000"}) {
         EXPECT_EQ(shown_file(text), text);
     }
 }
@@ -20,6 +20,7 @@ TEST(ShownFile, EscapesWhatControlsATerminalOrIsInvisible) {
     EXPECT_EQ(shown_file("a\x1B[31m\n\x7F"), "a%1B[31m%0A%7F");
     EXPECT_EQ(shown_file("\u0085\u00A0"), "%C2%85%C2%A0");
     EXPECT_EQ(shown_file("x\u202Ey"), "x%E2%80%AEy");
+    EXPECT_EQ(shown_file("x\u00ADy"), "x%C2%ADy");
     EXPECT_EQ(shown_file("\u200B\u2028\u2066\uFEFF"), "%E2%80%8B%E2%80%A8%E2%81%A6%EF%BB%BF");
     EXPECT_EQ(shown_file("\uE000\U000E0041"), "%EE%80%80%F3%A0%81%81");
 }
