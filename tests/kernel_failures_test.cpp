@@ -19,6 +19,7 @@
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
 #include "support/memory_disk_linux.h"
+#include "support/temporary_folder.h"
 #include "support/traced_linux.h"
 
 namespace {
@@ -41,40 +42,63 @@ struct Answer {
     uint64_t error;
 };
 
-/// What a process gets if its system call of that position fails with the first of the errors, the next one with the
-/// second.
+/// What a process gets if some of its system calls fail.
 struct Outcome {
     bool has_failed;  ///< there was such a call
     Answer answer;
+    std::string explanation;
 };
 
-Outcome outcome_of(const std::function<void*()>& work, int position, const std::vector<int>& errors) {
+/// Which error a system call fails with, seen where the process enters it; 0: none.
+using Failing = std::function<int(const Traced& process, const std::vector<uint64_t>& call)>;
+
+std::string text_at(const Traced& process, uint64_t address) {
+    std::string text;
+    for (;; address += sizeof(uint64_t)) {
+        const uint64_t word = process.word_at(address);
+        const auto* const bytes = reinterpret_cast<const char*>(&word);
+        const size_t length = strnlen(bytes, sizeof word);
+        text.append(bytes, length);
+        if (length < sizeof word) return text;
+    }
+}
+
+Outcome outcome_if(const std::function<void*()>& work, const Failing& failing) {
     Traced caller([&] {
         void* const handle = work();
         const uint32_t error = kzmkernel_last_error();
         const uint64_t number = handle ? kzmkernel_object_number(handle) : 0;
-        syscall(SYS_getppid, number, error);
+        kzmkernel_set_last_error(error);
+        syscall(SYS_getppid, number, error, kzmkernel_explanation());
         if (handle) kzmkernel_close(handle);
     });
     Outcome outcome{};
-    int calls = 0;
     bool is_answered = false;
     while (caller.step()) {
         const std::vector<uint64_t> call = caller.entered();
         if (call.empty()) continue;
         if (call[0] == SYS_getppid) {
             outcome.answer = {call[1], call[2]};
+            outcome.explanation = text_at(caller, call[3]);
             is_answered = true;
         }
-        if (!may_fail(call)) continue;
-        const int after = ++calls - position;
-        if (after < 0 || after >= static_cast<int>(errors.size())) continue;
-        caller.fail_call(errors[static_cast<size_t>(after)]);
+        const int error = may_fail(call) ? failing(caller, call) : 0;
+        if (error == 0) continue;
+        caller.fail_call(error);
         outcome.has_failed = true;
     }
     EXPECT_TRUE(is_answered);
     EXPECT_EQ(caller.status(), 0);
     return outcome;
+}
+
+/// The system call of that position fails with the first of the errors, the next one with the second.
+Outcome outcome_of(const std::function<void*()>& work, int position, const std::vector<int>& errors) {
+    int calls = 0;
+    return outcome_if(work, [&](const Traced&, const std::vector<uint64_t>&) {
+        const int after = ++calls - position;
+        return after < 0 || after >= static_cast<int>(errors.size()) ? 0 : errors[static_cast<size_t>(after)];
+    });
 }
 
 struct Errors {
@@ -112,8 +136,10 @@ Failures for_kind(const Kind& kind, const Failures& all) {
 }
 
 /// Lets each system call of the work fail in turn. The object's number is 0 if it does not live yet.
-void expect_reported(const std::function<void*()>& work, const std::function<void()>& prepare, uint64_t object,
-                     const Failures& all) {
+/// @return for how many calls the work failed with the number of their error; it can do without the others
+int expect_reported(const std::function<void*()>& work, const std::function<void()>& prepare, uint64_t object,
+                    const Failures& all) {
+    int reported = 0;
     for (const std::vector<int>& errors : all) {
         bool is_over = false;
         for (int position = 1; !is_over && !testing::Test::HasFailure(); ++position) {
@@ -124,8 +150,10 @@ void expect_reported(const std::function<void*()>& work, const std::function<voi
             const std::string where = std::strerror(errors[0]) + (" at call " + std::to_string(position));
             EXPECT_EQ(number != 0, error == 0 || error == KZMKERNEL_ERROR_ALREADY_EXISTS) << where << ": " << error;
             EXPECT_TRUE(object == 0 || number == 0 || number == object) << "a second object: " << where;
+            reported += error == KZMKERNEL_ERROR_GEN_FAILURE;
         }
     }
+    return reported;
 }
 
 TEST(KernelFailures, OfAnySystemCallOfACreatorAreReportedAndKeepNobodyFromCreatingIt) {
@@ -139,15 +167,17 @@ TEST(KernelFailures, OfAnySystemCallOfACreatorAreReportedAndKeepNobodyFromCreati
                 EXPECT_TRUE(fs::is_empty(folder()));
             };
             // Without access to /proc the creator names its file itself.
-            expect_reported(create, prepare, 0, for_kind(kind, {{EIO}, {ENOENT, EEXIST}, {ENOENT, ENOENT}}));
-            if (kind.create == create_mutex) {
+            const bool is_mutex = kind.create == create_mutex;
+            EXPECT_GE(expect_reported(create, prepare, 0, for_kind(kind, {{EIO}, {ENOENT, EEXIST}, {ENOENT, ENOENT}})),
+                      is_mutex ? 23 : 21);
+            if (is_mutex) {
                 const auto narrow = [] {
                     ASSERT_EQ(chmod(folder().c_str(), 0500), 0);
                     ASSERT_EQ(chmod(sibling().c_str(), 0400), 0);
                 };
-                expect_reported(create, narrow, 0, {{EIO}});
+                EXPECT_GE(expect_reported(create, narrow, 0, {{EIO}}), 29);
                 const auto remove = [] { fs::remove_all(folder()), fs::remove(sibling()); };
-                expect_reported(create, remove, 0, {{EIO}, {EEXIST}});
+                EXPECT_GE(expect_reported(create, remove, 0, {{EIO}, {EEXIST}}), 26);
             }
             prepare();
         }
@@ -162,30 +192,33 @@ TEST(KernelFailures, OfAnySystemCallNeverLeadToASecondObject) {
             const Handle held(kind.create(name));
             const uint64_t object = kzmkernel_object_number(held.value);
             const auto prepare = [] {};
-            expect_reported([&] { return kind.create(name); }, prepare, object,
-                            for_kind(kind, {{EIO}, {EEXIST}, {EACCES}, {ELOOP}, {ENOSPC}, {ENFILE}, {EINTR}}));
-            expect_reported([&] { return kind.open(name); }, prepare, object, for_kind(kind, {{EIO}, {ENOENT, EIO}}));
+            const auto create = [&] { return kind.create(name); };
+            const auto open = [&] { return kind.open(name); };
+            EXPECT_GE(expect_reported(create, prepare, object, {{EIO}}), 12);
+            EXPECT_GE(expect_reported(open, prepare, object, {{EIO}}), 12);
+            if (kind.create == create_mutex) {
+                expect_reported(create, prepare, object, {{EEXIST}, {EACCES}, {ELOOP}, {ENOSPC}, {ENFILE}, {EINTR}});
+                expect_reported(open, prepare, object, {{ENOENT, EIO}});
+            }
             // A process that has the object already.
-            expect_reported(
-                [&] {
-                    void* const first = kind.open(name);
-                    kzmkernel_set_last_error(0);
-                    void* const second = kind.open(name);
-                    const uint32_t error = kzmkernel_last_error();
-                    if (first) kzmkernel_close(first);
-                    kzmkernel_set_last_error(error);
-                    return second;
-                },
-                prepare, object, {{EIO}});
+            const auto open_again = [&] {
+                void* const first = kind.open(name);
+                kzmkernel_set_last_error(0);
+                void* const second = kind.open(name);
+                const uint32_t error = kzmkernel_last_error();
+                if (first) kzmkernel_close(first);
+                kzmkernel_set_last_error(error);
+                return second;
+            };
+            EXPECT_GE(expect_reported(open_again, prepare, object, {{EIO}}), 12);
             // A process that has closed all of its descriptors.
-            expect_reported(
-                [&] {
-                    kind.open(name);
-                    syscall(SYS_close_range, 3, ~0U, 0);
-                    kzmkernel_set_last_error(0);
-                    return kind.open(name);
-                },
-                prepare, object, {{EIO}});
+            const auto open_unguarded = [&] {
+                kind.open(name);
+                syscall(SYS_close_range, 3, ~0U, 0);
+                kzmkernel_set_last_error(0);
+                return kind.open(name);
+            };
+            EXPECT_GE(expect_reported(open_unguarded, prepare, object, {{EIO}}), 14);
         }
     });
 }
@@ -195,15 +228,14 @@ TEST(KernelFailures, OfAnySystemCallKeepAMutexMappedThatItsThreadOwns) {
         use_private_memory_disk();
         const std::string name = object_name();
         const Handle held(create_mutex(name));
-        expect_reported(
-            [&] {
-                void* const first = open_mutex(name);
-                if (first) kzmkernel_wait(first, 0);
-                if (first) kzmkernel_close(first);
-                kzmkernel_set_last_error(0);
-                return open_mutex(name);
-            },
-            [] {}, kzmkernel_object_number(held.value), {{EIO}});
+        const auto open_again = [&] {
+            void* const first = open_mutex(name);
+            if (first) kzmkernel_wait(first, 0);
+            if (first) kzmkernel_close(first);
+            kzmkernel_set_last_error(0);
+            return open_mutex(name);
+        };
+        EXPECT_GE(expect_reported(open_again, [] {}, kzmkernel_object_number(held.value), {{EIO}}), 12);
         EXPECT_EQ(kzmkernel_wait(held.value, 0), uint32_t{KZMKERNEL_WAIT_ABANDONED});
         EXPECT_TRUE(kzmkernel_release(held.value));
     });
@@ -251,21 +283,148 @@ TEST(KernelFailures, OfTheListOfLocksLeaveTheProcessThatHoldsTheGateUnnamed) {
     });
 }
 
+bool opens(const Traced& process, const std::vector<uint64_t>& call, const std::string& name) {
+    return call[0] == SYS_openat && text_at(process, call[2]) == name;
+}
+
+/// Looks at an open file. The C library may take either call.
+bool looks_at_descriptor(const Traced& process, const std::vector<uint64_t>& call) {
+    return call[0] == SYS_fstat || (call[0] == SYS_newfstatat && text_at(process, call[2]).empty());
+}
+
+TEST(KernelFailures, OfMakingTheSiblingAreExplained) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Errors all[] = {{ENOENT, KZMKERNEL_ERROR_FILE_NOT_FOUND},
+                              {ENOSPC, KZMKERNEL_ERROR_DISK_FULL},
+                              {EMFILE, KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES},
+                              {ENFILE, KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES}};
+        for (const Errors& each : all) {
+            const Outcome outcome = outcome_if([] { return create_mutex(object_name()); },
+                                               [&](const Traced& process, const std::vector<uint64_t>& call) {
+                                                   const bool makes = opens(process, call, sibling().filename()) &&
+                                                                      (call[3] & O_CREAT) != 0;
+                                                   return makes ? each.of_system : 0;
+                                               });
+            EXPECT_TRUE(outcome.has_failed);
+            EXPECT_EQ(outcome.answer.number, 0u);
+            EXPECT_EQ(outcome.answer.error, each.of_windows);
+            EXPECT_EQ(outcome.explanation, "cannot make " + sibling().string() + ": " + std::strerror(each.of_system));
+        }
+    });
+}
+
+TEST(KernelFailures, OfLookingAtAFolderThatCannotBeOpenedAreExplained) {
+    in_fork([] {
+        use_private_memory_disk();
+        { const Handle folder_maker(create_mutex(object_name())); }
+        const Outcome outcome = outcome_if(
+            [] { return create_mutex(object_name()); },
+            [](const Traced& process, const std::vector<uint64_t>& call) {
+                if (opens(process, call, folder().filename())) return EACCES;
+                return call[0] == SYS_newfstatat && text_at(process, call[2]) == folder().filename() ? EIO : 0;
+            });
+        EXPECT_EQ(outcome.answer.error, uint64_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+        EXPECT_EQ(outcome.explanation, "cannot look at " + folder().string() + ": " + std::strerror(EIO));
+    });
+}
+
+TEST(KernelFailures, OfMakingTheFolderAgainAndAgainEndAfterTwoSeconds) {
+    in_fork([] {
+        use_private_memory_disk();
+        int tries = 0;
+        // As if others made it and removed it each time.
+        const Outcome outcome = outcome_if([] { return create_mutex(object_name()); },
+                                           [&](const Traced&, const std::vector<uint64_t>& call) {
+                                               if (call[0] != SYS_mkdirat) return 0;
+                                               ++tries;
+                                               return EEXIST;
+                                           });
+        EXPECT_GT(tries, 1);
+        EXPECT_EQ(outcome.answer.number, 0u);
+        EXPECT_EQ(outcome.answer.error, uint64_t{KZMKERNEL_ERROR_BUSY});
+        EXPECT_EQ(outcome.explanation, folder().string() + " and its sibling are removed again and again");
+    });
+}
+
+TEST(KernelFailures, OfALookAtTheFolderLeaveTheProcessThatHoldsTheGateUnnamed) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle held(create_mutex(object_name()));
+        const int gate = open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(flock(gate, LOCK_EX | LOCK_NB), 0);
+        bool has_waited = false;
+        const Outcome outcome = outcome_if([] { return open_mutex(object_name()); },
+                                           [&](const Traced& process, const std::vector<uint64_t>& call) {
+                                               has_waited |= call[0] == SYS_flock;
+                                               return has_waited && looks_at_descriptor(process, call) ? EIO : 0;
+                                           });
+        EXPECT_TRUE(outcome.has_failed);
+        EXPECT_EQ(outcome.answer.error, uint64_t{KZMKERNEL_ERROR_BUSY});
+        EXPECT_EQ(outcome.explanation, "another process does not let go of " + folder().string());
+        close(gate);
+    });
+}
+
+/// Lets a process create the running test's object and be killed.
+void leave_dead(const Kind& kind) {
+    Sign made;
+    Forked creator([&] {
+        kind.create(object_name());
+        made.give();
+        pause_forever();
+    });
+    made.await();
+}
+
+// Some file systems grant none.
+TEST(KernelFailures, OfLeasesKeepNobodyFromReplacingADeadObject) {
+    in_fork([] {
+        use_private_memory_disk();
+        for (const auto& kind : kinds) {
+            leave_dead(kind);
+            const Outcome outcome = outcome_if([&] { return kind.create(object_name()); },
+                                               [](const Traced&, const std::vector<uint64_t>& call) {
+                                                   return call[0] == SYS_fcntl && call[2] == F_SETLEASE ? EINVAL : 0;
+                                               });
+            EXPECT_TRUE(outcome.has_failed);
+            EXPECT_NE(outcome.answer.number, 0u);
+            EXPECT_EQ(outcome.answer.error, 0u);
+        }
+    });
+}
+
+TEST(KernelFailures, OfAnySystemCallLeaveNoPageOfAMutexMapped) {
+    in_fork([] {
+        use_private_memory_disk();
+        Sign held;
+        Forked holder([&] {
+            create_mutex(object_name());
+            held.give();
+            pause_forever();
+        });
+        held.await();
+        const auto open = [] {
+            void* const mutex = open_mutex(object_name());
+            const uint32_t error = kzmkernel_last_error();
+            if (!mutex) {
+                EXPECT_EQ(contents_of("/proc/self/maps").find(folder()), std::string::npos);
+            }
+            kzmkernel_set_last_error(error);
+            return mutex;
+        };
+        EXPECT_GE(expect_reported(open, [] {}, 0, {{EIO}}), 14);
+    });
+}
+
 TEST(KernelFailures, OfAnySystemCallOfACreatorWhoFindsADeadObjectAreReported) {
     in_fork([] {
         use_private_memory_disk();
         const std::string name = object_name();
         for (const auto& kind : kinds) {
-            const auto leave_dead = [&] {
-                Sign made;
-                Forked creator([&] {
-                    kind.create(name);
-                    made.give();
-                    pause_forever();
-                });
-                made.await();
-            };
-            expect_reported([&] { return kind.create(name); }, leave_dead, 0, {{EIO}});
+            const auto create = [&] { return kind.create(name); };
+            EXPECT_GE(expect_reported(create, [&] { leave_dead(kind); }, 0, {{EIO}}),
+                      kind.create == create_mutex ? 25 : 23);
             expect_new(kind.create, name);
         }
     });
@@ -277,21 +436,20 @@ TEST(KernelFailures, OfAnySystemCallOfAViewAreReported) {
         const std::string name = object_name();
         const Handle held(create_page(name));
         const uint64_t object = kzmkernel_object_number(held.value);
-        expect_reported(
-            [&]() -> void* {
-                void* const mapping = open_mapping(name);
-                char* const view = mapping ? map(mapping) : nullptr;
-                const uint32_t error = kzmkernel_last_error();
-                if (view) {
-                    *view = 1;
-                    kzmkernel_unmap_view(view);
-                } else if (mapping) {
-                    kzmkernel_close(mapping);
-                }
-                kzmkernel_set_last_error(error);
-                return view ? mapping : nullptr;
-            },
-            [] {}, object, {{EIO}});
+        const auto look_through_view = [&]() -> void* {
+            void* const mapping = open_mapping(name);
+            char* const view = mapping ? map(mapping) : nullptr;
+            const uint32_t error = kzmkernel_last_error();
+            if (view) {
+                *view = 1;
+                kzmkernel_unmap_view(view);
+            } else if (mapping) {
+                kzmkernel_close(mapping);
+            }
+            kzmkernel_set_last_error(error);
+            return view ? mapping : nullptr;
+        };
+        EXPECT_GE(expect_reported(look_through_view, [] {}, object, {{EIO}}), 13);
     });
 }
 
