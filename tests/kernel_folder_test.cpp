@@ -7,12 +7,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
 #include "support/memory_disk_linux.h"
+#include "support/temporary_folder.h"
 #include "support/traced_linux.h"
 
 namespace {
@@ -100,6 +103,94 @@ TEST(KernelSibling, IsMadeAgainAfterItsUnusedFolderWasRemovedWithIt) {
     });
 }
 
+/// Whether a process enters a call that locks a byte.
+bool locks_a_byte(const Traced& process) {
+    const std::vector<uint64_t> call = process.entered();
+    return !call.empty() && call[0] == SYS_fcntl && call[2] == F_OFD_SETLK;
+}
+
+void run_to_its_end(Traced& process) {
+    while (process.step()) {
+    }
+    EXPECT_EQ(process.status(), 0);
+}
+
+TEST(KernelFolder, IsMadeAgainIfRemovedBeforeItsFirstCreatorIsInside) {
+    in_fork([] {
+        use_private_memory_disk();
+        for (int locks = 1; locks <= 2; ++locks) {
+            fs::remove_all(folder());
+            Traced creator([] { expect_new(create_mutex, object_name()); });
+            for (int i = 0; i < locks; ++i) {
+                do {
+                    ASSERT_TRUE(creator.step());
+                } while (!locks_a_byte(creator));
+            }
+            fs::remove_all(folder());
+            run_to_its_end(creator);
+        }
+    });
+}
+
+/// Runs a creator up to a call that opens the sibling, lets another process create the object, and lets it go on.
+void expect_existing_if_created_before(uint64_t flags_of_open) {
+    in_fork([&] {
+        use_private_memory_disk();
+        Traced creator(
+            [] { EXPECT_EQ(Handle(create_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS}); });
+        const std::string name = sibling().filename();
+        const auto opens_sibling = [&] {
+            const std::vector<uint64_t> call = creator.entered();
+            if (call.empty() || call[0] != SYS_openat || (call[3] & flags_of_open) != flags_of_open) return false;
+            std::string path;
+            for (size_t at = 0; at < name.size(); at += sizeof(uint64_t)) {
+                const uint64_t word = creator.word_at(call[2] + at);
+                path.append(reinterpret_cast<const char*>(&word), sizeof word);
+            }
+            return path.compare(0, name.size(), name) == 0;
+        };
+        do {
+            ASSERT_TRUE(creator.step());
+        } while (!opens_sibling());
+        const Handle other(create_mutex(object_name()));
+        EXPECT_EQ(other.error, 0u);
+        run_to_its_end(creator);
+    });
+}
+
+TEST(KernelFolder, IsSharedWithACreatorWhoMadeItMeanwhile) {
+    expect_existing_if_created_before(O_RDWR);
+}
+
+TEST(KernelSibling, IsSharedWithACreatorWhoMadeItMeanwhile) {
+    expect_existing_if_created_before(O_CREAT | O_EXCL);
+}
+
+// Adding permissions is for what this library made itself.
+TEST(KernelFolder, LeavesTheModesOfOtherThingsUnderItsNames) {
+    in_fork([] {
+        use_private_memory_disk();
+        const auto expect_untouched = [](const fs::path& path, mode_t mode) {
+            struct stat found {};
+            ASSERT_EQ(chmod(path.c_str(), mode), 0);
+            expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+            ASSERT_EQ(stat(path.c_str(), &found), 0);
+            EXPECT_EQ(found.st_mode & 07777, mode) << path;
+        };
+        write_text(folder(), "a file");
+        expect_untouched(folder(), 0600);
+        fs::remove(folder());
+        fs::create_directory(sibling());
+        expect_untouched(sibling(), 0400);
+        fs::remove(sibling());
+        { const Handle maker(create_mutex(object_name())); }
+        // With other permissions than ours too many are there as well as too few.
+        expect_untouched(folder(), 0077);
+        ASSERT_EQ(chmod(folder().c_str(), 0700), 0);
+        expect_untouched(sibling(), 0240);
+    });
+}
+
 // A second process comes after the removal, wherever the first one stands.
 TEST(KernelFolder, NeverHoldsASecondObjectIfRemovedAtAnyStepOfACreator) {
     in_fork([] {
@@ -167,6 +258,81 @@ TEST(KernelFolder, HoldsItsOwnObjectsIfAnotherDiskIsMountedOverIt) {
         EXPECT_EQ(second.error, 0u);
         EXPECT_EQ(kzmkernel_wait(first.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
         EXPECT_TRUE(kzmkernel_release(first.value));
+    });
+}
+
+/// The place of a guard, by the description of the format: FNV-1a with its bits mixed again.
+off_t place_of(const std::string& bytes) {
+    uint64_t value = 0xCBF29CE484222325;
+    for (const char byte : bytes) value = (value ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
+    value = (value ^ (value >> 32)) * 0xD6E8FEB86659FD93;
+    return static_cast<off_t>((value ^ (value >> 32)) >> 2);
+}
+
+std::string bytes_of(uint64_t number) {
+    return std::string(reinterpret_cast<const char*>(&number), sizeof number);
+}
+
+/// Whether a byte of a file is locked by somebody in a way that keeps out this type of lock.
+bool keeps_out(const fs::path& file, off_t place, short type) {
+    const int opened = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_start = place;
+    lock.l_len = 1;
+    EXPECT_EQ(fcntl(opened, F_OFD_GETLK, &lock), 0);
+    close(opened);
+    return lock.l_type != F_UNLCK;
+}
+
+void expect_locked_for_reading(const fs::path& file, off_t place) {
+    EXPECT_TRUE(keeps_out(file, place, F_WRLCK)) << file << ' ' << place;
+    EXPECT_FALSE(keeps_out(file, place, F_RDLCK)) << file << ' ' << place;
+    EXPECT_FALSE(keeps_out(file, place - 1, F_WRLCK)) << file << ' ' << place;
+    EXPECT_FALSE(keeps_out(file, place + 1, F_WRLCK)) << file << ' ' << place;
+}
+
+// A program of another build finds a living object only if it looks at the same bytes.
+TEST(KernelGuards, LieAtPlacesThatDependOnTheNameAndTheFile) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle mutex(create_mutex("example")), mapping(create_mapping("example2", 3 * page));
+        const auto expect_guarded = [](const fs::path& file, const fs::path& place, bool has_size) {
+            struct stat found {};
+            ASSERT_EQ(stat(file.c_str(), &found), 0);
+            const std::string name = file.filename().string() + '\0';
+            expect_locked_for_reading(place, place_of(name));
+            expect_locked_for_reading(place,
+                                      place_of(name + bytes_of(found.st_ino) +
+                                               (has_size ? bytes_of(static_cast<uint64_t>(found.st_size)) : "")));
+        };
+        expect_guarded(file_of_mutex("example"), folder(), true);
+        expect_guarded(file_of_mapping("example2"), folder(), true);
+        expect_guarded(folder(), sibling(), false);
+        EXPECT_EQ(place_of(std::string("m.example") + '\0'), 2777692500343651965);
+    });
+}
+
+TEST(KernelGuards, OfAMakerLieAtAPlaceThatDependsOnTheName) {
+    in_fork([] {
+        use_private_memory_disk();
+        Traced creator([] { expect_new(create_mutex, "example"); });
+        creator.run_until_it_enters(SYS_fallocate);
+        const off_t place = place_of(std::string("new m.example") + '\0');
+        EXPECT_TRUE(keeps_out(sibling(), place, F_RDLCK));
+        EXPECT_FALSE(keeps_out(sibling(), place - 1, F_RDLCK));
+        EXPECT_FALSE(keeps_out(sibling(), place + 1, F_RDLCK));
+        run_to_its_end(creator);
+    });
+}
+
+TEST(KernelGuards, OfAMakerAreLetGoWhenTheObjectIsThere) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle mutex(create_mutex("example"));
+        EXPECT_FALSE(keeps_out(sibling(), place_of(std::string("new m.example") + '\0'), F_RDLCK));
+        EXPECT_FALSE(keeps_out(sibling(), 0, F_RDLCK));
+        EXPECT_FALSE(keeps_out(sibling(), 1, F_RDLCK));
     });
 }
 
