@@ -129,6 +129,58 @@ TEST(KernelGate, LetsTwoCreatorsMakeOneObjectThatFillsTheDisk) {
     });
 }
 
+TEST(KernelGate, LetsCreatorsOfOtherNamesPassWithoutAWait) {
+    in_fork([] {
+        use_private_memory_disk();
+        Traced stopped([] { create_mapping(object_name() + "1", large); });
+        stopped.run_until_it_enters(SYS_fallocate);
+        Traced other([] { expect_new(create_page, object_name() + "2"); });
+        int pauses = 0;
+        while (other.step()) {
+            const std::vector<uint64_t> call = other.entered();
+            pauses += !call.empty() && call[0] == SYS_clock_nanosleep;
+        }
+        EXPECT_EQ(other.status(), 0);
+        EXPECT_EQ(pauses, 0);
+    });
+}
+
+/// Whether a process is about to close the last descriptor of a file without a name.
+bool frees_a_file(const Traced& process) {
+    const std::vector<uint64_t> call = process.entered();
+    if (call.empty() || call[0] != SYS_close) return false;
+    std::error_code error;
+    const fs::path link = "/proc/" + std::to_string(process.id()) + "/fd/" + std::to_string(call[1]);
+    const std::string target = fs::read_symlink(link, error).string();
+    return target.size() > 10 && target.compare(target.size() - 10, 10, " (deleted)") == 0;
+}
+
+TEST(KernelGate, IsFreeWhileTheMemoryOfEndedObjectsIsFreed) {
+    in_fork([] {
+        use_private_memory_disk();
+        Sign made;
+        Forked dead([&] {
+            create_mapping(object_name(), large);
+            create_mapping(object_name() + "other", large);
+            made.give();
+            pause_forever();
+        });
+        made.await();
+        dead.kill();
+        // It finds the file of a dead object under the name, and another one. It makes its own file without a name,
+        // opens it by its name, and removes it.
+        Traced creator([] { expect_new(create_page, object_name()); });
+        int freed = 0;
+        while (creator.step()) {
+            if (!frees_a_file(creator)) continue;
+            ++freed;
+            EXPECT_TRUE(gate_is_free());
+        }
+        EXPECT_EQ(creator.status(), 0);
+        EXPECT_EQ(freed, 4);
+    });
+}
+
 /// A process that holds the gate and does nothing.
 class Holder {
   public:
@@ -213,6 +265,24 @@ TEST(KernelGate, LetsTheNextCreatorCleanUpWhatAKilledOneLeftWithoutProc) {
         }
         EXPECT_EQ(living.status(), 0);
         EXPECT_TRUE(fs::is_empty(folder()));
+    });
+}
+
+TEST(KernelGate, TriesAHundredNamesForANewFileWithoutProc) {
+    in_fork([] {
+        use_private_memory_disk();
+        ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
+        become(spare_user());
+        { const Handle folder_maker(create_page(object_name())); }
+        for (int i = 0; i < 100; ++i) {
+            // With this mode it is not taken for what a killed creator left.
+            const std::string name = ".new." + std::to_string(getpid()) + "." + std::to_string(i);
+            close(open((folder() / name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0400));
+        }
+        EXPECT_EQ(Handle(create_page(object_name())).error, uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+        fs::remove(folder() / (".new." + std::to_string(getpid()) + ".99"));
+        expect_new(create_page, object_name());
+        EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 99);
     });
 }
 

@@ -47,6 +47,24 @@ TEST(KernelMemory, FailsTheCreateWhenItIsShortAndLeavesNothing) {
     });
 }
 
+TEST(KernelMemory, MayFillTheDisk) {
+    in_fork([] {
+        use_private_memory_disk("size=256k");
+        { const Handle folder_maker(create_mapping(object_name())); }
+        const Handle mapping(create_mapping(object_name(), fs::space("/dev/shm").available));
+        EXPECT_EQ(mapping.error, 0u);
+        EXPECT_EQ(fs::space("/dev/shm").available, 0u);
+        EXPECT_EQ(Handle(create_mapping(object_name() + "2")).error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
+    });
+}
+
+TEST(KernelMemory, IsThereOnADiskWithoutASize) {
+    in_fork([] {
+        use_private_memory_disk("size=0");
+        expect_new(create_page, object_name());
+    });
+}
+
 TEST(KernelMemory, IsFreedByADeadObjectForTheNextOne) {
     in_fork([] {
         use_private_memory_disk("size=256k");
