@@ -3,14 +3,17 @@
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
 #include "support/memory_disk_linux.h"
+#include "support/traced_linux.h"
 
 namespace {
 
@@ -48,6 +51,53 @@ TEST(KernelDescriptors, FailCallsWith4WhenNoneIsLeftAndBlockNobody) {
         expect_new(create_page, name);
     });
     expect_new(create_page, name);
+}
+
+std::ptrdiff_t open_descriptors() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+TEST(KernelDescriptors, AreAllGivenBack) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::string name = object_name();
+        const std::ptrdiff_t before = open_descriptors();
+        for (const Kind& kind : kinds) {
+            expect_new(kind.create, name);
+            EXPECT_EQ(Handle(kind.open(name)).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+        }
+        uint32_t user = 0;
+        EXPECT_FALSE(kzmkernel_find_other_user(name.c_str(), &user));
+        EXPECT_EQ(open_descriptors(), before);
+    });
+}
+
+// The number of a descriptor that was closed may already be another file's.
+TEST(KernelDescriptors, AreNeverClosedTwice) {
+    in_fork([] {
+        use_private_memory_disk();
+        Traced user([] {
+            const std::string name = object_name();
+            for (const Kind& kind : kinds) {
+                const Handle created(kind.create(name)), opened(kind.open(name));
+                kzmkernel_unmap_view(map(opened.value));
+            }
+        });
+        int closed = 0;
+        bool closes = false;
+        while (user.step()) {
+            const std::vector<uint64_t> call = user.entered();
+            if (call.empty()) {
+                EXPECT_TRUE(!closes || user.left() == 0);
+                closes = false;
+            } else if (call[0] == SYS_close) {
+                ++closed;
+                closes = true;
+            }
+        }
+        EXPECT_EQ(user.status(), 0);
+        EXPECT_GT(closed, 10);
+    });
 }
 
 // Each count of free descriptors fails another step.

@@ -12,6 +12,7 @@
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
 #include "support/sleepers_linux.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -104,6 +105,23 @@ TEST_P(KernelForkedHandle, IsClosedByExec) {
     expect_new(GetParam().create, object_name());
     child.kill();
     for (const int descriptor : {blocked[0], blocked[1], signalled[0], signalled[1]}) close(descriptor);
+}
+
+TEST(KernelFork, ChildFreesThePageOfAMutexThatItsThreadUsedLast) {
+    const std::string name = object_name();
+    const Handle mutex(create_mutex(name));
+    for (const bool uses_it : {false, true}) {
+        ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        ASSERT_TRUE(kzmkernel_release(mutex.value));
+        in_fork([&] {
+            if (uses_it) {
+                EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+                EXPECT_TRUE(kzmkernel_release(mutex.value));
+            }
+            EXPECT_TRUE(kzmkernel_close(mutex.value));
+            EXPECT_EQ(contents_of("/proc/self/maps").find(file_of_mutex(name).filename()), std::string::npos);
+        });
+    }
 }
 
 TEST(KernelFork, ExecOfAnOwnerAbandonsItsLock) {

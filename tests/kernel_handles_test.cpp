@@ -1,6 +1,7 @@
 // The handles of kzmkernel: how many there are, invented ones, and those that threads use and close at once.
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
+#include <pthread.h>
 
 #include <array>
 #include <atomic>
@@ -137,6 +138,47 @@ TEST(KernelHandles, FreeThePagesOfClosedMutexesWhoseOwnersEnded) {
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 1u) << "the owner's list of locks needs it";
     other.close();
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
+}
+
+void* cancelled_while_it_creates(void* name) {
+    pthread_cancel(pthread_self());
+    void* const mutex = kzmkernel_create_mutex(static_cast<const std::string*>(name)->c_str());
+    EXPECT_NE(mutex, nullptr);
+    EXPECT_TRUE(kzmkernel_close(mutex));
+    pthread_testcancel();
+    return nullptr;
+}
+
+TEST(KernelHandles, CanBeOpenedAndClosedByAThreadThatIsCancelledMeanwhile) {
+    std::string name = object_name();
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, nullptr, cancelled_while_it_creates, &name), 0);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED) << "the thread can be cancelled afterwards";
+    expect_new(create_mutex, name);
+}
+
+TEST(KernelHandles, FreeTheirPageWhenClosedAfterTheThreadsThatUsedThemEnded) {
+    const std::string name = object_name();
+    void* const mutex = create_mutex(name);
+    std::thread([&] {
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_release(mutex));
+    }).join();
+    EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 1u);
+    EXPECT_TRUE(kzmkernel_close(mutex));
+    EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
+}
+
+// The page in which a new mutex is prepared is not kept.
+TEST(KernelHandles, MapOnePageOfAMutex) {
+    const std::string place = folder().string() + '/';
+    const size_t before = mappings_of(place);
+    void* const mutex = create_mutex(object_name());
+    EXPECT_EQ(mappings_of(place), before + 1);
+    EXPECT_TRUE(kzmkernel_close(mutex));
+    EXPECT_EQ(mappings_of(place), before);
 }
 
 TEST(KernelHandles, AreDistinguishedWhenMutexesAreUsedInTurn) {

@@ -4,10 +4,12 @@
 #include <kzmkernel.h>
 #include <pthread.h>
 
+#include <climits>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
@@ -65,19 +67,36 @@ TEST(KernelLibrary, CanBeUnloadedAfterUse) {
 
 TEST(KernelLibrary, WorksIfTheProgramHasUsedAllThreadKeys) {
     in_fork([] {
-        pthread_key_t key;
-        while (pthread_key_create(&key, nullptr) == 0) {
+        std::vector<pthread_key_t> keys;
+        for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0; keys.push_back(key)) {
         }
         LoadedCopy copy;
-        void* const mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(object_name().c_str());
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-            EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
-        }
+        const std::string name = object_name();
+        void* const mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+        std::thread([&] {
+            for (int i = 0; i < 2; ++i) {
+                EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+                EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+            }
+            for (const pthread_key_t key : keys) EXPECT_EQ(pthread_getspecific(key), nullptr) << "the program's own";
+        }).join();
         EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex));
+        EXPECT_EQ(test::contents_of("/proc/self/maps").find(file_of_mutex(name).filename()), std::string::npos);
         copy.unload();
         EXPECT_FALSE(copy.is_loaded());
     });
+}
+
+TEST(KernelLibrary, UsesNoThreadKeyAfterItIsUnloaded) {
+    LoadedCopy copy;
+    for (int i = 0; i < PTHREAD_KEYS_MAX; ++i) {
+        copy.unload();
+        copy.load();
+    }
+    copy.unload();
+    pthread_key_t key;
+    ASSERT_EQ(pthread_key_create(&key, nullptr), 0);
+    pthread_key_delete(key);
 }
 
 TEST(KernelLibrary, KeepsTheLocksOfItsThreadsAcrossAReload) {

@@ -56,6 +56,10 @@ std::vector<uint64_t> Traced::entered() const {
     return call;
 }
 
+int64_t Traced::left() const {
+    return static_cast<int64_t>(registers_of(id()).rax);
+}
+
 void Traced::run_until_it_enters(uint64_t number) {
     while (step()) {
         const std::vector<uint64_t> call = entered();

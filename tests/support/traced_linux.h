@@ -25,6 +25,8 @@ class Traced {
     bool step();
     /// The system call that it enters: its number and arguments; nothing if it is not entering one.
     std::vector<uint64_t> entered() const;
+    /// What the system call that it leaves returned.
+    int64_t left() const;
     /// Throws if it ends without that call.
     void run_until_it_enters(uint64_t number);
     /// 8 bytes of its memory.
