@@ -11,10 +11,13 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/child.h"
 #include "support/forked_linux.h"
@@ -185,10 +188,14 @@ TEST(KernelFolderVariable, RefusesAnythingButTheFullPathOfAFolder) {
 
 TEST(KernelFolderVariable, RefusesAPathForWhichThereIsNoRoom) {
     // The sibling's path is longer than the folder's.
-    for (const size_t length : {size_t{PATH_MAX} - 3, size_t{PATH_MAX} + 10}) {
+    constexpr size_t longest = PATH_MAX - 1 - (sizeof ".guard" - 1);
+    for (const size_t length : {longest, longest + 1, size_t{PATH_MAX} - 3, size_t{PATH_MAX} + 10}) {
         std::string place = "/dev/shm";
         while (place.size() < length) place += '/' + std::string(std::min<size_t>(length - place.size(), 100) - 1, 'n');
-        with_folder(place.c_str(), [] { expect_mutex_refused(KZMKERNEL_ERROR_INVALID_NAME); });
+        // There is no such folder either, which is noticed only if there is room for its path.
+        with_folder(place.c_str(), [&] {
+            expect_mutex_refused(length > longest ? KZMKERNEL_ERROR_INVALID_NAME : KZMKERNEL_ERROR_FILE_NOT_FOUND);
+        });
     }
 }
 
@@ -198,11 +205,35 @@ TEST(KernelFolderVariable, TakesAParentOfTheUserInWhichOthersMayRemoveNothing) {
         ASSERT_EQ(chown("/dev/shm/parent", other_user, other_user), 0);
         as_other_user([] { expect_new(create_mutex, object_name()); });
         ASSERT_EQ(chmod("/dev/shm/parent", 0777), 0);
-        as_other_user([] {
+        const auto expect_unsafe = [] {
             expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
             EXPECT_THAT(kzmkernel_explanation(),
                         testing::StartsWith("other users may remove your folder from /dev/shm/parent/"));
-        });
+        };
+        as_other_user(expect_unsafe);
+        ASSERT_EQ(chown("/dev/shm/parent", 0, 0), 0);
+        as_other_user(expect_unsafe);
+    });
+}
+
+TEST(KernelFolderVariable, TakesTheMemoryDiskWhoeverOwnsIt) {
+    in_fork([] {
+        use_private_memory_disk();
+        ASSERT_EQ(chown("/dev/shm", other_user, other_user), 0);
+        expect_new(create_mutex, object_name());
+        const test::ScopedEnvironment variable("KZMKERNEL_FOLDER", "/dev/shm/ours");
+        expect_new(create_mutex, object_name());
+    });
+}
+
+TEST(KernelFolderVariable, RefusesAPlaceOfAnotherUserWhosePathIsLikeTheMemoryDisks) {
+    in_fork([] {
+        use_private_memory_disk();
+        ASSERT_EQ(mount("tmpfs", "/dev", "tmpfs", 0, "mode=755"), 0) << strerror(errno);
+        fs::create_directory("/dev/shn");
+        ASSERT_EQ(chown("/dev/shn", other_user, other_user), 0);
+        const test::ScopedEnvironment variable("KZMKERNEL_FOLDER", "/dev/shn/ours");
+        expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
     });
 }
 
@@ -372,6 +403,155 @@ TEST(KernelOtherUsers, AreFoundWhileTheyHoldAMapping) {
         EXPECT_TRUE(fs::exists(folder()));
         expect_found(false);
         EXPECT_EQ(user, 7u);
+    });
+}
+
+TEST(KernelOtherUsers, AreNamedByTheirId) {
+    const std::string name = object_name();
+    in_fork([&] {
+        use_private_memory_disk();
+        Sign held, over;
+        Forked holder([&] {
+            become(other_user);
+            const Handle mapping(create_mapping(name));
+            held.give();
+            over.await();
+        });
+        held.await();
+        uint32_t found = 7;
+        EXPECT_TRUE(kzmkernel_find_other_user(name.c_str(), &found));
+        EXPECT_EQ(found, other_user);
+        over.give();
+        EXPECT_EQ(holder.wait(), 0);
+    });
+}
+
+TEST(KernelOtherUsers, AreNotFoundInAFolderThatTheyChose) {
+    const std::string name = object_name();
+    with_folder("/dev/shm/ours", [&] {
+        const Handle mapping(create_mapping(name));
+        EXPECT_EQ(mapping.error, 0u);
+        as_other_user([&] {
+            uint32_t found = 7;
+            EXPECT_FALSE(kzmkernel_find_other_user(name.c_str(), &found));
+        });
+    });
+}
+
+/// The lines of a text that contain a word.
+std::vector<std::string> lines_with(const std::string& text, const std::string& word) {
+    std::vector<std::string> lines;
+    std::istringstream all(text);
+    for (std::string line; std::getline(all, line);) {
+        if (line.find(word) != std::string::npos) lines.push_back(line + '\n');
+    }
+    return lines;
+}
+
+/// Puts another text in the place of the system's list of locks, for the rest of the process's life.
+void show_list_of_locks(const std::string& text) {
+    const fs::path list = "/dev/shm/list";
+    write_text(list, text);
+    ASSERT_EQ(mount(list.c_str(), "/proc/locks", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+}
+
+/// The number of a field of a line of that list, and what follows it, as in "00:1b:17 0 EOF" after field 5.
+std::string with_field(const std::string& line, size_t field, const std::string& value) {
+    std::istringstream words(line);
+    std::string word, made;
+    for (size_t at = 0; words >> word; ++at) made += (at == 0 ? "" : " ") + (at == field ? value : word);
+    return made + '\n';
+}
+
+// A line of the list: "1: OFDLCK  ADVISORY  READ -1 00:1b:17 4711 4711".
+constexpr size_t type_field = 1, process_field = 4, file_field = 5, first_field = 6;
+
+/// The file of a line, "00:1b:17", with one of its three numbers raised: the disk's two or the file's.
+std::string other_file(const std::string& line, int part) {
+    std::istringstream words(line);
+    std::string file;
+    for (size_t at = 0; at <= file_field; ++at) words >> file;
+    unsigned numbers[2]{};
+    unsigned long inode = 0;
+    EXPECT_EQ(std::sscanf(file.c_str(), "%x:%x:%lu", &numbers[0], &numbers[1], &inode), 3);
+    if (part < 2) ++numbers[part];
+    if (part == 2) ++inode;
+    char made[100];
+    std::snprintf(made, sizeof made, "%02x:%02x:%lu", numbers[0], numbers[1], inode);
+    return made;
+}
+
+std::string word_for(const fs::path& file) {
+    struct stat found {};
+    EXPECT_EQ(stat(file.c_str(), &found), 0);
+    return ":" + std::to_string(found.st_ino) + " ";
+}
+
+TEST(KernelOtherUsers, AreFoundByTheLocksOfTheirFolderOnly) {
+    const std::string name = object_name();
+    in_fork([&] {
+        use_private_memory_disk();
+        const Handle mapping(create_mapping(name));
+        std::vector<std::string> locks;
+        for (const std::string& line : lines_with(test::contents_of("/proc/locks"), word_for(folder()))) {
+            if (line.find("OFDLCK") != std::string::npos) locks.push_back(line);
+        }
+        ASSERT_GE(locks.size(), 2u);
+        const auto expect_found = [&](bool is_found, const std::function<std::string(const std::string&)>& changed) {
+            std::string list;
+            for (const std::string& line : locks) list += changed(line);
+            in_fork([&] {
+                show_list_of_locks(list);
+                become(other_user);
+                uint32_t found = 7;
+                EXPECT_EQ(kzmkernel_find_other_user(name.c_str(), &found) != 0, is_found) << list;
+            });
+        };
+        expect_found(true, [](const std::string& line) { return line; });
+        expect_found(false, [](const std::string& line) { return with_field(line, type_field, "POSIX"); });
+        expect_found(false, [](const std::string& line) { return with_field(line, first_field, "4711"); });
+        for (int part = 0; part < 3; ++part) {
+            expect_found(false,
+                         [&](const std::string& line) { return with_field(line, file_field, other_file(line, part)); });
+        }
+    });
+}
+
+TEST(KernelOtherUsers, DoNotHideTheProcessThatHoldsTheGate) {
+    in_fork([] {
+        use_private_memory_disk();
+        const Handle held(create_mutex(object_name()));
+        const int gate = open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(flock(gate, LOCK_EX | LOCK_NB), 0);
+        std::string lock;
+        for (const std::string& line : lines_with(test::contents_of("/proc/locks"), word_for(folder()))) {
+            if (line.find("FLOCK") != std::string::npos) lock = line;
+        }
+        ASSERT_NE(lock, "");
+        std::string others;
+        for (int part = 0; part < 3; ++part) {
+            others += with_field(with_field(lock, file_field, other_file(lock, part)), process_field, "101");
+        }
+        others += with_field(with_field(lock, type_field, "POSIX"), process_field, "102");
+        const std::string unnamed = "another process does not let go of " + folder().string();
+        const auto expect_explanation = [](const std::string& list, const std::string& text) {
+            in_fork([&] {
+                show_list_of_locks(list);
+                EXPECT_EQ(Handle(open_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_BUSY});
+                EXPECT_EQ(kzmkernel_explanation(), text);
+            });
+        };
+        expect_explanation(others, unnamed);
+        // So is the holder shown to those who cannot see its process.
+        for (const char* const process : {"0", "-1"}) {
+            expect_explanation(others + with_field(lock, process_field, process), unnamed);
+        }
+        for (const std::string process : {"1", "103"}) {
+            expect_explanation(others + with_field(lock, process_field, process),
+                               "process " + process + " does not let go of " + folder().string() +
+                                   ": let it go on (kill -CONT " + process + ") or end it");
+        }
+        close(gate);
     });
 }
 
