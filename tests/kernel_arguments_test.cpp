@@ -3,10 +3,13 @@
 #include <kzmkernel.h>
 #include <unistd.h>
 
+#include <array>
 #include <string>
 
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
+#include "support/memory_disk_linux.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -16,6 +19,14 @@ TEST(KernelName, AcceptsUpTo200Bytes) {
     const std::string name = object_name(), longest = name + std::string(200 - name.size(), 'n');
     EXPECT_EQ(Handle(create_mutex(longest)).error, 0u);
     EXPECT_EQ(Handle(create_mapping(longest)).error, 0u);
+}
+
+TEST(KernelName, AcceptsOneByte) {
+    in_fork([] {
+        use_private_memory_disk();
+        expect_new(create_mutex, "x");
+        expect_new(create_page, "x");
+    });
 }
 
 TEST(KernelName, RefusesAnInvalidName) {
@@ -55,6 +66,15 @@ TEST(KernelMappingArguments, AreChecked) {
     EXPECT_EQ(kzmkernel_view_size(part), 2 * page);
     part[0] = 'p';
     EXPECT_EQ(whole[65536], 'p');
+    const auto size_of = [&](uint64_t offset, size_t length) {
+        void* const view = kzmkernel_map_view(mapping.value, 2, offset, length);
+        const size_t size = kzmkernel_view_size(view);
+        EXPECT_TRUE(kzmkernel_unmap_view(view));
+        return size;
+    };
+    EXPECT_EQ(size_of(65536, 2 * 65536), size_t{2} * 65536);
+    EXPECT_EQ(size_of(2 * 65536, 0), 65536u);
+    EXPECT_EQ(size_of(0, 1), page);
     EXPECT_EQ(kzmkernel_view_size(whole + page), 0u);
     EXPECT_FALSE(kzmkernel_unmap_view(whole + page));
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_ADDRESS});
@@ -62,6 +82,30 @@ TEST(KernelMappingArguments, AreChecked) {
     EXPECT_FALSE(kzmkernel_unmap_view(part));
     EXPECT_EQ(kzmkernel_view_size(part), 0u);
     EXPECT_TRUE(kzmkernel_unmap_view(whole));
+    EXPECT_EQ(contents_of("/proc/self/maps").find(file_of_mapping(name).filename()), std::string::npos);
+}
+
+// As TRUE in Windows, with which a caller may compare it.
+TEST(KernelSuccess, IsTheNumber1) {
+    const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));
+    std::array<char, KZMKERNEL_NOTE_BYTES> note{};
+    kzmkernel_mutex_info info{};
+    uint64_t number = 0;
+    for (void* const mutex : {first.value, second.value}) {
+        ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_EQ(kzmkernel_look_count(mutex), 1);
+        EXPECT_EQ(kzmkernel_look_count_get(mutex, &number), 1);
+        EXPECT_EQ(kzmkernel_mutex_info_get(mutex, &info), 1);
+        EXPECT_EQ(kzmkernel_note_read(mutex, note.data()), 1);
+        EXPECT_EQ(kzmkernel_begin_read(mutex, &number), KZMKERNEL_READ_OWNED);
+        EXPECT_EQ(kzmkernel_end_read(mutex, number), 1);
+    }
+    // The second one is the mutex that the thread used last.
+    EXPECT_EQ(kzmkernel_release(second.value), 1);
+    EXPECT_EQ(kzmkernel_release(first.value), 1);
+    void* const mapping = create_mapping(object_name());
+    EXPECT_EQ(kzmkernel_unmap_view(map(mapping)), 1);
+    EXPECT_EQ(kzmkernel_close(mapping), 1);
 }
 
 TEST(KernelMutexOpen, FindsOnlyAMutexThatExists) {

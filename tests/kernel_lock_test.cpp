@@ -139,6 +139,44 @@ TEST(KernelWait, FailsIfTheMutexWasOverwritten) {
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
 }
 
+// As in Windows. Nobody waits for two billion takes, so the page gets the depth.
+TEST(KernelWait, FailsWith587WhenItsThreadHasTakenItTooOften) {
+    const Handle mutex(create_mutex(object_name()));
+    ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    auto* const depth = reinterpret_cast<uint64_t*>(mapped_page_of(file_of_mutex(object_name())) + 64);
+    *depth = 0x7FFFFFFF;
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_EQ(*depth, 0x80000000u);
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), KZMKERNEL_WAIT_FAILED);
+    EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_MUTEX_LIMIT});
+    EXPECT_EQ(*depth, 0x80000000u);
+    *depth = 1;
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+}
+
+TEST(KernelWait, MakesNoSystemCallForALockThatIsFree) {
+    const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));
+    Traced user([&] {
+        for (const bool is_measured : {false, true}) {
+            if (is_measured) getppid();
+            for (int i = 0; i < 10; ++i) {
+                for (void* const mutex : {first.value, second.value, second.value}) {
+                    EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+                    EXPECT_TRUE(kzmkernel_release(mutex));
+                }
+            }
+        }
+        getppid();
+    });
+    user.run_until_it_enters(SYS_getppid);
+    ASSERT_TRUE(user.step());
+    ASSERT_TRUE(user.step());
+    EXPECT_EQ(user.entered().at(0), uint64_t{SYS_getppid}) << "another call than the one at the end";
+    while (user.step()) {
+    }
+    EXPECT_EQ(user.status(), 0);
+}
+
 TEST(KernelSleep, WithoutATimeLimitIsNotEndedBySignals) {
     Traced sleeper([] { kzmkernel_sleep(KZMKERNEL_INFINITE); });
     for (int i = 0; i < 3; ++i) {

@@ -19,6 +19,9 @@ TEST(KernelProcessNamespace, RefusesMutexesOfAnotherNamespace) {
     const std::string name = object_name();
     const Handle mutex(create_mutex(name));
     const Handle mapping(create_mapping(name + "m"));
+    // It is the mutex that the child's thread used last.
+    ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    ASSERT_TRUE(kzmkernel_release(mutex.value));
     in_fork([&] {
         Forked inner(
             [&] {

@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "shmnm.h"
 #include "support/child.h"
@@ -97,6 +99,38 @@ TEST(KernelSizeLimit, LeavesAPendingSignalToTheProgram) {
             EXPECT_TRUE(is_blocked());
         });
     }
+}
+
+/// Leaves a part of the stack full of ones for the next call.
+[[gnu::noinline]] void fill_stack() {
+    char bytes[100'000];
+    std::memset(bytes, 0xFF, sizeof bytes);
+    asm volatile("" : : "r"(bytes) : "memory");
+}
+
+TEST(KernelSizeLimit, TakesNoOtherPendingSignal) {
+    in_fork([] {
+        limit_files_to(limit);
+        sigset_t others, pending;
+        sigfillset(&others);
+        sigdelset(&others, SIGXFSZ);
+        ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &others, nullptr), 0);
+        for (int number = 1; number <= SIGRTMAX; ++number) {
+            if (number != SIGXFSZ && number != SIGKILL && number != SIGSTOP) raise(number);
+        }
+        std::vector<int> raised;
+        sigpending(&pending);
+        for (int number = 1; number <= SIGRTMAX; ++number) {
+            if (sigismember(&pending, number) == 1) raised.push_back(number);
+        }
+        EXPECT_GT(raised.size(), 40u);
+        const std::string name = object_name();
+        fill_stack();
+        void* const mapping = kzmkernel_create_mapping(4, beyond, name.c_str());
+        sigpending(&pending);
+        EXPECT_EQ(mapping, nullptr);
+        for (const int number : raised) EXPECT_EQ(sigismember(&pending, number), 1) << number;
+    });
 }
 
 TEST(KernelSizeLimit, TakesNoSignalOfAnotherThread) {
