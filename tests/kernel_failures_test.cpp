@@ -394,6 +394,27 @@ TEST(KernelFailures, OfLeasesKeepNobodyFromReplacingADeadObject) {
     });
 }
 
+TEST(KernelFailures, OfOpeningTheNamedFileLeaveNoFile) {
+    in_fork([] {
+        use_private_memory_disk();
+        for (const auto& kind : kinds) {
+            bool is_named = false;
+            const Outcome outcome = outcome_if([&] { return kind.create(object_name()); },
+                                               [&](const Traced&, const std::vector<uint64_t>& call) {
+                                                   if (!is_named || call[0] != SYS_openat) {
+                                                       is_named |= call[0] == SYS_linkat;
+                                                       return 0;
+                                                   }
+                                                   is_named = false;
+                                                   return EIO;
+                                               });
+            EXPECT_TRUE(outcome.has_failed);
+            EXPECT_EQ(outcome.answer.error, uint64_t{KZMKERNEL_ERROR_GEN_FAILURE});
+            EXPECT_TRUE(fs::is_empty(folder()));
+        }
+    });
+}
+
 TEST(KernelFailures, OfAnySystemCallLeaveNoPageOfAMutexMapped) {
     in_fork([] {
         use_private_memory_disk();

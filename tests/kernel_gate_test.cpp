@@ -181,6 +181,28 @@ TEST(KernelGate, IsFreeWhileTheMemoryOfEndedObjectsIsFreed) {
     });
 }
 
+// The second one waits for the first one, which makes the object and is killed.
+TEST(KernelGate, GivesTheMemoryOfAMakerThatDiedToTheNextCreator) {
+    in_fork([] {
+        use_private_memory_disk("size=10m");
+        Traced first([] {
+            create_mapping(object_name(), large);
+            getppid();
+        });
+        first.run_until_it_enters(SYS_fallocate);
+        Traced second([] {
+            const Handle mapping(create_mapping(object_name(), large));
+            EXPECT_EQ(mapping.error, 0u);
+        });
+        second.run_until_it_enters(SYS_clock_nanosleep);
+        first.run_until_it_enters(SYS_getppid);
+        first.kill();
+        while (second.step()) {
+        }
+        EXPECT_EQ(second.status(), 0);
+    });
+}
+
 /// A process that holds the gate and does nothing.
 class Holder {
   public:
@@ -268,6 +290,16 @@ TEST(KernelGate, LetsTheNextCreatorCleanUpWhatAKilledOneLeftWithoutProc) {
     });
 }
 
+TEST(KernelGate, LeavesNothingOfAFailedCreateWithoutProc) {
+    in_fork([] {
+        use_private_memory_disk("size=256k");
+        ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
+        become(spare_user());
+        EXPECT_EQ(Handle(create_mapping(object_name(), large)).error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
+        EXPECT_TRUE(fs::is_empty(folder()));
+    });
+}
+
 TEST(KernelGate, TriesAHundredNamesForANewFileWithoutProc) {
     in_fork([] {
         use_private_memory_disk();
@@ -280,7 +312,7 @@ TEST(KernelGate, TriesAHundredNamesForANewFileWithoutProc) {
             close(open((folder() / name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0400));
         }
         EXPECT_EQ(Handle(create_page(object_name())).error, uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
-        fs::remove(folder() / (".new." + std::to_string(getpid()) + ".99"));
+        EXPECT_TRUE(fs::remove(folder() / (".new." + std::to_string(getpid()) + ".99"))) << "it is not the creator's";
         expect_new(create_page, object_name());
         EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 99);
     });

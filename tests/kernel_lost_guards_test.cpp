@@ -15,6 +15,7 @@
 
 #include "support/forked_linux.h"
 #include "support/kernel_linux.h"
+#include "support/memory_disk_linux.h"
 
 namespace {
 
@@ -188,6 +189,27 @@ TEST_P(KernelObjectWithLostGuards, RemovesItsFileWhenItsHandleIsClosed) {
         EXPECT_FALSE(fs::exists(GetParam().file(object_name())));
         expect_new(GetParam().create, object_name());
     });
+}
+
+TEST_P(KernelObjectWithLostGuards, MakesNoFolderWhenItsHandleIsClosed) {
+    in_fork([] {
+        use_private_memory_disk();
+        Handle handle(create());
+        close_all_descriptors();
+        fs::remove_all(folder());
+        fs::remove(sibling());
+        handle.close();
+        EXPECT_FALSE(fs::exists(folder()));
+        EXPECT_FALSE(fs::exists(sibling()));
+    });
+}
+
+// A process cannot ask the system who uses a file of which it has views itself. Views of other files do not count.
+TEST_P(KernelObjectWithLostGuards, StaysOneObjectForAProcessWithViewsOfAnother) {
+    Stopping daemon(lose_guards);
+    const Handle other(create_mapping(object_name() + "other"));
+    EXPECT_NE(map(other.value), nullptr);
+    expect_living(create);
 }
 
 TEST_P(KernelObjectWithLostGuards, ClosesNoFileThatGotTheNumberOfAGuard) {
