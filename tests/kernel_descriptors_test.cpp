@@ -72,6 +72,21 @@ TEST(KernelDescriptors, AreAllGivenBack) {
     });
 }
 
+// Two carry the guards of an object. A mapping's views need its file too.
+TEST(KernelDescriptors, AreNoMoreForFurtherHandles) {
+    in_fork([] {
+        use_private_memory_disk();
+        for (const Kind& kind : kinds) {
+            const std::ptrdiff_t before = open_descriptors();
+            const Handle first(kind.create(object_name()));
+            const std::ptrdiff_t needed = kind.create == create_mutex ? 2 : 3;
+            EXPECT_EQ(open_descriptors(), before + needed);
+            const Handle second(kind.create(object_name())), third(kind.open(object_name()));
+            EXPECT_EQ(open_descriptors(), before + needed);
+        }
+    });
+}
+
 // The number of a descriptor that was closed may already be another file's.
 TEST(KernelDescriptors, AreNeverClosedTwice) {
     in_fork([] {

@@ -107,6 +107,30 @@ TEST_P(KernelForkedHandle, IsClosedByExec) {
     for (const int descriptor : {blocked[0], blocked[1], signalled[0], signalled[1]}) close(descriptor);
 }
 
+TEST(KernelFork, ChildKeepsNoObjectThatOnlyAnotherThreadUsed) {
+    const std::string name = object_name();
+    void* const mutex = create_mutex(name);
+    ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    SleepingThread waiter(
+        [&] { EXPECT_EQ(kzmkernel_wait(mutex, KZMKERNEL_INFINITE), uint32_t{KZMKERNEL_WAIT_OWNED}); });
+    EXPECT_TRUE(kzmkernel_close(mutex));
+    Sign ready, over;
+    Forked child([&] {
+        ready.give();
+        over.await();
+    });
+    ready.await();
+    {
+        const Handle again(create_mutex(name));
+        EXPECT_EQ(again.error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
+        EXPECT_TRUE(kzmkernel_release(again.value));
+        waiter.join();
+    }
+    expect_new(create_mutex, name);  // although the child still lives
+    over.give();
+    EXPECT_EQ(child.wait(), 0);
+}
+
 TEST(KernelFork, ChildFreesThePageOfAMutexThatItsThreadUsedLast) {
     const std::string name = object_name();
     const Handle mutex(create_mutex(name));

@@ -30,11 +30,13 @@ TEST(KernelHandles, AreAllDifferentAndFailWith4WhenTheTableIsFull) {
     for (void* const handle : handles) ASSERT_TRUE(kzmkernel_close(handle));
     EXPECT_FALSE(fs::exists(file_of_mutex(name)));
     // Places are used again, numbers are not.
-    for (int i = 0; i < 1000; ++i) {
-        const Handle handle(create_mutex(name));
-        ASSERT_NE(handle.value, nullptr);
-        ASSERT_TRUE(handles.insert(handle.value).second);
+    std::vector<void*> again(1000);
+    for (void*& handle : again) {
+        handle = create_mutex(name);
+        ASSERT_NE(handle, nullptr);
+        ASSERT_TRUE(handles.insert(handle).second);
     }
+    for (void* const handle : again) ASSERT_TRUE(kzmkernel_close(handle));
 }
 
 TEST(KernelHandles, AreInvalidWithAnyBitChanged) {
@@ -177,6 +179,8 @@ TEST(KernelHandles, MapOnePageOfAMutex) {
     const size_t before = mappings_of(place);
     void* const mutex = create_mutex(object_name());
     EXPECT_EQ(mappings_of(place), before + 1);
+    EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_release(mutex));
     EXPECT_TRUE(kzmkernel_close(mutex));
     EXPECT_EQ(mappings_of(place), before);
 }

@@ -87,6 +87,17 @@ TEST(KernelLibrary, WorksIfTheProgramHasUsedAllThreadKeys) {
     });
 }
 
+TEST(KernelLibrary, UnmapsTheMutexThatTheUnloadingThreadUsedLast) {
+    const std::string name = object_name();
+    LoadedCopy copy;
+    void* const mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
+    EXPECT_EQ(FUNCTION_OF(copy, kzmkernel_wait)(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_release)(mutex));
+    std::thread([&] { EXPECT_TRUE(FUNCTION_OF(copy, kzmkernel_close)(mutex)); }).join();
+    copy.unload();
+    EXPECT_EQ(test::contents_of("/proc/self/maps").find(file_of_mutex(name).filename()), std::string::npos);
+}
+
 TEST(KernelLibrary, UsesNoThreadKeyAfterItIsUnloaded) {
     LoadedCopy copy;
     for (int i = 0; i < PTHREAD_KEYS_MAX; ++i) {
