@@ -85,6 +85,26 @@ TEST(KernelMappingArguments, AreChecked) {
     EXPECT_EQ(contents_of("/proc/self/maps").find(file_of_mapping(name).filename()), std::string::npos);
 }
 
+TEST(KernelSuccess, LeavesTheLastErrorAsItWas) {
+    const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));
+    const Handle mapping(create_mapping(object_name()));
+    kzmkernel_set_last_error(77);
+    for (void* const mutex : {first.value, second.value}) {
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_NE(kzmkernel_note(mutex), nullptr);
+        EXPECT_TRUE(kzmkernel_look_count(mutex));
+    }
+    // The second one is the mutex that the thread used last.
+    EXPECT_TRUE(kzmkernel_release(second.value));
+    EXPECT_TRUE(kzmkernel_release(first.value));
+    void* const view = map(mapping.value);
+    EXPECT_EQ(kzmkernel_view_size(view), page);
+    EXPECT_TRUE(kzmkernel_unmap_view(view));
+    EXPECT_EQ(kzmkernel_last_error(), 77u);
+    EXPECT_EQ(kzmkernel_view_size(view), 0u);
+    EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_ADDRESS});
+}
+
 // As TRUE in Windows, with which a caller may compare it.
 TEST(KernelSuccess, IsTheNumber1) {
     const Handle first(create_mutex(object_name() + "1")), second(create_mutex(object_name() + "2"));

@@ -92,9 +92,11 @@ TEST(KernelWait, SleepsInSlicesOfHalfASecondAndEndsInTime) {
 TEST(KernelWait, SleepsOnceIfItIsShorterThanASlice) {
     const Handle mutex(create_mutex(object_name()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
-    Traced waiter([&] { EXPECT_EQ(kzmkernel_wait(mutex.value, 150), uint32_t{KZMKERNEL_WAIT_TIMEOUT}); });
-    EXPECT_EQ(sleeps_of(waiter).size(), 1u);
-    EXPECT_EQ(waiter.status(), 0);
+    for (const uint32_t timeout_ms : {0u, 1u, 150u}) {
+        Traced waiter([&] { EXPECT_EQ(kzmkernel_wait(mutex.value, timeout_ms), uint32_t{KZMKERNEL_WAIT_TIMEOUT}); });
+        EXPECT_EQ(sleeps_of(waiter).size(), timeout_ms == 0 ? 0u : 1u);
+        EXPECT_EQ(waiter.status(), 0);
+    }
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 

@@ -218,6 +218,18 @@ TEST(KernelNote, IsKeptWhenItsWriterReleasesTheMutexOrEnds) {
     EXPECT_TRUE(kzmkernel_release(mutex.value));
 }
 
+TEST(KernelNote, IsReadWhole) {
+    const Handle mutex(create_mutex(object_name()));
+    std::string written(KZMKERNEL_NOTE_BYTES, '\0'), read(KZMKERNEL_NOTE_BYTES + 8, '?');
+    std::mt19937 random(11);
+    for (char& byte : written) byte = static_cast<char>(random());
+    ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    std::memcpy(kzmkernel_note(mutex.value), written.data(), written.size());
+    ASSERT_TRUE(kzmkernel_note_read(mutex.value, read.data()));
+    EXPECT_TRUE(read == written + "????????");
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+}
+
 TEST(KernelNote, CanBeWrittenOnlyByTheOwner) {
     const Handle mutex(create_mutex(object_name())), mapping(create_mapping(object_name() + "2"));
     std::array<char, KZMKERNEL_NOTE_BYTES> note{};

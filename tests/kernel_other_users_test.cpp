@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <kzmkernel.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -331,6 +332,26 @@ TEST(KernelExplanation, NamesTheObstacleAndTheRemedy) {
         EXPECT_EQ(explanation(),
                   "other users may remove your folder from /dev/shm/: give that folder to root and set its sticky bit "
                   "(chmod +t)");
+    });
+}
+
+TEST(KernelExplanation, IsNotThatOfAnEarlierFailure) {
+    const std::string name = object_name();
+    in_fork([&] {
+        use_private_memory_disk();
+        const Handle mutex(create_mutex(name));
+        ASSERT_EQ(chmod(folder().c_str(), 0755), 0);
+        EXPECT_EQ(Handle(open_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+        EXPECT_STRNE(kzmkernel_explanation(), "");
+        ASSERT_EQ(chmod(folder().c_str(), 0700), 0);
+        // A process of another namespace is refused the mutex with the same number.
+        Forked other(
+            [&] {
+                EXPECT_EQ(Handle(open_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+                EXPECT_STREQ(kzmkernel_explanation(), "");
+            },
+            CLONE_NEWPID);
+        EXPECT_EQ(other.wait(), 0);
     });
 }
 
