@@ -394,6 +394,27 @@ TEST(KernelFailures, OfLeasesKeepNobodyFromReplacingADeadObject) {
     });
 }
 
+TEST(KernelFailures, OfMakingAFileWithoutProcAreReportedAtOnce) {
+    in_fork([] {
+        use_private_memory_disk();
+        for (const Errors& each :
+             {Errors{EIO, KZMKERNEL_ERROR_GEN_FAILURE}, Errors{ENOENT, KZMKERNEL_ERROR_FILE_INVALID}}) {
+            int tries = 0;
+            const Outcome outcome = outcome_if(
+                [] { return create_mutex(object_name()); },
+                [&](const Traced& process, const std::vector<uint64_t>& call) {
+                    if (call[0] == SYS_access) return ENOENT;
+                    const bool makes = call[0] == SYS_openat && text_at(process, call[2]).compare(0, 5, ".new.") == 0;
+                    return makes && ++tries == 1 ? each.of_system : 0;
+                });
+            EXPECT_EQ(tries, 1);
+            EXPECT_EQ(outcome.answer.number, 0u);
+            EXPECT_EQ(outcome.answer.error, each.of_windows);
+            EXPECT_TRUE(fs::is_empty(folder()));
+        }
+    });
+}
+
 TEST(KernelFailures, OfOpeningTheNamedFileLeaveNoFile) {
     in_fork([] {
         use_private_memory_disk();

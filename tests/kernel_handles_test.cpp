@@ -142,6 +142,21 @@ TEST(KernelHandles, FreeThePagesOfClosedMutexesWhoseOwnersEnded) {
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
 }
 
+TEST(KernelHandles, KeepThePagesOfClosedMutexesWhoseOwnersLive) {
+    const std::string name = object_name();
+    void* const owned = create_mutex(name + "1");
+    ASSERT_EQ(kzmkernel_wait(owned, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_close(owned));
+    std::thread([&] {
+        void* const mutex = create_mutex(name + "2");
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_close(mutex));
+    }).join();
+    expect_new(create_mutex, name);
+    EXPECT_EQ(mappings_of(file_of_mutex(name + "2").filename()), 0u);
+    EXPECT_EQ(mappings_of(file_of_mutex(name + "1").filename()), 1u) << "this thread's list of locks needs it";
+}
+
 void* cancelled_while_it_creates(void* name) {
     pthread_cancel(pthread_self());
     void* const mutex = kzmkernel_create_mutex(static_cast<const std::string*>(name)->c_str());

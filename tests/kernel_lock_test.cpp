@@ -199,6 +199,16 @@ TEST(KernelWait, TimesOutWhileAStoppedOwnerKeepsTheLock) {
     EXPECT_EQ(owner.wait(), 0);
 }
 
+TEST(KernelWait, TellsASleepingWaiterThatTheOwnerWasKilled) {
+    const Handle mutex(create_mutex(object_name()));
+    OwningProcess owner(mutex.value);
+    SleepingWaiter waiter(mutex.value);
+    owner.kill();
+    EXPECT_EQ(waiter.result(), uint32_t{KZMKERNEL_WAIT_ABANDONED});
+    EXPECT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_release(mutex.value));
+}
+
 TEST(KernelWait, GetsTheLockWhenTheReleaserIsStoppedBeforeItWakesAnybody) {
     const Handle mutex(create_mutex(object_name()));
     Traced owner([&] {

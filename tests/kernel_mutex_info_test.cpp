@@ -106,8 +106,17 @@ TEST(KernelMutexInfo, FailsWithoutAnOpenMutexOrAnOutput) {
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
 }
 
+/// Leaves a part of the stack full of ones for the next call.
+[[gnu::noinline]] void fill_stack() {
+    char bytes[100'000];
+    std::memset(bytes, 0xFF, sizeof bytes);
+    asm volatile("" : : "r"(bytes) : "memory");
+}
+
 TEST(KernelMutexPage, HasItsFieldsAtFixedOffsets) {
-    const Handle mutex(create_mutex(object_name()));
+    const std::string name = object_name();
+    fill_stack();
+    const Handle mutex(kzmkernel_create_mutex(name.c_str()));
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     ASSERT_EQ(kzmkernel_wait(mutex.value, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     ASSERT_TRUE(kzmkernel_look_count(mutex.value));
@@ -125,6 +134,7 @@ TEST(KernelMutexPage, HasItsFieldsAtFixedOffsets) {
     EXPECT_EQ(bytes.substr(0, 8), "\x01kzmlock");
     EXPECT_EQ(word(8), static_cast<uint32_t>(name_space.st_ino));
     EXPECT_EQ(word(16) & FUTEX_TID_MASK, thread) << "the lock's own word";
+    EXPECT_EQ(word(32), 128u + 16u + 2u) << "a shared robust lock that looks for errors";
     EXPECT_EQ(word(56), 2u) << "version";
     EXPECT_EQ(word(60), 2048u) << "size";
     EXPECT_EQ(word(64), 2u) << "depth";
