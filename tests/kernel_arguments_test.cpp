@@ -50,6 +50,7 @@ TEST(KernelMappingArguments, AreChecked) {
     const std::string name = object_name();
     EXPECT_EQ(Handle(kzmkernel_create_mapping(2, page, name.c_str())).error,
               uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
+    kzmkernel_set_last_error(0);
     EXPECT_EQ(Handle(kzmkernel_open_mapping(0, name.c_str())).error, uint32_t{KZMKERNEL_ERROR_INVALID_PARAMETER});
     const Handle mapping(create_mapping(name, uint64_t{3} * 65536));
     const auto error_of = [&](uint32_t access, uint64_t offset, size_t length) {

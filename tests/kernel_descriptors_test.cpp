@@ -87,6 +87,17 @@ TEST(KernelDescriptors, AreNoMoreForFurtherHandles) {
     });
 }
 
+TEST(KernelDescriptors, AreGivenBackWithAMutexThatItsThreadStillOwns) {
+    in_fork([] {
+        use_private_memory_disk();
+        const std::ptrdiff_t before = open_descriptors();
+        void* const mutex = create_mutex(object_name());
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_close(mutex));
+        EXPECT_EQ(open_descriptors(), before);
+    });
+}
+
 // The number of a descriptor that was closed may already be another file's.
 TEST(KernelDescriptors, AreNeverClosedTwice) {
     in_fork([] {

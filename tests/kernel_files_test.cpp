@@ -186,6 +186,16 @@ TEST_P(KernelFiles, AreReplacedWhenNoObjectHasTheirSizeAlthoughTheyAreOpen) {
     }
 }
 
+TEST(KernelFile, IsRefusedIfItIsInUseAndNotAsLargeAsAMutex) {
+    { const Handle folder_maker(create_mutex(object_name())); }
+    make_proper_file(file_of_mutex(object_name()), 2 * page);
+    const int held = ::open(file_of_mutex(object_name()).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
+    ::close(held);
+    expect_new(create_mutex, object_name());
+}
+
 TEST_P(KernelFiles, AreReplacedWhenAKilledCreatorLeftThem) {
     { const Handle folder_maker(create()); }
     make_proper_file(folder() / ".new", 100);
@@ -320,6 +330,7 @@ TEST_P(KernelFiles, FailTheNextOpenWhenReplacedUnderALivingObject) {
     make_proper_file(file(), page);
     expect_refused(KZMKERNEL_ERROR_FILE_INVALID);
     holder.close();
+    EXPECT_TRUE(fs::exists(file())) << "it is not the holder's";
     expect_new(GetParam().create, object_name());
 }
 

@@ -116,6 +116,8 @@ TEST(KernelFork, ChildKeepsNoObjectThatOnlyAnotherThreadUsed) {
     EXPECT_TRUE(kzmkernel_close(mutex));
     Sign ready, over;
     Forked child([&] {
+        const Handle own(create_mutex(name + "own"));
+        EXPECT_NE(own.value, mutex) << "a handle that was closed";
         ready.give();
         over.await();
     });

@@ -119,9 +119,13 @@ TEST(KernelGate, LetsTwoCreatorsMakeOneObjectThatFillsTheDisk) {
         });
         second.run_until_it_enters(SYS_clock_nanosleep);
         first.run_until_it_enters(SYS_read);
+        int pauses = 0;
         while (second.step()) {
+            const std::vector<uint64_t> call = second.entered();
+            pauses += !call.empty() && call[0] == SYS_clock_nanosleep;
         }
         EXPECT_EQ(second.status(), 0);
+        EXPECT_EQ(pauses, 0) << "a wait for a maker who is done";
         over.give();
         while (first.step()) {
         }

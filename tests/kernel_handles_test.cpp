@@ -152,7 +152,7 @@ TEST(KernelHandles, KeepThePagesOfClosedMutexesWhoseOwnersLive) {
         EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
         EXPECT_TRUE(kzmkernel_close(mutex));
     }).join();
-    expect_new(create_mutex, name);
+    const Handle next(create_mutex(name));
     EXPECT_EQ(mappings_of(file_of_mutex(name + "2").filename()), 0u);
     EXPECT_EQ(mappings_of(file_of_mutex(name + "1").filename()), 1u) << "this thread's list of locks needs it";
 }
@@ -185,6 +185,17 @@ TEST(KernelHandles, FreeTheirPageWhenClosedAfterTheThreadsThatUsedThemEnded) {
     }).join();
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 1u);
     EXPECT_TRUE(kzmkernel_close(mutex));
+    EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
+}
+
+TEST(KernelHandles, FreeTheirPagesWhenUsedInTurnAndClosed) {
+    const std::string name = object_name();
+    void* const mutexes[] = {create_mutex(name + "1"), create_mutex(name + "2")};
+    for (void* const mutex : mutexes) {
+        EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+        EXPECT_TRUE(kzmkernel_release(mutex));
+    }
+    for (void* const mutex : mutexes) EXPECT_TRUE(kzmkernel_close(mutex));
     EXPECT_EQ(mappings_of(file_of_mutex(name).filename()), 0u);
 }
 

@@ -204,6 +204,26 @@ TEST_P(KernelObjectWithLostGuards, MakesNoFolderWhenItsHandleIsClosed) {
     });
 }
 
+TEST_P(KernelObjectWithLostGuards, KeepsItsNameFromObjectsOfTheOtherKind) {
+    Stopping daemon(lose_guards);
+    const Kind& other = kinds[GetParam().create == create_mutex ? 1 : 0];
+    EXPECT_EQ(Handle(other.create(object_name())).error, uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+    EXPECT_EQ(Handle(other.open(object_name())).error, uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
+}
+
+TEST_P(KernelObjectWithLostGuards, ClosesNoGuardOfAnObjectThatIsGuardedAgain) {
+    in_fork([] {
+        const Handle first(create());
+        Handle other(GetParam().create(object_name() + "other"));
+        close_all_descriptors();
+        // Its guards get the numbers that those of the other object had.
+        const Handle again(create()), third(GetParam().create(object_name() + "third"));
+        other.close();
+        EXPECT_EQ(descriptors_of(getpid(), folder()), 2);
+        EXPECT_EQ(descriptors_of(getpid(), folder().string() + ".guard"), 2);
+    });
+}
+
 // A process cannot ask the system who uses a file of which it has views itself. Views of other files do not count.
 TEST_P(KernelObjectWithLostGuards, StaysOneObjectForAProcessWithViewsOfAnother) {
     Stopping daemon(lose_guards);

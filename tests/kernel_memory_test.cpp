@@ -34,6 +34,12 @@ TEST(KernelMemory, FailsTheCreateWhenItIsShortAndLeavesNothing) {
             EXPECT_TRUE(fs::is_empty(folder()));
         }
         EXPECT_EQ(Handle(create_mapping(name, UINT64_MAX)).error, uint32_t{KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY});
+        // The largest number of whole pages that a file may have, and one byte more.
+        constexpr uint64_t most = uint64_t{INT64_MAX} - page + 1;
+        EXPECT_EQ(Handle(create_mapping(name, most - 1)).error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
+        EXPECT_EQ(Handle(create_mapping(name, most)).error, uint32_t{KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY});
+        EXPECT_EQ(Handle(create_mapping(name, 257 * kib)).error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
+        EXPECT_STREQ(kzmkernel_explanation(), "cannot allocate 266240 bytes: No space left on device");
         const Handle first(create_mapping(name, 200 * kib));
         ASSERT_EQ(first.error, 0u);
         const Handle second(create_mapping(name + "2", 100 * kib));

@@ -214,6 +214,10 @@ TEST(KernelFolderVariable, TakesAParentOfTheUserInWhichOthersMayRemoveNothing) {
         as_other_user(expect_unsafe);
         ASSERT_EQ(chown("/dev/shm/parent", 0, 0), 0);
         as_other_user(expect_unsafe);
+        ASSERT_EQ(chmod("/dev/shm/parent", 01777), 0);
+        fs::remove_all("/dev/shm/parent/ours");
+        fs::remove("/dev/shm/parent/ours.guard");
+        as_other_user([] { expect_new(create_mutex, object_name()); });
     });
 }
 

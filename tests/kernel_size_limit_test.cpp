@@ -34,6 +34,8 @@ void expect_no_room() {
     const Handle mapping(create_mapping(object_name(), beyond));
     EXPECT_EQ(mapping.value, nullptr);
     EXPECT_EQ(mapping.error, uint32_t{KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY});
+    EXPECT_STREQ(kzmkernel_explanation(),
+                 "cannot allocate 1048576 bytes: File too large: raise the limit of file sizes (ulimit -f)");
     EXPECT_FALSE(fs::exists(file_of_mapping(object_name())));
 }
 
