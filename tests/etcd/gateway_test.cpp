@@ -9,7 +9,6 @@
 #include "etcd/base64.h"
 #include "etcd/endpoint.h"
 #include "etcd/error.h"
-#include "support/child.h"
 
 using namespace etcd;
 using testing::HasSubstr;
@@ -241,9 +240,8 @@ TEST(Answer, ChangedAtRandomIsReadOrRefused) {
         wrapped(R"("canceled":true,"compact_revision":"4")"), R"({"error":"no","message":"no","code":5})"};
     const std::string pieces = "{}[]\",:0123456789-.eEtrufalsn\\ \n\xFF";
     std::mt19937 random(11);
-    const unsigned rounds = test::share_of(20'000);
     unsigned read = 0, refused = 0;
-    for (unsigned round = 0; round < rounds; ++round) {
+    for (unsigned round = 0; round < 20'000; ++round) {
         std::string text = originals[random() % originals.size()];
         for (unsigned changes = random() % 4; changes > 0; --changes) {
             const size_t at = random() % text.size();
@@ -270,8 +268,8 @@ TEST(Answer, ChangedAtRandomIsReadOrRefused) {
         decode_refused_watch(500, text);
         decode_watch(text);
     }
-    EXPECT_GT(read, rounds / 40);
-    EXPECT_GT(refused, rounds / 4);
+    EXPECT_GT(read, 500U);
+    EXPECT_GT(refused, 5'000U);
 }
 
 TEST(WatchLine, TellsChanges) {

@@ -136,9 +136,9 @@ class Run(BridgeTest):
         # The lock is waited for: the bridge may hold it for a moment.
         calls = [("shmnm_setnodestat", "alpha", 1), ("shmnm_setnodestat", "beta", 1), ("shmnm_setnodestat", "gamma", 1), ("shmnm_setclstat", 3),
                  ("shmnm_sethbinfo_ex", 0, 1), ("shmnm_sethbinfo_ex", 2, 3), ("shmnm_addnode", "gamma", 2), ("shmnm_addnode", "gamma", 2),
-                 ("shmnm_sethbrscstat", "lan", "lan1", 6), ("shmnm_sethbrscsvstat", "lan", "lan1", 1, 5), ("shmnm_rwlock", 10_000), ("shmnm_rwunlock",),
-                 ("shmnm_settypehbstat", "lan", 4), ("shmnm_rmnode", "beta"), ("shmnm_getclstat",), ("shmnm_getnodestat", "alpha"), ("shmnm_clear",),
-                 ("shmnm_addnode", "alpha", 0), ("shmnm_setnodestat", "alpha", 1)]
+                 ("shmnm_sethbrscstat", "lan", "lan1", 6), ("shmnm_sethbrscsvstat", "lan", "lan1", 1, 5), ("shmnm_rwlock", 10_000),
+                 ("shmnm_rwlock", 0), ("shmnm_rwunlock",), ("shmnm_rwunlock",), ("shmnm_settypehbstat", "lan", 4), ("shmnm_rmnode", "beta"),
+                 ("shmnm_getclstat",), ("shmnm_getnodestat", "alpha"), ("shmnm_clear",), ("shmnm_addnode", "alpha", 0), ("shmnm_setnodestat", "alpha", 1)]
         for _ in range(5):
             for call in calls:
                 self.assertEqual(bridged.api.call(*call), alone.api.call(*call), call)

@@ -75,7 +75,7 @@ void* own_note(void* mutex);
 /// releasing it. Only where the system does not count how often it was taken over; elsewhere this does nothing.
 class OwnedLock {
   public:
-    /// Waits at most so long. Not to get the lock is no failure.
+    /// Waits for at most this long. If it does not get the lock, it owns nothing; that is no error.
     OwnedLock(void* mutex, uint32_t timeout_ms);
     ~OwnedLock();
     OwnedLock(const OwnedLock&) = delete;
