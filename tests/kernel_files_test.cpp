@@ -172,7 +172,22 @@ TEST_P(KernelFiles, AreReplacedWhenTheyAreEmptyAndNobodyHoldsThem) {
     make_proper_file(file(), 0);
     const Handle opened(open());
     EXPECT_EQ(opened.error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+    EXPECT_TRUE(fs::exists(file())) << "only a creator replaces it";
     expect_new(GetParam().create, object_name());
+}
+
+TEST(KernelFile, IsLeftAloneIfItCannotBeAnObjects) {
+    in_fork([] {
+        use_private_memory_disk();
+        { const Handle folder_maker(create_mutex(object_name())); }
+        make_proper_file(folder() / "wide", page);
+        ASSERT_EQ(chmod((folder() / "wide").c_str(), 0644), 0);
+        make_proper_file(folder() / "linked", page);
+        fs::create_hard_link(folder() / "linked", folder() / "link");
+        ASSERT_EQ(mkfifo((folder() / "fifo").c_str(), 0600), 0);
+        expect_new(create_mutex, object_name());
+        for (const char* const name : {"wide", "linked", "link", "fifo"}) EXPECT_TRUE(fs::exists(folder() / name));
+    });
 }
 
 TEST_P(KernelFiles, AreReplacedWhenNoObjectHasTheirSizeAlthoughTheyAreOpen) {

@@ -150,6 +150,18 @@ TEST(KernelFork, ChildFreesThePageOfAMutexThatItsThreadUsedLast) {
     }
 }
 
+TEST(KernelFork, ChildKeepsNoPageOfAMutexThatItsParentOwnsAndHasClosed) {
+    const std::string name = object_name();
+    const auto is_mapped = [&] {
+        return contents_of("/proc/self/maps").find(file_of_mutex(name).filename()) != std::string::npos;
+    };
+    void* const mutex = create_mutex(name);
+    ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+    EXPECT_TRUE(kzmkernel_close(mutex));
+    EXPECT_TRUE(is_mapped());
+    in_fork([&] { EXPECT_FALSE(is_mapped()); });
+}
+
 TEST(KernelFork, ExecOfAnOwnerAbandonsItsLock) {
     const Handle mutex(create_mutex(object_name()));
     Forked owner([&] {
