@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -333,6 +336,56 @@ TEST(KernelGuards, OfAMakerAreLetGoWhenTheObjectIsThere) {
         EXPECT_FALSE(keeps_out(sibling(), place_of(std::string("new m.example") + '\0'), F_RDLCK));
         EXPECT_FALSE(keeps_out(sibling(), 0, F_RDLCK));
         EXPECT_FALSE(keeps_out(sibling(), 1, F_RDLCK));
+    });
+}
+
+/// Handles a signal: starts a child that has copies of all descriptors until the process ends. fork() would wait for
+/// the call that the signal interrupts.
+void start_child(int /*signal*/) {
+    if (syscall(SYS_fork) != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) pause();
+}
+
+TEST(KernelGuards, OfAMakerAreLetGoAlthoughAChildHasCopiesOfTheirDescriptors) {
+    in_fork([] {
+        use_private_memory_disk("size=256k");
+        Traced maker([] {
+            signal(SIGUSR1, start_child);
+            EXPECT_EQ(Handle(create_mapping("example", size_t{1} << 20)).error, uint32_t{KZMKERNEL_ERROR_DISK_FULL});
+            getppid();
+        });
+        const off_t place = place_of(std::string("new s.example") + '\0');
+        maker.run_until_it_enters(SYS_fstatfs);
+        EXPECT_TRUE(keeps_out(sibling(), place, F_RDLCK));
+        ASSERT_EQ(kill(maker.id(), SIGUSR1), 0);
+        maker.run_until_it_enters(SYS_getppid);
+        EXPECT_FALSE(keeps_out(sibling(), place, F_RDLCK));
+        run_to_its_end(maker);
+    });
+}
+
+TEST(KernelFolder, IsLetGoAlthoughAChildHasACopyOfItsDescriptor) {
+    in_fork([] {
+        use_private_memory_disk();
+        { const Handle maker(create_mutex(object_name())); }
+        const int folder_again = open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const auto is_locked = [&] {
+            if (flock(folder_again, LOCK_EX | LOCK_NB) != 0) return true;
+            flock(folder_again, LOCK_UN);
+            return false;
+        };
+        Traced user([] {
+            signal(SIGUSR1, start_child);
+            EXPECT_EQ(Handle(open_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+            getppid();
+        });
+        while (!is_locked()) ASSERT_TRUE(user.step());
+        ASSERT_EQ(kill(user.id(), SIGUSR1), 0);
+        user.run_until_it_enters(SYS_getppid);
+        EXPECT_FALSE(is_locked());
+        run_to_its_end(user);
+        close(folder_again);
     });
 }
 
