@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -463,14 +465,26 @@ TEST(KernelOtherUsers, AreNotFoundInAFolderThatTheyChose) {
     });
 }
 
-/// The lines of a text that contain a word.
-std::vector<std::string> lines_with(const std::string& text, const std::string& word) {
-    std::vector<std::string> lines;
-    std::istringstream all(text);
-    for (std::string line; std::getline(all, line);) {
-        if (line.find(word) != std::string::npos) lines.push_back(line + '\n');
+/// The lines of the system's list with so many locks of a type on a file. A reading may miss locks while others come
+/// and go, so the list is read until they are all there.
+std::vector<std::string> listed_locks(const std::string& type, const fs::path& file, size_t count) {
+    struct stat found {};
+    EXPECT_EQ(stat(file.c_str(), &found), 0);
+    // The disks of other tests have files of the same number.
+    char place[100];
+    std::snprintf(place, sizeof place, " %02x:%02x:%lu ", major(found.st_dev), minor(found.st_dev),
+                  static_cast<unsigned long>(found.st_ino));
+    std::set<std::string> lines;
+    while (lines.size() < count) {
+        std::istringstream list(test::contents_of("/proc/locks"));
+        for (std::string line; std::getline(list, line);) {
+            const bool is_one =
+                line.find(" " + type + " ") != std::string::npos && line.find(place) != std::string::npos;
+            // The lines are numbered anew each time.
+            if (is_one) lines.insert("1" + line.substr(line.find(':')) + '\n');
+        }
     }
-    return lines;
+    return {lines.begin(), lines.end()};
 }
 
 /// Puts another text in the place of the system's list of locks, for the rest of the process's life.
@@ -506,22 +520,12 @@ std::string other_file(const std::string& line, int part) {
     return made;
 }
 
-std::string word_for(const fs::path& file) {
-    struct stat found {};
-    EXPECT_EQ(stat(file.c_str(), &found), 0);
-    return ":" + std::to_string(found.st_ino) + " ";
-}
-
 TEST(KernelOtherUsers, AreFoundByTheLocksOfTheirFolderOnly) {
     const std::string name = object_name();
     in_fork([&] {
         use_private_memory_disk();
         const Handle mapping(create_mapping(name));
-        std::vector<std::string> locks;
-        for (const std::string& line : lines_with(test::contents_of("/proc/locks"), word_for(folder()))) {
-            if (line.find("OFDLCK") != std::string::npos) locks.push_back(line);
-        }
-        ASSERT_GE(locks.size(), 2u);
+        const std::vector<std::string> locks = listed_locks("OFDLCK", folder(), 2);
         const auto expect_found = [&](bool is_found, const std::function<std::string(const std::string&)>& changed) {
             std::string list;
             for (const std::string& line : locks) list += changed(line);
@@ -548,11 +552,7 @@ TEST(KernelOtherUsers, DoNotHideTheProcessThatHoldsTheGate) {
         const Handle held(create_mutex(object_name()));
         const int gate = open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         ASSERT_EQ(flock(gate, LOCK_EX | LOCK_NB), 0);
-        std::string lock;
-        for (const std::string& line : lines_with(test::contents_of("/proc/locks"), word_for(folder()))) {
-            if (line.find("FLOCK") != std::string::npos) lock = line;
-        }
-        ASSERT_NE(lock, "");
+        const std::string lock = listed_locks("FLOCK", folder(), 1).front();
         std::string others;
         for (int part = 0; part < 3; ++part) {
             others += with_field(with_field(lock, file_field, other_file(lock, part)), process_field, "101");
