@@ -140,10 +140,18 @@ class PackagedInstallation(ToolTest):
             f"# A comment=1\n\n  KZM_INSTALL_PATH =  {self.installation} \n",
             f"KZM_INSTALL_PATH='{self.installation}'\nPATH=/none\nno variable\n",
             f'KZM_INSTALL_PATH="{self.installation}"',
+            f"KZMLOG=1\nKZM=\nKZM_INSTALL_PATH={self.installation}\n",
         ):
             with self.subTest(text):
                 self.file.write_text(text)
                 self.assertIn(f"cannot read the configuration {self.installation}/etc/cluster.xml", self.said())
+                self.assertIn(f"cannot read the configuration {self.installation}/etc/cluster.xml", self.said(KZM_INSTALL_PATH=""))
+
+    def test_a_quote_that_does_not_end_is_part_of_the_value(self):
+        for value in ("'/none", "/none'", "'/none\""):
+            with self.subTest(value):
+                self.file.write_text(f"KZM_INSTALL_PATH={value}\n")
+                self.assertIn(f"cannot read the configuration {value}/etc/cluster.xml", self.said())
 
     def test_a_link_to_the_folder_of_the_configuration_is_followed_in_messages(self):
         (self.folder / "etc/cluster.xml").unlink()

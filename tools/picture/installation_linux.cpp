@@ -27,6 +27,8 @@ std::string unquoted(const std::string& value) {
 void use_packaged_installation() {
     // Variables of two installations are never mixed.
     if (const char* const chosen = std::getenv("KZM_INSTALL_PATH"); chosen && *chosen) return;
+    // An empty one chooses none, but would not be overridden.
+    unsetenv("KZM_INSTALL_PATH");
     std::error_code unknown;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", unknown);
     std::ifstream file(program.parent_path().parent_path() / "share/shmnm/environment");
