@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "picture/error.h"
 #include "picture/json.h"
@@ -82,13 +83,10 @@ class Members {
     Number number(const char* name) const {
         const Json& value = get(name);
         if (value.is_number_integer()) {
-            const auto wide =
-                value.is_number_unsigned() && value.get<uint64_t>() > INT64_MAX ? -1 : value.get<int64_t>();
-            if (wide < int64_t{std::numeric_limits<Number>::min()} ||
-                (wide > 0 && static_cast<uint64_t>(wide) > uint64_t{std::numeric_limits<Number>::max()})) {
-                refuse("a number is out of range");
-            }
-            return static_cast<Number>(wide);
+            const bool fits = value.is_number_unsigned() ? std::in_range<Number>(value.get<uint64_t>())
+                                                         : std::in_range<Number>(value.get<int64_t>());
+            if (!fits) refuse("a number is out of range");
+            return value.get<Number>();
         }
         if (!value.is_string()) refuse("a number is missing");
         const std::string text = value.get<std::string>();
