@@ -73,7 +73,7 @@ void forget_freshness(Marks& marks) {
 }  // namespace
 
 const char* name_of(Freshness freshness) {
-    switch (freshness) {
+    switch (freshness) {  // branch: each has its case
         case Freshness::fresh:
             return "fresh";
         case Freshness::silent:

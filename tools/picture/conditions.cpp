@@ -144,7 +144,7 @@ class Parser {
 
 bool holds(const Part& part, const std::vector<Word>& words) {
     const auto inner = [&](const Part& each) { return holds(each, words); };
-    switch (part.kind) {
+    switch (part.kind) {  // branch: each has its case
         case Kind::all_of:
             return std::all_of(part.parts.begin(), part.parts.end(), inner);
         case Kind::one_of:
@@ -207,8 +207,7 @@ const Part* impossible(const Part& part) {
         const std::vector<Values> values = values_of(part.pattern);
         const auto may_hold = [&](const Values& each) {
             return part.compare(each.least, part.value) || part.compare(each.most, part.value) ||
-                   (each.has(part.value) && part.compare(part.value, part.value)) ||
-                   (each.may_be_none && part.compare(Value(), part.value));
+                   (each.has(part.value) && part.compare(part.value, part.value));
         };
         return std::any_of(values.begin(), values.end(), may_hold) ? nullptr : &part;
     }

@@ -40,6 +40,7 @@ Picture with_own_names(Picture picture) {
 
 bool follows_from_others(const Picture& picture, const std::string& key) {
     const std::optional<Place> place = locate(picture, key);
+    // branch: the picture has the key
     return place && std::visit(
                         [](const auto& at) {
                             if constexpr (requires { at.word->source; }) return at.word->source.is_computed();
@@ -62,14 +63,14 @@ std::optional<Shown> shown(const std::optional<Value>& value) {
     return Shown{value->to_text(), to_json(*value)};
 }
 
-/// A thing of both sides that may be on one alone.
+/// A thing that is on one side or on both.
 template <typename Thing>
 void compare(std::vector<Difference>& found, const std::string& key, const Thing* before, const Thing* after) {
     if (before && after && *before == *after) return;
     Difference difference{key, {}, {}};
     if (before) difference.before = shown(*before);
     if (after) difference.after = shown(*after);
-    if (before || after) found.push_back(std::move(difference));
+    found.push_back(std::move(difference));
 }
 
 using Descriptions = std::map<std::string, std::string>;

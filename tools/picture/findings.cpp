@@ -277,9 +277,7 @@ class Search {
         if (count >= 0 && count <= slots) {
             Names names;
             for (int32_t i = 0; i < std::min(count, held); ++i) {
-                if (snapshot_.holds(places.at(i), record_size)) {
-                    resource(table, places.at(i), i, places.doubtful(i), names);
-                }
+                resource(table, places.at(i), i, places.doubtful(i), names);
             }
             free_slots(table, start, step, count, slots, places.shared());
         }

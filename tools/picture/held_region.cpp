@@ -23,7 +23,7 @@ Error cannot_create() {
     Error usual = cannot("create");
     if (platform::last_error() != error_access_denied) return usual;
     const std::string why = platform::why_not_created(platform::object_prefix() + mapping_name);
-    if (why.empty()) return usual;
+    if (why.empty()) return usual;  // branch: only Windows knows more
     return {ErrorKind::failed, fmt::format("cannot create the region {} (error {}): {}", full_name(mapping_name),
                                            error_access_denied, why)};
 }

@@ -18,6 +18,7 @@ Holders holders(const Access& access) {
     }
     if (mapping) platform::close(mapping);
     if (!view) throw Error(ErrorKind::failed, "cannot map the region, or it has just ended");
+    // branch: only Windows does not tell
     if (!found) throw Error(ErrorKind::refused, "this system does not tell which processes hold the region");
     return *found;
 }

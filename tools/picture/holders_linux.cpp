@@ -56,6 +56,7 @@ enum class Look { holds, does_not, may_not };
 
 /// Whether this user may not look at a process. One that has ended meanwhile holds nothing.
 Look failed_look() {
+    // branch: EPERM only where /proc is mounted with hidepid=1
     return errno == EACCES || errno == EPERM ? Look::may_not : Look::does_not;
 }
 
@@ -69,7 +70,7 @@ Look look_at_memory(const std::string& folder, const MemoryFile& file) {
     return Look::does_not;
 }
 
-/// The names in a folder that are numbers. Nothing when it cannot be read; errno tells why.
+/// The names in a folder of /proc that are numbers. Nothing when it cannot be read; errno tells why.
 std::optional<std::vector<uint32_t>> numbers_in(const std::string& folder) {
     DIR* const listing = opendir(folder.c_str());
     if (!listing) return std::nullopt;
@@ -77,8 +78,7 @@ std::optional<std::vector<uint32_t>> numbers_in(const std::string& folder) {
     while (const dirent* const entry = readdir(listing)) {
         const std::string_view name = entry->d_name;
         uint32_t number = 0;
-        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-        if (error == std::errc{} && end == name.data() + name.size()) all.push_back(number);
+        if (std::from_chars(name.data(), name.data() + name.size(), number).ec == std::errc{}) all.push_back(number);
     }
     closedir(listing);
     std::sort(all.begin(), all.end());
@@ -90,6 +90,7 @@ Look look_at_descriptors(const std::string& folder, const MemoryFile& file) {
     if (!descriptors) return failed_look();
     for (const uint32_t descriptor : *descriptors) {
         struct stat found {};
+        // branch by chance: it is closed in this moment
         if (::stat(fmt::format("{}/fd/{}", folder, descriptor).c_str(), &found) != 0) continue;
         if (found.st_dev == file.device && found.st_ino == file.inode) return Look::holds;
     }
@@ -117,8 +118,9 @@ bool has_no_memory(uint32_t process) {
 
 uint32_t effective_user(uint32_t process) {
     std::ifstream status(fmt::format("/proc/{}/status", process));
-    for (std::string word; status >> word;) {
+    for (std::string word; status >> word;) {  // branch by chance: the process ends in this moment
         uint32_t real = 0, effective = 0;
+        // branch by chance: the same
         if (word == "Uid:" && status >> real >> effective) return effective;
     }
     return 0;
@@ -134,7 +136,8 @@ std::string name_of(uint32_t user) {
 std::optional<Holders> holders(const void* view) {
     const std::optional<MemoryFile> file = file_of(view);
     const auto processes = numbers_in("/proc");
-    if (!file || !processes) return std::nullopt;
+    if (!file || !processes)
+        return std::nullopt;  // branch: /proc can be listed if it tells what this process has mapped
     Holders found;
     for (const uint32_t id : *processes) {
         if (id == static_cast<uint32_t>(getpid())) continue;

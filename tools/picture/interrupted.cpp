@@ -92,7 +92,7 @@ std::vector<Interrupted> interrupted_in(const Snapshot& snapshot) {
 std::vector<Interrupted> interrupted_changes_unlocked(void* mutex, uint64_t object) {
     const auto note = platform::note(mutex), again = platform::note(mutex);
     const auto holder = platform::lock_holder(mutex);
-    if (!note || !again || !holder) return {};
+    if (!note || !again || !holder) return {};  // branch: only Windows keeps no note
     // A note that changes meanwhile is being written by a living caller.
     Note first = *note, second = *again;
     first.progress = second.progress = 0;

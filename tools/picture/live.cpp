@@ -72,7 +72,7 @@ uint64_t live_object() {
 
 std::string describe_holder(void* mutex) {
     const auto holder = platform::lock_holder(mutex);
-    if (!holder) return "";
+    if (!holder) return "";  // branch: only Windows does not tell
     std::string text;
     if (holder->process == 0) {
         text = "nobody holds it now";
@@ -82,6 +82,7 @@ std::string describe_holder(void* mutex) {
     } else {
         const auto process = platform::process(holder->process);
         text = fmt::format("held by process {} thread {}", holder->process, holder->thread);
+        // branch by chance: it ends in this moment
         text += process ? fmt::format(" (\"{}\", {})", printable(process->command), process->state)
                         : std::string(" (which has ended)");
         text += fmt::format(" since {}", platform::to_text(holder->since_ns / 1'000));
@@ -96,7 +97,7 @@ std::string describe_holder(void* mutex) {
 
 std::string how_copied(const Snapshot& copy) {
     const char* const what = copy.wanted == Bytes::in_use ? "the bytes in use" : "all bytes";
-    switch (copy.way) {
+    switch (copy.way) {  // branch: each has its case
         case CopyWay::without_lock:
             return fmt::format("copied {} without the lock", what);
         case CopyWay::as_owner:
@@ -175,7 +176,7 @@ void LiveRegion::tell(const char* what, const char* name) {
 
 void* LiveRegion::try_mutex() {
     if (mutex_) return mutex_;
-    if (!told_mutex_) tell("mutex", mutex_name);
+    if (!told_mutex_) tell("mutex", mutex_name);  // branch: the second try is a reader's
     told_mutex_ = true;
     return mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
 }
@@ -191,11 +192,8 @@ void* LiveRegion::mutex() {
 // The lock is also refused if others could change it. Its own user may write to the region, so that refusal stays an
 // error.
 bool LiveRegion::is_reader() {
-    if (!platform::has_readers || mutex_ || is_reader_) return is_reader_;
-    if (try_mutex() || platform::last_error() != error_access_denied) return false;
-    void* const writable = KzmutilOpenNamedFileMapping(all_access, 0, mapping_name);
-    is_reader_ = !writable && platform::last_error() == error_access_denied;
-    if (writable) platform::close(writable);
+    // branch: only Windows refuses the lock without the region
+    if (!is_reader_ && !try_mutex()) is_reader_ = platform::may_only_read(mapping_name);
     return is_reader_;
 }
 
@@ -216,8 +214,9 @@ std::unique_ptr<LiveRegion::View> LiveRegion::open() {
 
 void LiveRegion::throw_no_lock(uint32_t timeout_ms) {
     const std::string holder = describe_holder(mutex_);
-    throw Error(ErrorKind::lock_timeout, fmt::format("timed out after {} ms waiting for the lock{}{}", timeout_ms,
-                                                     holder.empty() ? "" : "; ", holder));
+    const char* const before = holder.empty() ? "" : "; ";  // branch: only Windows does not tell
+    throw Error(ErrorKind::lock_timeout,
+                fmt::format("timed out after {} ms waiting for the lock{}{}", timeout_ms, before, holder));
 }
 
 void LiveRegion::lock() {
@@ -322,13 +321,13 @@ void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t t
     fill_with_lock_facts(snapshot, view);
     platform::count_look(mutex_);
     calls.shmnm_rounlock();
-    const bool was_taken_over = own && own->was_taken_over();
+    const bool was_taken_over = own && own->was_taken_over();  // branch: Linux counts take-overs instead
     own.reset();
     snapshot.way = CopyWay::with_lock;
     snapshot.lock_wait_us = taken_us - asked_us;
     snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
     if (snapshot.lock) snapshot.lock->process = snapshot.lock->thread = 0;
-    if (was_taken_over) access_.took_over();
+    if (was_taken_over) access_.took_over();  // branch: the same
 }
 
 void LiveRegion::copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const {
@@ -348,7 +347,7 @@ std::optional<Snapshot> LiveRegion::try_copy(Bytes wanted, uint32_t lock_timeout
     // Before the region: what the bridge calls fresh now, it has set by now.
     snapshot.bridge = bridge_.read();
     const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
-    if (is_reader()) {
+    if (is_reader()) {  // branch: only Windows has readers
         copy_as_reader(snapshot, *view, timeout_ms);
     } else {
         mutex();

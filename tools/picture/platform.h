@@ -30,9 +30,6 @@ void* symbol(void* module, const char* name);
 
 /// The text before the names of the installation's kernel objects.
 std::string object_prefix();
-/// Whether users may be allowed to read the region without a right to its lock.
-extern const bool has_readers;
-
 /// The reason for the last failure of a kernel call, as a Windows error number.
 uint32_t last_error();
 /// The same in words, with what to do about it; "" where no more than the number is known.
@@ -43,6 +40,10 @@ std::string why_not_created(const std::string& name);
 /// The user, other than this one, for whom shared memory of this name lives, as far as the system tells.
 std::optional<std::string> other_user_of(const std::string& mapping);
 void close(void* handle);
+/// Whether this user, who cannot open the region's lock, may read shared memory but not write to it. Only where users
+/// may be allowed to read without a right to the lock.
+/// @param[in] mapping  its name without the prefix; the last failure is that of the lock
+bool may_only_read(const char* mapping);
 /// Maps all of a shared memory for reading. @return null when that fails
 const void* map_for_reading(void* mapping);
 void unmap(const void* view);

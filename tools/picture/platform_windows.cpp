@@ -76,7 +76,6 @@ std::string object_prefix() {
     SetLastError(before);
     return prefix;
 }
-const bool has_readers = true;
 
 uint32_t last_error() {
     return GetLastError();
@@ -97,6 +96,13 @@ std::string why_not_created(const std::string& name) {
 /// Objects of other sessions cannot be looked for.
 std::optional<std::string> other_user_of(const std::string&) {
     return std::nullopt;
+}
+bool may_only_read(const char* mapping) {
+    if (GetLastError() != ERROR_ACCESS_DENIED) return false;
+    void* const writable = KzmutilOpenNamedFileMapping(FILE_MAP_ALL_ACCESS, 0, mapping);
+    if (!writable) return GetLastError() == ERROR_ACCESS_DENIED;
+    CloseHandle(writable);
+    return false;
 }
 void close(void* handle) {
     CloseHandle(handle);

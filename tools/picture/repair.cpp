@@ -55,7 +55,7 @@ Repaired repair(const Access& access, bool force, bool discard) {
     platform::count_look(region.mutex());
     const auto holder = platform::lock_holder(region.mutex());
     auto* const note = static_cast<Note*>(platform::own_note(region.mutex()));
-    if (!note || !holder) {
+    if (!note || !holder) {  // branch: only Windows keeps no note
         refuse(ErrorKind::no_notes, "this system keeps no note of changes");
     }
     if (note->state > Note::open || note->superseded.state > Note::open) {

@@ -138,6 +138,7 @@ Selection::Selection(std::vector<std::string> prefixes, const std::optional<std:
                               np = resource_keys(resource_kinds[1]), pids = pid_keys();
     for (const std::string& pattern : only_->patterns()) {
         const Tables having{have(servers, pattern), have(hb, pattern), have(np, pattern), have(pids, pattern)};
+        // branch: np resources have no word that hb resources do not have
         if (!having.servers && !having.hb && !having.np && !having.fst_pids) {
             std::vector<std::string> known = words_of_rows();
             for (std::string& word : known) word = word.substr(0, word.find('/'));
@@ -149,6 +150,7 @@ Selection::Selection(std::vector<std::string> prefixes, const std::optional<std:
         tables_ = {tables_.servers && having.servers, tables_.hb && having.hb, tables_.np && having.np,
                    tables_.fst_pids && having.fst_pids};
     }
+    // branch: the same
     if (!tables_.servers && !tables_.hb && !tables_.np && !tables_.fst_pids) {
         throw Error(ErrorKind::no_such_word, "no row has all words of the condition");
     }

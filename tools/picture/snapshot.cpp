@@ -55,6 +55,7 @@ std::vector<uint8_t> read_opened(std::ifstream& stream, const std::string& file)
     while (stream) {
         stream.read(part, sizeof part);
         bytes.insert(bytes.end(), part, part + stream.gcount());
+        // branch: no test has so much memory
         if (bytes.size() > std::numeric_limits<uint32_t>::max())
             refuse(file, "it is larger than any region, which has at most 2^32 bytes");
     }

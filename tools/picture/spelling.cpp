@@ -44,9 +44,9 @@ struct Shape {
 bool is_kind(std::string_view part) {
     return part == "KIND";
 }
-/// Whether any name may stand there.
+/// Whether any name may stand there: only such parts are in capitals.
 bool is_free(std::string_view part) {
-    return part[0] >= 'A' && part[0] <= 'Z' && !is_kind(part);
+    return part[0] <= 'Z' && !is_kind(part);
 }
 std::vector<std::string> words_of(std::string_view part) {
     if (is_kind(part)) return {"0", "1", "2"};

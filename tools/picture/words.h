@@ -54,10 +54,9 @@ class Source<record> {
     }
     /// Whether the value follows from other words.
     constexpr bool is_computed() const { return !word_ && !number_; }
-    /// Puts a value into the member. @return false: it does not fit, or is computed
+    /// Puts a value into the member of a word that is not computed. @return false: it does not fit
     bool put(Part& part, const Value& value) const {
         if (word_) return stored(part.*record.*word_, value.to_uint32());
-        if (!number_) return false;
         return has_sign_ ? stored(part.*record.*number_, value.to_int32())
                          : stored(part.*record.*number_, value.to_uint32());
     }
