@@ -227,6 +227,59 @@ TEST(Apply, PutsEveryByteBackWhicheverCallFails) {
     expect_equal(region.dump(), wanted);
 }
 
+TEST(Apply, CanBeTriedWithoutAConfiguration) {
+    LibraryRegion region({3, 2, 2, 1});
+    const Document is = document_of(region.dump());
+    Document wanted = is;
+    wanted.picture.header.clstat = 7;
+    const test::TemporaryFolder empty;
+    const test::ScopedEnvironment elsewhere("KZM_INSTALL_PATH", empty.string().c_str());
+    const std::vector<Difference> different = differences_to_apply({}, wanted, false);
+    ASSERT_EQ(different.size(), 1u);
+    EXPECT_EQ(to_text(different[0]), "cluster/clstat 0 -> 7");
+}
+
+/// Sets a word again and again without the lock.
+CHILD(set_without_the_lock) {
+    test::report(shmnm_attach());
+    for (uint32_t state = 1;; ++state) shmnm_setclstat(state);
+}
+
+TEST(Apply, TellsIfAnotherProcessChangesTheRegionWithoutTheLockMeanwhile) {
+    LibraryRegion region({3, 2, 2, 1});
+    const Document wanted = document_of(region.dump());
+    test::Child other = test::start(set_without_the_lock);
+    ASSERT_EQ(other.reported(), SHMNM_OK);
+    std::string told;
+    // Unless the other process does not run in between.
+    while (told.empty()) {
+        try {
+            apply_here(wanted);
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::failed);
+            told = error.what();
+        }
+    }
+    EXPECT_THAT(told, testing::StartsWith("the picture was applied, but another process changed the region without the "
+                                          "lock meanwhile: cluster/clstat "));
+}
+
+TEST(Differences, AreInJsonOldAndNewValuesOfWhatIsOnThatSide) {
+    LibraryRegion region({3, 2, 2, 1});
+    const Document without = document_of(region.dump());
+    ASSERT_EQ(shmnm_setfstrscpid("agent", 0, 1, 2), SHMNM_OK);
+    const Document with = document_of(region.dump());
+    const Json added = to_json(differences(without, with)), removed = to_json(differences(with, without));
+    const auto first = [](const Json& all) {
+        for (const Json& one : all) {
+            if (one["key"] == "fst/pids/agent/0") return one.dump();
+        }
+        return std::string();
+    };
+    EXPECT_EQ(first(added), R"({"key":"fst/pids/agent/0","new":1})");
+    EXPECT_EQ(first(removed), R"({"key":"fst/pids/agent/0","old":1})");
+}
+
 TEST(Apply, ChangesNothingIfAnotherProcessFillsATableWithoutTheLock) {
     const Counts counts{3, 2, 2, 1};
     const auto with_two_servers = [] {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "picture/answers.h"
 #include "picture/library_region.h"
 #include "shmnm.h"
 
@@ -118,6 +119,29 @@ Expectation expected(const Snapshot& changed, uint64_t at) {
         return field < 292 ? opaque : stays_zero;
     }
     return at < network + 48 ? opaque : stays_zero;
+}
+
+TEST(InterruptedChange, IsAFindingThatRepairCompletesUnlessTheTablesWereChangedSince) {
+    LibraryRegion region({4, 3, 2, 1});
+    Snapshot snapshot = region.dump();
+    snapshot.note.emplace();
+    *snapshot.note = {};
+    snapshot.note->state = shmnm::Note::open;
+    snapshot.note->call = shmnm::NotedCall::clear;
+    snapshot.note->process = 4711;
+    snapshot.note->superseded.state = shmnm::Note::open;
+    snapshot.note->superseded.call = shmnm::NotedCall::clear;
+    snapshot.note->superseded.process = 4712;
+    snapshot.note->superseded.superseded_by = 4711;
+    const std::vector<Finding> found = with_repair(findings(snapshot));
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].key, "region/changes");
+    EXPECT_EQ(found[0].expected, "whole changes");
+    EXPECT_EQ(found[0].found,
+              "process 4712 was killed while it cleared the region, and process 4711 has changed the "
+              "region since");
+    EXPECT_EQ(found[1].expected, "whole changes (\"shmnmctl repair\" completes this one)");
+    EXPECT_EQ(found[1].found, "process 4711 was killed while it cleared the region");
 }
 
 TEST(DamagedRegion, ReportsOneFindingForEachWrongByte) {

@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "picture/json.h"
+
 namespace picture {
 namespace {
 
@@ -56,6 +58,21 @@ TEST(Interrupted, NamesEachFunctionThatNotesAChangeAndWhatItDid) {
         EXPECT_EQ(left_by(call).change, change);
     }
     EXPECT_EQ(std::size(expected), static_cast<size_t>(NotedCall::setnpsimu)) << "a noted call is missing here";
+}
+
+TEST(Interrupted, ConcernsOnlyTheRegionOfItsNote) {
+    Note note{};
+    note.state = note.superseded.state = Note::open;
+    note.call = note.superseded.call = NotedCall::clear;
+    note.object = 1;
+    note.superseded.object = 2;
+    ASSERT_EQ(interrupted_changes(note, 1).size(), 1u);
+    EXPECT_FALSE(interrupted_changes(note, 1)[0].superseded);
+    ASSERT_EQ(interrupted_changes(note, 2).size(), 1u);
+    EXPECT_TRUE(interrupted_changes(note, 2)[0].superseded);
+    EXPECT_TRUE(interrupted_changes(note, 3).empty());
+    EXPECT_EQ(to_json(interrupted_changes(note, 1)).dump(),
+              R"([{"process":0,"call":"shmnm_clear","change":"cleared the region","superseded":false}])");
 }
 
 TEST(Interrupted, SaysThatACallOfAnotherVersionIsUnknown) {

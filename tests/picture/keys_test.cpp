@@ -123,10 +123,21 @@ TEST_F(Keys, OfABridgeFindNothingThatIsNotListed) {
         EXPECT_FALSE(find(picture, key)) << key;
     }
     EXPECT_TRUE(find(picture, "bridge/connected"));
-    EXPECT_TRUE(find(picture, "bridge/servers/alpha/age_ms"));
+    EXPECT_EQ(find(picture, "bridge/servers/alpha/age_ms")->value, Value()) << "not known";
+    picture.bridge->marks.servers[0].age = 20;
+    EXPECT_EQ(find(picture, "bridge/servers/alpha/age_ms")->value, Value(20u));
     picture.bridge->is_up = false;
     EXPECT_TRUE(find(picture, "bridge/up"));
     EXPECT_FALSE(find(picture, "bridge/connected")) << "it has no marks";
+}
+
+TEST(MovingKeys, AreTheAgesAndRevisionsOfMarks) {
+    EXPECT_TRUE(moves("bridge/servers/alpha/age_ms"));
+    EXPECT_TRUE(moves("bridge/servers/alpha/revision"));
+    for (const char* const key :
+         {"bridge/servers/alpha/freshness", "bridge/servers/alpha/nonsense", "bridge/up", "servers/alpha/age_ms"}) {
+        EXPECT_FALSE(moves(key)) << key;
+    }
 }
 
 /// A key as the help shows it: names and kinds by what they are.

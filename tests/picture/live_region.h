@@ -21,8 +21,9 @@ class LiveCopy : public testing::Test {
     }
     ~LiveCopy() override { shmnm_delete(); }
 
-  private:
     TemporaryFolder folder_;
+
+  private:
     ScopedEnvironment path_;
 };
 

@@ -8,12 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "kzmutil.h"
 #include "picture/decode.h"
 #include "picture/error.h"
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/library_region.h"
 #include "picture/live_region.h"
+#include "picture/platform.h"
 #include "shmnm.h"
 
 namespace picture {
@@ -96,6 +98,16 @@ TEST_F(LiveCopy, TimesOutWhileAnotherProcessHoldsTheLock) {
     EXPECT_EQ(decode(LiveRegion({}).copy(Bytes::in_use)).servers.at(0).name, "alpha");
 }
 
+TEST_F(LiveCopy, HoldsTheWholeMappingIfNoKnownCountsFitIt) {
+    folder_.write("etc/cluster.xml", "<root><all><num><server>3</server></num></all></root>");
+    WritableRegion region;
+    reinterpret_cast<shmnm_header*>(region.base())->max_servers = 7;
+    const Snapshot copy = LiveRegion({}).copy(Bytes::in_use);
+    EXPECT_EQ(copy.counts.servers, 7);
+    EXPECT_EQ(copy.bytes.size(), region.size());
+    reinterpret_cast<shmnm_header*>(region.base())->max_servers = 128;
+}
+
 TEST_F(LiveCopy, TakesTheLockIfToldTo) {
     std::string told;
     LiveRegion live({.may_skip_lock = false, .tell = [&](const std::string& line) { told = line; }});
@@ -103,6 +115,44 @@ TEST_F(LiveCopy, TakesTheLockIfToldTo) {
     EXPECT_EQ(copy.way, CopyWay::with_lock);
     EXPECT_EQ(decode(copy).servers.at(0).name, "alpha");
     EXPECT_THAT(told, MatchesRegex("copied the bytes in use with the lock: waited .* us for it, held it for .* us"));
+}
+
+TEST_F(LiveCopy, ThatAReaderMadeTellsHowOftenItWasRepeated) {
+    Snapshot copy;
+    copy.way = CopyWay::by_reader;
+    copy.wanted = Bytes::in_use;
+    copy.tries = 3;
+    EXPECT_EQ(how_copied(copy),
+              "copied the bytes in use without a right to the lock: two of 3 copies in a row were equal");
+}
+
+TEST_F(LiveCopy, IsRefusedWithAdviceToThoseWhoLackTheRight) {
+    constexpr uint32_t map_read = 4;
+    void* const only_to_read = KzmutilOpenNamedFileMapping(map_read, 0, mapping_name);
+    ASSERT_TRUE(only_to_read);
+    EXPECT_FALSE(platform::map_for_writing(only_to_read));
+    EXPECT_EQ(kind_of_last_failure(), ErrorKind::region_refused);
+    EXPECT_EQ(last_failure(), "(error 5); run this as the user who runs the cluster");
+    platform::close(only_to_read);
+}
+
+TEST(NoRegion, IsToldToWhoeverAsksForIt) {
+    const auto refusal = [](const auto& asks) {
+        try {
+            asks();
+            return std::string("not refused");
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::no_region);
+            return std::string(error.what());
+        }
+    };
+    const std::string none = "no process holds the region " + full_name(mapping_name);
+    EXPECT_EQ(live_object(), 0u);
+    EXPECT_EQ(refusal([] { LiveRegion({}).copy(Bytes::all); }), none);
+    EXPECT_EQ(refusal([] { LiveRegion({}).copy_locked(); }), none);
+    EXPECT_EQ(refusal([] { LiveRegion({}).expect(); }), none);
+    EXPECT_EQ(refusal([] { const WritableRegion region; }), none);
+    EXPECT_NO_THROW(LiveRegion({}).expect_own()) << "no other user has one";
 }
 
 }  // namespace

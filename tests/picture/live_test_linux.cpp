@@ -1,17 +1,26 @@
 // Copies of the live region that do not take the lock, and when they must take it.
 #include <gmock/gmock.h>
 
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <functional>
 
 #include "picture/decode.h"
+#include "picture/error.h"
+#include "picture/held_region.h"
+#include "picture/holders.h"
 #include "picture/interrupted.h"
 #include "picture/library_region.h"
 #include "picture/live.h"
 #include "picture/live_region.h"
 #include "picture/platform.h"
+#include "support/traced_linux.h"
 
 namespace picture {
 namespace {
@@ -100,6 +109,129 @@ TEST_F(LiveCopy, TakesTheLockOverFromAKilledOwnerAndShowsItsChange) {
     EXPECT_EQ(second.steps, first.steps) << "a copy's own take counted as a step";
     ASSERT_EQ(interrupted_in(second).size(), 1u);
     EXPECT_EQ(sentence(interrupted_in(second)[0]), sentence(interrupted_in(first)[0]));
+}
+
+TEST_F(LiveCopy, ShowsAChangeToWhoDoesNotOwnTheLockOnceItsCallerHasEnded) {
+    LiveRegion live({});
+    Child owner = start(change_and_hang);
+    for (int i = 0; i < 3; ++i) owner.reported();
+    EXPECT_EQ(interrupted_changes_unlocked(live.mutex(), live_object()).size(), 0u) << "its caller is at it";
+    owner.kill();
+    const std::vector<Interrupted> left = interrupted_changes_unlocked(live.mutex(), live_object());
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0].process, owner.process_id());
+    EXPECT_EQ(left[0].change, "removed server alpha");
+}
+
+/// Whether a child ends with an error of these words if one of its mappings of files fails.
+bool tells_of_a_failed_mapping(const std::function<void()>& work, const std::string& words) {
+    constexpr size_t room = 4096;
+    auto* const told =
+        static_cast<char*>(mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    bool has_told = false, has_failed = true;
+    for (int position = 1; has_failed && !has_told; ++position) {
+        test::Traced child([&] {
+            try {
+                work();
+            } catch (const Error& error) {
+                std::strncpy(told, error.what(), room - 1);
+            }
+        });
+        has_failed = false;
+        for (int mapped = 0; child.step();) {
+            const std::vector<uint64_t> call = child.entered();
+            if (call.empty() || call[0] != SYS_mmap || static_cast<int>(call[5]) < 0 || ++mapped != position) continue;
+            child.fail_call(ENOMEM);
+            has_failed = true;
+        }
+        has_told = std::string_view(told).find(words) != std::string_view::npos;
+    }
+    munmap(told, room);
+    return has_told;
+}
+
+TEST_F(LiveCopy, AndWhateverElseMapsTheRegionTellIfItCannotBeMapped) {
+    const std::string advice = full_name(mapping_name) + " (error 8); see the trace log and the system's log";
+    const std::string writable =
+        full_name(mapping_name) + " for writing (error 8); see the trace log and the system's log";
+    EXPECT_TRUE(tells_of_a_failed_mapping([] { LiveRegion({}).expect(); }, "cannot map the region " + advice));
+    EXPECT_TRUE(tells_of_a_failed_mapping([] { const WritableRegion region; }, "cannot map the region " + writable));
+    EXPECT_TRUE(tells_of_a_failed_mapping([] { static_cast<void>(HeldRegion::open()->size()); },
+                                          "cannot map the region " + advice));
+    EXPECT_TRUE(tells_of_a_failed_mapping([] { holders(Access{}); }, "cannot map the region, or it has just ended"));
+}
+
+TEST_F(LiveCopy, LeavesItToTheCountOfTakeOversToTellOfThem) {
+    bool told = false;
+    LiveRegion live({.may_skip_lock = false, .took_over = [&] { told = true; }});
+    // Of an earlier test's owner.
+    ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+    ASSERT_EQ(shmnm_rwunlock(), SHMNM_OK);
+    const uint64_t before = platform::lock_holder(live.mutex())->takeovers;
+    Child owner = start(change_and_hang);
+    for (int i = 0; i < 3; ++i) owner.reported();
+    owner.kill();
+    EXPECT_EQ(live.copy(Bytes::in_use).lock->takeovers, before + 1);
+    EXPECT_FALSE(told);
+}
+
+/// Owns the lock beside a change that an earlier caller left, and which the owner has superseded.
+CHILD(supersede_and_hang) {
+    report(shmnm_attach());
+    report(shmnm_rwlock(0));
+    LiveRegion live({});
+    auto& note = *static_cast<shmnm::Note*>(platform::own_note(live.mutex()));
+    note = {};
+    note.superseded.state = shmnm::Note::open;
+    note.superseded.call = shmnm::NotedCall::clear;
+    note.superseded.object = live_object();
+    note.process = test::process_id();
+    note.takes = takes(live);
+    report(1);
+    test::told();
+    note.superseded.state = shmnm::Note::closed;
+    report(2);
+    test::hang();
+}
+
+TEST_F(LiveCopy, ShowsASupersededChangeWhileItsSuccessorIsStillAtWork) {
+    LiveRegion live({});
+    Child owner = start(supersede_and_hang);
+    for (int i = 0; i < 3; ++i) owner.reported();
+    const std::vector<Interrupted> left = interrupted_changes_unlocked(live.mutex(), live_object());
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_TRUE(left[0].superseded);
+    owner.tell(0);
+    EXPECT_EQ(owner.reported(), 2u);
+    EXPECT_EQ(interrupted_changes_unlocked(live.mutex(), live_object()).size(), 0u);
+}
+
+/// Owns the lock and writes its note again and again.
+CHILD(change_without_end) {
+    report(shmnm_attach());
+    report(shmnm_rwlock(0));
+    LiveRegion live({});
+    auto& note = *static_cast<shmnm::Note*>(platform::own_note(live.mutex()));
+    note = {};
+    note.state = shmnm::Note::open;
+    note.object = live_object();
+    report(1);
+    std::atomic_ref<int32_t> position(note.position);
+    for (;;) position.fetch_add(1, std::memory_order_relaxed);
+}
+
+TEST_F(LiveCopy, ShowsNoChangeWhoseNoteIsBeingWritten) {
+    LiveRegion live({});
+    Child owner = start(change_without_end);
+    for (int i = 0; i < 3; ++i) owner.reported();
+    // One whose position did not move in between looks as if a caller had left it.
+    while (!interrupted_changes_unlocked(live.mutex(), live_object()).empty()) {
+    }
+    owner.kill();
+    EXPECT_EQ(interrupted_changes_unlocked(live.mutex(), live_object()).size(), 1u);
+    EXPECT_EQ(shmnm_rwlock(0), SHMNM_OK);
+    *static_cast<shmnm::Note*>(platform::own_note(live.mutex())) = {};
+    EXPECT_EQ(shmnm_rwunlock(), SHMNM_OK);
 }
 
 CHILD(copy_when_told) {

@@ -85,6 +85,42 @@ TEST_F(PlanTest, RefusesADescriptionThatTheLibraryDoesNotReach) {
                 testing::ElementsAre("shmnm_sethbdescript"));
 }
 
+TEST(PlanOfManyServers, ReachesADescriptionWhereTheLibraryLooksForAnotherRecord) {
+    // A record with its states is one and a half times as long as a record alone.
+    const auto is_refused = [](int32_t resources, size_t position) {
+        LibraryRegion region({73, resources, 0, 0});
+        region.fill();
+        const Document live = document_of(region.dump());
+        Document target = live;
+        target.picture.hb[position].descript = "far";
+        try {
+            plan(live, target);
+            return false;
+        } catch (const Error&) {
+            return true;
+        }
+    };
+    EXPECT_TRUE(is_refused(4, 1));
+    EXPECT_FALSE(is_refused(4, 2));
+    EXPECT_TRUE(is_refused(4, 3));
+    EXPECT_TRUE(is_refused(3, 2)) << "there is no fourth record";
+}
+
+TEST_F(PlanTest, SetsAProcessIdOrWhatIsStoredBesideItIfEitherDiffers) {
+    live_.picture.fst_pids.pop_back();
+    const auto named = testing::ElementsAre("shmnm_setfstrscpid");
+    EXPECT_THAT(calls([](Picture& picture) { picture.fst_pids[0].pid[0] = 9; }), named);
+    EXPECT_THAT(calls([](Picture& picture) { picture.fst_pids[0].piddata[0] = 9; }), named);
+    const auto third = [](size_t kinds) {
+        return [kinds](Picture& picture) {
+            picture.fst_pids.push_back({.name = "third"});
+            for (size_t kind = 0; kind < kinds; ++kind) picture.fst_pids.back().piddata[kind] = 7;
+        };
+    };
+    EXPECT_THAT(calls(third(1)), named);
+    EXPECT_THAT(refusal_of(third(2)), testing::HasSubstr("it fills the table of process ids"));
+}
+
 TEST_F(PlanTest, RefusesAPairBelowOne) {
     EXPECT_EQ(refusal_of([](Picture& picture) { picture.header.hbinfo_b = 0; }),
               "nothing was changed: cannot set cluster/hbinfo_b: it and what is set together with it are at least 1");

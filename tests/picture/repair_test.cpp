@@ -8,6 +8,7 @@
 #include <functional>
 #include <vector>
 
+#include "picture/apply.h"
 #include "picture/live_region.h"
 
 namespace picture {
@@ -129,6 +130,30 @@ TEST_F(Repair, DoesNotMindTakesThatOnlyLooked) {
         with_note([&](Note&) { EXPECT_NE(kzmkernel_look_count(live_.mutex()), 0); });
     }
     EXPECT_EQ(repair({}, false, false).completed.size(), 1u);
+}
+
+TEST_F(Repair, IsNeededBeforeAPictureIsApplied) {
+    const Document target = document_of(LiveRegion({}).copy(Bytes::all));
+    leave_open();
+    // Which apply() undoes.
+    ASSERT_EQ(shmnm_attach(), SHMNM_OK);
+    for (const auto& applied : {differences_to_apply, apply}) {
+        try {
+            applied({}, target, false);
+            ADD_FAILURE() << "applied";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::interrupted);
+            EXPECT_THAT(error.what(), HasSubstr("nothing was changed: process "));
+            EXPECT_THAT(error.what(), HasSubstr(" was killed while it removed server alpha"));
+        }
+    }
+    // It cannot complete this one.
+    leave_open([](Note& note) {
+        note.superseded.state = Note::open;
+        note.superseded.object = note.object;
+        note.state = Note::closed;
+    });
+    EXPECT_THAT(differences_to_apply({}, target, false), IsEmpty());
 }
 
 TEST_F(Repair, RefusesTheNoteOfARegionThatHasEnded) {

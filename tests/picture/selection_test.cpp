@@ -100,6 +100,8 @@ TEST(Selection, RefusesAConditionOverWordsThatNoRowHas) {
     EXPECT_THAT(refusal("svstat=1"), HasSubstr("no row has a word \"svstat\""));
     EXPECT_THAT(refusal("nodestat=1 and stat=1"), HasSubstr("no row has all words"));
     EXPECT_THAT(refusal("any network/*=1 and any pids/*=1"), HasSubstr("no row has all words"));
+    EXPECT_THAT(refusal("nodestat=1 and any pids/*=1"), HasSubstr("no row has all words"));
+    EXPECT_EQ(refusal("any pids/*=1"), "");
     EXPECT_THROW(Selection({}, ""), Error);
     EXPECT_EQ(refusal("any network/*=1"), "");
 }

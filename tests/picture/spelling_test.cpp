@@ -186,6 +186,7 @@ TEST(RangeOf, IsWhatTheLibrarysCallTakes) {
 TEST(WordsBelow, AreThoseOfTheNextPart) {
     EXPECT_THAT(words_below(""), ElementsAre("cluster/", "servers/", "hb/", "np/", "fst/", "bridge/"));
     EXPECT_THAT(words_below("servers/"), IsEmpty());
+    EXPECT_THAT(words_below("cluster/clstat/"), IsEmpty());
     EXPECT_THAT(words_below("np/ping/pingnp1/"), ElementsAre("pri", "stat", "svstat/"));
     EXPECT_THAT(words_below("fst/"), ElementsAre("stat", "pids/", "piddata/"));
     EXPECT_THAT(words_below("fst/pids/agent/"), ElementsAre("0", "1", "2"));

@@ -177,5 +177,29 @@ class PackagedInstallation(ToolTest):
         self.assertIn(f"cannot read the configuration {support.FOLDER.resolve().parent}/etc/cluster.xml", said)
 
 
+class Library(ToolTest):
+    """A tool that finds its companions, but not its library."""
+
+    def setUp(self):
+        super().setUp()
+        self.programs = self.folder / "bin"
+        self.programs.mkdir()
+        for file in [support.FOLDER / "shmnmctl", *support.FOLDER.glob("libkzm*.so*")]:
+            if "libkzmshmnm" not in file.name:
+                shutil.copy(file, self.programs)
+
+    def said(self, **more):
+        done = subprocess.run([self.programs / "shmnmctl", "serve"], env=self.environment | more, capture_output=True, text=True, timeout=support.DEADLINE)
+        self.assertEqual((done.returncode, done.stdout), (5, ""))
+        return done.stderr
+
+    def test_is_missed_by_its_name(self):
+        self.assertEqual(self.said(), "shmnmctl: cannot load libkzmshmnm.so.1: put it beside this program, with its companions\n")
+
+    def test_of_another_version_lacks_a_function(self):
+        shutil.copy(self.programs / "libkzmutil.so", self.programs / "libkzmshmnm.so.1")
+        self.assertRegex(self.said(), "^shmnmctl: libkzmshmnm.so.1 has no function shmnm_[a-z_]+: install the library and this program in one version\n$")
+
+
 if __name__ == "__main__":
     support.main()

@@ -29,6 +29,19 @@ class OtherUsers(ToolTest):
                               timeout=support.DEADLINE, user=OTHER_USER, group=OTHER_USER, extra_groups=[])
         return Result(done.returncode, done.stdout, done.stderr.decode())
 
+    def region_of_other_user(self):
+        shutil.copy(support.FOLDER / "api_caller", self.programs)
+        (self.folder / "log").chmod(0o777)
+        folder = pathlib.Path(f"/dev/shm/kzmkernel.{OTHER_USER}")
+        self.addCleanup(pathlib.Path(f"{folder}.guard").unlink, missing_ok=True)
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        creator = subprocess.Popen([self.programs / "api_caller"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=self.environment,
+                                   user=OTHER_USER, group=OTHER_USER, extra_groups=[])
+        self.addCleanup(creator.communicate)
+        creator.stdin.write(b"shmnm_create\n")
+        creator.stdin.flush()
+        self.assertEqual(creator.stdout.readline().strip(), b"0")
+
     def private_folder(self):
         """A folder of kernel objects that no other test uses."""
         folder = pathlib.Path(f"/dev/shm/{self.region_name}")
@@ -46,6 +59,11 @@ class OtherUsers(ToolTest):
                 result = self.tool_of_other_user(*command)
                 self.assertEqual((result.status, result.raw), (5, b""))
                 self.assertEqual(result.err, f"shmnmctl: the region {self.region_name} belongs to user root (0); run this as that user\n")
+
+    def test_a_user_without_an_account_is_reported_by_its_number(self):
+        self.region_of_other_user()
+        result = self.tool("status")
+        self.assertEqual((result.status, result.err), (5, f"shmnmctl: the region {self.region_name} belongs to user {OTHER_USER}; run this as that user\n"))
 
     def test_an_ended_region_of_another_user_is_not_reported(self):
         self.cluster().end()
