@@ -33,7 +33,8 @@ TEST(NoMutex, TellsNothing) {
 }
 
 CHILD(own_the_lock) {
-    test::report(platform::try_own(LiveRegion({}).mutex()));
+    LiveRegion live({});
+    test::report(platform::try_own(live.mutex()));
     test::told();
 }
 
