@@ -135,6 +135,27 @@ TEST(KernelFolder, IsMadeAgainIfRemovedBeforeItsFirstCreatorIsInside) {
     });
 }
 
+TEST(KernelSibling, IsMadeAgainIfRemovedBeforeItsFirstCreatorIsInside) {
+    in_fork([] {
+        use_private_memory_disk();
+        Traced creator([] {
+            const Handle mutex(create_mutex(object_name()));
+            EXPECT_EQ(mutex.error, 0u);
+            getppid();
+        });
+        do {
+            ASSERT_TRUE(creator.step());
+        } while (!locks_a_byte(creator));
+        fs::remove(sibling());
+        creator.run_until_it_enters(SYS_getppid);
+        EXPECT_TRUE(fs::exists(sibling()));
+        // It guards the folder.
+        fs::remove_all(folder());
+        expect_mutex_refused(KZMKERNEL_ERROR_FILE_INVALID);
+        run_to_its_end(creator);
+    });
+}
+
 /// Runs a creator up to a call that opens the sibling, lets another process create the object, and lets it go on.
 void expect_existing_if_created_before(uint64_t flags_of_open) {
     in_fork([&] {

@@ -258,6 +258,21 @@ TEST(KernelGate, FailsEveryCallAfterTwoSecondsWhenAStoppedProcessHoldsIt) {
     });
 }
 
+TEST(KernelGate, FailsACreateWhoseFolderIsRemovedWhileItAllocates) {
+    in_fork([] {
+        use_private_memory_disk();
+        Traced creator([] {
+            EXPECT_EQ(Handle(create_page(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_INVALID});
+            EXPECT_EQ(std::string(kzmkernel_explanation()).find(folder().string() + " was removed or replaced"), 0u);
+        });
+        creator.run_until_it_enters(SYS_fallocate);
+        fs::remove_all(folder());
+        while (creator.step()) {
+        }
+        EXPECT_EQ(creator.status(), 0);
+    });
+}
+
 TEST(KernelGate, IsTakenWhenItBecomesFreeInTime) {
     in_fork([] {
         use_private_memory_disk();
