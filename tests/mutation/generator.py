@@ -411,12 +411,13 @@ def arguments_for(command):
 
 
 def refused_lines(errors, path, lines):
-    """Those of `lines` of `path` that the compiler's errors name, or else its notes."""
+    """Those of `lines` of `path` that the compiler's errors name, or else its notes, or else the innermost that instantiates what is refused."""
     for word in ('error', 'note'):
         named = lines & {int(one) for one in re.findall(rf'^{re.escape(path)}:(\d+):\d+: (?:fatal )?{word}', errors, re.M)}
         if named:
             return named
-    return set()
+    instantiated = (re.findall(rf'^{re.escape(path)}:(\d+):\d+:   required from', one, re.M) for one in errors.split('In instantiation of')[1:])
+    return {int(one[0]) for one in instantiated if one} & lines
 
 
 def write(source, first, path, compile_command):

@@ -127,6 +127,14 @@ class Generator(unittest.TestCase):
         self.assertEqual(self.source.barred, {3})
         self.assertEqual(self.source.left_out[generator.REFUSED], 1)
 
+    def test_lines_of_templates_that_the_compiler_refuses_for_a_type_are_left_out(self):
+        # As iterators do, these have a distance, but no sum.
+        mutants = self.mutate('struct Place {\n    int at;\n    int operator-(Place other) const { return at - other.at; }\n};\n'
+                              'template <class Any>\nint distance(Any first, Any last) {\n    return last - first;\n}\n'
+                              'int main() { return distance(Place{1}, Place{3}); }\n')
+        self.assertEqual(self.source.barred, {7})
+        self.assertEqual([one.line for one in mutants if one.line == 7], [])
+
     def test_lines_keep_their_numbers(self):
         text = 'int f(int a) {\n    return a <\n           3 &&\n           a > 1;\n}\nint line() { return __LINE__; }\nint main() { return line(); }\n'
         self.mutate(text)
