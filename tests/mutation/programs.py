@@ -121,8 +121,9 @@ class Program:
 
     def cases(self):
         done = subprocess.run([*self.command, '--gtest_list_tests'], cwd=self.folder, env={**os.environ, **self.environment},
-                              capture_output=True, text=True, check=True)
-        return listed_cases(done.stdout)
+                              capture_output=True, check=True)
+        # A comment shows the argument of a case, in any bytes.
+        return listed_cases(done.stdout.decode(errors='replace'))
 
     def run(self, cases, processor, asleep, **environment):
         surroundings = {**os.environ, **self.environment, **environment, 'GTEST_FILTER': ':'.join(cases), 'GTEST_FAIL_FAST': '1'}

@@ -199,6 +199,40 @@ TEST(Apply, OfWhatIsThereAlreadyMakesNoCall) {
     }
 }
 
+TEST(Apply, TakesARegionWithChangedMaximaOnlyByForce) {
+    const Counts counts{3, 2, 2, 1};
+    LibraryRegion region(counts);
+    shmnm_addnode("alpha", 1);
+    Document wanted = document_of(region.dump());
+    wanted.picture.header.clstat = 7;
+    shmnm_setmaxvalue_ex(3, 9, 8);
+    // Attaching writes the configured maxima, which a process does that has not attached.
+    ASSERT_EQ(shmnm_detach(), SHMNM_OK);
+    for (const auto& applied : {differences_to_apply, apply}) {
+        try {
+            applied({}, wanted, false);
+            ADD_FAILURE() << "applied";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::configuration_differs);
+        }
+    }
+    std::vector<std::string> lines;
+    for (const Difference& one : differences_to_apply({}, wanted, true)) lines.push_back(to_text(one));
+    EXPECT_THAT(lines, testing::ElementsAre("cluster/clstat 0 -> 7", "cluster/max_hb 9 -> 2", "cluster/max_np 8 -> 2"));
+    EXPECT_EQ(LiveRegion({}).copy(Bytes::all).header_counts(), (Counts{3, 9, 8, 1})) << "nothing is changed yet";
+    EXPECT_EQ(apply({}, wanted, true).size(), 3u);
+    EXPECT_EQ(shmnm_attach(), SHMNM_OK);
+    EXPECT_THAT(differences(document_of(region.dump()), wanted), testing::IsEmpty());
+}
+
+TEST(Apply, TellsBeforehandWhatNoCallsMake) {
+    LibraryRegion region({3, 2, 2, 1});
+    shmnm_addnode("alpha", 1);
+    Document wanted = document_of(region.dump());
+    wanted.picture.header.hbinfo_a = -1;
+    EXPECT_THROW(differences_to_apply({}, wanted, false), Error);
+}
+
 TEST(Apply, PutsEveryByteBackWhicheverCallFails) {
     Random random(test::seed());
     const Counts counts{5, 4, 3, 2};

@@ -210,6 +210,7 @@ TEST(ParsedAssignments, StandOneOnALineBetweenBlanksAndRemarks) {
     };
     EXPECT_THAT(texts("cluster/clstat 1\n\n  # a remark\n \t \n\tservers/a/pri \t -5  \r\n#\ncluster/waitstat 0x10"),
                 ElementsAre("cluster/clstat|1", "servers/a/pri|-5", "cluster/waitstat|16"));
+    EXPECT_EQ(parse_assignment("cluster/clstat", "  7").value, Value(7u));
     EXPECT_THAT(texts(""), IsEmpty());
     EXPECT_THAT(texts("\n"), IsEmpty());
 }

@@ -142,6 +142,8 @@ TEST_F(ClusterFileTest, IsRefusedForMembersThatCannotBeRegistered) {
     }
     EXPECT_EQ(problem_of("<sever name='a' priority='1'/>"),
               "15: unknown element \"sever\" in /root/cluster; did you mean \"server\"?");
+    EXPECT_EQ(problem_of("<hbb name='a' priority='1'/>"),
+              "15: unknown element \"hbb\" in /root/cluster; did you mean \"hb\"?");
     EXPECT_EQ(problem_of("<disk name='a' priority='1'/>"),
               "15: unknown element \"disk\" in /root/cluster; use server, hb and np");
     EXPECT_EQ(problem_of("<server name='a' priority='2'><hb/></server>"),
@@ -190,6 +192,8 @@ TEST_F(ClusterFileTest, ListsItsProblemsByTheirLinesAndRefusesWithTheFirst) {
     };
     const std::string first = ", line 2: unknown element \"x\" in /root/cluster; use server, hb and np";
     EXPECT_THAT(refusal(), testing::EndsWith(first + "; 2 more: \"shmnmctl verify --config\" lists all"));
+    folder_.write("cluster.xml", "<root><cluster>\n<x/><y/></cluster></root>");
+    EXPECT_THAT(refusal(), testing::EndsWith(first + "; 1 more: \"shmnmctl verify --config\" lists all"));
     folder_.write("cluster.xml", "<root><cluster>\n<x/></cluster></root>");
     EXPECT_THAT(refusal(), testing::EndsWith(first));
     folder_.write("cluster.xml", "<root>\n<cluster>\n</cluste>\n</root>");

@@ -108,13 +108,13 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"all servers/**/nodestat>0", true}, Case{"any servers/*a*/nodestat=2", true},
                     Case{"any servers/alpha*/nodestat=1", true}, Case{"any servers/*alphax/nodestat=1", false},
                     Case{"any servers/*x*/nodestat=1", false}, Case{"any servers/a*pa/nodestat=1", false},
-                    Case{"all hb/*/*/svstat/*>7", true}, Case{"all hb/lan/*/svstat/*=9", false},
-                    Case{"all hb/*/*/svstat/alpha=9", true}, Case{"any */*=1", true}, Case{"any *=1", false},
-                    Case{"any servers/*=1", false}, Case{"any */*/*/*/*=8", true}, Case{"any */*/*/*/*/*=8", false},
-                    Case{"exists servers/*/pri", true}, Case{"exists np/*/*/stat", false},
-                    Case{"all cluster/clstat=1", true}, Case{"any cluster/clstat=1", true},
-                    Case{"servers/a%2Ab%2F%20c/pingstat=3", true}, Case{"any servers/*%2A*/pingstat=3", true},
-                    Case{"any servers/*%2F*/pingstat!=3", false}));
+                    Case{"any servers/al*lpha/nodestat=1", false}, Case{"all hb/*/*/svstat/*>7", true},
+                    Case{"all hb/lan/*/svstat/*=9", false}, Case{"all hb/*/*/svstat/alpha=9", true},
+                    Case{"any */*=1", true}, Case{"any *=1", false}, Case{"any servers/*=1", false},
+                    Case{"any */*/*/*/*=8", true}, Case{"any */*/*/*/*/*=8", false}, Case{"exists servers/*/pri", true},
+                    Case{"exists np/*/*/stat", false}, Case{"all cluster/clstat=1", true},
+                    Case{"any cluster/clstat=1", true}, Case{"servers/a%2Ab%2F%20c/pingstat=3", true},
+                    Case{"any servers/*%2A*/pingstat=3", true}, Case{"any servers/*%2F*/pingstat!=3", false}));
 
 INSTANTIATE_TEST_SUITE_P(OverNothing, ValidCondition,
                          testing::Values(Case{"all np/*/*/stat=0", false}, Case{"all np/*/*/stat!=0", false},
@@ -138,6 +138,20 @@ INSTANTIATE_TEST_SUITE_P(Joined, ValidCondition,
                                          Case{"cluster/clstat=2 or cluster/clstat=3 or cluster/clstat=1", true},
                                          Case{"cluster/clstat=1 and cluster/waitstat=0 and exists cluster/nothing",
                                               false}));
+
+TEST(InvalidPattern, ShowsWhatAKeyWithAStarNeedsAndItsPositionUnlessItIsTheFirst) {
+    const auto refusal = [](const char* text) -> std::string {
+        try {
+            const Condition condition(text);
+            return "";
+        } catch (const Error& error) {
+            return error.what();
+        }
+    };
+    const std::string why = "a key with * needs \"any\" or \"all\" before it, as in 'any servers/*/pri=0'";
+    EXPECT_EQ(refusal("servers/*/pri=1"), why);
+    EXPECT_EQ(refusal(" servers/*/pri=1"), "invalid condition at character 2, \"servers/*/pri=1\": " + why);
+}
 
 struct WrongCase {
     const char* text;
@@ -222,8 +236,9 @@ TEST(ImpossibleCondition, ComparesAWordWithAValueThatItCannotHave) {
               "servers/*/combstat");
     for (const char* const text :
          {"cluster/clstat=4294967296", "cluster/clstat>4294967295", "cluster/clstat<0", "cluster/clstat<=-1",
-          "cluster/clstat=none", "any hb/*/*/svstat/* = -1", "fst/piddata/a/0<0", "fst/pids/a/0>4294967295",
-          "cluster/clstat=1 and cluster/clstat=-1", "(cluster/clstat=-1 or cluster/bwflag=-1) and cluster/clstat=1"}) {
+          "cluster/clstat=none", "any bridge/*=none", "any hb/*/*/svstat/* = -1", "fst/piddata/a/0<0",
+          "fst/pids/a/0>4294967295", "cluster/clstat=1 and cluster/clstat=-1",
+          "(cluster/clstat=-1 or cluster/bwflag=-1) and cluster/clstat=1"}) {
         EXPECT_NE(never(text), "") << text;
     }
 }
@@ -268,6 +283,7 @@ TEST(UnmetCondition, ReportsWhatKeepsItFromHolding) {
     EXPECT_EQ(unmet("exists servers/gamma/pri"), "exists servers/gamma/pri (no such key)");
     EXPECT_EQ(unmet("all servers/*/nodestat=1"), "all servers/*/nodestat=1 (servers/beta/nodestat is 2)");
     EXPECT_EQ(unmet("any servers/*/pingstat=2"), "any servers/*/pingstat=2 (servers/alpha/pingstat is 1, 2 more)");
+    EXPECT_EQ(unmet("any servers/*/nodestat=5"), "any servers/*/nodestat=5 (servers/alpha/nodestat is 1, 1 more)");
     EXPECT_EQ(unmet("all np/*/*/stat=1"), "all np/*/*/stat=1 (no such key)");
     EXPECT_EQ(unmet("not  (cluster/clstat=1 or cluster/clstat=2)"), "not  (cluster/clstat=1 or cluster/clstat=2)");
     EXPECT_EQ(unmet("cluster/clstat=1 and cluster/waitstat=2 and (cluster/clstat=3 or not cluster/clstat=1)"),

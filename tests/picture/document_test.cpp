@@ -36,6 +36,11 @@ TEST(Document, ReadsBackWhatItWrote) {
         const Document read = document_from(text);
         EXPECT_EQ(to_json(read).dump(), text);
         EXPECT_THAT(differences(document, read), testing::IsEmpty());
+        for (int32_t shmnm_header::*const count :
+             {&shmnm_header::fst_count, &shmnm_header::fst_pid_limit, &shmnm_header::server_count,
+              &shmnm_header::hb_count, &shmnm_header::np_count, &shmnm_header::fst_pid_count}) {
+            EXPECT_EQ(read.picture.header.*count, document.picture.header.*count);
+        }
     }
 }
 
@@ -61,6 +66,15 @@ TEST(Document, RefusesWhatIsNotWholeAndNamesThePlace) {
     EXPECT_EQ(refusal([](Json& json) { json["cluster"].erase("clstat"); }), "cluster has no member \"clstat\"");
     EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pristat"] = 1; }),
               "servers[1] has an unknown member \"pristat\"");
+    for (const auto& [place, path] : std::vector<std::pair<std::string, std::string>>{{"the document", ""},
+                                                                                      {"counts", "/counts"},
+                                                                                      {"cluster", "/cluster"},
+                                                                                      {"hb[0]", "/hb/0"},
+                                                                                      {"fst", "/fst"},
+                                                                                      {"fst.pids[1]", "/fst/pids/1"}}) {
+        EXPECT_EQ(refusal([&](Json& json) { json[Json::json_pointer(path)]["mine"] = 1; }),
+                  place + " has an unknown member \"mine\"");
+    }
     EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pri"] = 1u << 31; }),
               "servers[1].pri is out of range: 2147483648");
     EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pingstat"] = -1; }),

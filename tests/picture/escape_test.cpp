@@ -34,6 +34,8 @@ TEST(ShownFile, EscapesWhatIsNotUtf8) {
     EXPECT_EQ(shown_file("\xC0\xAF\xE0\x80\xAF"), "%C0%AF%E0%80%AF") << "longer than necessary";
     EXPECT_EQ(shown_file("\xED\xA0\x80"), "%ED%A0%80") << "half of a character";
     EXPECT_EQ(shown_file("\xF5\x80\x80\x80"), "%F5%80%80%80") << "beyond the last character";
+    EXPECT_EQ(shown_file("\xF4\x90\x80\x80"), "%F4%90%80%80") << "just beyond the last character";
+    EXPECT_EQ(shown_file(std::string_view("\u00FC").substr(0, 1)), "%C3") << "its end is cut off";
 }
 
 TEST(AsTyped, EscapesEveryByteBeyondAscii) {

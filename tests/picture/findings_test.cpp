@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -22,6 +23,7 @@ namespace {
 
 using test::LibraryRegion;
 using test::Random;
+using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
@@ -179,6 +181,84 @@ TEST(DamagedRegion, ReportsOneFindingForEachWrongByte) {
             }
         }
     }
+}
+
+/// A healthy region with two records in each table.
+class TwoOfEach : public testing::Test {
+  protected:
+    TwoOfEach() {
+        for (const char* const name : {"aa", "bb"}) {
+            shmnm_addnode(name, 0);
+            shmnm_addhbrsc("lan", name, 0);
+            shmnm_addnprsc("ping", name, 0);
+            shmnm_setfstrscpid(name, 0, 1, 2);
+        }
+        dump_ = region_.dump();
+    }
+
+    void write(uint64_t at, const std::string& text) {
+        std::copy(text.begin(), text.end(), dump_.bytes.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    void write_number(uint64_t at, int32_t number) { std::memcpy(dump_.bytes.data() + at, &number, sizeof number); }
+    std::vector<std::string> found() const {
+        std::vector<std::string> all;
+        for (const Finding& one : findings(dump_)) all.push_back(testing::PrintToString(one));
+        return all;
+    }
+
+    LibraryRegion region_{{4, 3, 2, 2}};
+    Snapshot dump_;
+};
+
+TEST_F(TwoOfEach, HaveNamesOfTheirOwn) {
+    write(1084 + 320, "aa");
+    write(2364 + 600, "aa");
+    write(9372 + 600, "aa");
+    write(15212 + 324, "aa");
+    EXPECT_THAT(found(),
+                ElementsAre("1404 servers[1]/name: expected a name of its own; found the name of servers[0]",
+                            "2964 hb[1]/name: expected a type and a name of its own; found those of hb[0]",
+                            "9972 np[1]/name: expected a type and a name of its own; found those of np[0]",
+                            "15536 fst/pids[1]/name: expected a name of its own; found the name of fst/pids[0]"));
+    write(2364 + 600 + 256, "LAN");
+    write(9372 + 600 + 256, "PING");
+    EXPECT_EQ(found().size(), 2u) << "of two types";
+}
+
+TEST_F(TwoOfEach, LieWhereTheMaximaSay) {
+    const std::string servers = "8 header/max_servers: expected 4, as the region is laid out; found 5",
+                      fst = "20 header/fst_count: expected 2, as the region is laid out; found 3";
+    write_number(8, 5);
+    write_number(20, 3);
+    EXPECT_THAT(found(), ElementsAre(servers, fst));
+    // It agrees with the maxima, which are wrong.
+    write_number(24, 15);
+    EXPECT_THAT(found(), ElementsAre(servers, fst));
+    write_number(24, 9);
+    EXPECT_THAT(found(), ElementsAre(servers, fst,
+                                     "24 header/fst_pid_limit: expected 8, the servers times the fst "
+                                     "resources; found 9"));
+}
+
+TEST_F(TwoOfEach, FillARegionAsItIsConfigured) {
+    dump_.configured = dump_.counts;
+    EXPECT_THAT(found(), IsEmpty());
+    dump_.configured->hb = 4;
+    EXPECT_THAT(found(),
+                ElementsAre("0 region/size: expected 20300 bytes (servers 4, hb 4, np 2, fst 2), as configured; "
+                            "found 17932 bytes mapped"));
+}
+
+TEST_F(TwoOfEach, AreAllInTheBytes) {
+    dump_.bytes.resize(dump_.bytes.size() - 4);
+    EXPECT_THAT(found(),
+                ElementsAre("8 header/maxima: expected those of a file of 17932 bytes; found servers 4, hb 3, np "
+                            "2, fst 2: 17932 bytes"));
+    dump_.live = true;
+    write_number(8, -1);
+    EXPECT_THAT(found(),
+                ElementsAre("8 header/maxima: expected those of a mapping of 17932 bytes; found servers -1, hb "
+                            "3, np 2, fst 2: beyond all memory"));
 }
 
 }  // namespace

@@ -101,7 +101,7 @@ TEST(StatusLine, HasNoFstResourceWhereThereIsNone) {
 /// Marks in which every number has a value of its own, and every second flag is set.
 Bridge some_bridge(bool is_odd) {
     Bridge bridge{
-        .is_up = is_odd, .stopped_us = is_odd ? uint64_t{0} : 1'999, .marks = {}, .left_out = 5, .lost_servers = 6};
+        .is_up = is_odd, .stopped_us = is_odd ? uint64_t{0} : 2'001'999, .marks = {}, .left_out = 5, .lost_servers = 6};
     bridge::Marks& marks = bridge.marks;
     marks.is_connected = marks.is_refused = is_odd;
     marks.is_running = marks.is_fed = !is_odd;
@@ -131,7 +131,7 @@ TEST(BridgeInJson, HasEachMark) {
               R"("address":"h:1","claimed":true,"unmatched":false,"duplicate_priority":true,"other_names":false,)"
               R"("other_times":true}]})");
     EXPECT_EQ(to_json_text(some_bridge(false)),
-              R"({"up":false,"stopped_ms":1,"connected":false,"running":true,"refused":false,"fed":true,)"
+              R"({"up":false,"stopped_ms":2001,"connected":false,"running":true,"refused":false,"fed":true,)"
               R"("cluster":"production","server":"alpha","member":"http://m","proposals":{"proposed":1,"accepted":2,)"
               R"("lost":3,"replaced":4},"contested":["cluster/clstat","cluster/bwflag"],"unmatched":["servers/x"],)"
               R"("left_out":5,"lost_servers":6,"servers":[{"name":"beta","freshness":"fresh","age_ms":null,)"

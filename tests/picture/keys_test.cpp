@@ -179,6 +179,10 @@ TEST_F(Keys, AreEachNamedOnceInTheHelp) {
         EXPECT_NE(help.help, "") << help.pattern;
     }
     EXPECT_THAT(helped, testing::UnorderedElementsAreArray(listed));
+    for (const KeyHelp& help : key_help()) {
+        const bool is_computed = help.pattern == "cluster/alive" || help.pattern == "servers/NAME/combstat";
+        EXPECT_EQ(help.help.ends_with("; computed"), is_computed) << help.pattern;
+    }
 }
 
 }  // namespace

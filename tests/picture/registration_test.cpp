@@ -89,6 +89,12 @@ TEST_F(Registration, TakesAllOutAgainIfOneIsRefused) {
     EXPECT_THAT(registered(), ElementsAre("a 6"));
 }
 
+TEST_F(Registration, ThatIsRefusedLeavesWhatWasThere) {
+    for (const char* const name : {"a", "b"}) shmnm_addnode(name, 6);
+    EXPECT_THROW(register_all({hb("l", 2), server("a", 1)}), Error) << "the table is full";
+    EXPECT_THAT(registered(), ElementsAre("a 6", "b 6"));
+}
+
 TEST_F(Registration, GivesTheFirstMemberAnExtremePriorityUntilTheOthersAreThere) {
     const ClusterMembers servers_first{server("a", 3), hb("l", 4)};
     shmnm_addnode("a", INT32_MIN);

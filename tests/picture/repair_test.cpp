@@ -125,6 +125,7 @@ TEST_F(Repair, RefusesIfTheLockWasTakenSinceUnlessForced) {
 }
 
 TEST_F(Repair, DoesNotMindTakesThatOnlyLooked) {
+    with_note([&](Note&) { EXPECT_NE(kzmkernel_look_count(live_.mutex()), 0); });
     leave_open();
     for (int i = 0; i < 3; ++i) {
         with_note([&](Note&) { EXPECT_NE(kzmkernel_look_count(live_.mutex()), 0); });
@@ -199,6 +200,33 @@ TEST_F(Repair, ReleasesTheLock) {
     leave_open();
     repair({}, false, false);
     EXPECT_EQ(lock_facts().owner_process, 0u);
+}
+
+TEST_F(Repair, IsAnnouncedWithoutTheLockUnlessTheLocksOwnerIsAtTheChange) {
+    const auto seen = [&] { return interrupted_changes_unlocked(live_.mutex(), map_.object()); };
+    EXPECT_THAT(seen(), IsEmpty());
+    leave_open([&](Note&) { EXPECT_THAT(seen(), IsEmpty()); });
+    ASSERT_EQ(seen().size(), 1u) << "the lock has no owner";
+    EXPECT_EQ(seen()[0].change, "removed server alpha");
+    EXPECT_THAT(interrupted_changes_unlocked(live_.mutex(), map_.object() + 1), IsEmpty());
+    leave_open([&](Note& note) {
+        ++note.process;
+        EXPECT_EQ(seen().size(), 1u) << "another process is the owner";
+        --note.process;
+    });
+    leave_open([&](Note& note) {
+        ++note.takes;
+        EXPECT_EQ(seen().size(), 1u) << "the owner has taken the lock again";
+    });
+    leave_open([&](Note& note) {
+        note.superseded.state = Note::open;
+        note.superseded.object = note.object;
+        note.superseded.superseded_by = 4711;
+        ASSERT_EQ(seen().size(), 1u) << "an earlier change";
+        EXPECT_THAT(sentence(seen()[0]), HasSubstr(", and process 4711 has changed the region since"));
+        note.state = Note::closed;
+        EXPECT_EQ(seen().size(), 1u);
+    });
 }
 
 }  // namespace

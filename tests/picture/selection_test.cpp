@@ -94,7 +94,35 @@ TEST(Selection, CombinesPrefixesAndACondition) {
     EXPECT_FALSE(rows({"servers/server001"}, "nodestat!=1").any());
 }
 
+TEST(Selection, KnowsAllKindsOfProcessIdsAndNoOthers) {
+    for (const char* const word : {"pids/0", "pids/2", "piddata/0", "piddata/2"}) {
+        EXPECT_THAT(rows({}, std::string(word) + ">0").fst_pids, ElementsAre(true)) << word;
+        const std::string text = word, name = text.substr(0, text.size() - 1) + "agent" + text.substr(text.size() - 2);
+        EXPECT_THAT(rows({"fst/" + name}).fst_pids, ElementsAre(true)) << name;
+    }
+    EXPECT_THAT(rows({}, "exists pids/3").fst_pids, ElementsAre(false));
+    EXPECT_THAT(rows({"fst/pids/agent/3"}).fst_pids, ElementsAre(false));
+}
+
+TEST(Selection, ShowsAnyRowsIfItShowsSomeOfOneTable) {
+    for (const char* const prefix : {"servers", "hb", "np", "fst"}) EXPECT_TRUE(rows({prefix}).any()) << prefix;
+    EXPECT_FALSE(rows({"cluster"}).any());
+}
+
+TEST(Selection, LeavesOutNpResourcesForNetworkWideStates) {
+    EXPECT_THAT(rows({}, "not network/server000=1").np, Each(false));
+    EXPECT_THAT(rows({}, "not network/server000=1").hb, Each(true));
+}
+
+TEST(WordsOfRows, AreThoseOfAllTables) {
+    EXPECT_THAT(words_of_rows(),
+                ElementsAre("pri", "nodestat", "nodestat_nw", "downnotifystat", "isolateflag", "pingstat", "holdstat",
+                            "dfailstatus", "combstat", "pri", "stat", "svstat/", "network/", "pids/", "piddata/"));
+}
+
 TEST(Selection, RefusesAConditionOverWordsThatNoRowHas) {
+    EXPECT_EQ(refusal("svsta/alpha!=1"), "no row has a word \"svsta/alpha\"; did you mean \"svstat\"?");
+    EXPECT_THAT(refusal("svstat//!=1"), HasSubstr("no row has a word \"svstat//\""));
     EXPECT_THAT(refusal("nodestatt!=1"), "no row has a word \"nodestatt\"; did you mean \"nodestat\"?");
     EXPECT_THAT(refusal("any servers/*/nodestat!=1"), HasSubstr("without the key of its row"));
     EXPECT_THAT(refusal("svstat=1"), HasSubstr("no row has a word \"svstat\""));

@@ -26,6 +26,20 @@ TEST(Nearest, FindsAWordWithALetterTooManyTooFewWrongOrExchanged) {
     EXPECT_EQ(nearest("pir", some_words), "pri");
 }
 
+TEST(Nearest, TakesOneDifferenceForEachThreeLetters) {
+    EXPECT_EQ(nearest("pngtat", some_words), "pingstat");
+    EXPECT_EQ(nearest("abxy", {"abcd"}), "");
+    EXPECT_EQ(nearest("lstat", {"xlstab"}), "");
+    EXPECT_EQ(nearest("xlsta", {"lstb"}), "");
+}
+
+TEST(Nearest, TakesTwoLettersForExchangedOnlyIfBothAre) {
+    EXPECT_EQ(nearest("rpi", {"pri"}), "pri");
+    EXPECT_EQ(nearest("xxab", {"xxca"}), "");
+    EXPECT_EQ(nearest("xxab", {"xxbc"}), "");
+    EXPECT_EQ(nearest(std::string_view("xabcdef").substr(1), {"zaxbcdeg"}), "") << "with a letter before the word";
+}
+
 TEST(Nearest, PrefersTheWordWithFewerDifferences) {
     EXPECT_EQ(nearest("pingstaat", some_words), "pingstat");
     EXPECT_EQ(nearest("abce", {"abxy", "abcd"}), "abcd");
@@ -139,6 +153,8 @@ TEST(NearestKey, IsLikeTheKeyInEachPart) {
     EXPECT_EQ(nearest_key("servers/alphabt/pri", all), "servers/alphabet/pri");
     EXPECT_EQ(nearest_key("servers/omega/pri", all), "");
     EXPECT_EQ(nearest_key("servers/alhpa", all), "");
+    EXPECT_EQ(nearest_key("zzzz/alpha/pri", all), "");
+    EXPECT_EQ(nearest_key("servers/x1/pri", {{"servers/x1y/pri", {}}, {"servers/x1z/pri", {}}}), "servers/x1y/pri");
 }
 
 TEST(ExpectPrefix, AcceptsTheBeginningsOfKeys) {
@@ -181,6 +197,7 @@ TEST(RangeOf, IsWhatTheLibrarysCallTakes) {
     EXPECT_EQ(range_of("fst/piddata/agent/0"), "0 to 18446744073709551615");
     EXPECT_EQ(range_of("servers/alpha/combstat"), "");
     EXPECT_EQ(range_of("cluster/dfailstatus"), "");
+    EXPECT_THROW(range_of("servers/*/pri"), Error);
 }
 
 TEST(WordsBelow, AreThoseOfTheNextPart) {
@@ -188,6 +205,8 @@ TEST(WordsBelow, AreThoseOfTheNextPart) {
     EXPECT_THAT(words_below("servers/"), IsEmpty());
     EXPECT_THAT(words_below("cluster/clstat/"), IsEmpty());
     EXPECT_THAT(words_below("np/ping/pingnp1/"), ElementsAre("pri", "stat", "svstat/"));
+    EXPECT_THAT(words_below("np/ping/pingnp1/pri/"), IsEmpty());
+    EXPECT_THAT(words_below("fst/pid/agent/"), IsEmpty());
     EXPECT_THAT(words_below("fst/"), ElementsAre("stat", "pids/", "piddata/"));
     EXPECT_THAT(words_below("fst/pids/agent/"), ElementsAre("0", "1", "2"));
 }
