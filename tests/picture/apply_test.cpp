@@ -206,8 +206,8 @@ TEST(Apply, TakesARegionWithChangedMaximaOnlyByForce) {
     Document wanted = document_of(region.dump());
     wanted.picture.header.clstat = 7;
     shmnm_setmaxvalue_ex(3, 9, 8);
-    // Attaching writes the configured maxima, which a process does that has not attached.
-    ASSERT_EQ(shmnm_detach(), SHMNM_OK);
+    // Attaching writes the configured maxima, unless this process has attached before.
+    while (shmnm_detach() == SHMNM_OK) continue;
     for (const auto& applied : {differences_to_apply, apply}) {
         try {
             applied({}, wanted, false);

@@ -207,6 +207,10 @@ TEST_F(ClusterFileTest, KnowsTheLinesOfElementsBetweenWhatIsNone) {
                   "<!----><cluster>\n<x/><!-- > --><y\n/><z></z>\n</cluster></root>");
     EXPECT_THAT(problems(), ElementsAre(HasSubstr("8: unknown element \"x\""), HasSubstr("8: unknown element \"y\""),
                                         HasSubstr("9: unknown element \"z\"")));
+    folder_.write("cluster.xml", "\n<root><cluster><x/></cluster></root>");
+    EXPECT_THAT(problems(), ElementsAre(HasSubstr("2: unknown element \"x\"")));
+    folder_.write("cluster.xml", "\n<root><cluster></x></cluster></root>");
+    EXPECT_THAT(problems(), ElementsAre(HasSubstr("2: not well-formed XML")));
 }
 
 TEST_F(ClusterFileTest, IsRefusedIfItCannotBeRead) {

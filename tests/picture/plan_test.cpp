@@ -184,6 +184,31 @@ TEST_F(PlanTest, GivesServersOtherPrioritiesOnlyWhileTheLibraryWouldFindOthers) 
                 testing::ElementsAre("shmnm_modifynode", "shmnm_setnpsimu", "shmnm_modifynode"));
 }
 
+TEST_F(PlanTest, KnowsTheStatesThatServersTakeAwayAndBring) {
+    const auto rows = [](Picture& picture) {
+        return std::vector{&picture.hb[0].svstat.states, &picture.hb[1].svstat.states, &picture.hb[0].network.states,
+                           &picture.hb[1].network.states, &picture.np[0].svstat.states};
+    };
+    for (std::vector<uint32_t>* const row : rows(live_.picture)) *row = {7, 8, 9};
+    EXPECT_THAT(calls([&](Picture& picture) {
+                    picture.servers.erase(picture.servers.begin());
+                    for (std::vector<uint32_t>* const row : rows(picture)) row->erase(row->begin());
+                }),
+                testing::ElementsAre("shmnm_rmnode"));
+    const Server third = live_.picture.servers.back();
+    live_.picture.servers.pop_back();
+    for (std::vector<uint32_t>* const row : rows(live_.picture)) row->pop_back();
+    const auto with_third = [&](uint32_t state) {
+        return calls([&](Picture& picture) {
+            picture.servers.push_back(third);
+            picture.servers.back().record.pri = 4711;
+            for (std::vector<uint32_t>* const row : rows(picture)) row->push_back(state);
+        });
+    };
+    EXPECT_THAT(with_third(2), testing::ElementsAre("shmnm_addnode"));
+    EXPECT_EQ(with_third(3).size(), 6u) << "one call for each row";
+}
+
 TEST_F(PlanTest, RemovesNoMoreThanWhatIsInAnotherPlace) {
     EXPECT_THAT(calls([](Picture& picture) {
                     picture.servers.erase(picture.servers.begin() + 1);
