@@ -136,8 +136,7 @@ std::string name_of(uint32_t user) {
 std::optional<Holders> holders(const void* view) {
     const std::optional<MemoryFile> file = file_of(view);
     const auto processes = numbers_in("/proc");
-    if (!file || !processes)
-        return std::nullopt;  // branch: /proc can be listed if it tells what this process has mapped
+    if (!file || !processes) return std::nullopt;  // branch: a /proc that tells the file can be listed
     Holders found;
     for (const uint32_t id : *processes) {
         if (id == static_cast<uint32_t>(getpid())) continue;
