@@ -68,7 +68,8 @@ TEST_F(ClusterFileTest, HasTheCountsAndTheMembersInTheirOrder) {
 }
 
 TEST_F(ClusterFileTest, HasTheLibrarysCountsWhereItNamesNone) {
-    for (const char* const text : {"<root/>", "<root><all><num/></all></root>"}) {
+    for (const char* const text :
+         {"<root/>", "<root><all><num/></all></root>", "<root><all><num a='b'/></all></root>"}) {
         folder_.write("cluster.xml", text);
         EXPECT_EQ(read_cluster_file(file()).counts, (Counts{.servers = 128, .hb = 16, .np = 16, .fst = 1})) << text;
     }

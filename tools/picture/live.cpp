@@ -176,7 +176,7 @@ void LiveRegion::tell(const char* what, const char* name) {
 
 void* LiveRegion::try_mutex() {
     if (mutex_) return mutex_;
-    if (!told_mutex_) tell("mutex", mutex_name);  // branch: the second try is a reader's
+    if (!told_mutex_) tell("mutex", mutex_name);
     told_mutex_ = true;
     return mutex_ = KzmutilCreateNamedMutex(0, mutex_name);
 }

@@ -57,7 +57,6 @@ uint32_t explain_removed(const char* path) {
 
 uint32_t explain_busy(int folder, const char* path) {
     struct stat found {};
-    // branch: the folder is open, so fstat() cannot fail but for the lack of memory
     const pid_t holder = fstat(folder, &found) == 0 ? process_that_locked(found) : 0;
     constexpr uint32_t error = KZMKERNEL_ERROR_BUSY;
     if (holder == 0) return explained(error, "another process does not let go of %.300s", path);

@@ -47,7 +47,6 @@ pid_t process_that_locked(const struct stat& file) noexcept {
     ListedLock lock{};
     const bool found = find_lock(
         lock, [&](const ListedLock& one) { return std::strcmp(one.type, "FLOCK") == 0 && is_lock_of(one, file); });
-    // branch: Linux lists no lock whose holder is in a process-id namespace that it cannot name here
     return found && lock.process > 0 ? lock.process : 0;
 }
 
