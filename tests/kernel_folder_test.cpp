@@ -363,9 +363,11 @@ TEST(KernelGuards, OfAMakerAreLetGoWhenTheObjectIsThere) {
 /// Handles a signal: starts a child that has copies of all descriptors until the process ends. fork() would wait for
 /// the call that the signal interrupts.
 void start_child(int /*signal*/) {
+    const pid_t parent = getpid();
     if (syscall(SYS_fork) != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    for (;;) pause();
+    while (getppid() == parent) pause();
+    _exit(0);
 }
 
 TEST(KernelGuards, OfAMakerAreLetGoAlthoughAChildHasCopiesOfTheirDescriptors) {
