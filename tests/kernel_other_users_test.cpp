@@ -361,6 +361,21 @@ TEST(KernelExplanation, IsNotThatOfAnEarlierFailure) {
     });
 }
 
+TEST(KernelExplanation, OfARefusedFolderIsNotThatOfARefusedNameOrArgument) {
+    with_folder("ours", [] {
+        const auto expect_unexplained = [](uint32_t error, const auto& call) {
+            EXPECT_EQ(Handle(create_mutex(object_name())).error, uint32_t{KZMKERNEL_ERROR_INVALID_NAME});
+            EXPECT_STRNE(kzmkernel_explanation(), "");
+            EXPECT_EQ(call(), nullptr);
+            EXPECT_EQ(kzmkernel_last_error(), error);
+            EXPECT_STREQ(kzmkernel_explanation(), "");
+        };
+        expect_unexplained(KZMKERNEL_ERROR_INVALID_NAME, [] { return create_mutex("a/b"); });
+        expect_unexplained(KZMKERNEL_ERROR_INVALID_NAME, [] { return open_mapping("a/b"); });
+        expect_unexplained(KZMKERNEL_ERROR_INVALID_PARAMETER, [] { return kzmkernel_create_mutex(nullptr); });
+    });
+}
+
 // The system's list of locks tells everybody who has what.
 
 TEST(KernelOtherUsers, AreFoundWhileAProcessWaitsForALock) {

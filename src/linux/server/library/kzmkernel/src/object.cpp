@@ -225,8 +225,8 @@ uint32_t make_new(Gate& gate, uint64_t size, Object* made, Object*& object, Remo
 }
 
 uint32_t obtain(Kind kind, const char* name, uint64_t size, Wish wish, Object*& object) {
-    if (const uint32_t error = check_name(name)) return error;
     forget_explanation();
+    if (const uint32_t error = check_name(name)) return error;
     forget_closed_mutexes();
     Object* const made = new (std::nothrow) Object{};
     // branch by chance: no memory for a few bytes
