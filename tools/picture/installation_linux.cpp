@@ -27,7 +27,7 @@ std::string unquoted(const std::string& value) {
 void use_packaged_installation() {
     // Variables of two installations are never mixed.
     if (const char* const chosen = std::getenv("KZM_INSTALL_PATH"); chosen && *chosen) return;
-    // An empty one chooses none, but would not be overridden.
+    // setenv() below would keep an empty value.
     unsetenv("KZM_INSTALL_PATH");
     std::error_code unknown;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", unknown);

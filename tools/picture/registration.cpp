@@ -77,7 +77,7 @@ ClusterMembers register_all(const ClusterMembers& members) {
 }
 
 ClusterMembers register_missing(const Picture& picture, const ClusterMembers& members) {
-    // To a full table the library does not even add what is there.
+    // A full table refuses even members that are already there.
     ClusterMembers added = add_missing(missing_from(picture, members), std::nullopt);
     for (const ClusterMember& member : members) {
         if (is_unfinished(picture, members, member)) expect_ok(set_priority(member, member.priority), member);

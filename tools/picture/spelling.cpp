@@ -224,7 +224,7 @@ std::string nearest_key(std::string_view key, const std::vector<Word>& words) {
         for (size_t i = 0; i < parts.size() && are_near; ++i) {
             if (parts[i] == typed[i]) continue;
             are_near = !nearest(typed[i], {std::string(parts[i])}).empty();
-            // Only of near words: for a key of a megabyte it takes long.
+            // Only for near words: it would take long for a key of a megabyte.
             if (are_near) letters += letters_between(typed[i], parts[i]);
         }
         if (!are_near || letters >= least) continue;
