@@ -21,6 +21,7 @@ COMPARISONS = ('<', '<=', '>', '>=', '==', '!=')
 FUNCTIONS = (Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUCTOR, Kind.CONVERSION_FUNCTION, Kind.FUNCTION_TEMPLATE)
 TRANSPARENT = (Kind.UNEXPOSED_EXPR, Kind.PAREN_EXPR)
 CONSTANT, MACRO, REFUSED, SAME = 'the compiler needs a constant', 'in a macro', 'lines refused by the compiler', 'returns 0 already'
+ENDING = 'ends a function that must not return'
 NUMBERS = (TypeKind.BOOL, TypeKind.INT, TypeKind.UINT, TypeKind.LONG, TypeKind.ULONG, TypeKind.LONGLONG, TypeKind.ULONGLONG,
            TypeKind.SHORT, TypeKind.USHORT, TypeKind.CHAR_S, TypeKind.SCHAR, TypeKind.UCHAR)
 
@@ -90,9 +91,18 @@ class Source:
                 elif body:
                     self.function = child.spelling
                     self.result = child.result_type if not re.search(r'\bauto\b', head) else None
+                    self.ending = self.ending_of(child, body[0])
                     self.visit(body[0], edits, child)
             elif child.kind in (Kind.NAMESPACE, Kind.LINKAGE_SPEC, Kind.CLASS_DECL, Kind.STRUCT_DECL, Kind.CLASS_TEMPLATE, Kind.UNEXPOSED_DECL):
                 self.functions(child.get_children(), edits)
+
+    def ending_of(self, function, body):
+        """Where the last statement of a [[noreturn]] function is: what the function does without it is undefined."""
+        attributes = [one for one in function.get_children() if one.kind == Kind.UNEXPOSED_ATTR]
+        statements = list(body.get_children())
+        if not statements or not any(token.spelling == 'noreturn' for one in attributes for token in one.get_tokens()):
+            return None
+        return self.range(statements[-1])
 
     def count(self, cursor, reason=CONSTANT):
         """Counts what would have been mutants."""
@@ -254,6 +264,10 @@ class Source:
         is_change = inner.kind in (Kind.BINARY_OPERATOR, Kind.COMPOUND_ASSIGNMENT_OPERATOR, Kind.UNARY_OPERATOR)
         inside_macro = any(low <= begin and end <= high for low, high in self.macros)
         if not (is_call or is_change) or self.is_barred(cursor) or inside_macro or not self.is_here(cursor):
+            self.visit(cursor, edits, None)
+            return
+        if (begin, end) == self.ending:
+            self.left_out[ENDING] += 1
             self.visit(cursor, edits, None)
             return
         old = self.slice(begin, end).split('\n')[0]

@@ -85,6 +85,16 @@ class Generator(unittest.TestCase):
         self.assertEqual(first, '15')
         self.assertEqual([changes[one] for one in ('a = 1 -> nothing', 'count() -> nothing', 'a += 4 -> nothing')], ['14', '5', '11'])
 
+    def test_the_last_statement_of_a_function_that_must_not_return_stays(self):
+        before = ('#include <cstdlib>\nstruct Ends { [[noreturn]] void declared(); };\nint count;\n'
+                  '[[noreturn]] void defined() { count += 1; std::exit(7); }\nvoid Ends::declared() { defined(); }')
+        first, changes = self.answers('int f() { Ends().declared(); return 1; }', before)
+        self.assertEqual(first, 7)
+        self.assertEqual({one: changes[one] for one in changes if one.endswith('nothing')},
+                         {'count += 1 -> nothing': 7, 'Ends().declared() -> nothing': '1'})
+        self.assertEqual(changes['7 -> 7 + 1'], 8)
+        self.assertEqual(self.source.left_out[generator.ENDING], 2)
+
     def test_steps_and_assignments_are_turned(self):
         first, changes = self.answers('int f() { int i{}; ++i; i += b; return i; }', 'int b = 5;')
         self.assertEqual((first, changes['++ -> --'], changes['+= -> -=']), ('6', '4', '-4'))
