@@ -202,7 +202,7 @@ TEST_F(ClusterFileTest, ListsItsProblemsByTheirLinesAndRefusesWithTheFirst) {
                                              "elements: correct it here"));
 }
 
-TEST_F(ClusterFileTest, KnowsTheLinesOfElementsBetweenWhatIsNone) {
+TEST_F(ClusterFileTest, CountsLinesInCommentsAndCdata) {
     folder_.write("cluster.xml",
                   "<?xml version='1.0'?>\n<!--\n<cluster>\n--><root><?do\n<x>?><text>\n<![CDATA[<x>\n]]></text>"
                   "<!----><cluster>\n<x/><!-- > --><y\n/><z></z>\n</cluster></root>");

@@ -8,6 +8,8 @@
 #include "picture/error.h"
 #include "picture/live.h"
 #include "support/child.h"
+#include "support/forked_linux.h"
+#include "support/memory_disk_linux.h"
 #include "support/other_user_linux.h"
 #include "support/temporary_folder.h"
 
@@ -16,15 +18,18 @@ namespace {
 
 using testing::StartsWith;
 
-TEST(HeldRegion, OfNoSizeThatTheMachineHasCannotBeMade) {
-    try {
-        // 5 TB.
-        HeldRegion::make_or_open({100'000, 100'000, 0, 0});
-        FAIL() << "made";
-    } catch (const Error& error) {
-        EXPECT_EQ(error.kind, ErrorKind::failed);
-        EXPECT_THAT(error.what(), StartsWith("cannot create the region " + full_name(mapping_name) + " (error "));
-    }
+TEST(HeldRegion, CannotBeMadeLargerThanTheMachinesMemory) {
+    test::in_fork([] {
+        test::use_private_memory_disk("size=1m");
+        try {
+            // More than 5 TB.
+            HeldRegion::make_or_open({100'000, 100'000, 0, 0});
+            FAIL() << "made";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::failed);
+            EXPECT_THAT(error.what(), StartsWith("cannot create the region " + full_name(mapping_name) + " (error "));
+        }
+    });
 }
 
 CHILD(make_a_region) {

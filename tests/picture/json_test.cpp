@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "picture/decode.h"
 #include "shmnmctl/full_picture.h"
@@ -98,7 +99,7 @@ TEST(StatusLine, HasNoFstResourceWhereThereIsNone) {
     EXPECT_FALSE(status.contains("bridge"));
 }
 
-/// Marks in which every number has a value of its own, and every second flag is set.
+/// Marks in which every number has a value of its own and every second flag of the document is set.
 Bridge some_bridge(bool is_odd) {
     Bridge bridge{
         .is_up = is_odd, .stopped_us = is_odd ? uint64_t{0} : 2'001'999, .marks = {}, .left_out = 5, .lost_servers = 6};
@@ -140,6 +141,40 @@ TEST(BridgeInJson, HasEachMark) {
     Snapshot with_bridge = snapshot();
     with_bridge.bridge = some_bridge(true);
     EXPECT_EQ(to_json(with_bridge, small_picture())["bridge"].dump(), to_json_text(some_bridge(true)));
+}
+
+/// Checks that a document with one flag set shows this flag as true and the others as false.
+template <typename Owner, size_t count, typename Shown>
+void expect_each_by_itself(const std::pair<const char*, bool Owner::*> (&flags)[count], const Shown& shown) {
+    for (const auto& [name, flag] : flags) {
+        Owner owner;
+        owner.*flag = true;
+        const Json document = shown(owner);
+        for (const auto& [other, unused] : flags) EXPECT_EQ(document.at(other), other == name) << name << ", " << other;
+    }
+}
+
+TEST(BridgeInJson, ShowsEachFlagByItself) {
+    using bridge::Mark, bridge::Marks;
+    const std::pair<const char*, bool Marks::*> flags[] = {{"connected", &Marks::is_connected},
+                                                           {"running", &Marks::is_running},
+                                                           {"refused", &Marks::is_refused},
+                                                           {"fed", &Marks::is_fed}};
+    expect_each_by_itself(flags, [](const Marks& marks) {
+        Bridge bridge;
+        bridge.marks = marks;
+        return Json::parse(to_json_text(bridge));
+    });
+    const std::pair<const char*, bool Mark::*> flags_of_a_server[] = {{"claimed", &Mark::is_claimed},
+                                                                      {"unmatched", &Mark::is_unmatched},
+                                                                      {"duplicate_priority", &Mark::is_duplicate},
+                                                                      {"other_names", &Mark::has_other_names},
+                                                                      {"other_times", &Mark::has_other_times}};
+    expect_each_by_itself(flags_of_a_server, [](const Mark& mark) {
+        Bridge bridge;
+        bridge.marks.servers.push_back(mark);
+        return Json::parse(to_json_text(bridge)).at("servers").at(0);
+    });
 }
 
 TEST(WordsInJson, AreTheirValuesByTheirKeys) {

@@ -1,4 +1,4 @@
-// What Linux tells of locks and processes, of memory that processes map, and of files that are none.
+// What Linux tells of locks and processes, of memory that processes map, and of files that cannot be read.
 #include "picture/platform.h"
 
 #include <gmock/gmock.h>
@@ -65,7 +65,7 @@ std::vector<uint32_t> holders_of(const void* view) {
 
 TEST(Dump, IsRefusedIfReadingItFailsHalfWay) {
     try {
-        // No memory is mapped at its begin.
+        // No memory is mapped at address 0.
         read_dump("/proc/self/mem");
         FAIL() << "not refused";
     } catch (const Error& error) {
@@ -94,7 +94,7 @@ TEST(Holders, OfAFileAreKnownAfterItsRemovalToo) {
     munmap(view, 4096);
 }
 
-TEST(Holders, OfWhatIsNotTheBeginOfAMappingAreNotKnown) {
+TEST(Holders, AreUnknownForAnAddressThatStartsNoMapping) {
     int local = 0;
     EXPECT_FALSE(platform::holders(&local));
 }

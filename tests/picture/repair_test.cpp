@@ -136,7 +136,7 @@ TEST_F(Repair, DoesNotMindTakesThatOnlyLooked) {
 TEST_F(Repair, IsNeededBeforeAPictureIsApplied) {
     const Document target = document_of(LiveRegion({}).copy(Bytes::all));
     leave_open();
-    // Which apply() undoes.
+    // apply() detaches again.
     ASSERT_EQ(shmnm_attach(), SHMNM_OK);
     for (const auto& applied : {differences_to_apply, apply}) {
         try {
