@@ -27,6 +27,7 @@ namespace {
 
 using test::Child;
 using test::LiveCopy;
+using LiveRegionTest = LiveCopy;
 using test::report;
 
 uint64_t takes(LiveRegion& live) {
@@ -150,7 +151,7 @@ bool tells_of_a_failed_mapping(const std::function<void()>& work, const std::str
     return has_told;
 }
 
-TEST_F(LiveCopy, AndWhateverElseMapsTheRegionTellIfItCannotBeMapped) {
+TEST_F(LiveRegionTest, ReportsAFailedMapping) {
     const std::string advice = full_name(mapping_name) + " (error 8); see the trace log and the system's log";
     const std::string writable =
         full_name(mapping_name) + " for writing (error 8); see the trace log and the system's log";
@@ -224,8 +225,12 @@ TEST_F(LiveCopy, ShowsNoChangeWhoseNoteIsBeingWritten) {
     LiveRegion live({});
     Child owner = start(change_without_end);
     for (int i = 0; i < 3; ++i) owner.reported();
+    const uint64_t deadline_us = platform::steady_clock_us() + 60'000'000;
     // One whose position did not move in between looks as if a caller had left it.
-    while (!interrupted_changes_unlocked(live.mutex(), live_object()).empty()) {
+    for (;;) {
+        const std::vector<Interrupted> shown = interrupted_changes_unlocked(live.mutex(), live_object());
+        if (shown.empty()) break;
+        ASSERT_LT(platform::steady_clock_us(), deadline_us) << "always shown; at last: " << sentence(shown[0]);
     }
     owner.kill();
     EXPECT_EQ(interrupted_changes_unlocked(live.mutex(), live_object()).size(), 1u);
