@@ -3,7 +3,11 @@
 
 #include <gmock/gmock.h>
 
+#include <sched.h>
 #include <unistd.h>
+
+#include <functional>
+#include <string>
 
 #include "picture/error.h"
 #include "picture/live.h"
@@ -48,6 +52,38 @@ TEST(HeldRegion, CannotBeMadeInAFolderOfAnotherUser) {
     test::Child child = test::start(make_a_region);
     EXPECT_THAT(child.reported_text(), StartsWith("cannot create the region " + full_name(mapping_name) +
                                                   " (error 5): " + folder.string() + " belongs to user "));
+}
+
+CHILD(hold_a_region_and_its_lock) {
+    const HeldRegion region = HeldRegion::make_or_open({2, 1, 1, 1});
+    LiveRegion live({});
+    test::report(live.mutex() != nullptr);
+    test::hang();
+}
+
+TEST(LiveRegionInAnotherProcessIdNamespace, IsRefusedBecauseOfItsLock) {
+    test::Child owner = test::start(hold_a_region_and_its_lock);
+    ASSERT_EQ(owner.reported(), 1u);
+    test::in_fork([] {
+        test::Forked inner(
+            [] {
+                LiveRegion live({});
+                EXPECT_NO_THROW(live.expect()) << "the region itself was refused";
+                const std::string words = "cannot open the lock " + full_name(mutex_name) + " (error 5)";
+                const std::function<void()> uses[] = {[&] { live.copy(Bytes::in_use); }, [&] { live.is_reader(); }};
+                for (const auto& use : uses) {
+                    try {
+                        use();
+                        ADD_FAILURE() << "not refused";
+                    } catch (const Error& error) {
+                        EXPECT_EQ(error.kind, ErrorKind::region_refused);
+                        EXPECT_THAT(error.what(), StartsWith(words));
+                    }
+                }
+            },
+            geteuid() == 0 ? CLONE_NEWPID : CLONE_NEWPID | CLONE_NEWUSER);
+        EXPECT_EQ(inner.wait(), 0);
+    });
 }
 
 }  // namespace

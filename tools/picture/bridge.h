@@ -18,7 +18,8 @@ struct Bridge {
     uint64_t lost_servers = 0;  ///< servers for which there was none, so that they have no mark
 
     /// Whether there are marks.
-    bool is_there() const { return is_up || stopped_us > 0; }  // branch: tests have a copy that is not counted
+    // branch: taken in the tests' own copy of this inline function, which is not counted
+    bool is_there() const { return is_up || stopped_us > 0; }
 };
 
 /// "fresh", "silent" or "unknown".

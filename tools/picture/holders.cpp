@@ -18,7 +18,7 @@ Holders holders(const Access& access) {
     }
     if (mapping) platform::close(mapping);
     if (!view) throw Error(ErrorKind::failed, "cannot map the region, or it has just ended");
-    // branch: only Windows does not tell
+    // branch: Windows does not tell, nor Linux without /proc, which no test lacks
     if (!found) throw Error(ErrorKind::refused, "this system does not tell which processes hold the region");
     return *found;
 }

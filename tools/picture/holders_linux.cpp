@@ -90,7 +90,7 @@ Look look_at_descriptors(const std::string& folder, const MemoryFile& file) {
     if (!descriptors) return failed_look();
     for (const uint32_t descriptor : *descriptors) {
         struct stat found {};
-        // branch by chance: it is closed in this moment
+        // branch by chance: it is closed at that moment
         if (::stat(fmt::format("{}/fd/{}", folder, descriptor).c_str(), &found) != 0) continue;
         if (found.st_dev == file.device && found.st_ino == file.inode) return Look::holds;
     }
@@ -118,9 +118,9 @@ bool has_no_memory(uint32_t process) {
 
 uint32_t effective_user(uint32_t process) {
     std::ifstream status(fmt::format("/proc/{}/status", process));
-    for (std::string word; status >> word;) {  // branch by chance: the process ends in this moment
+    for (std::string word; status >> word;) {  // branch by chance: the process ends at that moment
         uint32_t real = 0, effective = 0;
-        // branch by chance: the same
+        // branch by chance: the process ends at that moment
         if (word == "Uid:" && status >> real >> effective) return effective;
     }
     return 0;

@@ -43,6 +43,10 @@ Error no_region() {
     return {ErrorKind::no_region, fmt::format("no process holds the region {}", full_name(mapping_name))};
 }
 
+Error refused_lock() {
+    return {kind_of_last_failure(), fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure())};
+}
+
 }  // namespace
 
 std::string full_name(const char* name) {
@@ -82,7 +86,7 @@ std::string describe_holder(void* mutex) {
     } else {
         const auto process = platform::process(holder->process);
         text = fmt::format("held by process {} thread {}", holder->process, holder->thread);
-        // branch by chance: it ends in this moment
+        // branch by chance: it ends at that moment
         text += process ? fmt::format(" (\"{}\", {})", printable(process->command), process->state)
                         : std::string(" (which has ended)");
         text += fmt::format(" since {}", platform::to_text(holder->since_ns / 1'000));
@@ -182,19 +186,18 @@ void* LiveRegion::try_mutex() {
 }
 
 void* LiveRegion::mutex() {
-    if (!try_mutex()) {
-        throw Error(kind_of_last_failure(),
-                    fmt::format("cannot open the lock {} {}", full_name(mutex_name), last_failure()));
-    }
+    if (!try_mutex()) throw refused_lock();
     return mutex_;
 }
 
 // The lock is also refused if others could change it. Its own user may write to the region, so that refusal stays an
 // error.
 bool LiveRegion::is_reader() {
-    // branch: only Windows refuses the lock without the region
-    if (!is_reader_ && !try_mutex()) is_reader_ = platform::may_only_read(mapping_name);
-    return is_reader_;
+    if (is_reader_ || try_mutex()) return is_reader_;  // branch: only Windows has readers
+    const Error refused = refused_lock();
+    is_reader_ = platform::may_only_read(mapping_name);
+    if (!is_reader_) throw refused;  // branch: only Windows has readers
+    return true;
 }
 
 std::unique_ptr<LiveRegion::View> LiveRegion::open() {
@@ -327,7 +330,7 @@ void LiveRegion::copy_with_lock(Snapshot& snapshot, const View& view, uint32_t t
     snapshot.lock_wait_us = taken_us - asked_us;
     snapshot.lock_held_us = platform::steady_clock_us() - taken_us;
     if (snapshot.lock) snapshot.lock->process = snapshot.lock->thread = 0;
-    if (was_taken_over) access_.took_over();  // branch: the same
+    if (was_taken_over) access_.took_over();  // branch: Linux counts take-overs instead
 }
 
 void LiveRegion::copy_as_reader(Snapshot& snapshot, const View& view, uint32_t timeout_ms) const {
@@ -349,9 +352,8 @@ std::optional<Snapshot> LiveRegion::try_copy(Bytes wanted, uint32_t lock_timeout
     const uint32_t timeout_ms = std::min(lock_timeout_ms, access_.lock_timeout_ms);
     if (is_reader()) {  // branch: only Windows has readers
         copy_as_reader(snapshot, *view, timeout_ms);
-    } else {
-        mutex();
-        if (!copy_without_lock(snapshot, *view)) copy_with_lock(snapshot, *view, timeout_ms);
+    } else if (!copy_without_lock(snapshot, *view)) {
+        copy_with_lock(snapshot, *view, timeout_ms);
     }
     // A take that has not ended is not yet counted as a look.
     const uint64_t own = snapshot.way == CopyWay::without_lock ? 0 : 1;

@@ -82,7 +82,8 @@ class LiveRegion {
 
     /// The lock's mutex. @throws Error  this user may not use it
     void* mutex();
-    /// Whether this user may read the region and has no right to its lock.
+    /// Whether this user may read the region and has no right to its lock. If not, mutex() has the lock.
+    /// @throws Error  this user may not use the lock, and is no reader
     bool is_reader();
 
   private:

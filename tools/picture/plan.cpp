@@ -335,7 +335,8 @@ class Plan {
     static void set_cluster_word(BySimulation, const char*, const Value&) {}
 
     void set_fst() {
-        if (target_.fst && now_.fst) {  // branch: both have as many
+        // branch: both have the same counts, so both have an fst resource or neither has
+        if (target_.fst && now_.fst) {
             for (const FstWord& word : fst_words) {
                 const Value value = word.source.value(*target_.fst);
                 if (value != word.source.value(*now_.fst)) step(word.set, value.to_uint32().value());

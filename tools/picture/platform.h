@@ -40,9 +40,9 @@ std::string why_not_created(const std::string& name);
 /// The user, other than this one, for whom shared memory of this name lives, as far as the system tells.
 std::optional<std::string> other_user_of(const std::string& mapping);
 void close(void* handle);
-/// Whether this user, who cannot open the region's lock, may read shared memory but not write to it. Only where users
-/// may be allowed to read without a right to the lock.
-/// @param[in] mapping  its name without the prefix; the last failure is that of the lock
+/// Whether this user may read shared memory but not write to it. Call it right after a failure to open the region's
+/// lock: it looks at the last error. Always false where nobody may read without a right to the lock.
+/// @param[in] mapping  its name without the prefix
 bool may_only_read(const char* mapping);
 /// Maps all of a shared memory for reading. @return null when that fails
 const void* map_for_reading(void* mapping);

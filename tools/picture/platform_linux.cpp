@@ -33,7 +33,7 @@ uint64_t clock_us(clockid_t clock) {
 }
 
 bool means_ended(char state) {
-    return state == 'Z';
+    return state == 'Z' || state == 'X';  // branch by chance: a thread ends at that moment
 }
 
 const char* state_text(char letter) {
@@ -42,6 +42,7 @@ const char* state_text(char letter) {
         case 't':
             return "stopped";
         case 'Z':
+        case 'X':  // branch by chance: its parent waits for it at that moment
             return "ended but not waited for";
         default:
             return "running";
@@ -165,7 +166,7 @@ bool has_ended(const LockHolder& holder) {
     if (tgkill(static_cast<pid_t>(holder.process), static_cast<pid_t>(holder.thread), 0) != 0) return errno == ESRCH;
     const std::string stat = whole_file(fmt::format("/proc/{}/task/{}/stat", holder.process, holder.thread));
     const size_t name_end = stat.rfind(") ");
-    // branch by chance: it ends in this moment
+    // branch by chance: it ends at that moment
     return name_end != std::string::npos && means_ended(stat[name_end + 2]);
 }
 

@@ -150,7 +150,7 @@ Selection::Selection(std::vector<std::string> prefixes, const std::optional<std:
         tables_ = {tables_.servers && having.servers, tables_.hb && having.hb, tables_.np && having.np,
                    tables_.fst_pids && having.fst_pids};
     }
-    // branch: the same
+    // branch: np resources have no word that hb resources do not have
     if (!tables_.servers && !tables_.hb && !tables_.np && !tables_.fst_pids) {
         throw Error(ErrorKind::no_such_word, "no row has all words of the condition");
     }
