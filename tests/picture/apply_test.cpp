@@ -136,6 +136,24 @@ void expect_equal(const Snapshot& is, const Snapshot& wanted) {
     EXPECT_EQ(read_bytes(is), read_bytes(wanted));
 }
 
+/// Whether a resource has a description that no call reaches: the library looks for them as if records had no states
+/// after them. A removal leads to it, which moves descriptions to other places.
+bool has_a_description_out_of_reach(const Snapshot& snapshot) {
+    const Picture picture = decode(snapshot);
+    const auto states = sizeof(uint32_t) * static_cast<size_t>(snapshot.counts.servers);
+    const auto is_out_of_reach = [&](const std::vector<Resource>& resources, size_t position) {
+        const size_t place = position * (sizeof(shmnm_resource) + states);
+        return place % sizeof(shmnm_resource) != 0 || place / sizeof(shmnm_resource) >= resources.size();
+    };
+    for (const std::vector<Resource>* resources : {&picture.hb, &picture.np}) {
+        for (size_t i = 0; i < resources->size(); ++i) {
+            const std::string& text = (*resources)[i].descript;
+            if (text.find_first_not_of('\0') != std::string::npos && is_out_of_reach(*resources, i)) return true;
+        }
+    }
+    return false;
+}
+
 TEST(Apply, MakesAnEmptyRegionEqualToAnyExportedRegionInEveryWord) {
     Random random(test::seed());
     for (unsigned round = 0; round < test::share_of(400); ++round) {
@@ -149,6 +167,13 @@ TEST(Apply, MakesAnEmptyRegionEqualToAnyExportedRegionInEveryWord) {
         }
         const Document document = document_from(to_json(document_of(exported)).dump());
         LibraryRegion region(counts);
+        if (has_a_description_out_of_reach(exported)) {
+            const std::vector<uint8_t> empty = region.dump().bytes;
+            EXPECT_THAT([&] { apply_here(document); },
+                        testing::ThrowsMessage<Error>(testing::HasSubstr("reaches only the description of the first")));
+            EXPECT_EQ(region.dump().bytes, empty);
+            continue;
+        }
         apply_here(document);
         expect_equal(region.dump(), exported);
         if (HasFailure()) return;

@@ -72,7 +72,7 @@ TEST(Document, RefusesWhatIsNotWholeAndNamesThePlace) {
                                                                                       {"hb[0]", "/hb/0"},
                                                                                       {"fst", "/fst"},
                                                                                       {"fst.pids[1]", "/fst/pids/1"}}) {
-        EXPECT_EQ(refusal([&](Json& json) { json[Json::json_pointer(path)]["mine"] = 1; }),
+        EXPECT_EQ(refusal([&pointer = path](Json& json) { json[Json::json_pointer(pointer)]["mine"] = 1; }),
                   place + " has an unknown member \"mine\"");
     }
     EXPECT_EQ(refusal([](Json& json) { json["servers"][1]["pri"] = 1u << 31; }),
