@@ -10,7 +10,7 @@ namespace picture {
 
 /// Finds the counts by which a dump was laid out.
 /// @return what those who look at it should know, in one line; "" when its header and its size agree
-/// @throws Error  it was cut, or it is no dump (not_whole)
+/// @throws Error  it was cut (not_whole), or no region has such maxima (not_a_dump)
 std::string settle_dump(Snapshot& dump, const std::string& file);
 
 /// The same for a copy of the live region, whose layout is settled already.
