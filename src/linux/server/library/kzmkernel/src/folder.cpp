@@ -32,8 +32,9 @@ bool is_proper_folder(const struct stat& found) {
     return S_ISDIR(found.st_mode) && found.st_uid == geteuid() && (found.st_mode & all_permissions) == folder_mode;
 }
 
-/// Explains what is wrong with the file under the folder's name or its sibling's.
-uint32_t refuse(int parent, const char* name, const char* path, mode_t type, mode_t mode) {
+/// Explains what is wrong with a file that cannot be used.
+/// @param cause  why it cannot be opened; 0 if it can
+uint32_t refuse(int parent, const char* name, const char* path, mode_t type, mode_t mode, int cause) {
     constexpr uint32_t error = KZMKERNEL_ERROR_ACCESS_DENIED;
     constexpr const char* advice = "remove it, or set KZMKERNEL_FOLDER to another folder in all processes";
     const char* const wanted = type == S_IFDIR ? "a folder" : "a file";
@@ -46,6 +47,8 @@ uint32_t refuse(int parent, const char* name, const char* path, mode_t type, mod
     const mode_t permissions = found.st_mode & (type == S_IFDIR ? all_permissions : ~mode_t{S_IFMT});
     if (permissions != mode)
         return explained(error, "%.300s has the mode %04o: set it to %04o (chmod)", path, permissions, mode);
+    if (cause != 0 && (type == S_IFDIR || found.st_nlink == 1))
+        return explained(windows_error(cause), "cannot open %.300s: %s", path, std::strerror(cause));
     return explained(error, "%.300s has a second link: %s", path, advice);
 }
 
@@ -110,7 +113,7 @@ uint32_t Gate::open_folder(bool make, bool& again) noexcept {
         } else if (error != 0 && error != EACCES && error != ELOOP && error != ENOTDIR) {
             return windows_error(error);
         } else if (!widen_own(place_.parent(), place_.folder(), S_IFDIR, folder_mode)) {
-            return refuse(place_.parent(), place_.folder(), place_.folder_path(), S_IFDIR, folder_mode);
+            return refuse(place_.parent(), place_.folder(), place_.folder_path(), S_IFDIR, folder_mode, error);
         }
     }
 }
@@ -138,9 +141,9 @@ uint32_t Gate::open_sibling(bool& again) noexcept {
         if (again) return 0;
         if (sibling_ && fchmod(sibling_.get(), file_mode) != 0) return windows_error(errno);
     }
+    const int error = sibling_ ? 0 : errno;
     struct stat found {};
     if (!sibling_) {
-        const int error = errno;
         if (error == ENOENT || error == ENOSPC || error == EMFILE || error == ENFILE)
             return explained(windows_error(error), "cannot make %.300s: %s", place_.sibling_path(),
                              std::strerror(error));
@@ -151,7 +154,7 @@ uint32_t Gate::open_sibling(bool& again) noexcept {
         if (again) return 0;
     }
     again = widen_own(parent, place_.sibling(), S_IFREG, file_mode);
-    return again ? 0 : refuse(parent, place_.sibling(), place_.sibling_path(), S_IFREG, file_mode);
+    return again ? 0 : refuse(parent, place_.sibling(), place_.sibling_path(), S_IFREG, file_mode, error);
 }
 
 uint32_t Gate::lock() noexcept {
@@ -174,10 +177,10 @@ bool Gate::enter_again(int folder) noexcept {
     return folder_ && lock() == 0;
 }
 
-uint32_t Gate::refuse_file(const char* file_name) const noexcept {
+uint32_t Gate::refuse_file(const char* file_name, int cause) const noexcept {
     char path[PATH_MAX + NAME_MAX];
     std::snprintf(path, sizeof path, "%s/%s", place_.folder_path(), file_name);
-    return refuse(folder_.get(), file_name, path, S_IFREG, file_mode);
+    return refuse(folder_.get(), file_name, path, S_IFREG, file_mode, cause);
 }
 
 uint32_t Gate::explain_replaced(const char* file_name) const noexcept {

@@ -73,8 +73,10 @@ class Gate {
     /// Locks the gate again after step_out(). @return 0 or a Windows error number
     uint32_t step_in() noexcept;
 
-    /// Explains why a file in the folder cannot be an object. @return 5
-    uint32_t refuse_file(const char* file_name) const noexcept;
+    /// Explains why a file in the folder cannot be an object.
+    /// @param cause  why it cannot be opened; 0 if it can
+    /// @return a Windows error number
+    uint32_t refuse_file(const char* file_name, int cause) const noexcept;
     /// Explains that an object lives without this file. @return 1006
     uint32_t explain_replaced(const char* file_name) const noexcept;
 

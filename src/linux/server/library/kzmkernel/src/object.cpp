@@ -68,13 +68,13 @@ uint32_t open_file(const Gate& gate, Kind kind, const char* file_name, int flags
         const int error = errno;
         if (error != ENOENT) {
             const uint32_t refused = windows_error(error);
-            return refused == KZMKERNEL_ERROR_ACCESS_DENIED ? gate.refuse_file(file_name) : refused;
+            return refused == KZMKERNEL_ERROR_ACCESS_DENIED ? gate.refuse_file(file_name, error) : refused;
         }
         if (life_of(gate.folder(), file_name, nullptr) != Life::dead) return gate.explain_replaced(file_name);
         return KZMKERNEL_ERROR_FILE_NOT_FOUND;
     }
     if (fstat(file.get(), &status) != 0) return windows_error(errno);
-    if (!is_proper_file(status)) return gate.refuse_file(file_name);
+    if (!is_proper_file(status)) return gate.refuse_file(file_name, 0);
     switch (life_of(gate.folder(), file_name, &status)) {
         case Life::dead:
             return is_in_use(kind, file.get(), status) ? 0 : KZMKERNEL_ERROR_FILE_NOT_FOUND;
