@@ -388,6 +388,35 @@ TEST(KernelGuards, OfAMakerAreLetGoAlthoughAChildHasCopiesOfTheirDescriptors) {
     });
 }
 
+// The lease that tells whether a file is in use would keep others from opening the file.
+TEST(KernelGuards, LeaveNoLeaseOnADeadObjectAlthoughAChildHasACopyOfItsDescriptor) {
+    in_fork([] {
+        use_private_memory_disk();
+        Sign made;
+        Forked dead([&] {
+            create_page(object_name());
+            made.give();
+            pause_forever();
+        });
+        made.await();
+        dead.kill();
+        Traced user([] {
+            signal(SIGUSR1, start_child);
+            EXPECT_EQ(Handle(open_mapping(object_name())).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND});
+            getppid();
+        });
+        const auto takes_lease = [&] {
+            const std::vector<uint64_t> call = user.entered();
+            return !call.empty() && call[0] == SYS_fcntl && call[2] == F_SETLEASE && call[3] == F_WRLCK;
+        };
+        while (!takes_lease()) ASSERT_TRUE(user.step());
+        ASSERT_EQ(kill(user.id(), SIGUSR1), 0);
+        user.run_until_it_enters(SYS_getppid);
+        EXPECT_EQ(Handle(open_mapping(object_name())).error, 0u) << "the child may use it";
+        run_to_its_end(user);
+    });
+}
+
 TEST(KernelFolder, IsLetGoAlthoughAChildHasACopyOfItsDescriptor) {
     in_fork([] {
         use_private_memory_disk();

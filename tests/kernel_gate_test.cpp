@@ -295,17 +295,20 @@ TEST(KernelGate, LetsTheNextCreatorCleanUpWhatAKilledOneLeftWithoutProc) {
         ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
         // Root could do without /proc.
         become(spare_user());
+        { const Handle folder_maker(create_page(object_name())); }
         const auto create = [] { EXPECT_EQ(Handle(create_mapping(object_name(), large)).error, 0u); };
-        Traced killed(create), living(create);
-        for (Traced* const creator : {&killed, &living}) creator->run_until_it_enters(SYS_fallocate);
-        killed.kill();
-        expect_new(create_page, object_name() + "other");
-        // What the living creator makes is there, that of the killed one is not.
-        EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 1);
-        while (living.step()) {
+        for (const uint64_t call : {uint64_t{SYS_fchmod}, uint64_t{SYS_fallocate}}) {
+            Traced killed(create), living(create);
+            for (Traced* const creator : {&killed, &living}) creator->run_until_it_enters(call);
+            killed.kill();
+            expect_new(create_page, object_name() + "other");
+            // What the living creator makes is there, that of the killed one is not.
+            EXPECT_EQ(std::distance(fs::directory_iterator(folder()), fs::directory_iterator()), 1);
+            while (living.step()) {
+            }
+            EXPECT_EQ(living.status(), 0);
+            EXPECT_TRUE(fs::is_empty(folder()));
         }
-        EXPECT_EQ(living.status(), 0);
-        EXPECT_TRUE(fs::is_empty(folder()));
     });
 }
 
