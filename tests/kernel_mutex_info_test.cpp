@@ -106,13 +106,6 @@ TEST(KernelMutexInfo, FailsWithoutAnOpenMutexOrAnOutput) {
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_INVALID_HANDLE});
 }
 
-/// Leaves a part of the stack full of ones for the next call.
-[[gnu::noinline]] void fill_stack() {
-    char bytes[100'000];
-    std::memset(bytes, 0xFF, sizeof bytes);
-    asm volatile("" : : "r"(bytes) : "memory");
-}
-
 TEST(KernelMutexPage, HasItsFieldsAtFixedOffsets) {
     const std::string name = object_name();
     fill_stack();

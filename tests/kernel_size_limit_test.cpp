@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -101,13 +100,6 @@ TEST(KernelSizeLimit, LeavesAPendingSignalToTheProgram) {
             EXPECT_TRUE(is_blocked());
         });
     }
-}
-
-/// Leaves a part of the stack full of ones for the next call.
-[[gnu::noinline]] void fill_stack() {
-    char bytes[100'000];
-    std::memset(bytes, 0xFF, sizeof bytes);
-    asm volatile("" : : "r"(bytes) : "memory");
 }
 
 TEST(KernelSizeLimit, TakesNoOtherPendingSignal) {

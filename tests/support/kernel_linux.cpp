@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <utility>
@@ -83,6 +84,12 @@ uint64_t clock_ns(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+[[gnu::noinline]] void fill_stack() {
+    char bytes[100'000];
+    std::memset(bytes, 0xFF, sizeof bytes);
+    asm volatile("" : : "r"(bytes) : "memory");
 }
 
 uint8_t* mapped_page_of(const fs::path& file) {

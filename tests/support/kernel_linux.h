@@ -68,6 +68,9 @@ kzmkernel_mutex_info info_of(void* mutex);
 
 uint64_t clock_ns(clockid_t clock);
 
+/// Leaves a part of the stack full of ones for the next call.
+void fill_stack();
+
 /// Where this process has a file mapped.
 uint8_t* mapped_page_of(const fs::path& file);
 
