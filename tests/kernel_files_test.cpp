@@ -5,6 +5,7 @@
 #include <kzmkernel.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +22,7 @@
 #include "support/kernel_linux.h"
 #include "support/memory_disk_linux.h"
 #include "support/temporary_folder.h"
+#include "support/traced_linux.h"
 
 namespace {
 
@@ -176,7 +178,7 @@ TEST_P(KernelFiles, AreReplacedWhenTheyAreEmptyAndNobodyHoldsThem) {
     expect_new(GetParam().create, object_name());
 }
 
-TEST(KernelFile, IsLeftAloneIfItCannotBeAnObjects) {
+TEST(KernelFile, IsLeftAloneIfNoObjectCanHaveIt) {
     in_fork([] {
         use_private_memory_disk();
         { const Handle folder_maker(create_mutex(object_name())); }
@@ -209,6 +211,23 @@ TEST(KernelFile, IsRefusedIfItIsInUseAndNotAsLargeAsAMutex) {
     expect_mutex_refused(KZMKERNEL_ERROR_ACCESS_DENIED);
     ::close(held);
     expect_new(create_mutex, object_name());
+}
+
+// Looking at a file takes a moment, in which a dead object's file looks as if it were in use.
+TEST_P(KernelFiles, AreDeadObjectsIfTheirLastReaderClosesThemSoon) {
+    in_fork([&] {
+        use_private_memory_disk();
+        { const Handle folder_maker(create()); }
+        make_proper_file(file(), page);
+        Traced user([&] { EXPECT_EQ(Handle(open()).error, uint32_t{KZMKERNEL_ERROR_FILE_NOT_FOUND}); });
+        const int read = ::open(file().c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(read, 0);
+        user.run_until_it_enters(SYS_clock_nanosleep);
+        ::close(read);
+        while (user.step()) {
+        }
+        EXPECT_EQ(user.status(), 0);
+    });
 }
 
 TEST_P(KernelFiles, AreReplacedWhenAKilledCreatorLeftThem) {

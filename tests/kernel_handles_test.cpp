@@ -96,6 +96,22 @@ TEST(KernelHandles, CanBeUsedAndClosedByManyThreadsAtOnce) {
     EXPECT_FALSE(fs::exists(file_of_mutex(name)));
 }
 
+TEST(KernelHandles, StayOpenWhileManyThreadsUseThem) {
+    const Handle mapping(create_page(object_name()));
+    const uint64_t number = kzmkernel_object_number(mapping.value);
+    ASSERT_NE(number, 0u);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int use = 0; use < 100'000; ++use) wrong += kzmkernel_object_number(mapping.value) != number;
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_TRUE(fs::exists(file_of_mapping(object_name())));
+}
+
 /// How often a file is mapped into this process.
 size_t mappings_of(const std::string& file) {
     const std::string maps = test::contents_of("/proc/self/maps");
