@@ -63,6 +63,7 @@ TEST_F(ChangeNote, KeepsTheNameOfTheFirstChangeThatLaterOnesSupersede) {
         EXPECT_EQ(word(668), rmnode);
         EXPECT_EQ(word(672), static_cast<uint32_t>(getpid()));
         EXPECT_EQ(word(688), static_cast<uint32_t>(getpid())) << "superseded by";
+        EXPECT_EQ(word(692), 0u) << "reserved";
         EXPECT_STREQ(note_ + 728, "alpha");
     };
     expect_alpha_superseded();
