@@ -4,11 +4,14 @@ import os
 import pathlib
 import shutil
 import ssl
-import subprocess
+import sys
 import tempfile
 import unittest
 
-from etcd_support import PLATFORM, Cluster, EtcdTest, Member, free_ports, main, path
+from etcd_support import PLATFORM, PROJECT, Cluster, EtcdTest, Member, free_ports, main, path
+
+sys.path.insert(0, str(PROJECT / "tests/shmnmweb"))
+from certificates import certify, openssl  # noqa: E402  it stands beside other tests
 
 PASSWORD = "a \"secret\" of \u00e4ll"
 
@@ -146,23 +149,19 @@ class Settings(Files):
         self.refused("no address of etcd begins with https", authorities="x")
 
 
-def openssl(*arguments):
-    subprocess.run(["openssl", *map(str, arguments)], check=True, capture_output=True, timeout=60)
-
-
 class Authority:
     def __init__(self, folder, name):
         self.folder, self.name = folder, name
         self.certificate, self.key = folder / f"{name}.crt", folder / f"{name}.key"
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj", f"/CN={name}",
-                "-keyout", self.key, "-out", self.certificate)
+        certify(self.certificate, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj",
+                f"/CN={name}", "-keyout", self.key)
 
     def sign(self, name, subject, extensions):
         certificate, key, request = (self.folder / f"{name}.{kind}" for kind in ("crt", "key", "csr"))
         (self.folder / "extensions").write_text(extensions)
         openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", subject, "-keyout", key, "-out", request)
-        openssl("x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey", self.key, "-CAcreateserial", "-days", 2,
-                "-extfile", self.folder / "extensions", "-out", certificate)
+        certify(certificate, "x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey", self.key, "-CAcreateserial", "-days", 2,
+                "-extfile", self.folder / "extensions")
         key.chmod(0o600)
         return path(certificate), path(key)
 

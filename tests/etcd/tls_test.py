@@ -19,7 +19,7 @@ import warnings
 from etcd_support import DEADLINE, PLATFORM, PROJECT, EtcdTest, Member, Proxy, free_ports, main, path
 
 sys.path.insert(0, str(PROJECT / "tests/shmnmweb"))
-from certificates import Authority, Identity, openssl  # noqa: E402  it stands beside other tests
+from certificates import Authority, Identity, certify  # noqa: E402  it stands beside other tests
 
 # What the library of each platform says.
 REASONS = {
@@ -135,8 +135,8 @@ class Trust(TlsTest):
     def sign_by(self, signer, name, names):
         """A certificate that is signed by a certificate, which goes with it."""
         made = self.authority.sign(name, names)
-        openssl("x509", "-req", "-in", self.folder / f"{name}.csr", "-CA", signer.certificate, "-CAkey", signer.key, "-CAcreateserial",
-                "-days", 2, "-extfile", self.folder / f"{name}.ext", "-out", made.certificate)
+        certify(made.certificate, "x509", "-req", "-in", self.folder / f"{name}.csr", "-CA", signer.certificate, "-CAkey", signer.key,
+                "-CAcreateserial", "-days", 2, "-extfile", self.folder / f"{name}.ext")
         made.certificate.write_bytes(made.certificate.read_bytes() + signer.certificate.read_bytes())
         return made
 
@@ -144,8 +144,8 @@ class Trust(TlsTest):
         """An authority whose certificate is signed by the authority."""
         made, extensions = self.authority.sign("intermediate", "DNS:none"), self.folder / "intermediate.ext"
         extensions.write_text("basicConstraints=critical,CA:TRUE\nkeyUsage=keyCertSign\n")
-        openssl("x509", "-req", "-in", self.folder / "intermediate.csr", "-CA", self.authority.certificate, "-CAkey", self.authority.key,
-                "-CAcreateserial", "-days", days, "-extfile", extensions, "-out", made.certificate)
+        certify(made.certificate, "x509", "-req", "-in", self.folder / "intermediate.csr", "-CA", self.authority.certificate, "-CAkey",
+                self.authority.key, "-CAcreateserial", "-days", days, "-extfile", extensions)
         return made
 
     def test_a_member_with_a_good_certificate_is_trusted(self):
@@ -233,8 +233,8 @@ class Trust(TlsTest):
 
     def alone(self):
         made = Identity(self.folder, "alone")
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj", "/CN=localhost",
-                "-addext", "subjectAltName=DNS:localhost", "-keyout", made.key, "-out", made.certificate)
+        certify(made.certificate, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj",
+                "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", made.key)
         return made
 
     def test_a_password_is_not_told_to_a_member_that_is_not_trusted(self):

@@ -10,6 +10,23 @@ def openssl(*arguments):
     subprocess.run(["openssl", *map(str, arguments)], check=True, capture_output=True, timeout=60)
 
 
+def signature_of(certificate):
+    """The lengths of the two numbers with which the certificate ends. One begins with a zero byte if its first bit is set."""
+    der = ssl.PEM_cert_to_DER_cert(certificate.read_text())
+    for size in range(8, 73):
+        sequence, length, _, first = der[-size:][:4]
+        if (sequence, length) == (0x30, size - 2) and first + der[-size:][5 + first] == size - 6:
+            return first, size - 6 - first
+    raise AssertionError(f"{certificate} has no signature of two numbers")
+
+
+def certify(certificate, *arguments):
+    """Makes a certificate, again if a number of its signature has less than 32 bytes, as in one of 128: wine 8 takes that for wrong."""
+    openssl(*arguments, "-out", certificate)
+    while min(signature_of(certificate)) < 32:
+        openssl(*arguments, "-out", certificate)
+
+
 class Identity:
     """A certificate, its key, and both in one file."""
 
@@ -23,8 +40,8 @@ class Authority(Identity):
     def __init__(self, folder, name):
         super().__init__(folder, name)
         self.folder = folder
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj", f"/CN={name}",
-                "-keyout", self.key, "-out", self.certificate)
+        certify(self.certificate, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", 2, "-subj",
+                f"/CN={name}", "-keyout", self.key)
 
     def sign(self, name, names="", days=2):
         """A certificate for those names, such as "DNS:localhost,IP:127.0.0.1"; without names it is a client's."""
@@ -32,8 +49,8 @@ class Authority(Identity):
         request, extensions = self.folder / f"{name}.csr", self.folder / f"{name}.ext"
         extensions.write_text((f"subjectAltName={names}\n" if names else "") + f"extendedKeyUsage={'serverAuth' if names else 'clientAuth'}\n")
         openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", f"/CN={name}", "-keyout", made.key, "-out", request)
-        openssl("x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey", self.key, "-CAcreateserial", "-days", days, "-extfile", extensions,
-                "-out", made.certificate)
+        certify(made.certificate, "x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey", self.key, "-CAcreateserial", "-days", days,
+                "-extfile", extensions)
         made.both.write_bytes(made.certificate.read_bytes() + made.key.read_bytes())
         made.both.chmod(0o600)
         return made
