@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cstddef>
 #include <string>
 
 #include "picture/error.h"
@@ -226,7 +227,7 @@ TEST(Apply, OfWhatIsThereAlreadyMakesNoCall) {
 }
 
 TEST(Apply, TakesARegionWithChangedMaximaOnlyByForce) {
-    const Counts counts{3, 2, 2, 1};
+    const Counts counts{3, 2, 2, 2};
     LibraryRegion region(counts);
     shmnm_addnode("alpha", 1);
     Document wanted = document_of(region.dump());
@@ -245,10 +246,39 @@ TEST(Apply, TakesARegionWithChangedMaximaOnlyByForce) {
     std::vector<std::string> lines;
     for (const Difference& one : differences_to_apply({}, wanted, true)) lines.push_back(to_text(one));
     EXPECT_THAT(lines, testing::ElementsAre("cluster/clstat 0 -> 7", "cluster/max_hb 9 -> 2", "cluster/max_np 8 -> 2"));
-    EXPECT_EQ(LiveRegion({}).copy(Bytes::all).header_counts(), (Counts{3, 9, 8, 1})) << "nothing is changed yet";
+    EXPECT_EQ(LiveRegion({}).copy(Bytes::all).header_counts(), (Counts{3, 9, 8, 2})) << "nothing is changed yet";
     EXPECT_EQ(apply({}, wanted, true).size(), 3u);
     EXPECT_EQ(shmnm_attach(), SHMNM_OK);
     EXPECT_THAT(differences(document_of(region.dump()), wanted), testing::IsEmpty());
+}
+
+TEST(Apply, TakesAwayAServerWithoutAName) {
+    LibraryRegion region({3, 2, 2, 1});
+    const Snapshot wanted = region.dump();
+    ASSERT_EQ(shmnm_addnode("", 7), SHMNM_OK);
+    apply_here(document_of(wanted));
+    expect_equal(region.dump(), wanted);
+}
+
+TEST(Apply, RefusesADamagedRegionAndChangesNothing) {
+    LibraryRegion region({3, 2, 2, 1});
+    const Document wanted = document_of(region.dump());
+    WritableRegion().base()[offsetof(shmnm_header, reserved_64)] = 0x5A;
+    const std::vector<uint8_t> damaged = region.dump().bytes;
+    for (const auto& applied : {differences_to_apply, apply}) {
+        // apply() detaches again.
+        ASSERT_EQ(shmnm_attach(), SHMNM_OK);
+        try {
+            applied({}, wanted, false);
+            ADD_FAILURE() << "applied";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::damaged);
+            EXPECT_STREQ(error.what(),
+                         "nothing was changed: the region has 0x5A instead of zeros, as in every reserved field at "
+                         "header/reserved_64");
+        }
+        EXPECT_EQ(region.dump().bytes, damaged);
+    }
 }
 
 TEST(Apply, TellsBeforehandWhatNoCallsMake) {
@@ -274,6 +304,10 @@ TEST(Apply, PutsEveryByteBackWhicheverCallFails) {
     shmnm_addhbrsc("lan", "old", 1);
     shmnm_sethbrscsvstat("lan", "old", 3, 77);
     const Snapshot before = region.dump();
+    // The rest of the last page is nobody's.
+    const WritableRegion map;
+    uint8_t* const rest = map.base() + before.bytes.size();
+    std::fill_n(rest, sizeof(uint32_t), uint8_t{0x5A});
     const std::vector<Step> all = plan(document_of(before), document_of(wanted));
     EXPECT_GT(all.size(), 20u);
     for (size_t made = 0; made <= all.size(); ++made) {
@@ -282,6 +316,7 @@ TEST(Apply, PutsEveryByteBackWhicheverCallFails) {
         steps.push_back({"shmnm_addnode", [] { return shmnm_addnode(nullptr, 0); }});
         EXPECT_THROW(make_all_or_none(steps, before), Error);
         EXPECT_EQ(region.dump().bytes, before.bytes);
+        EXPECT_THAT(std::vector(rest, rest + sizeof(uint32_t)), testing::Each(0x5A));
     }
     make_all_or_none(all, before);
     expect_equal(region.dump(), wanted);
