@@ -145,9 +145,8 @@ std::set<std::string> with_words(std::set<std::string> names, const Words& words
     return names;
 }
 
-std::string read_description(const Entry& from, shmnm_resource& record) {
+std::string read_description(const Entry& from) {
     std::string descript = from.bytes(description_size);
-    std::copy(descript.begin(), descript.end(), record.descript);
     descript.resize(descript.find_last_not_of('\0') + 1);
     return descript;
 }
@@ -172,7 +171,7 @@ Resource read_resource(const Entry& from, const ResourceKind& kind, size_t serve
                       .svstat = {},
                       .network = {}};
     read_words(from, resource_words, resource);
-    resource.descript = read_description(from.at("descript"), resource.record);
+    resource.descript = read_description(from.at("descript"));
     for (const RowWord& word : row_words) {
         if (!(kind.*word.set)) continue;
         std::vector<uint32_t>& states = (resource.*word.row).states;
@@ -209,7 +208,7 @@ void read_fst(const Entry& from, Document& document) {
     if (document.counts.fst > 0) {
         Fst fst{.record = {}, .descript = {}};
         read_words(from, fst_words, fst);
-        fst.descript = read_description(from.at("descript"), fst.record);
+        fst.descript = read_description(from.at("descript"));
         document.picture.fst = std::move(fst);
     } else if (!from.at("stat").is_null() || !from.at("descript").is_null()) {
         from.refuse("is not empty although counts.fst is 0");
