@@ -48,6 +48,10 @@ TEST(BridgeReader, FindsNoBridgeWithoutMarks) {
         EXPECT_FALSE(BridgeReader().read().is_there()) << "another version";
     }
     EXPECT_FALSE(reader.read().is_there()) << "the bridge has ended";
+    {
+        const PageOfABridge next(sizeof(MarksPage));
+        EXPECT_FALSE(reader.read().is_there()) << "the next bridge has written none yet";
+    }
     const PageOfABridge page(4096);
     EXPECT_FALSE(reader.read().is_there()) << "too small";
 }
@@ -135,6 +139,8 @@ TEST(TwoReadings, SayTheSameWhateverMovesAllTheTime) {
     other.marks.servers[0].sequence = 8;
     other.marks.longest_hold_us = 7;
     EXPECT_TRUE(say_the_same(one, other));
+    other.marks.servers[0].age = 0;
+    EXPECT_TRUE(say_the_same(one, other)) << "words that have just come";
     one.stopped_us = 3;
     EXPECT_TRUE(say_the_same(one, other)) << "for how long it stands still";
     for (const std::function<void(Bridge&)>& edit : std::vector<std::function<void(Bridge&)>>{
