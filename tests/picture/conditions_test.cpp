@@ -256,6 +256,14 @@ TEST(ImpossibleCondition, IsNoneThatAnyRegionMayMeet) {
     }
 }
 
+TEST(Value, MayHaveBlanksBeforeIt) {
+    for (const char* const text : {"17", " 17", "  17", "   0x11", " +17"}) {
+        EXPECT_EQ(Value::parse(text), Value(uint32_t{17})) << text;
+    }
+    EXPECT_EQ(Value::parse(" none"), Value());
+    EXPECT_EQ(Value::parse(" "), std::nullopt);
+}
+
 TEST(ConditionNesting, IsLimited) {
     const auto nested = [](const char* opening, size_t times, const char* closing) {
         std::string text;

@@ -137,6 +137,7 @@ TEST(InterruptedChange, IsAFindingThatRepairCompletesUnlessTheTablesWereChangedS
     snapshot.note->superseded.superseded_by = 4711;
     const std::vector<Finding> found = with_repair(findings(snapshot));
     ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].offset, 0u);
     EXPECT_EQ(found[0].key, "region/changes");
     EXPECT_EQ(found[0].expected, "whole changes");
     EXPECT_EQ(found[0].found,
@@ -238,6 +239,15 @@ TEST_F(TwoOfEach, LieWhereTheMaximaSay) {
     EXPECT_THAT(found(), ElementsAre(servers, fst,
                                      "24 header/fst_pid_limit: expected 8, the servers times the fst "
                                      "resources; found 9"));
+}
+
+TEST_F(TwoOfEach, AreNotFewerThanNone) {
+    write_number(28, -1);
+    EXPECT_THAT(found(), ElementsAre("28 header/server_count: expected 0 to 4; found -1"));
+    // Of a file that was cut nobody knows how many there may be.
+    dump_.bytes.resize(dump_.bytes.size() - 4);
+    EXPECT_THAT(found(), ElementsAre(testing::HasSubstr("header/maxima"),
+                                     "28 header/server_count: expected 0 or more; found -1"));
 }
 
 TEST_F(TwoOfEach, FillARegionAsItIsConfigured) {

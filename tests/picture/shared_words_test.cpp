@@ -28,5 +28,12 @@ TEST(SharedWords, AreNoTablesAndNothingBelowWords) {
     }
 }
 
+TEST(SharedWords, AreNotTheirResourcesEvenAfterThem) {
+    for (const char* const word : {"hb/lan/lan1/stat", "hb/lan/lan1/svstat", "np/ping/ping1/network"}) {
+        EXPECT_TRUE(is_shared(word)) << word;
+        EXPECT_FALSE(is_shared("hb/lan/lan1")) << "after " << word;
+    }
+}
+
 }  // namespace
 }  // namespace picture
