@@ -1,29 +1,34 @@
-// What Linux tells of locks and processes, of memory that processes map, and of files that cannot be read.
+// What Linux tells of locks, processes, users and times, and of files that cannot be read.
 #include "picture/platform.h"
 
 #include <gmock/gmock.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <ctime>
 #include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
 
 #include "kzmutil.h"
 #include "picture/error.h"
-#include "picture/holders.h"
+#include "picture/held_region.h"
 #include "picture/live.h"
-#include "picture/live_region.h"
+#include "support/child.h"
 #include "support/forked_linux.h"
+#include "support/memory_disk_linux.h"
+#include "support/other_user_linux.h"
 #include "support/traced_linux.h"
 
 namespace picture {
 namespace {
 
 using test::Child;
-using testing::Contains;
-using testing::Field;
+using testing::ElementsAre;
 
 TEST(NoMutex, TellsNothing) {
     EXPECT_FALSE(platform::lock_holder(nullptr));
@@ -48,19 +53,80 @@ TEST(Mutex, IsOwnedAtOnceOrNotAtAll) {
     EXPECT_TRUE(platform::try_own(live.mutex())) << "this thread has it";
 }
 
+TEST(Mutex, IsNotWaitedForToOwnItAtOnce) {
+    const test::ScopedEnvironment own("KZMUTIL_NAMESPACE", (platform::object_prefix() + "at-once-").c_str());
+    LiveRegion live({});
+    void* const mutex = live.mutex();
+    Child owner = test::start(own_the_lock);
+    ASSERT_EQ(owner.reported(), 1u);
+    test::Traced other([&] { EXPECT_FALSE(platform::try_own(mutex)); });
+    EXPECT_THROW(other.run_until_it_enters(SYS_futex), std::runtime_error) << "it waited";
+    EXPECT_EQ(other.status(), 0);
+}
+
+TEST(LockHolder, IsDescribedInOneLine) {
+    const test::ScopedEnvironment own("KZMUTIL_NAMESPACE", (platform::object_prefix() + "described-").c_str());
+    LiveRegion live({});
+    void* const mutex = live.mutex();
+    EXPECT_EQ(describe_holder(mutex), "nobody holds it now; taken over 0 times from an owner that ended");
+    for (const char* const times : {"0 times", "1 time", "2 times"}) {
+        Child owner = test::start(own_the_lock);
+        ASSERT_EQ(owner.reported(), 1u);
+        const auto told = platform::lock_holder(mutex);
+        std::string takeovers = std::string("; taken over ") + times + " from an owner that ended";
+        if (told->takeovers > 0) takeovers += ", last at " + platform::to_text(told->last_takeover_ns / 1'000);
+        const std::string id = std::to_string(owner.process_id()), thread = "process " + id + " thread " + id;
+        EXPECT_EQ(describe_holder(mutex), "held by " + thread +
+                                              " (\"test-child --child own_the_lock\", running) since " +
+                                              platform::to_text(told->since_ns / 1'000) + takeovers);
+        owner.kill();
+        EXPECT_EQ(describe_holder(mutex),
+                  "nobody holds it now: " + thread + " ended with it, and the next one takes it over" + takeovers);
+    }
+}
+
+CHILD(time_out_beside_an_owner) {
+    Child owner = test::start(own_the_lock);
+    owner.reported();
+    try {
+        LiveRegion({.lock_timeout_ms = 1}).lock();
+        test::report_text("locked");
+    } catch (const Error& error) {
+        test::report_text(error.what());
+    }
+}
+
+// The library opens its lock as it is loaded, so a process of the namespace does this.
+TEST(LockHolder, IsNamedIfWaitingForTheLockTimesOut) {
+    const test::ScopedEnvironment own("KZMUTIL_NAMESPACE", (platform::object_prefix() + "named-").c_str());
+    Child owner = test::start(time_out_beside_an_owner);
+    EXPECT_THAT(owner.reported_text(), testing::MatchesRegex("timed out after 1 ms waiting for the lock; held by "
+                                                             "process [0-9]+ thread [0-9]+ .*"));
+}
+
+TEST(Process, ThatHasEndedIsShownByItsName) {
+    const test::Forked ended([] { prctl(PR_SET_NAME, "a) (b"); });
+    const auto id = static_cast<uint32_t>(ended.id());
+    siginfo_t end{};
+    ASSERT_EQ(waitid(P_PID, id, &end, WEXITED | WNOWAIT), 0);
+    const auto shown = platform::process(id);
+    EXPECT_EQ(shown->command, "a) (b");
+    EXPECT_EQ(shown->state, "ended but not waited for");
+    EXPECT_TRUE(platform::has_ended({.process = id, .thread = id}));
+    EXPECT_FALSE(platform::has_ended({.process = test::process_id(), .thread = test::process_id()}));
+}
+
+TEST(Process, IsShownWithItsWholeCommand) {
+    Child child = test::start(own_the_lock, "an argument");
+    EXPECT_EQ(platform::process(child.process_id())->command, "test-child --child own_the_lock an argument");
+    EXPECT_EQ(platform::process(child.process_id())->state, "running");
+}
+
 TEST(Process, IsStoppedWhileADebuggerHoldsIt) {
     test::Traced traced([] { test::pause_forever(); });
     ASSERT_TRUE(traced.step());
     EXPECT_EQ(platform::process(static_cast<uint32_t>(traced.id()))->state, "stopped");
     EXPECT_FALSE(platform::process(UINT32_MAX));
-}
-
-/// The process ids of the others that hold a mapped file.
-std::vector<uint32_t> holders_of(const void* view) {
-    const std::optional<Holders> found = platform::holders(view);
-    std::vector<uint32_t> all;
-    for (const Holder& holder : found->processes) all.push_back(holder.process);
-    return all;
 }
 
 TEST(Dump, IsRefusedIfReadingItFailsHalfWay) {
@@ -74,29 +140,68 @@ TEST(Dump, IsRefusedIfReadingItFailsHalfWay) {
     }
 }
 
-TEST(Holders, OfAFileAreKnownAfterItsRemovalToo) {
-    const test::TemporaryFolder folder;
-    const std::string file = folder.string() + "/memory";
-    const int descriptor = open(file.c_str(), O_CREAT | O_RDWR, 0600);
-    ASSERT_EQ(ftruncate(descriptor, 4096), 0);
-    void* const view = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, descriptor, 0);
-    close(descriptor);
-    test::Forked child([] { test::pause_forever(); });
-    const auto id = static_cast<uint32_t>(child.id());
-    EXPECT_THAT(holders_of(view), testing::ElementsAre(id));
-    unlink(file.c_str());
-    EXPECT_THAT(holders_of(view), testing::ElementsAre(id));
-    // As the system calls the removed file from then on.
-    std::ofstream(file + " (deleted)") << "another";
-    EXPECT_THAT(holders_of(view), testing::ElementsAre(id));
-    child.kill();
-    EXPECT_THAT(holders_of(view), testing::IsEmpty());
-    munmap(view, 4096);
+TEST(Region, OfAnotherUserIsRefusedWithThatUser) {
+    const uid_t user = test::spare_user();
+    test::in_fork([&] {
+        test::use_private_memory_disk();
+        test::Sign is_made;
+        const test::Forked other([&] {
+            test::become(user);
+            const HeldRegion region = HeldRegion::make_or_open({2, 1, 1, 1});
+            is_made.give();
+            test::pause_forever();
+        });
+        is_made.await();
+        const std::function<void()> uses[] = {[] { LiveRegion({}).copy(Bytes::in_use); },
+                                              [] { LiveRegion({}).expect(); }, [] { LiveRegion({}).expect_own(); },
+                                              [] { const WritableRegion region; }};
+        for (const auto& use : uses) {
+            try {
+                use();
+                ADD_FAILURE() << "not refused";
+            } catch (const Error& error) {
+                EXPECT_EQ(error.kind, ErrorKind::failed);
+                EXPECT_EQ(error.what(), "the region " + full_name(mapping_name) + " belongs to user " +
+                                            std::to_string(user) + "; run this as that user");
+            }
+        }
+    });
 }
 
-TEST(Holders, AreUnknownForAnAddressThatStartsNoMapping) {
-    int local = 0;
-    EXPECT_FALSE(platform::holders(&local));
+TEST(FullName, BeginsWithTheInstallationsNamespace) {
+    const test::ScopedEnvironment north("KZMUTIL_NAMESPACE", "north-");
+    EXPECT_EQ(full_name("lock"), "north-lock");
+    const test::ScopedEnvironment none("KZMUTIL_NAMESPACE", nullptr);
+    EXPECT_EQ(full_name("lock"), "lock");
+}
+
+TEST(Time, IsShownInLocalTimeWithItsDistanceFromUtc) {
+    test::in_fork([] {
+        test::set_environment("TZ", "EAST-05:45");
+        tzset();
+        EXPECT_EQ(platform::to_text(1'772'361'296'789'012), "2026-03-01T16:19:56.789+05:45");
+        test::set_environment("TZ", "WEST03:30");
+        tzset();
+        EXPECT_EQ(platform::to_text(1'772'361'296'009'012), "2026-03-01T07:04:56.009-03:30");
+    });
+}
+
+TEST(Memory, IsThatOfTheMachineAndWhatItCanPutAside) {
+    uint64_t size = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE));
+    std::ifstream list("/proc/swaps");
+    std::string heading, file, type;
+    std::getline(list, heading);
+    uint64_t kilobytes = 0;
+    for (std::string used, priority; list >> file >> type >> kilobytes >> used >> priority;) size += kilobytes * 1'024;
+    EXPECT_EQ(platform::memory_size(), size);
+}
+
+TEST(Arguments, AreThoseAfterTheProgramsName) {
+    std::string program = "program", first = "first", second = "second";
+    char* given[] = {program.data(), first.data(), second.data(), nullptr};
+    EXPECT_THAT(platform::arguments(3, given), ElementsAre("first", "second"));
+    EXPECT_THAT(platform::arguments(1, given), testing::IsEmpty());
+    EXPECT_THAT(platform::arguments(0, given + 3), testing::IsEmpty());
 }
 
 }  // namespace
