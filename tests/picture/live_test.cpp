@@ -5,12 +5,16 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kzmutil.h"
 #include "picture/decode.h"
 #include "picture/error.h"
+#include "picture/held_region.h"
+#include "picture/holders.h"
 #include "picture/json.h"
 #include "picture/keys.h"
 #include "picture/library_region.h"
@@ -25,8 +29,12 @@ using test::Child;
 using test::LibraryRegion;
 using test::LiveCopy;
 using test::report;
+using LiveRegionTest = LiveCopy;
+using LiveChange = LiveCopy;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::StartsWith;
 
 std::vector<std::string> all_words(const Snapshot& snapshot) {
     std::vector<std::string> texts;
@@ -117,6 +125,55 @@ TEST_F(LiveCopy, TakesTheLockIfToldTo) {
     EXPECT_THAT(told, MatchesRegex("copied the bytes in use with the lock: waited .* us for it, held it for .* us"));
 }
 
+TEST_F(LiveCopy, TellsWhatItOpensTheFirstTime) {
+    std::vector<std::string> told;
+    LiveRegion live({.tell = [&](const std::string& line) { told.push_back(line); }});
+    live.copy(Bytes::in_use);
+    EXPECT_THAT(told, ElementsAre("opens the region " + full_name(mapping_name),
+                                  "opens the mutex " + full_name(mutex_name), StartsWith("copied the bytes in use")));
+    told.clear();
+    live.copy(Bytes::all);
+    EXPECT_THAT(told, ElementsAre(StartsWith("copied all bytes")));
+}
+
+TEST_F(LiveCopy, TellsForHowLongItHeldTheLock) {
+    const uint64_t begun_us = platform::steady_clock_us();
+    const Snapshot copy = LiveRegion({.may_skip_lock = false}).copy(Bytes::all);
+    const uint64_t took_us = platform::steady_clock_us() - begun_us;
+    EXPECT_GT(copy.lock_held_us, 0u);
+    EXPECT_LE(copy.lock_wait_us + copy.lock_held_us, took_us);
+}
+
+TEST_F(LiveRegionTest, IsLeftToThoseWhoHoldIt) {
+    const std::function<void()> looks[] = {[] { live_object(); },
+                                           [] { LiveRegion({}).copy(Bytes::all); },
+                                           [] { LiveRegion({}).copy_locked(); },
+                                           [] { LiveRegion({}).expect(); },
+                                           [] { LiveRegion({}).expect_own(); },
+                                           [] { const WritableRegion region; },
+                                           [] { static_cast<void>(HeldRegion::open()->size()); }};
+    for (const auto& look : looks) {
+        look();
+        EXPECT_EQ(shmnm_delete(), SHMNM_OK);
+        EXPECT_FALSE(LiveRegion({}).try_copy(Bytes::in_use)) << "it did not end with its last holder";
+        ASSERT_EQ(shmnm_create(), SHMNM_OK);
+    }
+}
+
+TEST_F(LiveChange, ThatIsRefusedReleasesTheLock) {
+    folder_.write("etc/cluster.xml", "<root><all><num><server>3</server></num></all></root>");
+    LiveRegion live({});
+    EXPECT_THROW(const Change change(live, false), Error);
+    bool is_free = false;
+    std::thread other([&] {
+        LiveRegion region({});
+        is_free = region.try_lock();
+        if (is_free) region.unlock();
+    });
+    other.join();
+    EXPECT_TRUE(is_free);
+}
+
 TEST_F(LiveCopy, ThatAReaderMadeTellsHowOftenItWasRepeated) {
     Snapshot copy;
     copy.way = CopyWay::by_reader;
@@ -152,6 +209,7 @@ TEST(NoRegion, IsToldToWhoeverAsksForIt) {
     EXPECT_EQ(refusal([] { LiveRegion({}).copy_locked(); }), none);
     EXPECT_EQ(refusal([] { LiveRegion({}).expect(); }), none);
     EXPECT_EQ(refusal([] { const WritableRegion region; }), none);
+    EXPECT_EQ(refusal([] { holders(Access{}); }), none);
     EXPECT_NO_THROW(LiveRegion({}).expect_own()) << "no other user has one";
 }
 
