@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "picture/error.h"
@@ -22,16 +23,33 @@ namespace {
 
 using testing::StartsWith;
 
+TEST(HeldRegion, LivesAsLongAsItIsHeld) {
+    const Counts counts{2, 1, 1, 1};
+    {
+        const HeldRegion made = HeldRegion::make_or_open(counts);
+        EXPECT_TRUE(made.is_new());
+        const std::optional<HeldRegion> opened = HeldRegion::open();
+        ASSERT_TRUE(opened);
+        EXPECT_FALSE(opened->is_new());
+        EXPECT_TRUE(opened->size().fits(counts));
+        EXPECT_FALSE(HeldRegion::make_or_open(counts).is_new());
+    }
+    EXPECT_FALSE(HeldRegion::open());
+}
+
 TEST(HeldRegion, CannotBeMadeLargerThanTheMachinesMemory) {
     test::in_fork([] {
         test::use_private_memory_disk("size=1m");
-        try {
-            // More than 5 TB.
-            HeldRegion::make_or_open({100'000, 100'000, 0, 0});
-            FAIL() << "made";
-        } catch (const Error& error) {
-            EXPECT_EQ(error.kind, ErrorKind::failed);
-            EXPECT_THAT(error.what(), StartsWith("cannot create the region " + full_name(mapping_name) + " (error "));
+        // More than 5 TB; and 60 bytes more than 4 GiB.
+        for (const Counts& counts : {Counts{100'000, 100'000, 0, 0}, Counts{2136, 3396, 0, 0}}) {
+            try {
+                HeldRegion::make_or_open(counts);
+                ADD_FAILURE() << "made for " << to_text(counts);
+            } catch (const Error& error) {
+                EXPECT_EQ(error.kind, ErrorKind::failed);
+                EXPECT_THAT(error.what(),
+                            StartsWith("cannot create the region " + full_name(mapping_name) + " (error "));
+            }
         }
     });
 }

@@ -229,5 +229,22 @@ TEST_F(Repair, IsAnnouncedWithoutTheLockUnlessTheLocksOwnerIsAtTheChange) {
     });
 }
 
+CHILD(hold_the_lock) {
+    LiveRegion live({});
+    test::report(live.try_lock());
+    test::hang();
+}
+
+TEST(RepairWithoutARegion, IsRefusedWhoeverHasTheLock) {
+    test::Child owner = test::start(hold_the_lock);
+    ASSERT_EQ(owner.reported(), 1u);
+    try {
+        repair({.lock_timeout_ms = 1}, false, false);
+        ADD_FAILURE() << "not refused";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::no_region);
+    }
+}
+
 }  // namespace
 }  // namespace picture
