@@ -303,6 +303,21 @@ TEST_F(Create, LogsThatTheRegionIsNewAndFillsItWithZeros) {
     EXPECT_THAT(bytes, Each(0));
 }
 
+TEST_F(Create, FillsANewRegionWithZerosEvenIfItsMemoryWasInUse) {
+    const OtherHolder other_process(2'500'740);
+    map_region();
+    poke(0, Bytes(view_size(), 0xA5));
+    ASSERT_EQ(shmnm_delete(), SHMNM_OK);
+    fakes::companions().create_says_new = true;
+    log_of_last_call();
+    EXPECT_EQ(shmnm_create(), SHMNM_OK);
+    EXPECT_THAT(log_of_last_call(), testing::Contains(Information("_create", "KzmutilCreateNamedFileMapping(new)")));
+    Bytes bytes = region_bytes();
+    std::fill_n(bytes.begin() + 8, 20, uint8_t{0});
+    bytes.resize(2'500'740);
+    EXPECT_EQ(bytes, Bytes(2'500'740));
+}
+
 TEST_F(Create, DoesNothingWhenTheRegionIsMapped) {
     map_region({.servers = 4, .hb = 2, .np = 2});
     configure({.servers = 9, .hb = 9, .np = 9});

@@ -67,6 +67,7 @@ void* create_mapping(void* file, uint32_t protect, uint32_t size_high, uint32_t 
         const uint32_t error = test::last_error();
         void* const mapping = test::create_mapping(uint64_t{size_high} << 32 | size_low, full_name(name).c_str());
         if (mapping && companions().create_keeps_last_error && test::last_error() == 0) test::set_last_error(error);
+        if (mapping && companions().create_says_new) test::set_last_error(0);
         return mapping;
     });
 }
@@ -150,6 +151,7 @@ void Companions::reset() {
     results.clear();
     create_errors.clear();
     create_keeps_last_error = false;
+    create_says_new = false;
     open_errors.clear();
     on_call = nullptr;
     on_line = nullptr;

@@ -34,6 +34,7 @@ struct Companions {
     std::vector<uint32_t> create_errors;
     std::vector<uint32_t> open_errors;     ///< the same for the open of the mapping
     bool create_keeps_last_error = false;  ///< the create of a new mapping leaves the last error as it was
+    bool create_says_new = false;          ///< the create of a mapping leaves 0 as the last error, also if it is in use
     bool hand_out_unmappable = false;      ///< creates and opens of a mapping give a handle that cannot be mapped
     std::function<void(const std::string&)> on_call;  ///< called within each recorded call, with its text
     std::function<void(const LogLine&)> on_line;      ///< called within each write to the log, with its line
