@@ -1,12 +1,16 @@
 // What fork and exec do to the objects and locks of kzmkernel.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/forked_linux.h"
@@ -17,6 +21,25 @@
 namespace {
 
 using namespace kernel_test;
+
+/// Where a thread is held inside a call of kzmkernel: when it locks the gate.
+struct Hold {
+    Sign inside, over;
+};
+thread_local Hold* hold = nullptr;
+
+}  // namespace
+
+// Takes the place of the C library's: kzmkernel locks the gate with it.
+[[gnu::visibility("default")]] int flock(int file, int operation) noexcept {
+    if (Hold* const mine = std::exchange(hold, nullptr)) {
+        mine->inside.give();
+        mine->over.await();
+    }
+    return static_cast<int>(syscall(SYS_flock, file, operation));
+}
+
+namespace {
 
 TEST(KernelFork, ChildOwnsNoLock) {
     const Handle mutex(create_mutex(object_name()));
@@ -204,6 +227,33 @@ TEST(KernelFork, ChildIsNotBlockedByWhatOtherThreadsWereDoing) {
     for (std::thread& thread : threads) thread.join();
     for (int i = 0; i < 4; ++i) expect_new(create_page, name + std::to_string(i));
     expect_new(create_mutex, name + "shared");
+}
+
+TEST(KernelFork, WaitsForTheCallOfAnotherThreadWhoseHandleTheChildThenHas) {
+    const std::string name = object_name();
+    int handles[2];
+    ASSERT_EQ(pipe2(handles, O_CLOEXEC), 0);
+    Hold held;
+    std::thread creator([&] {
+        hold = &held;
+        void* const mutex = create_mutex(name);
+        EXPECT_EQ(write(handles[1], &mutex, sizeof mutex), static_cast<ssize_t>(sizeof mutex));
+    });
+    held.inside.await();
+    SleepingThread parent([&] {
+        Forked child([&] {
+            void* mutex = nullptr;
+            ASSERT_EQ(read(handles[0], &mutex, sizeof mutex), static_cast<ssize_t>(sizeof mutex));
+            EXPECT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
+            EXPECT_TRUE(kzmkernel_release(mutex));
+            EXPECT_TRUE(kzmkernel_close(mutex));
+        });
+        creator.join();
+        EXPECT_EQ(child.wait(), 0);
+    });
+    held.over.give();
+    parent.join();
+    for (const int end : handles) close(end);
 }
 
 TEST(KernelFork, ChildCanCloseAMutexThatItsParentWaitsFor) {

@@ -27,6 +27,13 @@ TEST(KernelHandles, AreAllDifferentAndFailWith4WhenTheTableIsFull) {
     while ((last = create_mutex(name)) != nullptr) ASSERT_TRUE(handles.insert(last).second);
     EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES});
     EXPECT_GE(handles.size(), 65536u);
+    // So it is in a child, which looks through the table.
+    in_fork([&] {
+        EXPECT_EQ(create_mutex(name), nullptr);
+        EXPECT_EQ(kzmkernel_last_error(), uint32_t{KZMKERNEL_ERROR_TOO_MANY_OPEN_FILES});
+        for (void* const handle : handles) ASSERT_TRUE(kzmkernel_close(handle));
+        EXPECT_EQ(Handle(create_mutex(name)).error, uint32_t{KZMKERNEL_ERROR_ALREADY_EXISTS});
+    });
     for (void* const handle : handles) ASSERT_TRUE(kzmkernel_close(handle));
     EXPECT_FALSE(fs::exists(file_of_mutex(name)));
     // Places are used again, numbers are not.
