@@ -11,7 +11,6 @@ MappedMutex* map_mutex(int file) noexcept {
     void* const address = mmap(nullptr, mutex_file_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     if (address == MAP_FAILED) return nullptr;
     auto* const mapped = new (std::nothrow) MappedMutex{static_cast<Mutex*>(address), 0};
-    // branch: no memory for a few bytes
     if (!mapped) {
         munmap(address, mutex_file_size);
         errno = ENOMEM;

@@ -229,7 +229,6 @@ uint32_t obtain(Kind kind, const char* name, uint64_t size, Wish wish, Object*& 
     if (const uint32_t error = check_name(name)) return error;
     forget_closed_mutexes();
     Object* const made = new (std::nothrow) Object{};
-    // branch by chance: no memory for a few bytes
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
     made->kind = kind;
     file_name_of(kind, name, made->file_name);

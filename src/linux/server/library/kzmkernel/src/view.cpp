@@ -43,7 +43,6 @@ uint32_t map_view(KeptDescriptor& file, uint64_t file_size, bool writable, uint6
     // The program may have closed the descriptor, and its number may now belong to another file.
     if (!file.is_there()) return KZMKERNEL_ERROR_INVALID_HANDLE;
     View* const made = new (std::nothrow) View{nullptr, size, file.device(), file.inode(), views};
-    // branch by chance: no memory for a few bytes
     if (!made) return KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY;
     made->address = mmap(nullptr, size, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, file.get(),
                          static_cast<off_t>(offset));
