@@ -17,6 +17,6 @@ function(shmnm_packaged_header name folder)
 endfunction()
 
 shmnm_packaged_header(boost boost)
-shmnm_packaged_header(fmt fmt FMT_HEADER_ONLY=1)
+shmnm_packaged_header(fmt_headers fmt)
 shmnm_packaged_header(cli11 CLI)
 shmnm_packaged_header(json nlohmann)
