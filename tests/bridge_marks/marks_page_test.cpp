@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <string>
 #include <thread>
+
+#include "support/child.h"
 
 namespace bridge {
 namespace {
@@ -145,23 +149,29 @@ TEST(BridgeMarks, AreCutToTheRoomThereIsAndSayHowMuchIsMissing) {
 TEST(BridgeMarks, AreNeverReadHalfWritten) {
     const auto page = std::make_unique<MarksPage>();
     Marks marks = some_marks();
+    marks.unmatched.resize(marked_words - marks.contested.size());
     write_marks(*page, marks, 5);
     std::atomic<bool> ends = false;
     std::thread writer([&] {
         for (uint32_t round = 1; !ends; ++round) {
             marks.agreed.proposed = marks.agreed.lost = round;
             marks.servers[0].sequence = marks.servers[1].sequence = round;
+            marks.unmatched.back() = std::to_string(round);
+            const auto begin = std::chrono::steady_clock::now();
             write_marks(*page, marks, 5);
+            // A reader beside a writer that never pauses seldom finds a whole page.
+            std::this_thread::sleep_for(std::chrono::steady_clock::now() - begin);
         }
     });
     unsigned whole = 0;
-    for (int reads = 0; reads < 300 || whole < 20; ++reads) {
+    for (unsigned reads = 0; reads < test::share_of(300) || whole < 20; ++reads) {
         const auto read = read_marks(*page);
         if (!read || read->marks.agreed.proposed == 4) continue;
         ++whole;
         EXPECT_EQ(read->marks.agreed.proposed, read->marks.agreed.lost);
         EXPECT_EQ(read->marks.servers[0].sequence, read->marks.agreed.lost);
         EXPECT_EQ(read->marks.servers[1].sequence, read->marks.agreed.lost);
+        EXPECT_EQ(read->marks.unmatched.back(), std::to_string(read->marks.agreed.lost));
     }
     ends = true;
     writer.join();
