@@ -6,7 +6,7 @@
 namespace test {
 
 /// How often a process is killed or stopped. A new process takes long under wine.
-extern const int storm_rounds;
+extern const unsigned storm_rounds;
 /// Who takes part. Under wine a process that is killed may run on for a moment after its mutexes have been handed on,
 /// so there only an owner that stands still is killed, and it has no other threads.
 extern const unsigned storm_processes, storm_threads_a_process;

@@ -4,7 +4,7 @@ namespace test {
 
 const unsigned storm_processes = 8, storm_threads_a_process = 1;
 const bool storm_kills_anywhere = false;
-const int storm_rounds = 20;
+const unsigned storm_rounds = 20;
 
 void stop_process(uint32_t) {}
 void continue_process(uint32_t) {}

@@ -316,10 +316,6 @@ Schedule reading_seldom(Schedule schedule) {
     schedule.read_again = 300'000;
     return schedule;
 }
-Schedule resetting(Schedule schedule) {
-    schedule.reset_when_cut_off = true;
-    return schedule;
-}
 /// With other latencies and losses.
 std::vector<Schedule> seeds(const Schedule& schedule) {
     std::vector<Schedule> schedules(40, schedule);
@@ -397,9 +393,7 @@ const Switch switches[] = {
     {"cut_off_keeps_words",
      &Rules::cut_off_keeps_words,
      {quiet({{.at = 4'000, .what = What::cut_both, .machine = 0, .lasts = 9'000}})}},
-    {"start_is_not_cut_off",
-     &Rules::start_is_not_cut_off,
-     {resetting(quiet({{.at = 5'000, .what = What::kill, .machine = 0, .lasts = 500}}))}},
+    {"start_is_not_cut_off", &Rules::start_is_not_cut_off, {random_schedule(508)}},
     {"heard_before_fed", &Rules::heard_before_fed},
     {"revision_order", &Rules::revision_order},
     {"ended_watch_is_read",
@@ -438,7 +432,7 @@ const Switch switches[] = {
      seeds(quiet({{.at = 4'900, .what = What::slow, .lasts = 500},
                   {.at = 5'000, .what = What::set_agreed, .detail = 0},
                   {.at = 5'060, .what = What::new_region, .lasts = 1}}))},
-    {"same_base", &Rules::same_base},
+    {"same_base", &Rules::same_base, {random_schedule(376)}},
     {"late_own_is_accepted", &Rules::late_own_is_accepted,
      seeds(quiet({{.at = 3'900, .what = What::lose_answers, .lasts = 700},
                   {.at = 4'000, .what = What::set_agreed, .detail = 0}}))},
