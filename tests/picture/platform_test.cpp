@@ -118,6 +118,8 @@ TEST(Process, ThatHasEndedIsShownByItsName) {
 
 TEST(Process, IsShownWithItsWholeCommand) {
     Child child = test::start(own_the_lock, "an argument");
+    // A program that has only just been started has no command line yet.
+    child.reported();
     EXPECT_EQ(platform::process(child.process_id())->command, "test-child --child own_the_lock an argument");
     EXPECT_EQ(platform::process(child.process_id())->state, "running");
 }
