@@ -11,14 +11,15 @@ sys.path.insert(0, FOLDER)
 import programs  # noqa: E402
 
 # Behaves as a GoogleTest program: case Kills.Seven fails with mutant 7, Never.Together fails after another case,
-# Once.Fails the first time.
+# Once.Fails the first time. Slow.Now takes much processor time, and with mutant 7 no end of it.
 PROGRAM = r'''#!/bin/sh
 [ "$1" != --gtest_list_tests ] || { printf 'Kills.\n  Seven\n  DISABLED_Eight\nSome/Kills.\n  Other/0  # GetParam() = 3\nNever.\n  Together\n'; exit; }
 echo "$SHMNM_MUTANT $GTEST_FILTER" >>"$0.runs"
 echo "[ RUN      ] ${GTEST_FILTER##*:}"
 case "$GTEST_FILTER" in *:Never.Together | Never.Together:*) exit 1 ;; esac
 [ "$GTEST_FILTER" != Once.Fails ] || [ -e "$0.once" ] || { : >"$0.once"; exit 1; }
-case "$SHMNM_MUTANT $GTEST_FILTER" in "7 "*Kills.Seven*) exit 1 ;; esac
+case "$SHMNM_MUTANT $GTEST_FILTER" in "7 "*Kills.Seven*) exit 1 ;; "7 Slow.Now") while :; do :; done ;; esac
+[ "$GTEST_FILTER" != Slow.Now ] || { i=0; while [ $i -lt 250000 ]; do i=$((i + 1)); done; }
 '''
 
 
@@ -81,7 +82,8 @@ class Cases(unittest.TestCase):
             file.write(PROGRAM)
         os.chmod(path, 0o755)
         self.program = programs.Program({'name': 'kills', 'command': [path]}, self.temporary.name)
-        self.program.cost = {'Kills.Seven': (0.01, 0.01), 'Some/Kills.Other/0': (0.01, 0), 'Never.Together': (0.03, 0), 'Once.Fails': (0.01, 0)}
+        self.program.cost = {'Kills.Seven': (0.01, 0.01), 'Some/Kills.Other/0': (0.01, 0), 'Never.Together': (0.03, 0), 'Once.Fails': (0.01, 0),
+                             'Slow.Now': (0.01, 0)}
 
     def runs(self):
         with open(self.program.command[0] + '.runs', encoding='utf-8') as file:
@@ -107,6 +109,15 @@ class Cases(unittest.TestCase):
         self.program.runs = {'Once.Fails': {9}}
         self.assertEqual(programs.killer([self.program], 'kills', 9), '')
         self.assertEqual(self.runs(), ['9 Once.Fails', '9 Once.Fails'])
+
+    def test_a_limit_that_the_case_exceeds_without_the_mutant_too_proves_nothing(self):
+        least, programs.LEAST_PROCESSOR = programs.LEAST_PROCESSOR, 0
+        self.addCleanup(setattr, programs, 'LEAST_PROCESSOR', least)
+        self.program.runs = {'Slow.Now': {7, 8}}
+        for number, killer in (7, 'kills'), (8, ''):
+            self.program.cost['Slow.Now'] = (0.01, 0)
+            self.assertEqual(programs.killer([self.program], 'kills', number), killer)
+            self.assertEqual(self.runs()[-4:], [f'{number} Slow.Now', f'{number} Slow.Now', ' Slow.Now', f'{number} Slow.Now'])
 
     def test_the_case_that_ran_last_is_tried_again(self):
         printed = '[ RUN      ] A.B\n[       OK ] A.B (0 ms)\n[ RUN      ] A.C/1\n[ RUN      ] In.AChild\n'
