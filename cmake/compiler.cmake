@@ -34,6 +34,9 @@ if(WIN32)
     target_link_options(shmnm_options INTERFACE -static -fstack-protector-strong -Wl,--high-entropy-va -Wl,--dynamicbase -Wl,--nxcompat
                                                 -Wl,--no-insert-timestamp -Wl,--build-id
                                                 $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,--tsaware>)
+    add_library(stack_guard STATIC ${PROJECT_SOURCE_DIR}/src/windows/server/library/run_time/stack_guard.cpp)
+    target_compile_options(stack_guard PRIVATE -Wall -Wextra -Werror)
+    target_link_libraries(shmnm_options INTERFACE stack_guard)
 elseif(UNIX)
     # A unique symbol would keep a library loaded for ever.
     target_compile_options(shmnm_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
