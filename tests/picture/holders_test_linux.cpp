@@ -152,14 +152,14 @@ TEST_F(HoldersTest, AreCountedIfThisUserMayNotLookAtThem) {
                 // This /proc shows the processes of this test alone.
                 ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
                 ASSERT_EQ(mount("proc", "/proc", "proc", 0, nullptr), 0);
-                const Forked another([] { test::pause_forever(); }), ended([] {});
+                const Forked one([] { test::pause_forever(); }), another([] { test::pause_forever(); }), ended([] {});
                 await_end(ended);
                 test::in_fork_as(user, [&] {
                     // Otherwise the user may not look at processes that were root's.
                     ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
                     const Forked own([] { test::pause_forever(); });
                     EXPECT_THAT(ids(), ElementsAre(id_of(own)));
-                    EXPECT_EQ(platform::holders(view_)->unreadable, 2u) << "its parent and another";
+                    EXPECT_EQ(platform::holders(view_)->unreadable, 3u) << "its parent and two others";
                 });
             },
             CLONE_NEWPID | CLONE_NEWNS);

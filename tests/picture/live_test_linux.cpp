@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <stdexcept>
 
 #include "picture/decode.h"
 #include "picture/error.h"
@@ -171,6 +172,15 @@ TEST_F(LiveRegionTest, ReportsAFailedMapping) {
     EXPECT_TRUE(tells_of_a_failed_mapping([] { static_cast<void>(HeldRegion::open()->size()); },
                                           "cannot map the region " + advice));
     EXPECT_TRUE(tells_of_a_failed_mapping([] { holders(Access{}); }, "cannot map the region, or it has just ended"));
+}
+
+TEST_F(LiveRegionTest, IsNotWaitedForToTryItsLock) {
+    ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+    LiveRegion({}).expect();
+    test::Traced other([] { EXPECT_FALSE(LiveRegion({}).try_lock()); });
+    EXPECT_THROW(other.run_until_it_enters(SYS_futex), std::runtime_error) << "it waited";
+    EXPECT_EQ(other.status(), 0);
+    EXPECT_EQ(shmnm_rwunlock(), SHMNM_OK);
 }
 
 TEST_F(LiveCopy, HoldsNothingOfTheTriesBeforeItHadTheLock) {

@@ -157,6 +157,14 @@ TEST(Transfer, TellsForHowLongTheMarksOfAStoppedBridgeStandStill) {
     EXPECT_EQ(arrived.snapshot.bridge->stopped_us, 5'000'000u);
 }
 
+TEST(Transfer, TellsOfNoLongerStandstillThanMicrosecondsCanCount) {
+    Bridge stopped;
+    stopped.stopped_us = 1'000;
+    Document document = sent(copy(), &stopped);
+    document.head["marks"]["stopped_ms"] = UINT64_MAX;
+    EXPECT_EQ(arrival(document).snapshot.bridge->stopped_us, 9'223'372'036'854'775'000u);
+}
+
 TEST(Transfer, OfAnOlderServerHasNoMarks) {
     Document document = sent(copy(), nullptr);
     document.head.erase("marks");
