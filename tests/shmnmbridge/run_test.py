@@ -82,7 +82,7 @@ class Run(BridgeTest):
         until(lambda: first.status().get("running"), "the first one's claim")
         second.start()
         until(lambda: second.status().get("refused"), "the refusal")
-        self.assertIn("another machine (host ", second.bridge.logged())
+        until(lambda: "another machine (host " in second.bridge.logged(), second.bridge.logged)
         self.assertEqual((second.status()["running"], second.run("status").status), (False, 1))
         check = second.run("check")
         self.assertEqual(check.status, 1)
@@ -112,7 +112,7 @@ class Run(BridgeTest):
         self.assertIn("wrong  this machine's configuration cannot be read", beta.run("check").out)
         (beta.folder / "etc/cluster.xml").write_text(configured)
         beta.waits_for(1, "shmnm_getnodestat", "alpha")
-        self.assertIn("the region is bridged", beta.bridge.logged())
+        until(lambda: "the region is bridged" in beta.bridge.logged(), "it is said")
 
     def test_what_others_write_to_etcd_reaches_no_terminal_as_it_is(self):
         alpha = self.machine("alpha").create()
@@ -121,7 +121,7 @@ class Run(BridgeTest):
         self.put(b"claim/\x1b[31m\xff", json.dumps({"host": "h", "run": "x.1", "address": ""}).encode())
         alpha.start()
         until(lambda: alpha.status().get("refused"), "the refusal")
-        self.assertIn("another machine (host a%0A%1B[31mb) has claimed the name alpha", alpha.bridge.logged())
+        until(lambda: "another machine (host a%0A%1B[31mb) has claimed the name alpha" in alpha.bridge.logged(), alpha.bridge.logged)
         text, document = alpha.run("status"), alpha.run("status", "--format", "json")
         self.assertEqual((text.status, document.status), (1, 1))
         for output in (text.out, document.out, alpha.bridge.logged()):
@@ -159,7 +159,7 @@ class Run(BridgeTest):
             status = alpha.status()
             self.assertEqual((status["up"], alpha.freshness("beta")), (True, "unknown"))
             alpha.api.ok("shmnm_setnodestat", "alpha", 1)
-            self.assertIn("cut off from etcd", alpha.bridge.logged())
+            until(lambda: "cut off from etcd" in alpha.bridge.logged(), alpha.bridge.logged)
         finally:
             etcd.members[0].go_on()
         beta.waits_for(1, "shmnm_getnodestat", "alpha")
@@ -202,7 +202,7 @@ class Run(BridgeTest):
         try:
             alpha.waits_for(2, "shmnm_getnodestat", "beta")
             alpha.waits_for(2, "shmnm_gethbrscsvstat", "lan", "lan1", 1)
-            self.assertIn("the other machines' states are set to unknown", alpha.bridge.logged())
+            until(lambda: "the other machines' states are set to unknown" in alpha.bridge.logged(), "it is said")
             until(lambda: not beta.status().get("connected", True), "beta notices too")
             self.assertEqual((alpha.freshness("beta"), beta.freshness("alpha")), ("unknown", "unknown"))
             self.assertEqual(alpha.get("shmnm_getpingstat", "beta"), [5], "only states can be unknown")
@@ -234,7 +234,7 @@ class Run(BridgeTest):
         beta.start()
         for machine, other in ((alpha, "beta"), (beta, "alpha")):
             until(lambda: [each["other_times"] for each in machine.status().get("servers", [])] == [True], "the times differ")
-            self.assertIn(f"the bridge of {other} has window_ms 600 and gather_ms ", machine.bridge.logged())
+            until(lambda: f"the bridge of {other} has window_ms 600 and gather_ms " in machine.bridge.logged(), machine.bridge.logged)
             self.assertIn("its bridge has another window_ms or gather_ms", machine.run("status").out)
 
     def test_servers_without_room_for_a_mark_are_counted(self):
@@ -270,7 +270,7 @@ class Run(BridgeTest):
         self.assertEqual(self.keys(), {})
         alpha.api.ok("shmnm_addnode", "alpha", 1)
         until(lambda: "claim/alpha" in self.keys(), "the claim")
-        self.assertIn("the region is bridged", alpha.bridge.logged())
+        until(lambda: "the region is bridged" in alpha.bridge.logged(), alpha.bridge.logged)
         until(lambda: alpha.status().get("connected"), "it is connected")
         alpha.api.ok("shmnm_rmnode", "alpha")
         until(lambda: "not connected: no beat is written without a copy of the region that has the server alpha" in alpha.bridge.logged(), "it is said")
@@ -350,7 +350,7 @@ class LinuxRun(BridgeTest):
         etcd.members[0].stop()
         self.addCleanup(etcd.members[0].go_on)
         self.assertEqual(alpha.bridge.end(signal.SIGINT), 0)
-        self.assertIn("etcd has not confirmed the end in time: the claim ends with its lease", alpha.bridge.logged())
+        until(lambda: "etcd has not confirmed the end in time: the claim ends with its lease" in alpha.bridge.logged(), alpha.bridge.logged)
 
     def test_it_tells_the_service_manager_how_it_is(self):
         alpha = self.machine("alpha").create()
