@@ -16,7 +16,7 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 NATIVE = ROOT / "build/linux-release/fakes/same_answers"
 WINDOWS = sys.argv[1]
-CALLS = int(sys.argv[2]) if len(sys.argv) > 2 else 1_000_000
+CALLS = int(sys.argv[2]) if len(sys.argv) > 2 else 100_000
 SEED = int(sys.argv[3]) if len(sys.argv) > 3 else 20261122
 FUNCTIONS = set(re.findall(r"^SHMNM_API \w+ shmnm_(\w+)\(", (ROOT / "src/windows/server/library/shmnm/include/shmnm.h").read_text(), re.M))
 
