@@ -9,12 +9,16 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -23,6 +27,7 @@
 #include "support/forked_linux.h"
 #include "support/other_user_linux.h"
 #include "support/temporary_folder.h"
+#include "support/traced_linux.h"
 
 namespace picture {
 namespace {
@@ -144,26 +149,107 @@ TEST_F(HoldersTest, AreLookedForWithoutKeepingAFolderOpen) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(HoldersTest, AreCountedIfThisUserMayNotLookAtThem) {
-    const uid_t user = test::spare_user();
+/// Runs a part of a test whose /proc shows the processes of this part alone.
+void in_own_proc(const char* options, const std::function<void()>& body) {
     test::in_fork([&] {
         Forked all(
             [&] {
-                // This /proc shows the processes of this test alone.
                 ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-                ASSERT_EQ(mount("proc", "/proc", "proc", 0, nullptr), 0);
-                const Forked one([] { test::pause_forever(); }), another([] { test::pause_forever(); }), ended([] {});
-                await_end(ended);
-                test::in_fork_as(user, [&] {
-                    // Otherwise the user may not look at processes that were root's.
-                    ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
-                    const Forked own([] { test::pause_forever(); });
-                    EXPECT_THAT(ids(), ElementsAre(id_of(own)));
-                    EXPECT_EQ(platform::holders(view_)->unreadable, 3u) << "its parent and two others";
-                });
+                ASSERT_EQ(mount("proc", "/proc", "proc", 0, options), 0);
+                body();
             },
             CLONE_NEWPID | CLONE_NEWNS);
         EXPECT_EQ(all.wait(), 0);
+    });
+}
+
+TEST_F(HoldersTest, AreCountedIfThisUserMayNotLookAtThem) {
+    const uid_t user = test::spare_user();
+    const struct {
+        const char* options;
+        size_t unreadable;
+    } cases[] = {{nullptr, 3}, {"hidepid=1", 4}};
+    for (const auto& [options, unreadable] : cases) {
+        in_own_proc(options, [&, unreadable = unreadable] {
+            const Forked one([] { test::pause_forever(); }), another([] { test::pause_forever(); }), ended([] {});
+            await_end(ended);
+            test::in_fork_as(user, [&] {
+                // Otherwise the user may not look at processes that were root's.
+                ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
+                const Forked own([] { test::pause_forever(); });
+                EXPECT_THAT(ids(), ElementsAre(id_of(own)));
+                EXPECT_EQ(platform::holders(view_)->unreadable, unreadable)
+                    << "its parent and two others, and one that has ended where that is hidden";
+            });
+        });
+    }
+}
+
+TEST_F(HoldersTest, AreShownWithTheirUserOrNotAtAllIfTheyEndMeanwhile) {
+    const uid_t user = test::spare_user();
+    in_own_proc(nullptr, [&] {
+        Sign has_changed;
+        const Forked holder([&] {
+            if (seteuid(user) == 0) has_changed.give();
+            test::pause_forever();
+        });
+        has_changed.await();
+        bool has_failed = true;
+        // Whichever look at a file of /proc comes too late.
+        for (int position = 1; has_failed; ++position) {
+            test::Traced looking([&] {
+                const auto found = platform::holders(view_);
+                if (!found) return;
+                for (const Holder& one : found->processes) {
+                    EXPECT_EQ(one.user, one.process == id_of(holder) ? user : geteuid());
+                    EXPECT_EQ(one.state, "running");
+                    EXPECT_FALSE(one.command.empty());
+                }
+            });
+            has_failed = false;
+            for (int opened = 0; looking.step();) {
+                const std::vector<uint64_t> call = looking.entered();
+                if (call.empty() || call[0] != SYS_openat || ++opened != position) continue;
+                looking.fail_call(ENOENT);
+                has_failed = true;
+            }
+            ASSERT_EQ(looking.status(), 0) << "file " << position;
+        }
+    });
+}
+
+TEST_F(HoldersTest, AreNotThoseOfAnotherFileWithTheRemovedFilesNumber) {
+    test::in_fork([&] {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        // Two disks that number their files in the same way.
+        const std::string disks[] = {folder_.string() + "/one", folder_.string() + "/other"};
+        for (const std::string& disk : disks) {
+            std::filesystem::create_directory(disk);
+            ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=1m"), 0);
+            std::ofstream(disk + "/memory") << std::string(size, 'x');
+        }
+        struct stat one {};
+        struct stat other {};
+        ASSERT_EQ(stat((disks[0] + "/memory").c_str(), &one), 0);
+        ASSERT_EQ(stat((disks[1] + "/memory").c_str(), &other), 0);
+        ASSERT_EQ(one.st_ino, other.st_ino);
+        const int mapped = open((disks[0] + "/memory").c_str(), O_RDONLY);
+        void* const view = mmap(nullptr, size, PROT_READ, MAP_SHARED, mapped, 0);
+        ASSERT_NE(view, MAP_FAILED);
+        close(mapped);
+        Sign is_open;
+        const Forked stranger([&] {
+            munmap(view, size);
+            if (open((disks[1] + "/memory").c_str(), O_RDONLY) >= 0) is_open.give();
+            test::pause_forever();
+        });
+        is_open.await();
+        // What the system calls the removed file from then on is a file of the other disk.
+        std::ofstream(disks[1] + "/beside") << "another";
+        std::filesystem::create_symlink(disks[1] + "/beside", disks[0] + "/memory (deleted)");
+        std::filesystem::remove(disks[0] + "/memory");
+        EXPECT_THAT(platform::holders(view)->processes, IsEmpty());
     });
 }
 

@@ -20,7 +20,7 @@ namespace {
 /// The file behind shared memory, as /proc names it.
 struct MemoryFile {
     std::string device_and_inode;  ///< "00:1a 4711", as in a list of mapped memory
-    dev_t device = 0;
+    std::optional<dev_t> device;   ///< none: the file was removed
     ino_t inode = 0;
 };
 
@@ -47,7 +47,7 @@ std::optional<MemoryFile> file_of(const void* view) {
         if (range.start != reinterpret_cast<uint64_t>(view)) continue;
         struct stat found {};
         const bool is_there = ::stat(range.path.c_str(), &found) == 0 && found.st_ino == range.inode;
-        return MemoryFile{range.device_and_inode(), is_there ? found.st_dev : 0, range.inode};
+        return MemoryFile{range.device_and_inode(), is_there ? std::optional(found.st_dev) : std::nullopt, range.inode};
     }
     return std::nullopt;
 }
@@ -56,7 +56,7 @@ enum class Look { holds, does_not, may_not };
 
 /// Whether this user may not look at a process. One that has ended meanwhile holds nothing.
 Look failed_look() {
-    // branch: EPERM only where /proc is mounted with hidepid=1
+    // EPERM where /proc is mounted with hidepid=1.
     return errno == EACCES || errno == EPERM ? Look::may_not : Look::does_not;
 }
 
@@ -101,7 +101,9 @@ Look look_at_descriptors(const std::string& folder, const MemoryFile& file) {
 /// in its own folder.
 Look look_at(uint32_t process, const MemoryFile& file) {
     const std::string tasks = fmt::format("/proc/{}/task", process);
-    for (const uint32_t thread : numbers_in(tasks).value_or(std::vector<uint32_t>())) {
+    const auto threads = numbers_in(tasks);
+    if (!threads) return failed_look();
+    for (const uint32_t thread : *threads) {
         if (has_ended({.process = process, .thread = thread})) continue;
         const std::string folder = fmt::format("{}/{}", tasks, thread);
         const Look memory = look_at_memory(folder, file);
@@ -110,20 +112,21 @@ Look look_at(uint32_t process, const MemoryFile& file) {
     return Look::does_not;
 }
 
-/// A thread of the system's kernel, or a process that has ended.
+/// A thread of the system's kernel, or a process that has ended. Where its command is hidden too, nobody can tell.
 bool has_no_memory(uint32_t process) {
     std::ifstream command(fmt::format("/proc/{}/cmdline", process));
-    return command.peek() == std::ifstream::traits_type::eof();
+    return command && command.peek() == std::ifstream::traits_type::eof();
 }
 
-uint32_t effective_user(uint32_t process) {
+/// Nothing when the process ends meanwhile.
+std::optional<uint32_t> effective_user(uint32_t process) {
     std::ifstream status(fmt::format("/proc/{}/status", process));
-    for (std::string word; status >> word;) {  // branch by chance: the process ends at that moment
+    for (std::string word; status >> word;) {
         uint32_t real = 0, effective = 0;
         // branch by chance: the process ends at that moment
         if (word == "Uid:" && status >> real >> effective) return effective;
     }
-    return 0;
+    return std::nullopt;
 }
 
 std::string name_of(uint32_t user) {
@@ -136,16 +139,16 @@ std::string name_of(uint32_t user) {
 std::optional<Holders> holders(const void* view) {
     const std::optional<MemoryFile> file = file_of(view);
     const auto processes = numbers_in("/proc");
-    if (!file || !processes) return std::nullopt;  // branch: a /proc that tells the file can be listed
+    if (!file || !processes) return std::nullopt;
     Holders found;
     for (const uint32_t id : *processes) {
         if (id == static_cast<uint32_t>(getpid())) continue;
         const Look look = look_at(id, *file);
         if (look == Look::may_not && !has_no_memory(id)) ++found.unreadable;
-        const auto known = look == Look::holds ? process(id) : std::nullopt;
-        if (!known) continue;
-        const uint32_t user = effective_user(id);
-        found.processes.push_back({id, user, name_of(user), known->command, known->state});
+        if (look != Look::holds) continue;
+        const auto known = process(id);
+        const auto user = effective_user(id);
+        if (known && user) found.processes.push_back({id, *user, name_of(*user), known->command, known->state});
     }
     return found;
 }
