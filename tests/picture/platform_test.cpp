@@ -4,11 +4,14 @@
 #include <gmock/gmock.h>
 
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
@@ -22,7 +25,26 @@
 #include "support/forked_linux.h"
 #include "support/memory_disk_linux.h"
 #include "support/other_user_linux.h"
+#include "support/temporary_folder.h"
 #include "support/traced_linux.h"
+
+namespace {
+
+/// Bytes that this machine seems to have room for on disks, instead of what it has.
+constexpr uint64_t put_aside = 3 << 20;
+/// Bytes in which it counts its memory.
+uint32_t unit = 1;
+
+}  // namespace
+
+// Takes the place of the system's function in this program: few machines of tests put memory aside.
+int sysinfo(struct sysinfo* now) noexcept {
+    const auto result = static_cast<int>(syscall(SYS_sysinfo, now));
+    now->totalram = now->totalram * now->mem_unit / unit;
+    now->totalswap = put_aside / unit;
+    now->mem_unit = unit;
+    return result;
+}
 
 namespace picture {
 namespace {
@@ -142,6 +164,26 @@ TEST(Dump, IsRefusedIfReadingItFailsHalfWay) {
     }
 }
 
+TEST(Dump, OfTheGreatestSizeIsRefusedOnlyIfItCannotBeRead) {
+    const test::TemporaryFolder folder;
+    const std::string file = folder.string() + "/x.dump";
+    std::ofstream{file};
+    std::filesystem::resize_file(file, uint64_t{1} << 32);
+    ASSERT_EQ(chmod(folder.string().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(file.c_str(), 0), 0);
+    test::in_fork_as(test::spare_user(), [&] {
+        const auto refusal = [&] {
+            try {
+                read_dump(file);
+                return std::string("not refused");
+            } catch (const Error& error) {
+                return std::string(error.what());
+            }
+        };
+        EXPECT_EQ(refusal(), "cannot read " + file + ": Permission denied");
+    });
+}
+
 TEST(Region, OfAnotherUserIsRefusedWithThatUser) {
     const uid_t user = test::spare_user();
     test::in_fork([&] {
@@ -189,13 +231,39 @@ TEST(Time, IsShownInLocalTimeWithItsDistanceFromUtc) {
 }
 
 TEST(Memory, IsThatOfTheMachineAndWhatItCanPutAside) {
-    uint64_t size = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE));
-    std::ifstream list("/proc/swaps");
-    std::string heading, file, type;
-    std::getline(list, heading);
-    uint64_t kilobytes = 0;
-    for (std::string used, priority; list >> file >> type >> kilobytes >> used >> priority;) size += kilobytes * 1'024;
+    const uint64_t memory =
+        static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE));
+    EXPECT_EQ(platform::memory_size(), memory + put_aside);
+}
+
+TEST(Memory, MayBeToldInLargerUnits) {
+    const uint64_t size = platform::memory_size();
+    unit = 4'096;
     EXPECT_EQ(platform::memory_size(), size);
+    unit = 1;
+}
+
+uint64_t now_us(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
+TEST(Time, IsReadInMicroseconds) {
+    const struct {
+        clockid_t clock;
+        uint64_t (*read)();
+    } clocks[] = {{CLOCK_REALTIME, platform::wall_clock_us}, {CLOCK_BOOTTIME, platform::steady_clock_us}};
+    for (const auto& [clock, read] : clocks) {
+        // Microseconds that were counted wrongly would show in the second half of a second.
+        uint64_t before_us = 0, read_us = 0;
+        do {
+            before_us = now_us(clock);
+            read_us = read();
+        } while (before_us % 1'000'000 < 500'000);
+        EXPECT_LE(before_us, read_us);
+        EXPECT_LE(read_us, now_us(clock));
+    }
 }
 
 TEST(Arguments, AreThoseAfterTheProgramsName) {

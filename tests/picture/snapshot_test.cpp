@@ -4,12 +4,15 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "picture/error.h"
 #include "picture/picture_document.h"
+#include "picture/platform.h"
 #include "support/temporary_folder.h"
 
 namespace picture {
@@ -40,6 +43,13 @@ TEST(Snapshot, HasTextsUpToTheirNulTheirEndOrItsOwn) {
     EXPECT_EQ(snapshot.text(4, 9), "d");
     EXPECT_EQ(snapshot.text(5, 9), "");
     EXPECT_EQ(snapshot.text(99, 9), "");
+}
+
+TEST(Snapshot, HasNoTextAfterItsEnd) {
+    Snapshot snapshot = of_bytes(std::vector<uint8_t>(64, 'x'));
+    // The memory after the end keeps its bytes.
+    snapshot.bytes.resize(5);
+    EXPECT_EQ(snapshot.text(3, 9), "xx");
 }
 
 class DumpFile : public testing::Test {
@@ -83,10 +93,27 @@ TEST_F(DumpFile, HasAtLeastAHeader) {
                                   "dump"));
 }
 
+TEST_F(DumpFile, IsRefusedBeforeItIsReadIfItIsLargerThanAnyRegion) {
+    write("");
+    std::filesystem::resize_file(file(), (uint64_t{1} << 32) + 1);
+    EXPECT_THAT(refusal(ErrorKind::not_a_dump),
+                testing::EndsWith("x.dump: it is larger than any region, which has at most 2^32 bytes"));
+}
+
 TEST_F(DumpFile, IsRefusedIfItIsNotThereOrAFolder) {
     EXPECT_THAT(refusal(ErrorKind::not_a_dump), testing::EndsWith(std::string("x.dump: ") + std::strerror(ENOENT)));
     std::filesystem::create_directory(file());
     EXPECT_THAT(refusal(ErrorKind::not_a_dump), testing::EndsWith("x.dump: it is a folder"));
+}
+
+TEST_F(DumpFile, IsWrittenAnewInBytesAsGiven) {
+    write("longer than what is written over it");
+    std::FILE* const stream = platform::open_to_write(file());
+    ASSERT_TRUE(stream);
+    std::fputs("a\n", stream);
+    std::fclose(stream);
+    EXPECT_EQ(test::contents_of(file()), "a\n");
+    EXPECT_FALSE(platform::open_to_write(file() + "/x"));
 }
 
 TEST_F(DumpFile, MayHoldAnExportedPictureInstead) {

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -46,6 +45,11 @@ namespace {
     throw Error(ErrorKind::not_a_dump, fmt::format("cannot read {}: {}", shown_file(file), why));
 }
 
+void expect_possible(uint64_t size, const std::string& file) {
+    constexpr uint64_t most = uint64_t{1} << 32;
+    if (size > most) refuse(file, "it is larger than any region, which has at most 2^32 bytes");
+}
+
 /// @param[in] stream  of the file, opened just now
 std::vector<uint8_t> read_opened(std::ifstream& stream, const std::string& file) {
     if (!stream) refuse(file, std::strerror(errno));
@@ -55,9 +59,7 @@ std::vector<uint8_t> read_opened(std::ifstream& stream, const std::string& file)
     while (stream) {
         stream.read(part, sizeof part);
         bytes.insert(bytes.end(), part, part + stream.gcount());
-        // branch: no test has so much memory
-        if (bytes.size() > std::numeric_limits<uint32_t>::max())
-            refuse(file, "it is larger than any region, which has at most 2^32 bytes");
+        expect_possible(bytes.size(), file);
     }
     if (stream.bad()) refuse(file, "reading it failed half-way");
     return bytes;
@@ -67,6 +69,8 @@ std::vector<uint8_t> read_opened(std::ifstream& stream, const std::string& file)
 std::vector<uint8_t> read_at(const std::filesystem::path& place, const std::string& file) {
     std::error_code error;
     if (std::filesystem::is_directory(place, error)) refuse(file, "it is a folder");
+    // Before it takes as much memory. A pipe does not tell its size.
+    if (const uint64_t size = std::filesystem::file_size(place, error); !error) expect_possible(size, file);
     errno = 0;
     std::ifstream stream(place, std::ios::binary);
     return read_opened(stream, file);
