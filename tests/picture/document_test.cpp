@@ -119,15 +119,51 @@ TEST(Document, IsNotMadeFromACutRegion) {
 
 TEST(Document, IsNotMadeFromARegionWithANegativeCount) {
     LibraryRegion region({2, 1, 1, 1});
+    const struct {
+        size_t count;
+        std::string of;
+    } counts[] = {{offsetof(shmnm_header, server_count), "servers"},
+                  {offsetof(shmnm_header, hb_count), "hb resources"},
+                  {offsetof(shmnm_header, np_count), "np resources"},
+                  {offsetof(shmnm_header, fst_pid_count), "names with process ids"}};
+    for (const auto& [count, of] : counts) {
+        Snapshot snapshot = region.dump();
+        std::fill_n(snapshot.bytes.begin() + static_cast<std::ptrdiff_t>(count), 4, uint8_t{0xFF});
+        try {
+            document_of(snapshot);
+            ADD_FAILURE() << "taken for a whole region";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.kind, ErrorKind::damaged);
+            EXPECT_EQ(error.what(), "the header counts -1 " + of + ", but the bytes hold 0");
+        }
+    }
+}
+
+TEST(Document, IsNotMadeFromARegionThatCountsMoreThanItHolds) {
+    LibraryRegion region({2, 1, 1, 1});
     Snapshot snapshot = region.dump();
-    std::fill_n(snapshot.bytes.begin() + offsetof(shmnm_header, server_count), 4, uint8_t{0xFF});
+    snapshot.bytes[offsetof(shmnm_header, server_count)] = 200;
     try {
         document_of(snapshot);
         FAIL() << "taken for a whole region";
     } catch (const Error& error) {
-        EXPECT_EQ(error.kind, ErrorKind::damaged);
-        EXPECT_STREQ(error.what(), "the header counts -1 servers, but the bytes hold 0");
+        EXPECT_STREQ(error.what(), "the header counts 200 servers, but the bytes hold 13");
     }
+}
+
+TEST(Document, HasNoZerosAtTheEndOfADescription) {
+    LibraryRegion region({2, 1, 1, 1});
+    region.fill();
+    Json json = to_json(document_of(region.dump()));
+    json["hb"][0]["descript"] = "a%00b%00%00";
+    EXPECT_EQ(document_from(json.dump()).picture.hb[0].descript, std::string("a\0b", 3));
+}
+
+TEST(Document, HasNumbersOf64BitsAsText) {
+    LibraryRegion region({2, 1, 1, 1});
+    shmnm_setfstrscpid("agent", 1, 4711, UINT64_MAX);
+    EXPECT_EQ(to_json(document_of(region.dump()))["fst"]["pids"].dump(),
+              R"([{"name":"agent","pid":[0,4711,0],"piddata":["0","18446744073709551615","0"]}])");
 }
 
 TEST(Differences, AreListedForEveryKindOfThing) {
@@ -155,6 +191,23 @@ TEST(Differences, AreListedForEveryKindOfThing) {
                                      "servers/alpha/nodestat 2 -> 1", "hb/lan/lan1/network/beta 2 -> 5",
                                      "fst/piddata/agent/0 18446744073709551615 -> 7", "fst/descript \"before\" -> \"\"",
                                      "hb/lan/lan1/descript \"\" -> \"new\""));
+}
+
+TEST(Differences, ShowAnotherOrderInEachTable) {
+    LibraryRegion region({2, 2, 2, 1});
+    region.fill();
+    const Document before = document_of(region.dump());
+    Document after = before;
+    Picture& picture = after.picture;
+    std::swap(picture.servers[0], picture.servers[1]);
+    std::swap(picture.hb[0], picture.hb[1]);
+    std::swap(picture.np[0], picture.np[1]);
+    std::swap(picture.fst_pids[0], picture.fst_pids[1]);
+    EXPECT_THAT(lines(differences(before, after)),
+                testing::UnorderedElementsAre("servers server0 server1 -> server1 server0",
+                                              "hb lan/lanhb0 lan/lanhb1 -> lan/lanhb1 lan/lanhb0",
+                                              "np ping/pingnp0 ping/pingnp1 -> ping/pingnp1 ping/pingnp0",
+                                              "fst/pids agent0 agent1 -> agent1 agent0"));
 }
 
 TEST(Differences, ShowWhatIsOnOneSideAlone) {
@@ -208,6 +261,22 @@ TEST(Differences, ShowTheSecondOfTwoRecordsOfOneName) {
     Document after = before;
     after.picture.servers[1].record.holdstat = 3;
     EXPECT_THAT(lines(differences(before, after)), testing::ElementsAre(key + "holdstat 0 -> 3"));
+}
+
+TEST(Differences, ShowTheSecondOfTwoResourcesOrProcessIdsOfOneName) {
+    LibraryRegion region({3, 2, 2, 1});
+    region.fill();
+    Document before = document_of(region.dump());
+    before.picture.hb[1].name = before.picture.hb[0].name;
+    before.picture.np[1].name = before.picture.np[0].name;
+    before.picture.fst_pids[1].name = before.picture.fst_pids[0].name;
+    Document after = before;
+    after.picture.hb[1].record.pri = 3;
+    after.picture.np[1].record.pri = 4;
+    after.picture.fst_pids[1].pid[0] = 5;
+    EXPECT_THAT(lines(differences(before, after)),
+                testing::ElementsAre("hb/lan/lanhb0%002/pri 0 -> 3", "np/ping/pingnp0%002/pri 0 -> 4",
+                                     "fst/pids/agent0%002/0 1 -> 5"));
 }
 
 }  // namespace

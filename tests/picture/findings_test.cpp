@@ -226,6 +226,29 @@ TEST_F(TwoOfEach, HaveNamesOfTheirOwn) {
     EXPECT_EQ(found().size(), 2u) << "of two types";
 }
 
+TEST_F(TwoOfEach, HaveAThirdBesideThemWhoseLettersAreTheSame) {
+    shmnm_addhbrsc("la", "naa", 0);
+    dump_ = region_.dump();
+    EXPECT_THAT(found(), IsEmpty());
+}
+
+TEST_F(TwoOfEach, AreNamedInTheKeysOfTheirFields) {
+    const std::string end = ": expected zeros, as in every reserved field; found 0x01";
+    write(1084 + 272, "\x01");
+    write(2364 + 600 + 552, "\x01");
+    write(9372 + 552, "\x01");
+    write(15212 + 324 + 292, "\x01");
+    EXPECT_THAT(found(), ElementsAre("1356 servers/aa/reserved_272" + end, "3516 hb/lan/bb/reserved_552" + end,
+                                     "9924 np/ping/aa/reserved_552" + end, "15828 fst/pids/bb/reserved_292" + end));
+}
+
+TEST_F(TwoOfEach, AreFoundInTheOrderOfTheirPlaces) {
+    dump_.configured = Counts{5, 3, 2, 2};
+    write_number(8, 5);
+    EXPECT_THAT(found(),
+                ElementsAre(testing::StartsWith("0 region/size: "), testing::StartsWith("8 header/max_servers: ")));
+}
+
 TEST_F(TwoOfEach, LieWhereTheMaximaSay) {
     const std::string servers = "8 header/max_servers: expected 4, as the region is laid out; found 5",
                       fst = "20 header/fst_count: expected 2, as the region is laid out; found 3";
@@ -269,6 +292,52 @@ TEST_F(TwoOfEach, AreAllInTheBytes) {
     EXPECT_THAT(found(),
                 ElementsAre("8 header/maxima: expected those of a mapping of 17932 bytes; found servers -1, hb "
                             "3, np 2, fst 2: beyond all memory"));
+}
+
+TEST(FullRegion, IsLookedAtToTheLastRecordOfEachTable) {
+    LibraryRegion region({2, 2, 2, 1});
+    region.fill();
+    Snapshot full = region.dump();
+    // The reserved bytes of the second server, hb resource, np resource, the fst resource, the second process ids'
+    // name.
+    for (const size_t at :
+         {size_t{1404 + 272}, size_t{2316 + 552}, size_t{4652 + 552}, size_t{6396 + 552}, size_t{7304 + 292}}) {
+        full.bytes[at] = 1;
+    }
+    std::vector<std::string> keys;
+    for (const Finding& one : findings(full)) keys.push_back(one.key);
+    EXPECT_THAT(
+        keys, ElementsAre("servers/server1/reserved_272", "hb/lan/lanhb1/reserved_552", "np/ping/pingnp1/reserved_552",
+                          "fst[0]/reserved_552", "fst/pids/agent1/reserved_292"));
+}
+
+/// A copy of no more than a header and the bytes after it, which are zero.
+Snapshot header_of(const Counts& counts, int32_t hb) {
+    shmnm_header header{};
+    header.max_servers = counts.servers;
+    header.max_hb = counts.hb;
+    header.max_np = counts.np;
+    header.fst_count = counts.fst;
+    header.hb_count = hb;
+    Snapshot snapshot;
+    snapshot.bytes.resize(Layout(counts).size);
+    std::memcpy(snapshot.bytes.data(), &header, sizeof header);
+    snapshot.mapped = snapshot.bytes.size();
+    snapshot.counts = counts;
+    return snapshot;
+}
+
+std::vector<std::string> keys_of(const std::vector<Finding>& found) {
+    std::vector<std::string> all;
+    for (const Finding& one : found) all.push_back(one.key);
+    return all;
+}
+
+TEST(RegionWithoutServers, IsLookedAtNoFurtherThanItsEnd) {
+    EXPECT_THAT(findings(header_of({.servers = 0, .hb = 2, .np = 0, .fst = 0}, 1)), IsEmpty());
+    // The record of the fst resource lies where the first hb resource would be.
+    EXPECT_THAT(keys_of(findings(header_of({.servers = 0, .hb = 2, .np = 0, .fst = 1}, 2))),
+                ElementsAre("hb[0]/name", "hb[0]/type"));
 }
 
 }  // namespace

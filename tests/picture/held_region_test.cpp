@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "picture/error.h"
 #include "picture/live.h"
@@ -85,7 +86,8 @@ TEST(LiveRegionInAnotherProcessIdNamespace, IsRefusedBecauseOfItsLock) {
     test::in_fork([] {
         test::Forked inner(
             [] {
-                LiveRegion live({});
+                std::vector<std::string> told;
+                LiveRegion live({.tell = [&](const std::string& line) { told.push_back(line); }});
                 EXPECT_NO_THROW(live.expect()) << "the region itself was refused";
                 const std::string words = "cannot open the lock " + full_name(mutex_name) + " (error 5)";
                 const std::function<void()> uses[] = {[&] { live.copy(Bytes::in_use); }, [&] { live.is_reader(); }};
@@ -98,6 +100,8 @@ TEST(LiveRegionInAnotherProcessIdNamespace, IsRefusedBecauseOfItsLock) {
                         EXPECT_THAT(error.what(), StartsWith(words));
                     }
                 }
+                EXPECT_THAT(told, testing::ElementsAre("opens the region " + full_name(mapping_name),
+                                                       "opens the mutex " + full_name(mutex_name)));
             },
             geteuid() == 0 ? CLONE_NEWPID : CLONE_NEWPID | CLONE_NEWUSER);
         EXPECT_EQ(inner.wait(), 0);

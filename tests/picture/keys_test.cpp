@@ -59,6 +59,17 @@ TEST_F(Keys, HaveTheOffsetsOfTheirWords) {
     }
 }
 
+TEST_F(Keys, OfAProcessIdNameEachOfItsThreeKinds) {
+    LibraryRegion region({.servers = 1, .hb = 1, .np = 1, .fst = 1});
+    ASSERT_EQ(shmnm_setfstrscpid("agent", 0, 1, 2), SHMNM_OK);
+    std::vector<std::string> keys;
+    for (const Word& word : words(decode(region.dump()))) {
+        if (word.key.starts_with("fst/pid")) keys.push_back(word.key);
+    }
+    EXPECT_THAT(keys, testing::ElementsAre("fst/pids/agent/0", "fst/piddata/agent/0", "fst/pids/agent/1",
+                                           "fst/piddata/agent/1", "fst/pids/agent/2", "fst/piddata/agent/2"));
+}
+
 TEST_F(Keys, FindNothingThatIsNotListed) {
     LibraryRegion region({.servers = 4, .hb = 2, .np = 2, .fst = 1});
     ASSERT_EQ(shmnm_addnode("alpha", 0), SHMNM_OK);

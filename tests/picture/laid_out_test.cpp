@@ -196,5 +196,19 @@ TEST(LiveRegionsCounts, AreDoubtedIfTheHeaderNamesOthers) {
     EXPECT_EQ(doubt_about(live), cleared);
 }
 
+TEST(Size, InPagesIsRoundedUp) {
+    EXPECT_EQ(in_pages(0), 0u);
+    EXPECT_EQ(in_pages(1), 4096u);
+    EXPECT_EQ(in_pages(4096), 4096u);
+    EXPECT_EQ(in_pages(4097), 8192u);
+}
+
+TEST(Layout, IsExactAsLongAsItCanCount) {
+    // Records of 584 bytes; one server more, and their bytes are too many.
+    const int32_t servers = 1 << 26, hb = 117'670'336;
+    EXPECT_EQ(Layout({.servers = servers, .hb = hb}).np, 4'611'686'005'542'487'100u);
+    EXPECT_EQ(Layout({.servers = servers + 1, .hb = hb}).np, Layout::nowhere);
+}
+
 }  // namespace
 }  // namespace picture

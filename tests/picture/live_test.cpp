@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kzmutil.h"
+#include "kzmxml.h"
 #include "picture/decode.h"
 #include "picture/error.h"
 #include "picture/held_region.h"
@@ -70,6 +71,8 @@ TEST_P(LiveCopyOf, HoldsEveryByteIfAllAreWanted) {
     const Snapshot copy = LiveRegion({}).copy(Bytes::all);
     EXPECT_EQ(copy.bytes, region.dump().bytes);
     EXPECT_EQ(copy.bytes[last], 0x5A);
+    EXPECT_TRUE(copy.live);
+    EXPECT_TRUE(copy.bridge) << "nothing is said of a bridge";
     EXPECT_EQ(LiveRegion({}).copy(Bytes::in_use).bytes[last], 0);
 }
 
@@ -116,6 +119,15 @@ TEST_F(LiveCopy, HoldsTheWholeMappingIfNoKnownCountsFitIt) {
     reinterpret_cast<shmnm_header*>(region.base())->max_servers = 128;
 }
 
+TEST_F(LiveCopy, HoldsNoWordAfterThoseInUse) {
+    const WritableRegion region;
+    // Where the second server would be.
+    region.base()[1404] = 0x5A;
+    EXPECT_EQ(LiveRegion({}).copy(Bytes::all).word(1404), 0x5Au);
+    EXPECT_EQ(LiveRegion({}).copy(Bytes::in_use).word(1404), 0u);
+    region.base()[1404] = 0;
+}
+
 TEST_F(LiveCopy, TakesTheLockIfToldTo) {
     std::string told;
     LiveRegion live({.may_skip_lock = false, .tell = [&](const std::string& line) { told = line; }});
@@ -134,6 +146,24 @@ TEST_F(LiveCopy, TellsWhatItOpensTheFirstTime) {
     told.clear();
     live.copy(Bytes::all);
     EXPECT_THAT(told, ElementsAre(StartsWith("copied all bytes")));
+}
+
+TEST_F(LiveRegionTest, TellsOfItsLockHoweverThatIsTaken) {
+    const std::function<void(LiveRegion&)> takes[] = {[](LiveRegion& live) { live.lock(); },
+                                                      [](LiveRegion& live) { EXPECT_TRUE(live.try_lock()); }};
+    for (const auto& take : takes) {
+        std::vector<std::string> told;
+        LiveRegion live({.tell = [&](const std::string& line) { told.push_back(line); }});
+        take(live);
+        live.unlock();
+        EXPECT_THAT(told, ElementsAre("opens the mutex " + full_name(mutex_name)));
+    }
+}
+
+TEST_F(LiveCopy, OfACallerThatHoldsTheLockSaysSo) {
+    LiveRegion live({});
+    const Locked locked(live);
+    EXPECT_EQ(live.copy_locked().way, CopyWay::as_owner);
 }
 
 TEST_F(LiveCopy, TellsForHowLongItHeldTheLock) {
@@ -160,10 +190,7 @@ TEST_F(LiveRegionTest, IsLeftToThoseWhoHoldIt) {
     }
 }
 
-TEST_F(LiveChange, ThatIsRefusedReleasesTheLock) {
-    folder_.write("etc/cluster.xml", "<root><all><num><server>3</server></num></all></root>");
-    LiveRegion live({});
-    EXPECT_THROW(const Change change(live, false), Error);
+bool is_lock_free() {
     bool is_free = false;
     std::thread other([&] {
         LiveRegion region({});
@@ -171,7 +198,35 @@ TEST_F(LiveChange, ThatIsRefusedReleasesTheLock) {
         if (is_free) region.unlock();
     });
     other.join();
-    EXPECT_TRUE(is_free);
+    return is_free;
+}
+
+TEST_F(LiveChange, ThatIsRefusedReleasesTheLock) {
+    folder_.write("etc/cluster.xml", "<root><all><num><server>3</server></num></all></root>");
+    LiveRegion live({});
+    EXPECT_THROW(const Change change(live, false), Error);
+    EXPECT_TRUE(is_lock_free());
+}
+
+CHILD(change_until_told) {
+    LiveRegion live({});
+    uint32_t state = 0;
+    {
+        const Change change(live, false);
+        report(shmnm_getnodestat("alpha", &state));
+        test::told();
+    }
+    report(shmnm_getnodestat("alpha", &state));
+    test::hang();
+}
+
+TEST_F(LiveChange, HoldsTheLockAndTheRegionUntilItsEnd) {
+    Child child = start(change_until_told);
+    EXPECT_EQ(child.reported(), SHMNM_OK);
+    EXPECT_FALSE(is_lock_free());
+    child.tell(0);
+    EXPECT_EQ(child.reported(), SHMNM_ERR_NOTINIT);
+    EXPECT_TRUE(is_lock_free());
 }
 
 TEST_F(LiveCopy, ThatAReaderMadeTellsHowOftenItWasRepeated) {
@@ -193,6 +248,45 @@ TEST_F(LiveCopy, IsRefusedWithAdviceToThoseWhoLackTheRight) {
     platform::close(only_to_read);
 }
 
+TEST(ConfiguredCounts, AreTheUsualOnesWhereTheConfigurationNamesNone) {
+    const test::TemporaryFolder folder;
+    const test::ScopedEnvironment path("KZM_INSTALL_PATH", folder.string().c_str());
+    EXPECT_FALSE(configured_counts()) << "there is no configuration";
+    const auto configured = [&](const std::string& text) {
+        folder.write("etc/cluster.xml", "<root>" + text + "</root>");
+        return configured_counts();
+    };
+    EXPECT_EQ(configured(""), (Counts{128, 16, 16, 1}));
+    EXPECT_EQ(configured("<all/>"), (Counts{128, 16, 16, 1}));
+    EXPECT_EQ(configured("<all><num><server>3</server></num></all>"), (Counts{3, 16, 16, 1}));
+    EXPECT_EQ(configured("<all><num><hbr>3</hbr></num></all>"), (Counts{128, 3, 16, 1}));
+    EXPECT_EQ(configured("<all><num><npr>3</npr></num></all>"), (Counts{128, 16, 3, 1}));
+    EXPECT_EQ(configured("<all><num><fstr>3</fstr></num></all>"), (Counts{128, 16, 16, 3}));
+}
+
+TEST(ConfiguredCounts, LeaveTheConfigurationAsItWasLoaded) {
+    const test::TemporaryFolder folder;
+    const test::ScopedEnvironment path("KZM_INSTALL_PATH", folder.string().c_str());
+    folder.write("etc/cluster.xml", "<root><all/></root>");
+    EXPECT_TRUE(configured_counts());
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_ORDER) << "it is still in use";
+    ASSERT_EQ(xmllib_init("live_test"), XMLLIB_OK);
+    ASSERT_EQ(xmllib_load_config(0), XMLLIB_OK);
+    EXPECT_TRUE(configured_counts());
+    EXPECT_EQ(xmllib_unload_policy("all"), XMLLIB_ERR_ORDER);
+    EXPECT_EQ(xmllib_unload_config(), XMLLIB_OK);
+    EXPECT_EQ(xmllib_unload_config(), XMLLIB_ERR_ORDER);
+    EXPECT_EQ(xmllib_term(), XMLLIB_OK);
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_ORDER);
+}
+
+CHILD(hold_the_lock_alone) {
+    LiveRegion live({});
+    live.lock();
+    report(1);
+    test::hang();
+}
+
 TEST(NoRegion, IsToldToWhoeverAsksForIt) {
     const auto refusal = [](const auto& asks) {
         try {
@@ -210,6 +304,10 @@ TEST(NoRegion, IsToldToWhoeverAsksForIt) {
     EXPECT_EQ(refusal([] { LiveRegion({}).expect(); }), none);
     EXPECT_EQ(refusal([] { const WritableRegion region; }), none);
     EXPECT_EQ(refusal([] { holders(Access{}); }), none);
+    Child owner = start(hold_the_lock_alone);
+    ASSERT_EQ(owner.reported(), 1u);
+    LiveRegion live({.lock_timeout_ms = 0});
+    EXPECT_EQ(refusal([&] { const Change change(live, false); }), none) << "it asked for the lock first";
     EXPECT_NO_THROW(LiveRegion({}).expect_own()) << "no other user has one";
 }
 

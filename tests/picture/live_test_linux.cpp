@@ -4,13 +4,16 @@
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <stdexcept>
@@ -25,6 +28,24 @@
 #include "picture/live_region.h"
 #include "picture/platform.h"
 #include "support/traced_linux.h"
+
+namespace {
+
+/// How much more of the time since the machine's start seems to pass from one look at that clock to the next.
+uint64_t jump_ms = 0;
+
+}  // namespace
+
+// Takes the place of the system's function in this program.
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    static uint64_t jumped_ms = 0;
+    if (clock == CLOCK_BOOTTIME) {
+        now->tv_sec += static_cast<time_t>(jumped_ms / 1'000);
+        jumped_ms += jump_ms;
+    }
+    return result;
+}
 
 namespace picture {
 namespace {
@@ -133,6 +154,41 @@ std::ptrdiff_t open_descriptors() {
     return std::distance(directory_iterator("/proc/self/fd"), directory_iterator());
 }
 
+/// How many mappings of this process are of a file whose name has this part.
+std::ptrdiff_t mappings(const std::string& part) {
+    std::ifstream list("/proc/self/maps");
+    std::ptrdiff_t found = 0;
+    for (std::string line; std::getline(list, line);) found += line.find(part) != std::string::npos ? 1 : 0;
+    return found;
+}
+
+TEST_F(LiveRegionTest, IsMappedNoLongerThanItIsLookedAt) {
+    const std::function<void()> looks[] = {[] { LiveRegion({}).copy(Bytes::all); },
+                                           [] { LiveRegion({}).copy_locked(); },
+                                           [] { LiveRegion({}).expect(); },
+                                           [] { const WritableRegion region; },
+                                           [] { static_cast<void>(HeldRegion::open()->size()); },
+                                           [] { holders(Access{}); }};
+    const std::ptrdiff_t own = mappings(mapping_name);
+    EXPECT_GT(own, 0) << "the library maps it";
+    for (const auto& look : looks) {
+        look();
+        EXPECT_EQ(mappings(mapping_name), own);
+    }
+}
+
+TEST_F(LiveRegionTest, KeepsItsLockNoLongerThanItsUser) {
+    const test::ScopedEnvironment other("KZMUTIL_NAMESPACE", (platform::object_prefix() + "other-").c_str());
+    const std::ptrdiff_t open = open_descriptors();
+    {
+        LiveRegion live({});
+        live.mutex();
+        EXPECT_EQ(mappings(full_name(mutex_name)), 1);
+    }
+    EXPECT_EQ(mappings(full_name(mutex_name)), 0);
+    EXPECT_EQ(open_descriptors(), open);
+}
+
 /// Whether a child, which does not hold the region, ends with this error if one of its mappings of files fails, and has
 /// closed what it opened.
 bool tells_of_a_failed_mapping(const std::function<void()>& work, const std::string& words) {
@@ -172,6 +228,11 @@ TEST_F(LiveRegionTest, ReportsAFailedMapping) {
     EXPECT_TRUE(tells_of_a_failed_mapping([] { static_cast<void>(HeldRegion::open()->size()); },
                                           "cannot map the region " + advice));
     EXPECT_TRUE(tells_of_a_failed_mapping([] { holders(Access{}); }, "cannot map the region, or it has just ended"));
+    const auto change = [] {
+        LiveRegion live({});
+        const Change made(live, false);
+    };
+    EXPECT_TRUE(tells_of_a_failed_mapping(change, "shmnm_attach failed with code 7 (the region could not be mapped)"));
 }
 
 TEST_F(LiveRegionTest, IsNotWaitedForToTryItsLock) {
@@ -210,6 +271,30 @@ TEST_F(LiveCopy, HoldsNothingOfTheTriesBeforeItHadTheLock) {
     EXPECT_EQ(copier.status(), 0);
 }
 
+/// Copies beside an owner of the lock who keeps it, while so much time passes before the lock is asked for.
+void copy_beside_an_owner(uint32_t lock_timeout_ms, uint64_t passing_ms) {
+    jump_ms = passing_ms;
+    try {
+        LiveRegion({.lock_timeout_ms = lock_timeout_ms}).copy(Bytes::in_use);
+        ADD_FAILURE() << "copied";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::lock_timeout);
+    }
+}
+
+TEST_F(LiveCopy, WaitsForTheLockInWhatIsLeftOfItsTime) {
+    // What a process does only the first time is done here, so that its children do not: they are seen to wait.
+    LiveRegion({}).copy(Bytes::in_use);
+    EXPECT_THROW(expect_ok("the first exception", SHMNM_ERR_PARAM), Error);
+    ASSERT_EQ(shmnm_rwlock(0), SHMNM_OK);
+    test::Traced has_time_left([] { copy_beside_an_owner(60'000, 1'000); });
+    has_time_left.run_until_it_enters(SYS_futex);
+    test::Traced has_none_left([] { copy_beside_an_owner(5'000, 5'000); });
+    EXPECT_THROW(has_none_left.run_until_it_enters(SYS_futex), std::runtime_error) << "it waited";
+    EXPECT_EQ(has_none_left.status(), 0);
+    EXPECT_EQ(shmnm_rwunlock(), SHMNM_OK);
+}
+
 TEST_F(LiveCopy, LeavesItToTheCountOfTakeOversToTellOfThem) {
     bool told = false;
     LiveRegion live({.may_skip_lock = false, .took_over = [&] { told = true; }});
@@ -220,6 +305,7 @@ TEST_F(LiveCopy, LeavesItToTheCountOfTakeOversToTellOfThem) {
     Child owner = start(change_and_hang);
     for (int i = 0; i < 3; ++i) owner.reported();
     owner.kill();
+    EXPECT_FALSE(live.take_over());
     EXPECT_EQ(live.copy(Bytes::in_use).lock->takeovers, before + 1);
     EXPECT_FALSE(told);
 }

@@ -2,9 +2,14 @@
 #include <gmock/gmock.h>
 #include <windows.h>
 
+#include <string>
+#include <thread>
+
+#include "picture/error.h"
 #include "picture/held_region.h"
 #include "picture/live.h"
 #include "picture/live_region.h"
+#include "picture/repair.h"
 
 namespace picture {
 namespace {
@@ -36,14 +41,43 @@ TEST_F(LiveCopy, TellsThatItTookTheLockOverAndReleasesIt) {
     EXPECT_EQ(owner.reported(), SHMNM_OK);
     owner.kill();
     int told = 0;
-    LiveRegion live({.took_over = [&] { ++told; }});
+    bool was_free = false;
+    LiveRegion live({.took_over = [&] {
+        ++told;
+        std::thread([&] {
+            LiveRegion other({});
+            was_free = other.try_lock();
+            if (was_free) other.unlock();
+        }).join();
+    }});
     live.copy(Bytes::in_use);
     EXPECT_EQ(told, 1);
+    EXPECT_TRUE(was_free) << "it told before it released the lock";
     live.copy(Bytes::in_use);
     EXPECT_EQ(told, 1);
     Child next = start(own_the_lock);
     EXPECT_EQ(next.reported(), SHMNM_OK);
     EXPECT_EQ(next.reported(), SHMNM_OK);
+}
+
+TEST_F(LiveRegionTest, TellsWhetherTheLastOwnerOfItsLockEndedWithIt) {
+    Child owner = start(own_the_lock);
+    EXPECT_EQ(owner.reported(), SHMNM_OK);
+    EXPECT_EQ(owner.reported(), SHMNM_OK);
+    owner.kill();
+    LiveRegion live({});
+    EXPECT_TRUE(live.take_over());
+    EXPECT_FALSE(live.take_over());
+}
+
+TEST_F(LiveRegionTest, KeepsNoNoteFromWhichAChangeCouldBeCompleted) {
+    try {
+        repair({}, false, false);
+        FAIL() << "repaired";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.kind, ErrorKind::no_notes);
+        EXPECT_STREQ(error.what(), "nothing was changed: this system keeps no note of changes");
+    }
 }
 
 /// Handles of this process that its children could inherit.

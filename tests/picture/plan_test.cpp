@@ -67,14 +67,20 @@ TEST_F(PlanTest, RefusesNamesThatAreThereTwice) {
 
 TEST_F(PlanTest, RefusesNamesBeyondTheirFields) {
     const std::string long_name(32, 'n');
-    EXPECT_EQ(refusal_of([](Picture& picture) { picture.servers[1].name = std::string(256, 's'); }),
-              "nothing was changed: cannot set servers/" + std::string(256, 's') + ": a name has at most 255 bytes");
+    for (const size_t server : {size_t{0}, size_t{1}}) {
+        EXPECT_EQ(
+            refusal_of([&](Picture& picture) { picture.servers[server].name = std::string(256, 's'); }),
+            "nothing was changed: cannot set servers/" + std::string(256, 's') + ": a name has at most 255 bytes");
+    }
     EXPECT_EQ(refusal_of([&](Picture& picture) { picture.np[0].name = long_name; }),
               "nothing was changed: cannot set np/ping/" + long_name + ": a name has at most 31 bytes");
     EXPECT_EQ(refusal_of([&](Picture& picture) { picture.hb[0].type = long_name; }),
               "nothing was changed: cannot set hb/" + long_name + "/lanhb0: a name has at most 31 bytes");
-    EXPECT_EQ(refusal_of([](Picture& picture) { picture.fst_pids[2].name = std::string(256, 'p'); }),
-              "nothing was changed: cannot set fst/pids/" + std::string(256, 'p') + ": a name has at most 255 bytes");
+    for (const size_t record : {size_t{0}, size_t{2}}) {
+        EXPECT_EQ(
+            refusal_of([&](Picture& picture) { picture.fst_pids[record].name = std::string(256, 'p'); }),
+            "nothing was changed: cannot set fst/pids/" + std::string(256, 'p') + ": a name has at most 255 bytes");
+    }
 }
 
 TEST_F(PlanTest, RefusesADescriptionThatTheLibraryDoesNotReach) {
@@ -121,6 +127,11 @@ TEST_F(PlanTest, SetsAProcessIdOrWhatIsStoredBesideItIfEitherDiffers) {
     EXPECT_THAT(refusal_of(third(2)), testing::HasSubstr("it fills the table of process ids"));
 }
 
+TEST_F(PlanTest, SetsBothWordsOfAPairInOneCall) {
+    EXPECT_THAT(calls([](Picture& picture) { picture.header.hbinfo_a = picture.header.hbinfo_b = 9; }),
+                testing::ElementsAre("shmnm_sethbinfo_ex"));
+}
+
 TEST_F(PlanTest, RefusesAPairBelowOne) {
     EXPECT_EQ(refusal_of([](Picture& picture) { picture.header.hbinfo_b = 0; }),
               "nothing was changed: cannot set cluster/hbinfo_b: it and what is set together with it are at least 1");
@@ -132,8 +143,10 @@ TEST_F(PlanTest, RefusesASimulationThatNoCallMakes) {
     EXPECT_EQ(refusal_of([](Picture& picture) { picture.servers[1].record.dfailstatus = 1; }),
               "nothing was changed: cannot set servers/server1/dfailstatus: servers fail only while "
               "cluster/dfailstatus is 1");
-    EXPECT_EQ(refusal_of([](Picture& picture) { picture.servers[1].record.dfailstatus = 5; }),
-              "nothing was changed: cannot set servers/server1/dfailstatus: it is 0 or 1");
+    for (const uint32_t fails : {2u, 5u}) {
+        EXPECT_EQ(refusal_of([&](Picture& picture) { picture.servers[1].record.dfailstatus = fails; }),
+                  "nothing was changed: cannot set servers/server1/dfailstatus: it is 0 or 1");
+    }
 }
 
 TEST_F(PlanTest, RefusesToRemoveOrMoveNamesWithProcessIds) {
@@ -170,8 +183,18 @@ TEST_F(PlanTest, RefusesOtherCountsAndChangedMaxima) {
     EXPECT_EQ(refusal_of([](Picture& picture) { picture.header.max_np = 9; }),
               "nothing was changed: the picture has changed maxima: servers 3, hb 2, np 9, fst 1, but room for servers "
               "3, hb 2, np 1, fst 1");
+    EXPECT_EQ(refusal_of([](Picture& picture) { picture.servers.push_back(picture.servers[0]); }),
+              "nothing was changed: the picture has 4 servers and room for 3");
+    EXPECT_EQ(refusal_of([](Picture& picture) { picture.hb.push_back(picture.hb[0]); }),
+              "nothing was changed: the picture has 3 hb resources and room for 2");
     EXPECT_EQ(refusal_of([](Picture& picture) { picture.np.push_back(picture.hb[0]); }),
               "nothing was changed: the picture has 2 np resources and room for 1");
+    EXPECT_EQ(refusal_of([](Picture& picture) { picture.fst_pids.push_back(picture.fst_pids[0]); }),
+              "nothing was changed: the picture has 4 names with process ids and room for 3");
+    live_.picture.header.max_np = 9;
+    EXPECT_EQ(refusal_of([](Picture& picture) { picture.header.max_np = 1; }),
+              "nothing was changed: the region has changed maxima: servers 3, hb 2, np 9, fst 1, but room for servers "
+              "3, hb 2, np 1, fst 1");
 }
 
 TEST_F(PlanTest, GivesServersOtherPrioritiesOnlyWhileTheLibraryWouldFindOthers) {
@@ -182,6 +205,65 @@ TEST_F(PlanTest, GivesServersOtherPrioritiesOnlyWhileTheLibraryWouldFindOthers) 
         testing::ElementsAre("shmnm_modifynode", "shmnm_setrscsvstat_nw", "shmnm_setnprscsvstat", "shmnm_modifynode"));
     EXPECT_THAT(calls([](Picture& picture) { picture.header.dfailstatus = picture.servers[2].record.dfailstatus = 1; }),
                 testing::ElementsAre("shmnm_modifynode", "shmnm_setnpsimu", "shmnm_modifynode"));
+}
+
+TEST_F(PlanTest, LeavesPrioritiesThatTheLibraryCanTakeAsIndexes) {
+    const auto calls_with = [&](int32_t first, int32_t second, int32_t third) {
+        live_.picture.servers[0].record.pri = first;
+        live_.picture.servers[1].record.pri = second;
+        live_.picture.servers[2].record.pri = third;
+        return calls([](Picture& picture) { picture.header.dfailstatus = picture.servers[2].record.dfailstatus = 1; });
+    };
+    EXPECT_THAT(calls_with(5, 0, 9), testing::ElementsAre("shmnm_setnpsimu"));
+    EXPECT_THAT(calls_with(5, 65'535, 9), testing::ElementsAre("shmnm_setnpsimu"));
+    EXPECT_THAT(calls_with(5, 65'536, 9), testing::Contains("shmnm_modifynode"));
+    EXPECT_THAT(calls_with(5, -1, 9), testing::Contains("shmnm_modifynode"));
+}
+
+TEST_F(PlanTest, GivesAServerTheGreatestPriorityThatNoServerHas) {
+    shmnm_modifynode("server1", INT32_MAX);
+    live_ = document_of(region_.dump());
+    Document target = live_;
+    target.picture.hb[1].network.states[2] = 8;
+    const std::vector<Step> steps = plan(live_, target);
+    ASSERT_EQ(steps.size(), 3u);
+    EXPECT_EQ(steps[0].call(), SHMNM_OK);
+    EXPECT_EQ(document_of(region_.dump()).picture.servers[2].record.pri, INT32_MAX - 1);
+}
+
+/// A picture of a region with so many np resources.
+Document with_np(const Counts& counts, size_t resources) {
+    LibraryRegion region(counts);
+    Document document = document_of(region.dump());
+    for (size_t i = 0; i < resources; ++i) {
+        document.picture.np.push_back(
+            {.type = "ping", .name = std::to_string(i), .record = {}, .descript = {}, .svstat = {}, .network = {}});
+    }
+    return document;
+}
+
+TEST(PlanForOneServer, RefusesTablesThatReachIntoOthers) {
+    const auto refusal = [](const Counts& counts, size_t resources) -> std::string {
+        const Document document = with_np(counts, resources);
+        try {
+            plan(document, document);
+            return "";
+        } catch (const Error& error) {
+            return error.what();
+        }
+    };
+    // Each record takes 4 bytes more than its table has for it. The fst resource's description begins at byte 288.
+    EXPECT_EQ(refusal({1, 0, 100, 1}, 72), "");
+    EXPECT_EQ(refusal({1, 0, 73, 1}, 72), "");
+    EXPECT_EQ(refusal({1, 0, 72, 1}, 72), "");
+    EXPECT_EQ(refusal({1, 0, 73, 1}, 73), "nothing was changed: the region has tables that overlap");
+    EXPECT_EQ(refusal({1, 0, 2, 0}, 2), "nothing was changed: the region has tables that overlap");
+    EXPECT_EQ(refusal({1, 0, 2, 0}, 1), "");
+}
+
+TEST(PlanForNoServers, NeedsNoCallForAPictureThatIsThere) {
+    const Document document = with_np({0, 2, 1, 1}, 0);
+    EXPECT_TRUE(plan(document, document).empty());
 }
 
 TEST_F(PlanTest, KnowsTheStatesThatServersTakeAwayAndBring) {

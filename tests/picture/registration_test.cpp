@@ -111,6 +111,13 @@ TEST_F(Registration, GivesTheFirstMemberAnExtremePriorityUntilTheOthersAreThere)
     EXPECT_THAT(registered(), ElementsAre("a 3", "l 4", "m 7"));
 }
 
+TEST_F(Registration, LeavesTheExtremePriorityIfTheFirstMemberCannotGetItsOwn) {
+    // The library cuts such a name when it adds the server, and then finds none of the whole name.
+    const ClusterMembers members{server(std::string(300, 'x'), 3), hb("l", 4)};
+    EXPECT_THROW(register_all(members), Error);
+    EXPECT_THAT(registered(), ElementsAre(std::string(255, 'x') + " -2147483648", "l 4"));
+}
+
 TEST_F(Registration, TakesAnExtremePriorityThatNoMemberHas) {
     const ClusterMembers members{server("a", 3), server("b", INT32_MIN), hb("l", UINT32_MAX), hb("m", 1)};
     shmnm_addnode("b", INT32_MIN);

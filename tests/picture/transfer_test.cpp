@@ -53,7 +53,7 @@ Bridge bridge_with_marks() {
     bridge.left_out = 1;
     bridge.lost_servers = 2;
     bridge::Marks& marks = bridge.marks;
-    marks.is_connected = marks.is_running = true;
+    marks.is_connected = marks.is_running = marks.is_refused = marks.is_fed = true;
     marks.server = "alpha";
     marks.cluster = "north";
     marks.member = "http://127.0.0.1:2379";
@@ -67,7 +67,7 @@ Bridge bridge_with_marks() {
                       .address = "http://127.0.0.1:8080",
                       .is_claimed = true},
                      {.server = "beta", .freshness = bridge::Freshness::silent, .age = 40, .is_duplicate = true},
-                     {.server = "gamma", .is_unmatched = true}};
+                     {.server = "gamma", .is_unmatched = true, .has_other_names = true, .has_other_times = true}};
     return bridge;
 }
 
@@ -178,6 +178,41 @@ TEST(Transfer, LeavesOutPiecesOfZerosUnlessTheyAreWanted) {
     EXPECT_EQ(with.head["ranges"].dump(), "[[0,2304]]");
     EXPECT_EQ(with.bytes.size(), size);
     EXPECT_EQ(arrival(with).snapshot.bytes, copy().bytes);
+}
+
+TEST(Transfer, LeavesOutAllOfACopyOfZeros) {
+    Snapshot zeros;
+    zeros.bytes.resize(size);
+    const Document document = sent(zeros, nullptr);
+    EXPECT_EQ(document.head["ranges"].dump(), "[]");
+    EXPECT_EQ(arrival(document).snapshot.bytes, zeros.bytes);
+}
+
+TEST(Transfer, EndsWithTheCopyIfThatIsInTheMiddleOfAPiece) {
+    Snapshot snapshot = copy();
+    snapshot.bytes.push_back(0x5A);
+    const Document document = sent(snapshot, nullptr);
+    EXPECT_EQ(document.head["ranges"].dump(), "[[256,512],[1536,256],[2304,1]]");
+    EXPECT_EQ(document.bytes.size(), 3 * piece + 1);
+    EXPECT_EQ(arrival(document).snapshot.bytes, snapshot.bytes);
+}
+
+TEST(Transfer, BringsARegionThatIsNoMoreThanItsHeader) {
+    Snapshot header;
+    header.bytes.assign(sizeof(shmnm_header), 0x5A);
+    EXPECT_EQ(arrival(sent(header, nullptr)).snapshot.bytes, header.bytes);
+}
+
+// Other machines wrote them.
+TEST(Transfer, BringsMarksThatAreSafeToPrint) {
+    const Bridge bridge = bridge_with_marks();
+    Document document = sent(copy(), &bridge);
+    document.head["marks"]["cluster"] = "north\n";
+    document.head["marks"]["servers"][1]["name"] = "beta\n";
+    const bridge::Marks marks = arrival(document).snapshot.bridge->marks;
+    EXPECT_EQ(marks.cluster, "north%0A");
+    ASSERT_EQ(marks.servers.size(), 2u);
+    EXPECT_EQ(marks.servers[1].server, "gamma");
 }
 
 TEST(Transfer, TakesARangeOfNoBytes) {
