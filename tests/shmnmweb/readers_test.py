@@ -11,7 +11,7 @@ class Reading(WebTest, OperatorTest):
         web = self.serve(program=self.as_operator("shmnmweb"))
         self.assertEqual(web.get("/healthz").status, 200)
         self.shown(web)
-        api.ok("shmnm_rwlock", 0)
+        api.ok("shmnm_rwlock", 10_000)
         api.ok("shmnm_setclstat", 7)
         shown = web.until("/picture.json", lambda answer: answer.json["cluster"]["clstat"] == 7)
         self.assertEqual(shown.status, 200)
