@@ -93,7 +93,7 @@ TEST_F(DumpFile, HasAtLeastAHeader) {
                                   "dump"));
 }
 
-TEST_F(DumpFile, IsRefusedBeforeItIsReadIfItIsLargerThanAnyRegion) {
+TEST_F(DumpFile, IsRefusedIfItIsLargerThanAnyRegion) {
     write("");
     std::filesystem::resize_file(file(), (uint64_t{1} << 32) + 1);
     EXPECT_THAT(refusal(ErrorKind::not_a_dump),
