@@ -68,17 +68,15 @@ void Model::put_text(int64_t at, int64_t size, const char* key) {
     }
 }
 
+// A damaged count of servers makes a row of gigabytes, so only what lies in the view is walked.
 void Model::zero(int64_t at, int64_t size) {
-    for (int64_t i = at; i < at + size; ++i) {
-        if (inside(i, 1)) view.at(static_cast<size_t>(i)) = 0;
-    }
+    for (int64_t i = std::max<int64_t>(at, 0); i < std::min(at + size, end()); ++i) view.at(static_cast<size_t>(i)) = 0;
 }
 
 void Model::move_down(int64_t from, int64_t to, int64_t size) {
-    for (int64_t i = 0; i < size; ++i) {
-        if (inside(from + i, 1) && inside(to + i, 1)) {
-            view.at(static_cast<size_t>(to + i)) = view.at(static_cast<size_t>(from + i));
-        }
+    const int64_t last = std::min(size, end() - std::max(from, to));
+    for (int64_t i = std::max<int64_t>(0, -std::min(from, to)); i < last; ++i) {
+        view.at(static_cast<size_t>(to + i)) = view.at(static_cast<size_t>(from + i));
     }
 }
 
