@@ -273,7 +273,7 @@ class Packages(Place):
         process = self.serve(root / "usr/bin/shmnmctl", self.installation(root))
         for names_lines in (False, True):
             shown = run("gdb", "--batch", "-nx", "-iex", f"set debug-file-directory {root}/usr/lib/debug", "-p", process.pid, "-ex", "thread apply all backtrace")
-            self.assertEqual(bool(re.search(r" in main \(.* at .*tools/shmnmctl/src/main\.cpp:\d+", shown)), names_lines, shown)
+            self.assertEqual(bool(re.search(r" in shmnmctl::run_program \(.* at .*tools/shmnmctl/src/program\.cpp:\d+", shown)), names_lines, shown)
             self.dpkg(root, "--install", *self.symbols.values())
 
     def test_a_program_built_against_the_installed_packages_runs(self):

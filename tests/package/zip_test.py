@@ -107,9 +107,9 @@ class Zip(Place):
         commands = (f'settings set target.exec-search-paths "{system}"', f'target create --core "{dump}" "{self.tool}"', f'target symbols add "{self.tool}.debug"', "bt all")
         shown = run("lldb-14", "--batch", *(word for command in commands for word in ("-o", command)))
         frames = {name: address for address, name in re.findall(r"frame #\d+: 0x(\w+) shmnmctl\.exe`([\w:]+)", shown)}
-        self.assertIn("main", frames, shown)
+        self.assertIn("shmnmctl::run_program", frames, shown)
         self.assertIn("shmnmctl::session::wait_for_stop", frames, shown)
-        for name, line in (("main", r"tools/shmnmctl/src/main\.cpp:\d+"), ("shmnmctl::session::wait_for_stop", r"tools/shmnmctl/src/session_windows\.cpp:\d+")):
+        for name, line in (("shmnmctl::run_program", r"tools/shmnmctl/src/program\.cpp:\d+"), ("shmnmctl::session::wait_for_stop", r"tools/shmnmctl/src/session_windows\.cpp:\d+")):
             # Where a call was made, not where it returns to.
             told = run("x86_64-w64-mingw32-addr2line", "-Cfpie", self.tool, hex(int(frames[name], 16) - 1))
             self.assertRegex(told, rf"{name}\b.* at .*/{line}\n")

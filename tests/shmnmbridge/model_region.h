@@ -11,6 +11,9 @@
 
 namespace bridge::test {
 
+/// From one look of a machine at its region to the next.
+constexpr Time look_interval = 50;
+
 /// Where each value came from. Values below `first` are those of new records.
 class Values {
   public:

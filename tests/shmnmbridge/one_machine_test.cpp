@@ -13,7 +13,6 @@ namespace {
 constexpr const char *clstat = "/shmnm/cluster/1/agreed/clstat", *bwflag = "/shmnm/cluster/1/agreed/bwflag",
                      *stat = "/shmnm/cluster/1/agreed/hb/lan/lan1", *claim_of_s0 = "/shmnm/cluster/1/claim/s0",
                      *state_of_s0 = "/shmnm/cluster/1/state/s0", *beat_of_s0 = "/shmnm/cluster/1/beat/s0";
-constexpr Time look_interval = 50;
 
 Settings settings_of_s0() {
     Settings settings;

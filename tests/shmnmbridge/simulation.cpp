@@ -6,12 +6,13 @@
 #include "shmnmbridge/invariants.h"
 #include "shmnmbridge/machine.h"
 #include "shmnmbridge/model_etcd.h"
+#include "shmnmbridge/model_region.h"
 
 namespace bridge::test {
 namespace {
 
 constexpr picture::Counts counts{8, 4, 4, 1};
-constexpr Time look_interval = 50, request_time_out = 1'000, lock_time_out = 200;
+constexpr Time request_time_out = 1'000, lock_time_out = 200;
 
 class Simulation {
   public:

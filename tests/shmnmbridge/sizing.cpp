@@ -18,7 +18,7 @@
 namespace bridge::test {
 namespace {
 
-constexpr Time look_interval = 50, begin = 5'000;
+constexpr Time begin = 5'000;
 
 /// Of one event in the gateway's JSON, where keys and values are base64; and of what stands around the events.
 constexpr size_t event_frame = 110, answer_frame = 150;

@@ -312,19 +312,19 @@ std::string numbers_of(const MarkWord&) {
 }
 
 template <typename AnyWord>
-Values values_of(const AnyWord& word) {
+Values values_taken_by(const AnyWord& word) {
     return word.source.values();
 }
-Values values_of(const RowWord&) {
+Values values_taken_by(const RowWord&) {
     return any_word;
 }
-Values values_of(const BridgeWord& word) {
+Values values_taken_by(const BridgeWord& word) {
     return word.values;
 }
-Values values_of(const MarkWord& word) {
+Values values_taken_by(const MarkWord& word) {
     return word.values;
 }
-Values values_of(const PidWord& word) {
+Values values_taken_by(const PidWord& word) {
     return word.size() == sizeof(uint32_t) ? any_word : any_long_word;
 }
 
@@ -337,7 +337,7 @@ std::vector<KeyHelp> key_help() {
         if constexpr (requires { word.set.index(); }) {
             if (std::holds_alternative<Computed>(word.set)) help += "; computed";
         }
-        all.push_back({pattern, help, numbers_of(word), values_of(word)});
+        all.push_back({pattern, help, numbers_of(word), values_taken_by(word)});
     };
     for (const ClusterWord& word : cluster_words) describe(std::string("cluster/") + word.key, word);
     for (const ServerWord& word : server_words) {

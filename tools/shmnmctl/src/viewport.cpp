@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t end_of_all = std::numeric_limits<size_t>::max() / 2;
 
-constexpr std::array help = {
+constexpr std::array help_lines = {
     "Up, Down: a line",
     "Page Up, Page Down, Space: a screen",
     "Home, End: the first, the last line",
@@ -282,7 +282,7 @@ std::vector<ScreenLine> Viewport::lines(Size size) {
     const auto make = [&](size_t column) {
         Body body(width, column, content_.sheet.has_marks && !has_help_);
         if (has_help_) {
-            for (const char* const line : help) body.add(line);
+            for (const char* const line : help_lines) body.add(line);
             return body;
         }
         for (const std::string& note : content_.notes) body.add(note);
