@@ -14,8 +14,10 @@ def signature_of(certificate):
     """The lengths of the two numbers with which the certificate ends. One begins with a zero byte if its first bit is set."""
     der = ssl.PEM_cert_to_DER_cert(certificate.read_text())
     for size in range(8, 73):
-        sequence, length, _, first = der[-size:][:4]
-        if (sequence, length) == (0x30, size - 2) and first + der[-size:][5 + first] == size - 6:
+        # What ends like a signature may be a part of its second number, so the header before it counts too.
+        header, signature = der[-size - 3:-size], der[-size:]
+        if header == bytes((0x03, size + 1, 0)) and signature[:3] == bytes((0x30, size - 2, 0x02)):
+            first = signature[3]
             return first, size - 6 - first
     raise AssertionError(f"{certificate} has no signature of two numbers")
 

@@ -37,6 +37,14 @@ class TlsTest(WebTest):
         self.assertRegex(result.err, f"^shmnmctl: cannot speak TLS with the server: {why}; {advice}\n$")
 
 
+class Certificates(TlsTest):
+    def test_the_numbers_of_a_signature_are_measured_whatever_bytes_they_have(self):
+        file = self.folder / "ends-like-a-signature.pem"
+        second = bytes(24) + b"\x30\x06\x02\xF0" + bytes(4)
+        file.write_text(ssl.DER_cert_to_PEM_cert(b"\x03\x47\0" + b"\x30\x44" + b"\x02\x20" + bytes(32) + b"\x02\x20" + second))
+        self.assertEqual(certificates.signature_of(file), (32, 32))
+
+
 class Servers(TlsTest):
     def test_every_reading_command_says_over_tls_what_it_says_here(self):
         front = self.front()
