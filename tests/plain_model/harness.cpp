@@ -351,6 +351,13 @@ struct Harness::State {
     uint32_t last_size = 16;           ///< that a call has written back
     Outputs outputs, of_library;
     Library library;
+
+    /// How many servers, hb or np resources the region claims to have, whichever are most; never less than 0.
+    size_t longest_list() const {
+        int32_t counts[3];
+        std::memcpy(counts, view + 28, sizeof counts);
+        return static_cast<size_t>(std::max({0, counts[0], counts[1], counts[2]}));
+    }
 };
 
 Harness::Harness(const Counts& counts, bool guarded) : state_(std::make_unique<State>()) {
@@ -402,7 +409,11 @@ std::optional<std::string> Harness::step(const Call& call) {
     State& state = *state_;
     const Function& function = function_of(call);
     const Arguments arguments(call, state.last_size);
-    const uint32_t size = size_for(function, arguments);
+    uint32_t size = size_for(function, arguments);
+    // Lists of words are as long as the counts in the region say, in a damaged one longer than the buffer.
+    if (state.longest_list() > Outputs::buffer_size / sizeof(uint32_t)) {
+        size = std::min(size, uint32_t{Outputs::buffer_size});
+    }
     // Both sides write to the same place in turn: one line of the log shows a pointer.
     state.outputs.reset(size);
     const uint32_t found = function.on_library(state.library, arguments, state.outputs);
