@@ -51,13 +51,18 @@ void try_condition(std::string_view text) {
     require(is_possible || !condition.holds(words));
 }
 
+/// As opposed to a function that adds or removes a server or a resource.
+bool changes_words_only(std::string_view function) {
+    return function.starts_with("shmnm_set") || function.starts_with("shmnm_modify");
+}
+
 void try_assignments(std::string_view text) {
     const std::vector<picture::Assignment> assignments = picture::parse_assignments(text);
     for (const bool force : {false, true}) {
         try {
             const std::vector<picture::Step> steps = picture::plan(picture_of_golden_region(), assignments, force);
             require(steps.size() <= assignments.size());
-            for (const picture::Step& step : steps) require(std::string_view(step.function).starts_with("shmnm_set"));
+            for (const picture::Step& step : steps) require(changes_words_only(step.function));
             for (const picture::Assignment& each : assignments) {
                 require(picture::find(picture_of_golden_region(), each.key).has_value());
             }
