@@ -12,9 +12,7 @@ namespace {
 using namespace noted_changes;
 using shmnm::Note;
 using shmnm::NotedCall;
-using shmnm::Phase;
 using shmnm::Region;
-using shmnm::Stage;
 
 class CompletedChange : public testing::TestWithParam<NotedChange> {
   protected:

@@ -73,8 +73,8 @@ TEST(KernelMappingArguments, AreChecked) {
         EXPECT_TRUE(kzmkernel_unmap_view(view));
         return size;
     };
-    EXPECT_EQ(size_of(65536, 2 * 65536), size_t{2} * 65536);
-    EXPECT_EQ(size_of(2 * 65536, 0), 65536u);
+    EXPECT_EQ(size_of(65536, size_t{2} * 65536), size_t{2} * 65536);
+    EXPECT_EQ(size_of(uint64_t{2} * 65536, 0), 65536u);
     EXPECT_EQ(size_of(0, 1), page);
     EXPECT_EQ(kzmkernel_view_size(whole + page), 0u);
     kzmkernel_set_last_error(0);

@@ -109,6 +109,7 @@ TEST(KernelHandles, StayOpenWhileManyThreadsUseThem) {
     ASSERT_NE(number, 0u);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int use = 0; use < 100'000; ++use) wrong += kzmkernel_object_number(mapping.value) != number;

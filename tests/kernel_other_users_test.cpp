@@ -595,10 +595,12 @@ TEST(KernelOtherUsers, DoNotHideTheProcessThatHoldsTheGate) {
         for (const char* const process : {"0", "-1"}) {
             expect_explanation(others + with_field(lock, process_field, process), unnamed);
         }
-        for (const std::string process : {"1", "103"}) {
-            expect_explanation(others + with_field(lock, process_field, process),
-                               "process " + process + " does not let go of " + folder().string() +
-                                   ": let it go on (kill -CONT " + process + ") or end it");
+        const auto named = [](const std::string& process) {
+            return "process " + process + " does not let go of " + folder().string() + ": let it go on (kill -CONT " +
+                   process + ") or end it";
+        };
+        for (const char* const process : {"1", "103"}) {
+            expect_explanation(others + with_field(lock, process_field, process), named(process));
         }
         close(gate);
     });

@@ -78,7 +78,7 @@ TEST_F(KzmLogZone, IsReadOnceInEachQuarterOfAnHour) {
 
 TEST_F(KzmLogZone, IsThatOfTheTimeOfTheLine) {
     move("STANDARD-01:00SUMMER-02:00,M3.5.0,M10.5.0");
-    constexpr int64_t day = 24 * 3600;  // from 15 January on
+    constexpr int64_t day = int64_t{24} * 3600;  // from 15 January on
     EXPECT_EQ(offset_after(60 * day), 60);
     EXPECT_EQ(offset_after(180 * day), 120);
     EXPECT_EQ(offset_after(300 * day), 60);

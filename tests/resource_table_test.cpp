@@ -817,9 +817,9 @@ TEST_F(OverfullHbTable, MovesNetworkRowsOfResourcesThatDoNotLieInTheView) {
     poke_word(8, 1);
     poke_word(32, 400);
     const size_t network = 26556;
-    for (uint32_t i = 0; i < 96; ++i) poke_word(network + 4 * (433 + i), 1000 + i);
+    for (uint32_t i = 0; i < 96; ++i) poke_word(network + size_t{4} * (433 + i), 1000 + i);
     EXPECT_EQ(shmnm_rmhbrsc("lan", "lan1"), SHMNM_OK);
-    for (uint32_t i = 0; i < 95; ++i) EXPECT_EQ(word_at(network + 4 * (286 + i)), 1001 + i) << i;
+    for (uint32_t i = 0; i < 95; ++i) EXPECT_EQ(word_at(network + size_t{4} * (286 + i)), 1001 + i) << i;
 }
 
 TEST_F(OverfullHbTable, MovesNoMoreRecordsThanTheViewHoldsWhateverTheCountSays) {

@@ -16,7 +16,6 @@ namespace picture {
 namespace {
 
 using bridge::Freshness;
-using bridge::Mark;
 using bridge::Marks;
 using bridge::MarksPage;
 using test::PageOfABridge;

@@ -19,8 +19,10 @@ TEST(ShownFile, KeepsTheLettersAndSignsOfEveryScript) {
 TEST(ShownFile, EscapesWhatControlsATerminalOrIsInvisible) {
     EXPECT_EQ(shown_file("a\x1B[31m\n\x7F"), "a%1B[31m%0A%7F");
     EXPECT_EQ(shown_file("\u0085\u00A0"), "%C2%85%C2%A0");
+    // NOLINTNEXTLINE(misc-misleading-bidirectional): that is what is tested
     EXPECT_EQ(shown_file("x\u202Ey"), "x%E2%80%AEy");
     EXPECT_EQ(shown_file("x\u00ADy"), "x%C2%ADy");
+    // NOLINTNEXTLINE(misc-misleading-bidirectional): that is what is tested
     EXPECT_EQ(shown_file("\u200B\u2028\u2066\uFEFF"), "%E2%80%8B%E2%80%A8%E2%81%A6%EF%BB%BF");
     EXPECT_EQ(shown_file("\uE000\U000E0041"), "%EE%80%80%F3%A0%81%81");
 }

@@ -329,6 +329,7 @@ Snapshot header_of(const Counts& counts, int32_t hb) {
 
 std::vector<std::string> keys_of(const std::vector<Finding>& found) {
     std::vector<std::string> all;
+    all.reserve(found.size());
     for (const Finding& one : found) all.push_back(one.key);
     return all;
 }

@@ -1,6 +1,7 @@
 // What Linux tells of locks, processes, users and times, and of files that cannot be read.
 #include "picture/platform.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <sys/prctl.h>
@@ -95,15 +96,16 @@ TEST(LockHolder, IsDescribedInOneLine) {
         Child owner = test::start(own_the_lock);
         ASSERT_EQ(owner.reported(), 1u);
         const auto told = platform::lock_holder(mutex);
-        std::string takeovers = std::string("; taken over ") + times + " from an owner that ended";
+        std::string takeovers = fmt::format("; taken over {} from an owner that ended", times);
         if (told->takeovers > 0) takeovers += ", last at " + platform::to_text(told->last_takeover_ns / 1'000);
-        const std::string id = std::to_string(owner.process_id()), thread = "process " + id + " thread " + id;
-        EXPECT_EQ(describe_holder(mutex), "held by " + thread +
-                                              " (\"test-child --child own_the_lock\", running) since " +
-                                              platform::to_text(told->since_ns / 1'000) + takeovers);
-        owner.kill();
+        const std::string thread = fmt::format("process {0} thread {0}", owner.process_id());
         EXPECT_EQ(describe_holder(mutex),
-                  "nobody holds it now: " + thread + " ended with it, and the next one takes it over" + takeovers);
+                  fmt::format("held by {} (\"test-child --child own_the_lock\", running) since {}{}", thread,
+                              platform::to_text(told->since_ns / 1'000), takeovers));
+        owner.kill();
+        EXPECT_EQ(
+            describe_holder(mutex),
+            fmt::format("nobody holds it now: {} ended with it, and the next one takes it over{}", thread, takeovers));
     }
 }
 
@@ -167,7 +169,7 @@ TEST(Dump, IsRefusedIfReadingItFailsHalfWay) {
 TEST(Dump, OfTheGreatestSizeIsRefusedOnlyIfItCannotBeRead) {
     const test::TemporaryFolder folder;
     const std::string file = folder.string() + "/x.dump";
-    std::ofstream{file};
+    std::ofstream(file).close();
     std::filesystem::resize_file(file, uint64_t{1} << 32);
     ASSERT_EQ(chmod(folder.string().c_str(), 0755), 0);
     ASSERT_EQ(chmod(file.c_str(), 0), 0);

@@ -16,7 +16,6 @@ namespace {
 
 using shmnm::Note;
 using shmnm::NotedCall;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Memory = std::vector<uint8_t>;

@@ -78,6 +78,7 @@ class OwnedLock {
   public:
     /// Waits for at most this long. If it does not get the lock, it owns nothing; that is no error.
     OwnedLock(void* mutex, uint32_t timeout_ms);
+    // NOLINTNEXTLINE(performance-trivially-destructible): on Windows it releases the lock
     ~OwnedLock();
     OwnedLock(const OwnedLock&) = delete;
     OwnedLock& operator=(const OwnedLock&) = delete;
