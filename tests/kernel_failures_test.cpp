@@ -1,5 +1,6 @@
 // What kzmkernel answers when one of its system calls fails: each call that may fail in each step of an object's life.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <kzmkernel.h>
 #include <sys/file.h>
@@ -349,6 +350,20 @@ TEST(KernelFailures, OfOpeningTheSiblingAreExplained) {
             EXPECT_EQ(outcome.answer.error, each.of_windows);
             EXPECT_EQ(outcome.explanation, "cannot open " + sibling().string() + ": " + std::strerror(each.of_system));
         }
+    });
+}
+
+TEST(KernelFailures, OfOpeningASiblingWithASecondLinkNameTheLink) {
+    in_fork([] {
+        use_private_memory_disk();
+        { const Handle folder_maker(create_mutex(object_name())); }
+        fs::create_hard_link(sibling(), "/dev/shm/second");
+        const Outcome outcome = outcome_if([] { return create_mutex(object_name()); },
+                                           [](const Traced& process, const std::vector<uint64_t>& call) {
+                                               return opens(process, call, sibling().filename()) ? EACCES : 0;
+                                           });
+        EXPECT_EQ(outcome.answer.error, uint64_t{KZMKERNEL_ERROR_ACCESS_DENIED});
+        EXPECT_THAT(outcome.explanation, testing::StartsWith(sibling().string() + " has a second link: "));
     });
 }
 

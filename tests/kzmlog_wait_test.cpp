@@ -32,8 +32,8 @@ std::atomic<bool> is_clock_ours{false};
 std::atomic<int64_t> now_ns{3600 * second};
 /// What happens just before the lock is tried, a file looked at, or space allocated in it, for the next time.
 std::function<void()> before_lock, before_look, before_allocation;
-/// The errno with which the next attempt to lock, or to open a file, fails, if it is not 0.
-int lock_error = 0, open_error = 0;
+/// The errno with which the next attempt to lock, to open a file, or to look at one fails, if it is not 0.
+int lock_error = 0, open_error = 0, look_error = 0;
 
 int open_unless_refused(const char* path, int flags, mode_t mode) {
     if (const int error = std::exchange(open_error, 0)) {
@@ -78,6 +78,10 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 
 [[gnu::visibility("default")]] int fstat(int descriptor, struct stat* status) noexcept {
     if (const auto act = std::exchange(before_look, nullptr)) act();
+    if (const int error = std::exchange(look_error, 0)) {
+        errno = error;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_fstat, descriptor, status));
 }
 
@@ -191,6 +195,14 @@ TEST_F(KzmLogWait, IsNotMadeForAFileThatTheSystemCannotOpen) {
         EXPECT_EQ(write(), result);
         EXPECT_EQ(now_ns, before);
     }
+    EXPECT_EQ(lines_in("shmnm.log"), 1);
+}
+
+TEST_F(KzmLogWait, IsNotMadeForAFileThatTheSystemTellsNothingOf) {
+    look_error = EIO;
+    const int64_t before = now_ns;
+    EXPECT_EQ(write(), 5);
+    EXPECT_EQ(now_ns, before);
     EXPECT_EQ(lines_in("shmnm.log"), 1);
 }
 

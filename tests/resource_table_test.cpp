@@ -805,6 +805,25 @@ TEST_P(ResourceTable, FindsNoTypeThatRunsOnToTheEndOfTheView) {
     EXPECT_EQ(twin().priority(std::string(1'000, 't').c_str(), "n", &pri), SHMNM_ERR_NOTFOUND);
 }
 
+TEST_P(ResourceTable, FindsAResourceOfTheSameNameInARecordThatOverlapsTheOneBefore) {
+    constexpr size_t type_at = 256, priority_at = 544, record_size = 584;
+    // With one server less than none a record begins in the last word of the one before.
+    poke_word(8, static_cast<uint32_t>(-1));
+    poke_word(twin().count_at, 2);
+    for (const uint32_t position : {0u, 1u}) {
+        const size_t record = twin().table + position * (record_size - 4);
+        poke(record, {'n', 0});
+        poke(record + type_at, {static_cast<uint8_t>('a' + position), 0});
+        poke_word(record + priority_at, 7 + position);
+    }
+    uint32_t pri = 0;
+    EXPECT_EQ(twin().priority("a", "n", &pri), SHMNM_OK);
+    EXPECT_EQ(pri, 7u);
+    EXPECT_EQ(twin().priority("b", "n", &pri), SHMNM_OK);
+    EXPECT_EQ(pri, 8u);
+    EXPECT_EQ(twin().priority("c", "n", &pri), SHMNM_ERR_NOTFOUND);
+}
+
 class OverfullHbTable : public test::RegionTest {
   protected:
     OverfullHbTable() { map_region({.servers = 6, .hb = 3, .np = 3}); }

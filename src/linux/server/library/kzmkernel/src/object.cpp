@@ -103,7 +103,7 @@ uint32_t adopt(Gate& gate, Descriptor file, bool writable, const struct stat& st
     object.inode = status.st_ino;
     object.size = static_cast<uint64_t>(status.st_size);
     if (object.kind == Kind::mutex) {
-        // branch: the guards of a living file cover its size; only a file that lost its guards may have another one
+        // The guards of a living file cover its size; only a file that lost its guards may have another one.
         if (object.size != mutex_file_size) return KZMKERNEL_ERROR_ACCESS_DENIED;
         // If a thread still owns it, its list of robust mutexes holds this address.
         Object* const closed = find_in(closed_mutexes, Kind::mutex, status);
