@@ -196,8 +196,8 @@ bool LiveRegion::is_reader() {
     if (is_reader_ || try_mutex()) return is_reader_;  // branch: only Windows has readers
     const Error refused = refused_lock();
     is_reader_ = platform::may_only_read(mapping_name);
-    if (!is_reader_) throw Error(refused);  // branch: only Windows has readers
-    return true;
+    if (is_reader_) return true;  // branch: only Windows has readers
+    throw Error(refused);
 }
 
 std::unique_ptr<LiveRegion::View> LiveRegion::open() {
