@@ -339,7 +339,7 @@ TEST(KernelFailures, OfOpeningTheSiblingAreExplained) {
         { const Handle folder_maker(create_mutex(object_name())); }
         for (const Errors& each :
              {Errors{EIO, KZMKERNEL_ERROR_GEN_FAILURE}, Errors{EACCES, KZMKERNEL_ERROR_ACCESS_DENIED},
-              Errors{ENOMEM, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY}}) {
+              Errors{EPERM, KZMKERNEL_ERROR_ACCESS_DENIED}, Errors{ENOMEM, KZMKERNEL_ERROR_NOT_ENOUGH_MEMORY}}) {
             const Outcome outcome =
                 outcome_if([] { return create_mutex(object_name()); },
                            [&](const Traced& process, const std::vector<uint64_t>& call) {
