@@ -258,6 +258,7 @@ TEST(KernelFork, WaitsForTheCallOfAnotherThreadWhoseHandleTheChildThenHas) {
 
 TEST(KernelFork, ChildCanCloseAMutexThatItsParentWaitsFor) {
     const std::string name = object_name();
+    const Handle before(create_mutex(name + "-before"));
     void* const mutex = create_mutex(name);
     ASSERT_EQ(kzmkernel_wait(mutex, 0), uint32_t{KZMKERNEL_WAIT_OWNED});
     SleepingThread waiter([&] {

@@ -102,6 +102,9 @@ void plant_file_for_folder() {
 void plant_link_for_folder() {
     EXPECT_EQ(symlink("/tmp", "/dev/shm/kzmkernel.0"), 0);
 }
+void plant_socket_for_folder() {
+    EXPECT_EQ(mknod("/dev/shm/kzmkernel.0", S_IFSOCK | 0666, 0), 0);
+}
 void plant_sibling() {
     write_text("/dev/shm/kzmkernel.0.guard", "");
 }
@@ -114,9 +117,9 @@ void plant_fifo_for_sibling() {
 void plant_link_for_sibling() {
     EXPECT_EQ(symlink("/etc/passwd", "/dev/shm/kzmkernel.0.guard"), 0);
 }
-constexpr void (*plants[])() = {plant_folder,          plant_file_for_folder,    plant_link_for_folder,
-                                plant_sibling,         plant_folder_for_sibling, plant_fifo_for_sibling,
-                                plant_link_for_sibling};
+constexpr void (*plants[])() = {
+    plant_folder,  plant_file_for_folder,    plant_link_for_folder,  plant_socket_for_folder,
+    plant_sibling, plant_folder_for_sibling, plant_fifo_for_sibling, plant_link_for_sibling};
 
 TEST(KernelOtherUsers, CannotMakeAnybodyUseAPlantedFolderOrSibling) {
     for (const auto plant : plants) {
