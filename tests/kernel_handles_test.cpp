@@ -107,11 +107,14 @@ TEST(KernelHandles, StayOpenWhileManyThreadsUseThem) {
     const Handle mapping(create_page(object_name()));
     const uint64_t number = kzmkernel_object_number(mapping.value);
     ASSERT_NE(number, 0u);
-    std::atomic<int> wrong{0};
+    constexpr int count = 4;
+    std::atomic<int> ready{0}, wrong{0};
     std::vector<std::thread> threads;
-    threads.reserve(4);
-    for (int i = 0; i < 4; ++i) {
+    threads.reserve(count);
+    for (int i = 0; i < count; ++i) {
         threads.emplace_back([&] {
+            // One thread may be through before the next one is made.
+            for (++ready; ready < count;) std::this_thread::yield();
             for (int use = 0; use < 100'000; ++use) wrong += kzmkernel_object_number(mapping.value) != number;
         });
     }
