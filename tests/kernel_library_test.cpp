@@ -64,11 +64,16 @@ TEST(KernelLibrary, CanBeUnloadedAfterUse) {
     copy.unload();
 }
 
+std::vector<pthread_key_t> take_all_thread_keys() {
+    std::vector<pthread_key_t> keys;
+    for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0; keys.push_back(key)) {
+    }
+    return keys;
+}
+
 TEST(KernelLibrary, WorksIfTheProgramHasUsedAllThreadKeys) {
     in_fork([] {
-        std::vector<pthread_key_t> keys;
-        for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0; keys.push_back(key)) {
-        }
+        const std::vector<pthread_key_t> keys = take_all_thread_keys();
         LoadedCopy copy;
         const std::string name = object_name();
         void* const mutex = FUNCTION_OF(copy, kzmkernel_create_mutex)(name.c_str());
@@ -98,9 +103,7 @@ TEST(KernelLibrary, UnmapsTheMutexThatTheUnloadingThreadUsedLast) {
 }
 
 size_t free_thread_keys() {
-    std::vector<pthread_key_t> keys;
-    for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0; keys.push_back(key)) {
-    }
+    const std::vector<pthread_key_t> keys = take_all_thread_keys();
     for (const pthread_key_t key : keys) pthread_key_delete(key);
     return keys.size();
 }
